@@ -1,0 +1,133 @@
+/// The base of every record in the state database.
+///
+/// A record is an entity with named fields.  A setter that changes a field tells the entity's reactors at once, one
+/// after the other; setting a field to what it already is tells nobody.  A record that sits in a collection
+/// of another record also tells the watchers of its ancestors (`watch`), which is how a change feed
+/// follows a whole tree.  Nobody outside this room implements `Entity` directly: see State/Record.h.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <typeinfo>
+#include <vector>
+
+#include "State/Value.h"
+
+namespace State {
+
+class Entity;
+
+/// One change of one field; `key` names the entry when the field is a map or a collection.
+/// References are valid during the call only.
+class Change {
+public:
+    Change(const Entity& changed, std::string_view fieldName) : entity{changed}, field{fieldName} {}
+    template <class K>
+    Change(const Entity& changed, std::string_view fieldName, const K& k)
+        : entity{changed}, field{fieldName}, key_{&k}, keyType_{&typeid(K)} {}
+
+    /// The key of the entry that was added, changed or removed; null when the field has no keys of type K.
+    template <class K>
+    [[nodiscard]] const K* key() const {
+        return keyType_ != nullptr && *keyType_ == typeid(K) ? static_cast<const K*>(key_) : nullptr;
+    }
+
+    const Entity& entity;
+    std::string_view field;
+
+private:
+    const void* key_ = nullptr;
+    const std::type_info* keyType_ = nullptr;
+};
+
+using ChangeHandler = std::function<void(const Change&)>;
+
+struct ReactorList;
+struct ReactorSlot;
+
+/// A live interest in an entity's changes; ends with its destruction.  May outlive the entity.
+class Reactor {
+public:
+    Reactor() = default;
+    Reactor(std::weak_ptr<ReactorList> list, std::shared_ptr<ReactorSlot> slot);
+    Reactor(Reactor&&) noexcept = default;
+    Reactor& operator=(Reactor&& other) noexcept;
+    Reactor(const Reactor&) = delete;
+    Reactor& operator=(const Reactor&) = delete;
+    ~Reactor();
+
+    /// Notifications off (false) and on again (true); changes in between are not told later.
+    void hasNotificationActiveIs(bool active);
+    [[nodiscard]] explicit operator bool() const { return slot_ != nullptr; }
+
+private:
+    void retire();
+    std::weak_ptr<ReactorList> list_;
+    std::shared_ptr<ReactorSlot> slot_;
+};
+
+/// Receives every field of a record, in the record's own order.
+class FieldVisitor {
+public:
+    virtual ~FieldVisitor() = default;
+    /// `type` is "bool", "u16", "enum", "map", "collection" and so on.
+    virtual void field(std::string_view name, std::string_view type, const Value& value) = 0;
+};
+
+class Entity {
+public:
+    Entity() = default;
+    Entity(const Entity&) = delete;
+    Entity& operator=(const Entity&) = delete;
+    virtual ~Entity();
+
+    /// The name under which the database makes records of this class, for example "Msrp::Config".
+    [[nodiscard]] virtual std::string_view typeName() const = 0;
+    virtual void visit(FieldVisitor& visitor) const = 0;
+    /// The whole record, nested records included.
+    [[nodiscard]] Value value() const;
+    /// The field of that name and, where `rest` names keys below it ("swp1" or "2/intf/swp1"), the entry.
+    /// Empty when there is no such field or entry.
+    [[nodiscard]] virtual std::optional<Value> fieldValue(std::string_view name, std::string_view rest) const = 0;
+
+    /// Tells what would be wrong with writing `patch`; changes nothing.
+    [[nodiscard]] virtual MaybeProblem check(const Value& patch) const = 0;
+    /// Writes every field that `patch` names.  Maps and collections take the entries that it names, and lose those
+    /// whose value is null (as in RFC 7396).  Writes nothing when anything is wrong.
+    [[nodiscard]] MaybeProblem apply(const Value& patch);
+
+    /// Calls `handler` at every change of this record's own fields.
+    [[nodiscard]] Reactor react(ChangeHandler handler) const;
+    /// The same for this record and every record below it.
+    [[nodiscard]] Reactor watch(ChangeHandler handler) const;
+
+protected:
+    template <class T>
+    void assign(T& field, const T& value, std::string_view name) {
+        if (field == value) return;
+        field = value;
+        changed(Change{*this, name});
+    }
+    void changed(const Change& change) const;
+
+private:
+    friend struct Ownership;
+    template <class>
+    friend class Record;
+
+    /// Writes a patch that `check` found good.
+    virtual void write(const Value& patch) = 0;
+    [[nodiscard]] Reactor subscribe(ChangeHandler handler, bool deep) const;
+
+    Entity* parent_ = nullptr;
+    mutable std::shared_ptr<ReactorList> reactors_;
+};
+
+/// The one place that links a record to the record whose collection holds it.
+struct Ownership {
+    static void parentIs(Entity& child, Entity* parent) { child.parent_ = parent; }
+    static void write(Entity& child, const Value& patch) { child.write(patch); }
+};
+
+}  // namespace State

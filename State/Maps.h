@@ -1,0 +1,132 @@
+/// The two containers of record fields: `FlatMap` for plain values and `Collection` for records.
+/// Both are ordered by key, so that nothing that depends on a walk depends on hashing; both offer `firstKey` and
+/// `nextKey`, with which a walk survives changes that its own steps make.
+#pragma once
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "State/Entity.h"
+
+namespace State {
+
+/// A map as a sorted vector: small, and fast for the few entries that a field has.
+template <class K, class V>
+class FlatMap {
+public:
+    using Item = std::pair<K, V>;
+
+    [[nodiscard]] const V* find(const K& key) const {
+        const auto at = lower(key);
+        return at != items_.end() && at->first == key ? &at->second : nullptr;
+    }
+    [[nodiscard]] V get(const K& key, V absent = V{}) const {
+        const V* found = find(key);
+        return found != nullptr ? *found : absent;
+    }
+    [[nodiscard]] bool contains(const K& key) const { return find(key) != nullptr; }
+
+    /// True when the map is different now.
+    bool set(const K& key, const V& value) {
+        const auto at = lower(key);
+        if (at == items_.end() || at->first != key) {
+            items_.insert(at, Item{key, value});
+            return true;
+        }
+        auto& held = items_[static_cast<std::size_t>(at - items_.cbegin())].second;
+        if (held == value) return false;
+        held = value;
+        return true;
+    }
+    bool erase(const K& key) {
+        const auto at = lower(key);
+        if (at == items_.end() || at->first != key) return false;
+        items_.erase(at);
+        return true;
+    }
+    void clear() { items_.clear(); }
+
+    [[nodiscard]] bool empty() const { return items_.empty(); }
+    [[nodiscard]] std::size_t size() const { return items_.size(); }
+    [[nodiscard]] auto begin() const { return items_.begin(); }
+    [[nodiscard]] auto end() const { return items_.end(); }
+
+    [[nodiscard]] std::optional<K> firstKey() const {
+        return items_.empty() ? std::nullopt : std::optional<K>{items_.front().first};
+    }
+    /// The smallest key above `key`.
+    [[nodiscard]] std::optional<K> nextKey(const K& key) const {
+        auto at = lower(key);
+        if (at != items_.end() && at->first == key) ++at;
+        return at == items_.end() ? std::nullopt : std::optional<K>{at->first};
+    }
+
+private:
+    [[nodiscard]] typename std::vector<Item>::const_iterator lower(const K& key) const {
+        return std::lower_bound(items_.begin(), items_.end(), key,
+                                [](const Item& item, const K& k) { return item.first < k; });
+    }
+    std::vector<Item> items_;
+};
+
+/// Records by key.  Constant access hands out pointers to constant records.
+template <class K, class E>
+class Collection {
+public:
+    Collection() = default;
+    Collection(const Collection&) = delete;
+    Collection& operator=(const Collection&) = delete;
+    ~Collection() {
+        for (auto& [key, entity] : items_) Ownership::parentIs(*entity, nullptr);
+    }
+
+    [[nodiscard]] std::shared_ptr<const E> get(const K& key) const {
+        const auto at = items_.find(key);
+        return at == items_.end() ? nullptr : at->second;
+    }
+    [[nodiscard]] std::shared_ptr<E> get(const K& key) {
+        const auto at = items_.find(key);
+        return at == items_.end() ? nullptr : at->second;
+    }
+    /// Takes `entity` in under `key`, in place of what was there.
+    void put(const K& key, std::shared_ptr<E> entity, Entity* owner) {
+        Ownership::parentIs(*entity, owner);
+        auto& held = items_[key];
+        if (held && held != entity) Ownership::parentIs(*held, nullptr);
+        held = std::move(entity);
+    }
+    /// The removed record, or null.
+    std::shared_ptr<E> erase(const K& key) {
+        const auto at = items_.find(key);
+        if (at == items_.end()) return nullptr;
+        std::shared_ptr<E> entity = std::move(at->second);
+        items_.erase(at);
+        Ownership::parentIs(*entity, nullptr);
+        return entity;
+    }
+
+    [[nodiscard]] bool contains(const K& key) const { return items_.contains(key); }
+    [[nodiscard]] bool empty() const { return items_.empty(); }
+    [[nodiscard]] std::size_t size() const { return items_.size(); }
+    [[nodiscard]] std::optional<K> firstKey() const {
+        return items_.empty() ? std::nullopt : std::optional<K>{items_.begin()->first};
+    }
+    [[nodiscard]] std::optional<K> nextKey(const K& key) const {
+        const auto at = items_.upper_bound(key);
+        return at == items_.end() ? std::nullopt : std::optional<K>{at->first};
+    }
+    /// Calls `visit(key, record)` for all; `visit` must not add or remove entries.
+    template <class F>
+    void each(F&& visit) const {
+        for (const auto& [key, entity] : items_) visit(key, static_cast<const E&>(*entity));
+    }
+
+private:
+    std::map<K, std::shared_ptr<E>> items_;
+};
+
+}  // namespace State

@@ -1,0 +1,291 @@
+/// How a record is written down: a class derives from `Record<itself>`, holds its fields as plain members, `FlatMap`s
+/// and `Collection`s, and lists them once in a static function `fields`.  Reading, checking and writing by
+/// name all come from that one list.
+///
+///     class Config : public State::Record<Config> {
+///     public:
+///         static constexpr std::string_view type = "Msrp::Config";
+///         std::uint16_t limit() const { return limit_; }
+///         void limitIs(std::uint16_t v) { assign(limit_, v, "limit"); }
+///         template <class F> static void fields(F&& each) { each(State::scalar("limit", &Config::limit_)); }
+///     private:
+///         std::uint16_t limit_ = 0;
+///     };
+#pragma once
+
+#include <concepts>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "State/Codec.h"
+#include "State/Entity.h"
+#include "State/Maps.h"
+
+namespace State {
+
+inline Problem badValue(const Value& value, const std::string& expected) {
+    return {"", text(value) + " is not " + expected};
+}
+inline Problem badKey(std::string_view key, const std::string& expected) {
+    return {"", '"' + std::string{key} + "\" is not " + expected};
+}
+/// "a/b/c" to "a" and "b/c".
+inline std::pair<std::string_view, std::string_view> splitPath(std::string_view path) {
+    const std::size_t slash = path.find('/');
+    if (slash == std::string_view::npos) return {path, {}};
+    return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+/// Access to `Entity`'s notification for the field descriptions below.
+struct Notify {
+    template <class R>
+    static void changed(R& record, const Change& change) {
+        record.changed(change);
+    }
+};
+
+template <class R, class T>
+struct Scalar {
+    std::string_view name;
+    T R::*member;
+    T min{};  ///< with `max`, the range that may be written; not used where both are equal
+    T max{};
+
+    [[nodiscard]] std::string_view type() const { return Codec<T>::typeName; }
+    [[nodiscard]] Value read(const R& record) const { return Codec<T>::encode(record.*member); }
+    [[nodiscard]] std::optional<Value> entry(const R& record, std::string_view rest) const {
+        return rest.empty() ? std::optional<Value>{read(record)} : std::nullopt;
+    }
+    [[nodiscard]] MaybeProblem check(const R&, const Value& value) const {
+        const auto decoded = Codec<T>::decode(value);
+        if (!decoded) return badValue(value, Codec<T>::expected());
+        if constexpr (std::integral<T> || std::floating_point<T>) {
+            if (min != max && (*decoded < min || *decoded > max)) {
+                return badValue(value, "from " + text(Codec<T>::encode(min)) + " to " + text(Codec<T>::encode(max)));
+            }
+        }
+        return std::nullopt;
+    }
+    void write(R& record, const Value& value) const {
+        T decoded = *Codec<T>::decode(value);
+        if (record.*member == decoded) return;
+        record.*member = std::move(decoded);
+        Notify::changed(record, Change{record, name});
+    }
+};
+
+template <class R, class K, class V>
+struct MapField {
+    std::string_view name;
+    FlatMap<K, V> R::*member;
+
+    [[nodiscard]] static std::string_view type() { return "map"; }
+    [[nodiscard]] Value read(const R& record) const {
+        Object entries;
+        for (const auto& [key, value] : record.*member) {
+            entries.emplace_back(KeyText<K>::text(key), Codec<V>::encode(value));
+        }
+        return Value{std::move(entries)};
+    }
+    [[nodiscard]] std::optional<Value> entry(const R& record, std::string_view rest) const {
+        if (rest.empty()) return read(record);
+        const auto key = KeyText<K>::parse(rest);
+        const V* found = key ? (record.*member).find(*key) : nullptr;
+        return found != nullptr ? std::optional<Value>{Codec<V>::encode(*found)} : std::nullopt;
+    }
+    [[nodiscard]] MaybeProblem check(const R&, const Value& patch) const {
+        if (patch.object() == nullptr) return badValue(patch, "an object");
+        for (const auto& [keyText, value] : *patch.object()) {
+            if (!KeyText<K>::parse(keyText)) return badKey(keyText, KeyText<K>::expected());
+            if (!value.isNull() && !Codec<V>::decode(value)) {
+                return badValue(value, Codec<V>::expected()).below(keyText);
+            }
+        }
+        return std::nullopt;
+    }
+    void write(R& record, const Value& patch) const {
+        for (const auto& [keyText, value] : *patch.object()) {
+            const K key = *KeyText<K>::parse(keyText);
+            auto& map = record.*member;
+            const bool differs = value.isNull() ? map.erase(key) : map.set(key, *Codec<V>::decode(value));
+            if (differs) Notify::changed(record, Change{record, name, key});
+        }
+    }
+};
+
+template <class R, class K, class E, class Text>
+struct CollectionField {
+    std::string_view name;
+    Collection<K, E> R::*member;
+
+    [[nodiscard]] static std::string_view type() { return "collection"; }
+    [[nodiscard]] Value read(const R& record) const {
+        Object entries;
+        (record.*member).each([&](const K& key, const E& child) {
+            entries.emplace_back(Text::text(key), child.value());
+        });
+        return Value{std::move(entries)};
+    }
+    [[nodiscard]] std::optional<Value> entry(const R& record, std::string_view rest) const {
+        if (rest.empty()) return read(record);
+        const auto [keyText, below] = splitPath(rest);
+        const auto key = Text::parse(keyText);
+        const auto child = key ? (record.*member).get(*key) : nullptr;
+        if (!child) return std::nullopt;
+        if (below.empty()) return child->value();
+        const auto [field, deeper] = splitPath(below);
+        return child->fieldValue(field, deeper);
+    }
+    [[nodiscard]] MaybeProblem check(const R& record, const Value& patch) const {
+        if (patch.object() == nullptr) return badValue(patch, "an object");
+        for (const auto& [keyText, value] : *patch.object()) {
+            const auto key = Text::parse(keyText);
+            if (!key) return badKey(keyText, Text::expected());
+            if (value.isNull()) continue;
+            const std::shared_ptr<const E> held = (record.*member).get(*key);
+            const auto problem = held ? held->check(value) : E{*key}.check(value);
+            if (problem) return problem->below(keyText);
+        }
+        return std::nullopt;
+    }
+    void write(R& record, const Value& patch) const {
+        for (const auto& [keyText, value] : *patch.object()) {
+            const K key = *Text::parse(keyText);
+            auto& held = record.*member;
+            if (value.isNull()) {
+                const auto removed = held.erase(key);
+                if (removed) Notify::changed(record, Change{record, name, key});
+            } else if (const auto child = held.get(key)) {
+                Ownership::write(*child, value);
+            } else {
+                // A newcomer is filled before anybody hears of it.
+                auto fresh = std::make_shared<E>(key);
+                Ownership::write(*fresh, value);
+                held.put(key, std::move(fresh), &record);
+                Notify::changed(record, Change{record, name, key});
+            }
+        }
+    }
+};
+
+/// A field that is computed from the record and can only be read.
+template <class R, class Read>
+struct Derived {
+    std::string_view name;
+    Read readIt;
+
+    [[nodiscard]] static std::string_view type() { return "derived"; }
+    [[nodiscard]] Value read(const R& record) const { return readIt(record); }
+    [[nodiscard]] std::optional<Value> entry(const R& record, std::string_view rest) const {
+        const Value all = read(record);
+        if (rest.empty()) return all;
+        const Value* one = all.member(rest);
+        return one != nullptr ? std::optional<Value>{*one} : std::nullopt;
+    }
+    [[nodiscard]] MaybeProblem check(const R&, const Value&) const { return Problem{"", "cannot be written"}; }
+    void write(R&, const Value&) const {}
+};
+
+template <class R, class T>
+constexpr Scalar<R, T> scalar(std::string_view name, T R::*member) {
+    return {name, member};
+}
+template <class R, class T>
+constexpr Scalar<R, T> scalar(std::string_view name, T R::*member, T min, T max) {
+    return {name, member, min, max};
+}
+template <class R, class K, class V>
+constexpr MapField<R, K, V> map(std::string_view name, FlatMap<K, V> R::*member) {
+    return {name, member};
+}
+template <class Text = void, class R, class K, class E>
+constexpr auto collection(std::string_view name, Collection<K, E> R::*member) {
+    using KeyForm = std::conditional_t<std::is_void_v<Text>, KeyText<K>, Text>;
+    return CollectionField<R, K, E, KeyForm>{name, member};
+}
+template <class R, class Read>
+constexpr Derived<R, Read> derived(std::string_view name, Read read) {
+    return {name, read};
+}
+
+template <class R>
+class Record : public Entity {
+public:
+    [[nodiscard]] std::string_view typeName() const override { return R::type; }
+
+    void visit(FieldVisitor& visitor) const override {
+        R::fields([&](const auto& field) { visitor.field(field.name, field.type(), field.read(self())); });
+    }
+    [[nodiscard]] std::optional<Value> fieldValue(std::string_view name, std::string_view rest) const override {
+        std::optional<Value> found;
+        R::fields([&](const auto& field) {
+            if (field.name == name) found = field.entry(self(), rest);
+        });
+        return found;
+    }
+    [[nodiscard]] MaybeProblem check(const Value& patch) const override {
+        const Object* members = patch.object();
+        if (members == nullptr) return badValue(patch, "an object");
+        for (const auto& [name, value] : *members) {
+            bool known = false;
+            MaybeProblem problem;
+            R::fields([&, &fieldName = name, &fieldValue = value](const auto& field) {
+                if (field.name != fieldName) return;
+                known = true;
+                problem = field.check(self(), fieldValue);
+            });
+            if (!known) return Problem{"", "no field \"" + name + "\" in " + std::string{R::type}};
+            if (problem) return problem->below(name);
+        }
+        return std::nullopt;
+    }
+
+protected:
+    template <class K, class V>
+    void setEntry(FlatMap<K, V>& map, const K& key, const V& value, std::string_view name) {
+        if (map.set(key, value)) changed(Change{*this, name, key});
+    }
+    template <class K, class V>
+    void delEntry(FlatMap<K, V>& map, const K& key, std::string_view name) {
+        if (map.erase(key)) changed(Change{*this, name, key});
+    }
+    template <class K, class V>
+    void delEntries(FlatMap<K, V>& map, std::string_view name) {
+        while (auto key = map.firstKey()) delEntry(map, *key, name);
+    }
+    /// The record under `key`, made when there is none.
+    template <class K, class E>
+    std::shared_ptr<E> makeChild(Collection<K, E>& children, const K& key, std::string_view name) {
+        if (auto held = children.get(key)) return held;
+        auto child = std::make_shared<E>(key);
+        children.put(key, child, this);
+        changed(Change{*this, name, key});
+        return child;
+    }
+    template <class K, class E>
+    void delChild(Collection<K, E>& children, const K& key, std::string_view name) {
+        // The record lives on until its removal has been told.
+        const auto removed = children.erase(key);
+        if (removed) changed(Change{*this, name, key});
+    }
+    template <class K, class E>
+    void delChildren(Collection<K, E>& children, std::string_view name) {
+        while (auto key = children.firstKey()) delChild(children, *key, name);
+    }
+
+private:
+    friend struct Notify;
+    void write(const Value& patch) override {
+        for (const auto& [name, value] : *patch.object()) {
+            R::fields([&, &fieldName = name, &fieldValue = value](const auto& field) {
+                if (field.name == fieldName) field.write(self(), fieldValue);
+            });
+        }
+    }
+    [[nodiscard]] const R& self() const { return static_cast<const R&>(*this); }
+    [[nodiscard]] R& self() { return static_cast<R&>(*this); }
+};
+
+}  // namespace State

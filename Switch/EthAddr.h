@@ -1,0 +1,58 @@
+/// 48-bit MAC address.
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "State/Codec.h"
+
+class EthAddr {
+public:
+    constexpr EthAddr() = default;
+    explicit constexpr EthAddr(const std::array<std::uint8_t, 6>& octets) : octets_{octets} {}
+    /// From the low 48 bits; the first octet on the wire is the most significant.
+    static constexpr EthAddr fromNumber(std::uint64_t number) {
+        EthAddr a;
+        for (std::size_t i = 0; i < 6; ++i) a.octets_[5 - i] = static_cast<std::uint8_t>(number >> (8 * i));
+        return a;
+    }
+    /// Six pairs of hexadecimal digits joined by colons.
+    static std::optional<EthAddr> parse(std::string_view text);
+
+    [[nodiscard]] constexpr std::uint64_t number() const {
+        std::uint64_t n = 0;
+        for (const std::uint8_t octet : octets_) n = n << 8 | octet;
+        return n;
+    }
+    [[nodiscard]] constexpr const std::array<std::uint8_t, 6>& octets() const { return octets_; }
+    /// The group bit: the lowest bit of the first octet.
+    [[nodiscard]] constexpr bool isMulticast() const { return (octets_[0] & 1U) != 0; }
+    /// "91:e0:f0:00:fe:01"
+    [[nodiscard]] std::string text() const;
+    auto operator<=>(const EthAddr&) const = default;
+
+private:
+    std::array<std::uint8_t, 6> octets_{};
+};
+
+template <>
+struct State::KeyText<EthAddr> {
+    static std::string text(const EthAddr& a) { return a.text(); }
+    static std::optional<EthAddr> parse(std::string_view t) { return EthAddr::parse(t); }
+    static std::string expected() { return "an address like 91:e0:f0:00:fe:01"; }
+};
+
+template <>
+struct State::Codec<EthAddr> {
+    static constexpr std::string_view typeName = "address";
+    static Value encode(const EthAddr& a) { return Value{a.text()}; }
+    static std::optional<EthAddr> decode(const Value& v) {
+        const auto* s = std::get_if<std::string>(&v.data);
+        return s == nullptr ? std::nullopt : EthAddr::parse(*s);
+    }
+    static std::string expected() { return KeyText<EthAddr>::expected(); }
+};
