@@ -6,7 +6,7 @@
 
 namespace Runtime {
 
-/// Writes "Assertion failed: " and `text` to standard error and the ring log, then aborts.
+/// Writes "Assertion failed: " and `text` to standard error, then aborts.
 [[noreturn]] void assertionFailed(std::string_view text);
 
 /// Ends the process with `text` unless `holds`.

@@ -264,6 +264,12 @@ protected:
         changed(Change{*this, name, key});
         return child;
     }
+    /// Takes in a record that was filled before anybody hears of it.
+    template <class K, class E>
+    void putChild(Collection<K, E>& children, const K& key, std::shared_ptr<E> child, std::string_view name) {
+        children.put(key, std::move(child), this);
+        changed(Change{*this, name, key});
+    }
     template <class K, class E>
     void delChild(Collection<K, E>& children, const K& key, std::string_view name) {
         // The record lives on until its removal has been told.

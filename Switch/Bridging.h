@@ -18,7 +18,7 @@ class VlanPortConfig : public State::Record<VlanPortConfig> {
 public:
     static constexpr std::string_view type = "Bridging::VlanPortConfig";
     template <class Key>
-    explicit VlanPortConfig(Key) {}
+    explicit VlanPortConfig(Key, bool tagged = false) : tagged_{tagged} {}
 
     [[nodiscard]] bool tagged() const { return tagged_; }
     void taggedIs(bool v) { assign(tagged_, v, "tagged"); }
@@ -29,7 +29,7 @@ public:
     }
 
 private:
-    bool tagged_ = false;
+    bool tagged_;
 };
 
 class VlanConfig : public State::Record<VlanConfig> {

@@ -35,8 +35,13 @@ public:
     /// The VLANs of this topology that the port is a member of; kept by `Bridging::TopologyAgent`.
     [[nodiscard]] const State::Collection<VlanId, VlanPortConfig>& vlanPortConfig() const { return vlanPortConfig_; }
     [[nodiscard]] std::shared_ptr<const VlanPortConfig> vlanPortConfig(VlanId id) const { return vlanPortConfig_.get(id); }
-    std::shared_ptr<VlanPortConfig> vlanPortConfigIs(VlanId id) {
-        return makeChild(vlanPortConfig_, id, "vlanPortConfig");
+    /// Takes the VLAN in, or changes how it is carried.
+    void vlanPortConfigIs(VlanId id, bool tagged) {
+        if (const auto held = vlanPortConfig_.get(id)) {
+            held->taggedIs(tagged);
+        } else {
+            putChild(vlanPortConfig_, id, std::make_shared<VlanPortConfig>(id, tagged), "vlanPortConfig");
+        }
     }
     void vlanPortConfigDel(VlanId id) { delChild(vlanPortConfig_, id, "vlanPortConfig"); }
 

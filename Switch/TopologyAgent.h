@@ -1,0 +1,37 @@
+/// Keeps the bridging topology configuration complete: the VLAN membership of each topology's ports follows the VLAN
+/// configuration, and where no spanning tree runs (mode `None`) one topology of the agent's own making, "NoStp", has
+/// every port forwarding.
+#pragma once
+
+#include <memory>
+
+#include "Switch/Bridging.h"
+#include "Switch/BridgingTopology.h"
+#include "Switch/Interface.h"
+#include "Switch/Stp.h"
+
+namespace Bridging {
+
+class TopologyAgent {
+public:
+    TopologyAgent(std::shared_ptr<const Config> bridging, std::shared_ptr<const Stp::Status> stp,
+                  std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ports,
+                  std::shared_ptr<Topology::Config> topology);
+
+private:
+    void refresh();
+    void keepOwnTopology();
+    void keepVlans(Topology::TopoConfig& topo);
+
+    std::shared_ptr<const Config> bridging_;
+    std::shared_ptr<const Stp::Status> stp_;
+    std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ports_;
+    std::shared_ptr<Topology::Config> topology_;
+    bool refreshing_ = false;
+    State::Reactor bridgingReactor_;
+    State::Reactor stpReactor_;
+    State::Reactor portsReactor_;
+    State::Reactor topologyReactor_;
+};
+
+}  // namespace Bridging
