@@ -1,19 +1,20 @@
 /// The frame in which an agent of the switch runs: who makes it, who calls it when, and what it may use.
 ///
-/// Life of an agent: a factory makes it, `start` calls `doInit` (local entities, mounts asked for), the mounts are made
-/// and `doMountsComplete` tells how that went, `stop` calls `doCleanup`.  All calls come from the loop's thread.
+/// Life of an agent: a factory makes it, `start` calls `doInit` (local entities, mounts asked for), the
+/// mounts are made and `doMountsComplete` tells how that went, `stop` calls `doCleanup`.  All calls come from
+/// the loop's thread.
 #pragma once
-
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <string>
 
 #include "Runtime/EntityManager.h"
 #include "Runtime/Loop.h"
 #include "Runtime/RingLog.h"
 #include "Runtime/SystemLog.h"
 #include "Runtime/Trace.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
 
 namespace Runtime {
 

@@ -11,7 +11,8 @@ namespace Runtime {
 
 /// Ends the process with `text` unless `holds`.
 inline void require(bool holds, std::string_view text) {
-    if (!holds) [[unlikely]] assertionFailed(text);
+    if (!holds) [[unlikely]]
+        assertionFailed(text);
 }
 
 }  // namespace Runtime

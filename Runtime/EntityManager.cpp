@@ -12,9 +12,11 @@ MountStatus EntityManager::doMounts(std::string& failure) {
     for (const Mount& mount : mounts_) {
         const auto mode = State::mountMode(mount.modeLetters);
         auto entity = database_.entity(mount.path);
-        if (!entity && mode == State::MountMode::writeCreate) entity = database_.entityIs(mount.path, mount.type);
+        if (!entity && mode == State::MountMode::writeCreate)
+            entity = database_.entityIs(mount.path, mount.type);
         if (!mode || !entity || entity->typeName() != mount.type) {
-            failure = "mount of " + mount.path + " as " + mount.type + " (" + mount.modeLetters + ") failed: " +
+            failure = "mount of " + mount.path + " as " + mount.type + " (" + mount.modeLetters +
+                      ") failed: " +
                       (!mode     ? "unknown mode"
                        : !entity ? "no such record"
                                  : "the record is a " + std::string{entity->typeName()});

@@ -1,12 +1,13 @@
-/// An agent's way into the state database: local entities, and mounts that are asked for first and made together.
+/// An agent's way into the state database: local entities, and mounts that are asked for first and made
+/// together.
 #pragma once
+
+#include "State/Database.h"
 
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "State/Database.h"
 
 namespace Runtime {
 

@@ -2,19 +2,20 @@
 /// `VirtualLoop` for tests and simulations, and the epoll loop of the Linux room.
 #pragma once
 
+#include "Runtime/Time.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <utility>
 #include <vector>
 
-#include "Runtime/Time.h"
-
 namespace Runtime {
 
 class Loop;
 
-/// A one-shot timer.  Destroying it cancels it, but its own handler must not destroy it.  The loop must outlive it.
+/// A one-shot timer.  Destroying it cancels it, but its own handler must not destroy it.  The loop must
+/// outlive it.
 class Timer {
 public:
     Timer(Loop& loop, std::function<void()> fire) : loop_{loop}, fire_{std::move(fire)} {}
@@ -54,8 +55,8 @@ protected:
     /// Runs the posted tasks, those included that they post, up to a limit that keeps timers and
     /// sockets from starving; true when some are left.
     bool runPosted();
-    /// Fires the timers that are due at `now`, in the order of time and then of arming; tasks that they post run
-    /// before the next timer.  Timers armed meanwhile for `now` wait for the next call.
+    /// Fires the timers that are due at `now`, in the order of time and then of arming; tasks that they post
+    /// run before the next timer.  Timers armed meanwhile for `now` wait for the next call.
     void fireDue(Time now);
     [[nodiscard]] bool timerArmed() const { return !timers_.empty(); }
     /// The earliest timer's time; only while `timerArmed()`.
@@ -95,8 +96,8 @@ public:
         std::function<void()> end_;
     };
 
-    /// Calls `handler` whenever `fd` is readable (or writable), and on errors of it, level-triggered.  At most one
-    /// watch for each descriptor and kind.
+    /// Calls `handler` whenever `fd` is readable (or writable), and on errors of it, level-triggered.  At
+    /// most one watch for each descriptor and kind.
     [[nodiscard]] virtual Watch watch(int fd, Ready kind, std::function<void()> handler) = 0;
 };
 

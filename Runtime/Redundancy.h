@@ -1,16 +1,23 @@
 /// The switch's redundancy status: which of two supervisors this one is.
 #pragma once
 
+#include "State/Record.h"
+
 #include <array>
 #include <string>
 #include <string_view>
 
-#include "State/Record.h"
-
 namespace Redundancy {
 
 /// The numbers are the platform's; agents know three of them.
-enum class Mode : std::uint32_t { unknown = 0, disabled = 1, simplex = 2, standby = 3, active = 4, switchover = 5 };
+enum class Mode : std::uint32_t {
+    unknown = 0,
+    disabled = 1,
+    simplex = 2,
+    standby = 3,
+    active = 4,
+    switchover = 5
+};
 constexpr auto modeNames = std::to_array<State::EnumName<Mode>>({{Mode::unknown, "unknown"},
                                                                  {Mode::disabled, "disabled"},
                                                                  {Mode::simplex, "simplex"},

@@ -1,15 +1,14 @@
 #include "Runtime/RingLog.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace Runtime {
 
@@ -36,15 +35,17 @@ std::string RingLog::path(const std::string& fileName) {
     if (const char* directory = std::getenv("RINGLOGDIR")) return std::string{directory} + "/" + fileName;
     const char* temporary = std::getenv("TMPDIR");
     std::string name = fileName;
-    if (const std::size_t at = name.find("%d"); at != std::string::npos) name.replace(at, 2, std::to_string(::getpid()));
+    if (const std::size_t at = name.find("%d"); at != std::string::npos)
+        name.replace(at, 2, std::to_string(::getpid()));
     return std::string{temporary != nullptr ? temporary : "/tmp"} + "/" + name;
 }
 
-std::string RingLog::initialise(const std::string& path, unsigned argumentOctets, unsigned firstSlot, unsigned files,
-                                unsigned kibibytes) {
+std::string RingLog::initialise(const std::string& path, unsigned argumentOctets, unsigned firstSlot,
+                                unsigned files, unsigned kibibytes) {
     close();
     const std::size_t size = std::size_t{kibibytes} * 1024;
-    if (files != 1 || argumentOctets > 24 || size < 2 * slotOctets) return "ring log: parameters out of range";
+    if (files != 1 || argumentOctets > 24 || size < 2 * slotOctets)
+        return "ring log: parameters out of range";
 
     // A fresh file: the old one may be open elsewhere, and a planted link must not be followed.
     ::unlink(path.c_str());
@@ -101,7 +102,8 @@ std::optional<std::vector<RingRecord>> RingLog::read(const std::string& path) {
         if (record.sequence == 0) continue;
         record.time = Time{Duration{load<std::int64_t>(slot + timeAt)}};
         record.label.assign(slot + labelAt, ::strnlen(slot + labelAt, labelOctets));
-        for (std::size_t i = 0; i < 3; ++i) record.arguments[i] = load<std::uint64_t>(slot + argumentsAt + 8 * i);
+        for (std::size_t i = 0; i < 3; ++i)
+            record.arguments[i] = load<std::uint64_t>(slot + argumentsAt + 8 * i);
         records.push_back(std::move(record));
     }
     std::sort(records.begin(), records.end(),

@@ -1,10 +1,14 @@
-/// The ring log: a file of fixed size that keeps the last records of what the process did, also when the process
-/// dies without warning (the file is mapped memory; the kernel keeps what was written).
+/// The ring log: a file of fixed size that keeps the last records of what the process did, also when the
+/// process dies without warning (the file is mapped memory; the kernel keeps what was written).
 ///
-/// File: one header of 64 octets, then slots of 64 octets, overwritten in a circle.  Numbers in the machine's order.
+/// File: one header of 64 octets, then slots of 64 octets, overwritten in a circle.  Numbers in the machine's
+/// order.
 ///     header: "RINGLOG1", u64 number of slots, zeros
-///     slot:   u64 sequence number (0: never written), i64 time in ns, 24 octets label, 24 octets arguments (three u64)
+///     slot:   u64 sequence number (0: never written), i64 time in ns, 24 octets label, 24 octets arguments
+///     (three u64)
 #pragma once
+
+#include "Runtime/Time.h"
 
 #include <array>
 #include <cstddef>
@@ -13,8 +17,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "Runtime/Time.h"
 
 namespace Runtime {
 
@@ -32,18 +34,20 @@ public:
     RingLog& operator=(const RingLog&) = delete;
     ~RingLog() { close(); }
 
-    /// Where the file of that name lies: in the directory that the environment variable RINGLOGDIR names, else in the
-    /// system's directory for temporary files, where a "%d" in the name is filled with the process number.
+    /// Where the file of that name lies: in the directory that the environment variable RINGLOGDIR names,
+    /// else in the system's directory for temporary files, where a "%d" in the name is filled with the
+    /// process number.
     static std::string path(const std::string& fileName);
 
-    /// Opens the file that later records go to, in place of one that an earlier run left.  `argumentOctets` is what a
-    /// record carries beside its label (at most 24), `firstSlot` the slot that is written first, `files` how many files
-    /// take turns (only 1 is known), `kibibytes` the size.  Empty on success, else what went wrong; until then records
-    /// are dropped.
-    std::string initialise(const std::string& path, unsigned argumentOctets, unsigned firstSlot, unsigned files,
-                           unsigned kibibytes);
+    /// Opens the file that later records go to, in place of one that an earlier run left.  `argumentOctets`
+    /// is what a record carries beside its label (at most 24), `firstSlot` the slot that is written first,
+    /// `files` how many files take turns (only 1 is known), `kibibytes` the size.  Empty on success, else
+    /// what went wrong; until then records are dropped.
+    std::string initialise(const std::string& path, unsigned argumentOctets, unsigned firstSlot,
+                           unsigned files, unsigned kibibytes);
 
-    void write(Time time, std::string_view label, std::uint64_t a = 0, std::uint64_t b = 0, std::uint64_t c = 0) {
+    void write(Time time, std::string_view label, std::uint64_t a = 0, std::uint64_t b = 0,
+               std::uint64_t c = 0) {
         if (memory_ != nullptr) store(time, label, {a, b, c});
     }
 

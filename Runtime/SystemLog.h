@@ -1,6 +1,8 @@
 /// The system log: named events with fixed formats, one line each, for the person who runs the network.
 #pragma once
 
+#include "Runtime/Text.h"
+
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -8,15 +10,13 @@
 #include <string_view>
 #include <utility>
 
-#include "Runtime/Text.h"
-
 namespace Runtime {
 
 /// What is fixed about an event.  Made once when the program is loaded.
 struct LogEvent {
-    std::string_view name;         ///< for example "MSRP_ERROR"
-    int severity;                  ///< syslog severity, 6 = informational
-    std::string_view format;       ///< conversions %s, %d and %llu, each taken by one argument
+    std::string_view name;    ///< for example "MSRP_ERROR"
+    int severity;             ///< syslog severity, 6 = informational
+    std::string_view format;  ///< conversions %s, %d and %llu, each taken by one argument
     std::string_view explanation;
     std::string_view recommendedAction;
     double rateInterval = 0.0;  ///< seconds in which lines may be held back; 0.0 never

@@ -1,10 +1,10 @@
 /// The debug trace: free text for developers, by level, off by default.  Costs one branch when off.
 #pragma once
 
+#include "Runtime/Text.h"
+
 #include <functional>
 #include <string_view>
-
-#include "Runtime/Text.h"
 
 namespace Runtime {
 
@@ -23,7 +23,8 @@ public:
 
     template <class... Pieces>
     void operator()(TraceLevel level, const Pieces&... pieces) const {
-        if (on(level)) [[unlikely]] sink_(concat(pieces...));
+        if (on(level)) [[unlikely]]
+            sink_(concat(pieces...));
     }
 
 private:

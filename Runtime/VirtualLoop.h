@@ -1,9 +1,10 @@
-/// A loop whose clock jumps to the next due event: the same code, without waiting and always in the same order.
+/// A loop whose clock jumps to the next due event: the same code, without waiting and always in the same
+/// order.
 #pragma once
 
-#include <functional>
-
 #include "Runtime/Loop.h"
+
+#include <functional>
 
 namespace Runtime {
 

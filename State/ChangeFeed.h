@@ -2,11 +2,11 @@
 /// record and the records below it changed in that turn.
 #pragma once
 
+#include "State/Entity.h"
+
 #include <functional>
 #include <memory>
 #include <utility>
-
-#include "State/Entity.h"
 
 namespace State {
 

@@ -1,7 +1,9 @@
 /// How a C++ type of a record field becomes a `Value` and back, and how a type that keys a collection becomes
-/// text and back.  A value type of another room joins by specialising `Codec` or `KeyText` beside its definition;
-/// an enumeration joins by a function `enumNames(E)` that lists its names.
+/// text and back.  A value type of another room joins by specialising `Codec` or `KeyText` beside its
+/// definition; an enumeration joins by a function `enumNames(E)` that lists its names.
 #pragma once
+
+#include "State/Value.h"
 
 #include <concepts>
 #include <cstdint>
@@ -11,8 +13,6 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
-
-#include "State/Value.h"
 
 namespace State {
 

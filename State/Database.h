@@ -4,6 +4,8 @@
 /// ("msrp/config/intfEnable/swp1").  An agent gets at records through mounts only.
 #pragma once
 
+#include "State/Entity.h"
+
 #include <functional>
 #include <map>
 #include <memory>
@@ -11,8 +13,6 @@
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include "State/Entity.h"
 
 namespace State {
 
@@ -33,7 +33,8 @@ public:
     void typeIs() {
         types_[std::string{R::type}] = [] { return std::make_shared<R>(); };
     }
-    /// The record at `path`, made when there is none.  Null when the type is unknown or another one stands there.
+    /// The record at `path`, made when there is none.  Null when the type is unknown or another one stands
+    /// there.
     std::shared_ptr<Entity> entityIs(std::string_view path, std::string_view type);
     /// The same for a type known to the compiler; the type need not have been told by `typeIs`.
     template <class R>

@@ -1,18 +1,18 @@
 /// The base of every record in the state database.
 ///
-/// A record is an entity with named fields.  A setter that changes a field tells the entity's reactors at once, one
-/// after the other; setting a field to what it already is tells nobody.  A record that sits in a collection
-/// of another record also tells the watchers of its ancestors (`watch`), which is how a change feed
-/// follows a whole tree.  Nobody outside this room implements `Entity` directly: see State/Record.h.
+/// A record is an entity with named fields.  A setter that changes a field tells the entity's reactors at
+/// once, one after the other; setting a field to what it already is tells nobody.  A record that sits in a
+/// collection of another record also tells the watchers of its ancestors (`watch`), which is how a change
+/// feed follows a whole tree.  Nobody outside this room implements `Entity` directly: see State/Record.h.
 #pragma once
+
+#include "State/Value.h"
 
 #include <functional>
 #include <memory>
 #include <string_view>
 #include <typeinfo>
 #include <vector>
-
-#include "State/Value.h"
 
 namespace State {
 
@@ -89,12 +89,13 @@ public:
     [[nodiscard]] Value value() const;
     /// The field of that name and, where `rest` names keys below it ("swp1" or "2/intf/swp1"), the entry.
     /// Empty when there is no such field or entry.
-    [[nodiscard]] virtual std::optional<Value> fieldValue(std::string_view name, std::string_view rest) const = 0;
+    [[nodiscard]] virtual std::optional<Value> fieldValue(std::string_view name,
+                                                          std::string_view rest) const = 0;
 
     /// Tells what would be wrong with writing `patch`; changes nothing.
     [[nodiscard]] virtual MaybeProblem check(const Value& patch) const = 0;
-    /// Writes every field that `patch` names.  Maps and collections take the entries that it names, and lose those
-    /// whose value is null (as in RFC 7396).  Writes nothing when anything is wrong.
+    /// Writes every field that `patch` names.  Maps and collections take the entries that it names, and lose
+    /// those whose value is null (as in RFC 7396).  Writes nothing when anything is wrong.
     [[nodiscard]] MaybeProblem apply(const Value& patch);
 
     /// Calls `handler` at every change of this record's own fields.

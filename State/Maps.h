@@ -1,7 +1,9 @@
 /// The two containers of record fields: `FlatMap` for plain values and `Collection` for records.
-/// Both are ordered by key, so that nothing that depends on a walk depends on hashing; both offer `firstKey` and
-/// `nextKey`, with which a walk survives changes that its own steps make.
+/// Both are ordered by key, so that nothing that depends on a walk depends on hashing; both offer `firstKey`
+/// and `nextKey`, with which a walk survives changes that its own steps make.
 #pragma once
+
+#include "State/Entity.h"
 
 #include <algorithm>
 #include <map>
@@ -9,8 +11,6 @@
 #include <optional>
 #include <utility>
 #include <vector>
-
-#include "State/Entity.h"
 
 namespace State {
 

@@ -1,6 +1,6 @@
-/// How a record is written down: a class derives from `Record<itself>`, holds its fields as plain members, `FlatMap`s
-/// and `Collection`s, and lists them once in a static function `fields`.  Reading, checking and writing by
-/// name all come from that one list.
+/// How a record is written down: a class derives from `Record<itself>`, holds its fields as plain members,
+/// `FlatMap`s and `Collection`s, and lists them once in a static function `fields`.  Reading, checking and
+/// writing by name all come from that one list.
 ///
 ///     class Config : public State::Record<Config> {
 ///     public:
@@ -13,15 +13,15 @@
 ///     };
 #pragma once
 
+#include "State/Codec.h"
+#include "State/Entity.h"
+#include "State/Maps.h"
+
 #include <concepts>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
-
-#include "State/Codec.h"
-#include "State/Entity.h"
-#include "State/Maps.h"
 
 namespace State {
 
@@ -63,7 +63,8 @@ struct Scalar {
         if (!decoded) return badValue(value, Codec<T>::expected());
         if constexpr (std::integral<T> || std::floating_point<T>) {
             if (min != max && (*decoded < min || *decoded > max)) {
-                return badValue(value, "from " + text(Codec<T>::encode(min)) + " to " + text(Codec<T>::encode(max)));
+                return badValue(value,
+                                "from " + text(Codec<T>::encode(min)) + " to " + text(Codec<T>::encode(max)));
             }
         }
         return std::nullopt;
@@ -184,7 +185,9 @@ struct Derived {
         const Value* one = all.member(rest);
         return one != nullptr ? std::optional<Value>{*one} : std::nullopt;
     }
-    [[nodiscard]] MaybeProblem check(const R&, const Value&) const { return Problem{"", "cannot be written"}; }
+    [[nodiscard]] MaybeProblem check(const R&, const Value&) const {
+        return Problem{"", "cannot be written"};
+    }
     void write(R&, const Value&) const {}
 };
 
@@ -218,7 +221,8 @@ public:
     void visit(FieldVisitor& visitor) const override {
         R::fields([&](const auto& field) { visitor.field(field.name, field.type(), field.read(self())); });
     }
-    [[nodiscard]] std::optional<Value> fieldValue(std::string_view name, std::string_view rest) const override {
+    [[nodiscard]] std::optional<Value> fieldValue(std::string_view name,
+                                                  std::string_view rest) const override {
         std::optional<Value> found;
         R::fields([&](const auto& field) {
             if (field.name == name) found = field.entry(self(), rest);

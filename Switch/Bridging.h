@@ -1,15 +1,15 @@
 /// Bridging configuration: VLANs with their member ports, the ports' switch settings, the bridge's address.
 #pragma once
 
-#include <array>
-#include <memory>
-#include <optional>
-#include <string_view>
-
 #include "State/Record.h"
 #include "Switch/EthAddr.h"
 #include "Switch/IntfId.h"
 #include "Switch/Ranged.h"
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string_view>
 
 namespace Bridging {
 
@@ -54,8 +54,10 @@ private:
 };
 
 enum class SwitchportMode : std::uint8_t { access, trunk, routed };
-constexpr auto switchportModeNames = std::to_array<State::EnumName<SwitchportMode>>(
-    {{SwitchportMode::access, "access"}, {SwitchportMode::trunk, "trunk"}, {SwitchportMode::routed, "routed"}});
+constexpr auto switchportModeNames =
+    std::to_array<State::EnumName<SwitchportMode>>({{SwitchportMode::access, "access"},
+                                                    {SwitchportMode::trunk, "trunk"},
+                                                    {SwitchportMode::routed, "routed"}});
 constexpr const auto& enumNames(SwitchportMode) { return switchportModeNames; }
 
 class SwitchIntfConfig : public State::Record<SwitchIntfConfig> {
@@ -90,11 +92,15 @@ public:
     void bridgeMacIs(EthAddr v) { assign(bridgeMac_, v, "bridgeMac"); }
 
     [[nodiscard]] const State::Collection<VlanId, VlanConfig>& vlanConfig() const { return vlanConfig_; }
-    [[nodiscard]] std::shared_ptr<const VlanConfig> vlanConfig(VlanId id) const { return vlanConfig_.get(id); }
+    [[nodiscard]] std::shared_ptr<const VlanConfig> vlanConfig(VlanId id) const {
+        return vlanConfig_.get(id);
+    }
     std::shared_ptr<VlanConfig> vlanConfigIs(VlanId id) { return makeChild(vlanConfig_, id, "vlanConfig"); }
     void vlanConfigDel(VlanId id) { delChild(vlanConfig_, id, "vlanConfig"); }
 
-    [[nodiscard]] const State::Collection<IntfId, SwitchIntfConfig>& switchIntfConfig() const { return switchIntfConfig_; }
+    [[nodiscard]] const State::Collection<IntfId, SwitchIntfConfig>& switchIntfConfig() const {
+        return switchIntfConfig_;
+    }
     [[nodiscard]] std::shared_ptr<const SwitchIntfConfig> switchIntfConfig(IntfId id) const {
         return switchIntfConfig_.get(id);
     }

@@ -1,14 +1,14 @@
 /// Bridging input: the forwarding entries that one agent asks of the bridge.
 #pragma once
 
-#include <memory>
-#include <optional>
-#include <string_view>
-
 #include "State/Record.h"
 #include "Switch/EthAddr.h"
 #include "Switch/IntfId.h"
 #include "Switch/Ranged.h"
+
+#include <memory>
+#include <optional>
+#include <string_view>
 
 namespace Bridging::Input {
 

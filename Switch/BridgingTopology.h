@@ -1,6 +1,11 @@
-/// Spanning-tree topologies as the bridge is to carry them out: which ports each has, in which state, and with
-/// which VLANs.
+/// Spanning-tree topologies as the bridge is to carry them out: which ports each has, in which state, and
+/// with which VLANs.
 #pragma once
+
+#include "State/Record.h"
+#include "Switch/Bridging.h"
+#include "Switch/IntfId.h"
+#include "Switch/Ranged.h"
 
 #include <array>
 #include <memory>
@@ -8,18 +13,14 @@
 #include <string>
 #include <string_view>
 
-#include "State/Record.h"
-#include "Switch/Bridging.h"
-#include "Switch/IntfId.h"
-#include "Switch/Ranged.h"
-
 namespace Bridging::Topology {
 
 enum class PortState : std::uint8_t { unknown = 0, blocking = 1, learning = 2, forwarding = 3 };
-constexpr auto portStateNames = std::to_array<State::EnumName<PortState>>({{PortState::unknown, "unknown"},
-                                                                           {PortState::blocking, "blocking"},
-                                                                           {PortState::learning, "learning"},
-                                                                           {PortState::forwarding, "forwarding"}});
+constexpr auto portStateNames =
+    std::to_array<State::EnumName<PortState>>({{PortState::unknown, "unknown"},
+                                               {PortState::blocking, "blocking"},
+                                               {PortState::learning, "learning"},
+                                               {PortState::forwarding, "forwarding"}});
 constexpr const auto& enumNames(PortState) { return portStateNames; }
 
 /// One port of one topology.
@@ -33,8 +34,12 @@ public:
     void stateIs(PortState v) { assign(state_, v, "state"); }
 
     /// The VLANs of this topology that the port is a member of; kept by `Bridging::TopologyAgent`.
-    [[nodiscard]] const State::Collection<VlanId, VlanPortConfig>& vlanPortConfig() const { return vlanPortConfig_; }
-    [[nodiscard]] std::shared_ptr<const VlanPortConfig> vlanPortConfig(VlanId id) const { return vlanPortConfig_.get(id); }
+    [[nodiscard]] const State::Collection<VlanId, VlanPortConfig>& vlanPortConfig() const {
+        return vlanPortConfig_;
+    }
+    [[nodiscard]] std::shared_ptr<const VlanPortConfig> vlanPortConfig(VlanId id) const {
+        return vlanPortConfig_.get(id);
+    }
     /// Takes the VLAN in, or changes how it is carried.
     void vlanPortConfigIs(VlanId id, bool tagged) {
         if (const auto held = vlanPortConfig_.get(id)) {
@@ -63,9 +68,15 @@ public:
     explicit TopoConfig(std::string name) : name_{std::move(name)} {}
 
     [[nodiscard]] const std::string& name() const { return name_; }
-    [[nodiscard]] const State::Collection<IntfId, TopoPortConfig>& topoPortConfig() const { return topoPortConfig_; }
-    [[nodiscard]] std::shared_ptr<const TopoPortConfig> topoPortConfig(IntfId id) const { return topoPortConfig_.get(id); }
-    [[nodiscard]] std::shared_ptr<TopoPortConfig> topoPortConfig(IntfId id) { return topoPortConfig_.get(id); }
+    [[nodiscard]] const State::Collection<IntfId, TopoPortConfig>& topoPortConfig() const {
+        return topoPortConfig_;
+    }
+    [[nodiscard]] std::shared_ptr<const TopoPortConfig> topoPortConfig(IntfId id) const {
+        return topoPortConfig_.get(id);
+    }
+    [[nodiscard]] std::shared_ptr<TopoPortConfig> topoPortConfig(IntfId id) {
+        return topoPortConfig_.get(id);
+    }
     std::shared_ptr<TopoPortConfig> topoPortConfigIs(IntfId id) {
         return makeChild(topoPortConfig_, id, "topoPortConfig");
     }
@@ -90,13 +101,19 @@ public:
     [[nodiscard]] std::shared_ptr<const TopoConfig> topoConfig(const std::string& name) const {
         return topoConfig_.get(name);
     }
-    [[nodiscard]] std::shared_ptr<TopoConfig> topoConfig(const std::string& name) { return topoConfig_.get(name); }
-    std::shared_ptr<TopoConfig> topoConfigIs(const std::string& name) { return makeChild(topoConfig_, name, "topoConfig"); }
+    [[nodiscard]] std::shared_ptr<TopoConfig> topoConfig(const std::string& name) {
+        return topoConfig_.get(name);
+    }
+    std::shared_ptr<TopoConfig> topoConfigIs(const std::string& name) {
+        return makeChild(topoConfig_, name, "topoConfig");
+    }
     void topoConfigDel(const std::string& name) { delChild(topoConfig_, name, "topoConfig"); }
 
     /// The topology that carries each VLAN.
     [[nodiscard]] const State::FlatMap<VlanId, std::string>& vlanTopology() const { return vlanTopology_; }
-    void vlanTopologyIs(VlanId id, const std::string& name) { setEntry(vlanTopology_, id, name, "vlanTopology"); }
+    void vlanTopologyIs(VlanId id, const std::string& name) {
+        setEntry(vlanTopology_, id, name, "vlanTopology");
+    }
     void vlanTopologyDel(VlanId id) { delEntry(vlanTopology_, id, "vlanTopology"); }
 
     template <class F>
@@ -110,7 +127,8 @@ private:
     State::FlatMap<VlanId, std::string> vlanTopology_;
 };
 
-/// "bridging/topology/status": the topologies that the topology library has taken over, with their number of ports.
+/// "bridging/topology/status": the topologies that the topology library has taken over, with their number of
+/// ports.
 class Status : public State::Record<Status> {
 public:
     static constexpr std::string_view type = "Bridging::Topology::Status";

@@ -16,7 +16,7 @@ std::optional<EthAddr> EthAddr::parse(std::string_view text) {
 
 std::string EthAddr::text() const {
     char buffer[18];
-    std::snprintf(buffer, sizeof buffer, "%02x:%02x:%02x:%02x:%02x:%02x", octets_[0], octets_[1], octets_[2], octets_[3],
-                  octets_[4], octets_[5]);
+    std::snprintf(buffer, sizeof buffer, "%02x:%02x:%02x:%02x:%02x:%02x", octets_[0], octets_[1], octets_[2],
+                  octets_[3], octets_[4], octets_[5]);
     return buffer;
 }

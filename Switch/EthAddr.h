@@ -1,14 +1,14 @@
 /// 48-bit MAC address.
 #pragma once
 
+#include "State/Codec.h"
+
 #include <array>
 #include <compare>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include "State/Codec.h"
 
 class EthAddr {
 public:

@@ -1,13 +1,13 @@
 /// Ethernet interface status: what the switch knows of its ports' links.
 #pragma once
 
-#include <array>
-#include <memory>
-#include <string_view>
-
 #include "State/Record.h"
 #include "Switch/EthAddr.h"
 #include "Switch/IntfId.h"
+
+#include <array>
+#include <memory>
+#include <string_view>
 
 namespace Interface {
 
@@ -81,10 +81,16 @@ class AllEthPhyIntfStatusDir : public State::Record<AllEthPhyIntfStatusDir> {
 public:
     static constexpr std::string_view type = "AllEthPhyIntfStatusDir";
 
-    [[nodiscard]] const State::Collection<IntfId, EthPhyIntfStatus>& intfStatus() const { return intfStatus_; }
-    [[nodiscard]] std::shared_ptr<const EthPhyIntfStatus> intfStatus(IntfId id) const { return intfStatus_.get(id); }
+    [[nodiscard]] const State::Collection<IntfId, EthPhyIntfStatus>& intfStatus() const {
+        return intfStatus_;
+    }
+    [[nodiscard]] std::shared_ptr<const EthPhyIntfStatus> intfStatus(IntfId id) const {
+        return intfStatus_.get(id);
+    }
     [[nodiscard]] std::shared_ptr<EthPhyIntfStatus> intfStatus(IntfId id) { return intfStatus_.get(id); }
-    std::shared_ptr<EthPhyIntfStatus> intfStatusIs(IntfId id) { return makeChild(intfStatus_, id, "intfStatus"); }
+    std::shared_ptr<EthPhyIntfStatus> intfStatusIs(IntfId id) {
+        return makeChild(intfStatus_, id, "intfStatus");
+    }
     void intfStatusDel(IntfId id) { delChild(intfStatus_, id, "intfStatus"); }
 
     template <class F>

@@ -33,7 +33,8 @@ IntfId::IntfId(std::string_view name) {
 bool IntfId::validName(std::string_view name) {
     if (name.empty() || name.size() > maxNameLength || name == "." || name == "..") return false;
     for (const char c : name) {
-        if (c == '/' || std::isspace(static_cast<unsigned char>(c)) != 0 || std::iscntrl(static_cast<unsigned char>(c)) != 0) {
+        if (c == '/' || std::isspace(static_cast<unsigned char>(c)) != 0 ||
+            std::iscntrl(static_cast<unsigned char>(c)) != 0) {
             return false;
         }
     }

@@ -1,6 +1,8 @@
 /// Port identifier.  A small number inside, the interface name outside.
 #pragma once
 
+#include "State/Codec.h"
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -8,8 +10,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include "State/Codec.h"
 
 /// Names an Ethernet interface of the switch.  The default value names none.
 class IntfId {

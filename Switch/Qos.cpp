@@ -30,7 +30,8 @@ std::optional<TxQueue> TxQueue::parse(std::string_view text) {
 
 HwStatus::HwStatus() {
     constexpr std::array<std::uint8_t, 8> trafficClassOf{1, 0, 6, 7, 2, 3, 4, 5};
-    for (std::uint8_t cos = 0; cos < 8; ++cos) defaultCosToTc_.set(Cos{cos}, TrafficClass{trafficClassOf[cos]});
+    for (std::uint8_t cos = 0; cos < 8; ++cos)
+        defaultCosToTc_.set(Cos{cos}, TrafficClass{trafficClassOf[cos]});
     for (std::uint8_t tc = 0; tc < 8; ++tc) {
         defaultTcToTxQueue_.set(TrafficClass{tc}, tc);
         defaultTcToMcTxQueue_.set(TrafficClass{tc}, tc);

@@ -1,16 +1,16 @@
 /// Quality-of-service records: how the switch maps priorities to queues, and what agents ask of its queues.
 #pragma once
 
+#include "State/Record.h"
+#include "Switch/IntfId.h"
+#include "Switch/Ranged.h"
+
 #include <array>
 #include <compare>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-
-#include "State/Record.h"
-#include "Switch/IntfId.h"
-#include "Switch/Ranged.h"
 
 namespace Qos {
 
@@ -53,10 +53,16 @@ public:
 
     [[nodiscard]] const State::FlatMap<Cos, TrafficClass>& cosToTc() const { return cosToTc_; }
     void cosToTcIs(Cos cos, TrafficClass tc) { setEntry(cosToTc_, cos, tc, "cosToTc"); }
-    [[nodiscard]] const State::FlatMap<TrafficClass, std::uint8_t>& tcToTxQueue() const { return tcToTxQueue_; }
+    [[nodiscard]] const State::FlatMap<TrafficClass, std::uint8_t>& tcToTxQueue() const {
+        return tcToTxQueue_;
+    }
     void tcToTxQueueIs(TrafficClass tc, std::uint8_t q) { setEntry(tcToTxQueue_, tc, q, "tcToTxQueue"); }
-    [[nodiscard]] const State::FlatMap<TrafficClass, std::uint8_t>& tcToMcTxQueue() const { return tcToMcTxQueue_; }
-    void tcToMcTxQueueIs(TrafficClass tc, std::uint8_t q) { setEntry(tcToMcTxQueue_, tc, q, "tcToMcTxQueue"); }
+    [[nodiscard]] const State::FlatMap<TrafficClass, std::uint8_t>& tcToMcTxQueue() const {
+        return tcToMcTxQueue_;
+    }
+    void tcToMcTxQueueIs(TrafficClass tc, std::uint8_t q) {
+        setEntry(tcToMcTxQueue_, tc, q, "tcToMcTxQueue");
+    }
 
     template <class F>
     static void fields(F&& each) {
@@ -71,8 +77,8 @@ private:
     State::FlatMap<TrafficClass, std::uint8_t> tcToMcTxQueue_;
 };
 
-/// "qos/hardware/status/global": what the hardware does by default.  A new record has the recommended table of
-/// IEEE 802.1Q 34.5 for eight queues, and queue n for traffic class n.
+/// "qos/hardware/status/global": what the hardware does by default.  A new record has the recommended table
+/// of IEEE 802.1Q 34.5 for eight queues, and queue n for traffic class n.
 class HwStatus : public State::Record<HwStatus> {
 public:
     static constexpr std::string_view type = "Qos::HwStatus";
@@ -82,8 +88,12 @@ public:
     void multicastQueuesIs(bool v) { assign(multicastQueues_, v, "multicastQueues"); }
     [[nodiscard]] const State::FlatMap<Cos, TrafficClass>& defaultCosToTc() const { return defaultCosToTc_; }
     void defaultCosToTcIs(Cos cos, TrafficClass tc) { setEntry(defaultCosToTc_, cos, tc, "defaultCosToTc"); }
-    [[nodiscard]] const State::FlatMap<TrafficClass, std::uint8_t>& defaultTcToTxQueue() const { return defaultTcToTxQueue_; }
-    void defaultTcToTxQueueIs(TrafficClass tc, std::uint8_t q) { setEntry(defaultTcToTxQueue_, tc, q, "defaultTcToTxQueue"); }
+    [[nodiscard]] const State::FlatMap<TrafficClass, std::uint8_t>& defaultTcToTxQueue() const {
+        return defaultTcToTxQueue_;
+    }
+    void defaultTcToTxQueueIs(TrafficClass tc, std::uint8_t q) {
+        setEntry(defaultTcToTxQueue_, tc, q, "defaultTcToTxQueue");
+    }
     [[nodiscard]] const State::FlatMap<TrafficClass, std::uint8_t>& defaultTcToMcTxQueue() const {
         return defaultTcToMcTxQueue_;
     }
@@ -160,11 +170,16 @@ public:
     explicit IntfConfig(IntfId id) : intfId_{id} {}
 
     [[nodiscard]] IntfId intfId() const { return intfId_; }
-    [[nodiscard]] const State::Collection<TxQueue, TxQueueConfig>& txQueueConfig() const { return txQueueConfig_; }
+    [[nodiscard]] const State::Collection<TxQueue, TxQueueConfig>& txQueueConfig() const {
+        return txQueueConfig_;
+    }
     [[nodiscard]] std::shared_ptr<TxQueueConfig> txQueueConfig(TxQueue q) { return txQueueConfig_.get(q); }
-    [[nodiscard]] std::shared_ptr<const TxQueueConfig> txQueueConfig(TxQueue q) const { return txQueueConfig_.get(q); }
+    [[nodiscard]] std::shared_ptr<const TxQueueConfig> txQueueConfig(TxQueue q) const {
+        return txQueueConfig_.get(q);
+    }
     /// Makes (or changes) the queue's configuration as a whole.
-    void txQueueConfigIs(TxQueue queue, std::uint8_t priority, std::uint8_t percent, ShapeRate rate, GuaranteedBw bw);
+    void txQueueConfigIs(TxQueue queue, std::uint8_t priority, std::uint8_t percent, ShapeRate rate,
+                         GuaranteedBw bw);
     void txQueueConfigDel(TxQueue q) { delChild(txQueueConfig_, q, "txQueueConfig"); }
 
     template <class F>
@@ -184,7 +199,8 @@ public:
 
     [[nodiscard]] const std::string& agentName() const { return agentName_; }
     void agentNameIs(const std::string& v) { assign(agentName_, v, "agentName"); }
-    /// Weight of this agent's global settings (and of its port settings) against other agents'; 0 withdraws them.
+    /// Weight of this agent's global settings (and of its port settings) against other agents'; 0 withdraws
+    /// them.
     [[nodiscard]] std::uint32_t configPriority() const { return configPriority_; }
     void configPriorityIs(std::uint32_t v) { assign(configPriority_, v, "configPriority"); }
     [[nodiscard]] std::uint32_t intfConfigPriority() const { return intfConfigPriority_; }
@@ -195,7 +211,9 @@ public:
 
     [[nodiscard]] const State::Collection<IntfId, IntfConfig>& intfConfig() const { return intfConfig_; }
     [[nodiscard]] std::shared_ptr<IntfConfig> intfConfig(IntfId id) { return intfConfig_.get(id); }
-    [[nodiscard]] std::shared_ptr<const IntfConfig> intfConfig(IntfId id) const { return intfConfig_.get(id); }
+    [[nodiscard]] std::shared_ptr<const IntfConfig> intfConfig(IntfId id) const {
+        return intfConfig_.get(id);
+    }
     std::shared_ptr<IntfConfig> intfConfigIs(IntfId id) { return makeChild(intfConfig_, id, "intfConfig"); }
     void intfConfigDel(IntfId id) { delChild(intfConfig_, id, "intfConfig"); }
     void intfConfigDelAll() { delChildren(intfConfig_, "intfConfig"); }

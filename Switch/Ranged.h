@@ -2,14 +2,14 @@
 /// `std::range_error` with a fixed text.
 #pragma once
 
+#include "State/Codec.h"
+
 #include <compare>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-
-#include "State/Codec.h"
 
 /// A number from `min` to `max`; `Tag::error` is the text of the range error.
 template <class Tag, class T, T minimum, T maximum>
@@ -39,7 +39,8 @@ struct CosTag {
     static constexpr const char* error = "Cos::value < Cos::min or > Cos::invalid not allowed";
 };
 struct TrafficClassTag {
-    static constexpr const char* error = "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed";
+    static constexpr const char* error =
+        "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed";
 };
 struct ShapeRateValTag {
     static constexpr const char* error =

@@ -1,19 +1,22 @@
 /// Spanning-tree status: the mode, and each instance's bridge priority.
 #pragma once
 
+#include "State/Record.h"
+#include "Switch/Bridging.h"
+
 #include <array>
 #include <memory>
 #include <string>
 #include <string_view>
 
-#include "State/Record.h"
-#include "Switch/Bridging.h"
-
 namespace Stp {
 
 enum class Mode : std::int32_t { None = -1, Disabled = 0, Rstp = 2, Mstp = 3, Pvst = 101 };
-constexpr auto modeNames = std::to_array<State::EnumName<Mode>>(
-    {{Mode::None, "None"}, {Mode::Disabled, "Disabled"}, {Mode::Rstp, "Rstp"}, {Mode::Mstp, "Mstp"}, {Mode::Pvst, "Pvst"}});
+constexpr auto modeNames = std::to_array<State::EnumName<Mode>>({{Mode::None, "None"},
+                                                                 {Mode::Disabled, "Disabled"},
+                                                                 {Mode::Rstp, "Rstp"},
+                                                                 {Mode::Mstp, "Mstp"},
+                                                                 {Mode::Pvst, "Pvst"}});
 constexpr const auto& enumNames(Mode) { return modeNames; }
 
 /// Names of topologies and of the instances behind them.
@@ -22,7 +25,9 @@ inline constexpr std::string_view mstName = "Mst";
 inline constexpr std::string_view noStpName = "NoStp";
 inline constexpr std::string_view backupName = "Bkup";
 /// The topology of the multiple-spanning-tree instance of that number: "Mst1".
-inline std::string mstInstanceName(unsigned instance) { return std::string{mstName} + std::to_string(instance); }
+inline std::string mstInstanceName(unsigned instance) {
+    return std::string{mstName} + std::to_string(instance);
+}
 /// The topology of one VLAN's own spanning tree: "Vl10".
 inline std::string pvstInstanceName(const Bridging::VlanConfig& vlan) {
     return "Vl" + std::to_string(vlan.vlanId().value());
@@ -59,7 +64,9 @@ public:
     std::shared_ptr<MstInstanceStatus> mstInstanceStatusIs(const std::string& name) {
         return makeChild(mstInstanceStatus_, name, "mstInstanceStatus");
     }
-    void mstInstanceStatusDel(const std::string& name) { delChild(mstInstanceStatus_, name, "mstInstanceStatus"); }
+    void mstInstanceStatusDel(const std::string& name) {
+        delChild(mstInstanceStatus_, name, "mstInstanceStatus");
+    }
 
     template <class F>
     static void fields(F&& each) {
@@ -84,7 +91,9 @@ public:
     std::shared_ptr<InstanceStatus> stpInstanceStatusIs(const std::string& name) {
         return makeChild(stpInstanceStatus_, name, "stpInstanceStatus");
     }
-    void stpInstanceStatusDel(const std::string& name) { delChild(stpInstanceStatus_, name, "stpInstanceStatus"); }
+    void stpInstanceStatusDel(const std::string& name) {
+        delChild(stpInstanceStatus_, name, "stpInstanceStatus");
+    }
 
     template <class F>
     static void fields(F&& each) {

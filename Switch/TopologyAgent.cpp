@@ -8,9 +8,13 @@ namespace Bridging {
 TopologyAgent::TopologyAgent(std::shared_ptr<const Config> bridging, std::shared_ptr<const Stp::Status> stp,
                              std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ports,
                              std::shared_ptr<Topology::Config> topology)
-    : bridging_{std::move(bridging)}, stp_{std::move(stp)}, ports_{std::move(ports)}, topology_{std::move(topology)} {
+    : bridging_{std::move(bridging)},
+      stp_{std::move(stp)},
+      ports_{std::move(ports)},
+      topology_{std::move(topology)} {
     bridgingReactor_ = bridging_->watch([this](const State::Change& change) {
-        if (change.field != "bridgeMac" && change.field != "nativeVlan" && change.field != "switchportMode") refresh();
+        if (change.field != "bridgeMac" && change.field != "nativeVlan" && change.field != "switchportMode")
+            refresh();
     });
     stpReactor_ = stp_->react([this](const State::Change& change) {
         if (change.field == "mode") refresh();
@@ -26,7 +30,8 @@ void TopologyAgent::refresh() {
     if (refreshing_) return;  // a change of our own
     refreshing_ = true;
     keepOwnTopology();
-    for (auto name = topology_->topoConfig().firstKey(); name; name = topology_->topoConfig().nextKey(*name)) {
+    for (auto name = topology_->topoConfig().firstKey(); name;
+         name = topology_->topoConfig().nextKey(*name)) {
         if (const auto topo = topology_->topoConfig(*name)) keepVlans(*topo);
     }
     refreshing_ = false;
@@ -35,7 +40,8 @@ void TopologyAgent::refresh() {
 void TopologyAgent::keepOwnTopology() {
     const std::string own{Stp::noStpName};
     if (stp_->mode() != Stp::Mode::None) {
-        for (auto vlan = topology_->vlanTopology().firstKey(); vlan; vlan = topology_->vlanTopology().nextKey(*vlan)) {
+        for (auto vlan = topology_->vlanTopology().firstKey(); vlan;
+             vlan = topology_->vlanTopology().nextKey(*vlan)) {
             if (topology_->vlanTopology().get(*vlan) == own) topology_->vlanTopologyDel(*vlan);
         }
         topology_->topoConfigDel(own);
@@ -43,10 +49,12 @@ void TopologyAgent::keepOwnTopology() {
     }
     std::set<IntfId> ports;
     ports_->intfStatus().each([&](IntfId intf, const auto&) { ports.insert(intf); });
-    bridging_->vlanConfig().each(
-        [&](VlanId, const VlanConfig& vlan) { vlan.intf().each([&](IntfId intf, const auto&) { ports.insert(intf); }); });
+    bridging_->vlanConfig().each([&](VlanId, const VlanConfig& vlan) {
+        vlan.intf().each([&](IntfId intf, const auto&) { ports.insert(intf); });
+    });
 
-    for (auto vlan = bridging_->vlanConfig().firstKey(); vlan; vlan = bridging_->vlanConfig().nextKey(*vlan)) {
+    for (auto vlan = bridging_->vlanConfig().firstKey(); vlan;
+         vlan = bridging_->vlanConfig().nextKey(*vlan)) {
         topology_->vlanTopologyIs(*vlan, own);
     }
     const auto topo = topology_->topoConfigIs(own);
@@ -64,10 +72,12 @@ void TopologyAgent::keepVlans(Topology::TopoConfig& topo) {
     };
     for (auto intf = topo.topoPortConfig().firstKey(); intf; intf = topo.topoPortConfig().nextKey(*intf)) {
         const auto port = topo.topoPortConfig(*intf);
-        for (auto vlan = port->vlanPortConfig().firstKey(); vlan; vlan = port->vlanPortConfig().nextKey(*vlan)) {
+        for (auto vlan = port->vlanPortConfig().firstKey(); vlan;
+             vlan = port->vlanPortConfig().nextKey(*vlan)) {
             if (!tagged(*vlan, *intf)) port->vlanPortConfigDel(*vlan);
         }
-        for (auto vlan = bridging_->vlanConfig().firstKey(); vlan; vlan = bridging_->vlanConfig().nextKey(*vlan)) {
+        for (auto vlan = bridging_->vlanConfig().firstKey(); vlan;
+             vlan = bridging_->vlanConfig().nextKey(*vlan)) {
             if (const auto member = tagged(*vlan, *intf)) port->vlanPortConfigIs(*vlan, member->tagged());
         }
     }

@@ -1,14 +1,14 @@
-/// Keeps the bridging topology configuration complete: the VLAN membership of each topology's ports follows the VLAN
-/// configuration, and where no spanning tree runs (mode `None`) one topology of the agent's own making, "NoStp", has
-/// every port forwarding.
+/// Keeps the bridging topology configuration complete: the VLAN membership of each topology's ports follows
+/// the VLAN configuration, and where no spanning tree runs (mode `None`) one topology of the agent's own
+/// making, "NoStp", has every port forwarding.
 #pragma once
-
-#include <memory>
 
 #include "Switch/Bridging.h"
 #include "Switch/BridgingTopology.h"
 #include "Switch/Interface.h"
 #include "Switch/Stp.h"
+
+#include <memory>
 
 namespace Bridging {
 

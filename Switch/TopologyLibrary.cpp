@@ -10,11 +10,15 @@ bool belongsTo(Stp::Mode mode, std::string_view name) {
     const bool perVlan = name.starts_with("Vl");
     const bool none = name == Stp::noStpName;
     switch (mode) {
-        case Stp::Mode::None: return !common && !perVlan;
+        case Stp::Mode::None:
+            return !common && !perVlan;
         case Stp::Mode::Rstp:
-        case Stp::Mode::Mstp: return !perVlan && !none;
-        case Stp::Mode::Pvst: return !common && !none;
-        case Stp::Mode::Disabled: break;
+        case Stp::Mode::Mstp:
+            return !perVlan && !none;
+        case Stp::Mode::Pvst:
+            return !common && !none;
+        case Stp::Mode::Disabled:
+            break;
     }
     return true;
 }
@@ -66,7 +70,8 @@ void TopoLibSm::handleTopo(const std::string& name) {
         if (const auto* intf = change.key<IntfId>()) handlePort(name, *intf);
     });
     state_->topoIs(name);
-    for (auto intf = config->topoPortConfig().firstKey(); intf; intf = config->topoPortConfig().nextKey(*intf)) {
+    for (auto intf = config->topoPortConfig().firstKey(); intf;
+         intf = config->topoPortConfig().nextKey(*intf)) {
         handlePort(name, *intf);
     }
     status_->topoIs(name, static_cast<std::uint32_t>(config->topoPortConfig().size()));

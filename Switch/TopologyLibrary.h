@@ -1,16 +1,17 @@
-/// The topology library: every spanning-tree topology with its ports, as one structure that agents can follow.
+/// The topology library: every spanning-tree topology with its ports, as one structure that agents can
+/// follow.
 ///
-/// `TopoLibSm` keeps `TopoLibState` in step with the bridging topology configuration, and tells in the topology status
-/// what it has taken over.
+/// `TopoLibSm` keeps `TopoLibState` in step with the bridging topology configuration, and tells in the
+/// topology status what it has taken over.
 #pragma once
+
+#include "Switch/BridgingTopology.h"
+#include "Switch/Stp.h"
 
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
-
-#include "Switch/BridgingTopology.h"
-#include "Switch/Stp.h"
 
 namespace Bridging::Topology {
 
@@ -23,8 +24,12 @@ public:
     [[nodiscard]] IntfId intfId() const { return intfId_; }
     [[nodiscard]] PortState state() const { return state_; }
     void stateIs(PortState v) { assign(state_, v, "state"); }
-    [[nodiscard]] const State::Collection<VlanId, VlanPortConfig>& vlanPortConfig() const { return vlanPortConfig_; }
-    [[nodiscard]] std::shared_ptr<const VlanPortConfig> vlanPortConfig(VlanId id) const { return vlanPortConfig_.get(id); }
+    [[nodiscard]] const State::Collection<VlanId, VlanPortConfig>& vlanPortConfig() const {
+        return vlanPortConfig_;
+    }
+    [[nodiscard]] std::shared_ptr<const VlanPortConfig> vlanPortConfig(VlanId id) const {
+        return vlanPortConfig_.get(id);
+    }
     /// Takes the VLAN in, or changes how it is carried.
     void vlanPortConfigIs(VlanId id, bool tagged);
     void vlanPortConfigDel(VlanId id) { delChild(vlanPortConfig_, id, "vlanPortConfig"); }
@@ -82,8 +87,8 @@ private:
     State::Collection<std::string, Topo> topo_;
 };
 
-/// Keeps a `TopoLibState` in step with the topology configuration.  Topologies that belong to a spanning-tree mode
-/// other than the one in force (a "Cist" while every VLAN has a tree of its own) are left out.
+/// Keeps a `TopoLibState` in step with the topology configuration.  Topologies that belong to a spanning-tree
+/// mode other than the one in force (a "Cist" while every VLAN has a tree of its own) are left out.
 class TopoLibSm {
 public:
     TopoLibSm(std::shared_ptr<const Config> config, std::shared_ptr<const Stp::Status> stpStatus,

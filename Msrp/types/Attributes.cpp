@@ -1,0 +1,107 @@
+#include "Msrp/types/Attributes.h"
+
+#include <algorithm>
+
+namespace Msrp {
+
+namespace {
+
+U64 bigEndian(std::span<const U8> octets) {
+    U64 value = 0;
+    for (const U8 octet : octets) value = value << 8 | octet;
+    return value;
+}
+void bigEndianIs(std::span<U8> octets, U64 value) {
+    for (std::size_t i = octets.size(); i-- > 0; value >>= 8) octets[i] = static_cast<U8>(value);
+}
+
+// Stream id: 48-bit address and 16-bit unique id, of which only the unique id is counted up (35.2.2.8.2).
+constexpr std::size_t uniqueIdAt = 6;
+constexpr std::size_t macDaAt = 8;
+constexpr std::size_t macDaOctets = 6;
+constexpr std::size_t afterMacDa = macDaAt + macDaOctets;
+constexpr U64 macMask = 0xffff'ffff'ffff;
+
+U64 streamKey(std::span<const U8> value) { return bigEndian(value.first(8)); }
+U64 domainKey(std::span<const U8> value) { return value[0]; }
+
+bool incrementStream(std::span<U8> value, std::uint32_t k) {
+    bigEndianIs(value.subspan(uniqueIdAt, 2), bigEndian(value.subspan(uniqueIdAt, 2)) + k);
+    return true;
+}
+bool incrementTalker(std::span<U8> value, std::uint32_t k) {
+    bigEndianIs(value.subspan(macDaAt, macDaOctets),
+                (bigEndian(value.subspan(macDaAt, macDaOctets)) + k) & macMask);
+    return incrementStream(value, k);
+}
+bool incrementDomain(std::span<U8> value, std::uint32_t k) {
+    if (value[0] + k > 0xff || value[1] + k > 0xff) return false;
+    value[0] = static_cast<U8>(value[0] + k);
+    value[1] = static_cast<U8>(value[1] + k);
+    return true;
+}
+
+bool streamFollows(std::span<const U8> previous, std::span<const U8> next) {
+    // The comparison of whole ids leaves out the wrap of the unique id: it would carry into the address.
+    return std::equal(previous.begin(), previous.begin() + uniqueIdAt, next.begin()) &&
+           bigEndian(previous.first(8)) + 1 == bigEndian(next.first(8));
+}
+bool talkerFollows(std::span<const U8> previous, std::span<const U8> next) {
+    return streamFollows(previous, next) &&
+           bigEndian(previous.subspan(macDaAt, macDaOctets)) + 1 ==
+               bigEndian(next.subspan(macDaAt, macDaOctets)) &&
+           std::equal(previous.begin() + afterMacDa, previous.end(), next.begin() + afterMacDa, next.end());
+}
+bool domainFollows(std::span<const U8> previous, std::span<const U8> next) {
+    return previous[0] + 1 == next[0] && previous[1] + 1 == next[1] && previous[2] == next[2] &&
+           previous[3] == next[3];
+}
+
+constexpr std::array<Mrp::AttributeType, 4> types{{
+    {.type = typeTalkerAdvertise,
+     .valueLength = MsrpTalkerAdvertiseAttribute::length,
+     .fourPacked = false,
+     .deliverFirst = false,
+     .retriesPort = false,
+     .key = streamKey,
+     .increment = incrementTalker,
+     .follows = talkerFollows},
+    {.type = typeTalkerFailed,
+     .valueLength = MsrpTalkerFailedAttribute::length,
+     .fourPacked = false,
+     .deliverFirst = false,
+     .retriesPort = false,
+     .key = streamKey,
+     .increment = incrementTalker,
+     .follows = talkerFollows},
+    {.type = typeListener,
+     .valueLength = MsrpListenerAttribute::length,
+     .fourPacked = true,
+     .deliverFirst = false,
+     .retriesPort = false,
+     .key = streamKey,
+     .increment = incrementStream,
+     .follows = streamFollows},
+    {.type = typeDomain,
+     .valueLength = MsrpDomainAttribute::length,
+     .fourPacked = false,
+     .deliverFirst = true,
+     .retriesPort = true,
+     .key = domainKey,
+     .increment = incrementDomain,
+     .follows = domainFollows},
+}};
+constexpr Mrp::ApplicationInfo msrp{.protocolVersion = 0, .types = types};
+
+}  // namespace
+
+const Mrp::ApplicationInfo& application() { return msrp; }
+
+MsrpTalkerFailedAttribute::MsrpTalkerFailedAttribute(const MsrpTalkerAdvertiseAttribute& advertise,
+                                                     U64 bridgeId, TalkerFailureCode code) {
+    for (std::size_t i = 0; i < MsrpTalkerAdvertiseAttribute::length; ++i) put(i, 1, advertise.octets()[i]);
+    failedBridgeIdIs(bridgeId);
+    failureCodeIs(code);
+}
+
+}  // namespace Msrp

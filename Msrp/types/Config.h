@@ -1,0 +1,113 @@
+/// What the operator decides about stream reservation.  The agent only reads these records.
+#pragma once
+
+#include "Msrp/types/Enums.h"
+#include "State/Record.h"
+#include "Switch/IntfId.h"
+#include "Switch/Ranged.h"
+
+#include <string_view>
+
+namespace Msrp {
+
+/// "msrp/config"
+class Config : public State::Record<Config> {
+public:
+    static constexpr std::string_view type = "Msrp::Config";
+
+    /// The ports on which MSRP runs: those whose entry is true.
+    [[nodiscard]] const State::FlatMap<IntfId, bool>& intfEnable() const { return intfEnable_; }
+    [[nodiscard]] bool intfEnable(IntfId id) const { return intfEnable_.get(id, false); }
+    void intfEnableIs(IntfId id, bool v) { setEntry(intfEnable_, id, v, "intfEnable"); }
+    void intfEnableDel(IntfId id) { delEntry(intfEnable_, id, "intfEnable"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::map("intfEnable", &Config::intfEnable_));
+    }
+
+private:
+    State::FlatMap<IntfId, bool> intfEnable_;
+};
+
+struct SrPvidTag {
+    static constexpr const char* error = "SrPvid::value > 4094 not allowed";
+};
+/// SR PVID of a port; 0 stands for the default of all ports.
+using SrPvid = Ranged<SrPvidTag, U16, 0, 4094>;
+
+/// "msrp/cliConfig"
+class CliConfig : public State::Record<CliConfig> {
+public:
+    static constexpr std::string_view type = "Msrp::CliConfig";
+
+    /// SRclassVID of the Domain that a port declares.
+    [[nodiscard]] const State::FlatMap<IntfId, SrPvid>& srPvid() const { return srPvid_; }
+    void srPvidIs(IntfId id, U16 v) { setEntry(srPvid_, id, SrPvid{v}, "srPvid"); }
+    void srPvidDel(IntfId id) { delEntry(srPvid_, id, "srPvid"); }
+    /// The same for ports without an entry of their own, 1 to 4094.
+    [[nodiscard]] U16 defaultSrPvid() const { return defaultSrPvid_; }
+    void defaultSrPvidIs(U16 v) { assign(defaultSrPvid_, v, "defaultSrPvid"); }
+
+    /// Whether the class is offered at all.
+    [[nodiscard]] bool srClassASupported() const { return srClassASupported_; }
+    void srClassASupportedIs(bool v) { assign(srClassASupported_, v, "srClassASupported"); }
+    [[nodiscard]] bool srClassBSupported() const { return srClassBSupported_; }
+    void srClassBSupportedIs(bool v) { assign(srClassBSupported_, v, "srClassBSupported"); }
+    /// Priority of the class's frames, 0 to 7.
+    [[nodiscard]] U8 srClassAPriority() const { return srClassAPriority_; }
+    void srClassAPriorityIs(U8 v) { assign(srClassAPriority_, v, "srClassAPriority"); }
+    [[nodiscard]] U8 srClassBPriority() const { return srClassBPriority_; }
+    void srClassBPriorityIs(U8 v) { assign(srClassBPriority_, v, "srClassBPriority"); }
+
+    /// Largest MaxFrameSize that a talker may announce, octets of payload.
+    [[nodiscard]] U16 maxFrameSizeLimit() const { return maxFrameSizeLimit_; }
+    void maxFrameSizeLimitIs(U16 v) { assign(maxFrameSizeLimit_, v, "maxFrameSizeLimit"); }
+    /// Share of a link's speed that the class may reserve, per cent.
+    [[nodiscard]] U8 srClassABandwidthPercent() const { return srClassABandwidthPercent_; }
+    void srClassABandwidthPercentIs(U8 v) {
+        assign(srClassABandwidthPercent_, v, "srClassABandwidthPercent");
+    }
+    [[nodiscard]] U8 srClassBBandwidthPercent() const { return srClassBBandwidthPercent_; }
+    void srClassBBandwidthPercentIs(U8 v) {
+        assign(srClassBBandwidthPercent_, v, "srClassBBandwidthPercent");
+    }
+
+    /// Shape rate of a queue per reserved kbit/s.
+    [[nodiscard]] double shapeRateFactor() const { return shapeRateFactor_; }
+    void shapeRateFactorIs(double v) { assign(shapeRateFactor_, v, "shapeRateFactor"); }
+    /// Reserve without shaping any queue.
+    [[nodiscard]] bool shapingDisabled() const { return shapingDisabled_; }
+    void shapingDisabledIs(bool v) { assign(shapingDisabled_, v, "shapingDisabled"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        using C = CliConfig;
+        each(State::map("srPvid", &C::srPvid_));
+        each(State::scalar("defaultSrPvid", &C::defaultSrPvid_, U16{1}, U16{4094}));
+        each(State::scalar("srClassASupported", &C::srClassASupported_));
+        each(State::scalar("srClassBSupported", &C::srClassBSupported_));
+        each(State::scalar("srClassAPriority", &C::srClassAPriority_, U8{0}, U8{7}));
+        each(State::scalar("srClassBPriority", &C::srClassBPriority_, U8{0}, U8{7}));
+        each(State::scalar("maxFrameSizeLimit", &C::maxFrameSizeLimit_));
+        each(State::scalar("srClassABandwidthPercent", &C::srClassABandwidthPercent_, U8{0}, U8{100}));
+        each(State::scalar("srClassBBandwidthPercent", &C::srClassBBandwidthPercent_, U8{0}, U8{100}));
+        each(State::scalar("shapeRateFactor", &C::shapeRateFactor_, 0.0, 1000.0));
+        each(State::scalar("shapingDisabled", &C::shapingDisabled_));
+    }
+
+private:
+    State::FlatMap<IntfId, SrPvid> srPvid_;
+    U16 defaultSrPvid_ = 2;
+    bool srClassASupported_ = true;
+    bool srClassBSupported_ = true;
+    U8 srClassAPriority_ = 3;
+    U8 srClassBPriority_ = 2;
+    U16 maxFrameSizeLimit_ = 1500;
+    U8 srClassABandwidthPercent_ = 75;
+    U8 srClassBBandwidthPercent_ = 0;
+    double shapeRateFactor_ = 1.0;
+    bool shapingDisabled_ = false;
+};
+
+}  // namespace Msrp

@@ -1,0 +1,131 @@
+/// What the agent publishes: per-port status and the registered streams.  The agent is the only writer.
+#pragma once
+
+#include "Msrp/types/Enums.h"
+#include "Msrp/types/StreamData.h"
+#include "State/Record.h"
+#include "Switch/Interface.h"
+#include "Switch/IntfId.h"
+
+#include <memory>
+#include <string_view>
+
+namespace Msrp {
+
+/// One port on which MSRP is configured.
+class IntfStatus : public State::Record<IntfStatus> {
+public:
+    static constexpr std::string_view type = "Msrp::IntfStatus";
+    explicit IntfStatus(IntfId id, double time = 0.0) : intfId_{id}, creationTime_{time} {}
+
+    [[nodiscard]] IntfId intfId() const { return intfId_; }
+    /// Seconds on the agent's clock.
+    [[nodiscard]] double creationTime() const { return creationTime_; }
+
+    [[nodiscard]] const State::FlatMap<SrClassId, SrClassState>& srClassState() const {
+        return srClassState_;
+    }
+    /// `NotSupported` when absent.
+    [[nodiscard]] SrClassState srClassState(SrClassId c) const {
+        return srClassState_.get(c, SrClassState::NotSupported);
+    }
+    void srClassStateIs(SrClassId c, SrClassState v) { setEntry(srClassState_, c, v, "srClassState"); }
+
+    /// Reserved kbit/s.
+    [[nodiscard]] const State::FlatMap<SrClassId, U64>& classBandwidthAllocated() const {
+        return classBandwidthAllocated_;
+    }
+    [[nodiscard]] U64 classBandwidthAllocated(SrClassId c) const {
+        return classBandwidthAllocated_.get(c, 0);
+    }
+    void classBandwidthAllocatedIs(SrClassId c, U64 v) {
+        setEntry(classBandwidthAllocated_, c, v, "classBandwidthAllocated");
+    }
+
+    [[nodiscard]] const State::FlatMap<MsrpCounter, U32>& rxCounters() const { return rxCounters_; }
+    void rxCountersIs(MsrpCounter c, U32 v) { setEntry(rxCounters_, c, v, "rxCounters"); }
+    [[nodiscard]] const State::FlatMap<MsrpCounter, U32>& txCounters() const { return txCounters_; }
+    void txCountersIs(MsrpCounter c, U32 v) { setEntry(txCounters_, c, v, "txCounters"); }
+
+    [[nodiscard]] MsrpPortState portState() const { return portState_; }
+    void portStateIs(MsrpPortState v) { assign(portState_, v, "portState"); }
+    [[nodiscard]] Interface::LinkStatus linkStatus() const { return linkStatus_; }
+    void linkStatusIs(Interface::LinkStatus v) { assign(linkStatus_, v, "linkStatus"); }
+    /// Whether the LeaveAll that starts the port's life has been asked for.
+    [[nodiscard]] bool lvAllSent() const { return lvAllSent_; }
+    void lvAllSentIs(bool v) { assign(lvAllSent_, v, "lvAllSent"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        using S = IntfStatus;
+        each(State::scalar("creationTime", &S::creationTime_));
+        each(State::scalar("linkStatus", &S::linkStatus_));
+        each(State::scalar("portState", &S::portState_));
+        each(State::map("srClassState", &S::srClassState_));
+        each(State::map("classBandwidthAllocated", &S::classBandwidthAllocated_));
+        each(State::scalar("lvAllSent", &S::lvAllSent_));
+        each(State::map("rxCounters", &S::rxCounters_));
+        each(State::map("txCounters", &S::txCounters_));
+    }
+
+private:
+    IntfId intfId_;
+    double creationTime_;
+    State::FlatMap<SrClassId, SrClassState> srClassState_;
+    State::FlatMap<SrClassId, U64> classBandwidthAllocated_;
+    State::FlatMap<MsrpCounter, U32> rxCounters_;
+    State::FlatMap<MsrpCounter, U32> txCounters_;
+    MsrpPortState portState_ = MsrpPortState::Blocked;
+    Interface::LinkStatus linkStatus_ = Interface::LinkStatus::linkUnknown;
+    bool lvAllSent_ = false;
+};
+
+/// "msrp/status"
+class Status : public State::Record<Status> {
+public:
+    static constexpr std::string_view type = "Msrp::Status";
+
+    [[nodiscard]] bool msrpEnabled() const { return msrpEnabled_; }
+    void msrpEnabledIs(bool v) { assign(msrpEnabled_, v, "msrpEnabled"); }
+
+    [[nodiscard]] const State::Collection<IntfId, IntfStatus>& intfStatus() const { return intfStatus_; }
+    [[nodiscard]] std::shared_ptr<IntfStatus> intfStatus(IntfId id) { return intfStatus_.get(id); }
+    [[nodiscard]] std::shared_ptr<const IntfStatus> intfStatus(IntfId id) const {
+        return intfStatus_.get(id);
+    }
+    /// Creates the port's status at `time`, or gives the one that is there.
+    std::shared_ptr<IntfStatus> intfStatusIs(IntfId id, double time) {
+        if (auto held = intfStatus_.get(id)) return held;
+        auto created = std::make_shared<IntfStatus>(id, time);
+        putChild(intfStatus_, id, created, "intfStatus");
+        return created;
+    }
+    void intfStatusDel(IntfId id) { delChild(intfStatus_, id, "intfStatus"); }
+
+    /// The published streams by id.
+    [[nodiscard]] const State::Collection<U64, StreamData>& registeredStreams() const {
+        return registeredStreams_;
+    }
+    [[nodiscard]] std::shared_ptr<StreamData> registeredStreams(U64 id) { return registeredStreams_.get(id); }
+    [[nodiscard]] std::shared_ptr<const StreamData> registeredStreams(U64 id) const {
+        return registeredStreams_.get(id);
+    }
+    std::shared_ptr<StreamData> registeredStreamsIs(U64 id) {
+        return makeChild(registeredStreams_, id, "registeredStreams");
+    }
+    void registeredStreamsDel(U64 id) { delChild(registeredStreams_, id, "registeredStreams"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::scalar("msrpEnabled", &Status::msrpEnabled_));
+        each(State::collection("intfStatus", &Status::intfStatus_));
+        each(State::collection<State::HexKey>("registeredStreams", &Status::registeredStreams_));
+    }
+
+private:
+    bool msrpEnabled_ = false;
+    State::Collection<IntfId, IntfStatus> intfStatus_;
+    State::Collection<U64, StreamData> registeredStreams_;
+};
+
+}  // namespace Msrp

@@ -1,0 +1,147 @@
+#include "Msrp/types/StreamData.h"
+
+#include <algorithm>
+
+namespace Msrp {
+
+namespace {
+auto lowerBound(auto& ports, IntfId intf) {
+    return std::lower_bound(ports.begin(), ports.end(), intf,
+                            [](const StreamPort& p, IntfId key) { return p.intf < key; });
+}
+}  // namespace
+
+const StreamPort* StreamData::port(IntfId intf) const {
+    const auto at = lowerBound(ports_, intf);
+    return at != ports_.end() && at->intf == intf ? &*at : nullptr;
+}
+
+const StreamPort& StreamData::row(IntfId intf) const {
+    static const StreamPort none;
+    const StreamPort* found = port(intf);
+    return found != nullptr ? *found : none;
+}
+
+StreamPort& StreamData::rowIs(IntfId intf) {
+    auto at = lowerBound(ports_, intf);
+    if (at == ports_.end() || at->intf != intf) {
+        at = ports_.insert(at, StreamPort{});
+        at->intf = intf;
+    }
+    return *at;
+}
+
+void StreamData::rowChanged(IntfId intf, std::string_view field) {
+    const auto at = lowerBound(ports_, intf);
+    if (at != ports_.end() && at->intf == intf && at->empty()) ports_.erase(at);
+    changed(State::Change{*this, field, intf});
+}
+
+bool StreamData::hasTalkerFailureCode() const {
+    return std::ranges::any_of(ports_, [](const StreamPort& p) { return p.hasFailureCode; });
+}
+
+void StreamData::setTalkerStateAndAge(IntfId intf, TalkerState state, double now) {
+    StreamPort& p = rowIs(intf);
+    p.talkerState = state;
+    p.hasTalkerState = true;
+    p.statusTime = now;
+    p.hasStatusTime = true;
+    rowChanged(intf, "talkerState");
+}
+
+void StreamData::setListenerStateAndAge(IntfId intf, ListenerState state, double now) {
+    StreamPort& p = rowIs(intf);
+    if (p.hasListenerState && p.listenerState == state) return;
+    p.listenerState = state;
+    p.hasListenerState = true;
+    p.statusTime = now;
+    p.hasStatusTime = true;
+    rowChanged(intf, "listenerState");
+}
+
+void StreamData::delTalkerStateAndAge(IntfId intf) {
+    if (!row(intf).hasTalkerState) return;
+    StreamPort& p = rowIs(intf);
+    p.talkerState = TalkerState::None;
+    p.hasTalkerState = false;
+    p.statusTime = 0.0;
+    p.hasStatusTime = false;
+    rowChanged(intf, "talkerState");
+}
+
+void StreamData::delListenerStateAndAge(IntfId intf) {
+    if (!row(intf).hasListenerState) return;
+    StreamPort& p = rowIs(intf);
+    p.listenerState = ListenerState::Ignore;
+    p.hasListenerState = false;
+    p.statusTime = 0.0;
+    p.hasStatusTime = false;
+    rowChanged(intf, "listenerState");
+}
+
+void StreamData::listenerStateOrigIs(IntfId intf, ListenerState state) {
+    StreamPort& p = rowIs(intf);
+    if (p.hasListenerStateOrig && p.listenerStateOrig == state) return;
+    p.listenerStateOrig = state;
+    p.hasListenerStateOrig = true;
+    rowChanged(intf, "listenerStateOrig");
+}
+
+void StreamData::listenerStateOrigDel(IntfId intf) {
+    if (!row(intf).hasListenerStateOrig) return;
+    StreamPort& p = rowIs(intf);
+    p.listenerStateOrig = ListenerState::Ignore;
+    p.hasListenerStateOrig = false;
+    rowChanged(intf, "listenerStateOrig");
+}
+
+void StreamData::listenerStateOrigDelAll() {
+    std::vector<IntfId> ports;
+    for (const StreamPort& p : ports_) {
+        if (p.hasListenerStateOrig) ports.push_back(p.intf);
+    }
+    for (const IntfId intf : ports) listenerStateOrigDel(intf);
+}
+
+void StreamData::talkerFailureCodeIs(IntfId intf, TalkerFailureCode code) {
+    StreamPort& p = rowIs(intf);
+    if (p.hasFailureCode && p.talkerFailureCode == code) return;
+    p.talkerFailureCode = code;
+    p.hasFailureCode = true;
+    rowChanged(intf, "talkerFailureCode");
+}
+
+void StreamData::talkerFailureCodeDel(IntfId intf) {
+    if (!row(intf).hasFailureCode) return;
+    StreamPort& p = rowIs(intf);
+    p.talkerFailureCode = TalkerFailureCode::noFailure;
+    p.hasFailureCode = false;
+    rowChanged(intf, "talkerFailureCode");
+}
+
+void StreamData::statusTimeIs(IntfId intf, double time) {
+    StreamPort& p = rowIs(intf);
+    if (p.hasStatusTime && p.statusTime == time) return;
+    p.statusTime = time;
+    p.hasStatusTime = true;
+    rowChanged(intf, "statusTime");
+}
+
+void StreamData::attributesFrom(const StreamData& other) {
+    bandwidthIs(other.bandwidth_);
+    failedBridgeIdIs(other.failedBridgeId_);
+    macDaIs(other.macDa_);
+    vlanIdIs(other.vlanId_);
+    accumulatedLatencyIs(other.accumulatedLatency_);
+    maxFrameSizeIs(other.maxFrameSize_);
+    maxIntervalFramesIs(other.maxIntervalFrames_);
+    ingressIntfIs(other.ingressIntf_);
+    srClassIs(other.srClass_);
+    rankIs(other.rank_);
+    dataFramePriorityIs(other.dataFramePriority_);
+    ports_ = other.ports_;
+    changed(State::Change{*this, "port"});
+}
+
+}  // namespace Msrp
