@@ -1,0 +1,11 @@
+/// What the process may do on this machine.
+#pragma once
+
+#include <string>
+
+namespace Linux {
+
+/// Empty when packet sockets can be opened, else a line that says why not and what would help.
+std::string packetSocketProblem();
+
+}  // namespace Linux

@@ -1,0 +1,130 @@
+#include "Linux/EpollLoop.h"
+#include "Linux/LinkAgent.h"
+#include "Linux/LinkSpeed.h"
+#include "Runtime/Text.h"
+#include "tests/ports/Namespace.h"
+
+using namespace std::chrono_literals;
+using Interface::LinkStatus;
+using Interface::Speed;
+
+namespace {
+
+class LinkAgentTest : public PortsTest {
+protected:
+    /// "p1 up 10G 02:00:00:00:00:0a"
+    [[nodiscard]] std::string record(IntfId intf) const {
+        const auto r = status->intfStatus(intf);
+        if (!r) return "none";
+        return Runtime::concat(intf, ' ', State::enumText(r->linkStatus()), ' ',
+                               State::enumText(r->speedEnum()), ' ', r->macAddr());
+    }
+    /// Runs until the record reads like that; what it reads at last.
+    std::string until(IntfId intf, const std::string& text) {
+        loop.runUntil([&] { return record(intf) == text; }, 5s);
+        return record(intf);
+    }
+
+    const IntfId a{"p1"};
+    const IntfId c{"p3"};
+    Linux::EpollLoop loop;
+    std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status =
+        std::make_shared<Interface::AllEthPhyIntfStatusDir>();
+    std::shared_ptr<Interface::EthIntfStatusDir> names = std::make_shared<Interface::EthIntfStatusDir>();
+    unsigned place = 0;
+    Linux::LinkAgent agent{loop, status, names, [this](IntfId intf, unsigned ifindex, EthAddr) {
+                               if (intf == a) place = ifindex;
+                           }};
+};
+
+TEST_F(LinkAgentTest, TheRecordFollowsLinkAddressAndExistence) {
+    Namespace::cable("p1", "p2");
+    ASSERT_EQ(agent.start(), "");
+    agent.followIs(a);
+    EXPECT_EQ(until(a, "p1 up 10G 02:00:00:00:00:0a"), "p1 up 10G 02:00:00:00:00:0a");
+    EXPECT_EQ(place, if_nametoindex("p1"));
+    EXPECT_TRUE(names->intf().contains(a));
+
+    Namespace::ip("link set p2 down");  // the peer's carrier, not our own switch
+    EXPECT_EQ(until(a, "p1 down unknown 02:00:00:00:00:0a"), "p1 down unknown 02:00:00:00:00:0a");
+    Namespace::ip("link set p1 address 02:00:00:00:00:11");
+    Namespace::ip("link set p2 up");
+    EXPECT_EQ(until(a, "p1 up 10G 02:00:00:00:00:11"), "p1 up 10G 02:00:00:00:00:11");
+    Namespace::ip("link del p1");
+    EXPECT_EQ(until(a, "p1 down unknown 02:00:00:00:00:11"), "p1 down unknown 02:00:00:00:00:11");
+    EXPECT_EQ(place, 0U);
+    EXPECT_FALSE(names->intf().contains(a));
+
+    agent.followDel(a);
+    EXPECT_EQ(record(a), "none");
+}
+
+TEST_F(LinkAgentTest, AnInterfaceThatComesLaterOrUnderANewNameIsFound) {
+    ASSERT_EQ(agent.start(), "");
+    agent.followIs(a);
+    agent.followIs(c);
+    EXPECT_EQ(record(a), "p1 down unknown 00:00:00:00:00:00");
+    Namespace::cable("p1", "p2");
+    EXPECT_EQ(until(a, "p1 up 10G 02:00:00:00:00:0a"), "p1 up 10G 02:00:00:00:00:0a");
+    Namespace::ip("link set p1 down");
+    Namespace::ip("link set p1 name p3");
+    Namespace::ip("link set p3 up");
+    EXPECT_EQ(until(c, "p3 up 10G 02:00:00:00:00:0a"), "p3 up 10G 02:00:00:00:00:0a");
+    EXPECT_EQ(record(a), "p1 down unknown 02:00:00:00:00:0a");
+    EXPECT_EQ(place, 0U);
+}
+
+TEST_F(LinkAgentTest, TheRecordIsCompleteWhenItsLinkGoesUp) {
+    ASSERT_EQ(agent.start(), "");
+    agent.followIs(a);
+    std::string atUp;
+    const auto reactor = status->intfStatus(a)->react([&](const State::Change& change) {
+        if (change.field == "linkStatus" && place != 0) atUp = record(a);
+    });
+    Namespace::cable("p1", "p2");
+    until(a, "p1 up 10G 02:00:00:00:00:0a");
+    EXPECT_EQ(atUp, "p1 up 10G 02:00:00:00:00:0a");
+}
+
+TEST_F(LinkAgentTest, TheConfiguredSpeedWins) {
+    Namespace::cable("p1", "p2");
+    agent.configuredSpeedIs(a, Speed::speed100Mbps);
+    ASSERT_EQ(agent.start(), "");
+    agent.followIs(a);
+    EXPECT_EQ(until(a, "p1 up 100M 02:00:00:00:00:0a"), "p1 up 100M 02:00:00:00:00:0a");
+    agent.configuredSpeedIs(a, Speed::speedUnknown);
+    EXPECT_EQ(record(a), "p1 up 10G 02:00:00:00:00:0a");
+}
+
+TEST_F(LinkAgentTest, LostNotificationsAreMadeGoodByReadingAnew) {
+    Namespace::cable("p1", "p2");
+    ASSERT_EQ(agent.start(1), "");  // the kernel's least: room for one or two
+    agent.followIs(a);
+    int downs = 0;
+    const auto reactor = status->intfStatus(a)->react([&](const State::Change& change) {
+        if (change.field == "linkStatus") ++downs;
+    });
+    until(a, "p1 up 10G 02:00:00:00:00:0a");
+    downs = 0;
+    for (int i = 0; i < 10; ++i) {
+        Namespace::ip("link set p1 down");
+        Namespace::ip("link set p1 up");
+    }
+    Namespace::ip("link del p1");
+    Namespace::cable("p7", "p1");
+    EXPECT_EQ(until(a, "p1 up 10G 02:00:00:00:00:0b"), "p1 up 10G 02:00:00:00:00:0b");
+    EXPECT_EQ(place, if_nametoindex("p1"));
+    EXPECT_EQ(downs, 2) << "the new device's link is another link than the old one's; the rest is history";
+}
+
+TEST(LinkSpeed, IsNamedByWhatTheLinkCanKeep) {
+    EXPECT_EQ(Linux::namedSpeed(0), Speed::speedUnknown);
+    EXPECT_EQ(Linux::namedSpeed(9), Speed::speedUnknown);
+    EXPECT_EQ(Linux::namedSpeed(10), Speed::speed10Mbps);
+    EXPECT_EQ(Linux::namedSpeed(2'500), Speed::speed2500Mbps);
+    EXPECT_EQ(Linux::namedSpeed(56'000), Speed::speed50Gbps);
+    EXPECT_EQ(Linux::namedSpeed(800'000), Speed::speed400Gbps);
+    EXPECT_EQ(Linux::namedSpeed(0xFFFFFFFF), Speed::speedUnknown);
+}
+
+}  // namespace

@@ -1,0 +1,92 @@
+/// A network of the test's own.
+#pragma once
+
+#include "Linux/FileDescriptor.h"
+
+#include <arpa/inet.h>
+#include <cstdint>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <sched.h>
+#include <string>
+#include <sys/socket.h>
+#include <vector>
+
+using Octets = std::vector<std::uint8_t>;
+
+/// Moves the process into a fresh network namespace, which vanishes with all in it when the process leaves it
+/// again (or dies).  To be made before any socket, and to be destroyed after them.
+class Namespace {
+public:
+    Namespace() : before_{open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)} {
+        made_ = unshare(CLONE_NEWNET) == 0;
+    }
+    Namespace(const Namespace&) = delete;
+    Namespace& operator=(const Namespace&) = delete;
+    ~Namespace() {
+        if (made_) {
+            EXPECT_EQ(setns(before_.get(), CLONE_NEWNET), 0);
+        }
+    }
+    [[nodiscard]] bool made() const { return made_; }
+
+    /// ip("link set p1 up").  Ends the test when that fails.
+    static void ip(const std::string& arguments) {
+        if (std::system(("ip " + arguments).c_str()) != 0) throw std::runtime_error("ip " + arguments);
+    }
+    /// One cable: both ends exist, are up, and have the addresses 02:00:00:00:00:0a and ...:0b.
+    static void cable(const std::string& a, const std::string& b) {
+        ip("link add " + a + " address 02:00:00:00:00:0a up type veth peer name " + b +
+           " address 02:00:00:00:00:0b");
+        ip("link set " + b + " up");
+    }
+
+private:
+    Linux::FileDescriptor before_;
+    bool made_ = false;
+};
+
+class PortsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!net.made()) GTEST_SKIP() << "no permission to make a network namespace";
+    }
+    Namespace net;
+};
+
+/// Sends and hears whole frames on one interface, as they are on the wire.
+class RawEnd {
+public:
+    explicit RawEnd(const std::string& interface)
+        : fd_{socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_ALL))} {
+        where_.sll_family = AF_PACKET;
+        where_.sll_protocol = htons(ETH_P_ALL);
+        where_.sll_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
+        EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr*>(&where_), sizeof where_), 0);
+    }
+    void send(const Octets& frame) const {
+        EXPECT_EQ(::send(fd_.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+    }
+    /// Everything that came in since the last call.
+    [[nodiscard]] std::vector<Octets> heard() const {
+        std::vector<Octets> frames;
+        Octets buffer(4096);
+        sockaddr_ll from{};
+        socklen_t size = sizeof from;
+        ssize_t length = 0;
+        while ((length = recvfrom(fd_.get(), buffer.data(), buffer.size(), 0,
+                                  reinterpret_cast<sockaddr*>(&from), &size)) >= 0) {
+            if (from.sll_pkttype != PACKET_OUTGOING)
+                frames.emplace_back(buffer.begin(), buffer.begin() + length);
+        }
+        return frames;
+    }
+
+private:
+    Linux::FileDescriptor fd_;
+    sockaddr_ll where_{};
+};

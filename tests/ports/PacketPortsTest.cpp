@@ -1,0 +1,193 @@
+#include "Linux/EpollLoop.h"
+#include "Linux/LinkAgent.h"
+#include "Linux/PacketPorts.h"
+#include "Linux/Privileges.h"
+#include "tests/ports/Namespace.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto limit = 5s;
+
+const Octets ours{0x01, 0x80, 0xc2, 0, 0, 0x0e, 0x02, 0, 0, 0, 0, 0x0b, 0x22, 0xea};
+
+/// A frame of 60 octets: `header`, and behind it `mark` and zeros.
+Octets frame(Octets header, std::uint8_t mark) {
+    header.push_back(mark);
+    header.resize(60);
+    return header;
+}
+/// `frame` with a tag between the addresses and the EtherType.
+Octets tagged(Octets frame, std::uint16_t tagType, std::uint16_t vlan) {
+    const Octets tag{static_cast<std::uint8_t>(tagType >> 8), static_cast<std::uint8_t>(tagType),
+                     static_cast<std::uint8_t>(vlan >> 8), static_cast<std::uint8_t>(vlan)};
+    frame.insert(frame.begin() + 12, tag.begin(), tag.end());
+    return frame;
+}
+
+class PacketPortsTest : public PortsTest {
+protected:
+    void SetUp() override {
+        PortsTest::SetUp();
+        if (IsSkipped()) return;
+        ASSERT_EQ(Linux::packetSocketProblem(), "");
+        ASSERT_EQ(links.start(), "");
+        links.followIs(a);
+        links.followIs(b);
+    }
+    /// A port whose received first octets gather in `to`.
+    std::unique_ptr<Mrp::PacketPort> open(IntfId intf, Octets& to) {
+        return ports.open(intf, [&to](std::span<const std::uint8_t> pdu) { to.push_back(pdu[0]); });
+    }
+    bool until(const std::function<bool()>& condition) { return loop.runUntil(condition, limit); }
+    /// Runs until both interfaces, as they are now, have their links up.
+    bool untilUp() {
+        return until([&] {
+            return std::ranges::all_of(std::array{a, b}, [&](IntfId intf) {
+                return places[intf] == if_nametoindex(intf.name().c_str()) &&
+                       status->intfStatus(intf)->linkStatus() == Interface::LinkStatus::linkUp;
+            });
+        });
+    }
+
+    const IntfId a{"p1"};
+    const IntfId b{"p2"};
+    Linux::EpollLoop loop;
+    std::vector<std::string> complaints;
+    std::map<IntfId, unsigned> places;
+    Linux::PacketPorts ports{loop, {}, [this](const std::string& line) { complaints.push_back(line); }};
+    std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status =
+        std::make_shared<Interface::AllEthPhyIntfStatusDir>();
+    Linux::LinkAgent links{loop, status, nullptr, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
+                               places[intf] = ifindex;
+                               ports.interfaceIs(intf, ifindex, mac);
+                           }};
+    Octets atA;
+    Octets atB;
+};
+
+TEST_F(PacketPortsTest, FramesTravelBothWaysAndNobodyHearsHisOwn) {
+    Namespace::cable("p1", "p2");
+    const auto portA = open(a, atA);
+    const auto portB = open(b, atB);
+    ASSERT_TRUE(untilUp());
+    EXPECT_TRUE(portA->send(Octets{1}));
+    EXPECT_TRUE(portB->send(Octets(1500, 2)));
+    EXPECT_TRUE(portA->send(Octets{3}));
+    EXPECT_TRUE(until([&] { return atB.size() == 2 && !atA.empty(); }));
+    EXPECT_EQ(atA, Octets{2});
+    EXPECT_EQ(atB, (Octets{1, 3}));
+    EXPECT_EQ(ports.counters(a).sent, 2U);
+    EXPECT_EQ(ports.counters(b).received, 2U);
+}
+
+TEST_F(PacketPortsTest, AShortMrpduIsPaddedAndCarriesTheInterfacesPresentAddress) {
+    Namespace::cable("p1", "p2");
+    ASSERT_TRUE(untilUp());
+    const auto port = open(b, atB);
+    const RawEnd wire{"p1"};
+    EXPECT_TRUE(port->send(Octets{9}));
+    Namespace::ip("link set p2 address 02:00:00:00:00:77");
+    ASSERT_TRUE(
+        until([&] { return status->intfStatus(b)->macAddr() == EthAddr::fromNumber(0x020000000077); }));
+    EXPECT_TRUE(port->send(Octets(46, 9)));
+
+    Octets full = ours;
+    full[11] = 0x77;
+    full.resize(60, 9);
+    auto heard = wire.heard();
+    std::erase_if(heard, [](const Octets& f) { return f[12] != 0x22; });  // the kernel's own chatter
+    EXPECT_EQ(heard, (std::vector{frame(ours, 9), full}));
+}
+
+TEST_F(PacketPortsTest, OnlyUntaggedFramesOfTheProtocolReachThePort) {
+    Namespace::cable("p1", "p2");
+    Namespace::ip("link set p1 mtu 2000");
+    Namespace::ip("link set p2 mtu 2000");
+    const auto port = open(a, atA);
+    ASSERT_TRUE(untilUp());
+    const RawEnd peer{"p2"};
+    Octets otherType = ours;
+    otherType[13] = 0xeb;
+    Octets otherGroup = ours;
+    otherGroup[5] = 0x0d;
+    Octets toUs = ours;
+    std::ranges::copy(Octets{0x02, 0, 0, 0, 0, 0x0a}, toUs.begin());
+    Octets tooLong = frame(ours, 1);
+    tooLong.resize(1600);
+    peer.send(frame(otherType, 2));
+    peer.send(frame(otherGroup, 3));
+    peer.send(frame(toUs, 4));
+    peer.send(tagged(frame(ours, 5), 0x8100, 2));
+    peer.send(tagged(frame(ours, 6), 0x8100, 0x6000));  // VLAN 0, a mere priority
+    peer.send(tagged(frame(ours, 7), 0x88a8, 2));
+    peer.send(tooLong);
+    peer.send(frame(ours, 8));
+    EXPECT_TRUE(until([&] { return !atA.empty(); }));
+    EXPECT_EQ(atA, Octets{8});
+    EXPECT_EQ(ports.counters(a).received, 1U);
+    EXPECT_EQ(ports.counters(a).receiveDropped, 1U);  // the long one; the rest was none of our business
+}
+
+TEST_F(PacketPortsTest, APortWorksAgainWhenItsInterfaceComesBack) {
+    const auto portA = open(a, atA);
+    const auto portB = open(b, atB);
+    EXPECT_FALSE(portA->send(Octets{1}));
+    EXPECT_EQ(ports.counters(a).sendDropped, 1U);
+    for (std::uint8_t round = 1; round <= 3; ++round) {
+        Namespace::cable("p1", "p2");
+        ASSERT_TRUE(untilUp());
+        EXPECT_TRUE(portA->send(Octets{round}));
+        EXPECT_TRUE(portB->send(Octets{round}));
+        EXPECT_TRUE(until([&] { return atA.size() == round && atB.size() == round; })) << int{round};
+        Namespace::ip("link set p1 down");
+        EXPECT_FALSE(portA->send(Octets{99}));
+        Namespace::ip("link del p1");
+        EXPECT_FALSE(portA->send(Octets{99}));
+        // Once the loop learns of it only when the interface is back.
+        if (round == 2) continue;
+        ASSERT_TRUE(
+            until([&] { return status->intfStatus(a)->linkStatus() == Interface::LinkStatus::linkDown; }));
+    }
+    EXPECT_EQ(atA, (Octets{1, 2, 3}));
+    EXPECT_EQ(complaints, std::vector<std::string>{});
+}
+
+TEST_F(PacketPortsTest, AnotherInterfaceWithTheSameNameAndIndexIsNoticed) {
+    Linux::EpollLoop ownLoop;  // without a link agent that would tell of the time between
+    Linux::PacketPorts ownPorts{ownLoop};
+    Namespace::cable("p1", "p2");
+    const unsigned index = if_nametoindex("p2");
+    const EthAddr mac = EthAddr::fromNumber(0x02000000000b);
+    const auto port = ownPorts.open(b, [&](std::span<const std::uint8_t> pdu) { atB.push_back(pdu[0]); });
+    ownPorts.interfaceIs(b, index, mac);
+    Namespace::ip("link del p1");
+    Namespace::ip("link add p2 up index " + std::to_string(index) + " type veth peer name p1");
+    Namespace::ip("link set p1 up");
+    ownPorts.interfaceIs(b, index, mac);
+    RawEnd{"p1"}.send(frame(ours, 1));
+    EXPECT_TRUE(ownLoop.runUntil([&] { return atB == Octets{1}; }, limit));
+}
+
+TEST_F(PacketPortsTest, AReceiverMayEndItsOwnPort) {
+    Namespace::cable("p1", "p2");
+    ASSERT_TRUE(untilUp());
+    const RawEnd peer{"p2"};
+    int calls = 0;
+    std::unique_ptr<Mrp::PacketPort> port;
+    port = ports.open(a, [&, text = std::string(100, 'x')](std::span<const std::uint8_t>) {
+        port.reset();
+        calls += static_cast<int>(text.size());
+    });
+    peer.send(frame(ours, 1));
+    peer.send(frame(ours, 2));
+    EXPECT_TRUE(until([&] { return calls != 0; }));
+    EXPECT_EQ(calls, 100);
+}
+
+}  // namespace
