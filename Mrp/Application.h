@@ -17,17 +17,17 @@ struct AttributeType {
     std::uint8_t valueLength;  ///< AttributeLength on the wire, at most `maxValueLength`
     bool fourPacked;           ///< values carry a two-bit declaration after the events
     bool deliverFirst;         ///< its messages are delivered before other types' within one PDU
-    /// After a join of this type that was accepted and is no mere repeat, joins that were refused on the same port
-    /// are offered again; and a registered or refused attribute of this type is offered again whenever this side
-    /// declares the same key.
+    /// After a join of this type that was accepted and is no mere repeat, joins that were refused on the same
+    /// port are offered again; and a registered or refused attribute of this type is offered again whenever
+    /// this side declares the same key.
     bool retriesPort;
     /// The key of a value: what names the attribute; two values of one key are two states of one attribute.
     std::uint64_t (*key)(std::span<const std::uint8_t> value);
-    /// Makes value k out of the first value of a vector in place (the increments of 35.2.2.8); false when there is no
-    /// such value.
+    /// Makes value k out of the first value of a vector in place (the increments of 35.2.2.8); false when
+    /// there is no such value.
     bool (*increment)(std::span<std::uint8_t> value, std::uint32_t k);
-    /// True when `next` may follow `previous` in one vector: `next` is `previous` incremented by one, without any
-    /// field wrapping.
+    /// True when `next` may follow `previous` in one vector: `next` is `previous` incremented by one, without
+    /// any field wrapping.
     bool (*follows)(std::span<const std::uint8_t> previous, std::span<const std::uint8_t> next);
 };
 

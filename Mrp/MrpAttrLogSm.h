@@ -1,13 +1,13 @@
-/// The attribute log: a bounded queue of what was registered and declared, drained into a sink that may be slow.
-/// The stream lifecycle paces itself by it: while the log is clogged nothing is published or withdrawn.
+/// The attribute log: a bounded queue of what was registered and declared, drained into a sink that may be
+/// slow. The stream lifecycle paces itself by it: while the log is clogged nothing is published or withdrawn.
 #pragma once
+
+#include "Runtime/Time.h"
+#include "Switch/IntfId.h"
 
 #include <cstdint>
 #include <deque>
 #include <functional>
-
-#include "Runtime/Time.h"
-#include "Switch/IntfId.h"
 
 namespace Mrp {
 
@@ -26,7 +26,8 @@ public:
     using Sink = std::function<bool(const AttrLogRecord&)>;
 
     /// `capacity`: records that wait before the log counts as clogged; further ones drop the oldest.
-    explicit MrpAttrLogSm(Sink sink, std::size_t capacity = 1024) : sink_{std::move(sink)}, capacity_{capacity} {}
+    explicit MrpAttrLogSm(Sink sink, std::size_t capacity = 1024)
+        : sink_{std::move(sink)}, capacity_{capacity} {}
 
     void sinkIs(Sink sink) { sink_ = std::move(sink); }
     void record(const AttrLogRecord& record);

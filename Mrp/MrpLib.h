@@ -1,21 +1,21 @@
-/// The base of an MRP application: the requests that it can make of the engine, the indications that it gets, and the
-/// slots through which attribute values pass.
+/// The base of an MRP application: the requests that it can make of the engine, the indications that it gets,
+/// and the slots through which attribute values pass.
 ///
-/// A request: the application writes the value into the outgoing slot of its type, calls `mrpOutIntfQueueEnq(port)` and
-/// `mrpSendAttribute`.  Requests change state and ask for a transmit opportunity; they never transmit inline.
-/// An indication: the engine writes the value into the incoming slot and calls `mrpJoinIndication` or
-/// `mrpLeaveIndication`, which may make requests of any kind.
+/// A request: the application writes the value into the outgoing slot of its type, calls
+/// `mrpOutIntfQueueEnq(port)` and `mrpSendAttribute`.  Requests change state and ask for a transmit
+/// opportunity; they never transmit inline. An indication: the engine writes the value into the incoming slot
+/// and calls `mrpJoinIndication` or `mrpLeaveIndication`, which may make requests of any kind.
 #pragma once
+
+#include "Mrp/Application.h"
+#include "Switch/IntfId.h"
+#include "Switch/Ranged.h"
 
 #include <array>
 #include <cstdint>
 #include <span>
 #include <string>
 #include <typeinfo>
-
-#include "Mrp/Application.h"
-#include "Switch/IntfId.h"
-#include "Switch/Ranged.h"
 
 namespace Mrp {
 
@@ -52,8 +52,8 @@ public:
 
     /// Describes the module that handles the attributes, for diagnostics.
     [[nodiscard]] virtual const std::type_info& fwkType() const = 0;
-    /// An attribute was registered, repeated after a LeaveAll, or changed its value.  0 accepts it; anything else
-    /// refuses it.
+    /// An attribute was registered, repeated after a LeaveAll, or changed its value.  0 accepts it; anything
+    /// else refuses it.
     virtual std::uint8_t mrpJoinIndication(const MrpParameters& params) = 0;
     virtual void mrpLeaveIndication(const MrpParameters& params) = 0;
 
@@ -71,6 +71,8 @@ public:
     /// Forgets one registration without an indication; the port says Mt for it, so that a peer that still
     /// declares it does so again.
     void mrpCleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
+    /// Whether the engine holds a registration of that attribute on the port, refused ones included.
+    [[nodiscard]] bool mrpRegistered(IntfId intf, std::uint8_t type, std::uint64_t key) const;
     /// The name of the port's base spanning-tree topology; empty when it has none.
     [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
     /// The VLAN of the port's untagged frames: its switch configuration's, else 1.
@@ -88,7 +90,8 @@ private:
     static constexpr std::size_t slots = 8;
 
     ApplicationInfo application_;
-    MrpSm* engine_ = nullptr;  ///< set by the engine for as long as it lives; without one, requests do nothing
+    MrpSm* engine_ =
+        nullptr;  ///< set by the engine for as long as it lives; without one, requests do nothing
     std::array<AttributeSlot, slots> incoming_{};
     std::array<AttributeSlot, slots> outgoing_{};
 };

@@ -1,27 +1,28 @@
 /// The way to the wire, as the engine sees it.
 #pragma once
 
+#include "Switch/IntfId.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
 
-#include "Switch/IntfId.h"
-
 namespace Mrp {
 
-/// One open port that sends and receives frames of one protocol (one destination group address and EtherType).
-/// Closes with its destruction.
+/// One open port that sends and receives frames of one protocol (one destination group address and
+/// EtherType). Closes with its destruction.
 class PacketPort {
 public:
     virtual ~PacketPort() = default;
-    /// Sends one MRPDU (what follows the EtherType; the port adds addresses, EtherType and padding).  At most 1500
-    /// octets.  False when the frame could not be handed to the wire; the protocol repeats itself, so nobody retries.
+    /// Sends one MRPDU (what follows the EtherType; the port adds addresses, EtherType and padding).  At most
+    /// 1500 octets.  False when the frame could not be handed to the wire; the protocol repeats itself, so
+    /// nobody retries.
     virtual bool send(std::span<const std::uint8_t> pdu) = 0;
 };
 
-/// Makes ports.  An interface that comes and goes is the provider's business: an open port of an interface that is
-/// away sends nothing and receives nothing, and works again when the interface is back.
+/// Makes ports.  An interface that comes and goes is the provider's business: an open port of an interface
+/// that is away sends nothing and receives nothing, and works again when the interface is back.
 class PacketPortProvider {
 public:
     /// Takes one received MRPDU; the octets are valid during the call only.  Called from the loop, never from

@@ -1,12 +1,14 @@
 /// The engine's configuration and status records.
 #pragma once
 
-#include <array>
-#include <memory>
-#include <string_view>
-
+#include "Mrp/Events.h"
 #include "State/Record.h"
 #include "Switch/IntfId.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string_view>
 
 namespace Mrp {
 
@@ -41,8 +43,10 @@ public:
         each(State::scalar("leaveTime", &C::leaveTime_, std::uint32_t{100}, std::uint32_t{60'000}));
         each(State::scalar("leaveAllTime", &C::leaveAllTime_, std::uint32_t{1000}, std::uint32_t{600'000}));
         each(State::scalar("periodicEnabled", &C::periodicEnabled_));
-        each(State::scalar("pdusPerOpportunity", &C::pdusPerOpportunity_, std::uint32_t{1}, std::uint32_t{1000}));
-        each(State::scalar("maxAttributesPerType", &C::maxAttributesPerType_, std::uint32_t{1}, std::uint32_t{1'000'000}));
+        each(State::scalar("pdusPerOpportunity", &C::pdusPerOpportunity_, std::uint32_t{1},
+                           std::uint32_t{1000}));
+        each(State::scalar("maxAttributesPerType", &C::maxAttributesPerType_, std::uint32_t{1},
+                           std::uint32_t{1'000'000}));
     }
 
 private:
@@ -52,6 +56,106 @@ private:
     bool periodicEnabled_ = false;
     std::uint32_t pdusPerOpportunity_ = 1000;
     std::uint32_t maxAttributesPerType_ = 4096;
+};
+
+/// What a port counts, as plain numbers: what is added to the record below in one go after each PDU.
+struct MrpCounts {
+    std::uint64_t rxPdus = 0;
+    std::uint64_t txPdus = 0;
+    std::uint64_t refusedJoins = 0;
+    std::uint64_t rangeErrors = 0;
+    std::uint64_t droppedRegistrations = 0;
+    std::array<std::uint64_t, eventKinds> rxEvents{};
+    std::array<std::uint64_t, eventKinds> txEvents{};
+    std::array<std::uint64_t, malformedKinds> malformed{};
+};
+
+/// One port's counters.  They survive the port's being disabled.
+class MrpIntfStatus : public State::Record<MrpIntfStatus> {
+public:
+    static constexpr std::string_view type = "Mrp::MrpIntfStatus";
+    explicit MrpIntfStatus(IntfId id) : intfId_{id} {}
+
+    [[nodiscard]] IntfId intfId() const { return intfId_; }
+    [[nodiscard]] std::uint64_t rxPdus() const { return rxPdus_; }
+    [[nodiscard]] std::uint64_t txPdus() const { return txPdus_; }
+    /// Join indications that the application refused.
+    [[nodiscard]] std::uint64_t refusedJoins() const { return refusedJoins_; }
+    /// Indications that met a value out of range.
+    [[nodiscard]] std::uint64_t rangeErrors() const { return rangeErrors_; }
+    /// Registrations not taken because the port had `maxAttributesPerType`.
+    [[nodiscard]] std::uint64_t droppedRegistrations() const { return droppedRegistrations_; }
+    [[nodiscard]] std::uint64_t rxEvents(Event event) const { return rxEvents_.get(event); }
+    [[nodiscard]] std::uint64_t txEvents(Event event) const { return txEvents_.get(event); }
+    /// Parts of received PDUs that were discarded.
+    [[nodiscard]] std::uint64_t malformed(Malformed reason) const { return malformed_.get(reason); }
+
+    void add(const MrpCounts& more) {
+        addTo(rxPdus_, more.rxPdus, "rxPdus");
+        addTo(txPdus_, more.txPdus, "txPdus");
+        addTo(refusedJoins_, more.refusedJoins, "refusedJoins");
+        addTo(rangeErrors_, more.rangeErrors, "rangeErrors");
+        addTo(droppedRegistrations_, more.droppedRegistrations, "droppedRegistrations");
+        for (const auto& kind : eventNames) {
+            addTo(rxEvents_, kind.value, more.rxEvents[static_cast<std::size_t>(kind.value)], "rxEvents");
+            addTo(txEvents_, kind.value, more.txEvents[static_cast<std::size_t>(kind.value)], "txEvents");
+        }
+        for (const auto& reason : malformedNames) {
+            addTo(malformed_, reason.value, more.malformed[static_cast<std::size_t>(reason.value)],
+                  "malformed");
+        }
+    }
+
+    template <class F>
+    static void fields(F&& each) {
+        using C = MrpIntfStatus;
+        each(State::scalar("rxPdus", &C::rxPdus_));
+        each(State::scalar("txPdus", &C::txPdus_));
+        each(State::map("rxEvents", &C::rxEvents_));
+        each(State::map("txEvents", &C::txEvents_));
+        each(State::map("malformed", &C::malformed_));
+        each(State::scalar("refusedJoins", &C::refusedJoins_));
+        each(State::scalar("rangeErrors", &C::rangeErrors_));
+        each(State::scalar("droppedRegistrations", &C::droppedRegistrations_));
+    }
+
+private:
+    void addTo(std::uint64_t& counter, std::uint64_t more, std::string_view name) {
+        if (more != 0) assign(counter, counter + more, name);
+    }
+    template <class K>
+    void addTo(State::FlatMap<K, std::uint64_t>& counters, K key, std::uint64_t more, std::string_view name) {
+        if (more != 0) setEntry(counters, key, counters.get(key) + more, name);
+    }
+
+    IntfId intfId_;
+    std::uint64_t rxPdus_ = 0;
+    std::uint64_t txPdus_ = 0;
+    State::FlatMap<Event, std::uint64_t> rxEvents_;
+    State::FlatMap<Event, std::uint64_t> txEvents_;
+    State::FlatMap<Malformed, std::uint64_t> malformed_;
+    std::uint64_t refusedJoins_ = 0;
+    std::uint64_t rangeErrors_ = 0;
+    std::uint64_t droppedRegistrations_ = 0;
+};
+
+/// "mrp/status"
+class MrpStatus : public State::Record<MrpStatus> {
+public:
+    static constexpr std::string_view type = "Mrp::MrpStatus";
+
+    [[nodiscard]] const State::Collection<IntfId, MrpIntfStatus>& intf() const { return intf_; }
+    [[nodiscard]] std::shared_ptr<const MrpIntfStatus> intf(IntfId id) const { return intf_.get(id); }
+    std::shared_ptr<MrpIntfStatus> intfIs(IntfId id) { return makeChild(intf_, id, "intf"); }
+    void intfDel(IntfId id) { delChild(intf_, id, "intf"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::collection("intf", &MrpStatus::intf_));
+    }
+
+private:
+    State::Collection<IntfId, MrpIntfStatus> intf_;
 };
 
 }  // namespace Mrp

@@ -1,0 +1,153 @@
+#include "Mrp/Decoder.h"
+
+#include <algorithm>
+
+namespace Mrp {
+
+namespace {
+
+constexpr std::uint16_t leaveAllUnit = 8192;
+constexpr std::uint8_t threePackedLimit = 6 * 6 * 6;
+constexpr std::size_t endMarkLength = 2;
+constexpr std::size_t messageHeaderLength = 4;
+
+/// Reads big-endian fields front to back.  A read past the end gives zeros, empties the reader and clears
+/// ok(): loops end, and nothing outside the PDU is touched.
+class Reader {
+public:
+    explicit Reader(std::span<const std::uint8_t> bytes, std::size_t offset = 0)
+        : rest_{bytes}, offset_{offset} {}
+
+    std::uint8_t u8() {
+        const auto octets = bytes(1);
+        return octets.empty() ? std::uint8_t{0} : octets[0];
+    }
+    std::uint16_t u16() {
+        const std::uint8_t high = u8();
+        return static_cast<std::uint16_t>(high << 8 | u8());
+    }
+    Reader record(std::size_t length) {
+        const std::size_t start = offset_;
+        return Reader{bytes(length), start};
+    }
+    /// Exactly `length` octets, or none.
+    std::span<const std::uint8_t> bytes(std::size_t length) {
+        if (length > rest_.size()) {
+            ok_ = false;
+            offset_ += rest_.size();
+            rest_ = {};
+            return {};
+        }
+        const auto taken = rest_.first(length);
+        rest_ = rest_.subspan(length);
+        offset_ += length;
+        return taken;
+    }
+
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] std::size_t left() const { return rest_.size(); }
+    /// From the start of the PDU.
+    [[nodiscard]] std::size_t offset() const { return offset_; }
+
+private:
+    std::span<const std::uint8_t> rest_;
+    std::size_t offset_;
+    bool ok_ = true;
+};
+
+class PduDecoder {
+public:
+    PduDecoder(const ApplicationInfo& application, DecodedPdu& out) : application_{application}, out_{out} {}
+
+    void pdu(Reader in) {
+        if (in.left() < 1 + messageHeaderLength) return flaw(Malformed::tooShort, in.left());
+        in.u8();  // a higher version is read as ours; what it has that we do not know is skipped below
+        while (in.left() > 0) {
+            const std::size_t start = in.offset();
+            const std::uint8_t type = in.u8();
+            if (type == 0) return;  // the EndMark
+            const std::uint8_t length = in.u8();
+            const std::uint16_t listLength = in.u16();
+            if (!in.ok() || listLength > in.left()) return flaw(Malformed::listPastEnd, start);
+            message(type, length, in.record(listLength), in.left() == 0, start);
+        }
+    }
+
+private:
+    void message(std::uint8_t type, std::uint8_t length, Reader list, bool last, std::size_t start) {
+        const auto& types = application_.types;
+        const auto known = std::ranges::find(types, type, &AttributeType::type);
+        if (known == types.end()) return;
+        if (length != known->valueLength) return flaw(Malformed::wrongLength, start + 1);
+        const auto index = static_cast<std::uint8_t>(known - types.begin());
+        while (list.left() >= endMarkLength) {
+            const std::size_t vectorStart = list.offset();
+            const std::uint16_t header = list.u16();
+            if (header == 0) {
+                if (list.left() > 0) flaw(Malformed::listLengthMismatch, list.offset());
+                return;
+            }
+            if (!vector(index, *known, header, list)) return flaw(Malformed::vectorPastEnd, vectorStart);
+        }
+        // The end of the PDU stands for the EndMark of its last list.
+        if (list.left() > 0 || !last) flaw(Malformed::listLengthMismatch, list.offset());
+    }
+
+    /// False when the list has no room for it.
+    bool vector(std::uint8_t index, const AttributeType& type, std::uint16_t header, Reader& list) {
+        const std::size_t values = header % leaveAllUnit;
+        const bool leaveAll = header / leaveAllUnit == 1;  // other numbers are events of later versions
+        if (values == 0) {
+            // Some senders leave the FirstValue out where there is no value.
+            if (list.left() >= type.valueLength + endMarkLength) list.bytes(type.valueLength);
+            if (leaveAll) out_.leaveAll.set(index);
+            return true;
+        }
+        const auto first = list.bytes(type.valueLength);
+        const std::size_t eventsAt = list.offset();
+        const auto threePacked = list.bytes((values + 2) / 3);
+        const auto fourPacked = list.bytes(type.fourPacked ? (values + 3) / 4 : 0);
+        if (!list.ok()) return false;
+        if (leaveAll) out_.leaveAll.set(index);
+
+        DecodedEvent decoded;
+        decoded.typeIndex = index;
+        for (std::size_t k = 0; k < values; ++k) {
+            const std::uint8_t three = threePacked[k / 3];
+            if (three >= threePackedLimit) {
+                flaw(Malformed::eventPastRange, eventsAt + k / 3);
+                return true;
+            }
+            std::ranges::copy(first, decoded.value.octets.begin());
+            if (k > 0 && !type.increment(std::span{decoded.value.octets}.first(type.valueLength),
+                                         static_cast<std::uint32_t>(k))) {
+                flaw(Malformed::valuePastRange, eventsAt + k / 3);
+                return true;
+            }
+            constexpr std::array<std::uint8_t, 3> divisor{36, 6, 1};
+            decoded.event = static_cast<Event>(three / divisor[k % 3] % 6);
+            if (type.fourPacked) {
+                decoded.value.declaration =
+                    static_cast<std::uint8_t>(fourPacked[k / 4] >> (6 - 2 * (k % 4)) & 3);
+            }
+            out_.events.push_back(decoded);
+        }
+        return true;
+    }
+
+    void flaw(Malformed reason, std::size_t offset) { out_.flaws.push_back({reason, offset}); }
+
+    const ApplicationInfo& application_;
+    DecodedPdu& out_;
+};
+
+}  // namespace
+
+void decode(std::span<const std::uint8_t> pdu, const ApplicationInfo& application, DecodedPdu& out) {
+    out.events.clear();
+    out.leaveAll.reset();
+    out.flaws.clear();
+    PduDecoder{application, out}.pdu(Reader{pdu});
+}
+
+}  // namespace Mrp

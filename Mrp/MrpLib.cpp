@@ -1,0 +1,41 @@
+#include "Mrp/MrpLib.h"
+
+#include "Mrp/MrpSm.h"
+
+namespace Mrp {
+
+void MrpLib::mrpSendAttribute(const MrpParameters& params) {
+    if (engine_ != nullptr) engine_->sendAttribute(params);
+}
+
+void MrpLib::mrpOutIntfQueueEnq(IntfId intf) {
+    if (engine_ != nullptr) engine_->requestOpportunity(intf);
+}
+
+void MrpLib::mrpInterfaceEnable(IntfId intf) {
+    if (engine_ != nullptr) engine_->interfaceEnable(intf);
+}
+
+void MrpLib::mrpInterfaceDisable(IntfId intf) {
+    if (engine_ != nullptr) engine_->interfaceDisable(intf);
+}
+
+void MrpLib::mrpCleanUpIntfDatabase(IntfId intf) {
+    if (engine_ != nullptr) engine_->cleanUpIntfDatabase(intf);
+}
+
+void MrpLib::mrpCleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key) {
+    if (engine_ != nullptr) engine_->cleanUpIntfDatabaseAttribute(intf, type, key);
+}
+
+std::string MrpLib::baseSpanningTreeTopo(IntfId intf) const {
+    return engine_ != nullptr ? engine_->baseSpanningTreeTopo(intf) : std::string{};
+}
+
+VlanId MrpLib::getNativeVlanId(IntfId intf) const {
+    return engine_ != nullptr ? engine_->nativeVlanId(intf) : VlanId{1};
+}
+
+PeriodicSm* MrpLib::periodicSm() const { return engine_ != nullptr ? &engine_->periodicSm() : nullptr; }
+
+}  // namespace Mrp

@@ -1,0 +1,343 @@
+#include "Mrp/MrpSm.h"
+
+#include "Runtime/Assert.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace Mrp {
+
+namespace {
+
+/// Offers in one turn of the loop.
+constexpr int offersAtOnce = 64;
+/// Reasons of reports behind those of malformed frames.
+constexpr std::uint32_t rangeErrorReason = 100;
+constexpr std::uint32_t limitReason = 200;  ///< plus two for each attribute type
+
+template <class R>
+std::shared_ptr<R> orDefault(std::shared_ptr<R> record) {
+    return record ? std::move(record) : std::make_shared<std::remove_const_t<R>>();
+}
+
+}  // namespace
+
+MrpSm::MrpSm(Inputs inputs)
+    : inputs_{std::move(inputs)},
+      application_{inputs_.application},
+      loop_{inputs_.environment.loop},
+      config_{orDefault(inputs_.mrpConfig)},
+      status_{orDefault(inputs_.mrpStatus)},
+      standby_{inputs_.standbyMode},
+      random_{inputs_.environment.seed},
+      limiter_{inputs_.environment.report},
+      periodicSm_{loop_,
+                  {.periodic =
+                       [this](IntfId intf) {
+                           if (auto p = participant(intf)) p->periodic();
+                       },
+                   .leaveAll =
+                       [this](IntfId intf) {
+                           if (auto p = participant(intf)) p->leaveAll();
+                       }}},
+      configReactor_{config_->react([this](const State::Change& change) { configChanged(change.field); })} {
+    Runtime::require(application_.application().types.size() <= maxTypes, "too many attribute types");
+    periodicSm_.enabledIs(config_->periodicEnabled());
+    application_.engine_ = this;
+}
+
+MrpSm::~MrpSm() {
+    application_.engine_ = nullptr;
+    for (const auto& [intf, port] : ports_) {
+        if (port.participant) port.participant->stop();
+    }
+}
+
+void MrpSm::handleStandbyMode() {
+    for (const IntfId intf : enabled_) {
+        if (standby_) {
+            stop(intf);
+        } else if (!participant(intf)) {
+            start(intf);
+            periodicSm_.transmitAllLeaveAll(intf);
+        }
+    }
+}
+
+// --- Ports
+// -------------------------------------------------------------------------------------------------------
+
+void MrpSm::interfaceEnable(IntfId intf) {
+    enabled_.insert(intf);
+    if (!standby_ && !participant(intf)) start(intf);
+}
+
+void MrpSm::interfaceDisable(IntfId intf) {
+    enabled_.erase(intf);
+    const auto ending = participant(intf);
+    if (!ending) return;
+    const auto link = inputs_.ethPhyIntfStatusDir ? inputs_.ethPhyIntfStatusDir->intfStatus(intf) : nullptr;
+    if (link && link->linkStatus() == Interface::LinkStatus::linkUp) ending->flush();
+    stop(intf);
+}
+
+void MrpSm::start(IntfId intf) {
+    Port& port = ports_[intf];
+    port.participant = std::make_shared<Participant>(
+        intf, Participant::Environment{.loop = loop_,
+                                       .application = application_.application(),
+                                       .config = *config_,
+                                       .random = random_,
+                                       .trace = inputs_.environment.trace,
+                                       .host = *this,
+                                       .pointToPoint = true});  // full-duplex Ethernet
+    if (!port.packetPort) {
+        port.packetPort = inputs_.environment.ports.open(
+            intf, [this, intf](std::span<const std::uint8_t> pdu) { received(intf, pdu); });
+    }
+    status_->intfIs(intf);
+    periodicSm_.intfIs(intf);
+}
+
+void MrpSm::stop(IntfId intf) {
+    const auto at = ports_.find(intf);
+    if (at == ports_.end() || !at->second.participant) return;
+    const auto ending = std::exchange(at->second.participant, nullptr);
+    ending->stop();
+    periodicSm_.intfDel(intf);
+    // A call of the participant or of the packet port may be under way: both end after it.
+    later([this, intf, ending] {
+        const auto port = ports_.find(intf);
+        if (port != ports_.end() && !port->second.participant) ports_.erase(port);
+    });
+}
+
+std::shared_ptr<Participant> MrpSm::participant(IntfId intf) const {
+    const auto at = ports_.find(intf);
+    return at == ports_.end() ? nullptr : at->second.participant;
+}
+
+void MrpSm::received(IntfId intf, std::span<const std::uint8_t> pdu) {
+    const auto receiver = participant(intf);
+    if (!receiver) return;
+    decode(pdu, application_.application(), decoded_);
+    receiver->receive(decoded_);
+}
+
+void MrpSm::send(IntfId intf, std::span<const std::uint8_t> pdu) {
+    const auto at = ports_.find(intf);
+    if (at != ports_.end() && at->second.packetPort) at->second.packetPort->send(pdu);
+}
+
+// --- Requests
+// ----------------------------------------------------------------------------------------------------
+
+void MrpSm::sendAttribute(const MrpParameters& params) {
+    const auto sender = participant(params.intf);
+    if (!sender) return;
+    AttributeRef ref{.typeIndex = typeIndex(params.attributeType)};
+    const AttributeType& t = type(ref);
+    const AttributeSlot& slot = application_.outgoing(params.attributeType);
+    AttributeValue value;
+    std::copy_n(slot.value.begin(), t.valueLength, value.octets.begin());
+    if (t.fourPacked) value.declaration = static_cast<std::uint8_t>(slot.declaration & 3U);
+    ref.key = t.key(std::span{value.octets}.first(t.valueLength));
+    switch (params.request) {
+        case requestDeclare: {
+            log(AttrLogRecord::What::declare, params.intf, ref);
+            const bool news = sender->declare(ref, value);
+            // A handler that answers each join with the same declaration must not be called for ever.
+            if (t.retriesPort && (news || !indicating_)) offerDue(params.intf, ref);
+            break;
+        }
+        case requestWithdraw:
+            log(AttrLogRecord::What::withdraw, params.intf, ref);
+            sender->withdraw(ref);
+            break;
+        case requestInternalLeave:
+            log(AttrLogRecord::What::internalLeave, params.intf, ref);
+            sender->forget(ref);
+            break;
+        default:
+            Runtime::assertionFailed("unknown kind of MRP request");
+    }
+}
+
+void MrpSm::requestOpportunity(IntfId intf) {
+    if (const auto sender = participant(intf)) sender->requestOpportunity();
+}
+
+void MrpSm::cleanUpIntfDatabase(IntfId intf) {
+    if (const auto purged = participant(intf)) purged->purgeAll();
+}
+
+void MrpSm::cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key) {
+    if (const auto purged = participant(intf)) purged->purge({typeIndex(type), key});
+}
+
+std::uint8_t MrpSm::typeIndex(std::uint8_t type) const {
+    const auto& types = application_.application().types;
+    const auto at = std::ranges::find(types, type, &AttributeType::type);
+    Runtime::require(at != types.end(), "unknown attribute type in an MRP request");
+    return static_cast<std::uint8_t>(at - types.begin());
+}
+
+// --- Indications
+// -------------------------------------------------------------------------------------------------
+
+template <class F>
+Participant::Outcome MrpSm::indicate(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
+                                     F&& handler) {
+    const AttributeType& t = type(ref);
+    AttributeSlot& slot = application_.incoming(t.type);
+    slot = {.value = value.octets, .declaration = value.declaration};
+    const bool outer = std::exchange(indicating_, true);
+    Participant::Outcome outcome = Participant::Outcome::rangeError;
+    try {
+        outcome = handler(MrpParameters{.intf = intf, .attributeType = t.type});
+    } catch (const std::range_error& error) {
+        report(intf, rangeErrorReason + t.type,
+               Runtime::concat("MRP attribute of type ", unsigned{t.type}, " key ", State::hexText(ref.key),
+                               " refused: ", error.what()));
+    }
+    indicating_ = outer;
+    return outcome;
+}
+
+Participant::Outcome MrpSm::joinIndication(IntfId intf, const AttributeRef& ref,
+                                           const AttributeValue& value) {
+    log(AttrLogRecord::What::join, intf, ref);
+    return indicate(intf, ref, value, [this](const MrpParameters& params) {
+        return application_.mrpJoinIndication(params) == 0 ? Participant::Outcome::accepted
+                                                           : Participant::Outcome::refused;
+    });
+}
+
+Participant::Outcome MrpSm::leaveIndication(IntfId intf, const AttributeRef& ref,
+                                            const AttributeValue& value) {
+    log(AttrLogRecord::What::leave, intf, ref);
+    return indicate(intf, ref, value, [this](const MrpParameters& params) {
+        application_.mrpLeaveIndication(params);
+        return Participant::Outcome::accepted;
+    });
+}
+
+// --- What was refused is offered again
+// ---------------------------------------------------------------------------
+
+void MrpSm::registrationEnded(std::uint64_t key) {
+    for (const auto& [intf, port] : ports_) {
+        if (!port.participant || port.participant->refused().empty()) continue;
+        for (std::uint8_t i = 0; i < application_.application().types.size(); ++i) {
+            const AttributeRef ref{i, key};
+            if (port.participant->refused(ref)) offers_.emplace(ref, intf);
+        }
+    }
+    if (!offers_.empty()) scheduleOffers();
+}
+
+void MrpSm::portOpened(IntfId intf) {
+    openedPorts_.insert(intf);
+    scheduleOffers();
+}
+
+void MrpSm::offerDue(IntfId intf, const AttributeRef& ref) {
+    const auto port = participant(intf);
+    if (!port || !port->registered(ref)) return;
+    repeats_.emplace(ref, intf);
+    scheduleOffers();
+}
+
+void MrpSm::scheduleOffers() {
+    if (std::exchange(offersScheduled_, true)) return;
+    later([this] {
+        offersScheduled_ = false;
+        runOffers();
+    });
+}
+
+void MrpSm::runOffers() {
+    for (const IntfId intf : std::exchange(openedPorts_, {})) {
+        const auto port = participant(intf);
+        if (!port) continue;
+        for (const AttributeRef& ref : port->refused()) offers_.emplace(ref, intf);
+    }
+    for (int offered = 0; offered < offersAtOnce && !(offers_.empty() && repeats_.empty()); ++offered) {
+        const bool repeat = offers_.empty() || (!repeats_.empty() && *repeats_.begin() <= *offers_.begin());
+        const Offer offer = repeat ? *repeats_.begin() : *offers_.begin();
+        const auto& [ref, intf] = offer;
+        repeats_.erase(offer);
+        offers_.erase(offer);
+        const auto port = participant(intf);
+        if (port && (repeat || port->refused(ref))) port->offerAgain(ref);
+    }
+    if (!offers_.empty() || !repeats_.empty()) scheduleOffers();
+}
+
+void MrpSm::later(std::function<void()> task) {
+    loop_.post([alive = std::weak_ptr<bool>{alive_}, task = std::move(task)] {
+        if (!alive.expired()) task();
+    });
+}
+
+// --- Records and reports
+// -----------------------------------------------------------------------------------------
+
+void MrpSm::count(IntfId intf, const MrpCounts& more) { status_->intfIs(intf)->add(more); }
+
+void MrpSm::configChanged(std::string_view field) {
+    if (field == "periodicEnabled") periodicSm_.enabledIs(config_->periodicEnabled());
+    for (const auto& [intf, port] : ports_) {
+        if (!port.participant) continue;
+        if (field == "leaveTime") port.participant->leaveTimeChanged();
+        if (field == "leaveAllTime") port.participant->leaveAllTimeChanged();
+    }
+}
+
+void MrpSm::log(AttrLogRecord::What what, IntfId intf, const AttributeRef& ref) {
+    if (attrLog_ == nullptr) return;
+    attrLog_->record(
+        {.time = loop_.now(), .intf = intf, .what = what, .attributeType = type(ref).type, .key = ref.key});
+}
+
+void MrpSm::report(IntfId intf, std::uint32_t reason, const std::string& line) {
+    limiter_.report(loop_.now(), intf, reason, [&] { return Runtime::concat(intf, ": ", line); });
+}
+
+void MrpSm::reportFlaw(IntfId intf, const Flaw& flaw) {
+    limiter_.report(loop_.now(), intf, static_cast<std::uint32_t>(flaw.reason), [&] {
+        return Runtime::concat(intf, ": malformed MRPDU: ", describe(flaw.reason), " at octet ", flaw.offset);
+    });
+}
+
+void MrpSm::reportLimit(IntfId intf, std::uint8_t type, bool reached) {
+    report(intf, limitReason + 2U * type + (reached ? 0U : 1U),
+           Runtime::concat("MRP attributes of type ", unsigned{type},
+                           reached ? ": no more are registered, the limit of "
+                                   : ": registered again, fewer than the limit of ",
+                           config_->maxAttributesPerType(), reached ? " is reached" : ""));
+}
+
+std::string MrpSm::baseSpanningTreeTopo(IntfId intf) const {
+    if (!inputs_.stpStatus) return {};
+    switch (inputs_.stpStatus->mode()) {
+        case Stp::Mode::None:
+            return std::string{Stp::noStpName};
+        case Stp::Mode::Rstp:
+        case Stp::Mode::Mstp:
+            return std::string{Stp::cistName};
+        case Stp::Mode::Pvst: {
+            const auto vlan = inputs_.brConfig ? inputs_.brConfig->vlanConfig(nativeVlanId(intf)) : nullptr;
+            return vlan ? Stp::pvstInstanceName(*vlan) : std::string{};
+        }
+        default:
+            return {};
+    }
+}
+
+VlanId MrpSm::nativeVlanId(IntfId intf) const {
+    const auto port = inputs_.brConfig ? inputs_.brConfig->switchIntfConfig(intf) : nullptr;
+    return port ? port->nativeVlan() : VlanId{1};
+}
+
+}  // namespace Mrp

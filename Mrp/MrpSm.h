@@ -1,0 +1,152 @@
+/// The MRP engine (Multiple Registration Protocol, IEEE 802.1ak and 802.1Q clause 10) for one application.
+///
+/// `MrpSm` owns a `Participant` for each enabled port and binds itself to the application's `MrpLib`, whose
+/// requests arrive here and whose indications go out from here.  A received MRPDU takes the way packet port,
+/// `Decoder`, `Participant`, indications; what is to be said takes the way request, `Participant` (state and
+/// queue), transmit opportunity, `PduWriter`, packet port.  What the application refused is kept by the
+/// participants and offered again from here, in the order of type, key and port.  The state tables are in
+/// Tables.h.
+#pragma once
+
+#include "Mrp/MrpAttrLogSm.h"
+#include "Mrp/MrpLib.h"
+#include "Mrp/PacketPort.h"
+#include "Mrp/Participant.h"
+#include "Mrp/PeriodicSm.h"
+#include "Mrp/Records.h"
+#include "Mrp/ReportLimiter.h"
+#include "Runtime/Loop.h"
+#include "Runtime/Trace.h"
+#include "Switch/Bridging.h"
+#include "Switch/BridgingTopology.h"
+#include "Switch/Interface.h"
+#include "Switch/Stp.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <tuple>
+
+namespace Mrp {
+
+/// What the engine stands on; everything referred to must outlive it.
+struct Environment {
+    Runtime::Loop& loop;
+    PacketPortProvider& ports;
+    const Runtime::Trace& trace;
+    /// Takes lines for the operator: at most one for each port and reason in ten seconds.  May be empty.
+    std::function<void(IntfId, const std::string&)> report;
+    std::uint64_t seed;  ///< of the timers' random parts
+};
+
+/// A record that is null counts as one with defaults or without entries.
+struct Inputs {
+    std::shared_ptr<const Bridging::Config> brConfig;
+    MrpLib& application;
+    std::shared_ptr<const MrpConfig> mrpConfig;
+    std::shared_ptr<MrpStatus> mrpStatus;
+    std::shared_ptr<const Stp::Status> stpStatus;
+    std::shared_ptr<const Bridging::Topology::Config> topoConfig;
+    std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ethPhyIntfStatusDir;
+    Environment environment;
+    bool standbyMode;
+};
+
+class MrpSm : private Participant::Host {
+public:
+    /// Binds itself to `inputs.application` for as long as it lives.
+    explicit MrpSm(Inputs inputs);
+    MrpSm(const MrpSm&) = delete;
+    MrpSm& operator=(const MrpSm&) = delete;
+    ~MrpSm();
+
+    /// Where joins, leaves and requests are logged; null for nowhere.  Must outlive the engine or be set to
+    /// null.
+    void attrLogIs(MrpAttrLogSm* log) { attrLog_ = log; }
+
+    /// The role; `handleStandbyMode` puts it into effect.
+    void standbyModeIs(bool standby) { standby_ = standby; }
+    [[nodiscard]] bool standbyMode() const { return standby_; }
+    /// In standby all participants end silently, and only the set of enabled ports is kept.  On the way out
+    /// of it every enabled port begins anew and sends a LeaveAll.
+    void handleStandbyMode();
+
+    // The requests of `MrpLib`, which describes them.
+    void sendAttribute(const MrpParameters& params);
+    void requestOpportunity(IntfId intf);
+    void interfaceEnable(IntfId intf);
+    void interfaceDisable(IntfId intf);
+    void cleanUpIntfDatabase(IntfId intf);
+    void cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
+    [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
+    [[nodiscard]] VlanId nativeVlanId(IntfId intf) const;
+    [[nodiscard]] PeriodicSm& periodicSm() { return periodicSm_; }
+
+private:
+    struct Port {
+        std::unique_ptr<PacketPort> packetPort;
+        std::shared_ptr<Participant>
+            participant;  ///< null between its end and the closing of the packet port
+    };
+    /// What is to be offered again, in the order in which it is.
+    using Offer = std::tuple<AttributeRef, IntfId>;
+
+    Participant::Outcome joinIndication(IntfId intf, const AttributeRef& ref,
+                                        const AttributeValue& value) override;
+    Participant::Outcome leaveIndication(IntfId intf, const AttributeRef& ref,
+                                         const AttributeValue& value) override;
+    void registrationEnded(std::uint64_t key) override;
+    void portOpened(IntfId intf) override;
+    void offerDue(IntfId intf, const AttributeRef& ref) override;
+    void send(IntfId intf, std::span<const std::uint8_t> pdu) override;
+    void count(IntfId intf, const MrpCounts& more) override;
+    void reportFlaw(IntfId intf, const Flaw& flaw) override;
+    void reportLimit(IntfId intf, std::uint8_t type, bool reached) override;
+
+    template <class F>
+    Participant::Outcome indicate(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
+                                  F&& handler);
+    [[nodiscard]] const AttributeType& type(const AttributeRef& ref) const {
+        return application_.application().types[ref.typeIndex];
+    }
+    [[nodiscard]] std::uint8_t typeIndex(std::uint8_t type) const;
+    [[nodiscard]] std::shared_ptr<Participant> participant(IntfId intf) const;
+    void start(IntfId intf);
+    void stop(IntfId intf);
+    void received(IntfId intf, std::span<const std::uint8_t> pdu);
+    void log(AttrLogRecord::What what, IntfId intf, const AttributeRef& ref);
+    void report(IntfId intf, std::uint32_t reason, const std::string& line);
+    void configChanged(std::string_view field);
+    /// Runs `task` from the loop, unless the engine has ended by then.
+    void later(std::function<void()> task);
+    void scheduleOffers();
+    void runOffers();
+
+    Inputs inputs_;
+    MrpLib& application_;
+    Runtime::Loop& loop_;
+    std::shared_ptr<const MrpConfig> config_;
+    std::shared_ptr<MrpStatus> status_;
+    MrpAttrLogSm* attrLog_ = nullptr;
+    bool standby_;
+    std::mt19937_64 random_;
+    ReportLimiter limiter_;
+    PeriodicSm periodicSm_;
+    std::set<IntfId> enabled_;
+    std::map<IntfId, Port> ports_;
+    DecodedPdu decoded_;  ///< kept for its memory
+    bool indicating_ = false;
+
+    std::set<Offer> offers_;        ///< of refused attributes
+    std::set<Offer> repeats_;       ///< of attributes whether refused or not
+    std::set<IntfId> openedPorts_;  ///< ports whose refused attributes are to be added to `offers_`
+    bool offersScheduled_ = false;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  ///< ends with the engine
+    State::Reactor configReactor_;
+};
+
+}  // namespace Mrp

@@ -1,0 +1,375 @@
+#include "Mrp/Participant.h"
+
+#include <algorithm>
+
+namespace Mrp {
+
+namespace {
+
+/// Leaves that one firing of the leave timer indicates, so that many at once do not hold the loop.
+constexpr int leavesAtOnce = 256;
+
+ApplicantEvent applicantEventOf(Event event) {
+    switch (event) {
+        case Event::New:
+            return ApplicantEvent::rNew;
+        case Event::JoinIn:
+            return ApplicantEvent::rJoinIn;
+        case Event::In:
+            return ApplicantEvent::rIn;
+        case Event::JoinMt:
+        case Event::Mt:
+            return ApplicantEvent::rJoinMt;
+        default:
+            return ApplicantEvent::rLv;
+    }
+}
+
+}  // namespace
+
+Participant::Participant(IntfId intf, const Environment& environment)
+    : intf_{intf},
+      env_{environment},
+      applicantTable_{environment.pointToPoint ? applicantPointToPoint : applicantShared},
+      leaveTime_{std::chrono::milliseconds{environment.config.leaveTime()}},
+      opportunityTimer_{environment.loop, [this] { opportunity(); }},
+      leaveTimer_{environment.loop, [this] { leaveTimerFired(); }},
+      leaveAllTimer_{environment.loop, [this] { leaveAllEvent(LeaveAllEvent::leaveAllTimer); }} {
+    startLeaveAllTimer();
+}
+
+void Participant::stop() {
+    stopped_ = true;
+    opportunityTimer_.cancel();
+    leaveTimer_.cancel();
+    leaveAllTimer_.cancel();
+}
+
+// --- What the peer says
+// ------------------------------------------------------------------------------------------
+
+void Participant::receive(const DecodedPdu& pdu) {
+    ++counts_.rxPdus;
+    for (const Flaw& flaw : pdu.flaws) {
+        ++counts_.malformed[static_cast<std::size_t>(flaw.reason)];
+        env_.host.reportFlaw(intf_, flaw);
+    }
+    if (pdu.leaveAll.any()) leaveAllEvent(LeaveAllEvent::rLA);
+    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+        // Before the values: the joins of the same PDU count as an answer to it.
+        if (pdu.leaveAll.test(i)) receiveLeaveAll(i);
+    }
+    for (const bool first : {true, false}) {
+        for (const DecodedEvent& event : pdu.events) {
+            if (stopped_) break;
+            if (type(event.typeIndex).deliverFirst == first) receiveEvent(event);
+        }
+    }
+    publish();
+}
+
+void Participant::receiveLeaveAll(std::uint8_t typeIndex) {
+    ++counts_.rxEvents[static_cast<std::size_t>(Event::LeaveAll)];
+    Attributes& attributes = attributes_[typeIndex];
+    for (auto at = attributes.begin(); at != attributes.end();) {
+        const AttributeRef ref{typeIndex, at->first};
+        Attribute& attribute = (at++)->second;
+        applicantEvent(ref, attribute, ApplicantEvent::rLv);
+        registrarEvent(ref, attribute, RegistrarEvent::rLv);
+        attribute.announced = false;  // the peer itself now ends what is not declared again
+        attribute.settle();
+        eraseIfIdle(ref);
+    }
+}
+
+void Participant::receiveEvent(const DecodedEvent& in) {
+    ++counts_.rxEvents[static_cast<std::size_t>(in.event)];
+    const AttributeType& t = type(in.typeIndex);
+    const AttributeRef ref{in.typeIndex, t.key(std::span{in.value.octets}.first(t.valueLength))};
+    Attribute* attribute = find(ref);
+    const bool joins = declares(in.event);
+    if (attribute == nullptr) {
+        if (!joins || !mayRegister(ref.typeIndex)) return;
+        attribute = &attributes_[ref.typeIndex][ref.key];
+    }
+    // By the standard two values are two attributes: what the peer says of another value is not about ours.
+    if (!attribute->spokenFor() || attribute->own().octets == in.value.octets) {
+        applicantEvent(ref, *attribute, applicantEventOf(in.event));
+    }
+    if (joins) {
+        const Registrar before = attribute->registrar;
+        if (before == Registrar::MT && !mayRegister(ref.typeIndex)) return;
+        const bool changed = before == Registrar::MT || attribute->heard() != in.value;
+        registrarEvent(ref, *attribute, RegistrarEvent::rJoin);
+        if (before == Registrar::IN && !changed) return;
+        attribute->mtDue = false;
+        attribute->heardIs(in.value);
+        offer(ref, changed);
+    } else if (in.event == Event::Lv && attribute->heard().octets == in.value.octets) {
+        registrarEvent(ref, *attribute, RegistrarEvent::rLv);
+    }
+}
+
+bool Participant::mayRegister(std::uint8_t typeIndex) {
+    if (registered_[typeIndex] < env_.config.maxAttributesPerType()) return true;
+    ++counts_.droppedRegistrations;
+    if (!limitReached_.test(typeIndex)) {
+        limitReached_.set(typeIndex);
+        env_.host.reportLimit(intf_, type(typeIndex).type, true);
+    }
+    return false;
+}
+
+void Participant::offer(const AttributeRef& ref, bool news) {
+    const Attribute* attribute = find(ref);
+    const AttributeValue offered = attribute->heard();
+    const bool wasHeld = attribute->held && !attribute->refused;
+    const Outcome outcome = env_.host.joinIndication(intf_, ref, offered);
+    if (outcome == Outcome::rangeError) ++counts_.rangeErrors;
+    if (outcome != Outcome::accepted) ++counts_.refusedJoins;
+    if (stopped_) return;
+    // The handler may have purged it meanwhile; then the outcome is about nothing that is still there.
+    Attribute* const after = find(ref);
+    if (after == nullptr || !after->registered()) return;
+    after->refused = outcome != Outcome::accepted;
+    if (after->refused) {
+        refused_.insert(ref);
+        return;
+    }
+    refused_.erase(ref);
+    after->held = true;
+    after->accept();
+    if (type(ref.typeIndex).retriesPort && (news || !wasHeld)) env_.host.portOpened(intf_);
+}
+
+void Participant::offerAgain(const AttributeRef& ref) {
+    if (stopped_ || !registered(ref)) return;
+    offer(ref, true);
+    publish();
+}
+
+bool Participant::registered(const AttributeRef& ref) const {
+    const auto at = attributes_[ref.typeIndex].find(ref.key);
+    return at != attributes_[ref.typeIndex].end() && at->second.registered();
+}
+
+// --- What the application asks
+// -----------------------------------------------------------------------------------
+
+bool Participant::declare(const AttributeRef& ref, const AttributeValue& value) {
+    Attribute& attribute = attributes_[ref.typeIndex][ref.key];
+    const bool declared = isMember(attribute.applicant);
+    const bool changed = attribute.spokenFor() && attribute.own() != value;
+    applicantEvent(ref, attribute, ApplicantEvent::join);
+    if (changed) {
+        applicantIs(ref, attribute, Applicant::VP, ApplicantEvent::join);
+        queue(ref, attribute, Runtime::Duration{0});
+    }
+    attribute.ownIs(value);
+    return !declared || changed;
+}
+
+void Participant::withdraw(const AttributeRef& ref) {
+    Attribute* attribute = find(ref);
+    if (attribute == nullptr || !isMember(attribute->applicant)) return;
+    if (attribute->applicant == Applicant::VP && attribute->announced) {
+        // The table takes it that nothing has been sent in VP.  Here the peer knows a value that was to be
+        // replaced.
+        applicantIs(ref, *attribute, Applicant::LA, ApplicantEvent::leave);
+        queue(ref, *attribute, Runtime::Duration{0});
+    } else {
+        applicantEvent(ref, *attribute, ApplicantEvent::leave);
+    }
+    if (attribute->applicant == Applicant::LA) attribute->ownIs(attribute->told());
+    attribute->settle();
+    eraseIfIdle(ref);
+}
+
+void Participant::forget(const AttributeRef& ref) {
+    Attribute* attribute = find(ref);
+    if (attribute == nullptr) return;
+    applicantIs(ref, *attribute, Applicant::VO, ApplicantEvent::leave);
+    attribute->announced = false;
+    attribute->mtDue = false;
+    if (attribute->refused) {
+        attribute->held = false;
+    } else {
+        unregister(ref, *attribute);
+    }
+    attribute->settle();
+    eraseIfIdle(ref);
+}
+
+void Participant::purge(const AttributeRef& ref) {
+    Attribute* attribute = find(ref);
+    if (attribute == nullptr || !attribute->registered()) return;
+    if (attribute->spokenFor() && attribute->own().octets != attribute->heard().octets) {
+        attribute->mtDue = true;
+        queue(ref, *attribute, Runtime::Duration{0});
+    } else {
+        applicantEvent(ref, *attribute,
+                       ApplicantEvent::rLv);  // Re-declare!: with an MT registrar, LO says Mt
+        requestOpportunity(Runtime::Duration{0});
+    }
+    unregister(ref, *attribute);
+    attribute->settle();
+    env_.host.registrationEnded(ref.key);
+}
+
+void Participant::purgeAll() {
+    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+        for (auto at = attributes_[i].begin(); at != attributes_[i].end();) {
+            const AttributeRef ref{i, at->first};
+            Attribute& attribute = (at++)->second;
+            if (!attribute.registered()) continue;
+            unregister(ref, attribute);
+            attribute.settle();
+            eraseIfIdle(ref);
+            env_.host.registrationEnded(ref.key);
+        }
+    }
+    leaveAll();
+}
+
+void Participant::leaveAll() { leaveAllEvent(LeaveAllEvent::leaveAllTimer); }
+
+void Participant::periodic() {
+    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+        for (auto& [key, attribute] : attributes_[i]) {
+            applicantEvent({i, key}, attribute, ApplicantEvent::periodic);
+        }
+    }
+}
+
+// --- The machines
+// ------------------------------------------------------------------------------------------------
+
+void Participant::applicantEvent(const AttributeRef& ref, Attribute& attribute, ApplicantEvent event) {
+    const Applicant before = attribute.applicant;
+    Applicant next = step(applicantTable_, before, event).next;
+    // An observer of a value that nobody registers has nothing to ask for and is deleted instead (10.7.7, the
+    // standard leaves it open); otherwise each LeaveAll would make the port echo every value that it ever
+    // saw.
+    if (next == Applicant::LO && before != next && !attribute.registered()) next = Applicant::VO;
+    applicantIs(ref, attribute, next, event);
+    if (next != before && hasToSpeak(next)) queue(ref, attribute, patience(next, event));
+}
+
+void Participant::applicantIs(const AttributeRef& ref, Attribute& attribute, Applicant next,
+                              ApplicantEvent why) {
+    if (next == attribute.applicant) return;
+    if (env_.trace.on(Runtime::TraceLevel::detail)) {
+        env_.trace(Runtime::TraceLevel::detail, intf_, " type ", unsigned{type(ref.typeIndex).type}, " key ",
+                   State::hexText(ref.key),
+                   " applicant: ", applicantNames[static_cast<std::size_t>(attribute.applicant)], " -> ",
+                   applicantNames[static_cast<std::size_t>(next)], " (",
+                   applicantEventNames[static_cast<std::size_t>(why)], ')');
+    }
+    attribute.applicant = next;
+}
+
+void Participant::registrarEvent(const AttributeRef& ref, Attribute& attribute, RegistrarEvent event) {
+    const Registrar before = attribute.registrar;
+    const RegistrarCell cell = step(before, event);
+    if (cell.next == before) return;
+    if (env_.trace.on(Runtime::TraceLevel::detail)) {
+        env_.trace(Runtime::TraceLevel::detail, intf_, " type ", unsigned{type(ref.typeIndex).type}, " key ",
+                   State::hexText(ref.key), " registrar: ", registrarNames[static_cast<std::size_t>(before)],
+                   " -> ", registrarNames[static_cast<std::size_t>(cell.next)]);
+    }
+    attribute.registrar = cell.next;
+    if (cell.timer == LeaveTimer::start) {
+        attribute.leaveSequence = ++leaveSequence_;
+        leaves_.push({env_.loop.now() + leaveTime_, ref.key, attribute.leaveSequence, ref.typeIndex});
+        if (!leaveTimer_.armed()) leaveTimer_.armAt(leaves_.front().due);
+    } else if (cell.timer == LeaveTimer::stop) {
+        leaves_.stopped([this](const LeaveQueue::Entry& entry) { return leaveRuns(entry); });
+    }
+    std::size_t& registered = registered_[ref.typeIndex];
+    if (before == Registrar::MT) ++registered;
+    if (cell.next != Registrar::MT) return;
+    --registered;
+    // Some way below the limit, so that a port that stays near it is not reported again and again.
+    const std::size_t limit = env_.config.maxAttributesPerType();
+    if (limitReached_.test(ref.typeIndex) && registered < limit - limit / 10) {
+        limitReached_.reset(ref.typeIndex);
+        env_.host.reportLimit(intf_, type(ref.typeIndex).type, false);
+    }
+}
+
+void Participant::unregister(const AttributeRef& ref, Attribute& attribute) {
+    registrarEvent(ref, attribute, RegistrarEvent::flush);
+    attribute.held = false;
+    if (attribute.refused) refused_.erase(ref);
+    attribute.refused = false;
+}
+
+bool Participant::leaveRuns(const LeaveQueue::Entry& entry) {
+    const Attribute* attribute = find({entry.typeIndex, entry.key});
+    return attribute != nullptr && attribute->registrar == Registrar::LV &&
+           attribute->leaveSequence == entry.sequence;
+}
+
+void Participant::leaveTimerFired() {
+    const Runtime::Time now = env_.loop.now();
+    for (int handled = 0; handled < leavesAtOnce && !leaves_.empty() && leaves_.front().due <= now;
+         ++handled) {
+        const LeaveQueue::Entry entry = leaves_.front();
+        leaves_.pop();
+        if (!leaveRuns(entry)) continue;
+        const AttributeRef ref{entry.typeIndex, entry.key};
+        Attribute& attribute = *find(ref);
+        const bool held = attribute.held;
+        const AttributeValue value = attribute.accepted();
+        registrarEvent(ref, attribute, RegistrarEvent::leaveTimer);
+        unregister(ref, attribute);
+        attribute.settle();
+        eraseIfIdle(ref);
+        if (held && env_.host.leaveIndication(intf_, ref, value) == Outcome::rangeError)
+            ++counts_.rangeErrors;
+        if (stopped_) break;
+        env_.host.registrationEnded(ref.key);
+    }
+    publish();
+    if (!stopped_ && !leaves_.empty()) leaveTimer_.armAt(leaves_.front().due);
+}
+
+void Participant::leaveTimeChanged() {
+    const Runtime::Duration changed = std::chrono::milliseconds{env_.config.leaveTime()};
+    leaves_.shift(changed - leaveTime_,
+                  env_.loop.now());  // all run for the same time, or they would end out of order
+    leaveTime_ = changed;
+    if (!leaves_.empty()) leaveTimer_.armAt(leaves_.front().due);
+}
+
+void Participant::leaveAllEvent(LeaveAllEvent event) {
+    const LeaveAllCell cell = step(leaveAll_, event);
+    leaveAll_ = cell.next;
+    if (cell.startTimer) startLeaveAllTimer();
+    if (leaveAll_ == LeaveAllState::Active) requestOpportunity(Runtime::Duration{0});
+}
+
+void Participant::startLeaveAllTimer() {
+    // LeaveAllTime < T < 1.5 LeaveAllTime
+    const Runtime::Duration shortest = std::chrono::milliseconds{std::max(env_.config.leaveAllTime(), 1U)};
+    const auto spread = static_cast<std::uint64_t>(shortest.count() / 2 - 1);
+    leaveAllTimer_.armIn(shortest +
+                         Runtime::Duration{1 + static_cast<Runtime::Duration::rep>(env_.random() % spread)});
+}
+
+Attribute* Participant::find(const AttributeRef& ref) {
+    const auto at = attributes_[ref.typeIndex].find(ref.key);
+    return at == attributes_[ref.typeIndex].end() ? nullptr : &at->second;
+}
+
+void Participant::eraseIfIdle(const AttributeRef& ref) {
+    const auto at = attributes_[ref.typeIndex].find(ref.key);
+    if (at != attributes_[ref.typeIndex].end() && at->second.idle()) attributes_[ref.typeIndex].erase(at);
+}
+
+void Participant::publish() {
+    env_.host.count(intf_, counts_);
+    counts_ = {};
+}
+
+}  // namespace Mrp

@@ -1,0 +1,196 @@
+/// The MRP participant of one port (IEEE 802.1Q 10.7): its attributes with their applicants and registrars,
+/// its LeaveAll machine, its leave timers and its transmit opportunities.
+///
+/// Events come in as calls (frames, requests, timers); what follows from them goes out through `Host`.
+/// Indications may call back into the participant, or stop it, so no iterator lives across one.  Attributes
+/// that have something to say are queued; an opportunity works through the queue only, unless it sends a
+/// LeaveAll.
+#pragma once
+
+#include "Mrp/Attribute.h"
+#include "Mrp/LeaveQueue.h"
+#include "Mrp/PduWriter.h"
+#include "Mrp/Records.h"
+#include "Mrp/TransmitPace.h"
+#include "Runtime/Loop.h"
+#include "Runtime/Trace.h"
+
+#include <array>
+#include <bitset>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <random>
+#include <set>
+#include <span>
+#include <vector>
+
+namespace Mrp {
+
+/// Names an attribute of one port.
+struct AttributeRef {
+    std::uint8_t typeIndex = 0;  ///< position in the application's types
+    std::uint64_t key = 0;
+    auto operator<=>(const AttributeRef&) const = default;
+};
+
+class Participant {
+public:
+    enum class Outcome : std::uint8_t { accepted, refused, rangeError };
+
+    /// What a participant asks of the engine.  Only the indications may call back.
+    class Host {
+    public:
+        virtual Outcome joinIndication(IntfId intf, const AttributeRef& ref, const AttributeValue& value) = 0;
+        virtual Outcome leaveIndication(IntfId intf, const AttributeRef& ref,
+                                        const AttributeValue& value) = 0;
+        /// A registration of that key has ended, which may make room for one that was refused.
+        virtual void registrationEnded(std::uint64_t key) = 0;
+        /// What was refused on the port is worth another offer.
+        virtual void portOpened(IntfId intf) = 0;
+        /// That attribute is to be offered again, from the loop.
+        virtual void offerDue(IntfId intf, const AttributeRef& ref) = 0;
+        virtual void send(IntfId intf, std::span<const std::uint8_t> pdu) = 0;
+        virtual void count(IntfId intf, const MrpCounts& more) = 0;
+        virtual void reportFlaw(IntfId intf, const Flaw& flaw) = 0;
+        virtual void reportLimit(IntfId intf, std::uint8_t type, bool reached) = 0;
+
+    protected:
+        ~Host() = default;
+    };
+
+    /// What participants share; all of it must outlive them.
+    struct Environment {
+        Runtime::Loop& loop;
+        const ApplicationInfo& application;
+        const MrpConfig& config;
+        std::mt19937_64& random;
+        const Runtime::Trace& trace;
+        Host& host;
+        bool pointToPoint;  ///< operPointToPointMAC of the link
+    };
+
+    /// Begins: nothing is declared or registered, the LeaveAll timer runs.
+    Participant(IntfId intf, const Environment& environment);
+    Participant(const Participant&) = delete;
+    Participant& operator=(const Participant&) = delete;
+
+    /// Ends everything at once and without indications; later calls do nothing.  The object itself may be the
+    /// one that is calling, so it is to be destroyed later.
+    void stop();
+    [[nodiscard]] bool stopped() const { return stopped_; }
+
+    void receive(const DecodedPdu& pdu);
+
+    /// Join! of a value.  True when that is news: the value was not declared before.
+    bool declare(const AttributeRef& ref, const AttributeValue& value);
+    /// Lv!
+    void withdraw(const AttributeRef& ref);
+    /// Forgets declaration and registration at once; nothing is sent or indicated.  What was refused stays
+    /// refused.
+    void forget(const AttributeRef& ref);
+    /// Forgets the registration without an indication, and says Mt for it.
+    void purge(const AttributeRef& ref);
+    /// The same for all, with a LeaveAll in place of the Mts.
+    void purgeAll();
+    /// Offers what is registered to the application once more.
+    void offerAgain(const AttributeRef& ref);
+    [[nodiscard]] bool registered(const AttributeRef& ref) const;
+    [[nodiscard]] bool refused(const AttributeRef& ref) const { return refused_.contains(ref); }
+    [[nodiscard]] const std::set<AttributeRef>& refused() const { return refused_; }
+
+    /// Sends a LeaveAll of every type at the next opportunity.
+    void leaveAll();
+    /// periodic!
+    void periodic();
+    void requestOpportunity();
+    /// Transmits what waits for an opportunity, without waiting for one.
+    void flush();
+
+    /// The configured times have changed.
+    void leaveTimeChanged();
+    void leaveAllTimeChanged() { startLeaveAllTimer(); }
+
+private:
+    using Attributes = std::map<std::uint64_t, Attribute>;
+
+    /// One thing to say at an opportunity.
+    struct Utterance {
+        enum class Why : std::uint8_t {
+            transition,  ///< the applicant's own transmission, or a silent transition
+            purged,      ///< an Mt of a value other than the declared one
+            bridge,      ///< fills a gap in a vector
+        };
+        Why why;
+        AttributeRef ref;
+        Attributes::iterator at;
+        std::optional<Event> event;
+        std::size_t batchIndex = 0;  ///< position in `batch_` that it comes from
+    };
+
+    [[nodiscard]] const AttributeType& type(std::size_t index) const { return env_.application.types[index]; }
+    [[nodiscard]] Attribute* find(const AttributeRef& ref);
+    void eraseIfIdle(const AttributeRef& ref);
+
+    void receiveLeaveAll(std::uint8_t typeIndex);
+    void receiveEvent(const DecodedEvent& in);
+    void offer(const AttributeRef& ref, bool news);
+    [[nodiscard]] bool mayRegister(std::uint8_t typeIndex);
+
+    void applicantEvent(const AttributeRef& ref, Attribute& attribute, ApplicantEvent event);
+    void applicantIs(const AttributeRef& ref, Attribute& attribute, Applicant next, ApplicantEvent why);
+    void registrarEvent(const AttributeRef& ref, Attribute& attribute, RegistrarEvent event);
+    /// Flush! without its indication.
+    void unregister(const AttributeRef& ref, Attribute& attribute);
+
+    [[nodiscard]] Runtime::Duration joinTime() const {
+        return std::chrono::milliseconds{env_.config.joinTime()};
+    }
+    [[nodiscard]] bool leaveRuns(const LeaveQueue::Entry& entry);
+    void leaveTimerFired();
+    void leaveAllEvent(LeaveAllEvent event);
+    void startLeaveAllTimer();
+
+    /// How long what `why` made of an applicant may wait for an opportunity.
+    [[nodiscard]] Runtime::Duration patience(Applicant state, ApplicantEvent why) const;
+    void queue(const AttributeRef& ref, Attribute& attribute, Runtime::Duration within);
+    void requestOpportunity(Runtime::Duration within);
+    void opportunity();
+    /// Sends at most `maxPdus`; true when anything was sent.
+    bool transmit(bool withLeaveAll, std::size_t maxPdus);
+    void takeBatch();
+    [[nodiscard]] std::vector<Utterance> planBatch();
+    [[nodiscard]] std::vector<Utterance> planLeaveAll();
+    void bridge(std::vector<Utterance>& plan, const AttributeRef& ref, Attributes::iterator at) const;
+    /// Hands PDUs to the port; tells how many utterances of the plan they carry.
+    std::size_t sendPlan(const std::vector<Utterance>& plan, bool withLeaveAll, std::size_t maxPdus);
+    void said(const Utterance& utterance, ApplicantEvent why);
+    void publish();
+
+    IntfId intf_;
+    Environment env_;
+    bool stopped_ = false;
+    const ApplicantTable& applicantTable_;
+    Runtime::Duration leaveTime_;  ///< with which `leaves_` was filled
+
+    std::array<Attributes, maxTypes> attributes_;
+    std::array<std::size_t, maxTypes> registered_{};  ///< registrars that are not MT
+    std::bitset<maxTypes> limitReached_;
+    std::set<AttributeRef> refused_;
+
+    std::vector<AttributeRef> pending_;  ///< queued since the batch was taken
+    std::vector<AttributeRef>
+        batch_;  ///< sorted, and served to its end before the next one is taken: nobody starves
+    TransmitPace pace_;
+    LeaveQueue leaves_;
+    std::uint32_t leaveSequence_ = 0;
+    LeaveAllState leaveAll_ = LeaveAllState::Passive;
+    MrpCounts counts_;  ///< since they were last published
+
+    Runtime::Timer opportunityTimer_;
+    Runtime::Timer leaveTimer_;
+    Runtime::Timer leaveAllTimer_;
+};
+
+}  // namespace Mrp

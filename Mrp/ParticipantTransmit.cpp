@@ -1,0 +1,224 @@
+/// How a participant takes its transmit opportunities (IEEE 802.1Q 10.7.4.1 and 10.7.6).
+#include "Mrp/Participant.h"
+
+#include <algorithm>
+
+namespace Mrp {
+
+namespace {
+
+/// Values that may be sent to join two vectors into one: fewer octets than a vector header and a value.
+constexpr std::size_t longestBridge = 8;
+
+/// What a transmission is on the wire.  An In or JoinIn tells the peer that its own declaration of the same
+/// value is registered here.
+std::optional<Event> eventOf(Send send, const Attribute& attribute, bool optionalToo) {
+    const bool in =
+        attribute.registrar == Registrar::IN && attribute.own().octets == attribute.heard().octets;
+    switch (send) {
+        case Send::optionalSJ:
+            if (!optionalToo) return std::nullopt;
+            [[fallthrough]];
+        case Send::sJ:
+            return in ? Event::JoinIn : Event::JoinMt;
+        case Send::optionalS:
+            if (!optionalToo) return std::nullopt;
+            [[fallthrough]];
+        case Send::s:
+            return in ? Event::In : Event::Mt;
+        case Send::sN:
+            return Event::New;
+        case Send::sL:
+            return Event::Lv;
+        default:
+            return std::nullopt;
+    }
+}
+
+}  // namespace
+
+Runtime::Duration Participant::patience(Applicant state, ApplicantEvent why) const {
+    // What repeats itself does so half a JoinTime later: then it survives a burst of losses, the peer's
+    // answer may spare it, and opportunities stay free for news.  An observer's question has time for the
+    // same reasons.
+    const bool repeats = why == ApplicantEvent::tx || why == ApplicantEvent::txLA;
+    return repeats || state == Applicant::LO ? joinTime() / 2 : Runtime::Duration{0};
+}
+
+void Participant::queue(const AttributeRef& ref, Attribute& attribute, Runtime::Duration within) {
+    if (!attribute.queued) {
+        attribute.queued = true;
+        pending_.push_back(ref);
+    }
+    requestOpportunity(within);
+}
+
+void Participant::requestOpportunity() { requestOpportunity(Runtime::Duration{0}); }
+
+void Participant::requestOpportunity(Runtime::Duration within) {
+    if (stopped_) return;
+    if (!env_.pointToPoint) {
+        if (opportunityTimer_.armed()) return;
+        const auto longest = static_cast<std::uint64_t>(joinTime().count());
+        opportunityTimer_.armIn(
+            Runtime::Duration{static_cast<Runtime::Duration::rep>(env_.random() % (longest + 1))});
+        return;
+    }
+    const Runtime::Time now = env_.loop.now();
+    const Runtime::Time when = std::max(now + within, pace_.earliest(now, joinTime()));
+    if (!opportunityTimer_.armed() || when < opportunityTimer_.when()) opportunityTimer_.armAt(when);
+}
+
+void Participant::opportunity() {
+    const Runtime::Time now = env_.loop.now();
+    if (const Runtime::Time earliest = pace_.earliest(now, joinTime()); env_.pointToPoint && earliest > now) {
+        return opportunityTimer_.armAt(earliest);
+    }
+    const bool withLeaveAll = leaveAll_ == LeaveAllState::Active;
+    if (transmit(withLeaveAll, env_.config.pdusPerOpportunity())) pace_.take(now);
+    if (withLeaveAll) leaveAllEvent(LeaveAllEvent::tx);
+    if (!batch_.empty()) requestOpportunity(Runtime::Duration{0});
+    if (!pending_.empty()) requestOpportunity(joinTime() / 2);
+    publish();
+}
+
+void Participant::flush() {
+    batch_.insert(batch_.end(), pending_.begin(), pending_.end());
+    pending_.clear();
+    std::sort(batch_.begin(), batch_.end());
+    transmit(false, SIZE_MAX);
+    publish();
+}
+
+bool Participant::transmit(bool withLeaveAll, std::size_t maxPdus) {
+    if (!withLeaveAll) takeBatch();
+    const std::vector<Utterance> plan = withLeaveAll ? planLeaveAll() : planBatch();
+    const std::uint64_t sentBefore = counts_.txPdus;
+    const std::size_t fit = sendPlan(plan, withLeaveAll, std::max<std::size_t>(maxPdus, 1));
+    std::size_t served = batch_.size();
+    for (std::size_t i = 0; i < plan.size(); ++i) {
+        if (i < fit || (withLeaveAll && !plan[i].event)) {
+            said(plan[i], withLeaveAll ? ApplicantEvent::txLA : ApplicantEvent::tx);
+        } else if (withLeaveAll) {
+            said(plan[i], ApplicantEvent::txLAF);
+        } else {
+            served = plan[i].batchIndex;
+            break;
+        }
+    }
+    batch_.erase(batch_.begin(), batch_.begin() + static_cast<std::ptrdiff_t>(served));
+    return counts_.txPdus != sentBefore;
+}
+
+void Participant::takeBatch() {
+    if (!batch_.empty()) return;
+    std::swap(batch_, pending_);
+    std::sort(batch_.begin(), batch_.end());
+}
+
+std::vector<Participant::Utterance> Participant::planBatch() {
+    using Why = Utterance::Why;
+    std::vector<Utterance> plan;
+    plan.reserve(batch_.size());
+    for (std::size_t i = 0; i < batch_.size(); ++i) {
+        const AttributeRef& ref = batch_[i];
+        const auto at = attributes_[ref.typeIndex].find(ref.key);  // there: what is queued is not deleted
+        const ApplicantCell cell = step(applicantTable_, at->second.applicant, ApplicantEvent::tx);
+        const auto event = eventOf(cell.send, at->second, false);
+        if (event) bridge(plan, ref, at);
+        if (at->second.mtDue) plan.push_back({Why::purged, ref, at, Event::Mt, i});
+        plan.push_back({Why::transition, ref, at, event, i});
+    }
+    return plan;
+}
+
+void Participant::bridge(std::vector<Utterance>& plan, const AttributeRef& ref,
+                         Attributes::iterator at) const {
+    if (plan.empty() || !plan.back().event || plan.back().ref.typeIndex != ref.typeIndex) return;
+    const AttributeType& t = type(ref.typeIndex);
+    const auto octets = [&t](const Attribute& attribute) {
+        return std::span{attribute.own().octets}.first(t.valueLength);
+    };
+    const std::size_t before = plan.size();
+    const std::size_t batchIndex = plan.back().batchIndex;
+    for (auto gap = plan.back().at;;) {
+        const auto previous = gap++;
+        if (!t.follows(octets(previous->second), octets(gap->second))) break;
+        if (gap == at) return;
+        const ApplicantCell cell = step(applicantTable_, gap->second.applicant, ApplicantEvent::tx);
+        const auto event = eventOf(cell.send, gap->second, true);
+        if (!event || gap->second.queued || plan.size() - before == longestBridge) break;
+        plan.push_back({Utterance::Why::bridge, {ref.typeIndex, gap->first}, gap, event, batchIndex});
+    }
+    plan.erase(plan.begin() + static_cast<std::ptrdiff_t>(before), plan.end());
+}
+
+std::vector<Participant::Utterance> Participant::planLeaveAll() {
+    pending_.clear();
+    batch_.clear();
+    std::vector<Utterance> plan;
+    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+        ++counts_.txEvents[static_cast<std::size_t>(Event::LeaveAll)];
+        for (auto at = attributes_[i].begin(); at != attributes_[i].end(); ++at) {
+            Attribute& attribute = at->second;
+            const AttributeRef ref{i, at->first};
+            attribute.queued = false;
+            attribute.mtDue = false;
+            registrarEvent(ref, attribute, RegistrarEvent::rLv);
+            const ApplicantCell cell = step(applicantTable_, attribute.applicant, ApplicantEvent::txLA);
+            plan.push_back({Utterance::Why::transition, ref, at, eventOf(cell.send, attribute, false)});
+        }
+    }
+    return plan;
+}
+
+std::size_t Participant::sendPlan(const std::vector<Utterance>& plan, bool withLeaveAll,
+                                  std::size_t maxPdus) {
+    std::size_t pdus = 0;
+    const auto send = [&](PduWriter& writer) {
+        env_.host.send(intf_, writer.finish());
+        ++counts_.txPdus;
+        return ++pdus < maxPdus;
+    };
+    PduWriter writer{env_.application, withLeaveAll};
+    for (std::size_t i = 0; i < plan.size(); ++i) {
+        const Utterance& utterance = plan[i];
+        if (!utterance.event) continue;
+        const Attribute& attribute = utterance.at->second;
+        const AttributeValue& value =
+            utterance.why == Utterance::Why::purged ? attribute.heard() : attribute.own();
+        if (!writer.add(utterance.ref.typeIndex, *utterance.event, value)) {
+            if (!send(writer)) return i;
+            writer = PduWriter{env_.application, false};
+            writer.add(utterance.ref.typeIndex, *utterance.event, value);
+        }
+        ++counts_.txEvents[static_cast<std::size_t>(*utterance.event)];
+    }
+    if (!writer.empty()) send(writer);
+    return plan.size();
+}
+
+void Participant::said(const Utterance& utterance, ApplicantEvent why) {
+    Attribute& attribute = utterance.at->second;
+    if (utterance.why == Utterance::Why::bridge) return;
+    if (utterance.why == Utterance::Why::purged) {
+        attribute.mtDue = false;
+        return;
+    }
+    if (why != ApplicantEvent::tx || utterance.event == Event::Lv) attribute.announced = false;
+    if (why != ApplicantEvent::txLAF && utterance.event && declares(*utterance.event)) {
+        attribute.announced = true;
+        attribute.tell();
+    }
+    attribute.queued = false;
+    const Applicant before = attribute.applicant;
+    applicantEvent(utterance.ref, attribute, why);
+    // After a LeaveAll also what stays in its state: nothing else has been kept of the queue.
+    if (why != ApplicantEvent::tx && attribute.applicant == before && hasToSpeak(before)) {
+        queue(utterance.ref, attribute, patience(attribute.applicant, why));
+    }
+    attribute.settle();
+    eraseIfIdle(utterance.ref);
+}
+
+}  // namespace Mrp
