@@ -30,6 +30,12 @@ inline constexpr std::string_view noActionRequired = "No action is required.";
 /// `format` with each conversion replaced by the next argument.
 std::string formatEvent(std::string_view format, std::initializer_list<std::string> arguments);
 
+/// The same with pieces of any printable type.
+template <class... Arguments>
+std::string format(std::string_view text, const Arguments&... arguments) {
+    return formatEvent(text, {concat(arguments)...});
+}
+
 class SystemLog {
 public:
     using Sink = std::function<void(const LogEvent& event, const std::string& text)>;
@@ -38,7 +44,7 @@ public:
 
     template <class... Arguments>
     void log(const LogEvent& event, const Arguments&... arguments) const {
-        if (sink_) sink_(event, formatEvent(event.format, {concat(arguments)...}));
+        if (sink_) sink_(event, format(event.format, arguments...));
     }
 
 private:

@@ -41,6 +41,11 @@ bool StreamData::hasTalkerFailureCode() const {
     return std::ranges::any_of(ports_, [](const StreamPort& p) { return p.hasFailureCode; });
 }
 
+std::optional<IntfId> StreamData::portWithListener() const {
+    const auto at = std::ranges::find_if(ports_, [](const StreamPort& p) { return p.hasListenerState; });
+    return at == ports_.end() ? std::nullopt : std::optional<IntfId>{at->intf};
+}
+
 void StreamData::setTalkerStateAndAge(IntfId intf, TalkerState state, double now) {
     StreamPort& p = rowIs(intf);
     p.talkerState = state;

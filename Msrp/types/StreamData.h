@@ -88,6 +88,8 @@ public:
         return row(intf).talkerFailureCode;
     }
     [[nodiscard]] bool hasTalkerFailureCode() const;
+    /// The first port with a listener state.
+    [[nodiscard]] std::optional<IntfId> portWithListener() const;
     /// Seconds on the agent's clock; 0 for never.
     [[nodiscard]] double statusTime(IntfId intf) const { return row(intf).statusTime; }
 

@@ -1,0 +1,299 @@
+#include "Msrp/MsrpSm.h"
+
+#include "Msrp/lifecycle/ReviewSm.h"
+
+#include <stdexcept>
+
+namespace Msrp {
+
+MsrpSm::MsrpSm(Inputs inputs, Platform platform) : inputs_{std::move(inputs)}, platform_{platform} {
+    if (inputs_.cliConfig) {
+        percentA_ = inputs_.cliConfig->srClassABandwidthPercent();
+        percentB_ = inputs_.cliConfig->srClassBBandwidthPercent();
+    }
+    reactToInputs();
+    handleInitialized();
+}
+
+MsrpSm::~MsrpSm() {
+    // Reactors first: nothing may run while the rest goes.
+    for (State::Reactor* reactor : {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_,
+                                    &qosStatusReactor_, &topoLibReactor_}) {
+        *reactor = State::Reactor{};
+    }
+    intfStatusDelAll();
+    switchIntfConfigDelAll();
+    topoDelAll();
+    bandwidthFailedIntfDelAll();
+    bandwidthReleasedDelAll();
+    macDaBlockedDelAll();
+    deletePendingStreamIntfsDelAll();
+    msrpAdditionSm_.reset();
+    msrpDeletionSm_.reset();
+    if (inputs_.msrpLib->msrpSm() == this) inputs_.msrpLib->msrpSmIs(nullptr);
+}
+
+void MsrpSm::reactToInputs() {
+    if (inputs_.cliConfig) {
+        cliConfigReactor_ =
+            inputs_.cliConfig->react([this](const State::Change& change) { handleCliConfig(change); });
+    }
+    if (inputs_.config) {
+        configReactor_ = inputs_.config->react([this](const State::Change& change) {
+            if (const auto* intf = change.key<IntfId>()) handleIntfEnable(*intf);
+        });
+    }
+    if (inputs_.ethPhyIntfStatusDir) {
+        ethPhyReactor_ = inputs_.ethPhyIntfStatusDir->react([this](const State::Change& change) {
+            const auto* intf = change.key<IntfId>();
+            if (intf == nullptr) return;
+            if (inputs_.ethPhyIntfStatusDir->intfStatus(*intf)) {
+                intfStatusIs(*intf);
+            } else {
+                intfStatusDel(*intf);
+            }
+            handleIntfEnable(*intf);
+        });
+    }
+    if (inputs_.brConfig) {
+        brConfigReactor_ = inputs_.brConfig->react([this](const State::Change& change) {
+            const auto* intf = change.key<IntfId>();
+            if (intf != nullptr && change.field == "switchIntfConfig") handleSwitchIntfConfig(*intf);
+        });
+    }
+    if (inputs_.qosStatus) {
+        qosStatusReactor_ = inputs_.qosStatus->react([this](const State::Change&) { doUpdateShapeRate(); });
+    }
+    if (inputs_.topoLib) {
+        topoLibReactor_ = inputs_.topoLib->react([this](const State::Change& change) {
+            const auto* name = change.key<std::string>();
+            if (name == nullptr) return;
+            if (inputs_.topoLib->topo(*name)) {
+                topoIs(*name);
+            } else {
+                topoDel(*name);
+            }
+        });
+    }
+    // What is there already does not announce itself.
+    if (inputs_.ethPhyIntfStatusDir) {
+        inputs_.ethPhyIntfStatusDir->intfStatus().each(
+            [this](IntfId intf, const auto&) { intfStatusIs(intf); });
+    }
+    if (inputs_.brConfig) {
+        inputs_.brConfig->switchIntfConfig().each(
+            [this](IntfId intf, const auto&) { switchIntfConfigIs(intf); });
+    }
+    if (inputs_.topoLib) {
+        inputs_.topoLib->topo().each([this](const std::string& name, const auto&) { topoIs(name); });
+    }
+}
+
+void MsrpSm::intfStatusIs(IntfId intf) {
+    const auto record = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
+    intfReactor_[intf] = record->react([this, intf](const State::Change& change) {
+        if (change.field == "linkStatus") handleLinkStatus(intf);
+        if (change.field == "speedEnum") handleSpeed(intf);
+    });
+}
+
+void MsrpSm::switchIntfConfigIs(IntfId intf) {
+    const auto record = inputs_.brConfig->switchIntfConfig(intf);
+    switchIntfReactor_[intf] = record->react([this, intf](const State::Change& change) {
+        if (change.field == "switchportMode" || change.field == "nativeVlan") handleNativeVlan(intf);
+    });
+}
+
+void MsrpSm::handleSwitchIntfConfig(IntfId intf) {
+    if (inputs_.brConfig->switchIntfConfig(intf)) {
+        switchIntfConfigIs(intf);
+        handleIntfEnable(intf);
+    } else {
+        switchIntfConfigDel(intf);
+        handleNativeVlan(intf);
+    }
+}
+
+void MsrpSm::handleCliConfig(const State::Change& change) {
+    if (!initialized() || standbyMode()) return;
+    const auto everyPort = [this](auto act) {
+        const auto& ports = status()->intfStatus();
+        for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) act(*intf);
+    };
+    const std::string_view field = change.field;
+    trace("MsrpSm::handleCliConfig( ", field, " )");
+    if (field == "shapeRateFactor" || field == "shapingDisabled") {
+        doUpdateShapeRate();
+    } else if (field == "srClassASupported" || field == "srClassBSupported") {
+        const SrClassId srClass = field == "srClassASupported" ? SrClassId::SrClassA : SrClassId::SrClassB;
+        if (!srClassSupported(srClass)) {
+            everyPort([&](IntfId intf) { setSrClassState(intf, srClass, SrClassState::NotSupported); });
+        }
+        handleIntfEnable();
+    } else if (field == "srClassAPriority" || field == "srClassBPriority") {
+        everyPort([&](IntfId intf) { readmitPort(intf); });
+    } else if (field == "defaultSrPvid") {
+        everyPort([&](IntfId intf) {
+            if (inputs_.cliConfig->srPvid().get(intf).value() == 0) readmitPort(intf);
+        });
+    } else if (field == "srPvid") {
+        if (const auto* intf = change.key<IntfId>(); intf != nullptr && status()->intfStatus(*intf))
+            readmitPort(*intf);
+    } else if (field == "srClassABandwidthPercent" || field == "srClassBBandwidthPercent") {
+        handleBandwidthPercent();
+    }
+    // A new maxFrameSizeLimit binds each stream from the next repetition of its declaration.
+}
+
+void MsrpSm::handleBandwidthPercent() {
+    const U8 percentA = inputs_.cliConfig->srClassABandwidthPercent();
+    const U8 percentB = inputs_.cliConfig->srClassBBandwidthPercent();
+    const bool grown = percentA > percentA_ || percentB > percentB_;
+    percentA_ = percentA;
+    percentB_ = percentB;
+    // Less binds later decisions only; more is bandwidth released on every port.
+    if (!grown) return;
+    status()->intfStatus().each([this](IntfId intf, const auto&) { bandwidthReleasedIs(intf, true); });
+    reprocessBandwidthFailedStreams();
+}
+
+void MsrpSm::handleInitialized() {
+    Runtime::require(!initialized(), "!initialized()");
+    inputs_.msrpLib->msrpSmIs(this);
+    msrpAdditionSm_ = std::make_unique<MsrpAdditionSm>(*this, inputs_.attrLogSm);
+    msrpDeletionSm_ = std::make_unique<MsrpDeletionSm>(*this, inputs_.attrLogSm);
+    initialized_ = true;
+    handleStandbyMode();
+}
+
+void MsrpSm::handleStandbyMode() {
+    Runtime::require(initialized(), "initialized()");
+    trace("MsrpSm::handleStandbyMode( ", standbyMode(), " )");
+    if (!standbyMode()) {
+        const auto& published = status()->registeredStreams();
+        for (auto id = published.firstKey(); id; id = published.nextKey(*id)) {
+            streamListIs(status()->registeredStreams(*id));
+        }
+    }
+    for (auto intf = config().intfEnable().firstKey(); intf; intf = config().intfEnable().nextKey(*intf)) {
+        setPortState(*intf);
+        setLinkStatus(*intf);
+        handleIntfEnable(*intf);
+    }
+    // Reviews that were asked for in standby are made up for.
+    msrpAdditionSm_->doUpdateReviewTimer();
+    msrpDeletionSm_->doUpdateReviewTimer();
+}
+
+void MsrpSm::doMaybeStopMsrp() {
+    status()->msrpEnabledIs(!status()->intfStatus().empty() || !deletePendingStream_.empty() ||
+                            !deletePendingStreamIntfs_.empty());
+    if (status()->msrpEnabled()) return;
+    inputs_.qosMsrpConfig->configPriorityIs(0);
+    inputs_.qosMsrpConfig->intfConfigPriorityIs(0);
+}
+
+void MsrpSm::hasNotificationActiveIs(bool active) {
+    for (State::Reactor* reactor : {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_,
+                                    &qosStatusReactor_, &topoLibReactor_}) {
+        reactor->hasNotificationActiveIs(active);
+    }
+    for (auto& [intf, reactor] : intfReactor_) reactor.hasNotificationActiveIs(active);
+    for (auto& [intf, reactor] : switchIntfReactor_) reactor.hasNotificationActiveIs(active);
+    for (auto& [name, topo] : topoReactor_) {
+        topo.reactor.hasNotificationActiveIs(active);
+        for (auto& [intf, port] : topo.port) port.reactor.hasNotificationActiveIs(active);
+    }
+}
+
+bool MsrpSm::isAttrLogOutClogged() {
+    return inputs_.attrLogSm != nullptr && inputs_.attrLogSm->isAttrLogOutClogged();
+}
+
+void MsrpSm::counterInc(IntfId intf, Direction direction, MsrpCounter counter) {
+    const auto intfStatus = status()->intfStatus(intf);
+    if (!intfStatus) return;
+    if (direction == Direction::Rx) {
+        intfStatus->rxCountersIs(counter, intfStatus->rxCounters().get(counter) + 1);
+    } else {
+        intfStatus->txCountersIs(counter, intfStatus->txCounters().get(counter) + 1);
+    }
+}
+
+void MsrpSm::error(const std::string& text) const {
+    trace("ERROR: ", text);
+    log(MSRP_ERROR, text);
+}
+
+void MsrpSm::notice(const std::string& text) const {
+    trace(text);
+    log(MSRP_NOTIF, text);
+}
+
+std::shared_ptr<StreamData> MsrpSm::streamList(U64 streamId) const {
+    const auto at = streamList_.find(streamId);
+    return at == streamList_.end() ? nullptr : at->second;
+}
+
+void MsrpSm::streamListIs(std::shared_ptr<StreamData> stream) {
+    if (!stream) throw std::invalid_argument("streamListIs: null stream");
+    const U64 id = stream->streamId();
+    streamListDel(id);
+    streamsByMacDa_[stream->macDa()].insert(id);
+    streamList_.emplace(id, std::move(stream));
+}
+
+void MsrpSm::streamListDel(U64 streamId) {
+    const auto at = streamList_.find(streamId);
+    if (at == streamList_.end()) return;
+    const auto sharers = streamsByMacDa_.find(at->second->macDa());
+    if (sharers != streamsByMacDa_.end()) {
+        sharers->second.erase(streamId);
+        if (sharers->second.empty()) streamsByMacDa_.erase(sharers);
+    }
+    streamList_.erase(at);
+}
+
+void MsrpSm::streamListDelAll() {
+    streamList_.clear();
+    streamsByMacDa_.clear();
+}
+
+std::shared_ptr<StreamData> MsrpSm::existingStream(U64 streamId) const {
+    auto stream = streamList(streamId);
+    Runtime::require(stream != nullptr, "streamData");
+    return stream;
+}
+
+void MsrpSm::streamMacDaIs(StreamData& stream, EthAddr macDa) {
+    const std::shared_ptr<StreamData> held = streamList(stream.streamId());
+    streamListDel(stream.streamId());
+    stream.macDaIs(macDa);
+    if (held) streamListIs(held);
+}
+
+std::optional<U64> MsrpSm::otherStreamWith(EthAddr macDa, U64 streamId) const {
+    const auto sharers = streamsByMacDa_.find(macDa);
+    if (sharers == streamsByMacDa_.end()) return std::nullopt;
+    for (const U64 id : sharers->second) {
+        if (id != streamId) return id;
+    }
+    return std::nullopt;
+}
+
+void MsrpSm::removeFromBandwidthQueues(U64 streamId) {
+    for (auto at = bandwidthFailedIntf_.begin(); at != bandwidthFailedIntf_.end();) {
+        at->second->failedStreamDelEvery(streamId);
+        at = at->second->empty() ? bandwidthFailedIntf_.erase(at) : std::next(at);
+    }
+}
+
+void MsrpSm::removeFromQueues(U64 streamId, EthAddr macDa) {
+    removeFromBandwidthQueues(streamId);
+    if (const auto blocked = macDaBlocked(macDa)) {
+        blocked->failedStreamDelEvery(streamId);
+        if (blocked->empty()) macDaBlockedDel(macDa);
+    }
+}
+
+}  // namespace Msrp

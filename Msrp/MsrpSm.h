@@ -1,0 +1,378 @@
+/// The stream reservation state machine (IEEE 802.1Q clause 35): one for each agent.
+///
+/// Streams arrive as talker declarations on one port and are declared on all others; listeners ask for them
+/// on some of these, get bandwidth there or not, and their answers are merged towards the talker.  Two things
+/// decide what a port may carry: its SR class states (`domain/`) and its VLANs (`bridging/`).
+///
+/// `MsrpSm` is one class because its operations are one vocabulary that calls back and forth across subjects;
+/// each folder below this one defines the group of operations of its own subject, and holds the decisions
+/// that need no state machine as free functions and small classes.
+///
+/// Everything runs on the loop's one thread.  A handler that calls something which may delete the stream's
+/// record looks the record up again afterwards; walks over streams and ports go on by key.
+#pragma once
+
+#include "Mrp/MrpAttrLogSm.h"
+#include "Msrp/MsrpEvents.h"
+#include "Msrp/MsrpLib.h"
+#include "Msrp/bandwidth/FailedStreamQueue.h"
+#include "Msrp/lifecycle/StreamDeleteIntfs.h"
+#include "Msrp/types/Attributes.h"
+#include "Msrp/types/Config.h"
+#include "Msrp/types/Status.h"
+#include "Runtime/Assert.h"
+#include "Runtime/Loop.h"
+#include "Runtime/RingLog.h"
+#include "Runtime/SystemLog.h"
+#include "Runtime/Trace.h"
+#include "Switch/Bridging.h"
+#include "Switch/BridgingInput.h"
+#include "Switch/Interface.h"
+#include "Switch/Qos.h"
+#include "Switch/Stp.h"
+#include "Switch/TopologyLibrary.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace Msrp {
+
+class MsrpAdditionSm;
+class MsrpDeletionSm;
+
+/// Streams refused for bandwidth on one port.
+class BwFailedIntf : public FailedStreamQueue {};
+/// Streams whose destination address another stream holds.
+class MacDaBlocked : public FailedStreamQueue {};
+
+class MsrpSm {
+public:
+    struct Inputs {
+        std::shared_ptr<const CliConfig> cliConfig;
+        std::shared_ptr<const Config> config;
+        std::shared_ptr<Status> status;
+        std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ethPhyIntfStatusDir;
+        std::shared_ptr<const Bridging::Config> brConfig;
+        std::shared_ptr<Qos::Input::Config> qosMsrpConfig;
+        std::shared_ptr<const Qos::Status> qosStatus;
+        std::shared_ptr<const Qos::HwStatus> qosHwStatus;
+        std::shared_ptr<Bridging::Input::Config> brMsrpConfig;
+        std::shared_ptr<const Bridging::Topology::Config> bridgingTopoConfig;
+        std::shared_ptr<const Stp::Status> stpStatus;
+        std::shared_ptr<const Bridging::Topology::TopoLibState> topoLib;
+        Mrp::MrpAttrLogSm* attrLogSm = nullptr;  ///< not owned
+        MsrpLib* msrpLib = nullptr;              ///< not owned; must outlive the state machine
+        bool standbyMode = false;
+    };
+    /// Where the state machine gets its time from and speaks to; all must outlive it.
+    struct Platform {
+        Runtime::Loop& loop;
+        const Runtime::SystemLog& systemLog;
+        const Runtime::Trace& trace;
+        Runtime::RingLog& ringLog;
+    };
+
+    MsrpSm(Inputs inputs, Platform platform);
+    MsrpSm(const MsrpSm&) = delete;
+    MsrpSm& operator=(const MsrpSm&) = delete;
+    ~MsrpSm();
+
+    // Lifecycle
+    // -----------------------------------------------------------------------------------------------------
+    void handleInitialized();
+    /// Takes over (active) or lets go (standby); runs at initialisation and when the role changes.
+    void handleStandbyMode();
+    void standbyModeIs(bool standby) { inputs_.standbyMode = standby; }
+    [[nodiscard]] bool standbyMode() const { return inputs_.standbyMode; }
+    [[nodiscard]] bool initialized() const { return initialized_; }
+    /// Publishes whether MSRP runs, and withdraws the claim on the queues when it does not.
+    void doMaybeStopMsrp();
+    /// All reactors' notifications off or on.
+    void hasNotificationActiveIs(bool active);
+    [[nodiscard]] const std::shared_ptr<Status>& status() const { return inputs_.status; }
+    [[nodiscard]] const Config& config() const { return *inputs_.config; }
+    [[nodiscard]] Runtime::Loop& loop() { return platform_.loop; }
+    /// Seconds on the agent's clock.
+    [[nodiscard]] double now() const { return Runtime::seconds(platform_.loop.now()); }
+    [[nodiscard]] bool isAttrLogOutClogged();
+
+    // Counters and reports
+    // ------------------------------------------------------------------------------------------
+    void counterInc(IntfId intf, Direction direction, MsrpCounter counter);
+    template <class... Pieces>
+    void trace(const Pieces&... pieces) const {
+        platform_.trace(Runtime::TraceLevel::handler, pieces...);
+    }
+    void ringTrace(std::string_view label, U64 a = 0, U64 b = 0, U64 c = 0) {
+        platform_.ringLog.write(platform_.loop.now(), label, a, b, c);
+    }
+
+    // Ports
+    // -----------------------------------------------------------------------------------------------------------
+    void handleIntfEnable(IntfId intf);
+    void handleIntfEnable();
+    /// Ends MSRP on every port: all declarations are withdrawn and sent.
+    void withdrawPorts();
+    void handleLinkStatus(IntfId intf);
+    void handleSpeed(IntfId intf);
+    void setLinkStatus(IntfId intf);
+    [[nodiscard]] bool isLinkUp(IntfId intf) const;
+
+    // Stream table
+    // ------------------------------------------------------------------------------------------------
+    [[nodiscard]] std::shared_ptr<StreamData> streamList(U64 streamId) const;
+    [[nodiscard]] const std::map<U64, std::shared_ptr<StreamData>>& streamList() const { return streamList_; }
+    /// Throws std::invalid_argument for a null record.
+    void streamListIs(std::shared_ptr<StreamData> stream);
+    void streamListDel(U64 streamId);
+    void streamListDelAll();
+
+    // Talkers
+    // -----------------------------------------------------------------------------------------------------
+    /// True when the declaration was discarded.
+    bool processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr);
+    /// True when the declaration was discarded.  Throws std::range_error for a VLAN out of range.
+    bool processTalkerFailedJoin(IntfId intf, const MsrpTalkerFailedAttribute& attr);
+    void processTalkerAdvertiseLeave(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr);
+    void processTalkerFailedLeave(IntfId intf, const MsrpTalkerFailedAttribute& attr);
+
+    /// `None` also for a port whose talker is to be deleted.
+    [[nodiscard]] TalkerState getTalkerState(const StreamData& stream, IntfId intf) const;
+    void setTalkerState(StreamData& stream, IntfId intf, TalkerState state);
+    /// The stream must exist and have a talker.
+    [[nodiscard]] MsrpTalkerAdvertiseAttribute streamDataTalkerAttribute(U64 streamId) const;
+    void sendTalkerInternalLeave(IntfId intf, U64 streamId, TalkerState state);
+    void transmitTalkerAdvertise(IntfId intf, U64 streamId, TalkerState state);
+    void transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode code, TalkerState state);
+    /// On every eligible port, or on `onlyIntf` when it names one.
+    void propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, IntfId onlyIntf);
+    void propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailureCode code, TalkerState state);
+    void propagateTalkerAdvertiseLeave(IntfId ingressIntf, U64 streamId);
+
+    [[nodiscard]] std::shared_ptr<MacDaBlocked> macDaBlocked(EthAddr macDa) const;
+    std::shared_ptr<MacDaBlocked> macDaBlockedIs(EthAddr macDa);
+    void macDaBlockedDel(EthAddr macDa) { macDaBlocked_.erase(macDa); }
+    void macDaBlockedDelAll() { macDaBlocked_.clear(); }
+    void addMacDaBlockedStream(EthAddr macDa, U64 streamId);
+    void removeMacDaBlockedStream(EthAddr macDa, U64 streamId);
+    void reprocessMacDaFailedStreams(EthAddr macDa);
+
+    // Listeners
+    // ---------------------------------------------------------------------------------------------------
+    /// True when the declaration was discarded.
+    bool processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr);
+    void processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr);
+    TalkerFailureCode addListener(IntfId intf, const U64& streamId);
+    void removeListener(IntfId intf, const U64& streamId, ListenerState newState);
+    void propagateListenerAttribute(const U64& streamId);
+    void transmitListenerAttribute(IntfId intf, const U64& streamId, ListenerState state);
+
+    // SR domain
+    // ---------------------------------------------------------------------------------------------------
+    [[nodiscard]] bool srClassSupported(SrClassId srClass) const;
+    [[nodiscard]] U8 srClassPriority(SrClassId srClass) const;
+    [[nodiscard]] U16 intfSrPvid(IntfId intf) const;
+    void transmitSrDomainVector(IntfId intf, SrClassId srClass, bool join);
+    /// True when the declaration was discarded.
+    bool processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& attr);
+    void processDomainVectorLeave(IntfId intf, const MsrpDomainAttribute& attr);
+    void setSrClassState(IntfId intf, SrClassId srClass, SrClassState state);
+    /// `vlanId` 0 stands for every VLAN.
+    void registerSrClassStreams(IntfId intf, SrClassId srClass, U16 vlanId);
+    void deregisterSrClassStreams(IntfId intf, SrClassId srClass, U16 vlanId, TalkerFailureCode code);
+
+    // Bandwidth and queues
+    // ----------------------------------------------------------------------------------------
+    TalkerFailureCode checkBandwidthAvailability(IntfId intf, const U64& streamId, SrClassId srClass,
+                                                 const U64& bandwidthNeeded);
+    void addFailedStreamToIntf(const U64& streamId, IntfId intf);
+    void removeFailedStreamFromIntf(const U64& streamId, IntfId intf);
+    void reprocessBandwidthFailedStreams();
+    void reprocessBandwidthFailedStreams(IntfId intf);
+    [[nodiscard]] std::shared_ptr<BwFailedIntf> bandwidthFailedIntf(IntfId intf) const;
+    std::shared_ptr<BwFailedIntf> bandwidthFailedIntfIs(IntfId intf);
+    void bandwidthFailedIntfDel(IntfId intf) { bandwidthFailedIntf_.erase(intf); }
+    void bandwidthFailedIntfDelAll() { bandwidthFailedIntf_.clear(); }
+    void bandwidthReleasedIs(IntfId intf, bool released) { bandwidthReleased_[intf] = released; }
+    void bandwidthReleasedDel(IntfId intf) { bandwidthReleased_.erase(intf); }
+    void bandwidthReleasedDelAll() { bandwidthReleased_.clear(); }
+
+    [[nodiscard]] TrafficClass cosToTc(Cos cos) const;
+    /// A queue number; 16 for none.
+    [[nodiscard]] U8 tcToTxQueue(TrafficClass tc) const;
+    [[nodiscard]] U8 tcToMcTxQueue(TrafficClass tc) const;
+    [[nodiscard]] Qos::TxQueue getAvbQueue(SrClassId srClass) const;
+    [[nodiscard]] bool avbBwValidOnTxQ(const std::shared_ptr<const IntfStatus>& intfStatus,
+                                       Qos::TxQueue queue) const;
+    void doSetQosTxQueueConfig(IntfId intf);
+    void doUpdateShapeRate();
+    void doSetCosToTcMap();
+
+    // Stream lifecycle
+    // --------------------------------------------------------------------------------------------
+    /// The stream's record: a new one that waits to be published, or the published one.
+    std::shared_ptr<StreamData> addStreamToAddPending(const U64& id);
+    void removeStreamFromAddPending(const U64& id);
+    void addStreamToDeletePending(const U64& id);
+    void removeStreamFromDeletePending(const U64& id);
+    void addTalkerToDeletePending(const U64& id, IntfId intf);
+    void removeTalkerFromDeletePending(const U64& id, IntfId intf);
+    std::shared_ptr<StreamDeleteIntfs> deletePendingStreamIntfsIs(const U64& id);
+    void deletePendingStreamIntfsDel(const U64& id) { deletePendingStreamIntfs_.erase(id); }
+    void deletePendingStreamIntfsDelAll() { deletePendingStreamIntfs_.clear(); }
+    /// Drops what a stream without a talker no longer needs, and the stream itself when nobody asks for it.
+    void cleanupStreamDataIfEmpty(const U64& id);
+    /// True while reviews must not run: in standby, and before initialisation.
+    [[nodiscard]] bool reviewsSuspended() const { return standbyMode() || !initialized(); }
+    [[nodiscard]] std::map<U64, bool>& addPendingStream() { return addPendingStream_; }
+    [[nodiscard]] std::map<U64, bool>& deletePendingStream() { return deletePendingStream_; }
+    [[nodiscard]] std::map<U64, std::shared_ptr<StreamDeleteIntfs>>& deletePendingStreamIntfs() {
+        return deletePendingStreamIntfs_;
+    }
+
+    // Bridging
+    // ----------------------------------------------------------------------------------------------------
+    [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
+    [[nodiscard]] bool isPortForwarding(IntfId intf) const;
+    void setPortState(IntfId intf);
+    void handlePortState(const std::string& topoName, IntfId intf);
+    /// This bridge's identifier as seen on the port: priority in the top 16 bits, MAC address below.
+    [[nodiscard]] U64 selfBridgeId(IntfId intf) const;
+    [[nodiscard]] TalkerFailureCode checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan);
+    /// One VLAN's entry of a topology port has changed; without a VLAN, all are looked at.
+    void handleVlanPortConfig(const std::string& topoName, IntfId intf, VlanId vlan);
+    void handleVlanPortConfig(const std::string& topoName, IntfId intf);
+    void handleNativeVlan(IntfId intf);
+
+private:
+    /// Follows one port of one topology.
+    struct TopoPortReactor {
+        std::shared_ptr<const Bridging::Topology::TopoPort> port;
+        State::Reactor reactor;
+    };
+    /// Follows one topology.
+    struct TopoReactor {
+        std::shared_ptr<const Bridging::Topology::Topo> topo;
+        State::Reactor reactor;
+        std::map<IntfId, TopoPortReactor> port;
+    };
+
+    // Reactors
+    void reactToInputs();
+    void handleCliConfig(const State::Change& change);
+    void handleBandwidthPercent();
+    void intfStatusIs(IntfId intf);
+    void intfStatusDel(IntfId intf) { intfReactor_.erase(intf); }
+    void intfStatusDelAll() { intfReactor_.clear(); }
+    void switchIntfConfigIs(IntfId intf);
+    void switchIntfConfigDel(IntfId intf) { switchIntfReactor_.erase(intf); }
+    void switchIntfConfigDelAll() { switchIntfReactor_.clear(); }
+    void handleSwitchIntfConfig(IntfId intf);
+    void topoIs(const std::string& name);
+    void topoDel(const std::string& name);
+    void topoDelAll() { topoReactor_.clear(); }
+    void topoPortIs(const std::string& name, IntfId intf);
+    void topoPortDel(const std::string& name, IntfId intf);
+    void closeTopoPort(const std::string& name, const Bridging::Topology::TopoPort& port);
+    [[nodiscard]] const Bridging::Topology::TopoPort* topoPort(const std::string& name, IntfId intf) const;
+
+    // Ports
+    /// The port has a status and this agent may change it.
+    [[nodiscard]] bool actsOn(IntfId intf) const;
+    void createIntfStatus(IntfId intf);
+    void admitPort(IntfId intf);
+    void stopPort(IntfId intf);
+    /// Stops the port and removes its status.
+    void removePort(IntfId intf);
+    /// Lets the port start over: out of both classes, nothing registered, then enabled again.
+    void readmitPort(IntfId intf);
+    /// Withdraws every listener that is still recorded for a port that has lost its classes.
+    void releaseListeners(IntfId intf);
+
+    // Streams
+    /// Calls `visit` for every stream; it may add and delete streams.
+    template <class Visit>
+    void forEachStream(Visit visit);
+    [[nodiscard]] std::shared_ptr<StreamData> existingStream(U64 streamId) const;
+    void streamMacDaIs(StreamData& stream, EthAddr macDa);
+    /// The lowest-numbered other stream with that address.
+    [[nodiscard]] std::optional<U64> otherStreamWith(EthAddr macDa, U64 streamId) const;
+    void removeFromBandwidthQueues(U64 streamId);
+    /// Forgets that the stream waits for anything.
+    void removeFromQueues(U64 streamId, EthAddr macDa);
+    void clearIngress(StreamData& stream);
+
+    // Talkers
+    template <class Attribute>
+    void registerTalker(StreamData& stream, IntfId intf, const Attribute& attr, SrClassId srClass,
+                        U32 chargedFrames);
+    template <class Attribute>
+    [[nodiscard]] struct TalkerFacts talkerFacts(IntfId intf, const Attribute& attr) const;
+    [[nodiscard]] std::shared_ptr<StreamData> newTalkerStream(U64 streamId, IntfId intf);
+    void claimGroup(StreamData& stream, IntfId intf);
+    [[nodiscard]] TalkerFailureCode judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr,
+                                                   const StreamData* known, SrClassId srClass);
+    [[nodiscard]] TalkerFailureCode checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr);
+    [[nodiscard]] TalkerFailureCode judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf);
+    bool discard(IntfId intf, MsrpCounter counter, const std::string& text);
+    void dropFailureCode(StreamData& stream, IntfId intf);
+    /// What ends with a failure code of a port.
+    void failureCodeGone(StreamData& stream, IntfId intf, TalkerFailureCode old);
+    void send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration = 0);
+
+    // Bandwidth
+    [[nodiscard]] bool stillWaitsForBandwidth(const StreamData& stream, IntfId intf) const;
+    [[nodiscard]] bool portCanCarry(const StreamData& stream, IntfId intf);
+    void retryBandwidth(StreamData& stream, IntfId intf);
+    void programTxQueue(Qos::Input::IntfConfig& config, Qos::TxQueue queue, U64 bandwidth);
+
+    template <class... Arguments>
+    void log(const Runtime::LogEvent& event, const Arguments&... arguments) const {
+        platform_.systemLog.log(event, arguments...);
+    }
+    /// MSRP_ERROR and the trace with it.
+    void error(const std::string& text) const;
+    void notice(const std::string& text) const;
+
+    Inputs inputs_;
+    Platform platform_;
+    bool initialized_ = false;
+    U8 percentA_ = 0;  ///< the shares at their last change, to tell growth from shrinkage
+    U8 percentB_ = 0;
+
+    std::map<U64, std::shared_ptr<StreamData>> streamList_;
+    std::map<EthAddr, std::set<U64>> streamsByMacDa_;
+    std::map<U64, bool> addPendingStream_;
+    std::map<U64, bool> deletePendingStream_;
+    std::map<U64, std::shared_ptr<StreamDeleteIntfs>> deletePendingStreamIntfs_;
+    std::map<IntfId, std::shared_ptr<BwFailedIntf>> bandwidthFailedIntf_;
+    std::map<IntfId, bool> bandwidthReleased_;
+    std::map<EthAddr, std::shared_ptr<MacDaBlocked>> macDaBlocked_;
+    std::unique_ptr<MsrpAdditionSm> msrpAdditionSm_;
+    std::unique_ptr<MsrpDeletionSm> msrpDeletionSm_;
+
+    State::Reactor cliConfigReactor_;
+    State::Reactor configReactor_;
+    State::Reactor ethPhyReactor_;
+    State::Reactor brConfigReactor_;
+    State::Reactor qosStatusReactor_;
+    State::Reactor topoLibReactor_;
+    std::map<IntfId, State::Reactor> intfReactor_;
+    std::map<IntfId, State::Reactor> switchIntfReactor_;
+    std::map<std::string, TopoReactor> topoReactor_;
+};
+
+template <class Visit>
+void MsrpSm::forEachStream(Visit visit) {
+    for (auto at = streamList_.begin(); at != streamList_.end();) {
+        const U64 id = at->first;
+        const std::shared_ptr<StreamData> stream = at->second;
+        visit(id, *stream);
+        at = streamList_.upper_bound(id);
+    }
+}
+
+}  // namespace Msrp

@@ -1,0 +1,151 @@
+/// Ports: where MSRP is configured, where it runs, and what changes with link and speed.
+#include "Mrp/PeriodicSm.h"
+#include "Msrp/MsrpSm.h"
+
+namespace Msrp {
+
+namespace {
+/// Weight of the agent's settings in the switch's quality of service while it runs.
+constexpr std::uint32_t qosPriority = 85;
+}  // namespace
+
+bool MsrpSm::actsOn(IntfId intf) const {
+    return status()->intfStatus(intf) != nullptr && initialized() && !standbyMode();
+}
+
+bool MsrpSm::isLinkUp(IntfId intf) const {
+    const auto phy = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
+    return phy && phy->linkStatus() == Interface::LinkStatus::linkUp;
+}
+
+void MsrpSm::handleIntfEnable() {
+    for (auto intf = config().intfEnable().firstKey(); intf; intf = config().intfEnable().nextKey(*intf)) {
+        handleIntfEnable(*intf);
+    }
+}
+
+void MsrpSm::handleIntfEnable(IntfId intf) {
+    if (!initialized()) return;
+    const bool enabled = config().intfEnable(intf);
+    trace("MsrpSm::handleIntfEnable( ", intf, " ) enabled: ", enabled);
+    ringTrace("handleIntfEnable", intf.number(), enabled ? 1 : 0);
+    if (standbyMode()) {
+        if (enabled) {
+            inputs_.msrpLib->mrpInterfaceEnable(intf);
+        } else {
+            inputs_.msrpLib->mrpInterfaceDisable(intf);
+        }
+        return;
+    }
+    if (!enabled) {
+        if (status()->intfStatus(intf)) removePort(intf);
+        doMaybeStopMsrp();
+        return;
+    }
+    inputs_.qosMsrpConfig->configPriorityIs(qosPriority);
+    inputs_.qosMsrpConfig->intfConfigPriorityIs(qosPriority);
+    if (!status()->intfStatus(intf)) createIntfStatus(intf);
+    const bool someClass = srClassSupported(SrClassId::SrClassB) || srClassSupported(SrClassId::SrClassA);
+    if (isLinkUp(intf) && isPortForwarding(intf) && someClass) {
+        admitPort(intf);
+    } else {
+        (void)isAttrLogOutClogged();
+        stopPort(intf);
+    }
+}
+
+void MsrpSm::createIntfStatus(IntfId intf) {
+    const auto intfStatus = status()->intfStatusIs(intf, now());
+    for (const SrClassId srClass : bothClasses) intfStatus->classBandwidthAllocatedIs(srClass, 0);
+    for (const SrClassId srClass : bothClasses)
+        intfStatus->srClassStateIs(srClass, SrClassState::NotSupported);
+    for (U32 counter = 0; counter < msrpCounters; ++counter) {
+        intfStatus->rxCountersIs(MsrpCounter{counter}, 0);
+        intfStatus->txCountersIs(MsrpCounter{counter}, 0);
+    }
+    setLinkStatus(intf);
+    setPortState(intf);
+    doMaybeStopMsrp();
+}
+
+void MsrpSm::admitPort(IntfId intf) {
+    inputs_.msrpLib->mrpInterfaceEnable(intf);
+    const auto intfStatus = status()->intfStatus(intf);
+    if (!intfStatus->lvAllSent()) {
+        if (Mrp::PeriodicSm* periodic = inputs_.msrpLib->periodicSm()) periodic->transmitAllLeaveAll(intf);
+        intfStatus->lvAllSentIs(true);
+    }
+    for (const SrClassId srClass : bothClasses) {
+        if (srClassSupported(srClass) && intfStatus->srClassState(srClass) == SrClassState::NotSupported) {
+            setSrClassState(intf, srClass, SrClassState::WaitingForPeer);
+        }
+    }
+}
+
+void MsrpSm::stopPort(IntfId intf) {
+    status()->intfStatus(intf)->lvAllSentIs(false);
+    for (const SrClassId srClass : bothClasses) setSrClassState(intf, srClass, SrClassState::NotSupported);
+    releaseListeners(intf);
+    // What was withdrawn above still goes out while the link is up.
+    inputs_.msrpLib->mrpInterfaceDisable(intf);
+}
+
+void MsrpSm::removePort(IntfId intf) {
+    stopPort(intf);
+    bandwidthFailedIntfDel(intf);
+    bandwidthReleasedDel(intf);
+    status()->intfStatusDel(intf);
+}
+
+void MsrpSm::withdrawPorts() {
+    const auto& ports = status()->intfStatus();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) removePort(*intf);
+    doMaybeStopMsrp();
+}
+
+void MsrpSm::readmitPort(IntfId intf) {
+    for (const SrClassId srClass : bothClasses) setSrClassState(intf, srClass, SrClassState::NotSupported);
+    releaseListeners(intf);
+    inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
+    handleIntfEnable(intf);
+}
+
+void MsrpSm::releaseListeners(IntfId intf) {
+    forEachStream([&](U64 id, StreamData& stream) {
+        const ListenerState state = stream.listenerStateOrig(intf);
+        if (state != ListenerState::Ignore) processListenerLeave(intf, MsrpListenerAttribute{id, state});
+    });
+}
+
+void MsrpSm::setLinkStatus(IntfId intf) {
+    const auto intfStatus = status()->intfStatus(intf);
+    if (!intfStatus || standbyMode()) return;
+    const auto phy = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
+    const auto link = phy ? phy->linkStatus() : Interface::LinkStatus::linkUnknown;
+    if (link == intfStatus->linkStatus()) return;
+    intfStatus->linkStatusIs(link);
+    if (link == Interface::LinkStatus::linkUp) {
+        trace("Interface ", intf, " link status is up");
+        log(MSRP_NOTIF, Runtime::format("%s link status is up", intf));
+    } else {
+        trace("Interface ", intf, " link status is down");
+        log(MSRP_ERROR, Runtime::format("%s link status is down", intf));
+    }
+}
+
+void MsrpSm::handleLinkStatus(IntfId intf) {
+    trace("MsrpSm::handleLinkStatus( ", intf, " )");
+    if (!actsOn(intf)) return;
+    setLinkStatus(intf);
+    setPortState(intf);
+    handleIntfEnable(intf);
+}
+
+void MsrpSm::handleSpeed(IntfId intf) {
+    trace("MsrpSm::handleSpeed( ", intf, " )");
+    if (!actsOn(intf)) return;
+    error(Runtime::format("%s link speed changed", intf));
+    readmitPort(intf);
+}
+
+}  // namespace Msrp

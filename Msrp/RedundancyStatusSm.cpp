@@ -1,0 +1,40 @@
+#include "Msrp/RedundancyStatusSm.h"
+
+#include "Runtime/Assert.h"
+
+namespace Msrp {
+
+namespace {
+/// The start-up event after which an active supervisor may act.
+const std::string criticalServices = "CriticalServices";
+}  // namespace
+
+RedundancyStatusSm::RedundancyStatusSm(std::shared_ptr<const Redundancy::RedundancyStatus> status,
+                                       std::function<void(bool)> roleIs)
+    : status_{std::move(status)}, roleIs_{std::move(roleIs)} {
+    if (!status_) return;
+    reactor_ = status_->react([this](const State::Change& change) {
+        // The event may complete after the mode was set.
+        const auto* event = change.key<std::string>();
+        if (change.field == "mode" || (event != nullptr && *event == criticalServices))
+            handleRedundancyMode();
+    });
+    handleRedundancyMode();
+}
+
+void RedundancyStatusSm::handleRedundancyMode() {
+    switch (status_->mode()) {
+        case Redundancy::Mode::standby:
+            roleIs_(true);
+            break;
+        case Redundancy::Mode::active:
+            if (status_->eventComplete(criticalServices)) roleIs_(false);
+            break;
+        case Redundancy::Mode::switchover:
+            break;
+        default:
+            Runtime::require(false, "Unexpected redundancy mode");
+    }
+}
+
+}  // namespace Msrp

@@ -1,0 +1,53 @@
+/// How much bandwidth a stream needs, and whether a port has it (IEEE 802.1Q 35.2.4.2 and 34.3).
+#pragma once
+
+#include "Msrp/types/Enums.h"
+#include "Switch/Interface.h"
+
+namespace Msrp {
+
+/// kbit/s of a stream.  `maxIntervalFrames` frames per class measurement interval (125 us for class A, 250 us
+/// for any other), each of `maxFrameSize` octets and 42 octets around it on the wire.  32-bit arithmetic that
+/// wraps.
+constexpr U64 streamBandwidth(SrClassId srClass, U32 maxIntervalFrames, U32 maxFrameSize) {
+    constexpr U32 overhead = 42;
+    const U32 framesPerSecond = srClass == SrClassId::SrClassA ? 8000 : 4000;
+    const U32 framesPerMillisecond = maxIntervalFrames * framesPerSecond / 1000;
+    return framesPerMillisecond * (maxFrameSize + overhead) * 8;
+}
+
+/// kbit/s of a link; 0 for unknown speeds and for those (2.5G and 5G) on which no stream is admitted.
+constexpr U64 linkSpeedKbps(Interface::Speed speed) {
+    constexpr std::array<U64, 13> kbps{0,           10'000,      100'000,    1'000'000,  0,
+                                       0,           10'000'000,  25'000'000, 40'000'000, 50'000'000,
+                                       100'000'000, 200'000'000, 400'000'000};
+    const auto index = static_cast<std::size_t>(speed);
+    return index < kbps.size() ? kbps[index] : 0;
+}
+
+/// What the decision rests on.  Bandwidths in kbit/s, shares in per cent of the link.
+struct AdmissionRequest {
+    SrClassId srClass = SrClassId::SrClassA;
+    U64 needed = 0;
+    U64 link = 0;
+    U64 percentA = 0;
+    U64 percentB = 0;
+    U64 allocatedA = 0;
+    U64 allocatedB = 0;
+};
+
+constexpr U64 allowedTotal(const AdmissionRequest& r) { return (r.percentA + r.percentB) * r.link / 100; }
+
+/// `noFailure`, `insufficientBandwidth` (both classes' share is exceeded) or `insufficientBandwidthForClass`.
+/// Class B may use what class A leaves of the joint share.  What fits exactly is admitted.
+constexpr TalkerFailureCode admit(const AdmissionRequest& r) {
+    const U64 total = allowedTotal(r);
+    if (total < r.allocatedA + r.allocatedB + r.needed) return TalkerFailureCode::insufficientBandwidth;
+    const bool classA = r.srClass == SrClassId::SrClassA;
+    const U64 allowed = classA ? r.percentA * r.link / 100 : total - r.allocatedA;
+    const U64 allocated = classA ? r.allocatedA : r.allocatedB;
+    return allowed < allocated + r.needed ? TalkerFailureCode::insufficientBandwidthForClass
+                                          : TalkerFailureCode::noFailure;
+}
+
+}  // namespace Msrp

@@ -1,0 +1,151 @@
+/// Spanning-tree topologies: which ports forward, and by what name this bridge goes.
+#include "Msrp/MsrpSm.h"
+
+namespace Msrp {
+
+namespace {
+using Bridging::Topology::PortState;
+constexpr U64 defaultBridgePriority = 0x8000;
+}  // namespace
+
+std::string MsrpSm::baseSpanningTreeTopo(IntfId intf) const {
+    return inputs_.msrpLib->baseSpanningTreeTopo(intf);
+}
+
+bool MsrpSm::isPortForwarding(IntfId intf) const {
+    const std::string base = baseSpanningTreeTopo(intf);
+    if (base.empty()) return false;
+    const auto topo = inputs_.bridgingTopoConfig->topoConfig(base);
+    const auto port = topo ? topo->topoPortConfig(intf) : nullptr;
+    return port && port->state() == PortState::forwarding;
+}
+
+void MsrpSm::setPortState(IntfId intf) {
+    const auto intfStatus = status()->intfStatus(intf);
+    if (!intfStatus || standbyMode()) return;
+    const bool forwarding = isPortForwarding(intf);
+    const MsrpPortState state = forwarding ? MsrpPortState::Forwarding : MsrpPortState::Blocked;
+    if (intfStatus->portState() == state) return;
+    intfStatus->portStateIs(state);
+    if (forwarding) {
+        trace("Interface ", intf, " port state is forwarding");
+        log(MSRP_NOTIF, Runtime::format("%s port state is forwarding", intf));
+    } else {
+        trace("Interface ", intf, " port state is blocked");
+        log(MSRP_ERROR, Runtime::format("%s port state is blocked", intf));
+    }
+}
+
+const Bridging::Topology::TopoPort* MsrpSm::topoPort(const std::string& name, IntfId intf) const {
+    const auto topo = topoReactor_.find(name);
+    if (topo == topoReactor_.end()) return nullptr;
+    const auto port = topo->second.port.find(intf);
+    return port == topo->second.port.end() ? nullptr : port->second.port.get();
+}
+
+void MsrpSm::handlePortState(const std::string& topoName, IntfId intf) {
+    if (!actsOn(intf)) return;
+    const auto* port = topoPort(topoName, intf);
+    if (port == nullptr || port->state() == PortState::unknown) return;
+    trace("MsrpSm::handlePortState( ", topoName, ", ", intf, " )");
+    const std::string base = baseSpanningTreeTopo(intf);
+    const bool forwarding = isPortForwarding(intf);
+    const bool published = status()->intfStatus(intf)->portState() == MsrpPortState::Forwarding;
+    if (topoName == base && published == forwarding) return;
+    setPortState(intf);
+    if (!forwarding || topoName == base) {
+        handleIntfEnable(intf);
+    } else {
+        handleVlanPortConfig(topoName, intf);
+    }
+}
+
+void MsrpSm::topoIs(const std::string& name) {
+    const auto topo = inputs_.topoLib->topo(name);
+    TopoReactor& follower = topoReactor_[name];
+    follower.topo = topo;
+    follower.reactor = topo->react([this, name](const State::Change& change) {
+        const auto* intf = change.key<IntfId>();
+        if (intf == nullptr) return;
+        const auto held = topoReactor_.find(name);
+        if (held == topoReactor_.end()) return;
+        if (held->second.topo->topoPort(*intf)) {
+            topoPortIs(name, *intf);
+        } else {
+            topoPortDel(name, *intf);
+        }
+    });
+    topo->topoPort().each([&](IntfId intf, const auto&) { topoPortIs(name, intf); });
+}
+
+void MsrpSm::topoPortIs(const std::string& name, IntfId intf) {
+    TopoReactor& topo = topoReactor_[name];
+    const auto port = topo.topo->topoPort(intf);
+    TopoPortReactor& follower = topo.port[intf];
+    follower.port = port;
+    follower.reactor = port->react([this, name, intf](const State::Change& change) {
+        if (change.field == "state") handlePortState(name, intf);
+        if (const auto* vlan = change.key<VlanId>()) handleVlanPortConfig(name, intf, *vlan);
+    });
+}
+
+void MsrpSm::topoDel(const std::string& name) {
+    const auto at = topoReactor_.find(name);
+    if (at == topoReactor_.end()) return;
+    trace("Closing topology ", name);
+    while (!topoReactor_[name].port.empty()) topoPortDel(name, topoReactor_[name].port.begin()->first);
+    topoReactor_.erase(name);
+}
+
+void MsrpSm::topoPortDel(const std::string& name, IntfId intf) {
+    const auto topo = topoReactor_.find(name);
+    if (topo == topoReactor_.end()) return;
+    const auto follower = topo->second.port.extract(intf);
+    if (!follower.empty()) closeTopoPort(name, *follower.mapped().port);
+}
+
+void MsrpSm::closeTopoPort(const std::string& name, const Bridging::Topology::TopoPort& port) {
+    const IntfId intf = port.intfId();
+    if (!actsOn(intf)) return;
+    trace("Closing port ", intf, " of topology ", name);
+    if (name == baseSpanningTreeTopo(intf)) {
+        setPortState(intf);
+        handleIntfEnable(intf);
+        return;
+    }
+    for (auto vlan = port.vlanPortConfig().firstKey(); vlan; vlan = port.vlanPortConfig().nextKey(*vlan)) {
+        for (const SrClassId srClass : bothClasses) {
+            deregisterSrClassStreams(intf, srClass, vlan->value(), TalkerFailureCode::vlanBlocked);
+        }
+    }
+}
+
+U64 MsrpSm::selfBridgeId(IntfId intf) const {
+    const U64 mac = inputs_.brConfig->bridgeMac().number();
+    U64 priority = defaultBridgePriority;
+    const auto priorityOf = [&](const std::string& stpInstance, const std::string& mstInstance) {
+        const auto stp = inputs_.stpStatus->stpInstanceStatus(stpInstance);
+        const auto mst = stp ? stp->mstInstanceStatus(mstInstance) : nullptr;
+        if (mst) priority = mst->bridgePriority();
+    };
+    switch (inputs_.stpStatus->mode()) {
+        case Stp::Mode::Rstp:
+        case Stp::Mode::Mstp:
+            priorityOf(std::string{Stp::mstName}, std::string{Stp::cistName});
+            break;
+        case Stp::Mode::Pvst: {
+            const VlanId vlan = inputs_.msrpLib->getNativeVlanId(intf);
+            const auto vlanConfig = inputs_.brConfig->vlanConfig(vlan);
+            Runtime::require(vlanConfig != nullptr, "vlanConfig && \"Native vlan must be configured\"");
+            const std::string name = Stp::pvstInstanceName(*vlanConfig);
+            priorityOf(name, name);
+            break;
+        }
+        case Stp::Mode::None:
+        case Stp::Mode::Disabled:
+            break;
+    }
+    return priority << 48 | mac;
+}
+
+}  // namespace Msrp

@@ -1,0 +1,89 @@
+/// VLANs: whether a port can carry a stream's VLAN, and what changes when that changes.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+namespace {
+using Code = TalkerFailureCode;
+using Bridging::Topology::PortState;
+}  // namespace
+
+Code MsrpSm::checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan) {
+    const VlanId vlanId{vlan};  // throws the range error
+    const std::string id = hexStr(streamId);
+    const auto vlanConfig = inputs_.brConfig->vlanConfig(vlanId);
+    if (!vlanConfig) {
+        trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " is not configured on the switch.");
+        log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is not configured", id, vlan));
+        return Code::vlanBlocked;
+    }
+    const auto member = vlanConfig->intf(intf);
+    if (!member) {
+        trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " on ", intf,
+              " is not configured on this interface.");
+        log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is not configured on %s", id, vlan, intf));
+        return Code::vlanBlocked;
+    }
+    if (inputs_.stpStatus->mode() != Stp::Mode::None) {
+        const auto* topoName = inputs_.bridgingTopoConfig->vlanTopology().find(vlanId);
+        const auto topo = topoName != nullptr ? inputs_.bridgingTopoConfig->topoConfig(*topoName) : nullptr;
+        const auto port = topo ? topo->topoPortConfig(intf) : nullptr;
+        if (!port || port->state() != PortState::forwarding) {
+            log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is blocked on %s", id, vlan, intf));
+            return Code::vlanBlocked;
+        }
+    }
+    if (!member->tagged()) {
+        trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " on ", intf, " is not tagged on this interface.");
+        log(MSRP_ERROR,
+            Runtime::format("StreamId 0x%s Vlan tagging is disabled on %s for vlan %d", id, intf, vlan));
+        return Code::vlanTaggingDisabled;
+    }
+    return Code::noFailure;
+}
+
+void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf) {
+    const auto* port = topoPort(topoName, intf);
+    if (port == nullptr) return;
+    const auto& vlans = port->vlanPortConfig();
+    for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan))
+        handleVlanPortConfig(topoName, intf, *vlan);
+}
+
+void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf, VlanId vlan) {
+    if (!actsOn(intf)) return;
+    trace("MsrpSm::handleVlanPortConfig( ", intf, ", ", vlan, " )");
+    if (vlan == inputs_.msrpLib->getNativeVlanId(intf)) return;
+    const auto* port = topoPort(topoName, intf);
+    if (port == nullptr) return;
+    const auto topoConfig = inputs_.bridgingTopoConfig->topoConfig(topoName);
+    const auto portConfig = topoConfig ? topoConfig->topoPortConfig(intf) : nullptr;
+    const bool forwarding =
+        port->state() == PortState::forwarding && portConfig && portConfig->state() == PortState::forwarding;
+    const auto entry = port->vlanPortConfig(vlan);
+    for (const SrClassId srClass : bothClasses) {
+        if (!entry || !forwarding) {
+            deregisterSrClassStreams(intf, srClass, vlan.value(), Code::vlanBlocked);
+        } else if (!entry->tagged()) {
+            deregisterSrClassStreams(intf, srClass, vlan.value(), Code::vlanTaggingDisabled);
+        } else if (status()->intfStatus(intf)->srClassState(srClass) == SrClassState::Core) {
+            registerSrClassStreams(intf, srClass, vlan.value());
+        }
+    }
+}
+
+void MsrpSm::handleNativeVlan(IntfId intf) {
+    if (!actsOn(intf)) return;
+    trace("MsrpSm::handleNativeVlan( ", intf, " )");
+    if (inputs_.stpStatus->mode() == Stp::Mode::Mstp) return;
+    if (inputs_.brConfig->switchIntfConfig(intf)) {
+        handlePortState(baseSpanningTreeTopo(intf), intf);
+        return;
+    }
+    for (const SrClassId srClass : bothClasses) setSrClassState(intf, srClass, SrClassState::NotSupported);
+    releaseListeners(intf);
+    inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
+}
+
+}  // namespace Msrp

@@ -1,0 +1,132 @@
+/// SR domain: the classes' parameters, the Domain attribute, and the class state of each port.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/domain/SrClassTransition.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+namespace {
+bool isClass(SrClassId srClass) { return srClass == SrClassId::SrClassA || srClass == SrClassId::SrClassB; }
+}  // namespace
+
+bool MsrpSm::srClassSupported(SrClassId srClass) const {
+    if (srClass == SrClassId::SrClassA) return inputs_.cliConfig->srClassASupported();
+    if (srClass == SrClassId::SrClassB) return inputs_.cliConfig->srClassBSupported();
+    return false;
+}
+
+U8 MsrpSm::srClassPriority(SrClassId srClass) const {
+    Runtime::require(isClass(srClass), "0 && \"Invalid SR class\"");
+    return srClass == SrClassId::SrClassA ? inputs_.cliConfig->srClassAPriority()
+                                          : inputs_.cliConfig->srClassBPriority();
+}
+
+U16 MsrpSm::intfSrPvid(IntfId intf) const {
+    const U16 own = inputs_.cliConfig->srPvid().get(intf).value();
+    return own != 0 ? own : inputs_.cliConfig->defaultSrPvid();
+}
+
+void MsrpSm::transmitSrDomainVector(IntfId intf, SrClassId srClass, bool join) {
+    trace("MsrpSm::transmitSrDomainVector( ", intf, ", ", srClassName(srClass), ", ", join, " )");
+    const MsrpDomainAttribute domain{srClass, srClassPriority(srClass), intfSrPvid(intf)};
+    send(intf, typeDomain, join ? Mrp::requestDeclare : Mrp::requestWithdraw, domain.octets());
+}
+
+bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& attr) {
+    const SrClassId srClass = attr.srClassId();
+    trace("MsrpSm::processDomainVectorJoin( ", intf, ", class ", number(srClass), " )");
+    ringTrace("processDomainJoin", intf.number(), number(srClass), attr.srClassPriority());
+    if (!isClass(srClass)) {
+        error(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
+                              number(srClass)));
+        return true;
+    }
+    const auto intfStatus = status()->intfStatus(intf);
+    const SrClassState state = intfStatus->srClassState(srClass);
+    if (state == SrClassState::NotSupported) {
+        error(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
+                              srClassName(srClass)));
+        return true;
+    }
+    SrClassState next = SrClassState::Boundary;
+    if (attr.srClassPriority() == srClassPriority(srClass)) {
+        if (state == SrClassState::Core) {
+            trace("DomainVectorJoin for ", srClassName(srClass), " did not result in any changes");
+            return false;
+        }
+        trace(intf, " is ", srClassName(srClass), " Core port due to Join message");
+        log(MSRP_DOMAIN_JOIN, "received", intf, number(srClass), attr.srClassPriority(), attr.srClassVid());
+        next = SrClassState::Core;
+    } else {
+        error(Runtime::format("Interface %s is %s Boundary port due to priority mismatch", intf,
+                              srClassName(srClass)));
+    }
+    setSrClassState(intf, srClass, next);
+    return false;
+}
+
+void MsrpSm::processDomainVectorLeave(IntfId intf, const MsrpDomainAttribute& attr) {
+    const SrClassId srClass = attr.srClassId();
+    trace("MsrpSm::processDomainVectorLeave( ", intf, ", class ", number(srClass), " )");
+    ringTrace("processDomainLeave", intf.number(), number(srClass), attr.srClassPriority());
+    // Both discards are worded as those of a join.
+    if (!isClass(srClass)) {
+        error(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
+                              number(srClass)));
+        return;
+    }
+    const SrClassState state = status()->intfStatus(intf)->srClassState(srClass);
+    if (state == SrClassState::NotSupported) {
+        error(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
+                              srClassName(srClass)));
+        return;
+    }
+    if (state == SrClassState::WaitingForPeer) {
+        trace("DomainVectorLeave for ", srClassName(srClass), " did not result in any changes");
+        return;
+    }
+    trace(intf, " is ", srClassName(srClass), " WaitingForPeer port due to Leave message");
+    log(MSRP_DOMAIN_LV, "received", intf, number(srClass), attr.srClassPriority(), attr.srClassVid());
+    setSrClassState(intf, srClass, SrClassState::WaitingForPeer);
+}
+
+void MsrpSm::setSrClassState(IntfId intf, SrClassId srClass, SrClassState state) {
+    const auto intfStatus = status()->intfStatus(intf);
+    Runtime::require(intfStatus != nullptr, "intfStatus");
+    const SrClassState old = intfStatus->srClassState(srClass);
+    if (state == old) return;
+    log(MSRP_SR_CLASS_TRANSITION, number(srClass), intf, number(old), number(state));
+    intfStatus->srClassStateIs(srClass, state);
+
+    switch (srClassTransition(old, state)) {
+        case SrClassAction::none:
+            break;
+        case SrClassAction::declareDomain:
+            transmitSrDomainVector(intf, srClass, true);
+            break;
+        case SrClassAction::withdrawDomain:
+            transmitSrDomainVector(intf, srClass, false);
+            break;
+        case SrClassAction::registerStreams:
+            registerSrClassStreams(intf, srClass, 0);
+            break;
+        case SrClassAction::failStreams:
+            deregisterSrClassStreams(intf, srClass, 0, TalkerFailureCode::egressPortNotAvbCapable);
+            break;
+        case SrClassAction::removeStreams:
+            deregisterSrClassStreams(intf, srClass, 0, TalkerFailureCode::noFailure);
+            break;
+        case SrClassAction::removeAndWithdraw:
+            deregisterSrClassStreams(intf, srClass, 0, TalkerFailureCode::noFailure);
+            transmitSrDomainVector(intf, srClass, false);
+            break;
+        case SrClassAction::invalid:
+            trace("ERROR: Invalid SR class state transition from ", number(old), " to ", number(state));
+            log(MSRP_ERROR,
+                Runtime::format("Invalid SR class transition from %d to %d", number(old), number(state)));
+            intfStatus->srClassStateIs(srClass, old);
+            Runtime::require(false, "0 && \"Invalid SR class state transition\"");
+    }
+}
+
+}  // namespace Msrp

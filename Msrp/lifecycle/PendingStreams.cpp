@@ -1,0 +1,103 @@
+/// The pending lists: streams on their way into and out of the published status.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/lifecycle/ReviewSm.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+std::shared_ptr<StreamData> MsrpSm::addStreamToAddPending(const U64& id) {
+    const auto published = status()->registeredStreams(id);
+    if (published) {
+        if (deletePendingStream_.contains(id)) removeStreamFromDeletePending(id);
+        return published;
+    }
+    trace("StreamId is added to addPendingStreamList");
+    addPendingStream_[id] = true;
+    auto stream = std::make_shared<StreamData>(id);
+    streamListIs(stream);
+    msrpAdditionSm_->doUpdateReviewTimer();
+    return stream;
+}
+
+void MsrpSm::removeStreamFromAddPending(const U64& id) {
+    addPendingStream_.erase(id);
+    streamListDel(id);
+}
+
+void MsrpSm::addStreamToDeletePending(const U64& id) {
+    if (const auto stream = streamList(id)) {
+        removeFromQueues(id, stream->macDa());
+        // A record that is revived before it is withdrawn must not bring listeners with it that have left.
+        stream->listenerStateOrigDelAll();
+        while (const auto intf = stream->portWithListener()) stream->delListenerStateAndAge(*intf);
+    }
+    const bool published = status()->registeredStreams(id) != nullptr;
+    if (!published) {
+        if (addPendingStream_.contains(id)) removeStreamFromAddPending(id);
+        return;
+    }
+    trace("StreamId is added to deletePendingStreamList");
+    deletePendingStream_[id] = true;
+    streamListDel(id);
+    removeStreamFromAddPending(id);
+    msrpDeletionSm_->doUpdateReviewTimer();
+}
+
+void MsrpSm::removeStreamFromDeletePending(const U64& id) {
+    deletePendingStream_.erase(id);
+    streamListIs(status()->registeredStreams(id));
+}
+
+std::shared_ptr<StreamDeleteIntfs> MsrpSm::deletePendingStreamIntfsIs(const U64& id) {
+    auto& intfs = deletePendingStreamIntfs_[id];
+    if (!intfs) intfs = std::make_shared<StreamDeleteIntfs>(id);
+    return intfs;
+}
+
+void MsrpSm::addTalkerToDeletePending(const U64& id, IntfId intf) {
+    trace("IntfId is added to deletePendingTalkerList");
+    deletePendingStreamIntfsIs(id)->deletePendingTalkerIs(intf, true);
+    msrpDeletionSm_->doUpdateReviewTimer();
+}
+
+void MsrpSm::removeTalkerFromDeletePending(const U64& id, IntfId intf) {
+    const auto at = deletePendingStreamIntfs_.find(id);
+    if (at == deletePendingStreamIntfs_.end()) return;
+    at->second->deletePendingTalkerDel(intf);
+    if (at->second->deletePendingTalker().empty()) deletePendingStreamIntfs_.erase(at);
+}
+
+void MsrpSm::cleanupStreamDataIfEmpty(const U64& id) {
+    const std::shared_ptr<StreamData> stream = streamList(id);
+    if (!stream) return;
+    const IntfId ingress = stream->ingressIntf();
+    if (ingress && getTalkerState(*stream, ingress) != TalkerState::None) return;
+
+    if (const auto group = stream->ethGroup()) {
+        const VlanId vlan{stream->vlanId()};
+        if (const auto fdb = inputs_.brMsrpConfig->fdbConfig(vlan)) {
+            if (fdb->ethGroup(group->addr()) == group) fdb->ethGroupDel(group->addr());
+            if (fdb->ethGroup().empty()) inputs_.brMsrpConfig->fdbConfigDel(vlan);
+        }
+        stream->ethGroupIs(nullptr);
+        trace(": Deleted ethGroup since there is no talker");
+    }
+    for (const auto& [port, enabled] : config().intfEnable()) {
+        if (port != ingress && stream->hasListenerStateOrig(port)) {
+            // Kept for its listeners, without what its talker brought.
+            streamMacDaIs(*stream, EthAddr{});
+            stream->vlanIdIs(0);
+            stream->maxFrameSizeIs(0);
+            stream->maxIntervalFramesIs(0);
+            stream->dataFramePriorityIs(0);
+            stream->rankIs(0);
+            stream->accumulatedLatencyIs(0);
+            stream->bandwidthIs(0);
+            return;
+        }
+    }
+    addStreamToDeletePending(id);
+    trace(": Deleted stream data since there are no active talker or listeners");
+}
+
+}  // namespace Msrp

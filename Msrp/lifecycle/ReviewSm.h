@@ -1,0 +1,73 @@
+/// The two machines that publish streams and withdraw them, in reviews that the attribute log paces.
+#pragma once
+
+#include "Mrp/MrpAttrLogSm.h"
+#include "Runtime/ReviewTimer.h"
+
+#include <memory>
+
+namespace Msrp {
+
+class MsrpSm;
+
+/// What both machines share: when they run.  A review never runs inside the handler that asks for it.
+class ReviewSm {
+public:
+    /// `pauseVariable`: environment variable that, while set, keeps the machine from running.  Both
+    /// references must outlive the machine; the log may be null.
+    ReviewSm(MsrpSm& msrpSm, Mrp::MrpAttrLogSm* attrLog, const char* pauseVariable);
+    ReviewSm(const ReviewSm&) = delete;
+    ReviewSm& operator=(const ReviewSm&) = delete;
+    virtual ~ReviewSm() = default;
+
+    void handleInitialized();
+    [[nodiscard]] bool initialized() const { return initialized_; }
+    void initializedIs(bool initialized) { initialized_ = initialized; }
+    /// Plans a review when there is work and nothing keeps the machine from it.
+    void doUpdateReviewTimer();
+    virtual void doReview() = 0;
+    void reviewTimerIs(std::shared_ptr<Runtime::ClockNotifiee> notifiee, double period, unsigned count,
+                       double spacing, double delay);
+    void reviewTimerDel() { reviewTimer_.reset(); }
+    void clockDel() { clock_.reset(); }
+
+protected:
+    [[nodiscard]] virtual bool workPending() const = 0;
+    /// True, with a next try planned, when the attribute log takes no more.
+    bool waitForLog();
+    void reviewCompleted();
+
+    MsrpSm& msrpSm_;
+
+private:
+    Mrp::MrpAttrLogSm* attrLog_;
+    const char* pauseVariable_;
+    bool initialized_ = false;
+    std::shared_ptr<Runtime::ClockNotifiee> clock_;
+    std::unique_ptr<Runtime::ReviewTimer> reviewTimer_;
+};
+
+/// Publishes the streams that were created.
+class MsrpAdditionSm : public ReviewSm {
+public:
+    MsrpAdditionSm(MsrpSm& msrpSm, Mrp::MrpAttrLogSm* attrLog);
+    void doReview() override;
+
+private:
+    [[nodiscard]] bool workPending() const override;
+};
+
+/// Withdraws the streams that ended, and forgets talkers that left single ports.
+class MsrpDeletionSm : public ReviewSm {
+public:
+    MsrpDeletionSm(MsrpSm& msrpSm, Mrp::MrpAttrLogSm* attrLog);
+    void doReview() override;
+
+private:
+    [[nodiscard]] bool workPending() const override;
+    /// Each false when the log cut it short.
+    bool withdrawStreams();
+    bool deleteTalkers();
+};
+
+}  // namespace Msrp

@@ -1,0 +1,189 @@
+/// Listeners come and go: who gets a stream on which port, and at what price.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr) {
+    const U64 streamId = attr.streamId();
+    const ListenerState state = attr.listenerState();
+    const std::string id = hexStr(streamId);
+    trace("processListenerJoin( ", intf, " StreamId: 0x", id, " state ", number(state), " )");
+    ringTrace("listenerJoin", intf.number(), streamId, number(state));
+    if (state == ListenerState::Ignore) {
+        trace("Ignoring ListenerIgnore event");
+        return false;
+    }
+
+    const auto intfStatus = status()->intfStatus(intf);
+    const bool active = isActive(intfStatus->srClassState(SrClassId::SrClassA)) ||
+                        isActive(intfStatus->srClassState(SrClassId::SrClassB));
+    if (!active) {
+        return discard(intf, listenerDiscardCounter(state),
+                       Runtime::format("Discard streamId 0x%s ListenerJoin on %s as MSRP is inactive on port",
+                                       id, intf));
+    }
+
+    std::shared_ptr<StreamData> stream = streamList(streamId);
+    if (!stream) {
+        stream = addStreamToAddPending(streamId);
+        stream->listenerStateOrigIs(intf, state);
+        counterInc(intf, Direction::Rx, listenerCounter(state));
+        return false;
+    }
+    const bool changed = stream->listenerStateOrig(intf) != state;
+    const auto take = [&] {
+        stream->listenerStateOrigIs(intf, state);
+        if (!changed) return;
+        log(MSRP_LISTENER_JOIN, "received", intf, id, number(state));
+        counterInc(intf, Direction::Rx, listenerCounter(state));
+    };
+    // A repetition of what is discarded is told, but counted once.
+    const auto drop = [&](const std::string& text) {
+        if (changed) return discard(intf, listenerDiscardCounter(state), text);
+        trace(": Discarding ", text);
+        log(MSRP_ERROR, text);
+        return true;
+    };
+    if (!stream->ingressIntf()) {
+        take();
+        return false;
+    }
+    if (stream->ingressIntf() == intf) {
+        return drop(Runtime::format(
+            "Discard streamId 0x%s ListenerJoin received on same interface %s as Talker", id, intf));
+    }
+    const SrClassState classState = intfStatus->srClassState(stream->srClass());
+    if (!isActive(classState)) {
+        return drop(Runtime::format("Discard streamId 0x%s ListenerJoin on %s as %s is %s", id, intf,
+                                    srClassName(stream->srClass()), srState(classState)));
+    }
+    take();
+
+    ListenerState effective = state;
+    if (classState == SrClassState::Boundary && state != ListenerState::AskingFailed) {
+        trace(": Treating ", State::enumText(state), " as ListenerAskingFailed since ", intf,
+              " is boundary port for ", srClassName(stream->srClass()));
+        effective = ListenerState::AskingFailed;
+    }
+    if (effective == stream->listenerState(intf)) {
+        trace("ListenerJoin did not result in any change");
+        return false;
+    }
+    if (effective == ListenerState::AskingFailed) {
+        removeListener(intf, streamId, ListenerState::AskingFailed);
+    } else {
+        switch (getTalkerState(*stream, intf)) {
+            case TalkerState::Advertise: {
+                const TalkerFailureCode failure = addListener(intf, streamId);
+                if (failure != TalkerFailureCode::noFailure) {
+                    effective = ListenerState::AskingFailed;
+                    transmitTalkerFailed(intf, streamId, failure, TalkerState::Failed);
+                    counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
+                    addFailedStreamToIntf(streamId, intf);
+                }
+                stream->setListenerStateAndAge(intf, effective, now());
+                break;
+            }
+            case TalkerState::Failed:
+                trace(": Treating ", State::enumText(state),
+                      " as ListenerAskingFailed since Talker is in Failed state on ", intf);
+                stream->setListenerStateAndAge(intf, ListenerState::AskingFailed, now());
+                break;
+            case TalkerState::None:
+                trace("Listener not honored since Talker state is not active");
+                break;
+        }
+    }
+    propagateListenerAttribute(streamId);
+    reprocessBandwidthFailedStreams(intf);
+    return false;
+}
+
+void MsrpSm::processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr) {
+    const U64 streamId = attr.streamId();
+    const std::string id = hexStr(streamId);
+    trace("processListenerLeave( ", intf, " StreamId: 0x", id, " )");
+    ringTrace("listenerLeave", intf.number(), streamId);
+
+    const auto drop = [&](const std::string& text) {
+        discard(intf, MsrpCounter::listenerLeaveDiscarded, text);
+    };
+    const std::shared_ptr<StreamData> stream = streamList(streamId);
+    if (!stream) {
+        return drop(
+            Runtime::format("Discard streamId 0x%s ListenerLv on %s as stream doesn't exist", id, intf));
+    }
+    if (!stream->ingressIntf()) {
+        stream->delListenerStateAndAge(intf);
+        stream->listenerStateOrigDel(intf);
+        counterInc(intf, Direction::Rx, MsrpCounter::listenerLeave);
+    } else if (stream->ingressIntf() == intf) {
+        return drop(Runtime::format(
+            "Discard streamId 0x%s ListenerLv received on same interface %s as Talker", id, intf));
+    } else {
+        const ListenerState state = stream->listenerStateOrig(intf);
+        if (state == ListenerState::Ignore) {
+            return drop(Runtime::format(
+                "Discard streamId 0x%s ListenerLv on %s as Listener is not registered", id, intf));
+        }
+        log(MSRP_LISTENER_LV, "received", intf, id, number(state));
+        counterInc(intf, Direction::Rx, MsrpCounter::listenerLeave);
+        removeListener(intf, streamId, ListenerState::Ignore);
+        stream->listenerStateOrigDel(intf);
+        propagateListenerAttribute(streamId);
+    }
+    cleanupStreamDataIfEmpty(streamId);
+    reprocessBandwidthFailedStreams(intf);
+}
+
+TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
+    const auto stream = existingStream(streamId);
+    const auto group = stream->ethGroup();
+    if (!group || group->intf(intf)) return TalkerFailureCode::noFailure;
+
+    const SrClassId srClass = stream->srClass();
+    const U64 bandwidth = stream->bandwidth();
+    const std::string id = hexStr(streamId);
+    const TalkerFailureCode failure = checkBandwidthAvailability(intf, streamId, srClass, bandwidth);
+    if (failure != TalkerFailureCode::noFailure) {
+        trace(": Not Adding ", intf, " as listener since ", bandwidth,
+              "kbps bandwidth is not available on this port");
+        log(MSRP_BW_ALLOC_FAIL, bandwidth, intf, id);
+        return failure;
+    }
+    trace(": Adding ", intf, " as listener with ", bandwidth, "kbps bandwidth");
+    log(MSRP_BW_ALLOC_SUCCESS, bandwidth, intf, id);
+    const auto intfStatus = status()->intfStatus(intf);
+    intfStatus->classBandwidthAllocatedIs(srClass, intfStatus->classBandwidthAllocated(srClass) + bandwidth);
+    group->intfIs(intf, true);
+    // The talker's port only held the place while nobody listened.
+    if (group->intf(stream->ingressIntf())) group->intfDel(stream->ingressIntf());
+    doSetQosTxQueueConfig(intf);
+    return TalkerFailureCode::noFailure;
+}
+
+void MsrpSm::removeListener(IntfId intf, const U64& streamId, ListenerState newState) {
+    const auto stream = existingStream(streamId);
+    if (newState == ListenerState::Ignore) {
+        stream->delListenerStateAndAge(intf);
+    } else {
+        stream->setListenerStateAndAge(intf, newState, now());
+    }
+    const auto group = stream->ethGroup();
+    if (!group || !group->intf(intf)) return;
+
+    const SrClassId srClass = stream->srClass();
+    const U64 bandwidth = stream->bandwidth();
+    trace(": Removing ", intf);
+    log(MSRP_BW_DEALLOC, bandwidth, intf, hexStr(streamId));
+    group->intfDel(intf);
+    // An address without a group would be flooded: the talker's own port holds the place.
+    if (group->intf().empty()) group->intfIs(stream->ingressIntf(), true);
+    const auto intfStatus = status()->intfStatus(intf);
+    intfStatus->classBandwidthAllocatedIs(srClass, intfStatus->classBandwidthAllocated(srClass) - bandwidth);
+    bandwidthReleasedIs(intf, true);
+    doSetQosTxQueueConfig(intf);
+}
+
+}  // namespace Msrp

@@ -1,0 +1,47 @@
+/// Streams that wait for their destination address, oldest first.
+#include "Msrp/MsrpSm.h"
+
+namespace Msrp {
+
+std::shared_ptr<MacDaBlocked> MsrpSm::macDaBlocked(EthAddr macDa) const {
+    const auto at = macDaBlocked_.find(macDa);
+    return at == macDaBlocked_.end() ? nullptr : at->second;
+}
+
+std::shared_ptr<MacDaBlocked> MsrpSm::macDaBlockedIs(EthAddr macDa) {
+    auto& blocked = macDaBlocked_[macDa];
+    if (!blocked) blocked = std::make_shared<MacDaBlocked>();
+    return blocked;
+}
+
+void MsrpSm::addMacDaBlockedStream(EthAddr macDa, U64 streamId) {
+    macDaBlockedIs(macDa)->failedStreamEnq(streamId);
+}
+
+void MsrpSm::removeMacDaBlockedStream(EthAddr macDa, U64 streamId) {
+    if (const auto blocked = macDaBlocked(macDa)) blocked->failedStreamDelFirst(streamId);
+}
+
+void MsrpSm::reprocessMacDaFailedStreams(EthAddr macDa) {
+    const std::shared_ptr<MacDaBlocked> blocked = macDaBlocked(macDa);
+    if (!blocked) return;
+    // A stream that finds the address taken again queues up anew: the walk ends where the queue ended before
+    // it, and tries each stream once.
+    const auto last = blocked->tail();
+    std::set<U64> tried;
+    for (auto index = blocked->head(); last && index && *index <= *last; index = blocked->next(*index)) {
+        const U64 streamId = blocked->stream(*index);
+        const auto stream = streamList(streamId);
+        const IntfId ingress = stream ? stream->ingressIntf() : IntfId{};
+        const bool waits = ingress && getTalkerState(*stream, ingress) == TalkerState::Advertise &&
+                           stream->talkerFailureCode(ingress) == TalkerFailureCode::destinationAddressInUse;
+        if (!waits) {
+            blocked->failedStreamDel(*index);
+        } else if (tried.insert(streamId).second) {
+            processTalkerAdvertiseJoin(ingress, streamDataTalkerAttribute(streamId));
+        }
+    }
+    if (blocked->empty() && macDaBlocked(macDa) == blocked) macDaBlockedDel(macDa);
+}
+
+}  // namespace Msrp

@@ -1,0 +1,183 @@
+/// A Talker Advertise is registered: judge it, record the stream, pass it on.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/bandwidth/Admission.h"
+#include "Msrp/talker/TalkerValidation.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+namespace {
+
+using Code = TalkerFailureCode;
+
+/// The frames per interval that a record keeps: one octet of them.
+U8 recordedFrames(U16 maxIntervalFrames) { return static_cast<U8>(maxIntervalFrames); }
+
+bool firstValueDiffers(const StreamData& stream, const MsrpTalkerAdvertiseAttribute& attr) {
+    return stream.macDa() != attr.macDa() || stream.vlanId() != attr.vlanId() ||
+           stream.dataFramePriority() != attr.dataFramePriority() ||
+           stream.maxFrameSize() != attr.maxFrameSize() ||
+           stream.maxIntervalFrames() != recordedFrames(attr.maxIntervalFrames()) ||
+           stream.rank() != attr.rank();
+}
+
+}  // namespace
+
+bool MsrpSm::discard(IntfId intf, MsrpCounter counter, const std::string& text) {
+    trace(": Discarding ", text);
+    log(MSRP_ERROR, text);
+    counterInc(intf, Direction::Rx, counter);
+    return true;
+}
+
+template <class Attribute>
+TalkerFacts MsrpSm::talkerFacts(IntfId intf, const Attribute& attr) const {
+    const auto stream = streamList(attr.streamId());
+    const auto intfStatus = status()->intfStatus(intf);
+    const auto stateOf = [&](SrClassId srClass) {
+        return intfStatus ? intfStatus->srClassState(srClass) : SrClassState::NotSupported;
+    };
+    return {.intf = intf,
+            .streamId = attr.streamId(),
+            .vlanId = attr.vlanId(),
+            .macDa = attr.macDa(),
+            .priority = attr.dataFramePriority(),
+            .knownIngress = stream ? stream->ingressIntf() : IntfId{},
+            .priorityA = srClassPriority(SrClassId::SrClassA),
+            .priorityB = srClassPriority(SrClassId::SrClassB),
+            .stateA = stateOf(SrClassId::SrClassA),
+            .stateB = stateOf(SrClassId::SrClassB)};
+}
+template TalkerFacts MsrpSm::talkerFacts(IntfId, const MsrpTalkerAdvertiseAttribute&) const;
+template TalkerFacts MsrpSm::talkerFacts(IntfId, const MsrpTalkerFailedAttribute&) const;
+
+bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
+    const U64 streamId = attr.streamId();
+    trace("processTalkerAdvertiseJoin( ", intf, " vlan ", attr.vlanId(), " StreamId: 0x", hexStr(streamId),
+          " )");
+    ringTrace("talkerAdvertiseJoin", intf.number(), streamId, attr.vlanId());
+
+    const TalkerVerdict verdict = checkTalkerAdvertise(talkerFacts(intf, attr));
+    if (!verdict.discard.empty())
+        return discard(intf, MsrpCounter::talkerAdvertiseDiscarded, verdict.discard);
+
+    std::shared_ptr<StreamData> stream = streamList(streamId);
+    const bool known = stream && stream->ingressIntf();
+    const VlanId vlan{attr.vlanId()};
+    if (!inputs_.brMsrpConfig->fdbConfig(vlan)) {
+        trace("FdbConfig created for vlanId ", vlan);
+        inputs_.brMsrpConfig->fdbConfigIs(vlan);
+    }
+    const Code code = judgeAdvertise(intf, attr, known ? stream.get() : nullptr, verdict.srClass);
+
+    bool repeat = false;
+    if (known) {
+        // The first value stays as first registered, whatever the code.
+        repeat = getTalkerState(*stream, intf) == TalkerState::Advertise &&
+                 stream->talkerFailureCode(intf) == code;
+    } else {
+        trace("Talker Advertise is Registering a new stream");
+        if (!stream) stream = newTalkerStream(streamId, intf);
+        registerTalker(*stream, intf, attr, verdict.srClass, recordedFrames(attr.maxIntervalFrames()));
+    }
+    claimGroup(*stream, intf);
+
+    if (getTalkerState(*stream, intf) == TalkerState::Failed) {
+        sendTalkerInternalLeave(intf, streamId, TalkerState::Failed);
+    }
+    setTalkerState(*stream, intf, TalkerState::Advertise);
+    if (!repeat) {
+        log(MSRP_TALKER_ADV_JOIN, "received", intf, hexStr(streamId), number(code));
+        counterInc(intf, Direction::Rx, MsrpCounter::talkerAdvertise);
+    }
+    if (code == Code::noFailure) {
+        stream->talkerFailureCodeDel(intf);
+        stream->failedBridgeIdIs(0);
+        propagateTalkerAdvertiseJoin(intf, streamId, IntfId{});
+    } else {
+        counterInc(intf, Direction::Rx, MsrpCounter::talkerAdvertiseFailedHere);
+        stream->talkerFailureCodeIs(intf, code);
+        stream->failedBridgeIdIs(selfBridgeId(intf));
+        propagateTalkerFailed(intf, streamId, code, TalkerState::Failed);
+    }
+    return false;
+}
+
+Code MsrpSm::judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr, const StreamData* known,
+                            SrClassId srClass) {
+    const Code vlanCode = checkVlanConfig(intf, attr.streamId(), attr.vlanId());
+    if (vlanCode != Code::noFailure) return vlanCode;
+    if (status()->intfStatus(intf)->srClassState(srClass) == SrClassState::Boundary) {
+        trace(": TalkerAdvertiseJoin received on ", srClassName(srClass), " Boundary port");
+        return Code::egressPortNotAvbCapable;
+    }
+    if (attr.maxFrameSize() > inputs_.cliConfig->maxFrameSizeLimit()) {
+        trace(": Talker Advertise's maxFrameSize is too large");
+        return Code::maxFrameSizeTooLarge;
+    }
+    if (known == nullptr) return checkMacDaInUse(intf, attr);
+    if (known->accumulatedLatency() != attr.accumulatedLatency()) {
+        trace(": Talker Advertise's reported latency has changed");
+        return Code::latencyChanged;
+    }
+    if (firstValueDiffers(*known, attr)) {
+        trace(": Talker Advertise's FirstValue has changed");
+        return Code::firstValueChanged;
+    }
+    return known->ethGroup() ? Code::noFailure : checkMacDaInUse(intf, attr);
+}
+
+Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
+    const EthAddr macDa = attr.macDa();
+    const auto fdb = inputs_.brMsrpConfig->fdbConfig(VlanId{attr.vlanId()});
+    if (!fdb || !fdb->ethGroup(macDa)) return Code::noFailure;
+    const std::string id = hexStr(attr.streamId());
+    log(MSRP_ERROR,
+        Runtime::format("StreamId 0x%s TalkerAdvJoin on %s with Mac DA %s already in use on Vlan %d", id,
+                        intf, macDa, attr.vlanId()));
+    trace(": Talker Advertise's Mac DA ", macDa, " is already in use on Vlan ", attr.vlanId());
+    if (const auto other = otherStreamWith(macDa, attr.streamId())) {
+        log(MSRP_ERROR,
+            Runtime::format(
+                "StreamId 0x%s TalkerAdvJoin on %s with Mac DA %s already in use by streamId 0x%s", id, intf,
+                macDa, hexStr(*other)));
+    }
+    addMacDaBlockedStream(macDa, attr.streamId());
+    return Code::destinationAddressInUse;
+}
+
+std::shared_ptr<StreamData> MsrpSm::newTalkerStream(U64 streamId, IntfId intf) {
+    const auto pending = deletePendingStream_.find(streamId);
+    const bool revived = pending != deletePendingStream_.end() && pending->second;
+    auto stream = addStreamToAddPending(streamId);
+    if (revived) stream->statusTimeIs(intf, now());
+    return stream;
+}
+
+template <class Attribute>
+void MsrpSm::registerTalker(StreamData& stream, IntfId intf, const Attribute& attr, SrClassId srClass,
+                            U32 chargedFrames) {
+    stream.ingressIntfIs(intf);
+    streamMacDaIs(stream, attr.macDa());
+    stream.vlanIdIs(attr.vlanId());
+    stream.maxFrameSizeIs(attr.maxFrameSize());
+    stream.maxIntervalFramesIs(recordedFrames(attr.maxIntervalFrames()));
+    stream.dataFramePriorityIs(attr.dataFramePriority());
+    stream.rankIs(attr.rank());
+    stream.accumulatedLatencyIs(attr.accumulatedLatency());
+    stream.srClassIs(srClass);
+    stream.bandwidthIs(streamBandwidth(srClass, chargedFrames, attr.maxFrameSize()));
+}
+template void MsrpSm::registerTalker(StreamData&, IntfId, const MsrpTalkerAdvertiseAttribute&, SrClassId,
+                                     U32);
+template void MsrpSm::registerTalker(StreamData&, IntfId, const MsrpTalkerFailedAttribute&, SrClassId, U32);
+
+void MsrpSm::claimGroup(StreamData& stream, IntfId intf) {
+    const auto fdb = inputs_.brMsrpConfig->fdbConfig(VlanId{stream.vlanId()});
+    if (stream.ethGroup() || !fdb || fdb->ethGroup(stream.macDa())) return;
+    const auto group = fdb->ethGroupIs(stream.macDa());
+    stream.ethGroupIs(group);
+    group->intfIs(intf, true);
+}
+
+}  // namespace Msrp

@@ -1,0 +1,95 @@
+/// A talker withdraws what it declared.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+void MsrpSm::processTalkerAdvertiseLeave(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
+    const U64 streamId = attr.streamId();
+    trace("processTalkerAdvertiseLeave( ", intf, " StreamId: 0x", hexStr(streamId), " )");
+    ringTrace("talkerAdvertiseLeave", intf.number(), streamId);
+
+    const std::string id = hexStr(streamId);
+    const auto drop = [&](const std::string& text) {
+        discard(intf, MsrpCounter::talkerAdvertiseLeaveDiscarded, text);
+    };
+    const std::shared_ptr<StreamData> stream = streamList(streamId);
+    if (!stream) {
+        return drop(
+            Runtime::format("Discard streamId 0x%s TalkerAdvLv on %s as stream doesn't exist", id, intf));
+    }
+    if (!stream->ingressIntf()) {
+        return drop(Runtime::format(
+            "Discard streamId 0x%s TalkerAdvLv on %s as TalkerAdv is not registered for stream", id, intf));
+    }
+    if (stream->ingressIntf() != intf) {
+        return drop(Runtime::format(
+            "Discard streamId 0x%s TalkerAdvLv on %s as TalkerAdv was received on different port", id, intf));
+    }
+    const TalkerState state = getTalkerState(*stream, intf);
+    if (state != TalkerState::Advertise) {
+        return drop(Runtime::format("Discard streamId 0x%s TalkerAdvLv on %s since prev state was %d", id,
+                                    intf, number(state)));
+    }
+    log(MSRP_TALKER_ADV_LV, "received", intf, id);
+    counterInc(intf, Direction::Rx, MsrpCounter::talkerAdvertiseLeave);
+    addTalkerToDeletePending(streamId, intf);
+    dropFailureCode(*stream, intf);
+    propagateTalkerAdvertiseLeave(intf, streamId);
+    if (stream->listenerState(intf) != ListenerState::Ignore) {
+        transmitListenerAttribute(intf, streamId, ListenerState::Ignore);
+    }
+    clearIngress(*stream);
+    cleanupStreamDataIfEmpty(streamId);
+    reprocessBandwidthFailedStreams();
+    reprocessMacDaFailedStreams(attr.macDa());
+}
+
+void MsrpSm::processTalkerFailedLeave(IntfId intf, const MsrpTalkerFailedAttribute& attr) {
+    const U64 streamId = attr.streamId();
+    trace("processTalkerFailedLeave( ", intf, " StreamId: 0x", hexStr(streamId), " )");
+    ringTrace("talkerFailedLeave", intf.number(), streamId);
+
+    const std::string id = hexStr(streamId);
+    const auto drop = [&](const std::string& text) {
+        discard(intf, MsrpCounter::talkerFailedLeaveDiscarded, text);
+    };
+    const std::shared_ptr<StreamData> stream = streamList(streamId);
+    if (!stream) {
+        return drop(
+            Runtime::format("Discard streamId 0x%s TalkerFailLv on %s as stream doesn't exist", id, intf));
+    }
+    if (stream->ingressIntf() != intf) {
+        return drop(Runtime::format(
+            "Discard streamId 0x%s TalkerFailLv on %s as TalkerAdv was received on different port", id,
+            intf));
+    }
+    const TalkerState state = getTalkerState(*stream, intf);
+    if (state != TalkerState::Failed) {
+        return drop(Runtime::format("Discard streamId 0x%s TalkerFailLv on %s since prev state was %d", id,
+                                    intf, number(state)));
+    }
+    const TalkerFailureCode code = attr.failureCode();
+    log(MSRP_TALKER_FAIL_LV, "received", intf, id, number(code));
+    counterInc(intf, Direction::Rx, MsrpCounter::talkerFailedLeave);
+    addTalkerToDeletePending(streamId, intf);
+    dropFailureCode(*stream, intf);
+    propagateTalkerFailed(intf, streamId, code, TalkerState::None);
+    clearIngress(*stream);
+    cleanupStreamDataIfEmpty(streamId);
+    reprocessMacDaFailedStreams(attr.macDa());
+}
+
+void MsrpSm::clearIngress(StreamData& stream) {
+    const IntfId ingress = stream.ingressIntf();
+    stream.ingressIntfIs(IntfId{});
+    // A listener of the talker's own port whose leave was discarded meanwhile would stay for ever.
+    const bool recorded = stream.listenerStateOrig(ingress) != ListenerState::Ignore;
+    if (recorded && !inputs_.msrpLib->mrpRegistered(ingress, typeListener, stream.streamId())) {
+        stream.listenerStateOrigDel(ingress);
+    }
+    // Without a talker it waits for no bandwidth.
+    removeFromBandwidthQueues(stream.streamId());
+}
+
+}  // namespace Msrp

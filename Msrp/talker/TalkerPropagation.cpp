@@ -1,0 +1,238 @@
+/// A talker is declared on the other ports, as advertise or as failed, and withdrawn from them.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+namespace {
+using Code = TalkerFailureCode;
+}
+
+TalkerState MsrpSm::getTalkerState(const StreamData& stream, IntfId intf) const {
+    const auto pending = deletePendingStreamIntfs_.find(stream.streamId());
+    if (pending != deletePendingStreamIntfs_.end() && pending->second->deletePendingTalker().contains(intf)) {
+        return TalkerState::None;
+    }
+    return stream.talkerState(intf);
+}
+
+void MsrpSm::setTalkerState(StreamData& stream, IntfId intf, TalkerState state) {
+    // The time tells since when the port has its state: a repetition leaves it alone.
+    if (getTalkerState(stream, intf) != state) stream.setTalkerStateAndAge(intf, state, now());
+    removeTalkerFromDeletePending(stream.streamId(), intf);
+}
+
+MsrpTalkerAdvertiseAttribute MsrpSm::streamDataTalkerAttribute(U64 streamId) const {
+    const auto stream = streamList(streamId);
+    Runtime::require(stream && stream->ingressIntf(), "streamData && streamData->ingressIntf()");
+    MsrpTalkerAdvertiseAttribute attr;
+    attr.streamIdIs(streamId);
+    attr.macDaIs(stream->macDa());
+    attr.vlanIdIs(stream->vlanId());
+    attr.maxFrameSizeIs(stream->maxFrameSize());
+    attr.maxIntervalFramesIs(stream->maxIntervalFrames());
+    attr.priorityAndRankIs(PriorityAndRank::create(stream->dataFramePriority(), stream->rank()));
+    attr.accumulatedLatencyIs(stream->accumulatedLatency());
+    return attr;
+}
+
+void MsrpSm::send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration) {
+    MsrpLib& lib = *inputs_.msrpLib;
+    Mrp::AttributeSlot& slot = lib.outgoing(type);
+    std::copy(value.begin(), value.end(), slot.value.begin());
+    slot.declaration = declaration;
+    lib.mrpOutIntfQueueEnq(intf);
+    lib.mrpSendAttribute({.intf = intf, .attributeType = type, .request = request, .reserved = 0});
+}
+
+void MsrpSm::sendTalkerInternalLeave(IntfId intf, U64 streamId, TalkerState state) {
+    const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
+    if (state == TalkerState::Advertise) {
+        send(intf, typeTalkerAdvertise, Mrp::requestInternalLeave, attr.octets());
+        return;
+    }
+    const auto stream = existingStream(streamId);
+    const MsrpTalkerFailedAttribute failed{attr, stream->failedBridgeId(), stream->talkerFailureCode(intf)};
+    send(intf, typeTalkerFailed, Mrp::requestInternalLeave, failed.octets());
+}
+
+void MsrpSm::failureCodeGone(StreamData& stream, IntfId intf, TalkerFailureCode old) {
+    if (isBandwidthFailure(old)) removeFailedStreamFromIntf(stream.streamId(), intf);
+    if (old == Code::destinationAddressInUse) removeMacDaBlockedStream(stream.macDa(), stream.streamId());
+}
+
+void MsrpSm::dropFailureCode(StreamData& stream, IntfId intf) {
+    stream.talkerFailureCodeDel(intf);
+    if (!stream.hasTalkerFailureCode()) stream.failedBridgeIdIs(0);
+}
+
+void MsrpSm::transmitTalkerAdvertise(IntfId intf, U64 streamId, TalkerState state) {
+    const auto stream = existingStream(streamId);
+    const TalkerState current = getTalkerState(*stream, intf);
+    if (current == state) {
+        trace("Not transmitting duplicate TalkerAdvertise");
+        return;
+    }
+    const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
+    const bool declare = state == TalkerState::Advertise;
+    if (!declare) {
+        addTalkerToDeletePending(streamId, intf);
+        counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseLeave);
+    } else {
+        if (current == TalkerState::Failed) {
+            sendTalkerInternalLeave(intf, streamId, TalkerState::Failed);
+            log(MSRP_TALKER_ADV_JOIN, "transmitted", intf, hexStr(streamId), number(Code::noFailure));
+        }
+        setTalkerState(*stream, intf, TalkerState::Advertise);
+        counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertise);
+    }
+    const Code old = stream->talkerFailureCode(intf);
+    dropFailureCode(*stream, intf);
+    failureCodeGone(*stream, intf, old);
+    send(intf, typeTalkerAdvertise, declare ? Mrp::requestDeclare : Mrp::requestWithdraw, attr.octets());
+}
+
+void MsrpSm::transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode code, TalkerState state) {
+    const auto stream = existingStream(streamId);
+    const TalkerState current = getTalkerState(*stream, intf);
+    const Code old = stream->talkerFailureCode(intf);
+    if (current == state && old == code) {
+        trace("Not transmitting duplicate TalkerFailed");
+        return;
+    }
+    const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
+    if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(selfBridgeId(intf));
+    const bool declare = state == TalkerState::Failed;
+    if (!declare) {
+        addTalkerToDeletePending(streamId, intf);
+        dropFailureCode(*stream, intf);
+        failureCodeGone(*stream, intf, old);
+        counterInc(intf, Direction::Tx, MsrpCounter::talkerFailedLeave);
+    } else {
+        if (current == TalkerState::Advertise) {
+            sendTalkerInternalLeave(intf, streamId, TalkerState::Advertise);
+            log(MSRP_TALKER_FAIL_JOIN, "transmitted", intf, hexStr(streamId), number(code),
+                hexStr(stream->failedBridgeId()));
+        }
+        setTalkerState(*stream, intf, TalkerState::Failed);
+        const bool stillWaits = old == code || (isBandwidthFailure(old) && isBandwidthFailure(code));
+        if (!stillWaits) failureCodeGone(*stream, intf, old);
+        stream->talkerFailureCodeIs(intf, code);
+        counterInc(intf, Direction::Tx, MsrpCounter::talkerFailed);
+    }
+    const MsrpTalkerFailedAttribute failed{attr, stream->failedBridgeId(), code};
+    send(intf, typeTalkerFailed, declare ? Mrp::requestDeclare : Mrp::requestWithdraw, failed.octets());
+}
+
+Code MsrpSm::judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf) {
+    const U64 streamId = stream.streamId();
+    const SrClassState state = status()->intfStatus(port)->srClassState(stream.srClass());
+    if (state == SrClassState::Boundary) {
+        trace("ERROR: StreamId 0x", hexStr(streamId), ": Talker Failed on ", port, " since it is ",
+              srClassName(stream.srClass()), " Boundary port");
+        return Code::egressPortNotAvbCapable;
+    }
+    const Code vlanCode = checkVlanConfig(port, streamId, stream.vlanId());
+    if (vlanCode != Code::noFailure) return vlanCode;
+    const ListenerState listener = stream.listenerStateOrig(port);
+    if (wantsStream(listener)) {
+        const Code code = addListener(port, streamId);
+        // The refused stream waits under the talker's port.
+        if (code != Code::noFailure) addFailedStreamToIntf(streamId, ingressIntf);
+        return code;
+    }
+    if (listener == ListenerState::AskingFailed && getTalkerState(stream, port) == TalkerState::Failed) {
+        return checkBandwidthAvailability(port, streamId, stream.srClass(), stream.bandwidth());
+    }
+    return Code::noFailure;
+}
+
+void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, IntfId onlyIntf) {
+    const auto stream = existingStream(streamId);
+    bool listenersChanged = false;
+    const auto propagateTo = [&](IntfId port) {
+        const auto intfStatus = status()->intfStatus(port);
+        Runtime::require(intfStatus != nullptr, "intfStatus");
+        const SrClassState state = intfStatus->srClassState(stream->srClass());
+        if (!isActive(state)) {
+            trace("Not propagating TalkerAdvertiseJoin on ", port, " since ", srClassName(stream->srClass()),
+                  " is ", srState(state));
+            counterInc(port, Direction::Tx, MsrpCounter::talkerAdvertiseDiscarded);
+            return;
+        }
+        const ListenerState listener = stream->listenerStateOrig(port);
+        const Code code = judgeEgress(port, *stream, ingressIntf);
+        if (code == Code::noFailure) {
+            transmitTalkerAdvertise(port, streamId, TalkerState::Advertise);
+        } else {
+            if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(selfBridgeId(port));
+            counterInc(port, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
+            transmitTalkerFailed(port, streamId, code, TalkerState::Failed);
+        }
+        if (listener != ListenerState::Ignore) {
+            const auto effective = code == Code::noFailure ? listener : ListenerState::AskingFailed;
+            stream->setListenerStateAndAge(port, effective, now());
+            listenersChanged = true;
+        }
+    };
+    if (onlyIntf) {
+        propagateTo(onlyIntf);
+    } else {
+        for (const auto& [port, enabled] : config().intfEnable()) {
+            if (enabled && port != ingressIntf && status()->intfStatus(port)) propagateTo(port);
+        }
+    }
+    if (listenersChanged) propagateListenerAttribute(streamId);
+}
+
+void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailureCode code,
+                                   TalkerState state) {
+    const auto stream = existingStream(streamId);
+    const bool failed = state == TalkerState::Failed;
+    bool listenersChanged = false;
+    for (const auto& [port, enabled] : config().intfEnable()) {
+        const auto intfStatus = status()->intfStatus(port);
+        if (!enabled || port == ingressIntf || !intfStatus) continue;
+        const SrClassState classState = intfStatus->srClassState(stream->srClass());
+        if (!isActive(classState)) {
+            trace("Not propagating TalkerFailed on ", port, " since ", srClassName(stream->srClass()), " is ",
+                  srState(classState));
+            counterInc(port, Direction::Tx,
+                       failed ? MsrpCounter::talkerFailedDiscarded : MsrpCounter::talkerFailedLeaveDiscarded);
+            continue;
+        }
+        if (stream->listenerState(port) != ListenerState::Ignore) {
+            removeListener(port, streamId, failed ? ListenerState::AskingFailed : ListenerState::Ignore);
+            listenersChanged = true;
+        }
+        transmitTalkerFailed(port, streamId, code, state);
+    }
+    if (failed && listenersChanged) {
+        transmitListenerAttribute(ingressIntf, streamId, ListenerState::AskingFailed);
+    } else if (!failed && stream->listenerState(ingressIntf) != ListenerState::Ignore) {
+        transmitListenerAttribute(ingressIntf, streamId, ListenerState::Ignore);
+    }
+}
+
+void MsrpSm::propagateTalkerAdvertiseLeave(IntfId ingressIntf, U64 streamId) {
+    const auto stream = existingStream(streamId);
+    for (const auto& [port, enabled] : config().intfEnable()) {
+        if (!enabled || port == ingressIntf || !status()->intfStatus(port)) continue;
+        if (stream->listenerState(port) != ListenerState::Ignore) {
+            removeListener(port, streamId, ListenerState::Ignore);
+        }
+        switch (getTalkerState(*stream, port)) {
+            case TalkerState::Advertise:
+                transmitTalkerAdvertise(port, streamId, TalkerState::None);
+                break;
+            case TalkerState::Failed:
+                transmitTalkerFailed(port, streamId, stream->talkerFailureCode(port), TalkerState::None);
+                break;
+            case TalkerState::None:
+                trace("TalkerAdvertiseLeave not propagated on ", port);
+                break;
+        }
+    }
+}
+
+}  // namespace Msrp
