@@ -40,8 +40,9 @@ Speed kernelSpeed(const std::string& interface) {
     const FileDescriptor fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     // The settings are followed by three sets of link modes, whose size in words the first call tells.
     constexpr std::size_t maxWords = 127;
-    alignas(ethtool_link_settings) std::array<std::byte, sizeof(ethtool_link_settings) + 3 * 4 * maxWords>
-        answer{};
+    alignas(ethtool_link_settings)
+        std::array<std::byte, sizeof(ethtool_link_settings) + 3 * sizeof(std::uint32_t) * maxWords>
+            answer{};
     auto* settings = new (answer.data()) ethtool_link_settings{};
     settings->cmd = ETHTOOL_GLINKSETTINGS;
     ifreq request{};

@@ -5,7 +5,6 @@
 #include "tests/ports/Namespace.h"
 
 using namespace std::chrono_literals;
-using Interface::LinkStatus;
 using Interface::Speed;
 
 namespace {
