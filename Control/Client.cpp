@@ -1,0 +1,54 @@
+#include "Control/Client.h"
+
+#include "Control/Json.h"
+
+#include <cerrno>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <system_error>
+
+namespace Control {
+
+std::string Client::connect(const std::string& path) {
+    path_ = path;
+    std::string problem;
+    socket_ = connectTo(path, problem);
+    return problem;
+}
+
+std::string Client::send(const State::Value& request) {
+    const std::string line = jsonText(request) + '\n';
+    for (std::size_t sent = 0; sent < line.size();) {
+        const ssize_t count = ::send(socket_.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return failure(std::generic_category().message(errno));
+        sent += static_cast<std::size_t>(count);
+    }
+    return {};
+}
+
+std::string Client::receive(State::Value& reply, unsigned seconds) {
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(seconds);
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    std::size_t newline = in_.find('\n');
+    while (newline == std::string::npos) {
+        char piece[65536];
+        const ssize_t count = ::recv(socket_.get(), piece, sizeof piece, 0);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EAGAIN)
+            return failure("no answer within " + std::to_string(seconds) + " seconds");
+        if (count < 0) return failure(std::generic_category().message(errno));
+        if (count == 0) return failure("the other side has closed it");
+        const std::size_t before = in_.size();
+        in_.append(piece, static_cast<std::size_t>(count));
+        newline = in_.find('\n', before);
+    }
+    auto [value, problem] = parseJson(std::string_view{in_}.substr(0, newline));
+    in_.erase(0, newline + 1);
+    if (problem) return failure("an answer that is no JSON: " + problem->what);
+    reply = std::move(value);
+    return {};
+}
+
+}  // namespace Control

@@ -1,0 +1,32 @@
+/// The other end of the control socket, for programs that can wait.
+#pragma once
+
+#include "Control/Socket.h"
+#include "State/Value.h"
+
+#include <optional>
+#include <string>
+
+namespace Control {
+
+class Client {
+public:
+    /// Empty on success, else one line that names the socket.
+    std::string connect(const std::string& path);
+
+    /// Sends one request.  Empty on success, else one line that names the socket.
+    std::string send(const State::Value& request);
+    /// Waits for the next reply, at most `seconds` (0: for ever).
+    std::string receive(State::Value& reply, unsigned seconds);
+
+private:
+    [[nodiscard]] std::string failure(const std::string& what) const {
+        return "socket " + path_ + ": " + what;
+    }
+
+    std::string path_;
+    Descriptor socket_;
+    std::string in_;
+};
+
+}  // namespace Control

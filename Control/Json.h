@@ -1,0 +1,39 @@
+/// Record values as JSON text (RFC 8259) and back.
+///
+/// Whole numbers keep all of their 64 bits, other numbers come back as the same double.  Nothing in a record
+/// is a list, so arrays are refused.
+#pragma once
+
+#include "State/Value.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Control {
+
+/// On one line.
+std::string jsonText(const State::Value& value);
+/// One member on each line, indented by two blanks; no newline at the end.
+std::string jsonLines(const State::Value& value);
+
+/// Where reading stopped, counted from 1 in octets, and why.
+struct JsonProblem {
+    std::size_t line = 1;
+    std::size_t column = 1;
+    std::string what;
+};
+
+struct JsonResult {
+    State::Value value;
+    std::optional<JsonProblem> problem;
+};
+
+enum class JsonComments { refused, allowed };
+
+/// Reads exactly one value.  A name that comes twice in one object is a problem, as is nesting deeper
+/// than 64. `allowed` skips // and /* */ comments.
+JsonResult parseJson(std::string_view text, JsonComments comments = JsonComments::refused);
+
+}  // namespace Control

@@ -1,0 +1,53 @@
+/// Keeps the log readable while every LeaveAll round repeats what is still wrong: the first of several
+/// identical lines passes at once, those that follow within a minute become one line with their count.
+#pragma once
+
+#include "Runtime/Loop.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace Control {
+
+class LogFolder {
+public:
+    /// `severity` as in syslog.
+    using Sink = std::function<void(int severity, const std::string& line)>;
+
+    static constexpr Runtime::Duration window = std::chrono::minutes{1};
+    /// Different lines that are remembered at a time.
+    static constexpr std::size_t capacity = 4096;
+
+    /// The loop must outlive the folder.
+    LogFolder(Runtime::Loop& loop, Sink sink);
+    LogFolder(const LogFolder&) = delete;
+    LogFolder& operator=(const LogFolder&) = delete;
+
+    void line(int severity, const std::string& text);
+    /// Tells all counts that are still held back.
+    void flush();
+
+private:
+    struct Held {
+        int severity;
+        std::string text;
+        std::uint64_t again;  ///< how often it came since it was last told
+        Runtime::Time until;
+    };
+
+    void expire();
+    void closeOldest(bool mayReopen);
+
+    Runtime::Loop& loop_;
+    Sink sink_;
+    std::list<Held> held_;  ///< oldest window first; all windows are equally long
+    std::unordered_map<std::string_view, std::list<Held>::iterator> byText_;
+    Runtime::Timer timer_;
+};
+
+}  // namespace Control

@@ -1,0 +1,70 @@
+#include "Control/RecordAccess.h"
+
+#include "State/Record.h"
+
+#include <utility>
+
+namespace Control {
+
+using State::Value;
+
+namespace {
+
+std::string noRecord(std::string_view path) { return "no record \"" + std::string{path} + '"'; }
+
+std::string root(std::string_view path, std::string_view below) {
+    return std::string{path.substr(0, path.size() - below.size() - (below.empty() ? 0 : 1))};
+}
+
+/// "a/b" and v become {"a": {"b": v}}.
+Value patch(std::string_view below, const Value& value) {
+    if (below.empty()) return value;
+    const auto [name, rest] = State::splitPath(below);
+    return Value{State::Object{{std::string{name}, patch(rest, value)}}};
+}
+
+}  // namespace
+
+Answer RecordAccess::get(std::string_view path) const {
+    const auto [record, below] = database_.resolve(path);
+    if (!record) return {{}, noRecord(path)};
+    if (below.empty()) return {record->value(), {}};
+    const auto [field, rest] = State::splitPath(below);
+    auto value = record->fieldValue(field, rest);
+    if (!value) return {{}, "nothing at \"" + std::string{path} + '"'};
+    return {std::move(*value), {}};
+}
+
+Answer RecordAccess::set(std::string_view path, const Value& value) {
+    const auto [record, below] = database_.resolve(path);
+    if (!record) return {{}, noRecord(path)};
+    const std::string name = root(path, below);
+    if (!writable_.contains(name)) return {{}, name + ": cannot be written, it is not configuration"};
+    if (const auto problem = record->apply(patch(below, value))) return {{}, problem->below(name).text()};
+    return {};
+}
+
+Answer RecordAccess::list() const {
+    State::Object records;
+    for (const std::string& path : database_.paths()) {
+        records.emplace_back(path, State::Object{{"type", Value{database_.entity(path)->typeName()}},
+                                                 {"writable", Value{writable_.contains(path)}}});
+    }
+    return {Value{std::move(records)}, {}};
+}
+
+std::shared_ptr<const State::Entity> RecordAccess::watchable(std::string_view path,
+                                                             std::string& problem) const {
+    const auto [record, below] = database_.resolve(path);
+    if (!record) {
+        problem = noRecord(path);
+    } else if (const auto [field, rest] = State::splitPath(below);
+               !below.empty() && !record->fieldValue(field, {})) {
+        problem = "no field \"" + std::string{field} + "\" in " + std::string{record->typeName()};
+    } else {
+        return record;
+    }
+    return nullptr;
+}
+
+}  // namespace Control

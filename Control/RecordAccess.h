@@ -1,0 +1,43 @@
+/// What people and other processes may do with the state database: read all of it, write some of it.
+#pragma once
+
+#include "State/Database.h"
+
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace Control {
+
+/// A value, or one line that says why there is none.
+struct Answer {
+    State::Value value;
+    std::string error;
+};
+
+class RecordAccess {
+public:
+    /// `writable`: the paths of the records that may be written.  The database must outlive this.
+    RecordAccess(State::Database& database, std::set<std::string, std::less<>> writable)
+        : database_{database}, writable_{std::move(writable)} {}
+
+    /// A record, or what `path` names below it ("msrp/config/intfEnable/swp1").
+    [[nodiscard]] Answer get(std::string_view path) const;
+    /// Writes one field, entry or whole record; null removes an entry.
+    [[nodiscard]] Answer set(std::string_view path, const State::Value& value);
+    /// For each record its type and whether it may be written.
+    [[nodiscard]] Answer list() const;
+
+    /// The record whose changes may change what `get(path)` answers; null, and why, when nothing can ever
+    /// stand there.
+    [[nodiscard]] std::shared_ptr<const State::Entity> watchable(std::string_view path,
+                                                                 std::string& problem) const;
+
+private:
+    State::Database& database_;
+    std::set<std::string, std::less<>> writable_;
+};
+
+}  // namespace Control

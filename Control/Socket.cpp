@@ -1,0 +1,91 @@
+#include "Control/Socket.h"
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <system_error>
+
+namespace Control {
+
+namespace {
+
+constexpr int backlog = 64;
+
+std::optional<sockaddr_un> address(const std::string& path) {
+    sockaddr_un to{};
+    to.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof to.sun_path) return std::nullopt;
+    std::memcpy(to.sun_path, path.data(), path.size());
+    return to;
+}
+
+std::string badPath(const std::string& path) {
+    return "socket \"" + path + "\": a path of 1 to " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
+           " octets is needed";
+}
+
+std::string failure(const std::string& path, int error) {
+    return "socket " + path + ": " + std::generic_category().message(error);
+}
+
+/// 0 or the error number.
+int connectSocket(const Descriptor& fd, const sockaddr_un& to) {
+    return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0 ? 0 : errno;
+}
+
+/// Removes a socket that nobody serves.  Empty when the path is free afterwards.
+std::string clearStale(const std::string& path, const sockaddr_un& to) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? "" : failure(path, errno);
+    if (!S_ISSOCK(status.st_mode)) return "socket " + path + ": a file that is no socket is in the way";
+    const Descriptor probe{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    const int error = probe ? connectSocket(probe, to) : errno;
+    // A full queue of a busy server.
+    if (error == 0 || error == EAGAIN) return "socket " + path + ": in use";
+    if (error != ECONNREFUSED) return failure(path, error);
+    return ::unlink(path.c_str()) == 0 ? "" : failure(path, errno);
+}
+
+void makeDirectory(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    // Where this fails, bind tells why.
+    if (slash != std::string::npos && slash > 0) ::mkdir(path.substr(0, slash).c_str(), 0755);
+}
+
+}  // namespace
+
+Descriptor connectTo(const std::string& path, std::string& problem) {
+    const auto to = address(path);
+    if (!to) {
+        problem = badPath(path);
+        return {};
+    }
+    Descriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    const int error = fd ? connectSocket(fd, *to) : errno;
+    if (error == 0) return fd;
+    problem = failure(path, error);
+    return {};
+}
+
+Descriptor listenOn(const std::string& path, std::string& problem) {
+    const auto to = address(path);
+    problem = to ? clearStale(path, *to) : badPath(path);
+    if (!problem.empty()) return {};
+    makeDirectory(path);
+
+    Descriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    // Set before the file exists, so that there is no moment at which others could connect.
+    const mode_t before = ::umask(0177);
+    const bool bound = fd && ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&*to), sizeof *to) == 0 &&
+                       ::listen(fd.get(), backlog) == 0;
+    const int error = errno;
+    ::umask(before);
+    if (bound) return fd;
+    problem = failure(path, error);
+    return {};
+}
+
+}  // namespace Control
