@@ -69,7 +69,8 @@ public:
             const std::uint8_t length = in.u8();
             const std::uint16_t listLength = in.u16();
             if (!in.ok() || listLength > in.left()) return flaw(Malformed::listPastEnd, start);
-            message(type, length, in.record(listLength), in.left() == 0, start);
+            const Reader list = in.record(listLength);
+            message(type, length, list, in.left() == 0, start);
         }
     }
 

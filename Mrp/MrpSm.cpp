@@ -175,6 +175,11 @@ void MrpSm::cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::ui
     if (const auto purged = participant(intf)) purged->purge({typeIndex(type), key});
 }
 
+bool MrpSm::attributeRegistered(IntfId intf, std::uint8_t type, std::uint64_t key) const {
+    const auto holder = participant(intf);
+    return holder && holder->registered({typeIndex(type), key});
+}
+
 std::uint8_t MrpSm::typeIndex(std::uint8_t type) const {
     const auto& types = application_.application().types;
     const auto at = std::ranges::find(types, type, &AttributeType::type);
@@ -226,9 +231,10 @@ Participant::Outcome MrpSm::leaveIndication(IntfId intf, const AttributeRef& ref
 // ---------------------------------------------------------------------------
 
 void MrpSm::registrationEnded(std::uint64_t key) {
+    const auto types = static_cast<std::uint8_t>(application_.application().types.size());
     for (const auto& [intf, port] : ports_) {
         if (!port.participant || port.participant->refused().empty()) continue;
-        for (std::uint8_t i = 0; i < application_.application().types.size(); ++i) {
+        for (std::uint8_t i = 0; i < types; ++i) {
             const AttributeRef ref{i, key};
             if (port.participant->refused(ref)) offers_.emplace(ref, intf);
         }

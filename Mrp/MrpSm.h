@@ -82,6 +82,7 @@ public:
     void interfaceDisable(IntfId intf);
     void cleanUpIntfDatabase(IntfId intf);
     void cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
+    [[nodiscard]] bool attributeRegistered(IntfId intf, std::uint8_t type, std::uint64_t key) const;
     [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
     [[nodiscard]] VlanId nativeVlanId(IntfId intf) const;
     [[nodiscard]] PeriodicSm& periodicSm() { return periodicSm_; }

@@ -55,7 +55,7 @@ void Participant::receive(const DecodedPdu& pdu) {
         env_.host.reportFlaw(intf_, flaw);
     }
     if (pdu.leaveAll.any()) leaveAllEvent(LeaveAllEvent::rLA);
-    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+    for (std::uint8_t i = 0; i < typeCount(); ++i) {
         // Before the values: the joins of the same PDU count as an answer to it.
         if (pdu.leaveAll.test(i)) receiveLeaveAll(i);
     }
@@ -217,7 +217,7 @@ void Participant::purge(const AttributeRef& ref) {
 }
 
 void Participant::purgeAll() {
-    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+    for (std::uint8_t i = 0; i < typeCount(); ++i) {
         for (auto at = attributes_[i].begin(); at != attributes_[i].end();) {
             const AttributeRef ref{i, at->first};
             Attribute& attribute = (at++)->second;
@@ -234,7 +234,7 @@ void Participant::purgeAll() {
 void Participant::leaveAll() { leaveAllEvent(LeaveAllEvent::leaveAllTimer); }
 
 void Participant::periodic() {
-    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+    for (std::uint8_t i = 0; i < typeCount(); ++i) {
         for (auto& [key, attribute] : attributes_[i]) {
             applicantEvent({i, key}, attribute, ApplicantEvent::periodic);
         }

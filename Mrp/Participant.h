@@ -130,6 +130,9 @@ private:
     };
 
     [[nodiscard]] const AttributeType& type(std::size_t index) const { return env_.application.types[index]; }
+    [[nodiscard]] std::uint8_t typeCount() const {
+        return static_cast<std::uint8_t>(env_.application.types.size());
+    }
     [[nodiscard]] Attribute* find(const AttributeRef& ref);
     void eraseIfIdle(const AttributeRef& ref);
 

@@ -157,7 +157,7 @@ std::vector<Participant::Utterance> Participant::planLeaveAll() {
     pending_.clear();
     batch_.clear();
     std::vector<Utterance> plan;
-    for (std::uint8_t i = 0; i < env_.application.types.size(); ++i) {
+    for (std::uint8_t i = 0; i < typeCount(); ++i) {
         ++counts_.txEvents[static_cast<std::size_t>(Event::LeaveAll)];
         for (auto at = attributes_[i].begin(); at != attributes_[i].end(); ++at) {
             Attribute& attribute = at->second;

@@ -159,3 +159,8 @@ private:
 };
 
 }  // namespace Mrp
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Mrp::MrpConfig>;
+extern template class State::Record<Mrp::MrpIntfStatus>;
+extern template class State::Record<Mrp::MrpStatus>;
