@@ -40,6 +40,7 @@ MrpSm::MrpSm(Inputs inputs)
                        [this](IntfId intf) {
                            if (auto p = participant(intf)) p->leaveAll();
                        }}},
+      offerTimer_{loop_, [this] { runOffers(); }},
       configReactor_{config_->react([this](const State::Change& change) { configChanged(change.field); })} {
     Runtime::require(application_.application().types.size() <= maxTypes, "too many attribute types");
     periodicSm_.enabledIs(config_->periodicEnabled());
@@ -239,27 +240,19 @@ void MrpSm::registrationEnded(std::uint64_t key) {
             if (port.participant->refused(ref)) offers_.emplace(ref, intf);
         }
     }
-    if (!offers_.empty()) scheduleOffers();
+    if (!offers_.empty()) offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::portOpened(IntfId intf) {
     openedPorts_.insert(intf);
-    scheduleOffers();
+    offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::offerDue(IntfId intf, const AttributeRef& ref) {
     const auto port = participant(intf);
     if (!port || !port->registered(ref)) return;
     repeats_.emplace(ref, intf);
-    scheduleOffers();
-}
-
-void MrpSm::scheduleOffers() {
-    if (std::exchange(offersScheduled_, true)) return;
-    later([this] {
-        offersScheduled_ = false;
-        runOffers();
-    });
+    offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::runOffers() {
@@ -277,7 +270,7 @@ void MrpSm::runOffers() {
         const auto port = participant(intf);
         if (port && (repeat || port->refused(ref))) port->offerAgain(ref);
     }
-    if (!offers_.empty() || !repeats_.empty()) scheduleOffers();
+    if (!offers_.empty() || !repeats_.empty()) offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::later(std::function<void()> task) {

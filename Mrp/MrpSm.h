@@ -124,7 +124,6 @@ private:
     void configChanged(std::string_view field);
     /// Runs `task` from the loop, unless the engine has ended by then.
     void later(std::function<void()> task);
-    void scheduleOffers();
     void runOffers();
 
     Inputs inputs_;
@@ -145,7 +144,7 @@ private:
     std::set<Offer> offers_;        ///< of refused attributes
     std::set<Offer> repeats_;       ///< of attributes whether refused or not
     std::set<IntfId> openedPorts_;  ///< ports whose refused attributes are to be added to `offers_`
-    bool offersScheduled_ = false;
+    Runtime::Timer offerTimer_;     ///< armed while anything is to be offered
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  ///< ends with the engine
     State::Reactor configReactor_;
 };
