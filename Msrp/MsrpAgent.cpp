@@ -100,7 +100,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
     msrpLib_ = std::make_unique<MsrpLib>();
     const Runtime::AgentEnvironment& env = environment();
     mrpSm_ = std::make_unique<Mrp::MrpSm>(
-        Mrp::MrpSm::Inputs{.brConfig = brConfig_,
+        Mrp::Inputs{.brConfig = brConfig_,
                            .application = *msrpLib_,
                            .mrpConfig = mrpConfig_,
                            .mrpStatus = mrpStatus_,
@@ -110,10 +110,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
                            .environment = {.loop = env.loop,
                                            .ports = ports_,
                                            .trace = env.trace,
-                                           .report =
-                                               [&env](IntfId intf, const std::string& text) {
-                                                   env.systemLog.log(MSRP_ERROR, intf.name() + " " + text);
-                                               },
+                                           .report = [&log = env.systemLog](IntfId, const std::string& text) { log.log(MSRP_ERROR, text); },
                                            .seed = env.seed},
                            .standbyMode = standbyMode_});
     msrpAttrLogSm_ = std::make_unique<Mrp::MrpAttrLogSm>(ringLogSink(env.ringLog));

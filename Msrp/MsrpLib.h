@@ -11,7 +11,7 @@ class MsrpSm;
 
 class MsrpLib : public Mrp::MrpLib {
 public:
-    MsrpLib() : Mrp::MrpLib{application()} {}
+    MsrpLib() : Mrp::MrpLib{Msrp::application()} {}
 
     [[nodiscard]] MsrpSm* msrpSm() const { return msrpSm_; }
     /// The state machine that handles the attributes; it binds itself, and unbinds itself when it goes.

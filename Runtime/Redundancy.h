@@ -49,3 +49,6 @@ private:
 };
 
 }  // namespace Redundancy
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Redundancy::RedundancyStatus>;

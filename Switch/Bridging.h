@@ -123,3 +123,9 @@ private:
 };
 
 }  // namespace Bridging
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Bridging::VlanPortConfig>;
+extern template class State::Record<Bridging::VlanConfig>;
+extern template class State::Record<Bridging::SwitchIntfConfig>;
+extern template class State::Record<Bridging::Config>;

@@ -85,3 +85,8 @@ private:
 };
 
 }  // namespace Bridging::Input
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Bridging::Input::EthGroup>;
+extern template class State::Record<Bridging::Input::FdbConfig>;
+extern template class State::Record<Bridging::Input::Config>;

@@ -147,3 +147,9 @@ private:
 };
 
 }  // namespace Bridging::Topology
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Bridging::Topology::TopoPortConfig>;
+extern template class State::Record<Bridging::Topology::TopoConfig>;
+extern template class State::Record<Bridging::Topology::Config>;
+extern template class State::Record<Bridging::Topology::Status>;

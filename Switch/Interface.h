@@ -135,3 +135,10 @@ using AllIntfStatusLocalDir = IntfDir<AllIntfStatusLocalTag>;
 using EthIntfStatusDir = IntfDir<EthIntfStatusTag>;
 
 }  // namespace Interface
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Interface::EthPhyIntfStatus>;
+extern template class State::Record<Interface::AllEthPhyIntfStatusDir>;
+extern template class State::Record<Interface::AllIntfStatusDir>;
+extern template class State::Record<Interface::AllIntfStatusLocalDir>;
+extern template class State::Record<Interface::EthIntfStatusDir>;

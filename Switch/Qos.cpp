@@ -55,3 +55,9 @@ void IntfConfig::txQueueConfigIs(TxQueue queue, std::uint8_t priority, std::uint
 }
 
 }  // namespace Qos::Input
+
+template class State::Record<Qos::Status>;
+template class State::Record<Qos::HwStatus>;
+template class State::Record<Qos::Input::TxQueueConfig>;
+template class State::Record<Qos::Input::IntfConfig>;
+template class State::Record<Qos::Input::Config>;

@@ -236,3 +236,10 @@ private:
 };
 
 }  // namespace Qos::Input
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Qos::Status>;
+extern template class State::Record<Qos::HwStatus>;
+extern template class State::Record<Qos::Input::TxQueueConfig>;
+extern template class State::Record<Qos::Input::IntfConfig>;
+extern template class State::Record<Qos::Input::Config>;

@@ -107,3 +107,8 @@ private:
 };
 
 }  // namespace Stp
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Stp::MstInstanceStatus>;
+extern template class State::Record<Stp::InstanceStatus>;
+extern template class State::Record<Stp::Status>;

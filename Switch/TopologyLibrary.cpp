@@ -125,3 +125,7 @@ void TopoLibSm::handleVlan(const std::string& topo, IntfId intf, VlanId vlan) {
 }
 
 }  // namespace Bridging::Topology
+
+template class State::Record<Bridging::Topology::TopoPort>;
+template class State::Record<Bridging::Topology::Topo>;
+template class State::Record<Bridging::Topology::TopoLibState>;

@@ -120,3 +120,8 @@ private:
 };
 
 }  // namespace Bridging::Topology
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Bridging::Topology::TopoPort>;
+extern template class State::Record<Bridging::Topology::Topo>;
+extern template class State::Record<Bridging::Topology::TopoLibState>;

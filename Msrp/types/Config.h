@@ -111,3 +111,7 @@ private:
 };
 
 }  // namespace Msrp
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Msrp::Config>;
+extern template class State::Record<Msrp::CliConfig>;

@@ -129,3 +129,7 @@ private:
 };
 
 }  // namespace Msrp
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Msrp::IntfStatus>;
+extern template class State::Record<Msrp::Status>;

@@ -150,3 +150,5 @@ void StreamData::attributesFrom(const StreamData& other) {
 }
 
 }  // namespace Msrp
+
+template class State::Record<Msrp::StreamData>;

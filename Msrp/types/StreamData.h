@@ -183,3 +183,6 @@ private:
 };
 
 }  // namespace Msrp
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Msrp::StreamData>;

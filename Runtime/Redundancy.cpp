@@ -1,0 +1,3 @@
+#include "Runtime/Redundancy.h"
+
+template class State::Record<Redundancy::RedundancyStatus>;

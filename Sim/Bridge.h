@@ -1,0 +1,97 @@
+/// A whole switch in one object: the agent over a database of its own, with ports whose cables end in the simulation.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Mrp/Records.h"
+#include "Msrp/MsrpAgent.h"
+#include "Msrp/types/Config.h"
+#include "Msrp/types/Status.h"
+#include "Runtime/Loop.h"
+#include "Runtime/Redundancy.h"
+#include "Sim/Ports.h"
+#include "State/Database.h"
+#include "Switch/Bridging.h"
+#include "Switch/BridgingInput.h"
+#include "Switch/BridgingTopology.h"
+#include "Switch/Interface.h"
+#include "Switch/Qos.h"
+#include "Switch/Stp.h"
+#include "Switch/TopologyAgent.h"
+
+namespace Sim {
+
+class Bridge {
+public:
+    /// A bridge with address 02:00:00:00:00:01, VLAN 2 tagged on all ports, links up at 1 Gbit/s, no spanning tree and
+    /// MSRP enabled on every port.  The agent is not started yet.
+    Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed = 1);
+    ~Bridge();
+
+    /// Starts the agent (anew, when it was stopped).
+    void start();
+    /// Ends the agent as a clean end of its process would.
+    void stop();
+
+    [[nodiscard]] Ports& ports() { return ports_; }
+    [[nodiscard]] Msrp::Agent& agent() { return *agent_; }
+    [[nodiscard]] State::Database& database() { return database_; }
+
+    void linkIs(const std::string& port, bool up);
+    void speedIs(const std::string& port, Interface::Speed speed);
+    /// Adds the port to the VLAN.
+    void vlanIs(std::uint16_t vlan, const std::string& port, bool tagged);
+    void vlanDel(std::uint16_t vlan, const std::string& port);
+
+    /// One line for each stream of the working table: "0x1 SrClassA 9088 p1 -> p2 p3".
+    [[nodiscard]] std::string streams() const;
+    /// The same for one stream, or nothing.
+    [[nodiscard]] std::string stream(std::uint64_t id) const;
+    /// "p1 Core WaitingForPeer" for class A and class B.
+    [[nodiscard]] std::string classes(const std::string& port) const;
+    /// One line for each group: "2 91:e0:f0:00:00:01: p2 p3".
+    [[nodiscard]] std::string groups() const;
+    /// Reserved kbit/s.
+    [[nodiscard]] std::uint64_t allocated(const std::string& port, Msrp::SrClassId srClass) const;
+    [[nodiscard]] std::uint32_t rx(const std::string& port, std::uint32_t counter) const;
+    [[nodiscard]] std::uint32_t tx(const std::string& port, std::uint32_t counter) const;
+    /// Lines of the system log that contain `text`.
+    [[nodiscard]] std::size_t logged(const std::string& text) const;
+    [[nodiscard]] const std::vector<std::string>& log() const { return log_; }
+    void logClear() { log_.clear(); }
+
+private:
+    State::Database database_;
+
+public:
+    // The records, for tests and scenarios to read and write.
+    std::shared_ptr<Msrp::CliConfig> cliConfig;
+    std::shared_ptr<Msrp::Config> config;
+    std::shared_ptr<Msrp::Status> status;
+    std::shared_ptr<Mrp::MrpConfig> mrpConfig;
+    std::shared_ptr<Mrp::MrpStatus> mrpStatus;
+    std::shared_ptr<Bridging::Config> bridging;
+    std::shared_ptr<Bridging::Input::Config> groupConfig;
+    std::shared_ptr<Bridging::Topology::Config> topology;
+    std::shared_ptr<Stp::Status> stp;
+    std::shared_ptr<Qos::Input::Config> queues;
+    std::shared_ptr<Qos::Status> qosStatus;
+    std::shared_ptr<Qos::HwStatus> qosHwStatus;
+    std::shared_ptr<Interface::AllEthPhyIntfStatusDir> phy;
+
+private:
+    Runtime::Loop& loop_;
+    std::uint64_t seed_;
+    Ports ports_;
+    std::vector<std::string> log_;
+    Runtime::SystemLog systemLog_;
+    Runtime::Trace trace_;
+    Runtime::RingLog ringLog_;
+    std::unique_ptr<Bridging::TopologyAgent> topologyAgent_;
+    std::unique_ptr<Msrp::Agent> agent_;
+};
+
+}  // namespace Sim

@@ -1,0 +1,76 @@
+/// The far end of a bridge's port, word by word: sends the MRPDUs that a test makes, and remembers what the bridge says.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Mrp/Decoder.h"
+#include "Msrp/types/Attributes.h"
+#include "Sim/Bridge.h"
+
+namespace Sim {
+
+/// A talker's declaration; the defaults are a class A stream of one frame of 100 octets per interval.
+struct Talker {
+    std::uint64_t id = 1;
+    std::uint64_t macDa = 0x91'e0'f0'00'00'01;
+    std::uint16_t vlan = 2;
+    std::uint16_t maxFrameSize = 100;
+    std::uint16_t frames = 1;
+    std::uint8_t priority = 3;
+    std::uint8_t rank = 1;
+    std::uint32_t latency = 0;
+};
+
+/// One attribute event of an MRPDU.
+struct Say {
+    Mrp::Event event;
+    std::uint8_t type;
+    std::vector<std::uint8_t> value;
+    std::uint8_t declaration = 0;
+};
+
+Say advertise(const Talker& talker, Mrp::Event event = Mrp::Event::JoinMt);
+Say failed(const Talker& talker, std::uint8_t code, std::uint64_t bridge = 0x8000'02'00'00'00'00'99,
+           Mrp::Event event = Mrp::Event::JoinMt);
+Say listener(std::uint64_t id, Msrp::ListenerState state, Mrp::Event event = Mrp::Event::JoinMt);
+Say domain(Msrp::SrClassId srClass, std::uint8_t priority, Mrp::Event event = Mrp::Event::JoinMt,
+           std::uint16_t vid = 2);
+/// Class A of priority 3 and class B of priority 2.
+std::vector<Say> domains(Mrp::Event event = Mrp::Event::JoinMt);
+
+class Peer {
+public:
+    /// Puts itself at the far end of the bridge's port; the bridge must outlive it.
+    Peer(Bridge& bridge, const std::string& port);
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    /// Sends the events in one PDU, in ascending order of type; with `leaveAll` a LeaveAll of every type before them.
+    void say(std::vector<Say> events, bool leaveAll = false);
+    void say(Say event) { say(std::vector<Say>{std::move(event)}); }
+    void sendRaw(const Pdu& pdu) { bridge_.ports().deliver(intf_, pdu); }
+
+    /// What the bridge declares at the moment, one line for each attribute: "Advertise 0x1", "Failed 0x1 code 8 bridge
+    /// 0x8000020000000001", "Listener 0x1 Ready", "Domain 6 priority 3 vid 2".
+    [[nodiscard]] std::string registered() const;
+    /// The events heard since the last call, one line for each: "JoinMt Advertise 0x1".
+    std::string heard();
+    [[nodiscard]] std::size_t frames() const { return frames_; }
+    [[nodiscard]] const std::vector<Pdu>& pdus() const { return pdus_; }
+
+private:
+    void receive(const Pdu& pdu);
+
+    Bridge& bridge_;
+    IntfId intf_;
+    std::map<std::pair<int, std::uint64_t>, std::string> registered_;  ///< by kind and key
+    std::string heard_;
+    std::size_t frames_ = 0;
+    std::vector<Pdu> pdus_;
+};
+
+}  // namespace Sim

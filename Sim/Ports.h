@@ -1,0 +1,39 @@
+/// Packet ports of a simulated device: what one side sends is handed to whoever holds the other end of the cable, one
+/// task later on the loop.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "Mrp/PacketPort.h"
+#include "Runtime/Loop.h"
+
+namespace Sim {
+
+using Pdu = std::vector<std::uint8_t>;
+
+class Ports : public Mrp::PacketPortProvider {
+public:
+    using Handler = std::function<void(const Pdu&)>;
+
+    explicit Ports(Runtime::Loop& loop) : loop_{loop} {}
+
+    /// Who gets what the device sends on `intf`.
+    void cableIs(IntfId intf, Handler farEnd) { farEnd_[intf] = std::move(farEnd); }
+    /// Hands a PDU to the device; lost when the port is not open by the time it arrives.
+    void deliver(IntfId intf, const Pdu& pdu);
+
+    std::unique_ptr<Mrp::PacketPort> open(IntfId intf, Receiver receiver) override;
+
+private:
+    class Port;
+    Runtime::Loop& loop_;
+    std::map<IntfId, Handler> farEnd_;
+    std::map<IntfId, std::shared_ptr<Receiver>> open_;
+};
+
+}  // namespace Sim
