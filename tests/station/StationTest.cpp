@@ -1,0 +1,190 @@
+/// End stations at the two ports of a bridge; time is virtual.
+#include "Runtime/VirtualLoop.h"
+#include "Sim/Bridge.h"
+#include "Station/EndStation.h"
+
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+using Msrp::ListenerState;
+using Msrp::SrClassId;
+
+namespace {
+
+const IntfId eth0{"eth0"};
+
+/// A station and what it heard.
+struct End {
+    End(Runtime::Loop& loop, Sim::Bridge& bridge, IntfId port, std::uint64_t seed)
+        : ports{loop},
+          station{eth0,
+                  {.loop = loop,
+                   .ports = ports,
+                   .trace = trace,
+                   .links = links,
+                   .seed = seed,
+                   .tell = [this](const Station::Event& event) { heard += text(event) + '\n'; },
+                   .report = {}}} {
+        bridge.ports().cableIs(port, [this](const Sim::Pdu& pdu) { ports.deliver(eth0, pdu); });
+        ports.cableIs(eth0, [&bridge, port](const Sim::Pdu& pdu) { bridge.ports().deliver(port, pdu); });
+    }
+    void linkIs(bool up) {
+        links->intfStatusIs(eth0)->linkStatusIs(up ? Interface::LinkStatus::linkUp
+                                                   : Interface::LinkStatus::linkDown);
+    }
+    std::string take() { return std::exchange(heard, {}); }
+
+    Sim::Ports ports;
+    std::shared_ptr<Interface::AllEthPhyIntfStatusDir> links =
+        std::make_shared<Interface::AllEthPhyIntfStatusDir>();
+    Runtime::Trace trace;
+    std::string heard;
+    Station::EndStation station;
+};
+
+class StationTest : public testing::Test {
+protected:
+    void SetUp() override {
+        bridge.start();
+        talker.linkIs(true);
+        listener.linkIs(true);
+        settle();
+        talker.take();
+        listener.take();
+    }
+    /// Longer than the leave timers, shorter than the pauses between LeaveAlls.
+    void settle() { loop.runFor(2s); }
+
+    const Station::TalkerSpec stream{
+        .streamId = 1, .macDa = EthAddr::fromNumber(0x91e0f0000001), .latency = 125};
+    const std::string advertised =
+        "talker 0x1 advertised: 91:e0:f0:00:00:01 VLAN 2 priority 3, 1 x 100 octets, rank 1, latency ";
+
+    Runtime::VirtualLoop loop;
+    Sim::Bridge bridge{loop, {"p1", "p2"}};
+    End talker{loop, bridge, IntfId{"p1"}, 1};
+    End listener{loop, bridge, IntfId{"p2"}, 2};
+};
+
+}  // namespace
+
+TEST_F(StationTest, HearsTheLinkAndTheBridgesClasses) {
+    talker.linkIs(false);
+    EXPECT_EQ(talker.take(), "link down\ndomain class B gone\ndomain class A gone\n");
+    settle();
+    talker.linkIs(true);
+    settle();
+    EXPECT_EQ(talker.take(), "link up\ndomain class B priority 2 VLAN 2\ndomain class A priority 3 VLAN 2\n");
+}
+
+TEST_F(StationTest, ListenerThatCameFirstBecomesReadyWithItsTalker) {
+    listener.station.listen(1);
+    settle();
+    EXPECT_EQ(listener.take(), "");
+    talker.station.talk(stream);
+    settle();
+    EXPECT_EQ(listener.take().substr(0, advertised.size()), advertised);
+    EXPECT_EQ(talker.take(), "listener 0x1 AskingFailed\nlistener 0x1 Ready\n");
+    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p2\n");
+    // What is merely repeated is told to nobody.
+    loop.runFor(60s);
+    EXPECT_EQ(talker.take() + listener.take(), "");
+}
+
+TEST_F(StationTest, ListenerAsksInVainForAFailedTalkerUntilItRecovers) {
+    talker.station.domainIs(SrClassId::SrClassA, {.priority = 4});
+    talker.station.talk(stream);
+    listener.station.listen(1);
+    settle();
+    EXPECT_EQ(listener.take(),
+              "talker 0x1 failed: egress port is not AVB capable (code 8) at bridge 0x8000020000000001\n");
+    EXPECT_EQ(talker.take(), "listener 0x1 AskingFailed\n");
+    talker.station.domainIs(SrClassId::SrClassA, {.priority = 3});
+    settle();
+    EXPECT_EQ(listener.take().substr(0, advertised.size()), advertised);
+    EXPECT_EQ(talker.take(), "listener 0x1 Ready\n");
+    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p2\n");
+}
+
+TEST_F(StationTest, FixedListenerDoesNotFollowItsTalker) {
+    listener.station.listen(1, ListenerState::AskingFailed);
+    talker.station.talk(stream);
+    settle();
+    EXPECT_EQ(talker.take(), "listener 0x1 AskingFailed\n");
+}
+
+TEST_F(StationTest, BothSidesHearTheOtherOneStop) {
+    talker.station.talk(stream);
+    listener.station.listen(1);
+    settle();
+    talker.take();
+    listener.take();
+    listener.station.stopListening(1);
+    settle();
+    EXPECT_EQ(talker.take(), "listener 0x1 gone\n");
+    talker.station.stopTalking(1);
+    settle();
+    EXPECT_EQ(listener.take(), "talker 0x1 gone\n");
+}
+
+TEST_F(StationTest, ChangedStreamIsHeardWithoutItsBeingGone) {
+    talker.station.talk(stream);
+    listener.station.listen(1);
+    settle();
+    listener.take();
+    Station::TalkerSpec slower = stream;
+    slower.latency = 250;
+    talker.station.talk(slower);
+    settle();
+    const std::string heard = listener.take();
+    EXPECT_EQ(heard.find("gone"), std::string::npos) << heard;
+    EXPECT_NE(heard.find("talker 0x1"), std::string::npos) << heard;
+}
+
+TEST_F(StationTest, LinkThatReturnsFindsEverythingDeclaredAgain) {
+    talker.station.talk(stream);
+    listener.station.listen(1);
+    settle();
+    for (const bool up : {false, true}) {
+        listener.linkIs(up);
+        bridge.linkIs("p2", up);
+        settle();
+    }
+    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p2\n");
+    EXPECT_NE(listener.take().find("talker 0x1 gone\n"), std::string::npos);
+}
+
+TEST_F(StationTest, LeavingWithdrawsOnTheWireAndIsSilentAfterwards) {
+    talker.station.talk(stream);
+    listener.station.listen(1);
+    settle();
+    talker.station.leave();
+    talker.take();
+    settle();
+    EXPECT_NE(listener.take().find("talker 0x1 gone\n"), std::string::npos);
+    EXPECT_EQ(bridge.classes("p1").find("Core"), std::string::npos) << bridge.classes("p1");
+    loop.runFor(30s);
+    EXPECT_EQ(talker.take(), "");
+}
+
+TEST_F(StationTest, DoesNotHearOthersTalkUnderItsOwnStreamId) {
+    // Face to face: a bridge would not let it come so far.
+    talker.ports.cableIs(eth0, [this](const Sim::Pdu& pdu) { listener.ports.deliver(eth0, pdu); });
+    listener.ports.cableIs(eth0, [this](const Sim::Pdu& pdu) { talker.ports.deliver(eth0, pdu); });
+    talker.station.talk(stream);
+    listener.station.talk(stream);
+    settle();
+    EXPECT_EQ(talker.take(), "");
+    talker.station.stopTalking(1);
+    loop.runFor(20s);  // a LeaveAll, after which the declaration is offered again
+    EXPECT_EQ(talker.take().substr(0, advertised.size()), advertised);
+}
+
+TEST(StationEvent, IsAnObjectForPrograms) {
+    const auto o = Station::value(Station::TalkerEvent{.streamId = 0xab,
+                                                       .state = Msrp::TalkerState::Failed,
+                                                       .failureCode = Msrp::TalkerFailureCode::preempted});
+    EXPECT_EQ(*o.member("talker"), State::Value{"0xAB"});
+    EXPECT_EQ(*o.member("failureCode"), State::Value{std::uint64_t{6}});
+    EXPECT_EQ(*Station::value(Station::ListenerEvent{.streamId = 1}).member("state"), State::Value{"None"});
+}
