@@ -99,20 +99,21 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
                                                                  bridgingTopoStatus_, topoLibState_);
     msrpLib_ = std::make_unique<MsrpLib>();
     const Runtime::AgentEnvironment& env = environment();
-    mrpSm_ = std::make_unique<Mrp::MrpSm>(
-        Mrp::Inputs{.brConfig = brConfig_,
-                           .application = *msrpLib_,
-                           .mrpConfig = mrpConfig_,
-                           .mrpStatus = mrpStatus_,
-                           .stpStatus = stpStatus_,
-                           .topoConfig = bridgingTopoConfig_,
-                           .ethPhyIntfStatusDir = ethPhyIntfStatusDir_,
-                           .environment = {.loop = env.loop,
-                                           .ports = ports_,
-                                           .trace = env.trace,
-                                           .report = [&log = env.systemLog](IntfId, const std::string& text) { log.log(MSRP_ERROR, text); },
-                                           .seed = env.seed},
-                           .standbyMode = standbyMode_});
+    mrpSm_ = std::make_unique<Mrp::MrpSm>(Mrp::Inputs{
+        .brConfig = brConfig_,
+        .application = *msrpLib_,
+        .mrpConfig = mrpConfig_,
+        .mrpStatus = mrpStatus_,
+        .stpStatus = stpStatus_,
+        .topoConfig = bridgingTopoConfig_,
+        .ethPhyIntfStatusDir = ethPhyIntfStatusDir_,
+        .environment = {.loop = env.loop,
+                        .ports = ports_,
+                        .trace = env.trace,
+                        .report = [&log = env.systemLog](
+                                      IntfId, const std::string& text) { log.log(MSRP_ERROR, text); },
+                        .seed = env.seed},
+        .standbyMode = standbyMode_});
     msrpAttrLogSm_ = std::make_unique<Mrp::MrpAttrLogSm>(ringLogSink(env.ringLog));
     mrpSm_->attrLogIs(msrpAttrLogSm_.get());
     msrpSm_ = std::make_unique<MsrpSm>(

@@ -28,8 +28,8 @@ public:
     void standbyModeIs(bool standby);
     [[nodiscard]] bool standbyMode() const { return standbyMode_; }
     [[nodiscard]] bool mountsComplete() const { return mountsComplete_; }
-    /// Takes back everything that was declared on any port, so that peers need not find out by themselves; for a clean
-    /// end of the process.  Does nothing in standby.
+    /// Takes back everything that was declared on any port, so that peers need not find out by themselves;
+    /// for a clean end of the process.  Does nothing in standby.
     void withdraw();
     /// Null before the mounts are complete and after clean-up.
     [[nodiscard]] MsrpSm* msrpSm() const { return msrpSm_.get(); }

@@ -1,9 +1,9 @@
 #include "Sim/Bridge.h"
 
-#include <algorithm>
-
 #include "Msrp/Database.h"
 #include "Msrp/types/Format.h"
+
+#include <algorithm>
 
 namespace Sim {
 
@@ -23,8 +23,8 @@ std::string members(const Bridging::Input::EthGroup& group) {
 std::string line(const Msrp::StreamData& stream) {
     std::string out = "0x" + Msrp::hexStr(stream.streamId());
     if (!stream.ingressIntf()) return out + " no talker";
-    out += ' ' + std::string{Msrp::srClassName(stream.srClass())} + ' ' + std::to_string(stream.bandwidth()) + ' ' +
-           stream.ingressIntf().name() + " ->";
+    out += ' ' + std::string{Msrp::srClassName(stream.srClass())} + ' ' + std::to_string(stream.bandwidth()) +
+           ' ' + stream.ingressIntf().name() + " ->";
     return stream.ethGroup() ? out + members(*stream.ethGroup()) : out + " no group";
 }
 
@@ -81,7 +81,8 @@ void Bridge::stop() {
 }
 
 void Bridge::linkIs(const std::string& port, bool up) {
-    phy->intfStatusIs(IntfId{port})->linkStatusIs(up ? Interface::LinkStatus::linkUp : Interface::LinkStatus::linkDown);
+    phy->intfStatusIs(IntfId{port})
+        ->linkStatusIs(up ? Interface::LinkStatus::linkUp : Interface::LinkStatus::linkDown);
 }
 
 void Bridge::speedIs(const std::string& port, Interface::Speed speed) {

@@ -1,10 +1,6 @@
-/// A whole switch in one object: the agent over a database of its own, with ports whose cables end in the simulation.
+/// A whole switch in one object: the agent over a database of its own, with ports whose cables end in the
+/// simulation.
 #pragma once
-
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "Mrp/Records.h"
 #include "Msrp/MsrpAgent.h"
@@ -22,12 +18,17 @@
 #include "Switch/Stp.h"
 #include "Switch/TopologyAgent.h"
 
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
 namespace Sim {
 
 class Bridge {
 public:
-    /// A bridge with address 02:00:00:00:00:01, VLAN 2 tagged on all ports, links up at 1 Gbit/s, no spanning tree and
-    /// MSRP enabled on every port.  The agent is not started yet.
+    /// A bridge with address 02:00:00:00:00:01, VLAN 2 tagged on all ports, links up at 1 Gbit/s, no spanning
+    /// tree and MSRP enabled on every port.  The agent is not started yet.
     Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed = 1);
     ~Bridge();
 

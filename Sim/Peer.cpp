@@ -1,9 +1,9 @@
 #include "Sim/Peer.h"
 
-#include <algorithm>
-
 #include "Mrp/PduWriter.h"
 #include "Msrp/types/Format.h"
+
+#include <algorithm>
 
 namespace Sim {
 
@@ -34,11 +34,13 @@ std::string describe(std::uint8_t type, const Mrp::AttributeValue& value) {
         case Msrp::typeTalkerFailed: {
             const Msrp::MsrpTalkerFailedAttribute attr{value.octets};
             return "Failed 0x" + Msrp::hexStr(attr.streamId()) + " code " +
-                   std::to_string(Msrp::number(attr.failureCode())) + " bridge 0x" + Msrp::hexStr(attr.failedBridgeId());
+                   std::to_string(Msrp::number(attr.failureCode())) + " bridge 0x" +
+                   Msrp::hexStr(attr.failedBridgeId());
         }
         case Msrp::typeListener: {
             const Msrp::MsrpListenerAttribute attr{value.octets, value.declaration};
-            return "Listener 0x" + Msrp::hexStr(attr.streamId()) + ' ' + State::enumText(attr.listenerState());
+            return "Listener 0x" + Msrp::hexStr(attr.streamId()) + ' ' +
+                   State::enumText(attr.listenerState());
         }
         default: {
             const Msrp::MsrpDomainAttribute attr{value.octets};
@@ -58,7 +60,8 @@ Say failed(const Talker& talker, std::uint8_t code, std::uint64_t bridge, Mrp::E
     return {event, Msrp::typeTalkerFailed, octets(attr), 0};
 }
 Say listener(std::uint64_t id, Msrp::ListenerState state, Mrp::Event event) {
-    return {event, Msrp::typeListener, octets(Msrp::MsrpListenerAttribute{id, state}), static_cast<std::uint8_t>(state)};
+    return {event, Msrp::typeListener, octets(Msrp::MsrpListenerAttribute{id, state}),
+            static_cast<std::uint8_t>(state)};
 }
 Say domain(Msrp::SrClassId srClass, std::uint8_t priority, Mrp::Event event, std::uint16_t vid) {
     return {event, Msrp::typeDomain, octets(Msrp::MsrpDomainAttribute{srClass, priority, vid}), 0};
@@ -102,7 +105,8 @@ void Peer::receive(const Pdu& pdu) {
         heard_ += State::enumText(event.event) + ' ' + what + '\n';
         // Both kinds of talker declaration replace each other.
         const int kind = type.type == Msrp::typeTalkerFailed ? Msrp::typeTalkerAdvertise : type.type;
-        const std::pair<int, std::uint64_t> name{kind, type.key(std::span{event.value.octets}.first(type.valueLength))};
+        const std::pair<int, std::uint64_t> name{
+            kind, type.key(std::span{event.value.octets}.first(type.valueLength))};
         if (Mrp::declares(event.event)) {
             registered_[name] = what;
         } else if (event.event == Mrp::Event::Lv) {

@@ -1,15 +1,16 @@
-/// The far end of a bridge's port, word by word: sends the MRPDUs that a test makes, and remembers what the bridge says.
+/// The far end of a bridge's port, word by word: sends the MRPDUs that a test makes, and remembers what the
+/// bridge says.
 #pragma once
+
+#include "Mrp/Decoder.h"
+#include "Msrp/types/Attributes.h"
+#include "Sim/Bridge.h"
 
 #include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "Mrp/Decoder.h"
-#include "Msrp/types/Attributes.h"
-#include "Sim/Bridge.h"
 
 namespace Sim {
 
@@ -49,13 +50,14 @@ public:
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
-    /// Sends the events in one PDU, in ascending order of type; with `leaveAll` a LeaveAll of every type before them.
+    /// Sends the events in one PDU, in ascending order of type; with `leaveAll` a LeaveAll of every type
+    /// before them.
     void say(std::vector<Say> events, bool leaveAll = false);
     void say(Say event) { say(std::vector<Say>{std::move(event)}); }
     void sendRaw(const Pdu& pdu) { bridge_.ports().deliver(intf_, pdu); }
 
-    /// What the bridge declares at the moment, one line for each attribute: "Advertise 0x1", "Failed 0x1 code 8 bridge
-    /// 0x8000020000000001", "Listener 0x1 Ready", "Domain 6 priority 3 vid 2".
+    /// What the bridge declares at the moment, one line for each attribute: "Advertise 0x1", "Failed 0x1 code
+    /// 8 bridge 0x8000020000000001", "Listener 0x1 Ready", "Domain 6 priority 3 vid 2".
     [[nodiscard]] std::string registered() const;
     /// The events heard since the last call, one line for each: "JoinMt Advertise 0x1".
     std::string heard();

@@ -16,7 +16,8 @@ public:
     bool send(std::span<const std::uint8_t> pdu) override {
         const auto farEnd = ports_.farEnd_.find(intf_);
         if (farEnd == ports_.farEnd_.end()) return false;
-        ports_.loop_.post([handler = farEnd->second, octets = Pdu(pdu.begin(), pdu.end())] { handler(octets); });
+        ports_.loop_.post(
+            [handler = farEnd->second, octets = Pdu(pdu.begin(), pdu.end())] { handler(octets); });
         return true;
     }
 

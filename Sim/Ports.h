@@ -1,6 +1,9 @@
-/// Packet ports of a simulated device: what one side sends is handed to whoever holds the other end of the cable, one
-/// task later on the loop.
+/// Packet ports of a simulated device: what one side sends is handed to whoever holds the other end of the
+/// cable, one task later on the loop.
 #pragma once
+
+#include "Mrp/PacketPort.h"
+#include "Runtime/Loop.h"
 
 #include <cstdint>
 #include <functional>
@@ -8,9 +11,6 @@
 #include <memory>
 #include <span>
 #include <vector>
-
-#include "Mrp/PacketPort.h"
-#include "Runtime/Loop.h"
 
 namespace Sim {
 

@@ -1,6 +1,6 @@
-#include <algorithm>
-
 #include "tests/scenarios/Scenario.h"
+
+#include <algorithm>
 
 namespace Sim {
 namespace {
@@ -34,7 +34,8 @@ TEST_F(Scenario, AStreamIsReservedEndToEnd) {
     EXPECT_TRUE(bridge.queues->intfConfig().empty());
 }
 
-/// The talker's domain (0) and advertise (1), and the listener's domain (2) and declaration (3), one frame each.
+/// The talker's domain (0) and advertise (1), and the listener's domain (2) and declaration (3), one frame
+/// each.
 TEST_F(Scenario, NoOrderOfArrivalDelaysTheReservation) {
     std::vector<int> order{0, 1, 2, 3};
     do {

@@ -1,11 +1,11 @@
 /// A bridge with three ports, p1 to p3, and a peer at each; time is virtual.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include "Runtime/VirtualLoop.h"
 #include "Sim/Bridge.h"
 #include "Sim/Peer.h"
+
+#include <gtest/gtest.h>
 
 namespace Sim {
 

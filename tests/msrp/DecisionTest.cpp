@@ -1,0 +1,162 @@
+/// The decisions that need no state machine.
+#include "Msrp/MsrpLib.h"
+#include "Msrp/bandwidth/Admission.h"
+#include "Msrp/bandwidth/CosToTcMap.h"
+#include "Msrp/bandwidth/FailedStreamQueue.h"
+#include "Msrp/domain/SrClassTransition.h"
+#include "Msrp/listener/ListenerMerge.h"
+#include "Msrp/types/Format.h"
+#include "Msrp/types/StreamData.h"
+
+#include <algorithm>
+#include <array>
+#include <gtest/gtest.h>
+
+namespace Msrp {
+namespace {
+
+using Code = TalkerFailureCode;
+constexpr SrClassId A = SrClassId::SrClassA;
+constexpr SrClassId B = SrClassId::SrClassB;
+
+TEST(Bandwidth, CountsWholeFramesPerMillisecond) {
+    EXPECT_EQ(streamBandwidth(A, 1, 100), 9088U);
+    EXPECT_EQ(streamBandwidth(B, 1, 100), 4544U);
+    EXPECT_EQ(streamBandwidth(A, 0, 1500), 0U);
+    EXPECT_EQ(streamBandwidth(A, 0xffff, 0xffff), (65535U * 8U) * 65577U * 8U) << "wraps in 32 bits";
+    EXPECT_EQ(linkSpeedKbps(Interface::Speed::speed400Gbps), 400'000'000U);
+    EXPECT_EQ(linkSpeedKbps(Interface::Speed{13}), 0U);
+}
+
+TEST(Bandwidth, AdmitsWhatFitsExactly) {
+    struct Case {
+        AdmissionRequest request;
+        Code code;
+    };
+    constexpr U64 gigabit = 1'000'000;
+    const std::array cases{
+        Case{{A, 750'000, gigabit, 75, 0, 0, 0}, Code::noFailure},
+        Case{{A, 750'001, gigabit, 75, 0, 0, 0}, Code::insufficientBandwidth},
+        Case{{B, 350'000, gigabit, 50, 25, 400'000, 0}, Code::noFailure},
+        Case{{B, 350'001, gigabit, 50, 25, 400'000, 0}, Code::insufficientBandwidth},
+        Case{{A, 500'001, gigabit, 50, 25, 0, 0}, Code::insufficientBandwidthForClass},
+        Case{{A, 1, 0, 75, 0, 0, 0}, Code::insufficientBandwidth},  // 2.5G, 5G and unknown speeds
+        Case{{A, 0, 0, 75, 0, 0, 0}, Code::noFailure},
+        Case{{A, 1, gigabit, 200, 100, 3'000'000, 0}, Code::insufficientBandwidth},
+    };
+    for (const Case& c : cases) EXPECT_EQ(admit(c.request), c.code) << c.request.needed;
+}
+
+TEST(ListenerMerge, NoOrderMatters) {
+    using enum ListenerState;
+    const std::array<std::pair<std::vector<ListenerState>, ListenerState>, 6> cases{{
+        {{Ready, Ready}, Ready},
+        {{AskingFailed, AskingFailed}, AskingFailed},
+        {{AskingFailed, Ready}, ReadyFailed},
+        {{Ready, ReadyFailed}, ReadyFailed},
+        {{AskingFailed, Ignore, ReadyFailed}, ReadyFailed},
+        {{Ignore}, Ignore},
+    }};
+    for (auto [ports, merged] : cases) {
+        std::ranges::sort(ports);
+        do {
+            ListenerState result = Ignore;
+            for (const ListenerState port : ports) result = mergeListener(result, port);
+            EXPECT_EQ(result, merged);
+        } while (std::ranges::next_permutation(ports).found);
+    }
+}
+
+TEST(SrClassTransition, EveryStateIsReachedAndLeftOnlyAsThePeerAllows) {
+    EXPECT_EQ(srClassTransition(SrClassState::NotSupported, SrClassState::Core), SrClassAction::invalid);
+    EXPECT_EQ(srClassTransition(SrClassState{7}, SrClassState::Core), SrClassAction::invalid);
+    EXPECT_EQ(srClassTransition(SrClassState::Core, SrClassState::Core), SrClassAction::none);
+}
+
+TEST(FailedStreamQueue, IndicesGrowAndAStreamStandsTwiceAtMost) {
+    FailedStreamQueue queue;
+    for (const U64 id : {7, 8, 7, 7}) queue.failedStreamEnq(id);
+    EXPECT_EQ(queue.entry(), (std::map<U32, U64>{{0, 7}, {1, 8}, {2, 7}}));
+    queue.failedStreamDeq();
+    queue.failedStreamEnq(9);
+    EXPECT_EQ(queue.tail(), 3U);
+    queue.failedStreamDel(3);
+    queue.failedStreamEnq(9);
+    EXPECT_EQ(queue.tail(), 3U) << "the counter's own value, as the tail is below it";
+    queue.failedStreamIs(2, 8);
+    EXPECT_TRUE(queue.failedStreamDelFirst(8));
+    EXPECT_EQ(queue.entry(), (std::map<U32, U64>{{2, 8}, {3, 9}}));
+    EXPECT_TRUE(queue.failedStreamDelEvery(8));
+    EXPECT_FALSE(queue.failedStreamDelEvery(8));
+    queue.failedStreamDelAll();
+    EXPECT_TRUE(queue.empty());
+    EXPECT_EQ(queue.head(), std::nullopt);
+}
+
+TEST(Attributes, KeysFieldsAndIncrements) {
+    std::array<U8, 25> octets{};
+    octets[6] = 0x01;
+    octets[7] = 0x02;
+    octets[20] = 0x6f;
+    const MsrpTalkerAdvertiseAttribute attr{octets};
+    EXPECT_EQ(attr.streamId(), 258U);
+    EXPECT_EQ(attr.dataFramePriority(), 3U);
+    EXPECT_EQ(attr.rank(), 0U);
+    EXPECT_EQ(PriorityAndRank::create(3, 1), 0x70);
+
+    MsrpTalkerFailedAttribute failed{attr, 0x8000'0011'2233'4455, Code::latencyChanged};
+    failed.macDaIs(*EthAddr::parse("91:e0:f0:00:ff:ff"));
+    MsrpTalkerFailedAttribute next = failed;
+    next.streamIdIs(259);
+    next.macDaIs(*EthAddr::parse("91:e0:f0:01:00:00"));
+    const auto& type = application().types[1];
+    EXPECT_TRUE(type.follows(failed.octets(), next.octets()));
+    auto value = failed.octets();
+    EXPECT_TRUE(type.increment(value, 1));
+    EXPECT_EQ(value, next.octets());
+    next.failureCodeIs(Code::noFailure);
+    EXPECT_FALSE(type.follows(failed.octets(), next.octets()));
+    // The unique id must not wrap into the address.
+    const MsrpListenerAttribute last{0x1'ffff, ListenerState::Ready};
+    const MsrpListenerAttribute wrapped{0x2'0000, ListenerState::Ready};
+    EXPECT_FALSE(application().types[2].follows(last.octets(), wrapped.octets()));
+    const MsrpDomainAttribute domainB{B, 2, 2};
+    const MsrpDomainAttribute domainA{A, 3, 2};
+    EXPECT_TRUE(application().types[3].follows(domainB.octets(), domainA.octets()));
+    std::array<U8, 4> high{250, 3, 0, 2};
+    EXPECT_FALSE(application().types[3].increment(high, 6));
+}
+
+TEST(Format, TextsAndRanges) {
+    EXPECT_TRUE(isAvbEthAddr(*EthAddr::parse("91:e0:f0:ff:ff:ff")));
+    EXPECT_FALSE(isAvbEthAddr(*EthAddr::parse("91:e0:f1:00:00:00")));
+    EXPECT_EQ(hexStr(0xABCDEF), "ABCDEF");
+    EXPECT_EQ(srClassName(SrClassId{0}), "SrClassB");
+    EXPECT_EQ(srState(SrClassState::Boundary), "WaitingForPeer");
+    EXPECT_EQ(getEventFromState(ListenerState{4}), ListenerState::Ignore);
+    MsrpCosToTcMap map;
+    map.fillCosToTcMap();
+    EXPECT_EQ(map.text(), "0:0 1:0 2:4 3:5 4:1 5:1 6:2 7:3");
+}
+
+TEST(StreamData, RowsComeAndGoWithTheirFields) {
+    StreamData stream{1};
+    const IntfId p{"rowP"};
+    const IntfId q{"rowQ"};
+    stream.setListenerStateAndAge(q, ListenerState::Ready, 1.0);
+    stream.setListenerStateAndAge(q, ListenerState::Ready, 2.0);
+    EXPECT_EQ(stream.statusTime(q), 1.0);
+    stream.talkerFailureCodeIs(p, Code::noFailure);
+    EXPECT_TRUE(stream.hasTalkerFailureCode());
+    stream.talkerFailureCodeDel(p);
+    EXPECT_EQ(stream.port(p), nullptr);
+    stream.setTalkerStateAndAge(q, TalkerState::Failed, 3.0);
+    stream.delListenerStateAndAge(q);
+    EXPECT_EQ(stream.statusTime(q), 0.0);
+    EXPECT_EQ(stream.talkerState(q), TalkerState::Failed);
+    stream.delTalkerStateAndAge(q);
+    EXPECT_TRUE(stream.port().empty());
+}
+
+}  // namespace
+}  // namespace Msrp

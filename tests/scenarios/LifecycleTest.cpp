@@ -1,0 +1,153 @@
+/// Streams are published and withdrawn in reviews; waiting streams get their turn.
+#include "tests/scenarios/Scenario.h"
+
+namespace Sim {
+namespace {
+
+TEST_F(Scenario, ReviewsWaitForACloggedLog) {
+    core();
+    bool clogged = true;
+    auto* log = bridge.agent().msrpAttrLogSm();
+    log->sinkIs([&](const Mrp::AttrLogRecord&) { return !clogged; });
+    for (int i = 0; i < 2000; ++i) log->record({});
+    p1.say(advertise({}));
+    quiet();
+    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p1\n");
+    EXPECT_TRUE(bridge.status->registeredStreams().empty());
+    clogged = false;
+    loop.runFor(101ms);
+    const auto published = bridge.status->registeredStreams(1);
+    ASSERT_NE(published, nullptr);
+    EXPECT_EQ(published->ingressIntf(), IntfId{"p1"});
+    EXPECT_EQ(published->talkerState(IntfId{"p2"}), Msrp::TalkerState::Advertise);
+    EXPECT_EQ(bridge.agent().msrpSm()->streamList(1), published);
+
+    // Withdrawn while the log is clogged, and wanted again before it drains: the record stays the same.
+    clogged = true;
+    for (int i = 0; i < 2000; ++i) log->record({});
+    p1.say(advertise({}, Event::Lv));
+    quiet();
+    EXPECT_EQ(bridge.streams(), "");
+    EXPECT_NE(bridge.status->registeredStreams(1), nullptr);
+    p1.say(advertise({}));
+    settle();
+    EXPECT_EQ(bridge.agent().msrpSm()->streamList(1), published);
+    clogged = false;
+    quiet();
+    EXPECT_EQ(bridge.status->registeredStreams(1), published);
+    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p1\n");
+}
+
+TEST_F(Scenario, AStreamThatEndsBeforeItsReviewIsNeverPublished) {
+    core();
+    p2.say(listener(1, ListenerState::Ready));
+    loop.runFor(1ms);
+    EXPECT_EQ(bridge.streams(), "0x1 no talker\n");
+    bridge.linkIs("p2", false);
+    EXPECT_EQ(bridge.streams(), "");
+    quiet();
+    EXPECT_TRUE(bridge.status->registeredStreams().empty());
+}
+
+TEST_F(Scenario, AListenerKeepsTheRecordOfATalkerThatLeft) {
+    core();
+    p1.say(advertise({}));
+    p2.say(listener(1, ListenerState::Ready));
+    settle();
+    p1.say(advertise({}, Event::Lv));
+    quiet();
+    const auto stream = bridge.agent().msrpSm()->streamList(1);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(stream->bandwidth(), 0U);
+    EXPECT_EQ(stream->macDa(), EthAddr{});
+    EXPECT_EQ(stream->port().size(), 1U) << "only the listener is left";
+    EXPECT_EQ(p2.registered().find("0x1"), std::string::npos) << p2.registered();
+    // Its talker comes back behind another port.
+    p3.say(advertise({}));
+    settle();
+    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p3 -> p2\n");
+    EXPECT_NE(p3.registered().find("Listener 0x1 Ready\n"), std::string::npos);
+}
+
+TEST_F(Scenario, ReleasedBandwidthGoesToTheOldestStreamThatFits) {
+    core();
+    // 576, then 480, 192 and 96 Mbit/s on a port that offers 750.
+    p1.say({advertise({.id = 1, .maxFrameSize = 1458, .frames = 6}),
+            advertise({.id = 2, .macDa = 0x91e0f0000002, .maxFrameSize = 1458, .frames = 5}),
+            advertise({.id = 3, .macDa = 0x91e0f0000003, .maxFrameSize = 1458, .frames = 2}),
+            advertise({.id = 4, .macDa = 0x91e0f0000004, .maxFrameSize = 1458, .frames = 1})});
+    settle();
+    for (const std::uint64_t id : {1, 2, 3}) {
+        p2.say(listener(id, ListenerState::Ready));
+        settle();
+    }
+    p2.say(listener(4, ListenerState::Ready));
+    settle();
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 672'000U);  // 1 and 4
+    p2.say(listener(4, ListenerState::Ready, Event::Lv));
+    quiet();
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 576'000U);  // neither 2 nor 3 fits beside 1
+    p2.say(listener(1, ListenerState::Ready, Event::Lv));
+    quiet();
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 672'000U);  // 2, then 3
+    EXPECT_NE(p1.registered().find("Listener 0x2 Ready\nListener 0x3 Ready\n"), std::string::npos)
+        << p1.registered();
+}
+
+TEST_F(Scenario, QueuesFollowTheAllocation) {
+    core();
+    p1.say(advertise({}));
+    p1.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 2}));
+    bridge.cliConfig->srClassBBandwidthPercentIs(10);
+    settle();
+    p2.say({listener(1, ListenerState::Ready), listener(2, ListenerState::Ready)});
+    settle();
+    const Qos::TxQueue queueA{7, Qos::TxQueueType::unicast};
+    const Qos::TxQueue queueB{6, Qos::TxQueueType::unicast};
+    const auto config = bridge.queues->intfConfig(IntfId{"p2"});
+    ASSERT_NE(config, nullptr);
+    EXPECT_EQ(config->txQueueConfig(queueA)->shapeRate().rate.value(), 9088U);
+    EXPECT_EQ(config->txQueueConfig(queueB)->shapeRate().rate.value(), 4544U);
+    EXPECT_EQ(config->txQueueConfig(queueA)->priority(), 2U);
+
+    bridge.cliConfig->shapeRateFactorIs(1.5);
+    EXPECT_EQ(config->txQueueConfig(queueA)->shapeRate().rate.value(), 13632U);
+    // Both classes on one queue.
+    bridge.qosStatus->cosToTcIs(Cos{2}, TrafficClass{7});
+    EXPECT_EQ(config->txQueueConfig(queueA)->shapeRate().rate.value(), 20448U);
+    EXPECT_EQ(config->txQueueConfig(queueB), nullptr);
+    // A rate that no queue takes: the reservation stands, the queue goes without.
+    bridge.cliConfig->shapeRateFactorIs(0.0);
+    EXPECT_TRUE(bridge.queues->intfConfig().empty());
+    EXPECT_GE(bridge.logged("ShapeRateVal::value < ShapeRateVal::min or > ShapeRateVal::invalid not allowed"),
+              1U);
+    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
+    bridge.cliConfig->shapeRateFactorIs(1.0);
+    EXPECT_FALSE(bridge.queues->intfConfig().empty());
+    bridge.cliConfig->shapingDisabledIs(true);
+    EXPECT_TRUE(bridge.queues->intfConfig().empty());
+}
+
+TEST_F(Scenario, AStandbyBridgePublishesNothing) {
+    Runtime::VirtualLoop time;
+    Bridge second{time, {"q1", "q2"}};
+    const auto redundancy = second.database().entityIs<Redundancy::RedundancyStatus>("redundancy/status");
+    redundancy->modeIs(Redundancy::Mode::standby);
+    Peer peer{second, "q1"};
+    second.start();
+    time.runFor(30s);
+    EXPECT_EQ(peer.frames(), 0U);
+    EXPECT_TRUE(second.status->intfStatus().empty());
+    EXPECT_EQ(second.groupConfig->fdbConfigPriority(), 0U);
+    redundancy->modeIs(Redundancy::Mode::active);
+    time.runFor(1s);
+    EXPECT_EQ(peer.frames(), 0U) << "the critical services are not complete";
+    redundancy->eventIs("CriticalServices", true);
+    time.runFor(1s);
+    EXPECT_NE(peer.registered().find("Domain 6"), std::string::npos);
+    EXPECT_EQ(second.groupConfig->fdbConfigPriority(), 100U);
+    EXPECT_DEATH(redundancy->modeIs(Redundancy::Mode::simplex), "Unexpected redundancy mode");
+}
+
+}  // namespace
+}  // namespace Sim

@@ -1,0 +1,170 @@
+#include "State/ChangeFeed.h"
+#include "State/Database.h"
+#include "State/Record.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <vector>
+
+namespace State {
+namespace {
+
+enum class Colour { red, green };
+constexpr auto colourNames =
+    std::to_array<EnumName<Colour>>({{Colour::red, "red"}, {Colour::green, "green"}});
+constexpr const auto& enumNames(Colour) { return colourNames; }
+
+class Leaf : public Record<Leaf> {
+public:
+    static constexpr std::string_view type = "Test::Leaf";
+    explicit Leaf(std::uint16_t) {}
+    [[nodiscard]] Colour colour() const { return colour_; }
+    void colourIs(Colour v) { assign(colour_, v, "colour"); }
+    template <class F>
+    static void fields(F&& each) {
+        each(scalar("colour", &Leaf::colour_));
+    }
+
+private:
+    Colour colour_ = Colour::red;
+};
+
+class Root : public Record<Root> {
+public:
+    static constexpr std::string_view type = "Test::Root";
+    [[nodiscard]] std::uint8_t small() const { return small_; }
+    void smallIs(std::uint8_t v) { assign(small_, v, "small"); }
+    void flagIs(std::uint16_t k, bool v) { setEntry(flag_, k, v, "flag"); }
+    [[nodiscard]] const FlatMap<std::uint16_t, bool>& flag() const { return flag_; }
+    std::shared_ptr<Leaf> leafIs(std::uint16_t k) { return makeChild(leaf_, k, "leaf"); }
+    void leafDel(std::uint16_t k) { delChild(leaf_, k, "leaf"); }
+    [[nodiscard]] const Collection<std::uint16_t, Leaf>& leaf() const { return leaf_; }
+    template <class F>
+    static void fields(F&& each) {
+        each(scalar("small", &Root::small_, std::uint8_t{0}, std::uint8_t{7}));
+        each(map("flag", &Root::flag_));
+        each(collection("leaf", &Root::leaf_));
+        each(derived<Root>("twice", [](const Root& r) { return Value{std::uint64_t{r.small_} * 2}; }));
+    }
+
+private:
+    std::uint8_t small_ = 0;
+    FlatMap<std::uint16_t, bool> flag_;
+    Collection<std::uint16_t, Leaf> leaf_;
+};
+
+TEST(Record, TellsEachChangeOnceAndNoChangeNever) {
+    Root root;
+    std::vector<std::string> told;
+    const auto reactor = root.react([&](const Change& change) {
+        const auto* key = change.key<std::uint16_t>();
+        told.push_back(std::string{change.field} + (key != nullptr ? std::to_string(*key) : ""));
+    });
+    root.smallIs(0);
+    root.smallIs(3);
+    root.flagIs(9, false);
+    root.flagIs(9, false);
+    const auto leaf = root.leafIs(4);
+    root.leafIs(4);
+    leaf->colourIs(Colour::green);  // another record's field
+    root.leafDel(4);
+    root.leafDel(4);
+    EXPECT_EQ(told, (std::vector<std::string>{"small", "flag9", "leaf4", "leaf4"}));
+}
+
+TEST(Record, ReactorsMayEndThemselvesAndOthersWhileTheyRun) {
+    Root root;
+    int second = 0;
+    Reactor first;
+    Reactor other = root.react([&](const Change&) { ++second; });
+    Reactor last;
+    first = root.react([&](const Change&) {
+        first = Reactor{};
+        other = Reactor{};
+        last = root.react([&](const Change&) { second += 10; });
+    });
+    root.smallIs(1);
+    EXPECT_EQ(second, 1);
+    root.smallIs(2);
+    EXPECT_EQ(second, 11) << "the new one hears the next change only";
+    last.hasNotificationActiveIs(false);
+    root.smallIs(3);
+    EXPECT_EQ(second, 11);
+}
+
+TEST(Record, PatchesAreTakenWholeOrNotAtAll) {
+    Root root;
+    const Object good{{"small", Value{std::uint64_t{7}}},
+                      {"flag", Value{Object{{"1", Value{true}}, {"2", Value{true}}}}},
+                      {"leaf", Value{Object{{"5", Value{Object{{"colour", Value{"green"}}}}}}}}};
+    ASSERT_FALSE(root.apply(Value{good}).has_value());
+    EXPECT_EQ(root.leaf().get(5)->colour(), Colour::green);
+    ASSERT_FALSE(root.apply(Value{Object{{"flag", Value{Object{{"1", Value{}}}}}}}).has_value());
+    EXPECT_EQ(root.flag().size(), 1U);
+
+    struct Case {
+        Object patch;
+        std::string text;
+    };
+    const auto withSmall = [](Object more) {
+        more.insert(more.begin(), {"small", Value{std::uint64_t{1}}});
+        return more;
+    };
+    const std::vector<Case> bad{
+        {{{"small", Value{std::uint64_t{8}}}}, "small: 8 is not from 0 to 7"},
+        {{{"small", Value{"x"}}}, "small: \"x\" is not a whole number from 0 to 255"},
+        {withSmall({{"nothing", Value{true}}}), "no field \"nothing\" in Test::Root"},
+        {withSmall({{"flag", Value{Object{{"x", Value{true}}}}}}),
+         "flag: \"x\" is not a whole number from 0 to 65535"},
+        {withSmall({{"flag", Value{Object{{"3", Value{"x"}}}}}}), "flag/3: \"x\" is not true or false"},
+        {withSmall({{"leaf", Value{Object{{"6", Value{Object{{"colour", Value{"blue"}}}}}}}}}),
+         "leaf/6/colour: \"blue\" is not one of \"red\" \"green\""},
+        {withSmall({{"twice", Value{std::uint64_t{2}}}}), "twice: cannot be written"},
+    };
+    const Value before = root.value();
+    for (const Case& c : bad) {
+        const auto problem = root.apply(Value{c.patch});
+        ASSERT_TRUE(problem.has_value()) << c.text;
+        EXPECT_EQ(problem->text(), c.text);
+        EXPECT_EQ(root.value(), before);
+    }
+}
+
+TEST(Record, FeedsCoalesceAndEndInTime) {
+    Root root;
+    std::vector<std::function<void()>> deferred;
+    int notices = 0;
+    auto feed = std::make_unique<ChangeFeed>(
+        root, [&](std::function<void()> task) { deferred.push_back(std::move(task)); }, [&] { ++notices; });
+    const auto leaf = root.leafIs(1);
+    leaf->colourIs(Colour::green);
+    root.smallIs(2);
+    ASSERT_EQ(deferred.size(), 1U);
+    deferred[0]();
+    EXPECT_EQ(notices, 1);
+    leaf->colourIs(Colour::red);
+    ASSERT_EQ(deferred.size(), 2U);
+    feed.reset();
+    deferred[1]();
+    EXPECT_EQ(notices, 1);
+    root.leafDel(1);
+    leaf->colourIs(Colour::green);  // outlives its place in the tree
+}
+
+TEST(Database, ResolvesPathsAndKeepsTypes) {
+    Database database;
+    EXPECT_EQ(database.entityIs("a/b", "Test::Root"), nullptr) << "an unknown type";
+    const auto root = database.entityIs<Root>("a/b");
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(database.entityIs<Root>("a/b"), root);
+    EXPECT_EQ(database.entityIs("a/b", "Test::Other"), nullptr);
+    EXPECT_EQ(database.resolve("a/b/leaf/1"),
+              (std::pair<std::shared_ptr<Entity>, std::string>{root, "leaf/1"}));
+    EXPECT_EQ(database.resolve("a/bc").first, nullptr);
+    root->leafIs(1)->colourIs(Colour::green);
+    EXPECT_EQ(root->fieldValue("leaf", "1/colour"), Value{"green"});
+    EXPECT_EQ(root->fieldValue("leaf", "2/colour"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace State

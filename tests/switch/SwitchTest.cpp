@@ -1,0 +1,100 @@
+#include "Switch/EthAddr.h"
+#include "Switch/IntfId.h"
+#include "Switch/Qos.h"
+#include "Switch/Ranged.h"
+#include "Switch/TopologyAgent.h"
+#include "Switch/TopologyLibrary.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Bridging::Topology::PortState;
+
+template <class F>
+std::string rangeError(F&& build) {
+    try {
+        build();
+    } catch (const std::range_error& error) {
+        return error.what();
+    }
+    return {};
+}
+
+TEST(Values, RangesEndWithTheirTexts) {
+    EXPECT_EQ(
+        rangeError([] { VlanId{1}, VlanId{4094}, Cos{8}, TrafficClass{16}, ShapeRateVal{600'000'001}; }), "");
+    EXPECT_EQ(rangeError([] { VlanId{0}; }), "VlanId::value < 1 or > 4094 not allowed");
+    EXPECT_EQ(rangeError([] { VlanId{65537}; }), "VlanId::value < 1 or > 4094 not allowed");
+    EXPECT_EQ(rangeError([] { Cos{9}; }), "Cos::value < Cos::min or > Cos::invalid not allowed");
+    EXPECT_EQ(rangeError([] { TrafficClass{17}; }),
+              "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed");
+    EXPECT_EQ(rangeError([] { ShapeRateVal{0}; }),
+              "ShapeRateVal::value < ShapeRateVal::min or > ShapeRateVal::invalid not allowed");
+}
+
+TEST(Values, NamesAndAddressesAreParsedStrictly) {
+    EXPECT_EQ(IntfId{"swp1"}, IntfId{"swp1"});
+    EXPECT_NE(IntfId{"swp1"}, IntfId{"swp2"});
+    EXPECT_FALSE(IntfId{});
+    EXPECT_EQ(IntfId{"swp1"}.name(), "swp1");
+    for (const char* bad : {"", "a/b", "a b", "longer-than-15-ch", "..", "tab\t"})
+        EXPECT_FALSE(IntfId::validName(bad));
+    EXPECT_EQ(EthAddr::parse("91:e0:f0:00:FE:01")->text(), "91:e0:f0:00:fe:01");
+    for (const char* bad :
+         {"", "91:e0:f0:00:fe", "91-e0-f0-00-fe-01", "91:e0:f0:00:fe:0g", "91:e0:f0:00:fe:011"}) {
+        EXPECT_FALSE(EthAddr::parse(bad)) << bad;
+    }
+    EXPECT_EQ(Qos::TxQueue::parse("unicast:5"), (Qos::TxQueue{5, Qos::TxQueueType::unicast}));
+    EXPECT_FALSE(Qos::TxQueue::parse("unicast:17"));
+}
+
+TEST(Topology, FollowsVlansPortsAndModes) {
+    const auto bridging = std::make_shared<Bridging::Config>();
+    const auto stp = std::make_shared<Stp::Status>();
+    const auto phy = std::make_shared<Interface::AllEthPhyIntfStatusDir>();
+    const auto topology = std::make_shared<Bridging::Topology::Config>();
+    const auto status = std::make_shared<Bridging::Topology::Status>();
+    const auto lib = std::make_shared<Bridging::Topology::TopoLibState>();
+    const IntfId a{"topoA"};
+    const IntfId b{"topoB"};
+    const VlanId two{2};
+    phy->intfStatusIs(a);
+    const Bridging::TopologyAgent agent{bridging, stp, phy, topology};
+    const Bridging::Topology::TopoLibSm sm{topology, stp, status, lib};
+    ASSERT_NE(lib->topo("NoStp"), nullptr);
+    EXPECT_EQ(lib->topo("NoStp")->topoPort(a)->state(), PortState::forwarding);
+
+    std::string seen;
+    const auto reactor =
+        lib->watch([&](const State::Change& change) { seen += std::string{change.field} + ' '; });
+    const auto vlan = std::make_shared<State::Value>(State::Object{
+        {"vlanConfig",
+         State::Value{State::Object{
+             {"2", State::Value{State::Object{
+                       {"intf",
+                        State::Value{State::Object{
+                            {"topoB", State::Value{State::Object{{"tagged", State::Value{true}}}}}}}}}}}}}}});
+    ASSERT_FALSE(bridging->apply(*vlan).has_value());
+    EXPECT_TRUE(lib->topo("NoStp")->topoPort(b)->vlanPortConfig(two)->tagged());
+    EXPECT_EQ(status->topo().get("NoStp"), 2U);
+    EXPECT_EQ(seen.find("tagged"), std::string::npos)
+        << "a VLAN that arrives tagged is never seen untagged: " << seen;
+    bridging->vlanConfigIs(two)->intfIs(b)->taggedIs(false);
+    EXPECT_FALSE(lib->topo("NoStp")->topoPort(b)->vlanPortConfig(two)->tagged());
+    bridging->vlanConfigIs(two)->intfDel(b);
+    EXPECT_EQ(lib->topo("NoStp")->topoPort(b), nullptr);
+
+    // Another mode: its topologies count, and the own one goes.
+    topology->topoConfigIs("Vl2")->topoPortConfigIs(a)->stateIs(PortState::blocking);
+    topology->vlanTopologyIs(two, "Vl2");
+    EXPECT_EQ(lib->topo("Vl2"), nullptr);
+    bridging->vlanConfigIs(two)->intfIs(a)->taggedIs(true);
+    stp->modeIs(Stp::Mode::Pvst);
+    topology->vlanTopologyIs(two, "Vl2");
+    EXPECT_EQ(lib->topo("NoStp"), nullptr);
+    EXPECT_EQ(lib->topo("Vl2")->topoPort(a)->state(), PortState::blocking);
+    EXPECT_TRUE(lib->topo("Vl2")->topoPort(a)->vlanPortConfig(two)->tagged());
+}
+
+}  // namespace
