@@ -65,8 +65,7 @@ void MrpSm::handleStandbyMode() {
     }
 }
 
-// --- Ports
-// -------------------------------------------------------------------------------------------------------
+// --- Ports ---------------------------------------------------------------------------------------
 
 void MrpSm::interfaceEnable(IntfId intf) {
     enabled_.insert(intf);
@@ -130,8 +129,7 @@ void MrpSm::send(IntfId intf, std::span<const std::uint8_t> pdu) {
     if (at != ports_.end() && at->second.packetPort) at->second.packetPort->send(pdu);
 }
 
-// --- Requests
-// ----------------------------------------------------------------------------------------------------
+// --- Requests ------------------------------------------------------------------------------------
 
 void MrpSm::sendAttribute(const MrpParameters& params) {
     const auto sender = participant(params.intf);
@@ -188,8 +186,7 @@ std::uint8_t MrpSm::typeIndex(std::uint8_t type) const {
     return static_cast<std::uint8_t>(at - types.begin());
 }
 
-// --- Indications
-// -------------------------------------------------------------------------------------------------
+// --- Indications ---------------------------------------------------------------------------------
 
 template <class F>
 Participant::Outcome MrpSm::indicate(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
@@ -228,8 +225,7 @@ Participant::Outcome MrpSm::leaveIndication(IntfId intf, const AttributeRef& ref
     });
 }
 
-// --- What was refused is offered again
-// ---------------------------------------------------------------------------
+// --- What was refused is offered again -----------------------------------------------------------
 
 void MrpSm::registrationEnded(std::uint64_t key) {
     const auto types = static_cast<std::uint8_t>(application_.application().types.size());
@@ -279,8 +275,7 @@ void MrpSm::later(std::function<void()> task) {
     });
 }
 
-// --- Records and reports
-// -----------------------------------------------------------------------------------------
+// --- Records and reports -------------------------------------------------------------------------
 
 void MrpSm::count(IntfId intf, const MrpCounts& more) { status_->intfIs(intf)->add(more); }
 

@@ -45,8 +45,7 @@ void Participant::stop() {
     leaveAllTimer_.cancel();
 }
 
-// --- What the peer says
-// ------------------------------------------------------------------------------------------
+// --- What the peer says --------------------------------------------------------------------------
 
 void Participant::receive(const DecodedPdu& pdu) {
     ++counts_.rxPdus;
@@ -153,8 +152,7 @@ bool Participant::registered(const AttributeRef& ref) const {
     return at != attributes_[ref.typeIndex].end() && at->second.registered();
 }
 
-// --- What the application asks
-// -----------------------------------------------------------------------------------
+// --- What the application asks -------------------------------------------------------------------
 
 bool Participant::declare(const AttributeRef& ref, const AttributeValue& value) {
     Attribute& attribute = attributes_[ref.typeIndex][ref.key];
@@ -241,8 +239,7 @@ void Participant::periodic() {
     }
 }
 
-// --- The machines
-// ------------------------------------------------------------------------------------------------
+// --- The machines --------------------------------------------------------------------------------
 
 void Participant::applicantEvent(const AttributeRef& ref, Attribute& attribute, ApplicantEvent event) {
     const Applicant before = attribute.applicant;
@@ -342,11 +339,12 @@ void Participant::leaveTimeChanged() {
     if (!leaves_.empty()) leaveTimer_.armAt(leaves_.front().due);
 }
 
-void Participant::leaveAllEvent(LeaveAllEvent event) {
+bool Participant::leaveAllEvent(LeaveAllEvent event) {
     const LeaveAllCell cell = step(leaveAll_, event);
     leaveAll_ = cell.next;
     if (cell.startTimer) startLeaveAllTimer();
     if (leaveAll_ == LeaveAllState::Active) requestOpportunity(Runtime::Duration{0});
+    return cell.sendLeaveAll;
 }
 
 void Participant::startLeaveAllTimer() {

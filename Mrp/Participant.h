@@ -32,7 +32,8 @@ namespace Mrp {
 struct AttributeRef {
     std::uint8_t typeIndex = 0;  ///< position in the application's types
     std::uint64_t key = 0;
-    auto operator<=>(const AttributeRef&) const = default;
+    auto operator<=>(const AttributeRef&) const =
+        default;  // NOLINT(modernize-use-nullptr): not about pointers
 };
 
 class Participant {
@@ -152,7 +153,8 @@ private:
     }
     [[nodiscard]] bool leaveRuns(const LeaveQueue::Entry& entry);
     void leaveTimerFired();
-    void leaveAllEvent(LeaveAllEvent event);
+    /// True when a LeaveAll is to be sent now.
+    bool leaveAllEvent(LeaveAllEvent event);
     void startLeaveAllTimer();
 
     /// How long what `why` made of an applicant may wait for an opportunity.

@@ -74,9 +74,8 @@ void Participant::opportunity() {
     if (const Runtime::Time earliest = pace_.earliest(now, joinTime()); env_.pointToPoint && earliest > now) {
         return opportunityTimer_.armAt(earliest);
     }
-    const bool withLeaveAll = leaveAll_ == LeaveAllState::Active;
+    const bool withLeaveAll = leaveAllEvent(LeaveAllEvent::tx);
     if (transmit(withLeaveAll, env_.config.pdusPerOpportunity())) pace_.take(now);
-    if (withLeaveAll) leaveAllEvent(LeaveAllEvent::tx);
     if (!batch_.empty()) requestOpportunity(Runtime::Duration{0});
     if (!pending_.empty()) requestOpportunity(joinTime() / 2);
     publish();

@@ -10,8 +10,7 @@
 
 namespace Mrp {
 
-// --- Applicant, 10.7.7
-// -------------------------------------------------------------------------------------------
+// --- Applicant, 10.7.7 ---------------------------------------------------------------------------
 
 /// First letter: V very anxious (nothing sent), A anxious (one message sent or seen), Q quiet, L leaving.
 /// Second letter: A active member, P passive member, O observer, N new.
@@ -102,8 +101,7 @@ constexpr bool hasToSpeak(Applicant state) {
            state == LO;
 }
 
-// --- Registrar, 10.7.8
-// -------------------------------------------------------------------------------------------
+// --- Registrar, 10.7.8 ---------------------------------------------------------------------------
 
 enum class Registrar : std::uint8_t { IN, LV, MT };
 constexpr std::array<std::string_view, 3> registrarNames{"IN", "LV", "MT"};
@@ -121,23 +119,24 @@ struct RegistrarCell {
 
 /// The indications follow from the transitions: a join is offered to the application on every way into IN,
 /// from LV too (the standard only does so for New), and a leave on the way from LV to MT by the timer.
+// clang-format off
 constexpr auto registrarTable = [] {
     using enum Registrar;
     using enum LeaveTimer;
     return std::array<std::array<RegistrarCell, 3>, 4>{{
-        //                     IN           LV          MT
-        /* rJoin!      */ {{{IN}, {IN, stop}, {IN}}},
-        /* rLv!        */ {{{LV, start}, {LV}, {MT}}},
-        /* Flush!      */ {{{MT}, {MT, stop}, {MT}}},
-        /* leavetimer! */ {{{IN}, {MT}, {MT}}},
+        //                   IN           LV          MT
+        /* rJoin!      */ {{ {IN},        {IN, stop}, {IN} }},
+        /* rLv!        */ {{ {LV, start}, {LV},       {MT} }},
+        /* Flush!      */ {{ {MT},        {MT, stop}, {MT} }},
+        /* leavetimer! */ {{ {IN},        {MT},       {MT} }},
     }};
 }();
+// clang-format on
 constexpr RegistrarCell step(Registrar state, RegistrarEvent event) {
     return registrarTable[static_cast<std::size_t>(event)][static_cast<std::size_t>(state)];
 }
 
-// --- LeaveAll, 10.7.9
-// --------------------------------------------------------------------------------------------
+// --- LeaveAll, 10.7.9 ----------------------------------------------------------------------------
 
 enum class LeaveAllState : std::uint8_t { Active, Passive };
 enum class LeaveAllEvent : std::uint8_t { tx, rLA, leaveAllTimer };
@@ -146,21 +145,22 @@ struct LeaveAllCell {
     bool startTimer = false;
     bool sendLeaveAll = false;
 };
+// clang-format off
 constexpr auto leaveAllTable = [] {
     using enum LeaveAllState;
     return std::array<std::array<LeaveAllCell, 2>, 3>{{
-        //                          Active                  Passive
-        /* tx!            */ {{{Passive, false, true}, {Passive}}},
-        /* rLA!           */ {{{Passive, true}, {Passive, true}}},
-        /* leavealltimer! */ {{{Active, true}, {Active, true}}},
+        //                      Active                  Passive
+        /* tx!            */ {{ {Passive, false, true}, {Passive}       }},
+        /* rLA!           */ {{ {Passive, true},        {Passive, true} }},
+        /* leavealltimer! */ {{ {Active, true},         {Active, true}  }},
     }};
 }();
+// clang-format on
 constexpr LeaveAllCell step(LeaveAllState state, LeaveAllEvent event) {
     return leaveAllTable[static_cast<std::size_t>(event)][static_cast<std::size_t>(state)];
 }
 
-// --- Periodic transmission, 10.7.10
-// ------------------------------------------------------------------------------
+// --- Periodic transmission, 10.7.10 --------------------------------------------------------------
 
 enum class PeriodicState : std::uint8_t { Passive, Active };
 enum class PeriodicEvent : std::uint8_t { enabled, disabled, periodicTimer };
@@ -169,15 +169,17 @@ struct PeriodicCell {
     bool startTimer = false;
     bool periodic = false;  ///< give periodic! to every applicant of the port
 };
+// clang-format off
 constexpr auto periodicTable = [] {
     using enum PeriodicState;
     return std::array<std::array<PeriodicCell, 2>, 3>{{
-        //                             Passive          Active
-        /* periodicEnabled!  */ {{{Active, true}, {Active}}},
-        /* periodicDisabled! */ {{{Passive}, {Passive}}},
-        /* periodictimer!    */ {{{Passive}, {Active, true, true}}},
+        //                         Passive         Active
+        /* periodicEnabled!  */ {{ {Active, true}, {Active}             }},
+        /* periodicDisabled! */ {{ {Passive},      {Passive}            }},
+        /* periodictimer!    */ {{ {Passive},      {Active, true, true} }},
     }};
 }();
+// clang-format on
 constexpr PeriodicCell step(PeriodicState state, PeriodicEvent event) {
     return periodicTable[static_cast<std::size_t>(event)][static_cast<std::size_t>(state)];
 }

@@ -157,9 +157,9 @@ TEST(Transmission, OnePduPerOpportunityServesEveryAttributeInTurn) {
     for (std::uint64_t key = 0; key < 200; ++key) net.a.app.declare("a1", 1, key * 3, 1);
     net.loop.runFor(1s);
     net.a.app.declare("a1", 3, 7, 2);
-    // Low keys that change without end do not keep the listener from being heard.
+    // Talkers that change without end do not keep the listener from being heard.
     for (std::uint32_t i = 0; i < 20; ++i) {
-        for (std::uint64_t key = 0; key < 100; ++key) net.a.app.declare("a1", 1, key * 3, 2 + i);
+        for (std::uint64_t key = 0; key < 200; ++key) net.a.app.declare("a1", 1, key * 3, 2 + i);
         net.loop.runFor(50ms);
     }
     EXPECT_EQ(net.b.app.held.size(), 201U);
