@@ -1,0 +1,170 @@
+"""A switch of this machine's own: network namespaces, cables between them, the daemon and end stations.
+
+Everything has the process id in its name, sends nothing anywhere else, and vanishes with the `with` block that
+made it, however that ends.
+"""
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+STREAM = "0x200000002010001"  # 02:00:00:00:02:01/1
+DESTINATION = "91:e0:f0:00:00:01"
+VLAN = 2
+TALK = f"{STREAM},{DESTINATION},{VLAN},A,100,1"  # class A, at most 100 octets in a frame, 1 frame in an interval
+STREAM_KBPS = 9088
+
+
+class Failure(Exception):
+    """The network does not do what it should; the text is for the person in front of it."""
+
+
+class Testbed:
+    """Ports swp1, swp2, ... of the switch, each with a cable to the eth0 of a station's namespace."""
+
+    def __init__(self, build, ports=3):
+        self.build = pathlib.Path(build)
+        self.ports = [f"swp{n}" for n in range(1, ports + 1)]
+        self.prefix = f"msrp-{os.getpid()}-"
+        self.switch = self.prefix + "switch"
+        self.directory = None
+        self.processes = []
+        self.handlers = {}
+
+    def __enter__(self):
+        # A signal must reach the end of the block as well.
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            self.handlers[number] = signal.signal(number, self._end)
+        try:
+            self.directory = pathlib.Path(tempfile.mkdtemp(prefix=self.prefix))
+            self.socket = self.directory / "control"
+            self._ip("netns", "add", self.switch)
+            for port in self.ports:
+                self._ip("netns", "add", self.station_of(port))
+                self.cable(port)
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        for number, handler in self.handlers.items():
+            signal.signal(number, handler)
+        for process in self.processes:
+            process.kill()
+        for process in self.processes:
+            process.wait()
+        for name in [self.switch, *map(self.station_of, self.ports)]:
+            subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
+        if self.directory:
+            shutil.rmtree(self.directory, ignore_errors=True)
+
+    @staticmethod
+    def _end(number, _):
+        raise SystemExit(128 + number)
+
+    @staticmethod
+    def _ip(*arguments):
+        done = subprocess.run(["ip", *arguments], stderr=subprocess.PIPE, text=True, check=False)
+        if done.returncode != 0:
+            raise Failure(f"ip {' '.join(arguments)}: {done.stderr.strip()}")
+
+    def station_of(self, port):
+        """The namespace behind a port."""
+        return f"{self.prefix}station{port.removeprefix('swp')}"
+
+    def address(self, port):
+        """The switch port's own address; the station's ends in the same number."""
+        return f"02:00:00:00:01:{int(port.removeprefix('swp')):02x}"
+
+    def cable(self, port):
+        """Joins a port and its station."""
+        station = self.station_of(port)
+        self._ip("link", "add", port, "netns", self.switch, "address", self.address(port), "type", "veth",
+                 "peer", "name", "eth0", "address", self.address(port).replace(":01:", ":02:"), "netns", station)
+        self._ip("-n", self.switch, "link", "set", port, "up")
+        self._ip("-n", station, "link", "set", "eth0", "up")
+
+    def config(self):
+        """A small configuration.  The kernel's idea of a virtual cable's speed is fiction, so it is given."""
+        return {
+            "msrp/config": {"intfEnable": {port: True for port in self.ports}},
+            "bridging/config": {
+                "bridgeMac": "02:00:00:00:00:01",
+                "vlanConfig": {str(VLAN): {"intf": {port: {"tagged": True} for port in self.ports}}},
+            },
+            "stp/status": {"mode": "None"},
+            "interface/status/eth/phy/all": {
+                "intfStatus": {port: {"speedEnum": "1G"} for port in self.ports}},
+        }
+
+    def spawn(self, name, namespace, *command):
+        """Starts a program; what it says is found under `name` by `said`."""
+        with open(self.directory / name, "wb") as log:
+            process = subprocess.Popen(["ip", "netns", "exec", namespace, *map(str, command)], stdout=log,
+                                       stderr=log, stdin=subprocess.DEVNULL, start_new_session=True,
+                                       env={**os.environ, "RINGLOGDIR": str(self.directory)})
+        self.processes.append(process)
+        return process
+
+    def said(self, name):
+        return (self.directory / name).read_text(encoding="utf-8", errors="replace")
+
+    def daemon_command(self, config=None):
+        file = self.directory / "msrpd.json"
+        file.write_text(json.dumps(config or self.config(), indent=2), encoding="utf-8")
+        return [self.build / "msrpd", "--config", file, "--socket", self.socket]
+
+    def daemon(self, config=None):
+        """Starts the switch's daemon and waits until it answers."""
+        process = self.spawn("msrpd.log", self.switch, *self.daemon_command(config))
+
+        def answers():
+            if process.poll() is not None:
+                raise Failure(f"msrpd ended with exit code {process.returncode}: {self.said('msrpd.log').strip()}")
+            return self.socket.exists() and self.control("list").returncode == 0
+
+        self.wait(answers, 10, "msrpd does not answer")
+        return process
+
+    def station(self, port, *arguments):
+        """Starts an end station behind a port; it says under the port's name what it hears."""
+        return self.spawn(port, self.station_of(port), self.build / "msrp-station", "--interface", "eth0",
+                          *arguments)
+
+    def talker_and_listeners(self):
+        """The talker of one stream behind the first port, listeners behind all others."""
+        first, *others = self.ports
+        return [self.station(first, "--talk", TALK), *(self.station(port, "--listen", STREAM) for port in others)]
+
+    def control(self, *arguments):
+        return subprocess.run([self.build / "msrpctl", "--socket", self.socket, *arguments], text=True,
+                              capture_output=True, check=False)
+
+    def shown(self, *arguments):
+        """What msrpctl prints."""
+        done = self.control(*arguments)
+        if done.returncode != 0:
+            raise Failure(f"msrpctl {' '.join(arguments)}: {done.stderr.strip()}")
+        return done.stdout
+
+    def read(self, *arguments):
+        """What msrpctl says, as a value."""
+        return json.loads(self.shown("--json", *arguments))
+
+    def carriers(self):
+        """The ports that carry the stream."""
+        stream = self.read("show", "streams").get(STREAM)
+        return [port for port, state in stream["ports"].items() if state["carried"]] if stream else []
+
+    def wait(self, condition, seconds, what):
+        """Until the condition holds; a failure that says `what` after so many seconds."""
+        deadline = time.monotonic() + seconds
+        while not condition():
+            if time.monotonic() > deadline:
+                raise Failure(f"{what} after {seconds} s")
+            time.sleep(0.05)
