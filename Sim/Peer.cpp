@@ -26,7 +26,8 @@ std::vector<std::uint8_t> octets(const Attribute& attr) {
     return {attr.octets().begin(), attr.octets().end()};
 }
 
-/// What was declared, without the event.
+}  // namespace
+
 std::string describe(std::uint8_t type, const Mrp::AttributeValue& value) {
     switch (type) {
         case Msrp::typeTalkerAdvertise:
@@ -49,8 +50,6 @@ std::string describe(std::uint8_t type, const Mrp::AttributeValue& value) {
         }
     }
 }
-
-}  // namespace
 
 Say advertise(const Talker& talker, Mrp::Event event) {
     return {event, Msrp::typeTalkerAdvertise, octets(attribute(talker)), 0};
