@@ -42,15 +42,15 @@ std::string loadConfig(const std::string& file, const ConfigTargets& targets) {
     const State::Object* records = config.object();
     if (records == nullptr) return file + ": " + text(config) + " is not an object of records";
 
+    const auto wrong = [&file](const State::Problem& problem) { return file + ": " + problem.text(); };
     for (const auto& [path, fields] : *records) {
         const auto target = targets.find(path);
-        if (target == targets.end()) return file + ": " + path + ": no such record can be configured";
-        if (const auto problem = target->second->check(fields))
-            return file + ": " + problem->below(path).text();
+        if (target == targets.end()) return wrong({path, "no such record can be configured"});
+        if (const auto problem = target->second->check(fields)) return wrong(problem->below(path));
     }
     for (const auto& [path, fields] : *records) {
         if (const auto problem = targets.find(path)->second->apply(fields))
-            return file + ": " + problem->below(path).text();
+            return wrong(problem->below(path));
     }
     return {};
 }

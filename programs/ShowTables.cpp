@@ -1,0 +1,258 @@
+#include "programs/ShowTables.h"
+
+#include "Msrp/bandwidth/Admission.h"
+#include "Switch/Interface.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <utility>
+
+namespace Show {
+
+using Msrp::U64;
+using State::Value;
+
+namespace {
+
+constexpr std::array<std::string_view, 2> classes{"A", "B"};
+
+Value ageValue(double age) { return age < 0 ? Value{} : Value{age}; }
+Value textOrNone(const std::string& text) { return text.empty() ? Value{} : Value{text}; }
+
+/// Ports on which MSRP is configured to run.
+std::vector<std::string> enabledPorts(const Snapshot& snapshot) {
+    std::vector<std::string> all;
+    for (const auto& [port, enabled] : membersOf(at(snapshot.record("msrp/config"), {"intfEnable"}))) {
+        if (isTrue(enabled)) all.push_back(port);
+    }
+    return all;
+}
+
+/// Ports with the same reason share a line; the reasons come in the order of their first ports.
+void noteOthers(Table& table, const StreamReport& stream) {
+    std::vector<std::pair<std::string, std::string>> byReason;
+    for (const StreamPortReport& port : stream.ports) {
+        if (port.carried) continue;
+        const auto found =
+            std::ranges::find(byReason, port.reason, &std::pair<std::string, std::string>::first);
+        if (found == byReason.end()) {
+            byReason.emplace_back(port.reason, port.name);
+        } else {
+            found->second += ", " + port.name;
+        }
+    }
+    for (const auto& [reason, names] : byReason) {
+        std::string line = "    not to ";
+        table.note(line.append(names).append(": ").append(reason));
+    }
+}
+
+/// "used/allowed"
+Value bandwidth(const Snapshot& snapshot, const std::string& port, std::string_view srClass) {
+    const Value& status = at(snapshot.record("msrp/status"), {"intfStatus", port});
+    if (status.isNull()) return {};
+    const Value& config = snapshot.record("msrp/cliConfig");
+    const Value& speed =
+        at(snapshot.record("interface/status/eth/phy/all"), {"intfStatus", port, "speedEnum"});
+    const auto known = State::Codec<Interface::Speed>::decode(speed);
+    const Msrp::AdmissionRequest share{
+        .link = Msrp::linkSpeedKbps(known.value_or(Interface::Speed::speedUnknown)),
+        .percentA = numberOf(at(config, {"srClassABandwidthPercent"})),
+        .percentB = numberOf(at(config, {"srClassBBandwidthPercent"})),
+        .allocatedA = numberOf(at(status, {"classBandwidthAllocated", "SrClassA"})),
+        .allocatedB = numberOf(at(status, {"classBandwidthAllocated", "SrClassB"}))};
+    const bool classA = srClass == "A";
+    const U64 used = classA ? share.allocatedA : share.allocatedB;
+    const U64 total = Msrp::allowedTotal(share);
+    const U64 left = total > share.allocatedA ? total - share.allocatedA : 0;
+    const U64 allowed = classA ? share.percentA * share.link / 100 : left;
+    return Value{std::to_string(used) + '/' + std::to_string(allowed)};
+}
+
+Value linkState(const Snapshot& snapshot, const std::string& port) {
+    if (at(snapshot.record("interface/status/eth/intf"), {"intf", port}).isNull()) return "no interface";
+    return textOrNone(
+        textOf(at(snapshot.record("interface/status/eth/phy/all"), {"intfStatus", port, "linkStatus"})));
+}
+
+U64 sum(const Value& counters) {
+    U64 all = 0;
+    for (const auto& [name, count] : membersOf(counters)) all += numberOf(count);
+    return all;
+}
+
+/// One row for each name with a count in either direction.
+void countBoth(Table& table, const std::string& port, const std::string& prefix, const Value& rx,
+               const Value& tx) {
+    std::vector<std::string> names;
+    for (const Value* side : {&rx, &tx}) {
+        for (const auto& [name, count] : membersOf(*side)) {
+            if (numberOf(count) != 0 && std::ranges::find(names, name) == names.end()) names.push_back(name);
+        }
+    }
+    for (const std::string& name : names)
+        table.row({port, prefix + name, Value{numberOf(at(rx, {name}))}, Value{numberOf(at(tx, {name}))}});
+}
+
+}  // namespace
+
+std::string streamsText(const Snapshot& snapshot) {
+    Table table{{{"STREAM", ""},
+                 {"ID", ""},
+                 {"FROM", ""},
+                 {"DESTINATION", ""},
+                 {"VLAN", ""},
+                 {"CLASS", ""},
+                 {"KBPS", ""},
+                 {"AGE", ""}},
+                0};
+    for (const StreamReport& stream : streamReports(snapshot)) {
+        table.row({streamName(stream.id), State::hexText(stream.id), textOrNone(stream.from),
+                   stream.destination, Value{stream.vlan}, stream.srClass, Value{stream.kbps},
+                   ageText(stream.age)});
+        if (!stream.failure.empty()) table.note("    talker failed: " + stream.failure);
+        std::string carriers;
+        for (const StreamPortReport& port : stream.ports) {
+            if (!port.carried) continue;
+            carriers += (carriers.empty() ? "" : ", ") + port.name + " (" + ageText(port.age) + ')';
+        }
+        if (!carriers.empty()) table.note("    to " + carriers);
+        noteOthers(table, stream);
+    }
+    return table.empty() ? "no streams\n" : table.text();
+}
+
+Value streamValue(const StreamReport& stream) {
+    State::Object ports;
+    for (const StreamPortReport& port : stream.ports) {
+        ports.emplace_back(port.name, State::Object{{"carried", port.carried},
+                                                    {"reason", textOrNone(port.reason)},
+                                                    {"talker", textOrNone(port.talker)},
+                                                    {"listener", textOrNone(port.listener)},
+                                                    {"age", ageValue(port.age)}});
+    }
+    return State::Object{{"stream", streamName(stream.id)},
+                         {"from", textOrNone(stream.from)},
+                         {"age", ageValue(stream.age)},
+                         {"talker", textOrNone(stream.talker)},
+                         {"failure", textOrNone(stream.failure)},
+                         {"ports", std::move(ports)},
+                         {"record", stream.record}};
+}
+
+Value streamsValue(const Snapshot& snapshot) {
+    State::Object all;
+    for (const StreamReport& stream : streamReports(snapshot))
+        all.emplace_back(State::hexText(stream.id), streamValue(stream));
+    return all;
+}
+
+std::string streamText(const StreamReport& stream) {
+    const auto number = [&](std::string_view field) {
+        return std::to_string(numberOf(at(stream.record, {field})));
+    };
+    std::string talker = "none";
+    if (!stream.from.empty()) {
+        talker = stream.from + ", " + (stream.talker.empty() ? "nothing declared" : stream.talker) +
+                 " since " + ageText(stream.age);
+    }
+    if (!stream.failure.empty()) talker += ", " + stream.failure;
+    std::string out = "stream       " + streamName(stream.id) + " (" + State::hexText(stream.id) + ")\n";
+    out += "talker       " + talker + '\n';
+    out += "destination  " + stream.destination + ", VLAN " + std::to_string(stream.vlan) + '\n';
+    out += "class        " + stream.srClass + ", priority " + number("dataFramePriority") + ", rank " +
+           number("rank") + '\n';
+    out += "bandwidth    " + std::to_string(stream.kbps) + " kbps (" + number("maxIntervalFrames") +
+           " frames of at most " + number("maxFrameSize") + " octets in an interval)\n";
+    out += "latency      " + number("accumulatedLatency") + " ns up to here\n";
+
+    Table table{
+        {{"PORT", ""}, {"CARRIED", ""}, {"TALKER", ""}, {"LISTENER", ""}, {"AGE", ""}, {"WHY NOT", ""}}, 0};
+    for (const StreamPortReport& port : stream.ports) {
+        table.row({port.name, port.carried, port.talker, port.listener, ageText(port.age),
+                   port.carried ? "" : port.reason});
+    }
+    return table.empty() ? out : out + table.text();
+}
+
+Table ports(const Snapshot& snapshot) {
+    Table table{{{"PORT", "port"},
+                 {"LINK", "link"},
+                 {"SPEED", "speed"},
+                 {"STATE", "portState"},
+                 {"CLASS A", "srClassA"},
+                 {"A KBPS", "srClassABandwidth"},
+                 {"CLASS B", "srClassB"},
+                 {"B KBPS", "srClassBBandwidth"},
+                 {"RX PDUS", "rxPdus"},
+                 {"TX PDUS", "txPdus"},
+                 {"REFUSED", "refusedJoins"},
+                 {"MALFORMED", "malformed"},
+                 {"DROPPED", "droppedRegistrations"}},
+                1};
+    for (const std::string& port : enabledPorts(snapshot)) {
+        const Value& status = at(snapshot.record("msrp/status"), {"intfStatus", port});
+        const Value& mrp = at(snapshot.record("mrp/status"), {"intf", port});
+        table.row({port, linkState(snapshot, port),
+                   at(snapshot.record("interface/status/eth/phy/all"), {"intfStatus", port, "speedEnum"}),
+                   at(status, {"portState"}), at(status, {"srClassState", "SrClassA"}),
+                   bandwidth(snapshot, port, "A"), at(status, {"srClassState", "SrClassB"}),
+                   bandwidth(snapshot, port, "B"), at(mrp, {"rxPdus"}), at(mrp, {"txPdus"}),
+                   at(mrp, {"refusedJoins"}), mrp.isNull() ? Value{} : Value{sum(at(mrp, {"malformed"}))},
+                   at(mrp, {"droppedRegistrations"})});
+    }
+    return table;
+}
+
+Table domain(const Snapshot& snapshot) {
+    Table table{{{"PORT", "port"},
+                 {"CLASS", "class"},
+                 {"STATE", "state"},
+                 {"PRIORITY", "priority"},
+                 {"SR PVID", "srPvid"}},
+                2};
+    const Value& config = snapshot.record("msrp/cliConfig");
+    for (const std::string& port : enabledPorts(snapshot)) {
+        const U64 own = numberOf(at(config, {"srPvid", port}));
+        for (const std::string_view srClass : classes) {
+            const std::string name = "srClass" + std::string{srClass};
+            table.row({port, Value{srClass},
+                       at(snapshot.record("msrp/status"),
+                          {"intfStatus", port, "srClassState", "SrClass" + std::string{srClass}}),
+                       at(config, {name + "Priority"}),
+                       own != 0 ? Value{own} : at(config, {"defaultSrPvid"})});
+        }
+    }
+    return table;
+}
+
+Table counters(const Snapshot& snapshot) {
+    Table table{{{"PORT", "port"}, {"COUNTER", "counter"}, {"RX", "rx"}, {"TX", "tx"}}, 2};
+    for (const std::string& port : enabledPorts(snapshot)) {
+        const Value& status = at(snapshot.record("msrp/status"), {"intfStatus", port});
+        const Value& mrp = at(snapshot.record("mrp/status"), {"intf", port});
+        const auto one = [&](std::string_view name, std::string_view field) {
+            return State::Object{{std::string{name}, at(mrp, {field})}};
+        };
+        countBoth(table, port, "", at(status, {"rxCounters"}), at(status, {"txCounters"}));
+        countBoth(table, port, "", one("PDUs", "rxPdus"), one("PDUs", "txPdus"));
+        countBoth(table, port, "event ", at(mrp, {"rxEvents"}), at(mrp, {"txEvents"}));
+        countBoth(table, port, "malformed: ", at(mrp, {"malformed"}), {});
+        countBoth(table, port, "", one("refused joins", "refusedJoins"), {});
+        countBoth(table, port, "", one("values out of range", "rangeErrors"), {});
+        countBoth(table, port, "", one("registrations over the limit", "droppedRegistrations"), {});
+    }
+    return table;
+}
+
+std::string logText(const Snapshot& snapshot) {
+    Table table{{{"AGE", ""}, {"LINE", ""}}, 0};
+    for (const auto& [number, line] : membersOf(at(snapshot.record("log"), {"line"}))) {
+        const double time = State::Codec<double>::decode(at(line, {"time"})).value_or(snapshot.now);
+        table.row({ageText(snapshot.now - time), at(line, {"text"})});
+    }
+    return table.text();
+}
+
+}  // namespace Show

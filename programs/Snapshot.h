@@ -1,0 +1,34 @@
+/// The records of a running daemon at one moment, as values; and how to find one's way in them.
+#pragma once
+
+#include "State/Value.h"
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace Show {
+
+/// The member that the names lead to, one below the other; a null value when there is none.
+const State::Value& at(const State::Value& value, std::initializer_list<std::string_view> names);
+/// Empty for anything but a text.
+std::string textOf(const State::Value& value);
+/// 0 for anything but a whole number.
+std::uint64_t numberOf(const State::Value& value);
+bool isTrue(const State::Value& value);
+/// The members of an object; none for anything else.
+const State::Object& membersOf(const State::Value& value);
+
+struct Snapshot {
+    /// Seconds on the daemon's clock.
+    double now = 0.0;
+    std::map<std::string, State::Value, std::less<>> records;
+
+    /// A null value when there is no such record.
+    [[nodiscard]] const State::Value& record(std::string_view path) const;
+};
+
+}  // namespace Show

@@ -1,0 +1,250 @@
+/// Asks and changes a running msrpd through its control socket.
+///
+/// Exit codes: 0 done, 1 the daemon refuses or cannot be reached, 2 wrong usage.
+#include "Control/Client.h"
+#include "Control/Json.h"
+#include "Runtime/RingLog.h"
+#include "programs/ShowTables.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using State::Value;
+
+constexpr int done = 0;
+constexpr int refused = 1;
+constexpr int usage = 2;
+/// Seconds within which a daemon that is alive answers.
+constexpr unsigned patience = 10;
+
+int fail(const std::string& problem, int code = refused) {
+    std::cerr << "msrpctl: " << problem << '\n';
+    return code;
+}
+
+struct Options {
+    std::string socket{Control::defaultSocket};
+    bool json = false;
+    std::string path;
+    std::string field;
+    std::string value;
+    std::string stream;
+    std::string file;
+};
+
+std::string spread(const Value& value, bool json) {
+    return (json ? Control::jsonText(value) : Control::jsonLines(value)) + '\n';
+}
+
+Value request(std::string_view op, std::string_view path) {
+    return State::Object{{"op", Value{op}}, {"path", Value{path}}};
+}
+
+/// Waits for a reply without an error in it.  Empty on success.
+std::string answer(Control::Client& client, Value& reply, unsigned seconds) {
+    if (std::string problem = client.receive(reply, seconds); !problem.empty()) return problem;
+    return Show::textOf(Show::at(reply, {"error"}));
+}
+
+/// Sends one request and waits for its reply.
+std::string ask(const Options& options, Control::Client& client, const Value& what, Value& reply) {
+    std::string problem = client.connect(options.socket);
+    if (problem.empty()) problem = client.send(what);
+    return problem.empty() ? answer(client, reply, patience) : problem;
+}
+
+/// Reads several records in one go.
+std::string fetch(const Options& options, const std::vector<std::string>& paths, Show::Snapshot& snapshot) {
+    Control::Client client;
+    std::string problem = client.connect(options.socket);
+    for (const std::string& path : paths) {
+        if (problem.empty()) problem = client.send(request("get", path));
+    }
+    for (const std::string& path : paths) {
+        Value reply;
+        if (problem.empty()) problem = answer(client, reply, patience);
+        snapshot.records[path] = Show::at(reply, {"value"});
+        snapshot.now = State::Codec<double>::decode(Show::at(reply, {"now"})).value_or(snapshot.now);
+    }
+    return problem;
+}
+
+const std::vector<std::string> streamRecords{"msrp/status", "msrp/config", "bridging/config",
+                                             "bridging/input/config/msrp"};
+const std::vector<std::string> portRecords{"msrp/status",
+                                           "msrp/config",
+                                           "msrp/cliConfig",
+                                           "mrp/status",
+                                           "interface/status/eth/phy/all",
+                                           "interface/status/eth/intf"};
+
+int showStreams(const Options& options) {
+    Show::Snapshot snapshot;
+    if (const auto problem = fetch(options, streamRecords, snapshot); !problem.empty()) return fail(problem);
+    std::cout << (options.json ? spread(Show::streamsValue(snapshot), true) : Show::streamsText(snapshot));
+    return done;
+}
+
+int showStream(const Options& options) {
+    const auto id = Show::parseStream(options.stream);
+    if (!id)
+        return fail("stream \"" + options.stream + "\" is neither 0x... nor like 00:11:22:33:44:55/1", usage);
+    Show::Snapshot snapshot;
+    if (const auto problem = fetch(options, streamRecords, snapshot); !problem.empty()) return fail(problem);
+    const auto all = Show::streamReports(snapshot);
+    const auto found = std::ranges::find(all, *id, &Show::StreamReport::id);
+    if (found == all.end()) return fail("no stream " + Show::streamName(*id));
+    std::cout << (options.json ? spread(Show::streamValue(*found), true) : Show::streamText(*found));
+    return done;
+}
+
+int showPorts(const Options& options, Show::Table (*make)(const Show::Snapshot&)) {
+    Show::Snapshot snapshot;
+    if (const auto problem = fetch(options, portRecords, snapshot); !problem.empty()) return fail(problem);
+    const Show::Table table = make(snapshot);
+    std::cout << (options.json ? spread(table.value(), true) : table.text());
+    return done;
+}
+
+int showLog(const Options& options) {
+    Show::Snapshot snapshot;
+    if (const auto problem = fetch(options, {"log"}, snapshot); !problem.empty()) return fail(problem);
+    std::cout << (options.json ? spread(snapshot.record("log"), true) : Show::logText(snapshot));
+    return done;
+}
+
+int get(const Options& options) {
+    Control::Client client;
+    Value reply;
+    const auto problem = ask(options, client, request("get", options.path), reply);
+    if (!problem.empty()) return fail(problem);
+    std::cout << spread(Show::at(reply, {"value"}), options.json);
+    return done;
+}
+
+int list(const Options& options) {
+    Control::Client client;
+    Value reply;
+    const auto problem = ask(options, client, request("list", ""), reply);
+    if (!problem.empty()) return fail(problem);
+    std::cout << spread(Show::at(reply, {"value"}), options.json);
+    return done;
+}
+
+int set(const Options& options) {
+    // What is no JSON is a text, so that names need no quotes.
+    auto [value, noJson] = Control::parseJson(options.value);
+    if (noJson) value = Value{options.value};
+    Control::Client client;
+    Value reply;
+    const auto problem = ask(
+        options, client,
+        State::Object{
+            {"op", "set"}, {"path", Value{options.path}}, {"field", Value{options.field}}, {"value", value}},
+        reply);
+    return problem.empty() ? done : fail(problem);
+}
+
+int watch(const Options& options) {
+    Control::Client client;
+    Value reply;
+    auto problem = ask(options, client, request("watch", options.path), reply);
+    while (problem.empty()) {
+        std::cout << spread(Show::at(reply, {"value"}), options.json) << std::flush;
+        if (!std::cout) return done;  // nobody reads any more
+        problem = answer(client, reply, 0);
+    }
+    return fail(problem);
+}
+
+int ringLog(const Options& options) {
+    const auto records = Runtime::RingLog::read(options.file);
+    if (!records) return fail(options.file + ": not a ring log");
+    for (const Runtime::RingRecord& record : *records) {
+        std::printf("%llu %.6f %s %llx %llx %llx\n", static_cast<unsigned long long>(record.sequence),
+                    Runtime::seconds(record.time), record.label.c_str(),
+                    static_cast<unsigned long long>(record.arguments[0]),
+                    static_cast<unsigned long long>(record.arguments[1]),
+                    static_cast<unsigned long long>(record.arguments[2]));
+    }
+    return done;
+}
+
+int run(int argc, char** argv) {
+    Options options;
+    int result = done;
+    CLI::App app{"Asks and changes a running msrpd"};
+    app.add_option("--socket", options.socket, "Control socket of the daemon")->capture_default_str();
+    app.add_flag("--json", options.json, "One JSON value on one line instead of tables and indented text");
+    app.require_subcommand(0, 1);
+    app.fallthrough();
+
+    CLI::App* show = app.add_subcommand("show", "Tables of what goes on");
+    show->require_subcommand(0, 1);
+    show->fallthrough();
+    const auto table = [&](CLI::App* parent, const char* name, const char* help, auto body) {
+        CLI::App* command = parent->add_subcommand(name, help);
+        command->fallthrough();
+        command->callback([&options, &result, body] { result = body(options); });
+        return command;
+    };
+    table(show, "streams", "All streams: which ports carry them, and why the others do not", showStreams);
+    table(show, "stream", "All about one stream", showStream)
+        ->add_option("ID", options.stream, "0x... or address/number, 00:11:22:33:44:55/1")
+        ->required();
+    table(show, "ports", "Links, classes, bandwidth in use and allowed, and the protocol's health",
+          [](const Options& o) { return showPorts(o, Show::ports); });
+    table(show, "domain", "What each port is to each class",
+          [](const Options& o) { return showPorts(o, Show::domain); });
+    table(show, "counters", "Counters that are not zero",
+          [](const Options& o) { return showPorts(o, Show::counters); });
+    table(show, "log", "Recent lines of the system log", showLog);
+
+    table(&app, "list", "The paths of all records", list);
+    const auto withPath = [&](const char* name, const char* help, auto body) {
+        CLI::App* command = table(&app, name, help, body);
+        command->add_option("PATH", options.path, "Like msrp/config or msrp/config/intfEnable")->required();
+        return command;
+    };
+    withPath("get", "Reads a record, or what the path names below it", get);
+    withPath("watch", "Reads, and again at every change, until interrupted", watch);
+    CLI::App* setCommand = withPath("set", "Writes a field", set);
+    setCommand->add_option("FIELD", options.field, "Like srClassAPriority or intfEnable/swp1")->required();
+    setCommand->add_option("VALUE", options.value, "JSON, or a plain word; null removes an entry")
+        ->required();
+    table(&app, "ringlog", "Reads a ring log file", ringLog)
+        ->add_option("FILE", options.file, "The file")
+        ->required();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return fail(error.what(), usage);
+    }
+    if (app.get_subcommands().empty())
+        return fail("a command is needed: show, list, get, set, watch or ringlog", usage);
+    if (show->parsed() && show->get_subcommands().empty())
+        return fail("show what? streams, stream ID, ports, domain, counters or log", usage);
+    return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "msrpctl: %s\n", error.what());
+        return refused;
+    }
+}

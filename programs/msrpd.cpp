@@ -1,0 +1,223 @@
+/// The daemon: the switch's records, the agents that keep them, and the ways in.
+///
+/// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges, socket in use), 2 wrong usage or
+/// configuration.
+#include "Control/ConfigFile.h"
+#include "Control/LogFolder.h"
+#include "Control/RecentLog.h"
+#include "Control/Server.h"
+#include "Linux/EpollLoop.h"
+#include "Linux/LinkAgent.h"
+#include "Linux/PacketPorts.h"
+#include "Linux/Privileges.h"
+#include "Linux/Signals.h"
+#include "Msrp/Database.h"
+#include "Msrp/MsrpAgent.h"
+#include "Switch/TopologyAgent.h"
+#include "programs/GivenSpeeds.h"
+#include "programs/PortsOfInterest.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <syslog.h>
+
+namespace {
+
+constexpr int stopped = 0;
+constexpr int cannotRun = 1;
+constexpr int usage = 2;
+
+/// What taking everything back may take before the daemon ends all the same.
+constexpr std::chrono::seconds withdrawTime{2};
+
+constexpr std::string_view linksPath = "interface/status/eth/phy/all";
+
+/// What a configuration file may write, and an operator at run time.
+const std::set<std::string, std::less<>>& writablePaths() {
+    static const std::set<std::string, std::less<>> paths{"msrp/config",
+                                                          "msrp/cliConfig",
+                                                          "mrp/config",
+                                                          "bridging/config",
+                                                          "bridging/topology/config",
+                                                          "stp/status",
+                                                          "qos/status",
+                                                          "qos/hardware/status/global"};
+    return paths;
+}
+
+struct Options {
+    std::string config;
+    std::string socket{Control::defaultSocket};
+    bool useSyslog = false;
+    Runtime::TraceLevel trace = Runtime::TraceLevel::off;
+};
+
+int fail(const std::string& problem, int code) {
+    std::cerr << "msrpd: " << problem << '\n';
+    return code;
+}
+
+class Daemon {
+public:
+    explicit Daemon(const Options& options) : options_{options} {
+        Msrp::populate(database_);
+        if (options.useSyslog) ::openlog("msrpd", LOG_PID, LOG_DAEMON);
+        systemLog_.sinkIs([this](const Runtime::LogEvent& event, const std::string& text) {
+            folder_.line(event.severity, std::string{event.name} + ' ' + text);
+        });
+        trace_.sinkIs(options.trace, [this](std::string_view line) { print(LOG_DEBUG, std::string{line}); });
+    }
+
+    int run() {
+        if (const std::string problem = loadConfig(); !problem.empty()) return fail(problem, usage);
+        std::string problem = Linux::packetSocketProblem();
+        if (problem.empty()) problem = server_.start(options_.socket);
+        if (problem.empty()) problem = links_.start();
+        if (!problem.empty()) return fail(problem, cannotRun);
+
+        given_->intfStatus().each([this](IntfId intf, const GivenSpeed& given) {
+            links_.configuredSpeedIs(intf, given.speedEnum());
+        });
+        const PortsOfInterest interest{config_, bridging_, [this](IntfId intf) { follow(intf); },
+                                       [this](IntfId intf) { links_.followDel(intf); }};
+        const State::Reactor addresses = status_->watch([this](const State::Change&) { chooseBridgeMac(); });
+        const State::Reactor enabled = config_->react([this](const State::Change&) { chooseBridgeMac(); });
+        chooseBridgeMac();
+        const Bridging::TopologyAgent topology{
+            bridging_, record<Stp::Status>("stp/status"), status_,
+            record<Bridging::Topology::Config>("bridging/topology/config")};
+
+        Msrp::Agent agent{{.database = database_,
+                           .loop = loop_,
+                           .systemLog = systemLog_,
+                           .trace = trace_,
+                           .ringLog = ringLog_,
+                           .ringLogFile = true,
+                           .seed = std::random_device{}()},
+                          ports_};
+        agent.start();
+        loop_.run();
+        withdraw();
+        agent.stop();
+        folder_.flush();
+        return stopped;
+    }
+
+private:
+    template <class R>
+    std::shared_ptr<R> record(std::string_view path) {
+        return database_.entityIs<R>(path);
+    }
+
+    std::string loadConfig() {
+        Control::ConfigTargets targets;
+        for (const std::string& path : writablePaths()) targets.emplace(path, database_.entity(path));
+        targets.emplace(linksPath, given_);
+        return Control::loadConfig(options_.config, targets);
+    }
+
+    void follow(IntfId intf) {
+        links_.followIs(intf);
+        if (!names_->intf().contains(intf))
+            tell(LOG_NOTICE, intf.name() + " does not exist yet, waiting for it");
+    }
+
+    /// A bridge without an address of its own takes that of its first enabled port, and keeps it.
+    void chooseBridgeMac() {
+        if (bridging_->bridgeMac() != EthAddr{}) return;
+        for (const auto& [intf, enabled] : config_->intfEnable()) {
+            const auto link = status_->intfStatus(intf);
+            if (!enabled || !link || link->macAddr() == EthAddr{}) continue;
+            bridging_->bridgeMacIs(link->macAddr());
+            return;
+        }
+    }
+
+    /// Disables all ports, so that the peers hear Leaves and need not wait for their own timers.  An agent
+    /// that merely stops declares nothing false: another one may take over from it.
+    void withdraw() {
+        for (auto intf = config_->intfEnable().firstKey(); intf; intf = config_->intfEnable().nextKey(*intf))
+            config_->intfEnableIs(*intf, false);
+        const auto status = record<Msrp::Status>("msrp/status");
+        loop_.runUntil([&] { return !status->msrpEnabled(); }, withdrawTime);
+    }
+
+    void tell(int severity, const std::string& text) { folder_.line(severity, text); }
+    void keep(int severity, const std::string& line) {
+        print(severity, line);
+        recent_->add(Runtime::seconds(loop_.now()), line);
+    }
+    void print(int severity, const std::string& line) const {
+        if (options_.useSyslog) {
+            ::syslog(severity, "%s", line.c_str());
+        } else {
+            std::cerr << line << '\n';
+        }
+    }
+
+    const Options& options_;
+    Linux::EpollLoop loop_;
+    /// Blocks its signals from the start: one that comes early stops the daemon as soon as it runs.
+    Linux::Signals signals_{loop_, [this](int) { loop_.stop(); }};
+    State::Database database_;
+    std::shared_ptr<Control::RecentLog> recent_ = record<Control::RecentLog>("log");
+    Control::LogFolder folder_{loop_,
+                               [this](int severity, const std::string& line) { keep(severity, line); }};
+    Runtime::SystemLog systemLog_;
+    Runtime::Trace trace_;
+    Runtime::RingLog ringLog_;
+    Control::RecordAccess access_{database_, writablePaths()};
+    Control::Server server_{loop_, access_};
+    std::shared_ptr<GivenSpeeds> given_ = std::make_shared<GivenSpeeds>();
+    std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
+    std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
+    std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_ =
+        record<Interface::AllEthPhyIntfStatusDir>(linksPath);
+    std::shared_ptr<Interface::EthIntfStatusDir> names_ =
+        record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
+    Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    Linux::LinkAgent links_{
+        loop_, status_, names_,
+        [this](IntfId intf, unsigned ifindex, EthAddr mac) { ports_.interfaceIs(intf, ifindex, mac); },
+        [this](const std::string& line) { tell(LOG_WARNING, line); }};
+};
+
+int run(int argc, char** argv) {
+    Options options;
+    CLI::App app{"Stream reservation (MSRP, IEEE 802.1Q clause 35) for the ports of this switch"};
+    app.add_option("--config", options.config, "Configuration file, JSON");
+    app.add_option("--socket", options.socket, "Control socket")->capture_default_str();
+    app.add_flag("--syslog", options.useSyslog, "Log to syslog instead of standard error");
+    app.add_option("--trace", options.trace, "Debug trace: 0 off, 1 notices, 2 handlers, 3 everything")
+        ->check(CLI::Range(0, 3));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return fail(error.what(), usage);
+    }
+    if (options.config.empty()) return fail("--config FILE is needed", usage);
+    // Who reads our log may go before we do.
+    std::signal(SIGPIPE, SIG_IGN);
+    Daemon daemon{options};
+    return daemon.run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "msrpd: %s\n", error.what());
+        return cannotRun;
+    }
+}

@@ -1,0 +1,299 @@
+#include "Control/Client.h"
+#include "Control/Json.h"
+#include "Control/Server.h"
+#include "Linux/EpollLoop.h"
+#include "Msrp/types/Config.h"
+#include "tests/control/TemporaryDirectory.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Turns the loop without waiting; tells whether `condition` came true within some hundred turns.
+bool turnUntil(Linux::EpollLoop& loop, const std::function<bool()>& condition) {
+    Runtime::Timer tick{loop, [] {}};
+    int turns = 0;
+    bool holds = false;
+    loop.runUntil(
+        [&] {
+            holds = condition();
+            tick.armIn({});
+            return holds || ++turns > 500;
+        },
+        1min);
+    return holds;
+}
+
+/// A peer that speaks in lines and never blocks: the loop turns while it waits.
+class Peer {
+public:
+    Peer(Linux::EpollLoop& loop, const std::string& path) : loop_{loop} {
+        std::string problem;
+        socket_ = Control::connectTo(path, problem);
+        EXPECT_EQ(problem, "");
+    }
+    /// Hands over what the socket takes now; how much that was.
+    std::size_t offer(std::string_view octets) {
+        const auto count = ::send(socket_.get(), octets.data(), octets.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        return count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+    void send(std::string_view octets) {
+        EXPECT_TRUE(turnUntil(loop_, [&] {
+            octets.remove_prefix(offer(octets));
+            return octets.empty();
+        }));
+    }
+    void finish() { ::shutdown(socket_.get(), SHUT_WR); }
+    void close() { socket_.close(); }
+
+    /// The next line without its "now"; "closed" at the end, "silent" when none comes.
+    std::string line() {
+        turnUntil(loop_, [&] { return fetched(); });
+        const std::size_t newline = in_.find('\n');
+        if (newline == std::string::npos) return closed_ ? "closed" : "silent";
+        auto reply = Control::parseJson(in_.substr(0, newline)).value;
+        in_.erase(0, newline + 1);
+        auto members = *reply.object();
+        std::erase_if(members, [](const auto& member) { return member.first == "now"; });
+        return Control::jsonText(State::Value{std::move(members)});
+    }
+    std::string ask(const std::string& request) {
+        send(request + '\n');
+        return line();
+    }
+
+private:
+    bool fetched() {
+        char piece[65536];
+        ssize_t count = 0;
+        while ((count = ::recv(socket_.get(), piece, sizeof piece, MSG_DONTWAIT)) > 0)
+            in_.append(piece, static_cast<std::size_t>(count));
+        if (count == 0) closed_ = true;
+        return closed_ || in_.find('\n') != std::string::npos;
+    }
+    Linux::EpollLoop& loop_;
+    Control::Descriptor socket_;
+    std::string in_;
+    bool closed_ = false;
+};
+
+class Server : public ::testing::Test {
+protected:
+    Server() { EXPECT_EQ(server->start(path), ""); }
+
+    void settle() {
+        int turns = 0;
+        turnUntil(loop, [&] { return ++turns > 5; });
+    }
+
+    TemporaryDirectory directory;
+    std::string path = directory.file("new/control");
+    Linux::EpollLoop loop;
+    State::Database database;
+    std::shared_ptr<Msrp::Config> ports = database.entityIs<Msrp::Config>("msrp/config");
+    std::shared_ptr<Msrp::CliConfig> config = database.entityIs<Msrp::CliConfig>("msrp/cliConfig");
+    Control::RecordAccess records{database, {"msrp/cliConfig", "msrp/config"}};
+    std::unique_ptr<Control::Server> server = std::make_unique<Control::Server>(loop, records);
+};
+
+TEST_F(Server, ReadsRecordsFieldsAndEntries) {
+    ports->intfEnableIs(IntfId{"swp1"}, true);
+    Peer peer{loop, path};
+    EXPECT_EQ(peer.ask(R"({"op":"get","path":"msrp/config"})"), R"({"value":{"intfEnable":{"swp1":true}}})");
+    EXPECT_EQ(peer.ask(R"({"op":"get","path":"msrp/config/intfEnable/swp1","id":7})"),
+              R"({"id":7,"value":true})");
+    EXPECT_EQ(peer.ask(R"({"op":"get","path":"msrp/config/intfEnable/swp2"})"),
+              R"({"error":"nothing at \"msrp/config/intfEnable/swp2\""})");
+    EXPECT_EQ(peer.ask(R"({"op":"get","path":"msrp"})"), R"({"error":"no record \"msrp\""})");
+    EXPECT_EQ(peer.ask(R"({"op":"list"})"),
+              R"({"value":{"msrp/cliConfig":{"type":"Msrp::CliConfig","writable":true},)"
+              R"("msrp/config":{"type":"Msrp::Config","writable":true}}})");
+}
+
+TEST_F(Server, WritesFieldsAndEntriesAndSaysWhatItCannotWrite) {
+    database.entityIs<Msrp::Config>("other");
+    Peer peer{loop, path};
+    EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/cliConfig","field":"srClassAPriority","value":5})"),
+              R"({"value":null})");
+    EXPECT_EQ(config->srClassAPriority(), 5);
+    EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/config","field":"intfEnable/swp1","value":true})"),
+              R"({"value":null})");
+    EXPECT_TRUE(ports->intfEnable(IntfId{"swp1"}));
+    EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/config/intfEnable","field":"swp1","value":null})"),
+              R"({"value":null})");
+    EXPECT_TRUE(ports->intfEnable().empty());
+
+    EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/cliConfig","field":"srClassAPriority","value":9})"),
+              R"({"error":"msrp/cliConfig/srClassAPriority: 9 is not from 0 to 7"})");
+    EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/cliConfig","field":"colour","value":9})"),
+              R"({"error":"msrp/cliConfig: no field \"colour\" in Msrp::CliConfig"})");
+    EXPECT_EQ(peer.ask(R"({"op":"set","path":"other","field":"intfEnable","value":{"swp1":true}})"),
+              R"({"error":"other: cannot be written, it is not configuration"})");
+    EXPECT_EQ(config->srClassAPriority(), 5);
+}
+
+TEST_F(Server, AnswersMalformedRequestsAndGoesOn) {
+    Peer peer{loop, path};
+    EXPECT_EQ(peer.ask("{\"op\": [").substr(0, 26), R"({"error":"request, column )");
+    EXPECT_EQ(peer.ask("7"), R"({"error":"request: a text \"op\" is needed"})");
+    EXPECT_EQ(peer.ask(R"({"op":"fly"})"),
+              R"({"error":"request: op \"fly\" is none of get, set, watch, list"})");
+    EXPECT_EQ(peer.ask(R"({"op":"get"})"), R"({"error":"request: a text \"path\" is needed"})");
+    EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/config"})"),
+              R"({"error":"request: a \"value\" is needed"})");
+    EXPECT_EQ(peer.ask("\n\n{\"op\":\"get\",\"path\":\"msrp/config\"}"), R"({"value":{"intfEnable":{}}})");
+}
+
+TEST_F(Server, EndsAClientWhoseRequestDoesNotEnd) {
+    Peer peer{loop, path};
+    peer.send(std::string(Control::Session::requestLimit + 1, ' '));
+    EXPECT_EQ(peer.line(), R"({"error":"a request is longer than 1048576 octets"})");
+    EXPECT_EQ(peer.line(), "closed");
+}
+
+TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurn) {
+    Peer peer{loop, path};
+    EXPECT_EQ(peer.ask(R"({"op":"watch","path":"msrp/config/intfEnable"})"),
+              R"({"watch":"msrp/config/intfEnable","value":{}})");
+    ports->intfEnableIs(IntfId{"swp1"}, true);
+    ports->intfEnableIs(IntfId{"swp2"}, false);
+    EXPECT_EQ(peer.line(), R"({"watch":"msrp/config/intfEnable","value":{"swp1":true,"swp2":false}})");
+    ports->intfEnableIs(IntfId{"swp1"}, false);
+    ports->intfEnableIs(IntfId{"swp1"}, true);  // nothing to tell in the end
+    EXPECT_EQ(peer.line(), "silent");
+}
+
+TEST_F(Server, WatchesWhatIsNotThereYetButNotWhatCannotBe) {
+    Peer peer{loop, path};
+    EXPECT_EQ(peer.ask(R"({"op":"watch","path":"msrp/config/intfEnable/swp1"})"),
+              R"({"watch":"msrp/config/intfEnable/swp1","value":null})");
+    ports->intfEnableIs(IntfId{"swp2"}, true);  // another entry
+    ports->intfEnableIs(IntfId{"swp1"}, true);
+    EXPECT_EQ(peer.line(), R"({"watch":"msrp/config/intfEnable/swp1","value":true})");
+    EXPECT_EQ(peer.ask(R"({"op":"watch","path":"msrp/config/colour"})"),
+              R"({"error":"no field \"colour\" in Msrp::Config"})");
+}
+
+TEST_F(Server, AWatcherThatDoesNotReadGetsTheLatestValueWhenItDoes) {
+    for (int i = 0; i < 5000; ++i) ports->intfEnableIs(IntfId{"port" + std::to_string(i)}, true);
+    Peer slow{loop, path};
+    slow.send("{\"op\":\"watch\",\"path\":\"msrp/config\"}\n");
+    for (int i = 0; i < 100; ++i) {  // each notice is 100 kB, more than a socket holds in the end
+        ports->intfEnableIs(IntfId{"swp1"}, i % 2 == 0);
+        settle();
+    }
+    config->srClassAPriorityIs(7);
+    Peer other{loop, path};
+    EXPECT_EQ(other.ask(R"({"op":"get","path":"msrp/cliConfig/srClassAPriority"})"), R"({"value":7})");
+
+    int notices = 0;
+    std::string last;
+    for (std::string line = slow.line(); line != "silent"; line = slow.line()) {
+        last = line;
+        ++notices;
+    }
+    EXPECT_LT(notices, 50);
+    EXPECT_NE(last.find("\"swp1\":false"), std::string::npos);
+}
+
+TEST_F(Server, DoesNotServeAClientThatFetchesNothing) {
+    const std::string request = "{\"op\":\"get\",\"path\":\"msrp/cliConfig\"}\n";
+    std::string requests;
+    for (int i = 0; i < 200'000; ++i) requests += request;
+    Peer greedy{loop, path};
+    std::size_t sent = 0;
+    for (std::size_t more = greedy.offer(requests); more > 0; more = greedy.offer(requests.substr(sent))) {
+        sent += more;
+        settle();
+    }
+    EXPECT_LT(sent, requests.size() / 2);  // the sockets and the session are full
+    Peer other{loop, path};
+    EXPECT_EQ(other.ask(R"({"op":"get","path":"msrp/config"})"), R"({"value":{"intfEnable":{}}})");
+
+    std::size_t replies = 0;
+    while (greedy.line().starts_with("{\"value")) ++replies;
+    EXPECT_EQ(replies, sent / request.size());
+}
+
+TEST_F(Server, SurvivesClientsThatGoAtAnyMoment) {
+    const std::string talk = R"({"op":"watch","path":"msrp/config"})"
+                             "\n"
+                             R"({"op":"get","path":"msrp/config"})"
+                             "\n";
+    for (std::size_t length = 0; length <= talk.size(); ++length) {
+        Peer peer{loop, path};
+        peer.send(talk.substr(0, length));
+        if (length % 2 == 0) settle();
+        peer.close();
+        ports->intfEnableIs(IntfId{"swp1"}, length % 2 == 0);
+    }
+    settle();
+    EXPECT_EQ(server->sessions(), 0U);
+}
+
+TEST_F(Server, AnswersWhatWasAskedBeforeTheClientStoppedTalking) {
+    Peer peer{loop, path};
+    peer.send("{\"op\":\"get\",\"path\":\"msrp/config\"}\n");
+    peer.finish();
+    EXPECT_EQ(peer.line(), R"({"value":{"intfEnable":{}}})");
+    EXPECT_EQ(peer.line(), "closed");
+}
+
+TEST_F(Server, ServesManyClientsAndTurnsAwayTooMany) {
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i) {
+        peers.push_back(std::make_unique<Peer>(loop, path));
+        EXPECT_EQ(peers.back()->ask(R"({"op":"get","path":"msrp/config"})"),
+                  R"({"value":{"intfEnable":{}}})");
+    }
+    Peer tooMany{loop, path};
+    EXPECT_EQ(tooMany.line(), R"({"error":"too many clients"})");
+    EXPECT_EQ(tooMany.line(), "closed");
+    peers.pop_back();
+    settle();
+    Peer next{loop, path};
+    EXPECT_EQ(next.ask(R"({"op":"get","path":"msrp/config"})"), R"({"value":{"intfEnable":{}}})");
+}
+
+TEST_F(Server, KeepsItsSocketToItselfAndRemovesItAtTheEnd) {
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+
+    Control::Server second{loop, records};
+    EXPECT_EQ(second.start(path), "socket " + path + ": in use");
+    server.reset();
+    EXPECT_NE(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(second.start(path), "");
+}
+
+TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
+    const std::string stale = directory.file("stale");
+    std::string problem;
+    Control::listenOn(stale, problem).close();
+    Control::Server onStale{loop, records};
+    EXPECT_EQ(onStale.start(stale), "");
+
+    const std::string file = directory.write("file", "precious");
+    Control::Server onFile{loop, records};
+    EXPECT_EQ(onFile.start(file), "socket " + file + ": a file that is no socket is in the way");
+    EXPECT_EQ(onFile.start(std::string(200, 'x')).substr(0, 12), "socket \"xxxx");
+    EXPECT_EQ(onFile.start(directory.file("a/b/c")),
+              "socket " + directory.file("a/b/c") + ": No such file or directory");
+}
+
+TEST(Client, SaysWhichSocketItCannotReach) {
+    Control::Client client;
+    EXPECT_EQ(client.connect("/nowhere/control"), "socket /nowhere/control: No such file or directory");
+}
+
+}  // namespace
