@@ -23,7 +23,7 @@ TalkerFailureCode MsrpSm::checkBandwidthAvailability(IntfId intf, const U64& str
     const TalkerFailureCode code = admit(request);
     if (code == TalkerFailureCode::noFailure) return code;
 
-    const std::string id = hexStr(streamId);
+    const HexId id{streamId};
     const char* share = code == TalkerFailureCode::insufficientBandwidth ? ""
                         : srClass == SrClassId::SrClassA                 ? "SR Class A "
                                                                          : "SR Class B ";

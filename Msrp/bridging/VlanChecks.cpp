@@ -11,7 +11,7 @@ using Bridging::Topology::PortState;
 
 Code MsrpSm::checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan) {
     const VlanId vlanId{vlan};  // throws the range error
-    const std::string id = hexStr(streamId);
+    const HexId id{streamId};
     const auto vlanConfig = inputs_.brConfig->vlanConfig(vlanId);
     if (!vlanConfig) {
         trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " is not configured on the switch.");

@@ -9,12 +9,12 @@ void MsrpSm::propagateListenerAttribute(const U64& streamId) {
     const auto stream = existingStream(streamId);
     const IntfId ingress = stream->ingressIntf();
     if (!ingress) {
-        trace("Not propagating Listener attribute for streamId 0x", hexStr(streamId),
+        trace("Not propagating Listener attribute for streamId 0x", HexId{streamId},
               " as there's no talker interface");
         return;
     }
     if (getTalkerState(*stream, ingress) == TalkerState::None) {
-        trace("Not propagating Listener attribute for streamId 0x", hexStr(streamId),
+        trace("Not propagating Listener attribute for streamId 0x", HexId{streamId},
               " as there's no talker");
         return;
     }
@@ -45,7 +45,7 @@ void MsrpSm::transmitListenerAttribute(IntfId intf, const U64& streamId, Listene
     } else {
         stream->delListenerStateAndAge(intf);
     }
-    log(declare ? MSRP_LISTENER_JOIN : MSRP_LISTENER_LV, "transmitted", intf, hexStr(streamId),
+    log(declare ? MSRP_LISTENER_JOIN : MSRP_LISTENER_LV, "transmitted", intf, HexId{streamId},
         number(state));
     counterInc(intf, Direction::Tx, listenerCounter(state));
     const MsrpListenerAttribute attr{streamId, event};

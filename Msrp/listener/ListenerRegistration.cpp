@@ -7,7 +7,7 @@ namespace Msrp {
 bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr) {
     const U64 streamId = attr.streamId();
     const ListenerState state = attr.listenerState();
-    const std::string id = hexStr(streamId);
+    const HexId id{streamId};
     trace("processListenerJoin( ", intf, " StreamId: 0x", id, " state ", number(state), " )");
     ringTrace("listenerJoin", intf.number(), streamId, number(state));
     if (state == ListenerState::Ignore) {
@@ -102,7 +102,7 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
 
 void MsrpSm::processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr) {
     const U64 streamId = attr.streamId();
-    const std::string id = hexStr(streamId);
+    const HexId id{streamId};
     trace("processListenerLeave( ", intf, " StreamId: 0x", id, " )");
     ringTrace("listenerLeave", intf.number(), streamId);
 
@@ -144,7 +144,7 @@ TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
 
     const SrClassId srClass = stream->srClass();
     const U64 bandwidth = stream->bandwidth();
-    const std::string id = hexStr(streamId);
+    const HexId id{streamId};
     const TalkerFailureCode failure = checkBandwidthAvailability(intf, streamId, srClass, bandwidth);
     if (failure != TalkerFailureCode::noFailure) {
         trace(": Not Adding ", intf, " as listener since ", bandwidth,
@@ -176,7 +176,7 @@ void MsrpSm::removeListener(IntfId intf, const U64& streamId, ListenerState newS
     const SrClassId srClass = stream->srClass();
     const U64 bandwidth = stream->bandwidth();
     trace(": Removing ", intf);
-    log(MSRP_BW_DEALLOC, bandwidth, intf, hexStr(streamId));
+    log(MSRP_BW_DEALLOC, bandwidth, intf, HexId{streamId});
     group->intfDel(intf);
     // An address without a group would be flooded: the talker's own port holds the place.
     if (group->intf().empty()) group->intfIs(stream->ingressIntf(), true);

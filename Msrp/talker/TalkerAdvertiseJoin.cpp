@@ -53,7 +53,7 @@ template TalkerFacts MsrpSm::talkerFacts(IntfId, const MsrpTalkerFailedAttribute
 
 bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
     const U64 streamId = attr.streamId();
-    trace("processTalkerAdvertiseJoin( ", intf, " vlan ", attr.vlanId(), " StreamId: 0x", hexStr(streamId),
+    trace("processTalkerAdvertiseJoin( ", intf, " vlan ", attr.vlanId(), " StreamId: 0x", HexId{streamId},
           " )");
     ringTrace("talkerAdvertiseJoin", intf.number(), streamId, attr.vlanId());
 
@@ -87,7 +87,7 @@ bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAt
     }
     setTalkerState(*stream, intf, TalkerState::Advertise);
     if (!repeat) {
-        log(MSRP_TALKER_ADV_JOIN, "received", intf, hexStr(streamId), number(code));
+        log(MSRP_TALKER_ADV_JOIN, "received", intf, HexId{streamId}, number(code));
         counterInc(intf, Direction::Rx, MsrpCounter::talkerAdvertise);
     }
     if (code == Code::noFailure) {
@@ -131,7 +131,7 @@ Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& at
     const EthAddr macDa = attr.macDa();
     const auto fdb = inputs_.brMsrpConfig->fdbConfig(VlanId{attr.vlanId()});
     if (!fdb || !fdb->ethGroup(macDa)) return Code::noFailure;
-    const std::string id = hexStr(attr.streamId());
+    const HexId id{attr.streamId()};
     log(MSRP_ERROR,
         Runtime::format("StreamId 0x%s TalkerAdvJoin on %s with Mac DA %s already in use on Vlan %d", id,
                         intf, macDa, attr.vlanId()));
@@ -140,7 +140,7 @@ Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& at
         log(MSRP_ERROR,
             Runtime::format(
                 "StreamId 0x%s TalkerAdvJoin on %s with Mac DA %s already in use by streamId 0x%s", id, intf,
-                macDa, hexStr(*other)));
+                macDa, HexId{*other}));
     }
     addMacDaBlockedStream(macDa, attr.streamId());
     return Code::destinationAddressInUse;

@@ -8,7 +8,7 @@ namespace Msrp {
 bool MsrpSm::processTalkerFailedJoin(IntfId intf, const MsrpTalkerFailedAttribute& attr) {
     const U64 streamId = attr.streamId();
     const TalkerFailureCode code = attr.failureCode();
-    trace("processTalkerFailedJoin( ", intf, " StreamId: 0x", hexStr(streamId), " code ", number(code), " )");
+    trace("processTalkerFailedJoin( ", intf, " StreamId: 0x", HexId{streamId}, " code ", number(code), " )");
     ringTrace("talkerFailedJoin", intf.number(), streamId, number(code));
 
     const VlanId vlan{attr.vlanId()};  // a range error goes to the engine
@@ -28,7 +28,7 @@ bool MsrpSm::processTalkerFailedJoin(IntfId intf, const MsrpTalkerFailedAttribut
         return discard(
             intf, MsrpCounter::talkerFailedDiscarded,
             Runtime::format("Discard streamId 0x%s TalkerFailedJoin on %s as ingress port %s is different",
-                            hexStr(streamId), intf, stream->ingressIntf()));
+                            HexId{streamId}, intf, stream->ingressIntf()));
     }
     inputs_.brMsrpConfig->fdbConfigIs(vlan);
     claimGroup(*stream, intf);
@@ -36,8 +36,8 @@ bool MsrpSm::processTalkerFailedJoin(IntfId intf, const MsrpTalkerFailedAttribut
         sendTalkerInternalLeave(intf, streamId, TalkerState::Advertise);
     }
     if (!repeat) {
-        log(MSRP_TALKER_FAIL_JOIN, "received", intf, hexStr(streamId), number(code),
-            hexStr(attr.failedBridgeId()));
+        log(MSRP_TALKER_FAIL_JOIN, "received", intf, HexId{streamId}, number(code),
+            HexId{attr.failedBridgeId()});
         counterInc(intf, Direction::Rx, MsrpCounter::talkerFailed);
     }
     setTalkerState(*stream, intf, TalkerState::Failed);

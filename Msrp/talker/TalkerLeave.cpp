@@ -6,10 +6,10 @@ namespace Msrp {
 
 void MsrpSm::processTalkerAdvertiseLeave(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
     const U64 streamId = attr.streamId();
-    trace("processTalkerAdvertiseLeave( ", intf, " StreamId: 0x", hexStr(streamId), " )");
+    trace("processTalkerAdvertiseLeave( ", intf, " StreamId: 0x", HexId{streamId}, " )");
     ringTrace("talkerAdvertiseLeave", intf.number(), streamId);
 
-    const std::string id = hexStr(streamId);
+    const HexId id{streamId};
     const auto drop = [&](const std::string& text) {
         discard(intf, MsrpCounter::talkerAdvertiseLeaveDiscarded, text);
     };
@@ -47,10 +47,10 @@ void MsrpSm::processTalkerAdvertiseLeave(IntfId intf, const MsrpTalkerAdvertiseA
 
 void MsrpSm::processTalkerFailedLeave(IntfId intf, const MsrpTalkerFailedAttribute& attr) {
     const U64 streamId = attr.streamId();
-    trace("processTalkerFailedLeave( ", intf, " StreamId: 0x", hexStr(streamId), " )");
+    trace("processTalkerFailedLeave( ", intf, " StreamId: 0x", HexId{streamId}, " )");
     ringTrace("talkerFailedLeave", intf.number(), streamId);
 
-    const std::string id = hexStr(streamId);
+    const HexId id{streamId};
     const auto drop = [&](const std::string& text) {
         discard(intf, MsrpCounter::talkerFailedLeaveDiscarded, text);
     };

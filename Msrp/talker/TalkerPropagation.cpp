@@ -81,7 +81,7 @@ void MsrpSm::transmitTalkerAdvertise(IntfId intf, U64 streamId, TalkerState stat
     } else {
         if (current == TalkerState::Failed) {
             sendTalkerInternalLeave(intf, streamId, TalkerState::Failed);
-            log(MSRP_TALKER_ADV_JOIN, "transmitted", intf, hexStr(streamId), number(Code::noFailure));
+            log(MSRP_TALKER_ADV_JOIN, "transmitted", intf, HexId{streamId}, number(Code::noFailure));
         }
         setTalkerState(*stream, intf, TalkerState::Advertise);
         counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertise);
@@ -111,8 +111,8 @@ void MsrpSm::transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode c
     } else {
         if (current == TalkerState::Advertise) {
             sendTalkerInternalLeave(intf, streamId, TalkerState::Advertise);
-            log(MSRP_TALKER_FAIL_JOIN, "transmitted", intf, hexStr(streamId), number(code),
-                hexStr(stream->failedBridgeId()));
+            log(MSRP_TALKER_FAIL_JOIN, "transmitted", intf, HexId{streamId}, number(code),
+                HexId{stream->failedBridgeId()});
         }
         setTalkerState(*stream, intf, TalkerState::Failed);
         const bool stillWaits = old == code || (isBandwidthFailure(old) && isBandwidthFailure(code));
@@ -128,7 +128,7 @@ Code MsrpSm::judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf) {
     const U64 streamId = stream.streamId();
     const SrClassState state = status()->intfStatus(port)->srClassState(stream.srClass());
     if (state == SrClassState::Boundary) {
-        trace("ERROR: StreamId 0x", hexStr(streamId), ": Talker Failed on ", port, " since it is ",
+        trace("ERROR: StreamId 0x", HexId{streamId}, ": Talker Failed on ", port, " since it is ",
               srClassName(stream.srClass()), " Boundary port");
         return Code::egressPortNotAvbCapable;
     }

@@ -21,12 +21,12 @@ constexpr Wording failed{"TalkerFailedJoin", "91:e0:f0:00:00:00 -91:e0:f0:ff:ff:
 
 std::string checkAddress(const TalkerFacts& f, const Wording& w) {
     if (!f.macDa.isMulticast()) {
-        return format("Discard streamId 0x%s %s on %s with non-multicast Mac DA %s", hexStr(f.streamId),
+        return format("Discard streamId 0x%s %s on %s with non-multicast Mac DA %s", HexId{f.streamId},
                       w.join, f.intf, f.macDa);
     }
     if (!isAvbEthAddr(f.macDa)) {
         return format("Discard streamId 0x%s %s on %s with Mac DA: %s  not in the range %s",
-                      hexStr(f.streamId), w.join, f.intf, f.macDa, w.range);
+                      HexId{f.streamId}, w.join, f.intf, f.macDa, w.range);
     }
     return {};
 }
@@ -39,12 +39,12 @@ TalkerVerdict checkClass(const TalkerFacts& f, const Wording& w) {
         verdict.srClass = SrClassId::SrClassB;
     } else {
         verdict.discard = format("Discard streamId 0x%s %s on %s with non SR Class priority %d",
-                                 hexStr(f.streamId), w.join, f.intf, f.priority);
+                                 HexId{f.streamId}, w.join, f.intf, f.priority);
         return verdict;
     }
     const SrClassState state = verdict.srClass == SrClassId::SrClassA ? f.stateA : f.stateB;
     if (!isActive(state)) {
-        verdict.discard = format("Discard streamId 0x%s %s on %s since %s is %s", hexStr(f.streamId), w.join,
+        verdict.discard = format("Discard streamId 0x%s %s on %s since %s is %s", HexId{f.streamId}, w.join,
                                  f.intf, srClassName(verdict.srClass), srState(state));
     }
     return verdict;
@@ -58,7 +58,7 @@ TalkerVerdict checkTalkerAdvertise(const TalkerFacts& f) {
     if (auto discard = checkAddress(f, advertise); !discard.empty()) return {std::move(discard), {}};
     if (f.knownIngress && f.knownIngress != f.intf) {
         return {format("Discard streamId 0x%s TalkerAdvJoin on %s since streamId is already in use on %s",
-                       hexStr(f.streamId), f.intf, f.knownIngress),
+                       HexId{f.streamId}, f.intf, f.knownIngress),
                 {}};
     }
     return checkClass(f, advertise);

@@ -16,6 +16,12 @@ bool isAvbEthAddr(const EthAddr& address);
 /// A stream or bridge id in upper-case hexadecimal without leading zeros and without "0x".
 std::string hexStr(U64 id);
 
+/// The same as a piece of a message that is put into text only if the message is written.
+struct HexId {
+    U64 id;
+    [[nodiscard]] std::string text() const { return hexStr(id); }
+};
+
 /// "SrClassA" for class A, "SrClassB" for anything else.
 std::string_view srClassName(SrClassId srClass);
 
