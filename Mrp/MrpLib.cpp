@@ -28,8 +28,8 @@ void MrpLib::mrpCleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std
     if (engine_ != nullptr) engine_->cleanUpIntfDatabaseAttribute(intf, type, key);
 }
 
-bool MrpLib::mrpRegistered(IntfId intf, std::uint8_t type, std::uint64_t key) const {
-    return engine_ != nullptr && engine_->attributeRegistered(intf, type, key);
+bool MrpLib::mrpHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const {
+    return engine_ != nullptr && engine_->attributeHeld(intf, type, key);
 }
 
 std::string MrpLib::baseSpanningTreeTopo(IntfId intf) const {

@@ -174,9 +174,9 @@ void MrpSm::cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::ui
     if (const auto purged = participant(intf)) purged->purge({typeIndex(type), key});
 }
 
-bool MrpSm::attributeRegistered(IntfId intf, std::uint8_t type, std::uint64_t key) const {
+bool MrpSm::attributeHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const {
     const auto holder = participant(intf);
-    return holder && holder->registered({typeIndex(type), key});
+    return holder && holder->held({typeIndex(type), key});
 }
 
 std::uint8_t MrpSm::typeIndex(std::uint8_t type) const {

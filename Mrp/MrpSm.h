@@ -56,7 +56,7 @@ struct Inputs {
     bool standbyMode;
 };
 
-class MrpSm : private Participant::Host {
+class MrpSm final : private Participant::Host {
 public:
     /// Binds itself to `inputs.application` for as long as it lives.
     explicit MrpSm(Inputs inputs);
@@ -82,7 +82,7 @@ public:
     void interfaceDisable(IntfId intf);
     void cleanUpIntfDatabase(IntfId intf);
     void cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
-    [[nodiscard]] bool attributeRegistered(IntfId intf, std::uint8_t type, std::uint64_t key) const;
+    [[nodiscard]] bool attributeHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const;
     [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
     [[nodiscard]] VlanId nativeVlanId(IntfId intf) const;
     [[nodiscard]] PeriodicSm& periodicSm() { return periodicSm_; }

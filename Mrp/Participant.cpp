@@ -147,6 +147,11 @@ void Participant::offerAgain(const AttributeRef& ref) {
     publish();
 }
 
+bool Participant::held(const AttributeRef& ref) const {
+    const auto at = attributes_[ref.typeIndex].find(ref.key);
+    return at != attributes_[ref.typeIndex].end() && at->second.registered() && at->second.held;
+}
+
 bool Participant::registered(const AttributeRef& ref) const {
     const auto at = attributes_[ref.typeIndex].find(ref.key);
     return at != attributes_[ref.typeIndex].end() && at->second.registered();

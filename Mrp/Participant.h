@@ -98,6 +98,8 @@ public:
     /// Offers what is registered to the application once more.
     void offerAgain(const AttributeRef& ref);
     [[nodiscard]] bool registered(const AttributeRef& ref) const;
+    /// The application holds the attribute: it accepted it, and will be told when it leaves.
+    [[nodiscard]] bool held(const AttributeRef& ref) const;
     [[nodiscard]] bool refused(const AttributeRef& ref) const { return refused_.contains(ref); }
     [[nodiscard]] const std::set<AttributeRef>& refused() const { return refused_; }
 

@@ -124,7 +124,7 @@ TEST(Exchange, DomainsAreDeliveredFirst) {
 
 TEST(Transmission, ConsecutiveValuesPackAndGapsAreBridged) {
     Pair net;
-    for (const std::uint64_t key : {3, 1, 4, 2}) net.a.app.declare("a1", 1, key, 7);
+    for (const std::uint64_t key : {3U, 1U, 4U, 2U}) net.a.app.declare("a1", 1, key, 7);
     net.loop.runFor(1s);
     net.a.app.withdraw("a1", 1, 1, 7);
     net.a.app.withdraw("a1", 1, 4, 7);

@@ -106,7 +106,7 @@ TEST(InternalLeave, ForgetsBothSidesSilentlyAndKeepsARefusal) {
     net.loop.runFor(1s);
     net.sent("a1");
     net.a.app.take();
-    for (const std::uint64_t key : {5, 6}) net.a.app.request("a1", 1, key, 100, Mrp::requestInternalLeave);
+    for (const std::uint64_t key : {5U, 6U}) net.a.app.request("a1", 1, key, 100, Mrp::requestInternalLeave);
     net.loop.runFor(1s);
     EXPECT_EQ(net.sent("a1") + net.a.app.take(), "");
     net.b.app.declare("b1", 4, 6, 3);
