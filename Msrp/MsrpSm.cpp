@@ -7,10 +7,7 @@
 namespace Msrp {
 
 MsrpSm::MsrpSm(Inputs inputs, Platform platform) : inputs_{std::move(inputs)}, platform_{platform} {
-    if (inputs_.cliConfig) {
-        percentA_ = inputs_.cliConfig->srClassABandwidthPercent();
-        percentB_ = inputs_.cliConfig->srClassBBandwidthPercent();
-    }
+    if (inputs_.cliConfig) (void)keepPercentages();
     reactToInputs();
     handleInitialized();
 }
@@ -18,7 +15,7 @@ MsrpSm::MsrpSm(Inputs inputs, Platform platform) : inputs_{std::move(inputs)}, p
 MsrpSm::~MsrpSm() {
     // Reactors first: nothing may run while the rest goes.
     for (State::Reactor* reactor : {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_,
-                                    &qosStatusReactor_, &topoLibReactor_}) {
+                                    &qosStatusReactor_, &stpStatusReactor_, &topoLibReactor_}) {
         *reactor = State::Reactor{};
     }
     intfStatusDelAll();
@@ -57,12 +54,17 @@ void MsrpSm::reactToInputs() {
     }
     if (inputs_.brConfig) {
         brConfigReactor_ = inputs_.brConfig->react([this](const State::Change& change) {
-            const auto* intf = change.key<IntfId>();
-            if (intf != nullptr && change.field == "switchIntfConfig") handleSwitchIntfConfig(*intf);
+            if (const auto* intf = change.key<IntfId>()) handleSwitchIntfConfig(*intf);
+            if (const auto* vlan = change.key<VlanId>()) handleVlanConfig(*vlan);
         });
     }
     if (inputs_.qosStatus) {
         qosStatusReactor_ = inputs_.qosStatus->react([this](const State::Change&) { doUpdateShapeRate(); });
+    }
+    if (inputs_.stpStatus) {
+        stpStatusReactor_ = inputs_.stpStatus->react([this](const State::Change& change) {
+            if (change.field == "mode") handleStpMode();
+        });
     }
     if (inputs_.topoLib) {
         topoLibReactor_ = inputs_.topoLib->react([this](const State::Change& change) {
@@ -107,14 +109,36 @@ void MsrpSm::switchIntfConfigIs(IntfId intf) {
 void MsrpSm::handleSwitchIntfConfig(IntfId intf) {
     if (inputs_.brConfig->switchIntfConfig(intf)) {
         switchIntfConfigIs(intf);
-        handleIntfEnable(intf);
+        // Another native VLAN may mean another base topology.
+        refreshPort(intf);
     } else {
         switchIntfConfigDel(intf);
         handleNativeVlan(intf);
     }
 }
 
+void MsrpSm::handleStpMode() {
+    if (!initialized() || standbyMode()) return;
+    // Another mode gives ports another base topology, or none.  The topology library has followed already.
+    const auto& ports = status()->intfStatus();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+        const bool published = status()->intfStatus(*intf)->portState() == MsrpPortState::Forwarding;
+        if (published != isPortForwarding(*intf)) refreshPort(*intf);
+    }
+}
+
+void MsrpSm::handleVlanConfig(VlanId vlan) {
+    // Where every VLAN has its own spanning tree, a port is without a base topology while its native VLAN is not
+    // configured.
+    if (!initialized() || standbyMode() || inputs_.stpStatus->mode() != Stp::Mode::Pvst) return;
+    const auto& ports = status()->intfStatus();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+        if (inputs_.msrpLib->getNativeVlanId(*intf) == vlan) refreshPort(*intf);
+    }
+}
+
 void MsrpSm::handleCliConfig(const State::Change& change) {
+    const bool grown = keepPercentages();
     if (!initialized() || standbyMode()) return;
     const auto everyPort = [this](auto act) {
         const auto& ports = status()->intfStatus();
@@ -122,6 +146,7 @@ void MsrpSm::handleCliConfig(const State::Change& change) {
     };
     const std::string_view field = change.field;
     trace("MsrpSm::handleCliConfig( ", field, " )");
+    ringTrace("handleCliConfig");
     if (field == "shapeRateFactor" || field == "shapingDisabled") {
         doUpdateShapeRate();
     } else if (field == "srClassASupported" || field == "srClassBSupported") {
@@ -140,21 +165,21 @@ void MsrpSm::handleCliConfig(const State::Change& change) {
         if (const auto* intf = change.key<IntfId>(); intf != nullptr && status()->intfStatus(*intf))
             readmitPort(*intf);
     } else if (field == "srClassABandwidthPercent" || field == "srClassBBandwidthPercent") {
-        handleBandwidthPercent();
+        // Less binds later decisions only; more is bandwidth released on every port.
+        if (!grown) return;
+        everyPort([&](IntfId intf) { bandwidthReleasedIs(intf, true); });
+        reprocessBandwidthFailedStreams();
     }
     // A new maxFrameSizeLimit binds each stream from the next repetition of its declaration.
 }
 
-void MsrpSm::handleBandwidthPercent() {
+bool MsrpSm::keepPercentages() {
     const U8 percentA = inputs_.cliConfig->srClassABandwidthPercent();
     const U8 percentB = inputs_.cliConfig->srClassBBandwidthPercent();
     const bool grown = percentA > percentA_ || percentB > percentB_;
     percentA_ = percentA;
     percentB_ = percentB;
-    // Less binds later decisions only; more is bandwidth released on every port.
-    if (!grown) return;
-    status()->intfStatus().each([this](IntfId intf, const auto&) { bandwidthReleasedIs(intf, true); });
-    reprocessBandwidthFailedStreams();
+    return grown;
 }
 
 void MsrpSm::handleInitialized() {
@@ -169,20 +194,42 @@ void MsrpSm::handleInitialized() {
 void MsrpSm::handleStandbyMode() {
     Runtime::require(initialized(), "initialized()");
     trace("MsrpSm::handleStandbyMode( ", standbyMode(), " )");
-    if (!standbyMode()) {
-        const auto& published = status()->registeredStreams();
-        for (auto id = published.firstKey(); id; id = published.nextKey(*id)) {
-            streamListIs(status()->registeredStreams(*id));
-        }
-    }
+    ringTrace("handleStandbyMode", standbyMode() ? 1 : 0);
+    if (!standbyMode()) rebuildStreams();
     for (auto intf = config().intfEnable().firstKey(); intf; intf = config().intfEnable().nextKey(*intf)) {
         setPortState(*intf);
         setLinkStatus(*intf);
         handleIntfEnable(*intf);
     }
+    if (!standbyMode()) {
+        // What was on its way out when the other side stopped acting goes now.
+        const auto& ports = status()->intfStatus();
+        for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+            if (!config().intfEnable(*intf)) handleIntfEnable(*intf);
+        }
+        forEachStream([this](U64 id, StreamData&) { cleanupStreamDataIfEmpty(id); });
+    }
     // Reviews that were asked for in standby are made up for.
     msrpAdditionSm_->doUpdateReviewTimer();
     msrpDeletionSm_->doUpdateReviewTimer();
+}
+
+void MsrpSm::rebuildStreams() {
+    // What an earlier active life left here is not what is published now.
+    streamListDelAll();
+    addPendingStream_.clear();
+    deletePendingStream_.clear();
+    deletePendingStreamIntfsDelAll();
+    bandwidthFailedIntfDelAll();
+    bandwidthReleasedDelAll();
+    macDaBlockedDelAll();
+    const auto& published = status()->registeredStreams();
+    for (auto id = published.firstKey(); id; id = published.nextKey(*id)) {
+        const auto stream = status()->registeredStreams(*id);
+        // Withdrawals that waited for a review were known to the other side only.
+        if (!stream->ingressIntf()) stream->talkerDelAll();
+        streamListIs(stream);
+    }
 }
 
 void MsrpSm::doMaybeStopMsrp() {
@@ -195,7 +242,7 @@ void MsrpSm::doMaybeStopMsrp() {
 
 void MsrpSm::hasNotificationActiveIs(bool active) {
     for (State::Reactor* reactor : {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_,
-                                    &qosStatusReactor_, &topoLibReactor_}) {
+                                    &qosStatusReactor_, &stpStatusReactor_, &topoLibReactor_}) {
         reactor->hasNotificationActiveIs(active);
     }
     for (auto& [intf, reactor] : intfReactor_) reactor.hasNotificationActiveIs(active);
@@ -220,14 +267,14 @@ void MsrpSm::counterInc(IntfId intf, Direction direction, MsrpCounter counter) {
     }
 }
 
-void MsrpSm::error(const std::string& text) const {
-    trace("ERROR: ", text);
+void MsrpSm::discard(const std::string& text) const {
+    trace(": Discarding ", text);
     log(MSRP_ERROR, text);
 }
 
-void MsrpSm::notice(const std::string& text) const {
-    trace(text);
-    log(MSRP_NOTIF, text);
+void MsrpSm::error(const std::string& text) const {
+    trace("ERROR: ", text);
+    log(MSRP_ERROR, text);
 }
 
 std::shared_ptr<StreamData> MsrpSm::streamList(U64 streamId) const {

@@ -263,7 +263,10 @@ private:
     // Reactors
     void reactToInputs();
     void handleCliConfig(const State::Change& change);
-    void handleBandwidthPercent();
+    void handleStpMode();
+    void handleVlanConfig(VlanId vlan);
+    /// Takes over the shares that are configured; true when one has grown.
+    bool keepPercentages();
     void intfStatusIs(IntfId intf);
     void intfStatusDel(IntfId intf) { intfReactor_.erase(intf); }
     void intfStatusDelAll() { intfReactor_.clear(); }
@@ -285,6 +288,12 @@ private:
     void createIntfStatus(IntfId intf);
     void admitPort(IntfId intf);
     void stopPort(IntfId intf);
+    /// Takes the port out of both classes, with every stream and listener on it.
+    void leaveClasses(IntfId intf);
+    /// Looks anew whether the port forwards, and enables or stops it accordingly.
+    void refreshPort(IntfId intf);
+    /// True for a port that declarations are propagated to: enabled, and with a status.
+    [[nodiscard]] bool isCandidate(IntfId intf) const { return config().intfEnable(intf) && inputs_.status->intfStatus(intf); }
     /// Stops the port and removes its status.
     void removePort(IntfId intf);
     /// Lets the port start over: out of both classes, nothing registered, then enabled again.
@@ -304,6 +313,10 @@ private:
     /// Forgets that the stream waits for anything.
     void removeFromQueues(U64 streamId, EthAddr macDa);
     void clearIngress(StreamData& stream);
+    /// The stream could take its destination address now.
+    [[nodiscard]] bool addressFree(const StreamData& stream) const;
+    /// Makes the working tables anew from what is published.
+    void rebuildStreams();
 
     // Talkers
     template <class Attribute>
@@ -335,13 +348,15 @@ private:
     }
     /// MSRP_ERROR and the trace with it.
     void error(const std::string& text) const;
-    void notice(const std::string& text) const;
+    /// The same for a declaration that is discarded.
+    void discard(const std::string& text) const;
 
     Inputs inputs_;
     Platform platform_;
     bool initialized_ = false;
     U8 percentA_ = 0;  ///< the shares at their last change, to tell growth from shrinkage
     U8 percentB_ = 0;
+    IntfId closingIntf_;  ///< the port that is leaving its classes; it admits nobody meanwhile
 
     std::map<U64, std::shared_ptr<StreamData>> streamList_;
     std::map<EthAddr, std::set<U64>> streamsByMacDa_;
@@ -359,6 +374,7 @@ private:
     State::Reactor ethPhyReactor_;
     State::Reactor brConfigReactor_;
     State::Reactor qosStatusReactor_;
+    State::Reactor stpStatusReactor_;
     State::Reactor topoLibReactor_;
     std::map<IntfId, State::Reactor> intfReactor_;
     std::map<IntfId, State::Reactor> switchIntfReactor_;

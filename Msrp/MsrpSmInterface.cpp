@@ -49,8 +49,9 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
     if (isLinkUp(intf) && isPortForwarding(intf) && someClass) {
         admitPort(intf);
     } else {
-        (void)isAttrLogOutClogged();
         stopPort(intf);
+        (void)isAttrLogOutClogged();
+        inputs_.msrpLib->mrpInterfaceDisable(intf);
     }
 }
 
@@ -84,14 +85,25 @@ void MsrpSm::admitPort(IntfId intf) {
 
 void MsrpSm::stopPort(IntfId intf) {
     status()->intfStatus(intf)->lvAllSentIs(false);
+    leaveClasses(intf);
+}
+
+void MsrpSm::leaveClasses(IntfId intf) {
+    closingIntf_ = intf;
     for (const SrClassId srClass : bothClasses) setSrClassState(intf, srClass, SrClassState::NotSupported);
     releaseListeners(intf);
-    // What was withdrawn above still goes out while the link is up.
-    inputs_.msrpLib->mrpInterfaceDisable(intf);
+    closingIntf_ = IntfId{};
+}
+
+void MsrpSm::refreshPort(IntfId intf) {
+    setPortState(intf);
+    handleIntfEnable(intf);
 }
 
 void MsrpSm::removePort(IntfId intf) {
     stopPort(intf);
+    // What was withdrawn above still goes out while the link is up.
+    inputs_.msrpLib->mrpInterfaceDisable(intf);
     bandwidthFailedIntfDel(intf);
     bandwidthReleasedDel(intf);
     status()->intfStatusDel(intf);
@@ -104,8 +116,7 @@ void MsrpSm::withdrawPorts() {
 }
 
 void MsrpSm::readmitPort(IntfId intf) {
-    for (const SrClassId srClass : bothClasses) setSrClassState(intf, srClass, SrClassState::NotSupported);
-    releaseListeners(intf);
+    leaveClasses(intf);
     inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
     handleIntfEnable(intf);
 }
@@ -135,14 +146,15 @@ void MsrpSm::setLinkStatus(IntfId intf) {
 
 void MsrpSm::handleLinkStatus(IntfId intf) {
     trace("MsrpSm::handleLinkStatus( ", intf, " )");
+    ringTrace("handleLinkStatus", intf.number());
     if (!actsOn(intf)) return;
     setLinkStatus(intf);
-    setPortState(intf);
-    handleIntfEnable(intf);
+    refreshPort(intf);
 }
 
 void MsrpSm::handleSpeed(IntfId intf) {
     trace("MsrpSm::handleSpeed( ", intf, " )");
+    ringTrace("handleSpeed", intf.number());
     if (!actsOn(intf)) return;
     error(Runtime::format("%s link speed changed", intf));
     readmitPort(intf);

@@ -10,8 +10,8 @@ const std::string criticalServices = "CriticalServices";
 }  // namespace
 
 RedundancyStatusSm::RedundancyStatusSm(std::shared_ptr<const Redundancy::RedundancyStatus> status,
-                                       std::function<void(bool)> roleIs)
-    : status_{std::move(status)}, roleIs_{std::move(roleIs)} {
+                                       std::function<void(bool)> roleIs, const Runtime::Trace& trace)
+    : status_{std::move(status)}, roleIs_{std::move(roleIs)}, trace_{trace} {
     if (!status_) return;
     reactor_ = status_->react([this](const State::Change& change) {
         // The event may complete after the mode was set.
@@ -22,13 +22,20 @@ RedundancyStatusSm::RedundancyStatusSm(std::shared_ptr<const Redundancy::Redunda
     handleRedundancyMode();
 }
 
+void RedundancyStatusSm::handleRedundancyMode(const std::string& attribute) {
+    trace_(Runtime::TraceLevel::handler, "handleRedundancyMode( ", attribute, " )");
+    handleRedundancyMode();
+}
+
 void RedundancyStatusSm::handleRedundancyMode() {
     switch (status_->mode()) {
         case Redundancy::Mode::standby:
             roleIs_(true);
             break;
         case Redundancy::Mode::active:
-            if (status_->eventComplete(criticalServices)) roleIs_(false);
+            if (!status_->eventComplete(criticalServices)) break;
+            trace_(Runtime::TraceLevel::handler, " Marking event CriticalServices complete...");
+            roleIs_(false);
             break;
         case Redundancy::Mode::switchover:
             break;

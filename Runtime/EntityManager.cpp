@@ -34,7 +34,8 @@ bool EntityManager::writable(std::string_view path) const {
 }
 
 void EntityManager::localEntityDelAll() {
-    for (const std::string& path : local_) database_.entityDel(path);
+    for (const std::string& path : created_) database_.entityDel(path);
+    created_.clear();
     local_.clear();
 }
 

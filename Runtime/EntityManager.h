@@ -20,7 +20,8 @@ public:
     /// Makes an entity that this agent owns (or finds the one that is there); it goes with the agent.
     template <class R>
     std::shared_ptr<R> localEntityIs(std::string_view path) {
-        if (!database_.entity(path)) local_.emplace_back(path);
+        if (!database_.entity(path)) created_.emplace_back(path);
+        local_.emplace_back(path);
         return database_.entityIs<R>(path);
     }
     /// Asks for a mount.  `mode`: "r", "w" or "wc".
@@ -38,7 +39,7 @@ public:
     [[nodiscard]] std::shared_ptr<R> writer(std::string_view path) const {
         return writable(path) ? std::dynamic_pointer_cast<R>(database_.entity(path)) : nullptr;
     }
-    /// Drops the local entities.
+    /// Drops the local entities that this agent made.
     void localEntityDelAll();
 
 private:
@@ -52,6 +53,7 @@ private:
     State::Database& database_;
     std::vector<Mount> mounts_;
     std::vector<std::string> local_;
+    std::vector<std::string> created_;  ///< those of `local_` that nobody else had made
 };
 
 }  // namespace Runtime

@@ -30,33 +30,33 @@ void TopologyAgent::refresh() {
     if (refreshing_) return;  // a change of our own
     refreshing_ = true;
     keepOwnTopology();
-    for (auto name = topology_->topoConfig().firstKey(); name;
-         name = topology_->topoConfig().nextKey(*name)) {
-        if (const auto topo = topology_->topoConfig(*name)) keepVlans(*topo);
-    }
+    // A VLAN that moves leaves its old topology before it enters the new one: the other way round it would look blocked.
+    forEachPort([this](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
+        const auto& vlans = port.vlanPortConfig();
+        for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan)) {
+            if (!member(topo, *vlan, intf)) port.vlanPortConfigDel(*vlan);
+        }
+    });
+    forEachPort([this](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
+        const auto& vlans = bridging_->vlanConfig();
+        for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan)) {
+            if (const auto held = member(topo, *vlan, intf)) port.vlanPortConfigIs(*vlan, held->tagged());
+        }
+    });
     refreshing_ = false;
 }
 
 void TopologyAgent::keepOwnTopology() {
     const std::string own{Stp::noStpName};
     if (stp_->mode() != Stp::Mode::None) {
-        for (auto vlan = topology_->vlanTopology().firstKey(); vlan;
-             vlan = topology_->vlanTopology().nextKey(*vlan)) {
-            if (topology_->vlanTopology().get(*vlan) == own) topology_->vlanTopologyDel(*vlan);
-        }
         topology_->topoConfigDel(own);
         return;
     }
     std::set<IntfId> ports;
     ports_->intfStatus().each([&](IntfId intf, const auto&) { ports.insert(intf); });
-    bridging_->vlanConfig().each([&](VlanId, const VlanConfig& vlan) {
-        vlan.intf().each([&](IntfId intf, const auto&) { ports.insert(intf); });
-    });
+    bridging_->vlanConfig().each(
+        [&](VlanId, const VlanConfig& vlan) { vlan.intf().each([&](IntfId intf, const auto&) { ports.insert(intf); }); });
 
-    for (auto vlan = bridging_->vlanConfig().firstKey(); vlan;
-         vlan = bridging_->vlanConfig().nextKey(*vlan)) {
-        topology_->vlanTopologyIs(*vlan, own);
-    }
     const auto topo = topology_->topoConfigIs(own);
     for (auto intf = topo->topoPortConfig().firstKey(); intf; intf = topo->topoPortConfig().nextKey(*intf)) {
         if (!ports.contains(*intf)) topo->topoPortConfigDel(*intf);
@@ -64,21 +64,21 @@ void TopologyAgent::keepOwnTopology() {
     for (const IntfId intf : ports) topo->topoPortConfigIs(intf)->stateIs(Topology::PortState::forwarding);
 }
 
-void TopologyAgent::keepVlans(Topology::TopoConfig& topo) {
-    const auto tagged = [&](VlanId vlan, IntfId intf) -> std::shared_ptr<const VlanPortConfig> {
-        if (topology_->vlanTopology().get(vlan) != topo.name()) return nullptr;
-        const auto config = bridging_->vlanConfig(vlan);
-        return config ? config->intf(intf) : nullptr;
-    };
-    for (auto intf = topo.topoPortConfig().firstKey(); intf; intf = topo.topoPortConfig().nextKey(*intf)) {
-        const auto port = topo.topoPortConfig(*intf);
-        for (auto vlan = port->vlanPortConfig().firstKey(); vlan;
-             vlan = port->vlanPortConfig().nextKey(*vlan)) {
-            if (!tagged(*vlan, *intf)) port->vlanPortConfigDel(*vlan);
-        }
-        for (auto vlan = bridging_->vlanConfig().firstKey(); vlan;
-             vlan = bridging_->vlanConfig().nextKey(*vlan)) {
-            if (const auto member = tagged(*vlan, *intf)) port->vlanPortConfigIs(*vlan, member->tagged());
+std::shared_ptr<const VlanPortConfig> TopologyAgent::member(const std::string& topo, VlanId vlan, IntfId intf) const {
+    // The own topology carries every VLAN, whatever the map prepares for other modes.
+    if (topo != Stp::noStpName && topology_->vlanTopology().get(vlan) != topo) return nullptr;
+    const auto config = bridging_->vlanConfig(vlan);
+    return config ? config->intf(intf) : nullptr;
+}
+
+void TopologyAgent::forEachPort(
+    const std::function<void(const std::string&, IntfId, Topology::TopoPortConfig&)>& visit) {
+    const auto& topos = topology_->topoConfig();
+    for (auto name = topos.firstKey(); name; name = topos.nextKey(*name)) {
+        const auto topo = topology_->topoConfig(*name);
+        const auto& ports = topo->topoPortConfig();
+        for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+            if (const auto port = topo->topoPortConfig(*intf)) visit(*name, *intf, *port);
         }
     }
 }

@@ -8,7 +8,9 @@
 #include "Switch/Interface.h"
 #include "Switch/Stp.h"
 
+#include <functional>
 #include <memory>
+#include <string>
 
 namespace Bridging {
 
@@ -21,7 +23,10 @@ public:
 private:
     void refresh();
     void keepOwnTopology();
-    void keepVlans(Topology::TopoConfig& topo);
+    /// How the port carries the VLAN, where that topology carries it; else null.
+    [[nodiscard]] std::shared_ptr<const VlanPortConfig> member(const std::string& topo, VlanId vlan, IntfId intf) const;
+    /// Calls `visit` for each port of each topology.
+    void forEachPort(const std::function<void(const std::string&, IntfId, Topology::TopoPortConfig&)>& visit);
 
     std::shared_ptr<const Config> bridging_;
     std::shared_ptr<const Stp::Status> stp_;

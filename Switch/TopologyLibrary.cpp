@@ -93,11 +93,11 @@ void TopoLibSm::handlePort(const std::string& topo, IntfId intf) {
         if (const auto* vlan = change.key<VlanId>()) handleVlan(topo, intf, *vlan);
     });
     lib->topoPortIs(intf);
+    // The state comes first: who follows a VLAN's arrival looks at it.
+    handleState(topo, intf);
     for (auto vlan = port->vlanPortConfig().firstKey(); vlan; vlan = port->vlanPortConfig().nextKey(*vlan)) {
         handleVlan(topo, intf, *vlan);
     }
-    // The state comes last: who follows it finds the port's VLANs in place.
-    handleState(topo, intf);
 }
 
 void TopoLibSm::handleState(const std::string& topo, IntfId intf) {

@@ -48,6 +48,7 @@ void MsrpSm::handlePortState(const std::string& topoName, IntfId intf) {
     const auto* port = topoPort(topoName, intf);
     if (port == nullptr || port->state() == PortState::unknown) return;
     trace("MsrpSm::handlePortState( ", topoName, ", ", intf, " )");
+    ringTrace("handlePortState", intf.number());
     const std::string base = baseSpanningTreeTopo(intf);
     const bool forwarding = isPortForwarding(intf);
     const bool published = status()->intfStatus(intf)->portState() == MsrpPortState::Forwarding;
@@ -108,9 +109,11 @@ void MsrpSm::closeTopoPort(const std::string& name, const Bridging::Topology::To
     const IntfId intf = port.intfId();
     if (!actsOn(intf)) return;
     trace("Closing port ", intf, " of topology ", name);
-    if (name == baseSpanningTreeTopo(intf)) {
-        setPortState(intf);
-        handleIntfEnable(intf);
+    const std::string base = baseSpanningTreeTopo(intf);
+    const bool published = status()->intfStatus(intf)->portState() == MsrpPortState::Forwarding;
+    // With another spanning-tree mode the port may have another base topology, or none.
+    if (name == base || published != isPortForwarding(intf)) {
+        refreshPort(intf);
         return;
     }
     for (auto vlan = port.vlanPortConfig().firstKey(); vlan; vlan = port.vlanPortConfig().nextKey(*vlan)) {

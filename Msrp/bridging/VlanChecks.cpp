@@ -54,6 +54,7 @@ void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf) {
 void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf, VlanId vlan) {
     if (!actsOn(intf)) return;
     trace("MsrpSm::handleVlanPortConfig( ", intf, ", ", vlan, " )");
+    ringTrace("handleVlanPortConfig", intf.number(), vlan.value());
     if (vlan == inputs_.msrpLib->getNativeVlanId(intf)) return;
     const auto* port = topoPort(topoName, intf);
     if (port == nullptr) return;
@@ -76,13 +77,18 @@ void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf, Vlan
 void MsrpSm::handleNativeVlan(IntfId intf) {
     if (!actsOn(intf)) return;
     trace("MsrpSm::handleNativeVlan( ", intf, " )");
+    ringTrace("handleNativeVlan", intf.number());
     if (inputs_.stpStatus->mode() == Stp::Mode::Mstp) return;
     if (inputs_.brConfig->switchIntfConfig(intf)) {
-        handlePortState(baseSpanningTreeTopo(intf), intf);
+        const std::string base = baseSpanningTreeTopo(intf);
+        if (base.empty()) {
+            refreshPort(intf);  // without a base topology the port is blocked
+        } else {
+            handlePortState(base, intf);
+        }
         return;
     }
-    for (const SrClassId srClass : bothClasses) setSrClassState(intf, srClass, SrClassState::NotSupported);
-    releaseListeners(intf);
+    leaveClasses(intf);
     inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
 }
 

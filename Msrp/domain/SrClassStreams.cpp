@@ -73,6 +73,7 @@ void MsrpSm::deregisterSrClassStreams(IntfId intf, SrClassId srClass, U16 vlanId
                 removeListener(intf, id, ListenerState::AskingFailed);
                 propagateListenerAttribute(id);
             }
+            if (!stream.ingressIntf()) return;
             if (talker == TalkerState::Advertise) {
                 counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
                 transmitTalkerFailed(intf, id, code, TalkerState::Failed);

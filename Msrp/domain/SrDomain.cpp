@@ -37,14 +37,14 @@ bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& att
     trace("MsrpSm::processDomainVectorJoin( ", intf, ", class ", number(srClass), " )");
     ringTrace("processDomainJoin", intf.number(), number(srClass), attr.srClassPriority());
     if (!isClass(srClass)) {
-        error(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
+        discard(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
                               number(srClass)));
         return true;
     }
     const auto intfStatus = status()->intfStatus(intf);
     const SrClassState state = intfStatus->srClassState(srClass);
     if (state == SrClassState::NotSupported) {
-        error(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
+        discard(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
                               srClassName(srClass)));
         return true;
     }
@@ -71,13 +71,13 @@ void MsrpSm::processDomainVectorLeave(IntfId intf, const MsrpDomainAttribute& at
     ringTrace("processDomainLeave", intf.number(), number(srClass), attr.srClassPriority());
     // Both discards are worded as those of a join.
     if (!isClass(srClass)) {
-        error(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
+        discard(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
                               number(srClass)));
         return;
     }
     const SrClassState state = status()->intfStatus(intf)->srClassState(srClass);
     if (state == SrClassState::NotSupported) {
-        error(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
+        discard(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
                               srClassName(srClass)));
         return;
     }
@@ -95,6 +95,8 @@ void MsrpSm::setSrClassState(IntfId intf, SrClassId srClass, SrClassState state)
     Runtime::require(intfStatus != nullptr, "intfStatus");
     const SrClassState old = intfStatus->srClassState(srClass);
     if (state == old) return;
+    trace("MsrpSm::setSrClassState( ", intf, ", ", srClassName(srClass), " ) from ", number(old), " to ", number(state));
+    ringTrace("setSrClassState", intf.number(), number(srClass), number(old) << 8 | number(state));
     log(MSRP_SR_CLASS_TRANSITION, number(srClass), intf, number(old), number(state));
     intfStatus->srClassStateIs(srClass, state);
 

@@ -83,7 +83,7 @@ void MsrpSm::cleanupStreamDataIfEmpty(const U64& id) {
         trace(": Deleted ethGroup since there is no talker");
     }
     for (const auto& [port, enabled] : config().intfEnable()) {
-        if (port != ingress && stream->hasListenerStateOrig(port)) {
+        if (port != ingress && isCandidate(port) && stream->hasListenerStateOrig(port)) {
             // Kept for its listeners, without what its talker brought.
             streamMacDaIs(*stream, EthAddr{});
             stream->vlanIdIs(0);

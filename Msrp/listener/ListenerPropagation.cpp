@@ -20,7 +20,7 @@ void MsrpSm::propagateListenerAttribute(const U64& streamId) {
     }
     ListenerState merged = ListenerState::Ignore;
     for (const auto& [port, enabled] : config().intfEnable()) {
-        if (port == ingress || getTalkerState(*stream, port) == TalkerState::None) continue;
+        if (port == ingress || !isCandidate(port) || getTalkerState(*stream, port) == TalkerState::None) continue;
         merged = mergeListener(merged, stream->listenerState(port));
     }
     if (merged == stream->listenerState(ingress)) {

@@ -41,8 +41,7 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
     // A repetition of what is discarded is told, but counted once.
     const auto drop = [&](const std::string& text) {
         if (changed) return discard(intf, listenerDiscardCounter(state), text);
-        trace(": Discarding ", text);
-        log(MSRP_ERROR, text);
+        discard(text);
         return true;
     };
     if (!stream->ingressIntf()) {

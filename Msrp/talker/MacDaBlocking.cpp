@@ -22,11 +22,17 @@ void MsrpSm::removeMacDaBlockedStream(EthAddr macDa, U64 streamId) {
     if (const auto blocked = macDaBlocked(macDa)) blocked->failedStreamDelFirst(streamId);
 }
 
+bool MsrpSm::addressFree(const StreamData& stream) const {
+    const auto intfStatus = inputs_.status->intfStatus(stream.ingressIntf());
+    const auto fdb = inputs_.brMsrpConfig->fdbConfig(VlanId{stream.vlanId()});
+    return intfStatus && isActive(intfStatus->srClassState(stream.srClass())) && !(fdb && fdb->ethGroup(stream.macDa()));
+}
+
 void MsrpSm::reprocessMacDaFailedStreams(EthAddr macDa) {
     const std::shared_ptr<MacDaBlocked> blocked = macDaBlocked(macDa);
     if (!blocked) return;
-    // A stream that finds the address taken again queues up anew: the walk ends where the queue ended before
-    // it, and tries each stream once.
+    // Once one of them has taken the address the others only keep their places: a peer that waits with thousands of streams
+    // must not cost a full attempt for each of them at each leave.  What queues up anew meanwhile is not visited.
     const auto last = blocked->tail();
     std::set<U64> tried;
     for (auto index = blocked->head(); last && index && *index <= *last; index = blocked->next(*index)) {
@@ -37,7 +43,7 @@ void MsrpSm::reprocessMacDaFailedStreams(EthAddr macDa) {
                            stream->talkerFailureCode(ingress) == TalkerFailureCode::destinationAddressInUse;
         if (!waits) {
             blocked->failedStreamDel(*index);
-        } else if (tried.insert(streamId).second) {
+        } else if (addressFree(*stream) && tried.insert(streamId).second) {
             processTalkerAdvertiseJoin(ingress, streamDataTalkerAttribute(streamId));
         }
     }

@@ -24,8 +24,7 @@ bool firstValueDiffers(const StreamData& stream, const MsrpTalkerAdvertiseAttrib
 }  // namespace
 
 bool MsrpSm::discard(IntfId intf, MsrpCounter counter, const std::string& text) {
-    trace(": Discarding ", text);
-    log(MSRP_ERROR, text);
+    discard(text);
     counterInc(intf, Direction::Rx, counter);
     return true;
 }

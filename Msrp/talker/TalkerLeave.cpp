@@ -39,10 +39,13 @@ void MsrpSm::processTalkerAdvertiseLeave(IntfId intf, const MsrpTalkerAdvertiseA
     if (stream->listenerState(intf) != ListenerState::Ignore) {
         transmitListenerAttribute(intf, streamId, ListenerState::Ignore);
     }
+    const EthAddr held = stream->macDa();
     clearIngress(*stream);
     cleanupStreamDataIfEmpty(streamId);
     reprocessBandwidthFailedStreams();
     reprocessMacDaFailedStreams(attr.macDa());
+    // A talker that changed its address meanwhile has still held the one that it registered.
+    if (held != attr.macDa()) reprocessMacDaFailedStreams(held);
 }
 
 void MsrpSm::processTalkerFailedLeave(IntfId intf, const MsrpTalkerFailedAttribute& attr) {
@@ -75,9 +78,11 @@ void MsrpSm::processTalkerFailedLeave(IntfId intf, const MsrpTalkerFailedAttribu
     addTalkerToDeletePending(streamId, intf);
     dropFailureCode(*stream, intf);
     propagateTalkerFailed(intf, streamId, code, TalkerState::None);
+    const EthAddr held = stream->macDa();
     clearIngress(*stream);
     cleanupStreamDataIfEmpty(streamId);
     reprocessMacDaFailedStreams(attr.macDa());
+    if (held != attr.macDa()) reprocessMacDaFailedStreams(held);
 }
 
 void MsrpSm::clearIngress(StreamData& stream) {
@@ -85,11 +90,11 @@ void MsrpSm::clearIngress(StreamData& stream) {
     stream.ingressIntfIs(IntfId{});
     // A listener of the talker's own port whose leave was discarded meanwhile would stay for ever.
     const bool recorded = stream.listenerStateOrig(ingress) != ListenerState::Ignore;
-    if (recorded && !inputs_.msrpLib->mrpRegistered(ingress, typeListener, stream.streamId())) {
+    if (recorded && !inputs_.msrpLib->mrpHeld(ingress, typeListener, stream.streamId())) {
         stream.listenerStateOrigDel(ingress);
     }
-    // Without a talker it waits for no bandwidth.
-    removeFromBandwidthQueues(stream.streamId());
+    // Without a talker it waits for nothing.
+    removeFromQueues(stream.streamId(), stream.macDa());
 }
 
 }  // namespace Msrp

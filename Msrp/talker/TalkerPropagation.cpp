@@ -179,7 +179,7 @@ void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, Intf
         propagateTo(onlyIntf);
     } else {
         for (const auto& [port, enabled] : config().intfEnable()) {
-            if (enabled && port != ingressIntf && status()->intfStatus(port)) propagateTo(port);
+            if (port != ingressIntf && isCandidate(port)) propagateTo(port);
         }
     }
     if (listenersChanged) propagateListenerAttribute(streamId);
@@ -191,9 +191,8 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
     const bool failed = state == TalkerState::Failed;
     bool listenersChanged = false;
     for (const auto& [port, enabled] : config().intfEnable()) {
-        const auto intfStatus = status()->intfStatus(port);
-        if (!enabled || port == ingressIntf || !intfStatus) continue;
-        const SrClassState classState = intfStatus->srClassState(stream->srClass());
+        if (port == ingressIntf || !isCandidate(port)) continue;
+        const SrClassState classState = status()->intfStatus(port)->srClassState(stream->srClass());
         if (!isActive(classState)) {
             trace("Not propagating TalkerFailed on ", port, " since ", srClassName(stream->srClass()), " is ",
                   srState(classState));
@@ -217,7 +216,7 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
 void MsrpSm::propagateTalkerAdvertiseLeave(IntfId ingressIntf, U64 streamId) {
     const auto stream = existingStream(streamId);
     for (const auto& [port, enabled] : config().intfEnable()) {
-        if (!enabled || port == ingressIntf || !status()->intfStatus(port)) continue;
+        if (port == ingressIntf || !isCandidate(port)) continue;
         if (stream->listenerState(port) != ListenerState::Ignore) {
             removeListener(port, streamId, ListenerState::Ignore);
         }

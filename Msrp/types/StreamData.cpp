@@ -109,6 +109,15 @@ void StreamData::listenerStateOrigDelAll() {
     for (const IntfId intf : ports) listenerStateOrigDel(intf);
 }
 
+void StreamData::talkerDelAll() {
+    const std::vector<StreamPort> before = ports_;
+    for (const StreamPort& p : before) {
+        delTalkerStateAndAge(p.intf);
+        talkerFailureCodeDel(p.intf);
+    }
+    failedBridgeIdIs(0);
+}
+
 void StreamData::talkerFailureCodeIs(IntfId intf, TalkerFailureCode code) {
     StreamPort& p = rowIs(intf);
     if (p.hasFailureCode && p.talkerFailureCode == code) return;

@@ -102,6 +102,8 @@ public:
     void listenerStateOrigIs(IntfId intf, ListenerState state);
     void listenerStateOrigDel(IntfId intf);
     void listenerStateOrigDelAll();
+    /// Removes the talker states and failure codes of all ports.
+    void talkerDelAll();
     void talkerFailureCodeIs(IntfId intf, TalkerFailureCode code);
     void talkerFailureCodeDel(IntfId intf);
     void statusTimeIs(IntfId intf, double time);

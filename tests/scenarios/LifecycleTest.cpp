@@ -69,6 +69,36 @@ TEST_F(Scenario, AListenerKeepsTheRecordOfATalkerThatLeft) {
     EXPECT_NE(p3.registered().find("Listener 0x1 Ready\n"), std::string::npos);
 }
 
+TEST_F(Scenario, AListenerOfTheTalkersOwnPortLeavesNoGhost) {
+    core();
+    p1.say(listener(1, ListenerState::Ready));
+    settle();
+    p1.say(advertise({}));
+    settle();
+    p1.say(listener(1, ListenerState::Ready, Event::Lv));  // discarded: the talker stands on the same port
+    quiet();
+    p1.say(listener(1, ListenerState::Ready));  // refused
+    settle();
+    // The peer goes silent; what it had declared ages out.
+    loop.runFor(30s);
+    EXPECT_EQ(bridge.streams(), "");
+    EXPECT_TRUE(bridge.status->registeredStreams().empty());
+}
+
+TEST_F(Scenario, ATalkerThatChangedItsAddressFreesTheOneItHeld) {
+    core();
+    p1.say(advertise({.id = 1, .macDa = 0x91e0f0000001}));
+    settle();
+    p2.say(advertise({.id = 2, .macDa = 0x91e0f0000001}));
+    settle();
+    p1.say(advertise({.id = 1, .macDa = 0x91e0f0000007}));  // code 16; the record keeps the first address
+    settle();
+    p1.say(advertise({.id = 1, .macDa = 0x91e0f0000007}, Event::Lv));
+    quiet();
+    EXPECT_EQ(bridge.groups(), "2 91:e0:f0:00:00:01: p2\n");
+    EXPECT_NE(p3.registered().find("Advertise 0x2\n"), std::string::npos) << p3.registered();
+}
+
 TEST_F(Scenario, ReleasedBandwidthGoesToTheOldestStreamThatFits) {
     core();
     // 576, then 480, 192 and 96 Mbit/s on a port that offers 750.

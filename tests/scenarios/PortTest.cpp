@@ -200,6 +200,54 @@ TEST_F(ReservedStream, AVlanThatIsBlockedElsewhereFailsWithCode17) {
     expectGone();
 }
 
+TEST_F(ReservedStream, EverySpanningTreeModeCanBeEnteredAndLeft) {
+    // In per-VLAN mode the native VLAN 1 is not configured: the ports have no base topology and stop.
+    bridge.stp->modeIs(Stp::Mode::Pvst);
+    quiet();
+    EXPECT_EQ(bridge.classes("p1"), "p1 NotSupported NotSupported");
+    EXPECT_EQ(bridge.status->intfStatus(IntfId{"p1"})->portState(), Msrp::MsrpPortState::Blocked);
+    for (const char* port : {"p1", "p2", "p3"}) {
+        bridge.vlanIs(1, port, false);
+        bridge.topology->topoConfigIs("Vl1")->topoPortConfigIs(IntfId{port})->stateIs(
+            Bridging::Topology::PortState::forwarding);
+        bridge.topology->topoConfigIs("Vl2")->topoPortConfigIs(IntfId{port})->stateIs(
+            Bridging::Topology::PortState::forwarding);
+    }
+    bridge.topology->vlanTopologyIs(VlanId{1}, "Vl1");
+    bridge.topology->vlanTopologyIs(VlanId{2}, "Vl2");
+    const auto reserve = [this] {
+        loop.runFor(1s);
+        core();
+        p1.say(advertise({}));
+        p2.say(listener(1, ListenerState::Ready));
+        settle();
+        EXPECT_EQ(bridge.streams(), reserved);
+    };
+    reserve();
+    bridge.stp->modeIs(Stp::Mode::Disabled);
+    quiet();
+    EXPECT_EQ(bridge.classes("p2"), "p2 NotSupported NotSupported");
+    bridge.stp->modeIs(Stp::Mode::None);
+    reserve();
+}
+
+TEST_F(ReservedStream, AVlanThatMovesBetweenTopologiesIsNotBlocked) {
+    for (const char* topo : {"Cist", "Mst1", "Mst2"}) {
+        for (const char* port : {"p1", "p2", "p3"}) {
+            bridge.topology->topoConfigIs(topo)->topoPortConfigIs(IntfId{port})->stateIs(
+                Bridging::Topology::PortState::forwarding);
+        }
+    }
+    bridge.topology->vlanTopologyIs(VlanId{2}, "Mst2");
+    bridge.stp->modeIs(Stp::Mode::Mstp);
+    settle();
+    EXPECT_EQ(bridge.streams(), reserved);
+    bridge.topology->vlanTopologyIs(VlanId{2}, "Mst1");
+    settle();
+    EXPECT_EQ(bridge.streams(), reserved);
+    EXPECT_NE(p2.registered().find("Advertise 0x1\n"), std::string::npos) << p2.registered();
+}
+
 TEST_F(ReservedStream, AClassIsSwitchedOffAndOn) {
     bridge.cliConfig->srClassASupportedIs(false);
     settle();
