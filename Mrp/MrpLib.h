@@ -71,7 +71,8 @@ public:
     /// Forgets one registration without an indication; the port says Mt for it, so that a peer that still
     /// declares it does so again.
     void mrpCleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
-    /// Whether the application holds that attribute of the port: it accepted it, and will be told when it leaves.
+    /// Whether the application holds that attribute of the port: it accepted it, and will be told when it
+    /// leaves.
     [[nodiscard]] bool mrpHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const;
     /// The name of the port's base spanning-tree topology; empty when it has none.
     [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;

@@ -92,8 +92,8 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
     const auto redundancy = entityManager().reader<Redundancy::RedundancyStatus>(redundancyPath);
     // With a second supervisor about, nobody acts before it is told to.
     if (redundancy) standbyMode_ = true;
-    redundancyStatusSm_ =
-        std::make_unique<RedundancyStatusSm>(redundancy, [this](bool standby) { standbyModeIs(standby); }, environment().trace);
+    redundancyStatusSm_ = std::make_unique<RedundancyStatusSm>(
+        redundancy, [this](bool standby) { standbyModeIs(standby); }, environment().trace);
     topoLibState_ = std::make_shared<Bridging::Topology::TopoLibState>();
     topoLibSm_ = std::make_unique<Bridging::Topology::TopoLibSm>(bridgingTopoConfig_, stpStatus_,
                                                                  bridgingTopoStatus_, topoLibState_);

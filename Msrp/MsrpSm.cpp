@@ -128,8 +128,8 @@ void MsrpSm::handleStpMode() {
 }
 
 void MsrpSm::handleVlanConfig(VlanId vlan) {
-    // Where every VLAN has its own spanning tree, a port is without a base topology while its native VLAN is not
-    // configured.
+    // Where every VLAN has its own spanning tree, a port is without a base topology while its native VLAN is
+    // not configured.
     if (!initialized() || standbyMode() || inputs_.stpStatus->mode() != Stp::Mode::Pvst) return;
     const auto& ports = status()->intfStatus();
     for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {

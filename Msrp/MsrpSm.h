@@ -293,7 +293,9 @@ private:
     /// Looks anew whether the port forwards, and enables or stops it accordingly.
     void refreshPort(IntfId intf);
     /// True for a port that declarations are propagated to: enabled, and with a status.
-    [[nodiscard]] bool isCandidate(IntfId intf) const { return config().intfEnable(intf) && inputs_.status->intfStatus(intf); }
+    [[nodiscard]] bool isCandidate(IntfId intf) const {
+        return config().intfEnable(intf) && inputs_.status->intfStatus(intf);
+    }
     /// Stops the port and removes its status.
     void removePort(IntfId intf);
     /// Lets the port start over: out of both classes, nothing registered, then enabled again.

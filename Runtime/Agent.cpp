@@ -3,11 +3,12 @@
 namespace Runtime {
 
 namespace {
-constexpr LogEvent AGENT_MOUNT_FAILED{.name = "AGENT_MOUNT_FAILED",
-                                      .severity = 3,
-                                      .format = "%s",
-                                      .explanation = "A record that an agent cannot work without is missing",
-                                      .recommendedAction = "Check that the agents that own the record are running."};
+constexpr LogEvent AGENT_MOUNT_FAILED{
+    .name = "AGENT_MOUNT_FAILED",
+    .severity = 3,
+    .format = "%s",
+    .explanation = "A record that an agent cannot work without is missing",
+    .recommendedAction = "Check that the agents that own the record are running."};
 }  // namespace
 
 void Agent::start() {

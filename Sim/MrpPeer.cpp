@@ -28,16 +28,16 @@ MrpPeer::MrpPeer(Runtime::Loop& loop, Bridge& bridge, const std::string& port, s
     ports_.cableIs(intf_, [this, &bridge](const Pdu& pdu) {
         if (up_) bridge.ports().deliver(intf_, pdu);
     });
-    engine_ = std::make_unique<Mrp::MrpSm>(
-        Mrp::Inputs{.brConfig = nullptr,
-                    .application = *this,
-                    .mrpConfig = nullptr,
-                    .mrpStatus = nullptr,
-                    .stpStatus = nullptr,
-                    .topoConfig = nullptr,
-                    .ethPhyIntfStatusDir = nullptr,
-                    .environment = {.loop = loop, .ports = ports_, .trace = trace_, .report = {}, .seed = seed},
-                    .standbyMode = false});
+    engine_ = std::make_unique<Mrp::MrpSm>(Mrp::Inputs{
+        .brConfig = nullptr,
+        .application = *this,
+        .mrpConfig = nullptr,
+        .mrpStatus = nullptr,
+        .stpStatus = nullptr,
+        .topoConfig = nullptr,
+        .ethPhyIntfStatusDir = nullptr,
+        .environment = {.loop = loop, .ports = ports_, .trace = trace_, .report = {}, .seed = seed},
+        .standbyMode = false});
     mrpInterfaceEnable(intf_);
 }
 
@@ -79,7 +79,8 @@ std::uint8_t MrpPeer::mrpJoinIndication(const Mrp::MrpParameters& params) {
     // Both kinds of talker declaration replace each other (35.2.6).
     if (params.attributeType <= Msrp::typeTalkerFailed) {
         const auto other = static_cast<std::uint8_t>(3 - params.attributeType);
-        if (registered_.erase({other, name.second}) != 0) mrpCleanUpIntfDatabaseAttribute(intf_, other, name.second);
+        if (registered_.erase({other, name.second}) != 0)
+            mrpCleanUpIntfDatabaseAttribute(intf_, other, name.second);
     }
     return 0;
 }

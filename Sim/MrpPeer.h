@@ -1,16 +1,16 @@
-/// The far end of a bridge's port with an MRP engine of its own: declares what it is told, answers every LeaveAll as the
-/// protocol asks, and knows what the bridge has registered with it.
+/// The far end of a bridge's port with an MRP engine of its own: declares what it is told, answers every
+/// LeaveAll as the protocol asks, and knows what the bridge has registered with it.
 #pragma once
-
-#include <map>
-#include <memory>
-#include <string>
-#include <utility>
 
 #include "Mrp/MrpLib.h"
 #include "Mrp/MrpSm.h"
 #include "Sim/Bridge.h"
 #include "Sim/Peer.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
 
 namespace Sim {
 
@@ -26,7 +26,8 @@ public:
     /// Declares or withdraws the value; the event of `what` plays no part.
     void declare(const Say& what) { request(what, Mrp::requestDeclare); }
     void withdraw(const Say& what) { request(what, Mrp::requestWithdraw); }
-    /// The link goes down (nothing passes, everything is forgotten) or comes up (everything is declared anew).
+    /// The link goes down (nothing passes, everything is forgotten) or comes up (everything is declared
+    /// anew).
     void linkIs(bool up);
 
     [[nodiscard]] const Attributes& declared() const { return declared_; }

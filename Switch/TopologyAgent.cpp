@@ -30,7 +30,8 @@ void TopologyAgent::refresh() {
     if (refreshing_) return;  // a change of our own
     refreshing_ = true;
     keepOwnTopology();
-    // A VLAN that moves leaves its old topology before it enters the new one: the other way round it would look blocked.
+    // A VLAN that moves leaves its old topology before it enters the new one: the other way round it would
+    // look blocked.
     forEachPort([this](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
         const auto& vlans = port.vlanPortConfig();
         for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan)) {
@@ -54,8 +55,9 @@ void TopologyAgent::keepOwnTopology() {
     }
     std::set<IntfId> ports;
     ports_->intfStatus().each([&](IntfId intf, const auto&) { ports.insert(intf); });
-    bridging_->vlanConfig().each(
-        [&](VlanId, const VlanConfig& vlan) { vlan.intf().each([&](IntfId intf, const auto&) { ports.insert(intf); }); });
+    bridging_->vlanConfig().each([&](VlanId, const VlanConfig& vlan) {
+        vlan.intf().each([&](IntfId intf, const auto&) { ports.insert(intf); });
+    });
 
     const auto topo = topology_->topoConfigIs(own);
     for (auto intf = topo->topoPortConfig().firstKey(); intf; intf = topo->topoPortConfig().nextKey(*intf)) {
@@ -64,7 +66,8 @@ void TopologyAgent::keepOwnTopology() {
     for (const IntfId intf : ports) topo->topoPortConfigIs(intf)->stateIs(Topology::PortState::forwarding);
 }
 
-std::shared_ptr<const VlanPortConfig> TopologyAgent::member(const std::string& topo, VlanId vlan, IntfId intf) const {
+std::shared_ptr<const VlanPortConfig> TopologyAgent::member(const std::string& topo, VlanId vlan,
+                                                            IntfId intf) const {
     // The own topology carries every VLAN, whatever the map prepares for other modes.
     if (topo != Stp::noStpName && topology_->vlanTopology().get(vlan) != topo) return nullptr;
     const auto config = bridging_->vlanConfig(vlan);

@@ -24,7 +24,8 @@ private:
     void refresh();
     void keepOwnTopology();
     /// How the port carries the VLAN, where that topology carries it; else null.
-    [[nodiscard]] std::shared_ptr<const VlanPortConfig> member(const std::string& topo, VlanId vlan, IntfId intf) const;
+    [[nodiscard]] std::shared_ptr<const VlanPortConfig> member(const std::string& topo, VlanId vlan,
+                                                               IntfId intf) const;
     /// Calls `visit` for each port of each topology.
     void forEachPort(const std::function<void(const std::string&, IntfId, Topology::TopoPortConfig&)>& visit);
 

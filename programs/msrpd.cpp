@@ -34,9 +34,6 @@ constexpr int stopped = 0;
 constexpr int cannotRun = 1;
 constexpr int usage = 2;
 
-/// What taking everything back may take before the daemon ends all the same.
-constexpr std::chrono::seconds withdrawTime{2};
-
 constexpr std::string_view linksPath = "interface/status/eth/phy/all";
 
 /// What a configuration file may write, and an operator at run time.
@@ -86,7 +83,7 @@ public:
             links_.configuredSpeedIs(intf, given.speedEnum());
         });
         const PortsOfInterest interest{config_, bridging_, [this](IntfId intf) { follow(intf); },
-                                       [this](IntfId intf) { links_.followDel(intf); }};
+                                       [this](IntfId intf) { forget(intf); }};
         const State::Reactor addresses = status_->watch([this](const State::Change&) { chooseBridgeMac(); });
         const State::Reactor enabled = config_->react([this](const State::Change&) { chooseBridgeMac(); });
         chooseBridgeMac();
@@ -104,7 +101,8 @@ public:
                           ports_};
         agent.start();
         loop_.run();
-        withdraw();
+        // The peers hear Leaves and need not wait for their own timers.
+        agent.withdraw();
         agent.stop();
         folder_.flush();
         return stopped;
@@ -129,6 +127,11 @@ private:
             tell(LOG_NOTICE, intf.name() + " does not exist yet, waiting for it");
     }
 
+    void forget(IntfId intf) {
+        // Later in the turn: the agent still has to withdraw what it declared there, over a link that is up.
+        loop_.post([this, intf] { links_.followDel(intf); });
+    }
+
     /// A bridge without an address of its own takes that of its first enabled port, and keeps it.
     void chooseBridgeMac() {
         if (bridging_->bridgeMac() != EthAddr{}) return;
@@ -138,15 +141,6 @@ private:
             bridging_->bridgeMacIs(link->macAddr());
             return;
         }
-    }
-
-    /// Disables all ports, so that the peers hear Leaves and need not wait for their own timers.  An agent
-    /// that merely stops declares nothing false: another one may take over from it.
-    void withdraw() {
-        for (auto intf = config_->intfEnable().firstKey(); intf; intf = config_->intfEnable().nextKey(*intf))
-            config_->intfEnableIs(*intf, false);
-        const auto status = record<Msrp::Status>("msrp/status");
-        loop_.runUntil([&] { return !status->msrpEnabled(); }, withdrawTime);
     }
 
     void tell(int severity, const std::string& text) { folder_.line(severity, text); }

@@ -101,7 +101,8 @@ bool MsrpSm::stillWaitsForBandwidth(const StreamData& stream, IntfId intf) const
 
 bool MsrpSm::portCanCarry(const StreamData& stream, IntfId intf) {
     const auto intfStatus = status()->intfStatus(intf);
-    return intf != closingIntf_ && intfStatus && intfStatus->srClassState(stream.srClass()) == SrClassState::Core &&
+    return intf != closingIntf_ && intfStatus &&
+           intfStatus->srClassState(stream.srClass()) == SrClassState::Core &&
            checkVlanConfig(intf, stream.streamId(), stream.vlanId()) == TalkerFailureCode::noFailure;
 }
 

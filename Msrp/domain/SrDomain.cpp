@@ -38,14 +38,14 @@ bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& att
     ringTrace("processDomainJoin", intf.number(), number(srClass), attr.srClassPriority());
     if (!isClass(srClass)) {
         discard(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
-                              number(srClass)));
+                                number(srClass)));
         return true;
     }
     const auto intfStatus = status()->intfStatus(intf);
     const SrClassState state = intfStatus->srClassState(srClass);
     if (state == SrClassState::NotSupported) {
         discard(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
-                              srClassName(srClass)));
+                                srClassName(srClass)));
         return true;
     }
     SrClassState next = SrClassState::Boundary;
@@ -72,13 +72,13 @@ void MsrpSm::processDomainVectorLeave(IntfId intf, const MsrpDomainAttribute& at
     // Both discards are worded as those of a join.
     if (!isClass(srClass)) {
         discard(Runtime::format("Discard DomainVectorJoin on %s as SR Class %d is invalid", intf,
-                              number(srClass)));
+                                number(srClass)));
         return;
     }
     const SrClassState state = status()->intfStatus(intf)->srClassState(srClass);
     if (state == SrClassState::NotSupported) {
         discard(Runtime::format("Discard DomainVectorJoin on %s as %s is not supported", intf,
-                              srClassName(srClass)));
+                                srClassName(srClass)));
         return;
     }
     if (state == SrClassState::WaitingForPeer) {
@@ -95,7 +95,8 @@ void MsrpSm::setSrClassState(IntfId intf, SrClassId srClass, SrClassState state)
     Runtime::require(intfStatus != nullptr, "intfStatus");
     const SrClassState old = intfStatus->srClassState(srClass);
     if (state == old) return;
-    trace("MsrpSm::setSrClassState( ", intf, ", ", srClassName(srClass), " ) from ", number(old), " to ", number(state));
+    trace("MsrpSm::setSrClassState( ", intf, ", ", srClassName(srClass), " ) from ", number(old), " to ",
+          number(state));
     ringTrace("setSrClassState", intf.number(), number(srClass), number(old) << 8 | number(state));
     log(MSRP_SR_CLASS_TRANSITION, number(srClass), intf, number(old), number(state));
     intfStatus->srClassStateIs(srClass, state);

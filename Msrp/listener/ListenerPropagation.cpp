@@ -14,13 +14,13 @@ void MsrpSm::propagateListenerAttribute(const U64& streamId) {
         return;
     }
     if (getTalkerState(*stream, ingress) == TalkerState::None) {
-        trace("Not propagating Listener attribute for streamId 0x", HexId{streamId},
-              " as there's no talker");
+        trace("Not propagating Listener attribute for streamId 0x", HexId{streamId}, " as there's no talker");
         return;
     }
     ListenerState merged = ListenerState::Ignore;
     for (const auto& [port, enabled] : config().intfEnable()) {
-        if (port == ingress || !isCandidate(port) || getTalkerState(*stream, port) == TalkerState::None) continue;
+        if (port == ingress || !isCandidate(port) || getTalkerState(*stream, port) == TalkerState::None)
+            continue;
         merged = mergeListener(merged, stream->listenerState(port));
     }
     if (merged == stream->listenerState(ingress)) {
@@ -45,8 +45,7 @@ void MsrpSm::transmitListenerAttribute(IntfId intf, const U64& streamId, Listene
     } else {
         stream->delListenerStateAndAge(intf);
     }
-    log(declare ? MSRP_LISTENER_JOIN : MSRP_LISTENER_LV, "transmitted", intf, HexId{streamId},
-        number(state));
+    log(declare ? MSRP_LISTENER_JOIN : MSRP_LISTENER_LV, "transmitted", intf, HexId{streamId}, number(state));
     counterInc(intf, Direction::Tx, listenerCounter(state));
     const MsrpListenerAttribute attr{streamId, event};
     send(intf, typeListener, declare ? Mrp::requestDeclare : Mrp::requestWithdraw, attr.octets(),

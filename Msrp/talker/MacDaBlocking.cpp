@@ -25,14 +25,16 @@ void MsrpSm::removeMacDaBlockedStream(EthAddr macDa, U64 streamId) {
 bool MsrpSm::addressFree(const StreamData& stream) const {
     const auto intfStatus = inputs_.status->intfStatus(stream.ingressIntf());
     const auto fdb = inputs_.brMsrpConfig->fdbConfig(VlanId{stream.vlanId()});
-    return intfStatus && isActive(intfStatus->srClassState(stream.srClass())) && !(fdb && fdb->ethGroup(stream.macDa()));
+    return intfStatus && isActive(intfStatus->srClassState(stream.srClass())) &&
+           !(fdb && fdb->ethGroup(stream.macDa()));
 }
 
 void MsrpSm::reprocessMacDaFailedStreams(EthAddr macDa) {
     const std::shared_ptr<MacDaBlocked> blocked = macDaBlocked(macDa);
     if (!blocked) return;
-    // Once one of them has taken the address the others only keep their places: a peer that waits with thousands of streams
-    // must not cost a full attempt for each of them at each leave.  What queues up anew meanwhile is not visited.
+    // Once one of them has taken the address the others only keep their places: a peer that waits with
+    // thousands of streams must not cost a full attempt for each of them at each leave.  What queues up anew
+    // meanwhile is not visited.
     const auto last = blocked->tail();
     std::set<U64> tried;
     for (auto index = blocked->head(); last && index && *index <= *last; index = blocked->next(*index)) {

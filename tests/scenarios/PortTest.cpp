@@ -208,10 +208,12 @@ TEST_F(ReservedStream, EverySpanningTreeModeCanBeEnteredAndLeft) {
     EXPECT_EQ(bridge.status->intfStatus(IntfId{"p1"})->portState(), Msrp::MsrpPortState::Blocked);
     for (const char* port : {"p1", "p2", "p3"}) {
         bridge.vlanIs(1, port, false);
-        bridge.topology->topoConfigIs("Vl1")->topoPortConfigIs(IntfId{port})->stateIs(
-            Bridging::Topology::PortState::forwarding);
-        bridge.topology->topoConfigIs("Vl2")->topoPortConfigIs(IntfId{port})->stateIs(
-            Bridging::Topology::PortState::forwarding);
+        bridge.topology->topoConfigIs("Vl1")
+            ->topoPortConfigIs(IntfId{port})
+            ->stateIs(Bridging::Topology::PortState::forwarding);
+        bridge.topology->topoConfigIs("Vl2")
+            ->topoPortConfigIs(IntfId{port})
+            ->stateIs(Bridging::Topology::PortState::forwarding);
     }
     bridge.topology->vlanTopologyIs(VlanId{1}, "Vl1");
     bridge.topology->vlanTopologyIs(VlanId{2}, "Vl2");
@@ -234,8 +236,9 @@ TEST_F(ReservedStream, EverySpanningTreeModeCanBeEnteredAndLeft) {
 TEST_F(ReservedStream, AVlanThatMovesBetweenTopologiesIsNotBlocked) {
     for (const char* topo : {"Cist", "Mst1", "Mst2"}) {
         for (const char* port : {"p1", "p2", "p3"}) {
-            bridge.topology->topoConfigIs(topo)->topoPortConfigIs(IntfId{port})->stateIs(
-                Bridging::Topology::PortState::forwarding);
+            bridge.topology->topoConfigIs(topo)
+                ->topoPortConfigIs(IntfId{port})
+                ->stateIs(Bridging::Topology::PortState::forwarding);
         }
     }
     bridge.topology->vlanTopologyIs(VlanId{2}, "Mst2");

@@ -1,16 +1,15 @@
-/// Random lives of a bridge with 4 ports and 200 streams: talkers, listeners, links, speeds, VLANs and configuration
-/// come and go, and what must always hold is checked after every step and again when all has gone quiet.
-/// RANDOM_LIVES (number of seeds) and RANDOM_SEED (the first) may be set in the environment.
-#include <gtest/gtest.h>
+/// Random lives of a bridge with 4 ports and 200 streams: talkers, listeners, links, speeds, VLANs and
+/// configuration come and go, and what must always hold is checked after every step and again when all has
+/// gone quiet. RANDOM_LIVES (number of seeds) and RANDOM_SEED (the first) may be set in the environment.
+#include "Msrp/types/Format.h"
+#include "Runtime/VirtualLoop.h"
+#include "Sim/MrpPeer.h"
 
 #include <array>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <random>
 #include <set>
-
-#include "Runtime/VirtualLoop.h"
-#include "Msrp/types/Format.h"
-#include "Sim/MrpPeer.h"
 
 namespace Sim {
 namespace {
@@ -26,7 +25,8 @@ constexpr int steps = 500;
 class Life {
 public:
     explicit Life(std::uint64_t seed) : random_{seed} {
-        for (const std::string& port : ports_) peers_.push_back(std::make_unique<MrpPeer>(loop_, bridge_, port, seed++));
+        for (const std::string& port : ports_)
+            peers_.push_back(std::make_unique<MrpPeer>(loop_, bridge_, port, seed++));
         bridge_.cliConfig->srClassBBandwidthPercentIs(20);
         bridge_.mrpConfig->leaveAllTimeIs(3000);
         bridge_.start();
@@ -47,30 +47,120 @@ public:
                     peer.declare(advertise(talker(id)));
                 }
                 break;
-            case 30: case 31: case 32: case 33: case 34: case 35: case 36: case 37: case 38: case 39: case 40: case 41: case 42: case 43: case 44:
+            case 30:
+            case 31:
+            case 32:
+            case 33:
+            case 34:
+            case 35:
+            case 36:
+            case 37:
+            case 38:
+            case 39:
+            case 40:
+            case 41:
+            case 42:
+            case 43:
+            case 44:
                 peer.withdraw(advertise(talker(id)));
                 peer.withdraw(failed(talker(id), 0));
                 break;
-            case 45: case 46: case 47: case 48: case 49: case 50: case 51: case 52: case 53: case 54: case 55: case 56: case 57: case 58: case 59: case 60: case 61: case 62: case 63: case 64: case 65: case 66: case 67: case 68: case 69: peer.declare(listener(id, static_cast<ListenerState>(1 + pick(3)))); break;
-            case 70: case 71: case 72: case 73: case 74: case 75: case 76: case 77: case 78: case 79: peer.withdraw(listener(id, ListenerState::Ready)); break;
-            case 80: linkIs(port, false); break;
-            case 81: case 82: linkIs(port, true); break;
-            case 83: bridge_.speedIs(ports_[port], pick(2) == 0 ? Interface::Speed::speed100Mbps : Interface::Speed::speed1Gbps); break;
-            case 84: bridge_.vlanDel(2, ports_[port]); break;
-            case 85: case 86: bridge_.vlanIs(2, ports_[port], pick(4) != 0); break;
-            case 87: bridge_.cliConfig->srClassABandwidthPercentIs(static_cast<std::uint8_t>(pick(80))); break;
-            case 88: bridge_.cliConfig->srClassBSupportedIs(pick(3) != 0); break;
-            case 89: bridge_.cliConfig->srClassASupportedIs(pick(5) != 0); break;
-            case 90: bridge_.config->intfEnableIs(IntfId{ports_[port]}, pick(3) != 0); break;
-            case 91: bridge_.config->intfEnableDel(IntfId{ports_[port]}); break;
-            case 92: bridge_.config->intfEnableIs(IntfId{ports_[port]}, true); break;
-            case 93: peer.declare(domain(SrClassId::SrClassA, static_cast<std::uint8_t>(3 + pick(2)))); break;
-            case 94: declareDomains(peer); break;
-            case 95: peer.withdraw(domain(SrClassId::SrClassB, 2)); break;
-            case 96: bridge_.cliConfig->shapeRateFactorIs(1.0 + static_cast<double>(pick(3))); break;
-            case 97: bridge_.cliConfig->maxFrameSizeLimitIs(pick(4) == 0 ? 500 : 1500); break;
-            case 98: bridge_.cliConfig->srPvidIs(IntfId{ports_[port]}, static_cast<std::uint16_t>(2 + pick(2))); break;
-            case 99: loop_.runFor(std::chrono::seconds{pick(6)}); break;
+            case 45:
+            case 46:
+            case 47:
+            case 48:
+            case 49:
+            case 50:
+            case 51:
+            case 52:
+            case 53:
+            case 54:
+            case 55:
+            case 56:
+            case 57:
+            case 58:
+            case 59:
+            case 60:
+            case 61:
+            case 62:
+            case 63:
+            case 64:
+            case 65:
+            case 66:
+            case 67:
+            case 68:
+            case 69:
+                peer.declare(listener(id, static_cast<ListenerState>(1 + pick(3))));
+                break;
+            case 70:
+            case 71:
+            case 72:
+            case 73:
+            case 74:
+            case 75:
+            case 76:
+            case 77:
+            case 78:
+            case 79:
+                peer.withdraw(listener(id, ListenerState::Ready));
+                break;
+            case 80:
+                linkIs(port, false);
+                break;
+            case 81:
+            case 82:
+                linkIs(port, true);
+                break;
+            case 83:
+                bridge_.speedIs(ports_[port],
+                                pick(2) == 0 ? Interface::Speed::speed100Mbps : Interface::Speed::speed1Gbps);
+                break;
+            case 84:
+                bridge_.vlanDel(2, ports_[port]);
+                break;
+            case 85:
+            case 86:
+                bridge_.vlanIs(2, ports_[port], pick(4) != 0);
+                break;
+            case 87:
+                bridge_.cliConfig->srClassABandwidthPercentIs(static_cast<std::uint8_t>(pick(80)));
+                break;
+            case 88:
+                bridge_.cliConfig->srClassBSupportedIs(pick(3) != 0);
+                break;
+            case 89:
+                bridge_.cliConfig->srClassASupportedIs(pick(5) != 0);
+                break;
+            case 90:
+                bridge_.config->intfEnableIs(IntfId{ports_[port]}, pick(3) != 0);
+                break;
+            case 91:
+                bridge_.config->intfEnableDel(IntfId{ports_[port]});
+                break;
+            case 92:
+                bridge_.config->intfEnableIs(IntfId{ports_[port]}, true);
+                break;
+            case 93:
+                peer.declare(domain(SrClassId::SrClassA, static_cast<std::uint8_t>(3 + pick(2))));
+                break;
+            case 94:
+                declareDomains(peer);
+                break;
+            case 95:
+                peer.withdraw(domain(SrClassId::SrClassB, 2));
+                break;
+            case 96:
+                bridge_.cliConfig->shapeRateFactorIs(1.0 + static_cast<double>(pick(3)));
+                break;
+            case 97:
+                bridge_.cliConfig->maxFrameSizeLimitIs(pick(4) == 0 ? 500 : 1500);
+                break;
+            case 98:
+                bridge_.cliConfig->srPvidIs(IntfId{ports_[port]}, static_cast<std::uint16_t>(2 + pick(2)));
+                break;
+            case 99:
+                loop_.runFor(std::chrono::seconds{pick(6)});
+                break;
         }
         if (pick(3) == 0) loop_.runFor(std::chrono::milliseconds{pick(400)});
     }
@@ -115,13 +205,15 @@ public:
                     ASSERT_EQ(group->intf().size(), 1U) << "the talker's port beside listeners: " << id;
                 } else {
                     ASSERT_TRUE(Msrp::wantsStream(stream->listenerState(intf))) << id << ' ' << intf.name();
-                    ASSERT_EQ(sm.getTalkerState(*stream, intf), TalkerState::Advertise) << id << ' ' << intf.name();
+                    ASSERT_EQ(sm.getTalkerState(*stream, intf), TalkerState::Advertise)
+                        << id << ' ' << intf.name();
                     admitted[{intf, stream->srClass()}] += stream->bandwidth();
                 }
             }
         }
         std::size_t inRecord = 0;
-        bridge_.groupConfig->fdbConfig().each([&](VlanId, const auto& fdb) { inRecord += fdb.ethGroup().size(); });
+        bridge_.groupConfig->fdbConfig().each(
+            [&](VlanId, const auto& fdb) { inRecord += fdb.ethGroup().size(); });
         ASSERT_EQ(inRecord, groups.size()) << "a group without a stream";
         const double factor = bridge_.cliConfig->shapeRateFactor();
         bridge_.status->intfStatus().each([&](IntfId intf, const Msrp::IntfStatus& status) {
@@ -132,11 +224,13 @@ public:
                 const auto queue = config ? config->txQueueConfig(sm.getAvbQueue(srClass)) : nullptr;
                 ASSERT_EQ(queue != nullptr, allocated != 0) << intf.name();
                 if (queue) {
-                    ASSERT_EQ(queue->shapeRate().rate.value(), static_cast<std::uint64_t>(static_cast<double>(allocated) * factor));
+                    ASSERT_EQ(queue->shapeRate().rate.value(),
+                              static_cast<std::uint64_t>(static_cast<double>(allocated) * factor));
                 }
             }
         });
-        bridge_.queues->intfConfig().each([&](IntfId intf, const auto&) { ASSERT_TRUE(bridge_.status->intfStatus(intf)); });
+        bridge_.queues->intfConfig().each(
+            [&](IntfId intf, const auto&) { ASSERT_TRUE(bridge_.status->intfStatus(intf)); });
     }
 
     /// What must hold when nothing is on its way: the agent declares what its peers have registered.
@@ -149,17 +243,20 @@ public:
                 const std::string hex = Msrp::hexStr(id);
                 if (sm.getTalkerState(*stream, intf) != TalkerState::None && intf != stream->ingressIntf()) {
                     const bool isFailed = sm.getTalkerState(*stream, intf) == TalkerState::Failed;
-                    declared[{static_cast<std::uint8_t>(isFailed ? 2 : 1), id}] = isFailed ? "Failed 0x" + hex : "Advertise 0x" + hex;
+                    declared[{static_cast<std::uint8_t>(isFailed ? 2 : 1), id}] =
+                        isFailed ? "Failed 0x" + hex : "Advertise 0x" + hex;
                 }
                 if (intf == stream->ingressIntf() && stream->listenerState(intf) != ListenerState::Ignore) {
-                    declared[{std::uint8_t{3}, id}] = "Listener 0x" + hex + ' ' + State::enumText(stream->listenerState(intf));
+                    declared[{std::uint8_t{3}, id}] =
+                        "Listener 0x" + hex + ' ' + State::enumText(stream->listenerState(intf));
                 }
             }
             for (const auto& [name, text] : declared) {
                 const auto& registered = peers_[i]->registered();
                 const auto at = registered.find(name);
                 ASSERT_NE(at, registered.end()) << ports_[i] << " lacks " << text;
-                ASSERT_TRUE(at->second.starts_with(text)) << ports_[i] << ": " << at->second << " for " << text;
+                ASSERT_TRUE(at->second.starts_with(text))
+                    << ports_[i] << ": " << at->second << " for " << text;
             }
             for (const auto& [name, text] : peers_[i]->registered()) {
                 if (name.first != Msrp::typeDomain) {
@@ -190,7 +287,8 @@ private:
     static void declareDomains(MrpPeer& peer) {
         for (const Say& say : domains()) peer.declare(say);
     }
-    /// Every stream has one description; some share an address, some are of class B, some are too large at times.
+    /// Every stream has one description; some share an address, some are of class B, some are too large at
+    /// times.
     static Talker talker(std::uint64_t id) {
         return {.id = id,
                 .macDa = 0x91e0f0000000 + (id % 10 == 0 ? 1 : id),
