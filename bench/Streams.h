@@ -1,0 +1,37 @@
+/// Attribute values to measure with, and the PDUs that declare them.
+#pragma once
+
+#include "Mrp/Decoder.h"
+#include "Sim/Ports.h"
+
+#include <benchmark/benchmark.h>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace Bench {
+
+/// Consecutive values share one vector; scattered ones need a vector each.
+enum class Spacing : std::uint8_t { consecutive, scattered };
+
+/// The stream that `value` numbers so.
+std::uint64_t streamId(std::size_t number, Spacing spacing);
+
+/// Domains that differ from each other.
+inline constexpr std::size_t domains = 251;
+
+/// The value of that number, from 0 (of a Domain below `domains`), of an MSRP attribute type.  Talkers are
+/// class A streams of small frames in VLAN 2, Listeners are Ready, and the first two consecutive Domains are
+/// those of class B and class A as a bridge has them by default.
+Mrp::AttributeValue value(std::uint8_t type, std::size_t number, Spacing spacing);
+
+/// Declares the values from `first` on in as few PDUs as they need.
+std::vector<Sim::Pdu> join(std::uint8_t type, std::size_t first, std::size_t count, Spacing spacing);
+
+/// Shown as the time that one of `count` took in each iteration.
+inline benchmark::Counter timeEach(std::size_t count) {
+    return {static_cast<double>(count),
+            benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert};
+}
+
+}  // namespace Bench
