@@ -245,5 +245,80 @@ TEST_F(Scenario, TalkerFailedIsPassedOnOrDiscarded) {
     EXPECT_EQ(bridge.groups(), "");
 }
 
+TEST_F(Scenario, LeavesAndDomainsAreDiscardedWithTheirReasons) {
+    auto& sm = *bridge.agent().msrpSm();
+    const IntfId a{"p1"};
+    const IntfId b{"p2"};
+    core();
+    p1.say(advertise({}));
+    p3.say(listener(9, ListenerState::Ready));
+    quiet();
+    const auto attribute = sm.streamDataTalkerAttribute(1);
+    Msrp::MsrpTalkerAdvertiseAttribute unknown;
+    unknown.streamIdIs(0xF);
+    Msrp::MsrpTalkerAdvertiseAttribute heard;
+    heard.streamIdIs(9);
+    const auto failedOf = [](const auto& of) {
+        return Msrp::MsrpTalkerFailedAttribute{of, 0, Msrp::TalkerFailureCode{1}};
+    };
+    sm.processTalkerAdvertiseLeave(a, unknown);
+    sm.processTalkerAdvertiseLeave(b, heard);
+    sm.processTalkerAdvertiseLeave(b, attribute);
+    sm.processTalkerFailedLeave(a, failedOf(unknown));
+    sm.processTalkerFailedLeave(b, failedOf(attribute));
+    sm.processTalkerFailedLeave(a, failedOf(attribute));
+    sm.processTalkerFailedJoin(b, failedOf(attribute));
+    sm.processListenerLeave(b, {0xF, ListenerState::Ready});
+    sm.processListenerLeave(a, {1, ListenerState::Ready});
+    sm.processListenerLeave(b, {1, ListenerState::Ready});
+    sm.processDomainVectorJoin(a, {SrClassId{4}, 1, 2});
+    sm.processDomainVectorLeave(a, {SrClassId{4}, 1, 2});
+    bridge.cliConfig->srClassBSupportedIs(false);
+    sm.processDomainVectorJoin(a, {SrClassId::SrClassB, 2, 2});
+    sm.processDomainVectorLeave(a, {SrClassId::SrClassB, 2, 2});
+    p1.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 2}));
+    settle();
+    for (const auto& [text, times] : std::vector<std::pair<std::string, std::size_t>>{
+             {"Discard streamId 0xF TalkerAdvLv on p1 as stream doesn't exist", 1},
+             {"Discard streamId 0x9 TalkerAdvLv on p2 as TalkerAdv is not registered for stream", 1},
+             {"Discard streamId 0x1 TalkerAdvLv on p2 as TalkerAdv was received on different port", 1},
+             {"Discard streamId 0xF TalkerFailLv on p1 as stream doesn't exist", 1},
+             {"Discard streamId 0x1 TalkerFailLv on p2 as TalkerAdv was received on different port", 1},
+             {"Discard streamId 0x1 TalkerFailLv on p1 since prev state was 1", 1},
+             {"Discard streamId 0x1 TalkerFailedJoin on p2 as ingress port p1 is different", 1},
+             {"Discard streamId 0xF ListenerLv on p2 as stream doesn't exist", 1},
+             {"Discard streamId 0x1 ListenerLv received on same interface p1 as Talker", 1},
+             {"Discard streamId 0x1 ListenerLv on p2 as Listener is not registered", 1},
+             {"Discard DomainVectorJoin on p1 as SR Class 4 is invalid", 2},
+             {"Discard DomainVectorJoin on p1 as SrClassB is not supported", 2},
+             {"Discard streamId 0x2 TalkerAdvJoin on p1 since SrClassB is NotSupported", 1}}) {
+        EXPECT_EQ(bridge.logged("MSRP_ERROR " + text), times) << text;
+    }
+    EXPECT_EQ(bridge.rx("p2", 7), 2U);
+    EXPECT_EQ(bridge.rx("p1", 8), 2U);
+    EXPECT_EQ(bridge.rx("p2", 13), 2U);
+    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p1") << "nothing has changed";
+
+    p1.say(failed({}, 1));
+    settle();
+    sm.processTalkerAdvertiseLeave(a, attribute);
+    EXPECT_EQ(bridge.logged("Discard streamId 0x1 TalkerAdvLv on p1 since prev state was 2"), 1U);
+}
+
+TEST_F(Scenario, AListenerOnAPortOutsideTheStreamsClassIsDiscarded) {
+    p1.say(domains());
+    p2.say(domain(SrClassId::SrClassB, 2));
+    settle();
+    p1.say(advertise({}));
+    p2.say(listener(1, ListenerState::Ready));
+    settle();
+    EXPECT_EQ(bridge.logged("Discard streamId 0x1 ListenerJoin on p2 as SrClassA is WaitingForPeer"), 1U);
+    EXPECT_EQ(bridge.rx("p2", 15), 1U);
+    // The Domain that was missing arrives: what was refused is offered again.
+    p2.say(domain(SrClassId::SrClassA, 3));
+    settle();
+    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
+}
+
 }  // namespace
 }  // namespace Sim

@@ -315,7 +315,7 @@ std::uint64_t fromEnvironment(const char* name, std::uint64_t otherwise) {
 
 TEST(RandomLives, WhatMustHoldHolds) {
     const std::uint64_t first = fromEnvironment("RANDOM_SEED", 1);
-    const std::uint64_t lives = fromEnvironment("RANDOM_LIVES", 20);
+    const std::uint64_t lives = fromEnvironment("RANDOM_LIVES", 200);
     for (std::uint64_t seed = first; seed < first + lives; ++seed) {
         SCOPED_TRACE("RANDOM_SEED=" + std::to_string(seed));
         Life life{seed};
