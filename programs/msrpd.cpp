@@ -67,7 +67,11 @@ public:
         Msrp::populate(database_);
         if (options.useSyslog) ::openlog("msrpd", LOG_PID, LOG_DAEMON);
         systemLog_.sinkIs([this](const Runtime::LogEvent& event, const std::string& text) {
-            folder_.line(event.severity, std::string{event.name} + ' ' + text);
+            // Written at the end of the turn: the frames that the event leads to need not wait for a
+            // terminal.
+            loop_.post([this, severity = event.severity, line = std::string{event.name} + ' ' + text] {
+                folder_.line(severity, line);
+            });
         });
         trace_.sinkIs(options.trace, [this](std::string_view line) { print(LOG_DEBUG, std::string{line}); });
     }
@@ -104,6 +108,7 @@ public:
         // The peers hear Leaves and need not wait for their own timers.
         agent.withdraw();
         agent.stop();
+        loop_.runUntil([] { return true; }, {});  // the last lines
         folder_.flush();
         return stopped;
     }
