@@ -75,7 +75,7 @@ TEST(SrClassTransition, EveryStateIsReachedAndLeftOnlyAsThePeerAllows) {
 
 TEST(FailedStreamQueue, IndicesGrowAndAStreamStandsTwiceAtMost) {
     FailedStreamQueue queue;
-    for (const U64 id : {7, 8, 7, 7}) queue.failedStreamEnq(id);
+    for (const U64 id : std::vector<U64>{7, 8, 7, 7}) queue.failedStreamEnq(id);
     EXPECT_EQ(queue.entry(), (std::map<U32, U64>{{0, 7}, {1, 8}, {2, 7}}));
     queue.failedStreamDeq();
     queue.failedStreamEnq(9);

@@ -107,7 +107,7 @@ TEST_F(Scenario, ReleasedBandwidthGoesToTheOldestStreamThatFits) {
             advertise({.id = 3, .macDa = 0x91e0f0000003, .maxFrameSize = 1458, .frames = 2}),
             advertise({.id = 4, .macDa = 0x91e0f0000004, .maxFrameSize = 1458, .frames = 1})});
     settle();
-    for (const std::uint64_t id : {1, 2, 3}) {
+    for (const std::uint64_t id : std::vector<std::uint64_t>{1, 2, 3}) {
         p2.say(listener(id, ListenerState::Ready));
         settle();
     }
