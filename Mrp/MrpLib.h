@@ -26,6 +26,7 @@ class PeriodicSm;
 inline constexpr std::uint8_t requestDeclare = 3;        ///< Join!
 inline constexpr std::uint8_t requestWithdraw = 5;       ///< Lv!
 inline constexpr std::uint8_t requestInternalLeave = 7;  ///< forget declaration and registration, silently
+inline constexpr std::uint8_t requestSeed = 9;           ///< take over a registration of an earlier life
 
 /// One indication or request.
 struct MrpParameters {

@@ -153,6 +153,9 @@ void MrpSm::sendAttribute(const MrpParameters& params) {
             log(AttrLogRecord::What::withdraw, params.intf, ref);
             sender->withdraw(ref);
             break;
+        case requestSeed:
+            sender->seed(ref, value);
+            break;
         case requestInternalLeave:
             log(AttrLogRecord::What::internalLeave, params.intf, ref);
             sender->forget(ref);

@@ -172,6 +172,17 @@ bool Participant::declare(const AttributeRef& ref, const AttributeValue& value) 
     return !declared || changed;
 }
 
+void Participant::seed(const AttributeRef& ref, const AttributeValue& value) {
+    Attribute& attribute = attributes_[ref.typeIndex][ref.key];
+    if (attribute.registered()) return;
+    registrarEvent(ref, attribute, RegistrarEvent::rJoin);
+    attribute.heardIs(value);
+    attribute.held = true;
+    attribute.accept();
+    registrarEvent(ref, attribute, RegistrarEvent::rLv);
+    attribute.settle();
+}
+
 void Participant::withdraw(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr || !isMember(attribute->applicant)) return;

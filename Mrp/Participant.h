@@ -86,6 +86,9 @@ public:
 
     /// Join! of a value.  True when that is news: the value was not declared before.
     bool declare(const AttributeRef& ref, const AttributeValue& value);
+    /// Takes over a registration from an earlier life of the port: the application holds it, and it leaves
+    /// when its peer does not declare it within LeaveTime.  Nothing is indicated.
+    void seed(const AttributeRef& ref, const AttributeValue& value);
     /// Lv!
     void withdraw(const AttributeRef& ref);
     /// Forgets declaration and registration at once; nothing is sent or indicated.  What was refused stays

@@ -195,7 +195,11 @@ void MsrpSm::handleStandbyMode() {
     Runtime::require(initialized(), "initialized()");
     trace("MsrpSm::handleStandbyMode( ", standbyMode(), " )");
     ringTrace("handleStandbyMode", standbyMode() ? 1 : 0);
-    if (!standbyMode()) rebuildStreams();
+    if (!standbyMode()) {
+        rebuildStreams();
+        seedEngine();
+        removeLeftovers();
+    }
     for (auto intf = config().intfEnable().firstKey(); intf; intf = config().intfEnable().nextKey(*intf)) {
         setPortState(*intf);
         setLinkStatus(*intf);
@@ -212,24 +216,6 @@ void MsrpSm::handleStandbyMode() {
     // Reviews that were asked for in standby are made up for.
     msrpAdditionSm_->doUpdateReviewTimer();
     msrpDeletionSm_->doUpdateReviewTimer();
-}
-
-void MsrpSm::rebuildStreams() {
-    // What an earlier active life left here is not what is published now.
-    streamListDelAll();
-    addPendingStream_.clear();
-    deletePendingStream_.clear();
-    deletePendingStreamIntfsDelAll();
-    bandwidthFailedIntfDelAll();
-    bandwidthReleasedDelAll();
-    macDaBlockedDelAll();
-    const auto& published = status()->registeredStreams();
-    for (auto id = published.firstKey(); id; id = published.nextKey(*id)) {
-        const auto stream = status()->registeredStreams(*id);
-        // Withdrawals that waited for a review were known to the other side only.
-        if (!stream->ingressIntf()) stream->talkerDelAll();
-        streamListIs(stream);
-    }
 }
 
 void MsrpSm::doMaybeStopMsrp() {

@@ -319,6 +319,13 @@ private:
     [[nodiscard]] bool addressFree(const StreamData& stream) const;
     /// Makes the working tables anew from what is published.
     void rebuildStreams();
+    /// Tells the fresh engine what the published records say was declared and registered, so that no peer
+    /// loses anything by the change of roles; then every port asks with a LeaveAll who still means it.
+    void seedEngine();
+    void seedStream(const StreamData& stream);
+    /// Removes groups and queue configurations that belong to no stream: left over, they would block
+    /// addresses for ever.
+    void removeLeftovers();
 
     // Talkers
     template <class Attribute>

@@ -63,16 +63,33 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
 
 Bridge::~Bridge() = default;
 
+std::unique_ptr<Msrp::Agent> Bridge::makeAgent() {
+    return std::make_unique<Msrp::Agent>(Runtime::AgentEnvironment{.database = database_,
+                                                                   .loop = loop_,
+                                                                   .systemLog = systemLog_,
+                                                                   .trace = trace_,
+                                                                   .ringLog = ringLog_,
+                                                                   .ringLogFile = false,
+                                                                   .seed = seed_},
+                                         ports_);
+}
+
 void Bridge::start() {
-    agent_ = std::make_unique<Msrp::Agent>(Runtime::AgentEnvironment{.database = database_,
-                                                                     .loop = loop_,
-                                                                     .systemLog = systemLog_,
-                                                                     .trace = trace_,
-                                                                     .ringLog = ringLog_,
-                                                                     .ringLogFile = false,
-                                                                     .seed = seed_},
-                                           ports_);
+    agent_ = makeAgent();
     agent_->start();
+}
+
+void Bridge::standbyStart() {
+    // Only the second agent gets to see this record: each supervisor has a redundancy status of its own.
+    database_.entityIs<Redundancy::RedundancyStatus>("redundancy/status")->modeIs(Redundancy::Mode::standby);
+    standby_ = makeAgent();
+    standby_->start();
+    database_.entityDel("redundancy/status");
+}
+
+void Bridge::standbyTakesOver() {
+    standby_->standbyModeIs(false);
+    std::swap(agent_, standby_);
 }
 
 void Bridge::stop() {

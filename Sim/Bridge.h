@@ -37,6 +37,12 @@ public:
     /// Ends the agent as a clean end of its process would.
     void stop();
 
+    /// Starts a second agent over the same records and ports, in standby.
+    void standbyStart();
+    /// The active agent goes to standby; the other one takes over with the next call.
+    void activeStops() { agent_->standbyModeIs(true); }
+    void standbyTakesOver();
+
     [[nodiscard]] Ports& ports() { return ports_; }
     [[nodiscard]] Msrp::Agent& agent() { return *agent_; }
     [[nodiscard]] State::Database& database() { return database_; }
@@ -65,6 +71,7 @@ public:
     void logClear() { log_.clear(); }
 
 private:
+    [[nodiscard]] std::unique_ptr<Msrp::Agent> makeAgent();
     State::Database database_;
 
 public:
@@ -93,6 +100,7 @@ private:
     Runtime::RingLog ringLog_;
     std::unique_ptr<Bridging::TopologyAgent> topologyAgent_;
     std::unique_ptr<Msrp::Agent> agent_;
+    std::unique_ptr<Msrp::Agent> standby_;
 };
 
 }  // namespace Sim

@@ -86,6 +86,7 @@ std::uint8_t MrpPeer::mrpJoinIndication(const Mrp::MrpParameters& params) {
 }
 
 void MrpPeer::mrpLeaveIndication(const Mrp::MrpParameters& params) {
+    ++leaves_;
     const Mrp::AttributeSlot& slot = incoming(params.attributeType);
     registered_.erase(nameOf(params.attributeType, {slot.value, 0}));
 }

@@ -30,6 +30,8 @@ public:
     /// anew).
     void linkIs(bool up);
 
+    /// Leaves indicated so far.
+    [[nodiscard]] std::size_t leaves() const { return leaves_; }
     [[nodiscard]] const Attributes& declared() const { return declared_; }
     [[nodiscard]] const Attributes& registered() const { return registered_; }
 
@@ -43,6 +45,7 @@ private:
     Ports ports_;
     IntfId intf_;
     bool up_ = true;
+    std::size_t leaves_ = 0;
     Attributes declared_;
     Attributes registered_;
     std::map<std::pair<std::uint8_t, std::uint64_t>, Say> values_;  ///< what `declared_` describes

@@ -13,7 +13,8 @@ constexpr U64 streamBandwidth(SrClassId srClass, U32 maxIntervalFrames, U32 maxF
     constexpr U32 overhead = 42;
     const U32 framesPerSecond = srClass == SrClassId::SrClassA ? 8000 : 4000;
     const U32 framesPerMillisecond = maxIntervalFrames * framesPerSecond / 1000;
-    return framesPerMillisecond * (maxFrameSize + overhead) * 8;
+    const U32 kbps = framesPerMillisecond * (maxFrameSize + overhead) * 8;
+    return kbps;
 }
 
 /// kbit/s of a link; 0 for unknown speeds and for those (2.5G and 5G) on which no stream is admitted.

@@ -6,7 +6,7 @@
 namespace Msrp {
 
 std::shared_ptr<StreamData> MsrpSm::addStreamToAddPending(const U64& id) {
-    const auto published = status()->registeredStreams(id);
+    auto published = status()->registeredStreams(id);
     if (published) {
         if (deletePendingStream_.contains(id)) removeStreamFromDeletePending(id);
         return published;

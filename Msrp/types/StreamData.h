@@ -73,7 +73,7 @@ public:
     void ingressIntfIs(IntfId v) { assign(ingressIntf_, v, "ingressIntf"); }
     /// The forwarding group that carries the stream.
     [[nodiscard]] const std::shared_ptr<Bridging::Input::EthGroup>& ethGroup() const { return ethGroup_; }
-    void ethGroupIs(std::shared_ptr<Bridging::Input::EthGroup> v) { assign(ethGroup_, v, "ethGroup"); }
+    void ethGroupIs(const std::shared_ptr<Bridging::Input::EthGroup>& v) { assign(ethGroup_, v, "ethGroup"); }
 
     /// One row for each port of which anything is known, in the order of the ports.
     [[nodiscard]] const std::vector<StreamPort>& port() const { return ports_; }

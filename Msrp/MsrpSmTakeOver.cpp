@@ -1,0 +1,92 @@
+/// Taking over from another agent, or from an earlier run, over the same records.
+#include "Mrp/PeriodicSm.h"
+#include "Msrp/MsrpSm.h"
+
+#include <set>
+
+namespace Msrp {
+
+void MsrpSm::rebuildStreams() {
+    // What an earlier active life left here is not what is published now.
+    streamListDelAll();
+    addPendingStream_.clear();
+    deletePendingStream_.clear();
+    deletePendingStreamIntfsDelAll();
+    bandwidthFailedIntfDelAll();
+    bandwidthReleasedDelAll();
+    macDaBlockedDelAll();
+    const auto& published = status()->registeredStreams();
+    for (auto id = published.firstKey(); id; id = published.nextKey(*id)) {
+        const auto stream = status()->registeredStreams(*id);
+        // Withdrawals that waited for a review were known to the other side only.
+        if (!stream->ingressIntf()) stream->talkerDelAll();
+        streamListIs(stream);
+    }
+}
+
+void MsrpSm::seedEngine() {
+    const auto& ports = status()->intfStatus();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+        const auto intfStatus = status()->intfStatus(*intf);
+        bool active = false;
+        for (const SrClassId srClass : bothClasses) {
+            const SrClassState state = intfStatus->srClassState(srClass);
+            if (state == SrClassState::NotSupported) continue;
+            if (!active) inputs_.msrpLib->mrpInterfaceEnable(*intf);
+            active = true;
+            transmitSrDomainVector(*intf, srClass, true);
+            if (!isActive(state)) continue;
+            // What made the port a boundary is not published: any other priority stands for it until the peer
+            // speaks.
+            const U8 own = srClassPriority(srClass);
+            const U8 priority = state == SrClassState::Core ? own : static_cast<U8>((own + 1U) % 8U);
+            send(*intf, typeDomain, Mrp::requestSeed,
+                 MsrpDomainAttribute{srClass, priority, intfSrPvid(*intf)}.octets());
+        }
+        Mrp::PeriodicSm* periodic = inputs_.msrpLib->periodicSm();
+        if (active && periodic != nullptr) periodic->transmitAllLeaveAll(*intf);
+    }
+    forEachStream([this](U64, const StreamData& stream) { seedStream(stream); });
+}
+
+void MsrpSm::seedStream(const StreamData& stream) {
+    const IntfId ingress = stream.ingressIntf();
+    for (const StreamPort& port : stream.port()) {
+        if (port.listenerStateOrig != ListenerState::Ignore) {
+            const MsrpListenerAttribute listener{stream.streamId(), port.listenerStateOrig};
+            send(port.intf, typeListener, Mrp::requestSeed, listener.octets(),
+                 number(port.listenerStateOrig));
+        }
+        if (!ingress) continue;
+        if (port.intf == ingress && port.listenerState != ListenerState::Ignore) {
+            const MsrpListenerAttribute listener{stream.streamId(), port.listenerState};
+            send(ingress, typeListener, Mrp::requestDeclare, listener.octets(), number(port.listenerState));
+        }
+        const U8 request = port.intf == ingress ? Mrp::requestSeed : Mrp::requestDeclare;
+        const MsrpTalkerAdvertiseAttribute talker = streamDataTalkerAttribute(stream.streamId());
+        if (port.talkerState == TalkerState::Advertise) {
+            send(port.intf, typeTalkerAdvertise, request, talker.octets());
+        } else if (port.talkerState == TalkerState::Failed) {
+            const MsrpTalkerFailedAttribute failed{talker, stream.failedBridgeId(), port.talkerFailureCode};
+            send(port.intf, typeTalkerFailed, request, failed.octets());
+        }
+    }
+}
+
+void MsrpSm::removeLeftovers() {
+    std::set<const Bridging::Input::EthGroup*> used;
+    for (const auto& [id, stream] : streamList_) used.insert(stream->ethGroup().get());
+    const auto& vlans = inputs_.brMsrpConfig->fdbConfig();
+    for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan)) {
+        const auto fdb = inputs_.brMsrpConfig->fdbConfig(*vlan);
+        for (auto address = fdb->ethGroup().firstKey(); address;
+             address = fdb->ethGroup().nextKey(*address)) {
+            if (!used.contains(fdb->ethGroup(*address).get())) fdb->ethGroupDel(*address);
+        }
+        if (fdb->ethGroup().empty()) inputs_.brMsrpConfig->fdbConfigDel(*vlan);
+    }
+    const auto& queues = inputs_.qosMsrpConfig->intfConfig();
+    for (auto intf = queues.firstKey(); intf; intf = queues.nextKey(*intf)) doSetQosTxQueueConfig(*intf);
+}
+
+}  // namespace Msrp
