@@ -182,6 +182,11 @@ bool MrpSm::attributeHeld(IntfId intf, std::uint8_t type, std::uint64_t key) con
     return holder && holder->held({typeIndex(type), key});
 }
 
+void MrpSm::eachAttribute(IntfId intf,
+                          const std::function<void(const AttributeRef&, const Attribute&)>& visit) const {
+    if (const auto port = participant(intf)) port->eachAttribute(visit);
+}
+
 std::uint8_t MrpSm::typeIndex(std::uint8_t type) const {
     const auto& types = application_.application().types;
     const auto at = std::ranges::find(types, type, &AttributeType::type);

@@ -83,6 +83,9 @@ public:
     void cleanUpIntfDatabase(IntfId intf);
     void cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
     [[nodiscard]] bool attributeHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const;
+    /// What is known of the attributes of an enabled port, in the order of type and key; nothing for others.
+    void eachAttribute(IntfId intf,
+                       const std::function<void(const AttributeRef&, const Attribute&)>& visit) const;
     [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
     [[nodiscard]] VlanId nativeVlanId(IntfId intf) const;
     [[nodiscard]] PeriodicSm& periodicSm() { return periodicSm_; }

@@ -100,6 +100,13 @@ public:
     void purgeAll();
     /// Offers what is registered to the application once more.
     void offerAgain(const AttributeRef& ref);
+    /// Calls `visit` with the name and the state of every attribute, in order; it must change nothing.
+    template <class F>
+    void eachAttribute(F&& visit) const {
+        for (std::uint8_t i = 0; i < typeCount(); ++i) {
+            for (const auto& [key, attribute] : attributes_[i]) visit(AttributeRef{i, key}, attribute);
+        }
+    }
     [[nodiscard]] bool registered(const AttributeRef& ref) const;
     /// The application holds the attribute: it accepted it, and will be told when it leaves.
     [[nodiscard]] bool held(const AttributeRef& ref) const;

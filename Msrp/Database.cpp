@@ -3,6 +3,7 @@
 #include "Mrp/Records.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
+#include "Msrp/types/Waiting.h"
 #include "Switch/Bridging.h"
 #include "Switch/BridgingInput.h"
 #include "Switch/BridgingTopology.h"
@@ -16,6 +17,7 @@ void populate(State::Database& database) {
     database.entityIs<CliConfig>("msrp/cliConfig");
     database.entityIs<Config>("msrp/config");
     database.entityIs<Status>("msrp/status");
+    database.entityIs<Waiting>("msrp/waiting");
     database.entityIs<Mrp::MrpConfig>("mrp/config");
     database.entityIs<Mrp::MrpStatus>("mrp/status");
     database.entityIs<Bridging::Config>("bridging/config");

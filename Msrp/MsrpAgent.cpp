@@ -52,6 +52,7 @@ void Agent::doInit() {
     entities.mountIs("msrp/cliConfig", "Msrp::CliConfig", "r");
     entities.mountIs("msrp/config", "Msrp::Config", "r");
     entities.mountIs("msrp/status", "Msrp::Status", "w");
+    entities.mountIs("msrp/waiting", "Msrp::Waiting", "w");
     entities.mountIs("mrp/config", "Mrp::MrpConfig", "r");
     entities.mountIs("mrp/status", "Mrp::MrpStatus", "w");
     entities.mountIs("bridging/config", "Bridging::Config", "r");
@@ -70,6 +71,7 @@ void Agent::fetchRecords() {
     msrpCliConfig_ = entities.reader<CliConfig>("msrp/cliConfig");
     msrpConfig_ = entities.reader<Config>("msrp/config");
     msrpStatus_ = entities.writer<Status>("msrp/status");
+    msrpWaiting_ = entities.writer<Waiting>("msrp/waiting");
     mrpConfig_ = entities.reader<Mrp::MrpConfig>("mrp/config");
     mrpStatus_ = entities.writer<Mrp::MrpStatus>("mrp/status");
     brConfig_ = entities.reader<Bridging::Config>("bridging/config");
@@ -120,6 +122,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
         MsrpSm::Inputs{.cliConfig = msrpCliConfig_,
                        .config = msrpConfig_,
                        .status = msrpStatus_,
+                       .waiting = msrpWaiting_,
                        .ethPhyIntfStatusDir = ethPhyIntfStatusDir_,
                        .brConfig = brConfig_,
                        .qosMsrpConfig = qosMsrpConfig_,

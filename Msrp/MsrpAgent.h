@@ -47,6 +47,7 @@ private:
     std::shared_ptr<const CliConfig> msrpCliConfig_;
     std::shared_ptr<const Config> msrpConfig_;
     std::shared_ptr<Status> msrpStatus_;
+    std::shared_ptr<Waiting> msrpWaiting_;
     std::shared_ptr<const Mrp::MrpConfig> mrpConfig_;
     std::shared_ptr<Mrp::MrpStatus> mrpStatus_;
     std::shared_ptr<const Bridging::Config> brConfig_;

@@ -21,9 +21,12 @@ MsrpSm::~MsrpSm() {
     intfStatusDelAll();
     switchIntfConfigDelAll();
     topoDelAll();
-    bandwidthFailedIntfDelAll();
+    if (!standbyMode()) {
+        // In standby these are the other agent's.
+        bandwidthFailedIntfDelAll();
+        macDaBlockedDelAll();
+    }
     bandwidthReleasedDelAll();
-    macDaBlockedDelAll();
     deletePendingStreamIntfsDelAll();
     msrpAdditionSm_.reset();
     msrpDeletionSm_.reset();
@@ -207,10 +210,7 @@ void MsrpSm::handleStandbyMode() {
     }
     if (!standbyMode()) {
         // What was on its way out when the other side stopped acting goes now.
-        const auto& ports = status()->intfStatus();
-        for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
-            if (!config().intfEnable(*intf)) handleIntfEnable(*intf);
-        }
+        catchUpWithConfig();
         forEachStream([this](U64 id, StreamData&) { cleanupStreamDataIfEmpty(id); });
     }
     // Reviews that were asked for in standby are made up for.
@@ -315,10 +315,9 @@ std::optional<U64> MsrpSm::otherStreamWith(EthAddr macDa, U64 streamId) const {
 }
 
 void MsrpSm::removeFromBandwidthQueues(U64 streamId) {
-    for (auto at = bandwidthFailedIntf_.begin(); at != bandwidthFailedIntf_.end();) {
-        at->second->failedStreamDelEvery(streamId);
-        at = at->second->empty() ? bandwidthFailedIntf_.erase(at) : std::next(at);
-    }
+    const auto& queues = inputs_.waiting->bandwidthFailedIntf();
+    for (auto intf = queues.firstKey(); intf; intf = queues.nextKey(*intf))
+        removeFailedStreamFromIntf(streamId, *intf);
 }
 
 void MsrpSm::removeFromQueues(U64 streamId, EthAddr macDa) {

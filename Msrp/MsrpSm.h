@@ -15,11 +15,11 @@
 #include "Mrp/MrpAttrLogSm.h"
 #include "Msrp/MsrpEvents.h"
 #include "Msrp/MsrpLib.h"
-#include "Msrp/bandwidth/FailedStreamQueue.h"
 #include "Msrp/lifecycle/StreamDeleteIntfs.h"
 #include "Msrp/types/Attributes.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
+#include "Msrp/types/Waiting.h"
 #include "Runtime/Assert.h"
 #include "Runtime/Loop.h"
 #include "Runtime/RingLog.h"
@@ -43,17 +43,13 @@ namespace Msrp {
 class MsrpAdditionSm;
 class MsrpDeletionSm;
 
-/// Streams refused for bandwidth on one port.
-class BwFailedIntf : public FailedStreamQueue {};
-/// Streams whose destination address another stream holds.
-class MacDaBlocked : public FailedStreamQueue {};
-
 class MsrpSm {
 public:
     struct Inputs {
         std::shared_ptr<const CliConfig> cliConfig;
         std::shared_ptr<const Config> config;
         std::shared_ptr<Status> status;
+        std::shared_ptr<Waiting> waiting;
         std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ethPhyIntfStatusDir;
         std::shared_ptr<const Bridging::Config> brConfig;
         std::shared_ptr<Qos::Input::Config> qosMsrpConfig;
@@ -152,10 +148,14 @@ public:
     void propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailureCode code, TalkerState state);
     void propagateTalkerAdvertiseLeave(IntfId ingressIntf, U64 streamId);
 
-    [[nodiscard]] std::shared_ptr<MacDaBlocked> macDaBlocked(EthAddr macDa) const;
-    std::shared_ptr<MacDaBlocked> macDaBlockedIs(EthAddr macDa);
-    void macDaBlockedDel(EthAddr macDa) { macDaBlocked_.erase(macDa); }
-    void macDaBlockedDelAll() { macDaBlocked_.clear(); }
+    [[nodiscard]] std::shared_ptr<MacDaBlocked> macDaBlocked(EthAddr macDa) const {
+        return inputs_.waiting->macDaBlocked(macDa);
+    }
+    std::shared_ptr<MacDaBlocked> macDaBlockedIs(EthAddr macDa) {
+        return inputs_.waiting->macDaBlockedIs(macDa);
+    }
+    void macDaBlockedDel(EthAddr macDa) { inputs_.waiting->macDaBlockedDel(macDa); }
+    void macDaBlockedDelAll() { inputs_.waiting->macDaBlockedDelAll(); }
     void addMacDaBlockedStream(EthAddr macDa, U64 streamId);
     void removeMacDaBlockedStream(EthAddr macDa, U64 streamId);
     void reprocessMacDaFailedStreams(EthAddr macDa);
@@ -192,10 +192,14 @@ public:
     void removeFailedStreamFromIntf(const U64& streamId, IntfId intf);
     void reprocessBandwidthFailedStreams();
     void reprocessBandwidthFailedStreams(IntfId intf);
-    [[nodiscard]] std::shared_ptr<BwFailedIntf> bandwidthFailedIntf(IntfId intf) const;
-    std::shared_ptr<BwFailedIntf> bandwidthFailedIntfIs(IntfId intf);
-    void bandwidthFailedIntfDel(IntfId intf) { bandwidthFailedIntf_.erase(intf); }
-    void bandwidthFailedIntfDelAll() { bandwidthFailedIntf_.clear(); }
+    [[nodiscard]] std::shared_ptr<BwFailedIntf> bandwidthFailedIntf(IntfId intf) const {
+        return inputs_.waiting->bandwidthFailedIntf(intf);
+    }
+    std::shared_ptr<BwFailedIntf> bandwidthFailedIntfIs(IntfId intf) {
+        return inputs_.waiting->bandwidthFailedIntfIs(intf);
+    }
+    void bandwidthFailedIntfDel(IntfId intf) { inputs_.waiting->bandwidthFailedIntfDel(intf); }
+    void bandwidthFailedIntfDelAll() { inputs_.waiting->bandwidthFailedIntfDelAll(); }
     void bandwidthReleasedIs(IntfId intf, bool released) { bandwidthReleased_[intf] = released; }
     void bandwidthReleasedDel(IntfId intf) { bandwidthReleased_.erase(intf); }
     void bandwidthReleasedDelAll() { bandwidthReleased_.clear(); }
@@ -319,10 +323,14 @@ private:
     [[nodiscard]] bool addressFree(const StreamData& stream) const;
     /// Makes the working tables anew from what is published.
     void rebuildStreams();
+    void rebuildQueues();
+    void rebuildAllocations();
     /// Tells the fresh engine what the published records say was declared and registered, so that no peer
     /// loses anything by the change of roles; then every port asks with a LeaveAll who still means it.
     void seedEngine();
     void seedStream(const StreamData& stream);
+    /// Puts into effect what was configured while nobody acted.
+    void catchUpWithConfig();
     /// Removes groups and queue configurations that belong to no stream: left over, they would block
     /// addresses for ever.
     void removeLeftovers();
@@ -372,9 +380,7 @@ private:
     std::map<U64, bool> addPendingStream_;
     std::map<U64, bool> deletePendingStream_;
     std::map<U64, std::shared_ptr<StreamDeleteIntfs>> deletePendingStreamIntfs_;
-    std::map<IntfId, std::shared_ptr<BwFailedIntf>> bandwidthFailedIntf_;
     std::map<IntfId, bool> bandwidthReleased_;
-    std::map<EthAddr, std::shared_ptr<MacDaBlocked>> macDaBlocked_;
     std::unique_ptr<MsrpAdditionSm> msrpAdditionSm_;
     std::unique_ptr<MsrpDeletionSm> msrpDeletionSm_;
 

@@ -2,6 +2,8 @@
 #include "Mrp/PeriodicSm.h"
 #include "Msrp/MsrpSm.h"
 
+#include <algorithm>
+#include <map>
 #include <set>
 
 namespace Msrp {
@@ -12,15 +14,61 @@ void MsrpSm::rebuildStreams() {
     addPendingStream_.clear();
     deletePendingStream_.clear();
     deletePendingStreamIntfsDelAll();
-    bandwidthFailedIntfDelAll();
     bandwidthReleasedDelAll();
-    macDaBlockedDelAll();
     const auto& published = status()->registeredStreams();
     for (auto id = published.firstKey(); id; id = published.nextKey(*id)) {
         const auto stream = status()->registeredStreams(*id);
         // Withdrawals that waited for a review were known to the other side only.
         if (!stream->ingressIntf()) stream->talkerDelAll();
+        for (const StreamPort& port : std::vector{stream->port()}) {
+            const auto intfStatus = status()->intfStatus(port.intf);
+            if (intfStatus && isActive(intfStatus->srClassState(stream->srClass()))) continue;
+            stream->delTalkerStateAndAge(port.intf);
+            stream->talkerFailureCodeDel(port.intf);
+        }
         streamListIs(stream);
+    }
+    rebuildQueues();
+    rebuildAllocations();
+}
+
+void MsrpSm::rebuildQueues() {
+    // Who waits keeps its place in the queue, who has gone does not.
+    const auto keepsSome = [this](FailedStreamQueue& queue) {
+        for (auto index = queue.head(); index; index = queue.next(*index)) {
+            if (!streamList(queue.stream(*index))) queue.failedStreamDel(*index);
+        }
+        return !queue.empty();
+    };
+    const auto& ports = inputs_.waiting->bandwidthFailedIntf();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+        // Whether bandwidth was released meanwhile is not published.
+        if (keepsSome(*bandwidthFailedIntf(*intf))) {
+            bandwidthReleasedIs(*intf, true);
+        } else {
+            bandwidthFailedIntfDel(*intf);
+        }
+    }
+    const auto& addresses = inputs_.waiting->macDaBlocked();
+    for (auto macDa = addresses.firstKey(); macDa; macDa = addresses.nextKey(*macDa)) {
+        if (!keepsSome(*macDaBlocked(*macDa))) macDaBlockedDel(*macDa);
+    }
+}
+
+void MsrpSm::rebuildAllocations() {
+    // What the other side had admitted for streams that it never published is free again.
+    std::map<std::pair<IntfId, SrClassId>, U64> admitted;
+    for (const auto& [id, stream] : streamList_) {
+        if (!stream->ethGroup()) continue;
+        for (const auto& [intf, member] : stream->ethGroup()->intf()) {
+            if (member && intf != stream->ingressIntf())
+                admitted[{intf, stream->srClass()}] += stream->bandwidth();
+        }
+    }
+    const auto& ports = status()->intfStatus();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+        for (const SrClassId srClass : bothClasses)
+            status()->intfStatus(*intf)->classBandwidthAllocatedIs(srClass, admitted[{*intf, srClass}]);
     }
 }
 
@@ -71,6 +119,26 @@ void MsrpSm::seedStream(const StreamData& stream) {
             send(port.intf, typeTalkerFailed, request, failed.octets());
         }
     }
+}
+
+void MsrpSm::catchUpWithConfig() {
+    const auto& ports = status()->intfStatus();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+        if (!config().intfEnable(*intf)) {
+            handleIntfEnable(*intf);
+            continue;
+        }
+        for (const SrClassId srClass : bothClasses) {
+            if (!srClassSupported(srClass)) setSrClassState(*intf, srClass, SrClassState::NotSupported);
+        }
+    }
+    // The priority that was declared before is known by the streams that were registered under it.
+    const bool priorityChanged = std::ranges::any_of(streamList_, [this](const auto& entry) {
+        const StreamData& stream = *entry.second;
+        return stream.ingressIntf() && stream.dataFramePriority() != srClassPriority(stream.srClass());
+    });
+    if (!priorityChanged) return;
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) readmitPort(*intf);
 }
 
 void MsrpSm::removeLeftovers() {

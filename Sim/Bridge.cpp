@@ -36,6 +36,7 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
     cliConfig = database_.entityIs<Msrp::CliConfig>("msrp/cliConfig");
     config = database_.entityIs<Msrp::Config>("msrp/config");
     status = database_.entityIs<Msrp::Status>("msrp/status");
+    waiting = database_.entityIs<Msrp::Waiting>("msrp/waiting");
     mrpConfig = database_.entityIs<Mrp::MrpConfig>("mrp/config");
     mrpStatus = database_.entityIs<Mrp::MrpStatus>("mrp/status");
     bridging = database_.entityIs<Bridging::Config>("bridging/config");

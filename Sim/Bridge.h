@@ -6,6 +6,7 @@
 #include "Msrp/MsrpAgent.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
+#include "Msrp/types/Waiting.h"
 #include "Runtime/Loop.h"
 #include "Runtime/Redundancy.h"
 #include "Sim/Ports.h"
@@ -68,7 +69,7 @@ public:
     /// Lines of the system log that contain `text`.
     [[nodiscard]] std::size_t logged(const std::string& text) const;
     [[nodiscard]] const std::vector<std::string>& log() const { return log_; }
-    void logClear() { log_.clear(); }
+    void logClear() { log_ = {}; }
 
 private:
     [[nodiscard]] std::unique_ptr<Msrp::Agent> makeAgent();
@@ -79,6 +80,7 @@ public:
     std::shared_ptr<Msrp::CliConfig> cliConfig;
     std::shared_ptr<Msrp::Config> config;
     std::shared_ptr<Msrp::Status> status;
+    std::shared_ptr<Msrp::Waiting> waiting;
     std::shared_ptr<Mrp::MrpConfig> mrpConfig;
     std::shared_ptr<Mrp::MrpStatus> mrpStatus;
     std::shared_ptr<Bridging::Config> bridging;

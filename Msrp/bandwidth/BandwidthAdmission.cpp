@@ -39,19 +39,8 @@ TalkerFailureCode MsrpSm::checkBandwidthAvailability(IntfId intf, const U64& str
     return code;
 }
 
-std::shared_ptr<BwFailedIntf> MsrpSm::bandwidthFailedIntf(IntfId intf) const {
-    const auto at = bandwidthFailedIntf_.find(intf);
-    return at == bandwidthFailedIntf_.end() ? nullptr : at->second;
-}
-
-std::shared_ptr<BwFailedIntf> MsrpSm::bandwidthFailedIntfIs(IntfId intf) {
-    auto& failed = bandwidthFailedIntf_[intf];
-    if (!failed) failed = std::make_shared<BwFailedIntf>();
-    return failed;
-}
-
 void MsrpSm::addFailedStreamToIntf(const U64& streamId, IntfId intf) {
-    bandwidthFailedIntfIs(intf)->failedStreamEnq(streamId);
+    bandwidthFailedIntfIs(intf)->failedStreamEnq(streamId, now());
 }
 
 void MsrpSm::removeFailedStreamFromIntf(const U64& streamId, IntfId intf) {

@@ -26,7 +26,6 @@ void MsrpSm::removeStreamFromAddPending(const U64& id) {
 
 void MsrpSm::addStreamToDeletePending(const U64& id) {
     if (const auto stream = streamList(id)) {
-        removeFromQueues(id, stream->macDa());
         // A record that is revived before it is withdrawn must not bring listeners with it that have left.
         stream->listenerStateOrigDelAll();
         while (const auto intf = stream->portWithListener()) stream->delListenerStateAndAge(*intf);

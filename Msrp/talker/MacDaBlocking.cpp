@@ -3,19 +3,8 @@
 
 namespace Msrp {
 
-std::shared_ptr<MacDaBlocked> MsrpSm::macDaBlocked(EthAddr macDa) const {
-    const auto at = macDaBlocked_.find(macDa);
-    return at == macDaBlocked_.end() ? nullptr : at->second;
-}
-
-std::shared_ptr<MacDaBlocked> MsrpSm::macDaBlockedIs(EthAddr macDa) {
-    auto& blocked = macDaBlocked_[macDa];
-    if (!blocked) blocked = std::make_shared<MacDaBlocked>();
-    return blocked;
-}
-
 void MsrpSm::addMacDaBlockedStream(EthAddr macDa, U64 streamId) {
-    macDaBlockedIs(macDa)->failedStreamEnq(streamId);
+    macDaBlockedIs(macDa)->failedStreamEnq(streamId, now());
 }
 
 void MsrpSm::removeMacDaBlockedStream(EthAddr macDa, U64 streamId) {

@@ -2,11 +2,11 @@
 #include "Msrp/MsrpLib.h"
 #include "Msrp/bandwidth/Admission.h"
 #include "Msrp/bandwidth/CosToTcMap.h"
-#include "Msrp/bandwidth/FailedStreamQueue.h"
 #include "Msrp/domain/SrClassTransition.h"
 #include "Msrp/listener/ListenerMerge.h"
 #include "Msrp/types/Format.h"
 #include "Msrp/types/StreamData.h"
+#include "Msrp/types/Waiting.h"
 
 #include <algorithm>
 #include <array>
@@ -75,17 +75,17 @@ TEST(SrClassTransition, EveryStateIsReachedAndLeftOnlyAsThePeerAllows) {
 
 TEST(FailedStreamQueue, IndicesGrowAndAStreamStandsTwiceAtMost) {
     FailedStreamQueue queue;
-    for (const U64 id : std::vector<U64>{7, 8, 7, 7}) queue.failedStreamEnq(id);
-    EXPECT_EQ(queue.entry(), (std::map<U32, U64>{{0, 7}, {1, 8}, {2, 7}}));
+    for (const U64 id : std::vector<U64>{7, 8, 7, 7}) queue.failedStreamEnq(id, 1.0);
+    EXPECT_EQ(queue.entry(), (std::map<U32, FailedStream>{{0, {7, 1.0}}, {1, {8, 1.0}}, {2, {7, 1.0}}}));
     queue.failedStreamDeq();
-    queue.failedStreamEnq(9);
+    queue.failedStreamEnq(9, 2.0);
     EXPECT_EQ(queue.tail(), 3U);
     queue.failedStreamDel(3);
-    queue.failedStreamEnq(9);
+    queue.failedStreamEnq(9, 2.0);
     EXPECT_EQ(queue.tail(), 3U) << "the counter's own value, as the tail is below it";
-    queue.failedStreamIs(2, 8);
+    queue.failedStreamIs(2, {8, 3.0});
     EXPECT_TRUE(queue.failedStreamDelFirst(8));
-    EXPECT_EQ(queue.entry(), (std::map<U32, U64>{{2, 8}, {3, 9}}));
+    EXPECT_EQ(queue.entry(), (std::map<U32, FailedStream>{{2, {8, 3.0}}, {3, {9, 2.0}}}));
     EXPECT_TRUE(queue.failedStreamDelEvery(8));
     EXPECT_FALSE(queue.failedStreamDelEvery(8));
     queue.failedStreamDelAll();

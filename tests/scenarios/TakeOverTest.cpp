@@ -1,15 +1,9 @@
 /// Two agents over one state database: one acts, the other stands by and takes over.
-#include "Runtime/VirtualLoop.h"
 #include "Sim/MrpPeer.h"
-
-#include <gtest/gtest.h>
+#include "tests/scenarios/Scenario.h"
 
 namespace Sim {
 namespace {
-
-using Msrp::ListenerState;
-using Msrp::SrClassId;
-using namespace std::chrono_literals;
 
 TEST(TakeOver, ThousandReservationsSurviveAndWhatNobodyWantsGoes) {
     constexpr std::uint64_t streams = 1000;
@@ -74,6 +68,89 @@ TEST(TakeOver, ThousandReservationsSurviveAndWhatNobodyWantsGoes) {
     bridge.standbyTakesOver();
     loop.runFor(60s);
     EXPECT_EQ(near.registered(), nearExpected);
+}
+
+class TakeOverOf : public Scenario {
+protected:
+    void SetUp() override {
+        Scenario::SetUp();
+        bridge.standbyStart();
+        core();
+    }
+    void takeOver() {
+        bridge.activeStops();
+        bridge.standbyTakesOver();
+    }
+};
+
+TEST_F(TakeOverOf, AStreamThatWasNeverPublishedHoldsNothing) {
+    p1.say(advertise({}));
+    p2.say(listener(1, ListenerState::Ready));
+    loop.runFor(1ms);
+    ASSERT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 9088U);
+    ASSERT_TRUE(bridge.status->registeredStreams().empty()) << "the review is yet to come";
+    takeOver();
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
+    EXPECT_EQ(bridge.groups(), "");
+    EXPECT_TRUE(bridge.queues->intfConfig().empty());
+    p1.say(advertise({}));
+    p2.say(listener(1, ListenerState::Ready));
+    settle();
+    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
+}
+
+TEST_F(TakeOverOf, WhoWaitsKeepsItsPlace) {
+    const auto said = [&](std::uint64_t id, std::uint64_t macDa, std::uint16_t frameSize) {
+        return advertise({.id = id, .macDa = macDa, .maxFrameSize = frameSize});
+    };
+    // Streams 9, 2 and 1 want one address, in this order.
+    for (const std::uint64_t id : {9U, 2U, 1U}) p1.say(said(id, 0x91e0f0000009, 100));
+    // Each of the others takes more than half of what p2 may carry.
+    bridge.cliConfig->srClassABandwidthPercentIs(10);
+    for (const std::uint64_t id : {8U, 7U, 6U}) {
+        p1.say(said(id, 0x91e0f0000100 + id, 1000));
+        p2.say(listener(id, ListenerState::Ready));
+    }
+    quiet();
+    ASSERT_EQ(bridge.stream(8), "0x8 SrClassA 66688 p1 -> p2");
+    takeOver();
+    loop.runFor(100ms);  // the LeaveAll
+    std::vector<Say> meant = domains(Event::JoinIn);
+    for (const std::uint64_t id : {1U, 2U, 9U}) meant.push_back(said(id, 0x91e0f0000009, 100));
+    for (const std::uint64_t id : {6U, 7U, 8U}) meant.push_back(said(id, 0x91e0f0000100 + id, 1000));
+    p1.say(meant);
+    p2.say(domains(Event::JoinIn));
+    for (const std::uint64_t id : {6U, 7U, 8U}) p2.say(listener(id, ListenerState::Ready));
+    p3.say(domains(Event::JoinIn));
+    quiet();
+    p1.say(advertise({.id = 9, .macDa = 0x91e0f0000009}, Event::Lv));
+    p2.say(listener(8, ListenerState::Ready, Event::Lv));
+    quiet();
+    EXPECT_EQ(bridge.stream(2), "0x2 SrClassA 9088 p1 -> p1");
+    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> no group") << bridge.streams();
+    EXPECT_EQ(bridge.stream(7), "0x7 SrClassA 66688 p1 -> p2");
+    EXPECT_EQ(bridge.stream(6), "0x6 SrClassA 66688 p1 -> p1");
+}
+
+TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
+    p1.say(advertise({}));
+    p2.say(listener(1, ListenerState::Ready));
+    quiet();
+    ASSERT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
+    bridge.activeStops();
+    bridge.cliConfig->srClassBSupportedIs(false);
+    bridge.config->intfEnableDel(IntfId{"p3"});
+    bridge.standbyTakesOver();
+    EXPECT_EQ(bridge.classes("p1"), "p1 Core NotSupported");
+    EXPECT_EQ(bridge.classes("p3"), "p3 absent");
+    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
+
+    bridge.activeStops();
+    bridge.cliConfig->srClassAPriorityIs(4);
+    bridge.standbyTakesOver();
+    quiet();
+    EXPECT_EQ(bridge.groups(), "") << "the stream has the priority of no class any more";
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
 }
 
 }  // namespace

@@ -1,0 +1,7 @@
+/// How much of the heap is in use.
+#pragma once
+
+#include <cstddef>
+
+/// Octets that were allocated with `new` and not given back yet.
+std::size_t liveOctets();
