@@ -30,8 +30,9 @@ std::string line(const Msrp::StreamData& stream) {
 
 }  // namespace
 
-Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed)
-    : loop_{loop}, seed_{seed}, ports_{loop} {
+Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed,
+               Mrp::PacketPortProvider* realPorts)
+    : loop_{loop}, seed_{seed}, ports_{loop}, provider_{realPorts != nullptr ? *realPorts : ports_} {
     Msrp::populate(database_);
     cliConfig = database_.entityIs<Msrp::CliConfig>("msrp/cliConfig");
     config = database_.entityIs<Msrp::Config>("msrp/config");
@@ -72,7 +73,7 @@ std::unique_ptr<Msrp::Agent> Bridge::makeAgent() {
                                                                    .ringLog = ringLog_,
                                                                    .ringLogFile = false,
                                                                    .seed = seed_},
-                                         ports_);
+                                         provider_);
 }
 
 void Bridge::start() {

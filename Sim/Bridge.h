@@ -29,8 +29,10 @@ namespace Sim {
 class Bridge {
 public:
     /// A bridge with address 02:00:00:00:00:01, VLAN 2 tagged on all ports, links up at 1 Gbit/s, no spanning
-    /// tree and MSRP enabled on every port.  The agent is not started yet.
-    Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed = 1);
+    /// tree and MSRP enabled on every port.  The agent is not started yet.  With `realPorts`, which must
+    /// outlive the bridge, it speaks through these and not through `ports()`.
+    Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed = 1,
+           Mrp::PacketPortProvider* realPorts = nullptr);
     ~Bridge();
 
     /// Starts the agent (anew, when it was stopped).
@@ -96,6 +98,7 @@ private:
     Runtime::Loop& loop_;
     std::uint64_t seed_;
     Ports ports_;
+    Mrp::PacketPortProvider& provider_;
     std::vector<std::string> log_;
     Runtime::SystemLog systemLog_;
     Runtime::Trace trace_;

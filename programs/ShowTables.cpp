@@ -18,6 +18,7 @@ namespace {
 constexpr std::array<std::string_view, 2> classes{"A", "B"};
 
 Value ageValue(double age) { return age < 0 ? Value{} : Value{age}; }
+Value waitOrNone(const std::optional<WaitReport>& wait) { return wait ? waitValue(*wait) : Value{}; }
 Value textOrNone(const std::string& text) { return text.empty() ? Value{} : Value{text}; }
 
 /// Ports on which MSRP is configured to run.
@@ -52,16 +53,7 @@ void noteOthers(Table& table, const StreamReport& stream) {
 Value bandwidth(const Snapshot& snapshot, const std::string& port, std::string_view srClass) {
     const Value& status = at(snapshot.record("msrp/status"), {"intfStatus", port});
     if (status.isNull()) return {};
-    const Value& config = snapshot.record("msrp/cliConfig");
-    const Value& speed =
-        at(snapshot.record("interface/status/eth/phy/all"), {"intfStatus", port, "speedEnum"});
-    const auto known = State::Codec<Interface::Speed>::decode(speed);
-    const Msrp::AdmissionRequest share{
-        .link = Msrp::linkSpeedKbps(known.value_or(Interface::Speed::speedUnknown)),
-        .percentA = numberOf(at(config, {"srClassABandwidthPercent"})),
-        .percentB = numberOf(at(config, {"srClassBBandwidthPercent"})),
-        .allocatedA = numberOf(at(status, {"classBandwidthAllocated", "SrClassA"})),
-        .allocatedB = numberOf(at(status, {"classBandwidthAllocated", "SrClassB"}))};
+    const Msrp::AdmissionRequest share = portShare(snapshot, port);
     const bool classA = srClass == "A";
     const U64 used = classA ? share.allocatedA : share.allocatedB;
     const U64 total = Msrp::allowedTotal(share);
@@ -74,6 +66,47 @@ Value linkState(const Snapshot& snapshot, const std::string& port) {
     if (at(snapshot.record("interface/status/eth/intf"), {"intf", port}).isNull()) return "no interface";
     return textOrNone(
         textOf(at(snapshot.record("interface/status/eth/phy/all"), {"intfStatus", port, "linkStatus"})));
+}
+
+/// Who waits at a port, and how that reads.
+struct PortWait {
+    std::size_t place;
+    std::string text;
+};
+
+/// By port: streams that want bandwidth there, and streams that were declared there and want an address.
+std::map<std::string, std::vector<PortWait>> portWaits(const Snapshot& snapshot) {
+    std::map<std::string, std::vector<PortWait>> waits;
+    for (const StreamReport& stream : streamReports(snapshot)) {
+        const auto add = [&](const std::string& port, const char* what, const WaitReport& wait) {
+            waits[port].push_back({wait.place, streamName(stream.id) + " wants " + what + waitText(wait)});
+        };
+        if (stream.wait) add(stream.from, "its address", *stream.wait);
+        for (const StreamPortReport& port : stream.ports) {
+            if (port.wait) add(port.name, "bandwidth", *port.wait);
+        }
+    }
+    for (auto& [port, all] : waits) {
+        // Those without a place come last.
+        std::ranges::stable_sort(all, {}, [](const PortWait& wait) { return wait.place - 1; });
+    }
+    return waits;
+}
+
+/// The first of them; `show streams` has them all.
+void noteWaits(Table& table, const std::vector<PortWait>& waits) {
+    constexpr std::size_t most = 5;
+    for (std::size_t i = 0; i < std::min(waits.size(), most); ++i) table.note("    " + waits[i].text);
+    if (waits.size() > most) table.note("    and " + std::to_string(waits.size() - most) + " more streams");
+}
+
+/// kbit/s by queue.
+Value shapedQueues(const Snapshot& snapshot, const std::string& port) {
+    State::Object queues;
+    for (const auto& [queue, config] :
+         membersOf(at(snapshot.record("qos/input/config/msrp"), {"intfConfig", port, "txQueueConfig"})))
+        queues.emplace_back(queue, at(config, {"shapeRate"}));
+    return queues.empty() ? Value{} : Value{std::move(queues)};
 }
 
 U64 sum(const Value& counters) {
@@ -130,13 +163,15 @@ Value streamValue(const StreamReport& stream) {
                                                     {"reason", textOrNone(port.reason)},
                                                     {"talker", textOrNone(port.talker)},
                                                     {"listener", textOrNone(port.listener)},
-                                                    {"age", ageValue(port.age)}});
+                                                    {"age", ageValue(port.age)},
+                                                    {"waiting", waitOrNone(port.wait)}});
     }
     return State::Object{{"stream", streamName(stream.id)},
                          {"from", textOrNone(stream.from)},
                          {"age", ageValue(stream.age)},
                          {"talker", textOrNone(stream.talker)},
                          {"failure", textOrNone(stream.failure)},
+                         {"waiting", waitOrNone(stream.wait)},
                          {"ports", std::move(ports)},
                          {"record", stream.record}};
 }
@@ -185,22 +220,29 @@ Table ports(const Snapshot& snapshot) {
                  {"A KBPS", "srClassABandwidth"},
                  {"CLASS B", "srClassB"},
                  {"B KBPS", "srClassBBandwidth"},
+                 {"SHAPED KBPS", "shaped"},
+                 {"WAITING", "waiting"},
                  {"RX PDUS", "rxPdus"},
                  {"TX PDUS", "txPdus"},
                  {"REFUSED", "refusedJoins"},
                  {"MALFORMED", "malformed"},
                  {"DROPPED", "droppedRegistrations"}},
                 1};
+    auto waiting = portWaits(snapshot);
     for (const std::string& port : enabledPorts(snapshot)) {
         const Value& status = at(snapshot.record("msrp/status"), {"intfStatus", port});
         const Value& mrp = at(snapshot.record("mrp/status"), {"intf", port});
+        const std::vector<PortWait>& waits = waiting[port];
         table.row({port, linkState(snapshot, port),
                    at(snapshot.record("interface/status/eth/phy/all"), {"intfStatus", port, "speedEnum"}),
                    at(status, {"portState"}), at(status, {"srClassState", "SrClassA"}),
                    bandwidth(snapshot, port, "A"), at(status, {"srClassState", "SrClassB"}),
-                   bandwidth(snapshot, port, "B"), at(mrp, {"rxPdus"}), at(mrp, {"txPdus"}),
-                   at(mrp, {"refusedJoins"}), mrp.isNull() ? Value{} : Value{sum(at(mrp, {"malformed"}))},
+                   bandwidth(snapshot, port, "B"), shapedQueues(snapshot, port),
+                   status.isNull() ? Value{} : Value{U64{waits.size()}}, at(mrp, {"rxPdus"}),
+                   at(mrp, {"txPdus"}), at(mrp, {"refusedJoins"}),
+                   mrp.isNull() ? Value{} : Value{sum(at(mrp, {"malformed"}))},
                    at(mrp, {"droppedRegistrations"})});
+        noteWaits(table, waits);
     }
     return table;
 }

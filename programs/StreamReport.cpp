@@ -21,6 +21,13 @@ std::string bridgeName(U64 id) {
     return priority + EthAddr::fromNumber(id & addressMask).text();
 }
 
+constexpr U64 addressInUse = Msrp::number(Msrp::TalkerFailureCode::destinationAddressInUse);
+
+bool wantsBandwidth(U64 code) {
+    return code == Msrp::number(Msrp::TalkerFailureCode::insufficientBandwidth) ||
+           code == Msrp::number(Msrp::TalkerFailureCode::insufficientBandwidthForClass);
+}
+
 std::string codeText(U64 code) {
     for (const auto& known : Msrp::talkerFailureCodeNames) {
         if (Msrp::number(known.value) == code) return std::string{known.name};
@@ -30,7 +37,7 @@ std::string codeText(U64 code) {
 
 class Reporter {
 public:
-    explicit Reporter(const Snapshot& snapshot) : snapshot_{snapshot} {
+    explicit Reporter(const Snapshot& snapshot) : snapshot_{snapshot}, lines_{snapshot} {
         const auto own = EthAddr::parse(textOf(at(snapshot.record("bridging/config"), {"bridgeMac"})));
         if (own) bridgeAddress_ = own->number();
     }
@@ -48,6 +55,10 @@ public:
         r.age = age(stream, r.from);
         if (const U64 code = numberOf(at(stream, {"talkerFailureCode", r.from})); code != 0)
             r.failure = failure(stream, code);
+        if (isOurs(stream) && numberOf(at(stream, {"talkerFailureCode", r.from})) == addressInUse) {
+            r.wait = lines_.forAddress(id, stream);
+            r.failure += waitText(*r.wait);
+        }
         for (const auto& [port, enabled] : membersOf(at(snapshot_.record("msrp/config"), {"intfEnable"}))) {
             if (isTrue(enabled) && port != r.from) r.ports.push_back(portReport(r, stream, port));
         }
@@ -59,13 +70,20 @@ private:
                                               const std::string& port) const {
         StreamPortReport p;
         p.name = port;
+        // Another stream may have the group of that address.
         p.carried =
+            !textOf(at(stream, {"ethGroup"})).empty() &&
             isTrue(at(snapshot_.record("bridging/input/config/msrp"),
                       {"fdbConfig", std::to_string(r.vlan), "ethGroup", r.destination, "intf", port}));
         p.age = age(stream, port);
         p.talker = textOf(at(stream, {"talkerState", port}));
         p.listener = textOf(at(stream, {"listenerState", port}));
         if (!p.carried) p.reason = reason(r, p, stream);
+        const U64 code = numberOf(at(stream, {"talkerFailureCode", port}));
+        if (!p.carried && r.failure.empty() && wantsBandwidth(code)) {
+            p.wait = lines_.forBandwidth(r.id, stream, port);
+            p.reason += waitText(*p.wait);
+        }
         return p;
     }
 
@@ -93,9 +111,14 @@ private:
         const U64 bridge = State::parseHex(textOf(at(stream, {"failedBridgeId"}))).value_or(0);
         std::string text = codeText(code);
         if (bridge == 0) return text;
+        return text + " (found by " + (isOurs(stream) ? "this bridge" : "bridge " + bridgeName(bridge)) + ')';
+    }
+
+    /// This bridge found the failure.
+    [[nodiscard]] bool isOurs(const Value& stream) const {
+        const U64 bridge = State::parseHex(textOf(at(stream, {"failedBridgeId"}))).value_or(0);
         // The priority of our own id depends on the spanning tree; the address is ours alone.
-        const bool ours = bridgeAddress_ != 0 && (bridge & addressMask) == bridgeAddress_;
-        return text + " (found by " + (ours ? "this bridge" : "bridge " + bridgeName(bridge)) + ')';
+        return bridgeAddress_ != 0 && (bridge & addressMask) == bridgeAddress_;
     }
 
     [[nodiscard]] double age(const Value& stream, const std::string& port) const {
@@ -104,6 +127,7 @@ private:
     }
 
     const Snapshot& snapshot_;
+    WaitingLines lines_;
     U64 bridgeAddress_ = 0;
 };
 

@@ -3,6 +3,7 @@
 
 #include "Msrp/types/Enums.h"
 #include "programs/Snapshot.h"
+#include "programs/WaitReport.h"
 
 #include <optional>
 #include <string>
@@ -19,16 +20,18 @@ struct StreamPortReport {
     std::string talker;    ///< what is declared to the port; empty for nothing
     std::string listener;  ///< what the port asks for; empty for nothing
     std::string reason;    ///< why the stream is not carried; empty when it is
+    std::optional<WaitReport> wait;  ///< when it is for want of bandwidth here
 };
 
 struct StreamReport {
     Msrp::U64 id = 0;
     std::string from;  ///< the talker's port; empty when no talker is known
     std::string destination;
-    std::string srClass;  ///< "A" or "B"
-    std::string talker;   ///< as the talker's port declares it
-    std::string failure;  ///< why the talker's side has failed already; empty when it has not
-    double age = -1.0;    ///< as in the port's report, of the talker's port
+    std::string srClass;             ///< "A" or "B"
+    std::string talker;              ///< as the talker's port declares it
+    std::string failure;             ///< why the talker's side has failed already; empty when it has not
+    std::optional<WaitReport> wait;  ///< when it is because another stream has the address
+    double age = -1.0;               ///< as in the port's report, of the talker's port
     Msrp::U64 vlan = 0;
     Msrp::U64 kbps = 0;
     std::vector<StreamPortReport> ports;

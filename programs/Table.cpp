@@ -13,6 +13,12 @@ std::string cellText(const Value& cell) {
     if (cell.isNull()) return "-";
     if (const auto* flag = std::get_if<bool>(&cell.data)) return *flag ? "yes" : "no";
     if (const auto* text = std::get_if<std::string>(&cell.data)) return text->empty() ? "-" : *text;
+    if (cell.object() != nullptr) {
+        std::string all;
+        for (const auto& [name, value] : *cell.object())
+            all += (all.empty() ? "" : ", ") + name + ' ' + cellText(value);
+        return all;
+    }
     return State::text(cell);
 }
 

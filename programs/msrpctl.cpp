@@ -77,12 +77,21 @@ std::string fetch(const Options& options, const std::vector<std::string>& paths,
     return problem;
 }
 
-const std::vector<std::string> streamRecords{"msrp/status", "msrp/config", "bridging/config",
-                                             "bridging/input/config/msrp"};
+const std::vector<std::string> streamRecords{"msrp/status",
+                                             "msrp/waiting",
+                                             "msrp/config",
+                                             "msrp/cliConfig",
+                                             "bridging/config",
+                                             "bridging/input/config/msrp",
+                                             "interface/status/eth/phy/all"};
 const std::vector<std::string> portRecords{"msrp/status",
+                                           "msrp/waiting",
                                            "msrp/config",
                                            "msrp/cliConfig",
                                            "mrp/status",
+                                           "bridging/config",
+                                           "bridging/input/config/msrp",
+                                           "qos/input/config/msrp",
                                            "interface/status/eth/phy/all",
                                            "interface/status/eth/intf"};
 
@@ -200,7 +209,8 @@ int run(int argc, char** argv) {
     table(show, "stream", "All about one stream", showStream)
         ->add_option("ID", options.stream, "0x... or address/number, 00:11:22:33:44:55/1")
         ->required();
-    table(show, "ports", "Links, classes, bandwidth in use and allowed, and the protocol's health",
+    table(show, "ports",
+          "Links, classes, bandwidth in use and allowed, queues, who waits, and the protocol's health",
           [](const Options& o) { return showPorts(o, Show::ports); });
     table(show, "domain", "What each port is to each class",
           [](const Options& o) { return showPorts(o, Show::domain); });

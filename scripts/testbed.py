@@ -89,6 +89,10 @@ class Testbed:
         self._ip("-n", self.switch, "link", "set", port, "up")
         self._ip("-n", station, "link", "set", "eth0", "up")
 
+    def link(self, port, state):
+        """Sets the station's end of a cable "up" or "down"."""
+        self._ip("-n", self.station_of(port), "link", "set", "eth0", state)
+
     def config(self):
         """A small configuration.  The kernel's idea of a virtual cable's speed is fiction, so it is given."""
         return {

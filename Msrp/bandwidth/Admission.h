@@ -4,6 +4,8 @@
 #include "Msrp/types/Enums.h"
 #include "Switch/Interface.h"
 
+#include <algorithm>
+
 namespace Msrp {
 
 /// kbit/s of a stream.  `maxIntervalFrames` frames per class measurement interval (125 us for class A, 250 us
@@ -49,6 +51,16 @@ constexpr TalkerFailureCode admit(const AdmissionRequest& r) {
     const U64 allocated = classA ? r.allocatedA : r.allocatedB;
     return allowed < allocated + r.needed ? TalkerFailureCode::insufficientBandwidthForClass
                                           : TalkerFailureCode::noFailure;
+}
+
+/// kbit/s that are missing for the stream to be admitted; 0 when it is.
+constexpr U64 missingBandwidth(const AdmissionRequest& r) {
+    const U64 total = allowedTotal(r);
+    const bool classA = r.srClass == SrClassId::SrClassA;
+    const U64 together = r.allocatedA + r.allocatedB + r.needed;
+    const U64 own = (classA ? r.allocatedA : r.allocatedB) + r.needed;
+    const U64 allowed = classA ? r.percentA * r.link / 100 : total - std::min(total, r.allocatedA);
+    return std::max(together - std::min(together, total), own - std::min(own, allowed));
 }
 
 }  // namespace Msrp

@@ -44,7 +44,17 @@ TEST(Bandwidth, AdmitsWhatFitsExactly) {
         Case{{A, 0, 0, 75, 0, 0, 0}, Code::noFailure},
         Case{{A, 1, gigabit, 200, 100, 3'000'000, 0}, Code::insufficientBandwidth},
     };
-    for (const Case& c : cases) EXPECT_EQ(admit(c.request), c.code) << c.request.needed;
+    for (const Case& c : cases) {
+        EXPECT_EQ(admit(c.request), c.code) << c.request.needed;
+        AdmissionRequest request = c.request;
+        const U64 missing = missingBandwidth(request);
+        EXPECT_EQ(missing == 0, c.code == Code::noFailure) << c.request.needed;
+        if (missing == 0 || missing > request.needed) continue;
+        request.needed -= missing;
+        EXPECT_EQ(admit(request), Code::noFailure) << c.request.needed;
+        ++request.needed;
+        EXPECT_NE(admit(request), Code::noFailure) << c.request.needed;
+    }
 }
 
 TEST(ListenerMerge, NoOrderMatters) {

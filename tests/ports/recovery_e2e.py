@@ -1,0 +1,98 @@
+#!/usr/bin/env python3
+"""recovery_e2e.py BUILD: what becomes of reservations when programs die and cables are pulled, on real ports.
+
+Needs root; exit code 77 without.
+"""
+import os
+import pathlib
+import sys
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
+from testbed import VLAN, Testbed  # noqa: E402
+
+BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
+STREAMS = [f"0x{0x200000002010000 + number:X}" for number in range(1, 51)]
+LEAVE_ALL, LEAVE = 2.0, 0.6  # seconds
+
+
+def talk(stream):
+    return f"{stream},91:e0:f0:00:01:{int(stream, 16) & 0xff:02x},{VLAN},A,100,1"
+
+
+class Recovery(unittest.TestCase):
+    """A talker behind swp1, a listener behind swp2 and swp3 each, 50 streams, all of them reserved."""
+
+    def setUp(self):
+        bed = self.bed = self.enterContext(Testbed(BUILD))
+        self.daemon = self.start()
+        self.talker = bed.station("swp1", *(word for stream in STREAMS for word in ("--talk", talk(stream))))
+        self.listeners = {port: bed.station(port, *(word for stream in STREAMS for word in ("--listen", stream)))
+                          for port in ("swp2", "swp3")}
+        self.until(self.all_reserved, 10, "not all streams are reserved")
+
+    def start(self):
+        return self.bed.daemon(self.bed.config() | {"mrp/config": {"leaveAllTime": int(1000 * LEAVE_ALL),
+                                                                   "leaveTime": int(1000 * LEAVE)}})
+
+    def until(self, condition, seconds, what):
+        begun = time.monotonic()
+        self.bed.wait(condition, seconds, what)
+        return time.monotonic() - begun
+
+    def carriers(self):
+        return {stream: [port for port, state in report["ports"].items() if state["carried"]]
+                for stream, report in self.bed.read("show", "streams").items()}
+
+    def all_reserved(self, ports=("swp2", "swp3")):
+        return self.carriers() == {stream: list(ports) for stream in STREAMS}
+
+    def test_a_talker_that_is_killed_disappears_within_a_leave_all_round(self):
+        self.talker.kill()
+        took = self.until(lambda: all(not stream["from"] for stream in self.bed.read("show", "streams").values()),
+                          1.5 * LEAVE_ALL + LEAVE + 1, "the dead talker's streams stay")
+        for listener in self.listeners.values():
+            listener.kill()
+        gone = self.until(lambda: self.bed.read("show", "streams") == {}, 1.5 * LEAVE_ALL + LEAVE + 1,
+                          "streams stay that nobody wants")
+        print(f"dead talker gone after {took:.1f} s, dead listeners after another {gone:.1f} s")
+        # A quarter of a second is for msrpctl itself and the reviews.
+        self.assertLess(took, 1.5 * LEAVE_ALL + LEAVE + 0.25)
+        self.assertEqual(self.bed.read("get", "bridging/input/config/msrp/fdbConfig"), {})
+        self.assertEqual(self.bed.read("get", "qos/input/config/msrp/intfConfig"), {})
+
+    def test_a_link_flap_brings_all_streams_back(self):
+        for port in ("swp2", "swp1"):
+            self.bed.link(port, "down")
+            self.until(lambda: not self.all_reserved(), 5, "nobody notices the link")
+            self.bed.link(port, "up")
+            took = self.until(self.all_reserved, 10, "not all streams come back")
+            print(f"{port}: reserved again {took:.1f} s after the link came back")
+
+    def test_a_daemon_that_is_killed_and_started_again_finds_everything(self):
+        self.daemon.kill()
+        self.daemon.wait()
+        # What happens meanwhile counts, too.
+        self.listeners["swp3"].kill()
+        self.start()
+        # The daemon's first words on a port are a LeaveAll, which the peers answer.
+        took = self.until(lambda: self.all_reserved(["swp2"]), 1.5 * LEAVE_ALL, "not all streams come back")
+        print(f"reserved again {took:.1f} s after the restart")
+        groups = self.bed.read("get", "bridging/input/config/msrp/fdbConfig")[str(VLAN)]["ethGroup"]
+        self.assertEqual({tuple(group["intf"]) for group in groups.values()}, {("swp2",)})
+        self.assertEqual(len(groups), len(STREAMS))
+        # The peers' own LeaveAll rounds change nothing either.
+        time.sleep(2 * LEAVE_ALL)
+        self.assertTrue(self.all_reserved(["swp2"]))
+        said = self.bed.said("swp1")
+        for stream in STREAMS:
+            heard = [line for line in said.splitlines() if line.startswith(f"listener {stream} ")]
+            self.assertTrue(heard[-1].endswith("Ready"), heard)
+
+
+if __name__ == "__main__":
+    if os.geteuid() != 0:
+        print("skipped: needs root")
+        sys.exit(77)
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
