@@ -3,5 +3,5 @@
 
 #include <cstddef>
 
-/// Octets that were allocated with `new` and not given back yet.
+/// Octets that were allocated and not given back yet.
 std::size_t liveOctets();
