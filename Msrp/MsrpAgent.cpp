@@ -52,7 +52,7 @@ void Agent::doInit() {
     entities.mountIs("msrp/cliConfig", "Msrp::CliConfig", "r");
     entities.mountIs("msrp/config", "Msrp::Config", "r");
     entities.mountIs("msrp/status", "Msrp::Status", "w");
-    entities.mountIs("msrp/waiting", "Msrp::Waiting", "w");
+    entities.mountIs("msrp/waiting", "Msrp::Waiting", "wc");
     entities.mountIs("mrp/config", "Mrp::MrpConfig", "r");
     entities.mountIs("mrp/status", "Mrp::MrpStatus", "w");
     entities.mountIs("bridging/config", "Bridging::Config", "r");
@@ -167,7 +167,8 @@ void Agent::withdraw() {
 
 void Agent::doCleanup() {
     redundancyStatusSm_.reset();
-    if (brMsrpConfig_) brMsrpConfig_->fdbConfigPriorityIs(0);
+    // In standby it is the other agent's.
+    if (brMsrpConfig_ && !standbyMode_) brMsrpConfig_->fdbConfigPriorityIs(0);
     msrpSm_.reset();
     if (mrpSm_) mrpSm_->attrLogIs(nullptr);
     msrpAttrLogSm_.reset();

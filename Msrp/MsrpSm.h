@@ -37,6 +37,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Msrp {
 
@@ -245,6 +246,9 @@ public:
     void handlePortState(const std::string& topoName, IntfId intf);
     /// This bridge's identifier as seen on the port: priority in the top 16 bits, MAC address below.
     [[nodiscard]] U64 selfBridgeId(IntfId intf) const;
+    /// The id for a failure that this bridge finds, whatever state the port is in: one that has lost its base
+    /// topology and is about to stop goes by the default priority.
+    [[nodiscard]] U64 failureBridgeId(IntfId intf) const;
     [[nodiscard]] TalkerFailureCode checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan);
     /// One VLAN's entry of a topology port has changed; without a VLAN, all are looked at.
     void handleVlanPortConfig(const std::string& topoName, IntfId intf, VlanId vlan);
@@ -290,6 +294,8 @@ private:
     /// The port has a status and this agent may change it.
     [[nodiscard]] bool actsOn(IntfId intf) const;
     void createIntfStatus(IntfId intf);
+    /// Publishes the speed under which the port admits streams.
+    void setSpeed(IntfId intf);
     void admitPort(IntfId intf);
     void stopPort(IntfId intf);
     /// Takes the port out of both classes, with every stream and listener on it.
@@ -300,6 +306,8 @@ private:
     [[nodiscard]] bool isCandidate(IntfId intf) const {
         return config().intfEnable(intf) && inputs_.status->intfStatus(intf);
     }
+    /// A withdrawal goes to all of these: a port that was disabled while nobody acted still has declarations.
+    [[nodiscard]] std::vector<IntfId> portsWithStatus() const;
     /// Stops the port and removes its status.
     void removePort(IntfId intf);
     /// Lets the port start over: out of both classes, nothing registered, then enabled again.

@@ -1,6 +1,7 @@
 /// Ports: where MSRP is configured, where it runs, and what changes with link and speed.
 #include "Mrp/PeriodicSm.h"
 #include "Msrp/MsrpSm.h"
+#include "Msrp/lifecycle/ReviewSm.h"
 
 namespace Msrp {
 
@@ -16,6 +17,12 @@ bool MsrpSm::actsOn(IntfId intf) const {
 bool MsrpSm::isLinkUp(IntfId intf) const {
     const auto phy = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
     return phy && phy->linkStatus() == Interface::LinkStatus::linkUp;
+}
+
+std::vector<IntfId> MsrpSm::portsWithStatus() const {
+    std::vector<IntfId> ports;
+    status()->intfStatus().each([&](IntfId intf, const auto&) { ports.push_back(intf); });
+    return ports;
 }
 
 void MsrpSm::handleIntfEnable() {
@@ -65,6 +72,7 @@ void MsrpSm::createIntfStatus(IntfId intf) {
         intfStatus->txCountersIs(MsrpCounter{counter}, 0);
     }
     setLinkStatus(intf);
+    setSpeed(intf);
     setPortState(intf);
     doMaybeStopMsrp();
 }
@@ -112,6 +120,8 @@ void MsrpSm::removePort(IntfId intf) {
 void MsrpSm::withdrawPorts() {
     const auto& ports = status()->intfStatus();
     for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) removePort(*intf);
+    // What went with the ports leaves the published status now, not at a review to come.
+    msrpDeletionSm_->doReview();
     doMaybeStopMsrp();
 }
 
@@ -152,11 +162,17 @@ void MsrpSm::handleLinkStatus(IntfId intf) {
     refreshPort(intf);
 }
 
+void MsrpSm::setSpeed(IntfId intf) {
+    const auto phy = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
+    status()->intfStatus(intf)->speedEnumIs(phy ? phy->speedEnum() : Interface::Speed::speedUnknown);
+}
+
 void MsrpSm::handleSpeed(IntfId intf) {
     trace("MsrpSm::handleSpeed( ", intf, " )");
     ringTrace("handleSpeed", intf.number());
     if (!actsOn(intf)) return;
     error(Runtime::format("%s link speed changed", intf));
+    setSpeed(intf);
     readmitPort(intf);
 }
 

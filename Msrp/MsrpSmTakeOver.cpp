@@ -131,7 +131,16 @@ void MsrpSm::catchUpWithConfig() {
         for (const SrClassId srClass : bothClasses) {
             if (!srClassSupported(srClass)) setSrClassState(*intf, srClass, SrClassState::NotSupported);
         }
+        const auto phy = inputs_.ethPhyIntfStatusDir->intfStatus(*intf);
+        const auto speed = phy ? phy->speedEnum() : Interface::Speed::speedUnknown;
+        if (status()->intfStatus(*intf)->speedEnum() != speed) handleSpeed(*intf);
     }
+    for (auto topo = topoReactor_.begin(); topo != topoReactor_.end();) {
+        const std::string name = topo->first;
+        for (const IntfId intf : portsWithStatus()) handleVlanPortConfig(name, intf);
+        topo = topoReactor_.upper_bound(name);
+    }
+    doUpdateShapeRate();
     // The priority that was declared before is known by the streams that were registered under it.
     const bool priorityChanged = std::ranges::any_of(streamList_, [this](const auto& entry) {
         const StreamData& stream = *entry.second;

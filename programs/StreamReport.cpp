@@ -35,6 +35,12 @@ std::string codeText(U64 code) {
     return "failure code " + std::to_string(code);
 }
 
+/// "A", "B", or nothing while no talker has told.
+std::string classOf(const std::string& srClass) {
+    if (srClass == "SrClassA") return "A";
+    return srClass == "SrClassB" ? "B" : "";
+}
+
 class Reporter {
 public:
     explicit Reporter(const Snapshot& snapshot) : snapshot_{snapshot}, lines_{snapshot} {
@@ -49,12 +55,12 @@ public:
         r.from = textOf(at(stream, {"ingressIntf"}));
         r.vlan = numberOf(at(stream, {"vlanId"}));
         r.kbps = numberOf(at(stream, {"bandwidth"}));
-        r.srClass = textOf(at(stream, {"srClass"})) == "SrClassA" ? "A" : "B";
+        r.srClass = classOf(textOf(at(stream, {"srClass"})));
         r.destination = textOf(at(stream, {"macDa"}));
         r.talker = textOf(at(stream, {"talkerState", r.from}));
         r.age = age(stream, r.from);
-        if (const U64 code = numberOf(at(stream, {"talkerFailureCode", r.from})); code != 0)
-            r.failure = failure(stream, code);
+        const U64 code = numberOf(at(stream, {"talkerFailureCode", r.from}));
+        if (code != 0 || r.talker == "Failed") r.failure = failure(stream, code);
         if (isOurs(stream) && numberOf(at(stream, {"talkerFailureCode", r.from})) == addressInUse) {
             r.wait = lines_.forAddress(id, stream);
             r.failure += waitText(*r.wait);
@@ -96,11 +102,11 @@ private:
         const U64 code = numberOf(at(stream, {"talkerFailureCode", p.name}));
         if (link != "up") return "link down";
         if (textOf(at(status, {"portState"})) != "Forwarding") return "blocked by the spanning tree";
+        if (r.from.empty()) return "no talker";
         if (domain == "WaitingForPeer") return "waiting for peer's domain";
         if (domain.empty() || domain == "NotSupported") return "class " + r.srClass + " not supported";
-        if (code != 0) return failure(stream, code);
+        if (code != 0 || p.talker == "Failed") return failure(stream, code);
         if (domain == "Boundary") return "domain boundary of class " + r.srClass;
-        if (r.from.empty()) return "no talker";
         if (p.talker.empty() || p.talker == "None") return "talker not declared to this port";
         if (p.listener.empty() || p.listener == "Ignore") return "no listener";
         if (p.listener == "AskingFailed") return "listener cannot receive it (AskingFailed)";

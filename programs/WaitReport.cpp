@@ -25,8 +25,8 @@ Msrp::AdmissionRequest portShare(const Snapshot& snapshot, std::string_view port
 
 WaitingLines::WaitingLines(const Snapshot& snapshot)
     : snapshot_{snapshot},
-      bandwidth_{linesOf(at(snapshot.record("msrp/waiting"), {"bandwidthFailedIntf"}))},
-      address_{linesOf(at(snapshot.record("msrp/waiting"), {"macDaBlocked"}))} {
+      bandwidth_{linesOf(at(snapshot.record("msrp/waiting"), {"bandwidthFailedIntf"}), true)},
+      address_{linesOf(at(snapshot.record("msrp/waiting"), {"macDaBlocked"}), false)} {
     for (const auto& [key, stream] : membersOf(at(snapshot.record("msrp/status"), {"registeredStreams"}))) {
         const std::string group = textOf(at(stream, {"ethGroup"}));
         const auto id = State::parseHex(key);
@@ -34,16 +34,21 @@ WaitingLines::WaitingLines(const Snapshot& snapshot)
     }
 }
 
-WaitingLines::Lines WaitingLines::linesOf(const Value& queues) {
+WaitingLines::Lines WaitingLines::linesOf(const Value& queues, bool ofPorts) const {
     Lines lines;
+    const Value& streams = at(snapshot_.record("msrp/status"), {"registeredStreams"});
     for (const auto& [name, queue] : membersOf(queues)) {
         Line& line = lines[name];
         for (const auto& [index, entry] : membersOf(at(queue, {"failedStream"}))) {
             const auto id = State::parseHex(textOf(at(entry, {"stream"})));
             const double since = State::Codec<double>::decode(at(entry, {"since"})).value_or(0.0);
+            if (!id) continue;
+            // Under its own talker's port a stream only waits to be declared again.
+            const bool competes =
+                !ofPorts || textOf(at(streams, {State::hexText(*id), "ingressIntf"})) != name;
+            const Place place{competes ? line.order.size() + 1 : 0, since};
             // A stream may stand twice; its first place counts.
-            if (id && line.place.emplace(*id, Place{line.order.size() + 1, since}).second)
-                line.order.push_back(*id);
+            if (line.place.emplace(*id, place).second && competes) line.order.push_back(*id);
         }
     }
     return lines;

@@ -38,7 +38,7 @@ public:
 
 private:
     struct Place {
-        std::size_t number;  ///< from 1
+        std::size_t number;  ///< from 1; 0 for one that does not compete with the others
         double since;
     };
     struct Line {
@@ -47,7 +47,7 @@ private:
     };
     using Lines = std::map<std::string, Line>;
 
-    static Lines linesOf(const State::Value& queues);
+    [[nodiscard]] Lines linesOf(const State::Value& queues, bool ofPorts) const;
     /// An empty report when the stream does not stand in that line.
     [[nodiscard]] WaitReport standing(const Lines& lines, const std::string& name, Msrp::U64 id) const;
 

@@ -151,4 +151,9 @@ U64 MsrpSm::selfBridgeId(IntfId intf) const {
     return priority << 48 | mac;
 }
 
+U64 MsrpSm::failureBridgeId(IntfId intf) const {
+    if (!baseSpanningTreeTopo(intf).empty()) return selfBridgeId(intf);
+    return defaultBridgePriority << 48 | inputs_.brConfig->bridgeMac().number();
+}
+
 }  // namespace Msrp

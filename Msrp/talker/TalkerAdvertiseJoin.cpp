@@ -96,7 +96,7 @@ bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAt
     } else {
         counterInc(intf, Direction::Rx, MsrpCounter::talkerAdvertiseFailedHere);
         stream->talkerFailureCodeIs(intf, code);
-        stream->failedBridgeIdIs(selfBridgeId(intf));
+        stream->failedBridgeIdIs(failureBridgeId(intf));
         propagateTalkerFailed(intf, streamId, code, TalkerState::Failed);
     }
     return false;

@@ -101,7 +101,7 @@ void MsrpSm::transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode c
         return;
     }
     const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
-    if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(selfBridgeId(intf));
+    if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(failureBridgeId(intf));
     const bool declare = state == TalkerState::Failed;
     if (!declare) {
         addTalkerToDeletePending(streamId, intf);
@@ -165,7 +165,7 @@ void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, Intf
         if (code == Code::noFailure) {
             transmitTalkerAdvertise(port, streamId, TalkerState::Advertise);
         } else {
-            if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(selfBridgeId(port));
+            if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(failureBridgeId(port));
             counterInc(port, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
             transmitTalkerFailed(port, streamId, code, TalkerState::Failed);
         }
@@ -190,8 +190,8 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
     const auto stream = existingStream(streamId);
     const bool failed = state == TalkerState::Failed;
     bool listenersChanged = false;
-    for (const auto& [port, enabled] : config().intfEnable()) {
-        if (port == ingressIntf || !isCandidate(port)) continue;
+    for (const IntfId port : portsWithStatus()) {
+        if (port == ingressIntf || (failed && !isCandidate(port))) continue;
         const SrClassState classState = status()->intfStatus(port)->srClassState(stream->srClass());
         if (!isActive(classState)) {
             trace("Not propagating TalkerFailed on ", port, " since ", srClassName(stream->srClass()), " is ",
@@ -215,8 +215,8 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
 
 void MsrpSm::propagateTalkerAdvertiseLeave(IntfId ingressIntf, U64 streamId) {
     const auto stream = existingStream(streamId);
-    for (const auto& [port, enabled] : config().intfEnable()) {
-        if (port == ingressIntf || !isCandidate(port)) continue;
+    for (const IntfId port : portsWithStatus()) {
+        if (port == ingressIntf) continue;
         if (stream->listenerState(port) != ListenerState::Ignore) {
             removeListener(port, streamId, ListenerState::Ignore);
         }

@@ -51,6 +51,9 @@ public:
     void portStateIs(MsrpPortState v) { assign(portState_, v, "portState"); }
     [[nodiscard]] Interface::LinkStatus linkStatus() const { return linkStatus_; }
     void linkStatusIs(Interface::LinkStatus v) { assign(linkStatus_, v, "linkStatus"); }
+    /// The speed under which the port's bandwidth was given out.
+    [[nodiscard]] Interface::Speed speedEnum() const { return speedEnum_; }
+    void speedEnumIs(Interface::Speed v) { assign(speedEnum_, v, "speedEnum"); }
     /// Whether the LeaveAll that starts the port's life has been asked for.
     [[nodiscard]] bool lvAllSent() const { return lvAllSent_; }
     void lvAllSentIs(bool v) { assign(lvAllSent_, v, "lvAllSent"); }
@@ -60,6 +63,7 @@ public:
         using S = IntfStatus;
         each(State::scalar("creationTime", &S::creationTime_));
         each(State::scalar("linkStatus", &S::linkStatus_));
+        each(State::scalar("speedEnum", &S::speedEnum_));
         each(State::scalar("portState", &S::portState_));
         each(State::map("srClassState", &S::srClassState_));
         each(State::map("classBandwidthAllocated", &S::classBandwidthAllocated_));
@@ -77,6 +81,7 @@ private:
     State::FlatMap<MsrpCounter, U32> txCounters_;
     MsrpPortState portState_ = MsrpPortState::Blocked;
     Interface::LinkStatus linkStatus_ = Interface::LinkStatus::linkUnknown;
+    Interface::Speed speedEnum_ = Interface::Speed::speedUnknown;
     bool lvAllSent_ = false;
 };
 

@@ -85,7 +85,7 @@ public:
     explicit MacDaBlocked(EthAddr) {}
 };
 
-/// "msrp/waiting".  Queues without streams do not stay.
+/// "msrp/waiting".  A queue without streams goes at the next retry.
 class Waiting : public State::Record<Waiting> {
 public:
     static constexpr std::string_view type = "Msrp::Waiting";

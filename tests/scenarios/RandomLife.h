@@ -58,6 +58,8 @@ public:
             {2, "declareDomain", &Me::declareDomain},
             {1, "endDomain", &Me::endDomain},
             {1, "changeFactor", &Me::changeFactor},
+            {1, "shape", &Me::shape},
+            {1, "changeNative", &Me::changeNative},
             {1, "changeFrameLimit", &Me::changeFrameLimit},
             {1, "changePvid", &Me::changePvid},
             {1, "changeMode", &Me::changeMode},
@@ -102,6 +104,7 @@ public:
         bridge.cliConfig->srClassABandwidthPercentIs(static_cast<std::uint8_t>(5 + pick(30)));
         bridge.cliConfig->srClassAPriorityIs(3);
         bridge.cliConfig->maxFrameSizeLimitIs(1500);
+        bridge.cliConfig->shapingDisabledIs(false);
     }
     void withdrawAll() {
         for (port_ = 0; port_ < ports.size(); ++port_) {
@@ -221,6 +224,16 @@ private:
     void changeFrameLimit() { bridge.cliConfig->maxFrameSizeLimitIs(oneIn(4) ? 500 : 1500); }
     void changePvid() { bridge.cliConfig->srPvidIs(intf(), static_cast<std::uint16_t>(2 + pick(2))); }
 
+    void shape() { bridge.cliConfig->shapingDisabledIs(oneIn(3)); }
+    /// The ports' native VLAN comes and goes, and with it their base topology where each VLAN has a tree.
+    void changeNative() {
+        if (oneIn(2)) {
+            bridge.bridging->vlanConfigDel(VlanId{1});
+        } else {
+            for (const std::string& port : ports) bridge.vlanIs(1, port, false);
+        }
+    }
+
     // The spanning tree
     void blockedIs(const char* topology, const std::string& port, bool blocked) {
         using Bridging::Topology::PortState;
@@ -257,6 +270,17 @@ private:
     void changeRole() {
         bridge.activeStops();
         if (oneIn(2)) loop.runFor(std::chrono::milliseconds{pick(300)});
+        // What is configured while nobody acts.
+        using Me = RandomLife;
+        static constexpr void (Me::*operations[])() = {
+            &Me::leaveVlan,   &Me::joinVlan,       &Me::changeSpeed, &Me::switchClass,  &Me::enablePort,
+            &Me::changeShare, &Me::changePriority, &Me::changeMode,  &Me::changeTree,   &Me::pullCable,
+            &Me::plugCable,   &Me::changeFactor,   &Me::shape,       &Me::changeNative,
+        };
+        for (std::size_t i = pick(4); i > 0; --i) {
+            port_ = pick(ports.size());
+            (this->*operations[pick(std::size(operations))])();
+        }
         bridge.standbyTakesOver();
     }
 
