@@ -51,4 +51,6 @@ std::string Client::receive(State::Value& reply, unsigned seconds) {
     return {};
 }
 
+void Client::hangUp() const { ::shutdown(socket_.get(), SHUT_RDWR); }
+
 }  // namespace Control

@@ -18,6 +18,9 @@ public:
     std::string send(const State::Value& request);
     /// Waits for the next reply, at most `seconds` (0: for ever).
     std::string receive(State::Value& reply, unsigned seconds);
+    /// Hangs up.  Replies that have come in are still received, and then it is as if the other side had
+    /// closed the socket.  May be called from a signal handler.
+    void hangUp() const;
 
 private:
     [[nodiscard]] std::string failure(const std::string& what) const {

@@ -14,9 +14,10 @@ constexpr std::chrono::seconds pause{1};
 constexpr std::string_view tooMany = "{\"error\":\"too many clients\"}\n";
 }  // namespace
 
-Server::Server(Runtime::FdLoop& loop, RecordAccess& records)
+Server::Server(Runtime::FdLoop& loop, RecordAccess& records, FrameSource& frames)
     : loop_{loop},
       records_{records},
+      frames_{frames},
       sweep_{loop, [this] { sessions_.remove_if([](const Session& session) { return session.over(); }); }},
       listenAgain_{loop, [this] { listen(); }} {}
 
@@ -51,7 +52,7 @@ void Server::accept() {
             ::send(client.get(), tooMany.data(), tooMany.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         return;
     }
-    sessions_.emplace_back(loop_, records_, std::move(client), [this] { sweep_.armIn({}); });
+    sessions_.emplace_back(loop_, records_, frames_, std::move(client), [this] { sweep_.armIn({}); });
 }
 
 }  // namespace Control

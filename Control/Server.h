@@ -2,6 +2,7 @@
 /// spoken.
 #pragma once
 
+#include "Control/FrameSource.h"
 #include "Control/RecordAccess.h"
 #include "Control/Session.h"
 #include "Control/Socket.h"
@@ -18,8 +19,8 @@ class Server {
 public:
     static constexpr std::size_t sessionLimit = 64;
 
-    /// Loop and records must outlive the server.
-    Server(Runtime::FdLoop& loop, RecordAccess& records);
+    /// Loop, records and frames must outlive the server.
+    Server(Runtime::FdLoop& loop, RecordAccess& records, FrameSource& frames);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     /// Ends all sessions and removes the socket.
@@ -35,6 +36,7 @@ private:
 
     Runtime::FdLoop& loop_;
     RecordAccess& records_;
+    FrameSource& frames_;
     std::string path_;
     Descriptor socket_;
     std::list<Session> sessions_;

@@ -17,6 +17,7 @@ namespace {
 constexpr std::size_t readOctets = 65536;
 /// Served before others have their turn.
 constexpr int requestsInTurn = 64;
+constexpr int framesInTurn = 64;
 
 const std::string* stringMember(const Value& request, std::string_view name) {
     const Value* member = request.member(name);
@@ -27,11 +28,14 @@ Answer error(std::string text) { return {{}, std::move(text)}; }
 
 }  // namespace
 
-Session::Session(Runtime::FdLoop& loop, RecordAccess& records, Descriptor socket, std::function<void()> ended)
+Session::Session(Runtime::FdLoop& loop, RecordAccess& records, FrameSource& frames, Descriptor socket,
+                 std::function<void()> ended)
     : loop_{loop},
       records_{records},
       socket_{std::move(socket)},
       ended_{std::move(ended)},
+      // The frame is on its way: what is to be said of it waits until the protocol has had its turn.
+      captures_{loop, frames, [this] { nextTurn_.armIn({}); }},
       nextTurn_{loop, [this] { serve(); }} {
     serve();
 }
@@ -51,13 +55,14 @@ void Session::serve() {
     if (over()) return;
     serveRequests();
     serveWatches();
+    serveCaptures();
     flush();
     if (over()) return;
 
     const bool requestWaits = in_.find('\n') != std::string::npos;
     const bool watchWaits = std::ranges::any_of(watches_, [](const auto& watch) { return watch->due; });
     if (heardAll_ && !requestWaits && out_.empty()) return end();
-    if ((requestWaits || watchWaits) && out_.empty()) nextTurn_.armIn({});
+    if ((requestWaits || watchWaits || captures_.waiting()) && out_.empty()) nextTurn_.armIn({});
     // The descriptor stays ready while it is not read, so the loop must not ask for what is not wanted.
     if (heardAll_ || requestWaits || out_.size() >= replyLimit) {
         readable_.reset();
@@ -109,11 +114,12 @@ Answer Session::execute(const Value& request, State::Object& reply) {
     if (*op == "list") return records_.list();
 
     const std::string* path = stringMember(request, "path");
-    if (*op != "get" && *op != "set" && *op != "watch")
-        return error("request: op \"" + *op + "\" is none of get, set, watch, list");
+    if (*op != "get" && *op != "set" && *op != "watch" && *op != "capture")
+        return error("request: op \"" + *op + "\" is none of get, set, watch, capture, list");
     if (path == nullptr) return error("request: a text \"path\" is needed");
     if (*op == "get") return records_.get(*path);
     if (*op == "watch") return watch(*path, reply);
+    if (*op == "capture") return capture(*path, reply);
 
     const Value* value = request.member("value");
     if (value == nullptr) return error("request: a \"value\" is needed");
@@ -142,6 +148,12 @@ Answer Session::watch(const std::string& path, State::Object& reply) {
     return current;
 }
 
+Answer Session::capture(const std::string& port, State::Object& reply) {
+    if (std::string problem = captures_.add(port); !problem.empty()) return error(std::move(problem));
+    reply.emplace_back("capture", port);
+    return {};
+}
+
 void Session::serveWatches() {
     for (const auto& watch : watches_) {
         // Read only when it can go out at once: what changes meanwhile is in it too.
@@ -154,6 +166,11 @@ void Session::serveWatches() {
         flush();
         if (over()) return;
     }
+}
+
+void Session::serveCaptures() {
+    if (!out_.empty()) return;
+    for (int told = 0; told < framesInTurn && captures_.waiting(); ++told) send(captures_.next());
 }
 
 void Session::send(State::Object reply) {
@@ -181,6 +198,7 @@ void Session::end() {
     readable_.reset();
     writable_.reset();
     nextTurn_.cancel();
+    captures_.clear();
     socket_.close();
     ended_();
 }

@@ -125,6 +125,7 @@ private:
     [[nodiscard]] bool bound() const;
     void close();
     void read();
+    void showSent(std::span<const iovec> pieces) const;
 
     PacketPorts& owner_;
     const IntfId intf_;
@@ -167,7 +168,17 @@ bool PacketPorts::Port::send(std::span<const std::uint8_t> pdu) {
     message.msg_iovlen = pieces.size();
     const bool sent = sendmsg(fd_.get(), &message, MSG_DONTWAIT) >= 0;
     ++(sent ? counters_.sent : counters_.sendDropped);
+    if (sent && owner_.tap_) showSent(pieces);
     return sent;
+}
+
+void PacketPorts::Port::showSent(std::span<const iovec> pieces) const {
+    std::vector<std::uint8_t> frame;
+    for (const iovec& piece : pieces) {
+        const auto* octets = static_cast<const std::uint8_t*>(piece.iov_base);
+        frame.insert(frame.end(), octets, octets + piece.iov_len);
+    }
+    owner_.tap_(intf_, Direction::sent, frame);
 }
 
 void PacketPorts::Port::placeIs(const Place& place) {
@@ -259,7 +270,9 @@ void PacketPorts::Port::read() {
             continue;
         }
         ++counters.received;
-        inbox->receiver(std::span{batch.frames[i]}.subspan(headerLength, message.msg_len - headerLength));
+        const auto frame = std::span{batch.frames[i]}.first(message.msg_len);
+        if (owner_.tap_) owner_.tap_(intf_, Direction::received, frame);
+        inbox->receiver(frame.subspan(headerLength));
     }
 }
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Linux {
@@ -34,8 +35,13 @@ struct PortCounters {
     std::uint64_t receiveDropped = 0;  ///< longer than a frame may be, or more than the socket could hold
 };
 
+enum class Direction { received, sent };
+
 class PacketPorts : public Mrp::PacketPortProvider {
 public:
+    /// Sees a whole frame as it is on the wire, padding included; the octets are valid during the call only.
+    /// Must not call back.
+    using Tap = std::function<void(IntfId intf, Direction direction, std::span<const std::uint8_t> frame)>;
     /// Takes one line about something that an operator should know.
     using Complaint = std::function<void(const std::string& line)>;
 
@@ -49,6 +55,10 @@ public:
     /// port follows it there.  To be told at every link event; it costs little when nothing moved, and gives
     /// a port whose socket could not be opened another chance.
     void interfaceIs(IntfId intf, unsigned ifindex, EthAddr mac);
+
+    /// Shows `tap` every frame that a port has sent, and every one that it receives, before its receiver gets
+    /// it.  An empty one ends that, and costs nothing.
+    void tapIs(Tap tap) { tap_ = std::move(tap); }
 
     /// All zero for an interface that never had a port.
     [[nodiscard]] PortCounters counters(IntfId intf);
@@ -64,6 +74,7 @@ private:
     Runtime::FdLoop& loop_;
     const PacketProtocol protocol_;
     const Complaint complaint_;
+    Tap tap_;
     std::map<IntfId, Place> places_;
     std::map<IntfId, PortCounters> counters_;
     std::vector<Port*> ports_;

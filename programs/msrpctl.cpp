@@ -1,18 +1,21 @@
 /// Asks and changes a running msrpd through its control socket.
 ///
-/// Exit codes: 0 done, 1 the daemon refuses or cannot be reached, 2 wrong usage.
+/// Exit codes: 0 done, 1 the daemon refuses or cannot be reached, or a file cannot be used, 2 wrong usage.
 #include "Control/Client.h"
 #include "Control/Json.h"
 #include "Runtime/RingLog.h"
+#include "programs/Capture.h"
 #include "programs/ShowTables.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <optional>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -38,6 +41,7 @@ struct Options {
     std::string value;
     std::string stream;
     std::string file;
+    std::uint64_t count = 0;
 };
 
 std::string spread(const Value& value, bool json) {
@@ -174,6 +178,13 @@ int watch(const Options& options) {
     return fail(problem);
 }
 
+int captureFrames(const Options& options) {
+    if (options.file == "-" && ::isatty(STDOUT_FILENO) != 0)
+        return fail("a capture is no text for a terminal; send it into a file or a program", usage);
+    const auto problem = capture({options.socket, options.path, options.file, options.count});
+    return problem.empty() ? done : fail(problem);
+}
+
 int ringLog(const Options& options) {
     const auto records = Runtime::RingLog::read(options.file);
     if (!records) return fail(options.file + ": not a ring log");
@@ -230,6 +241,12 @@ int run(int argc, char** argv) {
     setCommand->add_option("FIELD", options.field, "Like srClassAPriority or intfEnable/swp1")->required();
     setCommand->add_option("VALUE", options.value, "JSON, or a plain word; null removes an entry")
         ->required();
+    CLI::App* captureCommand =
+        table(&app, "capture", "Writes the frames of a port to a file, until interrupted", captureFrames);
+    captureCommand->add_option("PORT", options.path, "Like swp1")->required();
+    captureCommand->add_option("FILE", options.file, "The file, pcapng; - for standard output")->required();
+    captureCommand->add_option("--count", options.count, "Ends after so many frames")
+        ->check(CLI::PositiveNumber);
     table(&app, "ringlog", "Reads a ring log file", ringLog)
         ->add_option("FILE", options.file, "The file")
         ->required();
@@ -242,7 +259,7 @@ int run(int argc, char** argv) {
         return fail(error.what(), usage);
     }
     if (app.get_subcommands().empty())
-        return fail("a command is needed: show, list, get, set, watch or ringlog", usage);
+        return fail("a command is needed: show, list, get, set, watch, capture or ringlog", usage);
     if (show->parsed() && show->get_subcommands().empty())
         return fail("show what? streams, stream ID, ports, domain, counters or log", usage);
     return result;

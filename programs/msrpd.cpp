@@ -3,6 +3,7 @@
 /// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges, socket in use), 2 wrong usage or
 /// configuration.
 #include "Control/ConfigFile.h"
+#include "Control/FrameSource.h"
 #include "Control/LogFolder.h"
 #include "Control/RecentLog.h"
 #include "Control/Server.h"
@@ -25,8 +26,10 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <span>
 #include <string>
 #include <syslog.h>
+#include <utility>
 
 namespace {
 
@@ -108,7 +111,8 @@ public:
         // The peers hear Leaves and need not wait for their own timers.
         agent.withdraw();
         agent.stop();
-        loop_.runUntil([] { return true; }, {});  // the last lines
+        // One more turn: for the last lines, and for captures to tell of the Leaves.
+        loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
         folder_.flush();
         return stopped;
     }
@@ -148,6 +152,21 @@ private:
         }
     }
 
+    /// A port that does not exist yet has a record too.
+    [[nodiscard]] bool knowsPort(std::string_view port) const {
+        bool known = false;
+        status_->intfStatus().each([&](IntfId intf, const auto&) { known = known || intf.name() == port; });
+        return known;
+    }
+
+    void tapPorts(bool wanted) {
+        if (!wanted) return ports_.tapIs({});
+        ports_.tapIs([this](IntfId intf, Linux::Direction direction, std::span<const std::uint8_t> frame) {
+            const bool sent = direction == Linux::Direction::sent;
+            frames_.pass(intf.name(), sent ? Control::Direction::sent : Control::Direction::received, frame);
+        });
+    }
+
     void tell(int severity, const std::string& text) { folder_.line(severity, text); }
     void keep(int severity, const std::string& line) {
         print(severity, line);
@@ -173,7 +192,10 @@ private:
     Runtime::Trace trace_;
     Runtime::RingLog ringLog_;
     Control::RecordAccess access_{database_, writablePaths()};
-    Control::Server server_{loop_, access_};
+    Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    Control::FrameSource frames_{[this](std::string_view port) { return knowsPort(port); },
+                                 [this](bool wanted) { tapPorts(wanted); }};
+    Control::Server server_{loop_, access_, frames_};
     std::shared_ptr<GivenSpeeds> given_ = std::make_shared<GivenSpeeds>();
     std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
@@ -181,7 +203,6 @@ private:
         record<Interface::AllEthPhyIntfStatusDir>(linksPath);
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =
         record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
-    Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { tell(LOG_WARNING, line); }};
     Linux::LinkAgent links_{
         loop_, status_, names_,
         [this](IntfId intf, unsigned ifindex, EthAddr mac) { ports_.interfaceIs(intf, ifindex, mac); },

@@ -5,6 +5,7 @@
 #include "Msrp/types/Config.h"
 #include "tests/control/TemporaryDirectory.h"
 
+#include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
@@ -66,6 +67,17 @@ public:
         std::erase_if(members, [](const auto& member) { return member.first == "now"; });
         return Control::jsonText(State::Value{std::move(members)});
     }
+    /// The next line of a capture without its times, and the frame's time.
+    std::pair<double, std::string> captured() {
+        const std::string text = line();
+        if (text == "silent") return {0.0, text};
+        auto members = *Control::parseJson(text).value.object();
+        const auto time = std::ranges::find(members, "time", &std::pair<std::string, State::Value>::first);
+        if (time == members.end()) return {0.0, text};
+        const double when = std::get<double>(time->second.data);
+        members.erase(time);
+        return {when, Control::jsonText(State::Value{std::move(members)})};
+    }
     std::string ask(const std::string& request) {
         send(request + '\n');
         return line();
@@ -102,7 +114,10 @@ protected:
     std::shared_ptr<Msrp::Config> ports = database.entityIs<Msrp::Config>("msrp/config");
     std::shared_ptr<Msrp::CliConfig> config = database.entityIs<Msrp::CliConfig>("msrp/cliConfig");
     Control::RecordAccess records{database, {"msrp/cliConfig", "msrp/config"}};
-    std::unique_ptr<Control::Server> server = std::make_unique<Control::Server>(loop, records);
+    bool wanted = false;  ///< frames
+    Control::FrameSource frames{[](std::string_view port) { return port == "swp1" || port == "swp2"; },
+                                [this](bool now) { wanted = now; }};
+    std::unique_ptr<Control::Server> server = std::make_unique<Control::Server>(loop, records, frames);
 };
 
 TEST_F(Server, ReadsRecordsFieldsAndEntries) {
@@ -146,7 +161,7 @@ TEST_F(Server, AnswersMalformedRequestsAndGoesOn) {
     EXPECT_EQ(peer.ask("{\"op\": [").substr(0, 26), R"({"error":"request, column )");
     EXPECT_EQ(peer.ask("7"), R"({"error":"request: a text \"op\" is needed"})");
     EXPECT_EQ(peer.ask(R"({"op":"fly"})"),
-              R"({"error":"request: op \"fly\" is none of get, set, watch, list"})");
+              R"({"error":"request: op \"fly\" is none of get, set, watch, capture, list"})");
     EXPECT_EQ(peer.ask(R"({"op":"get"})"), R"({"error":"request: a text \"path\" is needed"})");
     EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/config"})"),
               R"({"error":"request: a \"value\" is needed"})");
@@ -203,6 +218,81 @@ TEST_F(Server, AWatcherThatDoesNotReadGetsTheLatestValueWhenItDoes) {
     }
     EXPECT_LT(notices, 50);
     EXPECT_NE(last.find("\"swp1\":false"), std::string::npos);
+}
+
+TEST_F(Server, TellsTheFramesOfAPortToAllWhoCaptureThem) {
+    using enum Control::Direction;
+    Peer one{loop, path};
+    auto other = std::make_unique<Peer>(loop, path);
+    EXPECT_EQ(one.ask(R"({"op":"capture","path":"swp9"})"), R"({"error":"no port \"swp9\""})");
+    EXPECT_FALSE(wanted);
+    EXPECT_EQ(one.ask(R"({"op":"capture","path":"swp1"})"), R"({"capture":"swp1","value":null})");
+    EXPECT_EQ(other->ask(R"({"op":"capture","path":"swp1"})"), R"({"capture":"swp1","value":null})");
+    EXPECT_EQ(other->ask(R"({"op":"capture","path":"swp2"})"), R"({"capture":"swp2","value":null})");
+    EXPECT_TRUE(wanted);
+
+    const Runtime::Time before = loop.now();
+    frames.pass("swp1", received, std::vector<std::uint8_t>{0x01, 0x80, 0xc2, 0xff});
+    frames.pass("swp2", sent, std::vector<std::uint8_t>{0x00});
+    const auto [time, first] = one.captured();
+    EXPECT_GE(time, Runtime::seconds(before));
+    EXPECT_LE(time, Runtime::seconds(loop.now()));
+    EXPECT_EQ(first, R"({"capture":"swp1","direction":"received","frame":"0180c2ff"})");
+    EXPECT_EQ(one.line(), "silent");
+    EXPECT_EQ(other->captured().second, first);
+    EXPECT_EQ(other->captured().second, R"({"capture":"swp2","direction":"sent","frame":"00"})");
+
+    other->close();
+    settle();
+    EXPECT_TRUE(wanted);
+    frames.pass("swp1", sent, {});
+    EXPECT_EQ(one.captured().second, R"({"capture":"swp1","direction":"sent","frame":""})");
+    one.close();
+    settle();
+    EXPECT_FALSE(wanted);
+}
+
+TEST_F(Server, ACaptureThatIsNotReadLosesFramesAndTellsHowManyAndWhere) {
+    constexpr std::size_t many = 20'000;
+    std::vector<std::uint8_t> frame(1500);
+    const auto pass = [&](std::size_t number) {
+        frame[0] = static_cast<std::uint8_t>(number >> 8);
+        frame[1] = static_cast<std::uint8_t>(number);
+        frames.pass("swp1", Control::Direction::sent, frame);
+    };
+    Peer slow{loop, path};
+    EXPECT_EQ(slow.ask(R"({"op":"capture","path":"swp1"})"), R"({"capture":"swp1","value":null})");
+    for (std::size_t i = 0; i < many; ++i) {
+        pass(i);
+        if (i % 100 == 0) settle();
+    }
+    Peer idle{loop, path};
+    EXPECT_EQ(idle.ask(R"({"op":"get","path":"msrp/config"})"), R"({"value":{"intfEnable":{}}})");
+
+    // What was kept comes without a gap, and the frame after the gap says how wide it was.
+    const auto number = [](const State::Value& told) {
+        return std::stoul(std::get<std::string>(told.member("frame")->data).substr(0, 4), nullptr, 16);
+    };
+    std::size_t kept = 0;
+    for (std::string line = slow.captured().second; line != "silent"; line = slow.captured().second) {
+        const State::Value told = Control::parseJson(line).value;
+        ASSERT_EQ(number(told), kept++);
+        ASSERT_EQ(told.member("dropped"), nullptr);
+    }
+    EXPECT_GT(kept, Control::Captures::waitingLimit / 2000);
+    EXPECT_LT(kept, Control::Captures::waitingLimit / 1500 + 1000);  // and what the sockets hold
+    pass(many);
+    const State::Value after = Control::parseJson(slow.captured().second).value;
+    EXPECT_EQ(number(after), many);
+    EXPECT_EQ(*after.member("dropped"), State::Value{many - kept});
+    pass(many + 1);
+    EXPECT_EQ(Control::parseJson(slow.captured().second).value.member("dropped"), nullptr);
+
+    // One who goes while frames wait leaves nothing behind.
+    for (std::size_t i = 0; i < many; ++i) pass(i);
+    slow.close();
+    settle();
+    EXPECT_FALSE(wanted);
 }
 
 TEST_F(Server, DoesNotServeAClientThatFetchesNothing) {
@@ -269,7 +359,7 @@ TEST_F(Server, KeepsItsSocketToItselfAndRemovesItAtTheEnd) {
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
 
-    Control::Server second{loop, records};
+    Control::Server second{loop, records, frames};
     EXPECT_EQ(second.start(path), "socket " + path + ": in use");
     server.reset();
     EXPECT_NE(::stat(path.c_str(), &status), 0);
@@ -280,11 +370,11 @@ TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     const std::string stale = directory.file("stale");
     std::string problem;
     Control::listenOn(stale, problem).close();
-    Control::Server onStale{loop, records};
+    Control::Server onStale{loop, records, frames};
     EXPECT_EQ(onStale.start(stale), "");
 
     const std::string file = directory.write("file", "precious");
-    Control::Server onFile{loop, records};
+    Control::Server onFile{loop, records, frames};
     EXPECT_EQ(onFile.start(file), "socket " + file + ": a file that is no socket is in the way");
     EXPECT_EQ(onFile.start(std::string(200, 'x')).substr(0, 12), "socket \"xxxx");
     EXPECT_EQ(onFile.start(directory.file("a/b/c")),

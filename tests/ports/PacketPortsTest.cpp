@@ -134,6 +134,32 @@ TEST_F(PacketPortsTest, OnlyUntaggedFramesOfTheProtocolReachThePort) {
     EXPECT_EQ(ports.counters(a).receiveDropped, 1U);  // the long one; the rest was none of our business
 }
 
+TEST_F(PacketPortsTest, ATapSeesWhatWasSentAndReceivedAsItIsOnTheWire) {
+    Namespace::cable("p1", "p2");
+    const auto port = open(b, atB);
+    ASSERT_TRUE(untilUp());
+    const RawEnd wire{"p1"};
+    std::vector<std::pair<Linux::Direction, Octets>> seen;
+    ports.tapIs([&](IntfId intf, Linux::Direction direction, std::span<const std::uint8_t> octets) {
+        EXPECT_EQ(intf, b);
+        EXPECT_EQ(atB.size(), 0U);  // before the receiver
+        seen.emplace_back(direction, Octets{octets.begin(), octets.end()});
+    });
+    EXPECT_TRUE(port->send(Octets{9}));
+    wire.send(tagged(frame(ours, 5), 0x8100, 2));  // none of the port's business
+    wire.send(frame(ours, 8));
+    EXPECT_TRUE(until([&] { return !atB.empty(); }));
+    EXPECT_EQ(seen, (std::vector{std::pair{Linux::Direction::sent, frame(ours, 9)},
+                                 std::pair{Linux::Direction::received, frame(ours, 8)}}));
+
+    Namespace::ip("link set p2 down");
+    EXPECT_FALSE(port->send(Octets{9}));
+    Namespace::ip("link set p2 up");
+    ports.tapIs({});
+    EXPECT_TRUE(until([&] { return port->send(Octets{9}); }));
+    EXPECT_EQ(seen.size(), 2U);  // neither what did not leave nor what nobody wants to see
+}
+
 TEST_F(PacketPortsTest, APortWorksAgainWhenItsInterfaceComesBack) {
     const auto portA = open(a, atA);
     const auto portB = open(b, atB);
