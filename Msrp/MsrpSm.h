@@ -339,6 +339,7 @@ private:
     void seedStream(const StreamData& stream);
     /// Puts into effect what was configured while nobody acted.
     void catchUpWithConfig();
+    void catchUpWithVlans();
     /// Removes groups and queue configurations that belong to no stream: left over, they would block
     /// addresses for ever.
     void removeLeftovers();

@@ -135,11 +135,7 @@ void MsrpSm::catchUpWithConfig() {
         const auto speed = phy ? phy->speedEnum() : Interface::Speed::speedUnknown;
         if (status()->intfStatus(*intf)->speedEnum() != speed) handleSpeed(*intf);
     }
-    for (auto topo = topoReactor_.begin(); topo != topoReactor_.end();) {
-        const std::string name = topo->first;
-        for (const IntfId intf : portsWithStatus()) handleVlanPortConfig(name, intf);
-        topo = topoReactor_.upper_bound(name);
-    }
+    catchUpWithVlans();
     doUpdateShapeRate();
     // The priority that was declared before is known by the streams that were registered under it.
     const bool priorityChanged = std::ranges::any_of(streamList_, [this](const auto& entry) {
@@ -148,6 +144,20 @@ void MsrpSm::catchUpWithConfig() {
     });
     if (!priorityChanged) return;
     for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) readmitPort(*intf);
+}
+
+void MsrpSm::catchUpWithVlans() {
+    std::map<U16, U64> used;  // with one stream of each, for the report
+    for (const auto& [id, stream] : streamList_) {
+        if (stream->ingressIntf()) used.emplace(stream->vlanId(), id);
+    }
+    for (const auto& [vlan, stream] : used) {
+        for (const IntfId intf : portsWithStatus()) {
+            const TalkerFailureCode code = checkVlanConfig(intf, stream, vlan);
+            if (code == TalkerFailureCode::noFailure) continue;
+            for (const SrClassId srClass : bothClasses) deregisterSrClassStreams(intf, srClass, vlan, code);
+        }
+    }
 }
 
 void MsrpSm::removeLeftovers() {

@@ -146,6 +146,24 @@ TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
     EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
 
     bridge.activeStops();
+    bridge.cliConfig->shapingDisabledIs(true);
+    bridge.standbyTakesOver();
+    EXPECT_TRUE(bridge.queues->intfConfig().empty());
+    bridge.activeStops();
+    bridge.cliConfig->shapingDisabledIs(false);
+    bridge.standbyTakesOver();
+    EXPECT_FALSE(bridge.queues->intfConfig().empty());
+    bridge.activeStops();
+    bridge.vlanDel(2, "p2");
+    bridge.standbyTakesOver();
+    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p1");
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
+    bridge.activeStops();
+    bridge.speedIs("p2", Interface::Speed::speed100Mbps);
+    bridge.standbyTakesOver();
+    EXPECT_EQ(bridge.classes("p2"), "p2 WaitingForPeer NotSupported") << "admitted anew";
+
+    bridge.activeStops();
     bridge.cliConfig->srClassAPriorityIs(4);
     bridge.standbyTakesOver();
     quiet();
