@@ -245,8 +245,10 @@ private:
                     declare(intf, what);
                     break;
                 case 13:
+                    // What was refused before stays registered, and is accepted now.
                     forget(intf, what);
-                    return 0;
+                    if (!registered(name)) return 0;
+                    break;
                 case 15:
                     // Both kinds of talker declaration replace each other.
                     if (what.type < 3)
