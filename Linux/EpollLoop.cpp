@@ -21,6 +21,8 @@ constexpr std::uint64_t alarmSerial = 0;
 /// Descriptors served in one turn.  epoll moves the served ones to the end of its list, so nobody is left
 /// out.
 constexpr std::size_t batch = 64;
+/// After so long, timers that are due as well wait until the descriptors had another turn.
+constexpr Duration timersSpan = std::chrono::milliseconds{3};
 
 }  // namespace
 
@@ -69,7 +71,7 @@ void EpollLoop::turn() {
         if ((event.events & (EPOLLIN | broken)) != 0) call(serial, Ready::readable);
         if ((event.events & (EPOLLOUT | broken)) != 0) call(serial, Ready::writable);
     }
-    fireDue(now());
+    fireDue(now(), timersSpan);
     postedLeft_ = runPosted();
 }
 

@@ -11,8 +11,16 @@ namespace {
 
 /// Offers in one turn of the loop.
 constexpr int offersAtOnce = 64;
+/// What may be received in one turn of the loop, and of that by one port while others wait: some
+/// milliseconds of work.
+constexpr unsigned turnBudget = 64 * Participant::indicationCost;
+constexpr unsigned portBudget = turnBudget / 4;
+/// Attributes whose states are looked at for transmissions in one turn; the last port to get its turn may
+/// take more.
+constexpr std::size_t turnTransmissions = 4096;
 /// Reasons of reports behind those of malformed frames.
 constexpr std::uint32_t rangeErrorReason = 100;
+constexpr std::uint32_t floodReason = 150;
 constexpr std::uint32_t limitReason = 200;  ///< plus two for each attribute type
 
 template <class R>
@@ -40,6 +48,9 @@ MrpSm::MrpSm(Inputs inputs)
                        [this](IntfId intf) {
                            if (auto p = participant(intf)) p->leaveAll();
                        }}},
+      receiveBudget_{turnBudget},
+      transmitBudget_{turnTransmissions},
+      turnTimer_{loop_, [this] { serveLine(); }},
       offerTimer_{loop_, [this] { runOffers(); }},
       configReactor_{config_->react([this](const State::Change& change) { configChanged(change.field); })} {
     Runtime::require(application_.application().types.size() <= maxTypes, "too many attribute types");
@@ -104,6 +115,7 @@ void MrpSm::stop(IntfId intf) {
     if (at == ports_.end() || !at->second.participant) return;
     const auto ending = std::exchange(at->second.participant, nullptr);
     ending->stop();
+    at->second.inbox.clear();
     periodicSm_.intfDel(intf);
     // A call of the participant or of the packet port may be under way: both end after it.
     later([this, intf, ending] {
@@ -117,11 +129,81 @@ std::shared_ptr<Participant> MrpSm::participant(IntfId intf) const {
     return at == ports_.end() ? nullptr : at->second.participant;
 }
 
+// --- Receiving: everybody in turn ----------------------------------------------------------------
+
 void MrpSm::received(IntfId intf, std::span<const std::uint8_t> pdu) {
-    const auto receiver = participant(intf);
-    if (!receiver) return;
-    decode(pdu, application_.application(), decoded_);
-    receiver->receive(decoded_);
+    const auto at = ports_.find(intf);
+    if (at == ports_.end() || !at->second.participant) return;
+    Port& port = at->second;
+    if (receiveBudget_ == 0 || !port.inbox.empty()) return keep(intf, port, pdu);
+    const auto receiver = port.participant;
+    decode(pdu, application_.application(), direct_.pdu);
+    direct_.begun = false;
+    direct_.firstTypes = true;
+    direct_.nextEvent = 0;
+    if (receive(*receiver, direct_, receiveBudget_)) return;
+    direct_.arrived = loop_.now();
+    port.inbox.putBack(std::make_unique<Reception>(std::exchange(direct_, {})));
+    standInLine(intf, port);
+}
+
+bool MrpSm::receive(Participant& receiver, Reception& in, unsigned most) {
+    unsigned left = most;
+    const bool done = receiver.receive(in, left);
+    receiveBudget_ -= most - left;
+    if (!turnTimer_.armed()) turnTimer_.armIn(Runtime::Duration{0});
+    return done;
+}
+
+void MrpSm::keep(IntfId intf, Port& port, std::span<const std::uint8_t> pdu) {
+    if (port.inbox.push(loop_.now(), pdu)) return standInLine(intf, port);
+    MrpCounts lost;
+    lost.droppedPdus = 1;
+    count(intf, lost);
+    limiter_.report(loop_.now(), intf, floodReason, [&] {
+        return Runtime::concat(intf, ": MRPDUs are dropped, they arrive faster than they can be handled");
+    });
+}
+
+void MrpSm::standInLine(IntfId intf, Port& port) {
+    if (std::exchange(port.inLine, true)) return;
+    line_.push_back(intf);
+    if (!turnTimer_.armed()) turnTimer_.armIn(Runtime::Duration{0});
+}
+
+void MrpSm::serveLine() {
+    receiveBudget_ = turnBudget;
+    transmitBudget_ = turnTransmissions;
+    while (!line_.empty() && receiveBudget_ > 0) {
+        const IntfId intf = line_.front();
+        line_.pop_front();
+        const auto at = ports_.find(intf);
+        if (at == ports_.end()) continue;
+        at->second.inLine = false;
+        servePort(intf, at->second);
+    }
+    if (!line_.empty()) turnTimer_.armIn(Runtime::Duration{0});
+}
+
+void MrpSm::servePort(IntfId intf, Port& port) {
+    const unsigned reserve = receiveBudget_ - std::min(receiveBudget_, portBudget);
+    // A handler may stop the port, and start it again.
+    while (port.participant && !port.inbox.empty() && receiveBudget_ > reserve) {
+        const auto receiver = port.participant;
+        auto next = port.inbox.take(application_.application());
+        if (!receive(*receiver, *next, receiveBudget_ - reserve)) port.inbox.putBack(std::move(next));
+    }
+    if (!port.inbox.empty()) standInLine(intf, port);
+}
+
+void MrpSm::transmitted(std::size_t attributes) {
+    transmitBudget_ -= std::min(transmitBudget_, attributes);
+    if (!turnTimer_.armed()) turnTimer_.armIn(Runtime::Duration{0});
+}
+
+std::optional<Runtime::Time> MrpSm::backlogSince(IntfId intf) const {
+    const auto at = ports_.find(intf);
+    return at == ports_.end() ? std::nullopt : at->second.inbox.since();
 }
 
 void MrpSm::send(IntfId intf, std::span<const std::uint8_t> pdu) {

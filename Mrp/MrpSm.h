@@ -8,6 +8,7 @@
 /// Tables.h.
 #pragma once
 
+#include "Mrp/Inbox.h"
 #include "Mrp/MrpAttrLogSm.h"
 #include "Mrp/MrpLib.h"
 #include "Mrp/PacketPort.h"
@@ -23,6 +24,7 @@
 #include "Switch/Stp.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -95,6 +97,8 @@ private:
         std::unique_ptr<PacketPort> packetPort;
         std::shared_ptr<Participant>
             participant;  ///< null between its end and the closing of the packet port
+        Inbox inbox;
+        bool inLine = false;  ///< stands in `line_`
     };
     /// What is to be offered again, in the order in which it is.
     using Offer = std::tuple<AttributeRef, IntfId>;
@@ -106,6 +110,9 @@ private:
     void registrationEnded(std::uint64_t key) override;
     void portOpened(IntfId intf) override;
     void offerDue(IntfId intf, const AttributeRef& ref) override;
+    [[nodiscard]] std::optional<Runtime::Time> backlogSince(IntfId intf) const override;
+    [[nodiscard]] bool mayTransmit() override { return transmitBudget_ > 0; }
+    void transmitted(std::size_t attributes) override;
     void send(IntfId intf, std::span<const std::uint8_t> pdu) override;
     void count(IntfId intf, const MrpCounts& more) override;
     void reportFlaw(IntfId intf, const Flaw& flaw) override;
@@ -122,6 +129,14 @@ private:
     void start(IntfId intf);
     void stop(IntfId intf);
     void received(IntfId intf, std::span<const std::uint8_t> pdu);
+    /// Keeps a PDU until the port has its turn.
+    void keep(IntfId intf, Port& port, std::span<const std::uint8_t> pdu);
+    void standInLine(IntfId intf, Port& port);
+    /// Lets the ports in line have their turns.
+    void serveLine();
+    void servePort(IntfId intf, Port& port);
+    /// Takes what was done off this turn's budget.
+    bool receive(Participant& receiver, Reception& in, unsigned most);
     void log(AttrLogRecord::What what, IntfId intf, const AttributeRef& ref);
     void report(IntfId intf, std::uint32_t reason, const std::string& line);
     void configChanged(std::string_view field);
@@ -141,7 +156,11 @@ private:
     PeriodicSm periodicSm_;
     std::set<IntfId> enabled_;
     std::map<IntfId, Port> ports_;
-    DecodedPdu decoded_;  ///< kept for its memory
+    unsigned receiveBudget_;      ///< what may still be received in this turn of the loop
+    std::size_t transmitBudget_;  ///< attributes that may still be looked at for transmissions in it
+    Runtime::Timer turnTimer_;    ///< armed while the budget is touched or ports stand in line
+    std::deque<IntfId> line_;     ///< ports with full inboxes, each once
+    Reception direct_;            ///< of a PDU that need not wait; kept for its memory
     bool indicating_ = false;
 
     std::set<Offer> offers_;        ///< of refused attributes

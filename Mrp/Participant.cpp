@@ -1,13 +1,18 @@
 #include "Mrp/Participant.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Mrp {
 
 namespace {
 
 /// Leaves that one firing of the leave timer indicates, so that many at once do not hold the loop.
-constexpr int leavesAtOnce = 256;
+constexpr int leavesAtOnce = 32;
+/// While frames wait that came in time to stop a leave.
+constexpr Runtime::Duration backlogWait = std::chrono::milliseconds{1};
+/// Attributes to which a LeaveAll is applied for the price of one event.
+constexpr std::size_t leaveAllShare = 4;
 
 ApplicantEvent applicantEventOf(Event event) {
     switch (event) {
@@ -47,7 +52,35 @@ void Participant::stop() {
 
 // --- What the peer says --------------------------------------------------------------------------
 
-void Participant::receive(const DecodedPdu& pdu) {
+bool Participant::receive(Reception& in, unsigned& budget) {
+    const auto spend = [&budget](std::size_t cost) {
+        budget -= static_cast<unsigned>(std::min<std::size_t>(budget, cost));
+    };
+    if (!std::exchange(in.begun, true)) {
+        beginReception(in.pdu);
+        std::size_t touched = 0;
+        for (std::uint8_t i = 0; i < typeCount(); ++i) {
+            if (in.pdu.leaveAll.test(i)) touched += attributes_[i].size();
+        }
+        spend(1 + touched / leaveAllShare);
+    }
+    const std::vector<DecodedEvent>& events = in.pdu.events;
+    bool done = false;
+    while (!stopped_ && !done && budget > 0) {
+        if (in.nextEvent == events.size()) {
+            done = !std::exchange(in.firstTypes, false);
+            in.nextEvent = 0;
+            continue;
+        }
+        const DecodedEvent& event = events[in.nextEvent++];
+        if (type(event.typeIndex).deliverFirst != in.firstTypes) continue;
+        spend(receiveEvent(event) ? indicationCost : 1);
+    }
+    publish();
+    return stopped_ || done;
+}
+
+void Participant::beginReception(const DecodedPdu& pdu) {
     ++counts_.rxPdus;
     for (const Flaw& flaw : pdu.flaws) {
         ++counts_.malformed[static_cast<std::size_t>(flaw.reason)];
@@ -58,13 +91,6 @@ void Participant::receive(const DecodedPdu& pdu) {
         // Before the values: the joins of the same PDU count as an answer to it.
         if (pdu.leaveAll.test(i)) receiveLeaveAll(i);
     }
-    for (const bool first : {true, false}) {
-        for (const DecodedEvent& event : pdu.events) {
-            if (stopped_) break;
-            if (type(event.typeIndex).deliverFirst == first) receiveEvent(event);
-        }
-    }
-    publish();
 }
 
 void Participant::receiveLeaveAll(std::uint8_t typeIndex) {
@@ -81,14 +107,14 @@ void Participant::receiveLeaveAll(std::uint8_t typeIndex) {
     }
 }
 
-void Participant::receiveEvent(const DecodedEvent& in) {
+bool Participant::receiveEvent(const DecodedEvent& in) {
     ++counts_.rxEvents[static_cast<std::size_t>(in.event)];
     const AttributeType& t = type(in.typeIndex);
     const AttributeRef ref{in.typeIndex, t.key(std::span{in.value.octets}.first(t.valueLength))};
     Attribute* attribute = find(ref);
     const bool joins = declares(in.event);
     if (attribute == nullptr) {
-        if (!joins || !mayRegister(ref.typeIndex)) return;
+        if (!joins || !mayRegister(ref.typeIndex)) return false;
         attribute = &attributes_[ref.typeIndex][ref.key];
     }
     // By the standard two values are two attributes: what the peer says of another value is not about ours.
@@ -97,16 +123,19 @@ void Participant::receiveEvent(const DecodedEvent& in) {
     }
     if (joins) {
         const Registrar before = attribute->registrar;
-        if (before == Registrar::MT && !mayRegister(ref.typeIndex)) return;
+        if (before == Registrar::MT && !mayRegister(ref.typeIndex)) return false;
         const bool changed = before == Registrar::MT || attribute->heard() != in.value;
         registrarEvent(ref, *attribute, RegistrarEvent::rJoin);
-        if (before == Registrar::IN && !changed) return;
+        if (before == Registrar::IN && !changed) return false;
         attribute->mtDue = false;
         attribute->heardIs(in.value);
         offer(ref, changed);
-    } else if (in.event == Event::Lv && attribute->heard().octets == in.value.octets) {
+        return true;
+    }
+    if (in.event == Event::Lv && attribute->heard().octets == in.value.octets) {
         registrarEvent(ref, *attribute, RegistrarEvent::rLv);
     }
+    return false;
 }
 
 bool Participant::mayRegister(std::uint8_t typeIndex) {
@@ -325,7 +354,10 @@ bool Participant::leaveRuns(const LeaveQueue::Entry& entry) {
 
 void Participant::leaveTimerFired() {
     const Runtime::Time now = env_.loop.now();
-    for (int handled = 0; handled < leavesAtOnce && !leaves_.empty() && leaves_.front().due <= now;
+    const std::optional<Runtime::Time> backlog = env_.host.backlogSince(intf_);
+    const auto mayStillBeStopped = [&] { return backlog && *backlog <= leaves_.front().due; };
+    for (int handled = 0;
+         handled < leavesAtOnce && !leaves_.empty() && leaves_.front().due <= now && !mayStillBeStopped();
          ++handled) {
         const LeaveQueue::Entry entry = leaves_.front();
         leaves_.pop();
@@ -344,7 +376,9 @@ void Participant::leaveTimerFired() {
         env_.host.registrationEnded(ref.key);
     }
     publish();
-    if (!stopped_ && !leaves_.empty()) leaveTimer_.armAt(leaves_.front().due);
+    if (stopped_ || leaves_.empty()) return;
+    // What is overdue goes on behind everything else that is due by now.
+    leaveTimer_.armAt(mayStillBeStopped() ? now + backlogWait : std::max(now, leaves_.front().due));
 }
 
 void Participant::leaveTimeChanged() {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "Mrp/Attribute.h"
+#include "Mrp/Inbox.h"
 #include "Mrp/LeaveQueue.h"
 #include "Mrp/PduWriter.h"
 #include "Mrp/Records.h"
@@ -50,8 +51,14 @@ public:
         virtual void registrationEnded(std::uint64_t key) = 0;
         /// What was refused on the port is worth another offer.
         virtual void portOpened(IntfId intf) = 0;
+        /// When the oldest frame arrived that the port has not worked off yet.
+        [[nodiscard]] virtual std::optional<Runtime::Time> backlogSince(IntfId intf) const = 0;
         /// That attribute is to be offered again, from the loop.
         virtual void offerDue(IntfId intf, const AttributeRef& ref) = 0;
+        /// False when this turn of the loop has seen enough of transmissions.
+        [[nodiscard]] virtual bool mayTransmit() = 0;
+        /// That many attributes were looked at for a transmission.
+        virtual void transmitted(std::size_t attributes) = 0;
         virtual void send(IntfId intf, std::span<const std::uint8_t> pdu) = 0;
         virtual void count(IntfId intf, const MrpCounts& more) = 0;
         virtual void reportFlaw(IntfId intf, const Flaw& flaw) = 0;
@@ -82,7 +89,10 @@ public:
     void stop();
     [[nodiscard]] bool stopped() const { return stopped_; }
 
-    void receive(const DecodedPdu& pdu);
+    /// Goes on with a PDU as far as `budget` allows, which it lowers by what it has done: an indication costs
+    /// `indicationCost`, other events 1.  True when the PDU is done.
+    bool receive(Reception& in, unsigned& budget);
+    static constexpr unsigned indicationCost = 16;
 
     /// Join! of a value.  True when that is news: the value was not declared before.
     bool declare(const AttributeRef& ref, const AttributeValue& value);
@@ -150,7 +160,9 @@ private:
     void eraseIfIdle(const AttributeRef& ref);
 
     void receiveLeaveAll(std::uint8_t typeIndex);
-    void receiveEvent(const DecodedEvent& in);
+    void beginReception(const DecodedPdu& pdu);
+    /// True when the application was asked.
+    bool receiveEvent(const DecodedEvent& in);
     void offer(const AttributeRef& ref, bool news);
     [[nodiscard]] bool mayRegister(std::uint8_t typeIndex);
 

@@ -74,6 +74,7 @@ void Participant::opportunity() {
     if (const Runtime::Time earliest = pace_.earliest(now, joinTime()); env_.pointToPoint && earliest > now) {
         return opportunityTimer_.armAt(earliest);
     }
+    if (!env_.host.mayTransmit()) return opportunityTimer_.armAt(now);
     const bool withLeaveAll = leaveAllEvent(LeaveAllEvent::tx);
     if (transmit(withLeaveAll, env_.config.pdusPerOpportunity())) pace_.take(now);
     if (!batch_.empty()) requestOpportunity(Runtime::Duration{0});
@@ -92,6 +93,7 @@ void Participant::flush() {
 bool Participant::transmit(bool withLeaveAll, std::size_t maxPdus) {
     if (!withLeaveAll) takeBatch();
     const std::vector<Utterance> plan = withLeaveAll ? planLeaveAll() : planBatch();
+    env_.host.transmitted(plan.size());
     const std::uint64_t sentBefore = counts_.txPdus;
     const std::size_t fit = sendPlan(plan, withLeaveAll, std::max<std::size_t>(maxPdus, 1));
     std::size_t served = batch_.size();

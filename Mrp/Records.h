@@ -65,6 +65,7 @@ struct MrpCounts {
     std::uint64_t refusedJoins = 0;
     std::uint64_t rangeErrors = 0;
     std::uint64_t droppedRegistrations = 0;
+    std::uint64_t droppedPdus = 0;
     std::array<std::uint64_t, eventKinds> rxEvents{};
     std::array<std::uint64_t, eventKinds> txEvents{};
     std::array<std::uint64_t, malformedKinds> malformed{};
@@ -83,6 +84,8 @@ public:
     [[nodiscard]] std::uint64_t refusedJoins() const { return refusedJoins_; }
     /// Indications that met a value out of range.
     [[nodiscard]] std::uint64_t rangeErrors() const { return rangeErrors_; }
+    /// MRPDUs lost because they came faster than the port could work them off.
+    [[nodiscard]] std::uint64_t droppedPdus() const { return droppedPdus_; }
     /// Registrations not taken because the port had `maxAttributesPerType`.
     [[nodiscard]] std::uint64_t droppedRegistrations() const { return droppedRegistrations_; }
     [[nodiscard]] std::uint64_t rxEvents(Event event) const { return rxEvents_.get(event); }
@@ -96,6 +99,7 @@ public:
         addTo(refusedJoins_, more.refusedJoins, "refusedJoins");
         addTo(rangeErrors_, more.rangeErrors, "rangeErrors");
         addTo(droppedRegistrations_, more.droppedRegistrations, "droppedRegistrations");
+        addTo(droppedPdus_, more.droppedPdus, "droppedPdus");
         for (const auto& kind : eventNames) {
             addTo(rxEvents_, kind.value, more.rxEvents[static_cast<std::size_t>(kind.value)], "rxEvents");
             addTo(txEvents_, kind.value, more.txEvents[static_cast<std::size_t>(kind.value)], "txEvents");
@@ -117,6 +121,7 @@ public:
         each(State::scalar("refusedJoins", &C::refusedJoins_));
         each(State::scalar("rangeErrors", &C::rangeErrors_));
         each(State::scalar("droppedRegistrations", &C::droppedRegistrations_));
+        each(State::scalar("droppedPdus", &C::droppedPdus_));
     }
 
 private:
@@ -137,6 +142,7 @@ private:
     std::uint64_t refusedJoins_ = 0;
     std::uint64_t rangeErrors_ = 0;
     std::uint64_t droppedRegistrations_ = 0;
+    std::uint64_t droppedPdus_ = 0;
 };
 
 /// "mrp/status"

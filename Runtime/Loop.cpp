@@ -33,7 +33,7 @@ bool Loop::runPosted() {
     return !posted_.empty();
 }
 
-void Loop::fireDue(Time now) {
+void Loop::fireDue(Time now, Duration span) {
     const std::uint64_t armedBefore = nextOrder_;
     while (!timers_.empty()) {
         const auto first = timers_.begin();
@@ -43,6 +43,7 @@ void Loop::fireDue(Time now) {
         timer->order_ = 0;
         timer->fire_();
         runPosted();
+        if (this->now() - now >= span) return;
     }
 }
 

@@ -56,8 +56,9 @@ protected:
     /// sockets from starving; true when some are left.
     bool runPosted();
     /// Fires the timers that are due at `now`, in the order of time and then of arming; tasks that they post
-    /// run before the next timer.  Timers armed meanwhile for `now` wait for the next call.
-    void fireDue(Time now);
+    /// run before the next timer.  Timers armed meanwhile for `now` wait for the next call, and so do the
+    /// rest once the clock has moved on by `span`.
+    void fireDue(Time now, Duration span = Duration::max());
     [[nodiscard]] bool timerArmed() const { return !timers_.empty(); }
     /// The earliest timer's time; only while `timerArmed()`.
     [[nodiscard]] Time nextDue() const { return timers_.begin()->first.first; }

@@ -2,32 +2,19 @@
 /// asked for by a listener, one more beside the many that are there.  The cost of each should not depend on
 /// how many there are.  Times are of the processor, so that other processes do not count.
 #include "Msrp/types/Attributes.h"
+#include "bench/Processor.h"
 #include "bench/StreamSwitch.h"
 #include "bench/Streams.h"
 
-#include <ctime>
-
 namespace {
 
+using Bench::secondsOf;
 using Bench::Spacing;
 using Bench::StreamSwitch;
 
 constexpr std::size_t portCount = 8;
 constexpr std::size_t talkerPort = 0;
 constexpr std::size_t listenerPort = 1;
-
-double processorSeconds() {
-    timespec t{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
-
-template <class F>
-double secondsOf(F&& work) {
-    const double start = processorSeconds();
-    work();
-    return processorSeconds() - start;
-}
 
 bool advertise(StreamSwitch& device, const std::vector<Sim::Pdu>& pdus, std::size_t count) {
     const auto before = device.joined();

@@ -69,7 +69,25 @@ Mrp::AttributeValue value(std::uint8_t type, std::size_t number, Spacing spacing
     }
 }
 
-std::vector<Sim::Pdu> join(std::uint8_t type, std::size_t first, std::size_t count, Spacing spacing) {
+std::size_t leastFrames(std::uint8_t type, std::size_t count, Spacing spacing) {
+    const Mrp::AttributeType& t = Msrp::application().types[type - 1U];
+    // Version, message header, two end marks; and a vector's header and first value.
+    constexpr std::size_t room = Mrp::maxPduLength - 1 - 4 - 2 - 2;
+    const std::size_t vector = 2U + t.valueLength;
+    std::size_t values = 0;
+    if (spacing == Spacing::scattered) {
+        values = room / (vector + 1 + (t.fourPacked ? 1 : 0));
+    } else {
+        const auto octets = [&](std::size_t n) {
+            return vector + (n + 2) / 3 + (t.fourPacked ? (n + 3) / 4 : 0);
+        };
+        while (octets(values + 1) <= room) ++values;
+    }
+    return (count + values - 1) / values;
+}
+
+std::vector<Sim::Pdu> events(std::uint8_t type, Mrp::Event event, std::size_t first, std::size_t count,
+                             Spacing spacing) {
     const auto typeIndex = static_cast<std::uint8_t>(type - 1);
     std::vector<Sim::Pdu> pdus;
     Mrp::PduWriter writer{Msrp::application(), false};
@@ -79,10 +97,10 @@ std::vector<Sim::Pdu> join(std::uint8_t type, std::size_t first, std::size_t cou
     };
     for (std::size_t number = first; number < first + count; ++number) {
         const Mrp::AttributeValue next = value(type, number, spacing);
-        if (writer.add(typeIndex, Mrp::Event::JoinMt, next)) continue;
+        if (writer.add(typeIndex, event, next)) continue;
         finish();
         writer = Mrp::PduWriter{Msrp::application(), false};
-        writer.add(typeIndex, Mrp::Event::JoinMt, next);
+        writer.add(typeIndex, event, next);
     }
     if (!writer.empty()) finish();
     return pdus;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Mrp/Decoder.h"
+#include "Mrp/Events.h"
 #include "Sim/Ports.h"
 
 #include <benchmark/benchmark.h>
@@ -25,8 +26,14 @@ inline constexpr std::size_t domains = 251;
 /// those of class B and class A as a bridge has them by default.
 Mrp::AttributeValue value(std::uint8_t type, std::size_t number, Spacing spacing);
 
-/// Declares the values from `first` on in as few PDUs as they need.
-std::vector<Sim::Pdu> join(std::uint8_t type, std::size_t first, std::size_t count, Spacing spacing);
+/// Says that of the values from `first` on, in as few PDUs as it needs.
+std::vector<Sim::Pdu> events(std::uint8_t type, Mrp::Event event, std::size_t first, std::size_t count,
+                             Spacing spacing);
+inline std::vector<Sim::Pdu> join(std::uint8_t type, std::size_t first, std::size_t count, Spacing spacing) {
+    return events(type, Mrp::Event::JoinMt, first, count, spacing);
+}
+/// The least frames in which so many values of a type can be said once, by the arithmetic of the format.
+std::size_t leastFrames(std::uint8_t type, std::size_t count, Spacing spacing);
 
 /// Shown as the time that one of `count` took in each iteration.
 inline benchmark::Counter timeEach(std::size_t count) {

@@ -284,6 +284,7 @@ Table counters(const Snapshot& snapshot) {
         countBoth(table, port, "", one("refused joins", "refusedJoins"), {});
         countBoth(table, port, "", one("values out of range", "rangeErrors"), {});
         countBoth(table, port, "", one("registrations over the limit", "droppedRegistrations"), {});
+        countBoth(table, port, "", one("PDUs dropped in a flood", "droppedPdus"), {});
     }
     return table;
 }
