@@ -31,6 +31,7 @@ public:
     bool held : 1 = false;       ///< the application holds `accepted`, and is told when it leaves
     bool refused : 1 = false;    ///< the application refused `heard`
     std::uint32_t leaveSequence = 0;  ///< names the latest entry of this attribute in the leave queue
+    std::uint32_t bornSecond = 0;     ///< of the loop's clock
 
     [[nodiscard]] const AttributeValue& own() const { return apart_ ? apart_->own : value_; }
     [[nodiscard]] const AttributeValue& told() const { return apart_ ? apart_->told : value_; }

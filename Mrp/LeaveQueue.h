@@ -25,7 +25,11 @@ public:
     void pop() { entries_.pop_front(); }
     [[nodiscard]] bool empty() const { return entries_.empty(); }
     [[nodiscard]] const Entry& front() const { return entries_.front(); }
-    void clear() { entries_.clear(); }
+    /// All timers, stopped ones included.
+    template <class F>
+    void each(F&& visit) const {
+        for (const Entry& entry : entries_) visit(entry);
+    }
 
     /// Tells that one entry was stopped.  When half of the queue may be stopped ones, those for which
     /// `running` is false are dropped, so that a peer that leaves and joins without end does not make the

@@ -36,6 +36,7 @@ MrpSm::MrpSm(Inputs inputs)
       loop_{inputs_.environment.loop},
       config_{orDefault(inputs_.mrpConfig)},
       status_{orDefault(inputs_.mrpStatus)},
+      attributes_{orDefault(inputs_.attributes)},
       standby_{inputs_.standbyMode},
       random_{inputs_.environment.seed},
       limiter_{inputs_.environment.report},
@@ -61,7 +62,9 @@ MrpSm::MrpSm(Inputs inputs)
 MrpSm::~MrpSm() {
     application_.engine_ = nullptr;
     for (const auto& [intf, port] : ports_) {
-        if (port.participant) port.participant->stop();
+        if (!port.participant) continue;
+        port.participant->stop();
+        attributes_->intfDel(intf);
     }
 }
 
@@ -107,6 +110,14 @@ void MrpSm::start(IntfId intf) {
             intf, [this, intf](std::span<const std::uint8_t> pdu) { received(intf, pdu); });
     }
     status_->intfIs(intf);
+    const auto view = [weak = std::weak_ptr<const Participant>{port.participant}](auto tell) {
+        return [weak, tell] {
+            const auto shown = weak.lock();
+            return shown ? ((*shown).*tell)() : State::Value{};
+        };
+    };
+    attributes_->intfIs(intf)->viewIs(
+        {.machines = view(&Participant::machines), .attributes = view(&Participant::attributes)});
     periodicSm_.intfIs(intf);
 }
 
@@ -116,6 +127,7 @@ void MrpSm::stop(IntfId intf) {
     const auto ending = std::exchange(at->second.participant, nullptr);
     ending->stop();
     at->second.inbox.clear();
+    attributes_->intfDel(intf);
     periodicSm_.intfDel(intf);
     // A call of the participant or of the packet port may be under way: both end after it.
     later([this, intf, ending] {

@@ -8,6 +8,7 @@
 /// Tables.h.
 #pragma once
 
+#include "Mrp/AttributeRecords.h"
 #include "Mrp/Inbox.h"
 #include "Mrp/MrpAttrLogSm.h"
 #include "Mrp/MrpLib.h"
@@ -51,6 +52,7 @@ struct Inputs {
     MrpLib& application;
     std::shared_ptr<const MrpConfig> mrpConfig;
     std::shared_ptr<MrpStatus> mrpStatus;
+    std::shared_ptr<AttributesStatus> attributes;
     std::shared_ptr<const Stp::Status> stpStatus;
     std::shared_ptr<const Bridging::Topology::Config> topoConfig;
     std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ethPhyIntfStatusDir;
@@ -149,6 +151,7 @@ private:
     Runtime::Loop& loop_;
     std::shared_ptr<const MrpConfig> config_;
     std::shared_ptr<MrpStatus> status_;
+    std::shared_ptr<AttributesStatus> attributes_;
     MrpAttrLogSm* attrLog_ = nullptr;
     bool standby_;
     std::mt19937_64 random_;

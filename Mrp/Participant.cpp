@@ -115,7 +115,7 @@ bool Participant::receiveEvent(const DecodedEvent& in) {
     const bool joins = declares(in.event);
     if (attribute == nullptr) {
         if (!joins || !mayRegister(ref.typeIndex)) return false;
-        attribute = &attributes_[ref.typeIndex][ref.key];
+        attribute = &findOrMake(ref);
     }
     // By the standard two values are two attributes: what the peer says of another value is not about ours.
     if (!attribute->spokenFor() || attribute->own().octets == in.value.octets) {
@@ -189,7 +189,7 @@ bool Participant::registered(const AttributeRef& ref) const {
 // --- What the application asks -------------------------------------------------------------------
 
 bool Participant::declare(const AttributeRef& ref, const AttributeValue& value) {
-    Attribute& attribute = attributes_[ref.typeIndex][ref.key];
+    Attribute& attribute = findOrMake(ref);
     const bool declared = isMember(attribute.applicant);
     const bool changed = attribute.spokenFor() && attribute.own() != value;
     applicantEvent(ref, attribute, ApplicantEvent::join);
@@ -202,7 +202,7 @@ bool Participant::declare(const AttributeRef& ref, const AttributeValue& value) 
 }
 
 void Participant::seed(const AttributeRef& ref, const AttributeValue& value) {
-    Attribute& attribute = attributes_[ref.typeIndex][ref.key];
+    Attribute& attribute = findOrMake(ref);
     if (attribute.registered()) return;
     registrarEvent(ref, attribute, RegistrarEvent::rJoin);
     attribute.heardIs(value);
@@ -408,6 +408,16 @@ void Participant::startLeaveAllTimer() {
 Attribute* Participant::find(const AttributeRef& ref) {
     const auto at = attributes_[ref.typeIndex].find(ref.key);
     return at == attributes_[ref.typeIndex].end() ? nullptr : &at->second;
+}
+
+Attribute& Participant::findOrMake(const AttributeRef& ref) {
+    const auto [at, fresh] = attributes_[ref.typeIndex].try_emplace(ref.key);
+    if (fresh) {
+        const auto second =
+            std::chrono::duration_cast<std::chrono::seconds>(env_.loop.now().time_since_epoch());
+        at->second.bornSecond = static_cast<std::uint32_t>(second.count());
+    }
+    return at->second;
 }
 
 void Participant::eraseIfIdle(const AttributeRef& ref) {

@@ -117,6 +117,9 @@ public:
             for (const auto& [key, attribute] : attributes_[i]) visit(AttributeRef{i, key}, attribute);
         }
     }
+    /// For people: timers and totals, and every attribute with its states, by "type/key".
+    [[nodiscard]] State::Value machines() const;
+    [[nodiscard]] State::Value attributes() const;
     [[nodiscard]] bool registered(const AttributeRef& ref) const;
     /// The application holds the attribute: it accepted it, and will be told when it leaves.
     [[nodiscard]] bool held(const AttributeRef& ref) const;
@@ -157,6 +160,8 @@ private:
         return static_cast<std::uint8_t>(env_.application.types.size());
     }
     [[nodiscard]] Attribute* find(const AttributeRef& ref);
+    /// The attribute, a new one when there is none.
+    Attribute& findOrMake(const AttributeRef& ref);
     void eraseIfIdle(const AttributeRef& ref);
 
     void receiveLeaveAll(std::uint8_t typeIndex);

@@ -1,5 +1,6 @@
 #include "Msrp/Database.h"
 
+#include "Mrp/AttributeRecords.h"
 #include "Mrp/Records.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
@@ -20,6 +21,7 @@ void populate(State::Database& database) {
     database.entityIs<Waiting>("msrp/waiting");
     database.entityIs<Mrp::MrpConfig>("mrp/config");
     database.entityIs<Mrp::MrpStatus>("mrp/status");
+    database.entityIs<Mrp::AttributesStatus>("mrp/attributes");
     database.entityIs<Bridging::Config>("bridging/config");
     database.entityIs<Bridging::Input::Config>("bridging/input/config/msrp");
     database.entityIs<Bridging::Topology::Config>("bridging/topology/config");

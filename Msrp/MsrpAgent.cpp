@@ -55,6 +55,7 @@ void Agent::doInit() {
     entities.mountIs("msrp/waiting", "Msrp::Waiting", "wc");
     entities.mountIs("mrp/config", "Mrp::MrpConfig", "r");
     entities.mountIs("mrp/status", "Mrp::MrpStatus", "w");
+    entities.mountIs("mrp/attributes", "Mrp::AttributesStatus", "wc");
     entities.mountIs("bridging/config", "Bridging::Config", "r");
     entities.mountIs("qos/input/config/msrp", "Qos::Input::Config", "wc");
     entities.mountIs("qos/status", "Qos::Status", "r");
@@ -74,6 +75,7 @@ void Agent::fetchRecords() {
     msrpWaiting_ = entities.writer<Waiting>("msrp/waiting");
     mrpConfig_ = entities.reader<Mrp::MrpConfig>("mrp/config");
     mrpStatus_ = entities.writer<Mrp::MrpStatus>("mrp/status");
+    mrpAttributes_ = entities.writer<Mrp::AttributesStatus>("mrp/attributes");
     brConfig_ = entities.reader<Bridging::Config>("bridging/config");
     stpStatus_ = entities.reader<Stp::Status>("stp/status");
     qosMsrpConfig_ = entities.writer<Qos::Input::Config>("qos/input/config/msrp");
@@ -106,6 +108,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
         .application = *msrpLib_,
         .mrpConfig = mrpConfig_,
         .mrpStatus = mrpStatus_,
+        .attributes = mrpAttributes_,
         .stpStatus = stpStatus_,
         .topoConfig = bridgingTopoConfig_,
         .ethPhyIntfStatusDir = ethPhyIntfStatusDir_,

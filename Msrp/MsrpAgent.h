@@ -50,6 +50,7 @@ private:
     std::shared_ptr<Waiting> msrpWaiting_;
     std::shared_ptr<const Mrp::MrpConfig> mrpConfig_;
     std::shared_ptr<Mrp::MrpStatus> mrpStatus_;
+    std::shared_ptr<Mrp::AttributesStatus> mrpAttributes_;
     std::shared_ptr<const Bridging::Config> brConfig_;
     std::shared_ptr<const Stp::Status> stpStatus_;
     std::shared_ptr<Qos::Input::Config> qosMsrpConfig_;

@@ -33,6 +33,7 @@ MrpPeer::MrpPeer(Runtime::Loop& loop, Bridge& bridge, const std::string& port, s
         .application = *this,
         .mrpConfig = nullptr,
         .mrpStatus = nullptr,
+        .attributes = nullptr,
         .stpStatus = nullptr,
         .topoConfig = nullptr,
         .ethPhyIntfStatusDir = nullptr,

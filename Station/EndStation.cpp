@@ -54,6 +54,7 @@ EndStation::EndStation(IntfId intf, Environment environment)
                           .application = *this,
                           .mrpConfig = nullptr,
                           .mrpStatus = nullptr,
+                          .attributes = nullptr,
                           .stpStatus = nullptr,
                           .topoConfig = nullptr,
                           .ethPhyIntfStatusDir = environment_.links,

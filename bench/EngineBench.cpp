@@ -79,6 +79,7 @@ private:
                                    .application = *this,
                                    .mrpConfig = config_,
                                    .mrpStatus = nullptr,
+                                   .attributes = nullptr,
                                    .stpStatus = nullptr,
                                    .topoConfig = nullptr,
                                    .ethPhyIntfStatusDir = nullptr,

@@ -34,6 +34,7 @@ public:
             .application = *this,
             .mrpConfig = config,
             .mrpStatus = status_,
+            .attributes = nullptr,
             .stpStatus = nullptr,
             .topoConfig = nullptr,
             .ethPhyIntfStatusDir = links_,

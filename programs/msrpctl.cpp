@@ -5,6 +5,7 @@
 #include "Control/Json.h"
 #include "Runtime/RingLog.h"
 #include "programs/Capture.h"
+#include "programs/ShowMrp.h"
 #include "programs/ShowTables.h"
 
 #include <CLI/CLI.hpp>
@@ -127,6 +128,27 @@ int showPorts(const Options& options, Show::Table (*make)(const Show::Snapshot&)
     return done;
 }
 
+/// The engine of one port, or a line for each.
+int showMrp(const Options& options) {
+    Show::Snapshot snapshot;
+    if (const auto problem = fetch(options, {"mrp/status"}, snapshot); !problem.empty()) return fail(problem);
+    if (!options.path.empty()) {
+        const std::string path = Show::mrpPath(options.path);
+        if (!fetch(options, {path}, snapshot).empty())
+            return fail(options.path + ": the protocol does not run on a port of this name");
+        std::cout << (options.json ? spread(snapshot.record(path), true)
+                                   : Show::mrpText(snapshot, options.path));
+        return done;
+    }
+    for (const auto& [port, counters] : Show::membersOf(Show::at(snapshot.record("mrp/status"), {"intf"}))) {
+        // Ports whose engine does not run have no such record.
+        (void)fetch(options, {Show::mrpPath(port) + "/machines"}, snapshot);
+    }
+    const Show::Table table = Show::mrpPorts(snapshot);
+    std::cout << (options.json ? spread(table.value(), true) : table.text());
+    return done;
+}
+
 int showLog(const Options& options) {
     Show::Snapshot snapshot;
     if (const auto problem = fetch(options, {"log"}, snapshot); !problem.empty()) return fail(problem);
@@ -228,6 +250,9 @@ int run(int argc, char** argv) {
     table(show, "counters", "Counters that are not zero",
           [](const Options& o) { return showPorts(o, Show::counters); });
     table(show, "log", "Recent lines of the system log", showLog);
+    table(show, "mrp", "The protocol engine: timers, frames, and the states of every attribute of a port",
+          showMrp)
+        ->add_option("PORT", options.path, "Like swp1; without it, one line for each port");
 
     table(&app, "list", "The paths of all records", list);
     const auto withPath = [&](const char* name, const char* help, auto body) {
@@ -261,7 +286,7 @@ int run(int argc, char** argv) {
     if (app.get_subcommands().empty())
         return fail("a command is needed: show, list, get, set, watch, capture or ringlog", usage);
     if (show->parsed() && show->get_subcommands().empty())
-        return fail("show what? streams, stream ID, ports, domain, counters or log", usage);
+        return fail("show what? streams, stream ID, ports, domain, counters, mrp or log", usage);
     return result;
 }
 

@@ -219,6 +219,7 @@ struct Bridge {
               .application = app,
               .mrpConfig = config,
               .mrpStatus = status,
+              .attributes = nullptr,
               .stpStatus = stp,
               .topoConfig = nullptr,
               .ethPhyIntfStatusDir = links,

@@ -106,6 +106,8 @@ class Reservation(unittest.TestCase):
         cls.groups = {address: sorted(group["intf"]) for address, group in groups.items()}
         cls.ports = bed.read("get", "msrp/status/intfStatus")
         cls.streams = bed.shown("show", "streams")
+        cls.engine = bed.shown("show", "mrp", cls.talker_port)
+        cls.engines = bed.read("show", "mrp")
         cls.told = time.time()
         daemon.terminate()
         cls.exit_code = daemon.wait(10)
@@ -136,6 +138,14 @@ class Reservation(unittest.TestCase):
 
     def test_table_says_why_the_greedy_stream_is_not_carried(self):
         self.assertIn("not to swp2: insufficient bandwidth (found by this bridge)", self.streams)
+
+    def test_engine_is_shown_with_the_states_of_each_attribute(self):
+        rows = {tuple(line.split()[:-4]) for line in self.engine.splitlines() if "02:00:00:00:02:01/" in line}
+        self.assertIn(("Talker", "Advertise", "02:00:00:00:02:01/1", "VO", "IN", "-"), rows)
+        self.assertIn(("Listener", "02:00:00:00:02:01/1"), {row[:2] for row in rows})
+        self.assertRegex(self.engine, r"frames +[1-9]\d* received, [1-9]\d* sent, 0 dropped")
+        self.assertEqual({port: engine["registered"] for port, engine in self.engines.items()},
+                         {self.talker_port: 4, self.listener_ports[0]: 4, self.listener_ports[1]: 3})
 
     def test_decoder_finds_no_fault_in_any_frame(self):
         self.assertEqual(self.flaws, "")

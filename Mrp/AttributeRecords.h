@@ -1,0 +1,62 @@
+/// What the engine tells of its attributes and timers to whoever looks: made at the moment of reading, since
+/// a large switch holds millions of them.
+#pragma once
+
+#include "State/Record.h"
+#include "Switch/IntfId.h"
+
+#include <functional>
+#include <memory>
+#include <string_view>
+
+namespace Mrp {
+
+/// Where a port's record gets its values from: the port's participant.
+struct PortView {
+    std::function<State::Value()> machines;    ///< its timers and totals
+    std::function<State::Value()> attributes;  ///< "type/key" to states, values and age
+};
+
+/// One enabled port.
+class IntfAttributes : public State::Record<IntfAttributes> {
+public:
+    static constexpr std::string_view type = "Mrp::IntfAttributes";
+    explicit IntfAttributes(IntfId) {}
+    void viewIs(PortView view) { view_ = std::move(view); }
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::derived<IntfAttributes>("machines", [](const IntfAttributes& r) {
+            return r.view_.machines ? r.view_.machines() : State::Value{};
+        }));
+        each(State::derived<IntfAttributes>("attribute", [](const IntfAttributes& r) {
+            return r.view_.attributes ? r.view_.attributes() : State::Value{};
+        }));
+    }
+
+private:
+    PortView view_;
+};
+
+/// "mrp/attributes"
+class AttributesStatus : public State::Record<AttributesStatus> {
+public:
+    static constexpr std::string_view type = "Mrp::AttributesStatus";
+
+    std::shared_ptr<IntfAttributes> intfIs(IntfId id) { return makeChild(intf_, id, "intf"); }
+    void intfDel(IntfId id) { delChild(intf_, id, "intf"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::collection("intf", &AttributesStatus::intf_));
+    }
+
+private:
+    State::Collection<IntfId, IntfAttributes> intf_;
+};
+
+}  // namespace Mrp
+
+// Made once, in Records.cpp.
+extern template class State::Record<Mrp::IntfAttributes>;
+extern template class State::Record<Mrp::AttributesStatus>;
