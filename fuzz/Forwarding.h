@@ -20,13 +20,17 @@ inline void checkForwarding(Sim::Bridge& bridge) {
     std::map<std::pair<IntfId, Msrp::SrClassId>, std::uint64_t> admitted;
     std::set<const void*> groups;
     for (const auto& [id, stream] : sm.streamList()) {
+        const IntfId ingress = stream->ingressIntf();
         const auto group = stream->ethGroup();
+        check(group || !ingress || sm.getTalkerState(*stream, ingress) != Msrp::TalkerState::Advertise ||
+                  stream->talkerFailureCode(ingress) != Msrp::TalkerFailureCode::noFailure,
+              "a sound stream without a group: ", id);
         if (!group) continue;
         check(groups.insert(group.get()).second, "two streams share a group: ", id);
         check(!group->intf().empty(), "an empty group: ", id);
         for (const auto& [intf, member] : group->intf()) {
             check(member && bridge.status->intfStatus(intf), "a port without MSRP in a group: ", id);
-            if (intf == stream->ingressIntf()) {
+            if (intf == ingress) {
                 check(group->intf().size() == 1, "the talker's port beside listeners: ", id);
                 continue;
             }

@@ -10,8 +10,9 @@
 
 namespace Fuzz {
 
-/// The PDU fits into a frame and says something, in a form that has no flaw and that ends with its EndMark.
-inline void checkSent(std::span<const std::uint8_t> pdu) {
+/// The PDU fits into a frame and says something, in a form that has no flaw and that ends with its EndMark;
+/// what it says is returned.
+inline Mrp::DecodedPdu checkSent(std::span<const std::uint8_t> pdu) {
     check(pdu.size() <= Mrp::maxPduLength, "a PDU of ", pdu.size(), " octets was sent");
     check(pdu.size() > 3 && pdu.front() == Msrp::application().protocolVersion, "no PDU of ours was sent");
     check(pdu.back() == 0 && pdu[pdu.size() - 2] == 0, "a PDU without an EndMark was sent");
@@ -20,6 +21,7 @@ inline void checkSent(std::span<const std::uint8_t> pdu) {
     for (const Mrp::Flaw& flaw : decoded.flaws)
         check(false, "a PDU was sent with a flaw: ", Mrp::describe(flaw.reason), " at octet ", flaw.offset);
     check(decoded.leaveAll.any() || !decoded.events.empty(), "a PDU that says nothing was sent");
+    return decoded;
 }
 
 }  // namespace Fuzz

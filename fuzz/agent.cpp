@@ -152,8 +152,12 @@ private:
         check(bridge_.waiting->macDaBlocked().empty(), "a stream still waits for its address");
         check(sm.addPendingStream().empty() && sm.deletePendingStream().empty(),
               "a stream is still about to be published or withdrawn");
-        for (const Msrp::SrClassId srClass : Msrp::bothClasses)
-            check(bridge_.allocated("p3", srClass) == 0, "bandwidth of a silent port is still allocated");
+        for (const auto& [id, stream] : sm.streamList()) {
+            check(stream->listenerStateOrig(p3_) == Msrp::ListenerState::Ignore &&
+                      stream->listenerState(p3_) == Msrp::ListenerState::Ignore,
+                  "a silent peer still listens to stream ", id);
+            check(stream->ethGroup()->intf().size() == 1, "stream ", id, " still goes to a silent peer");
+        }
         bridge_.agent().mrpSm()->eachAttribute(
             p3_, [](const Mrp::AttributeRef&, const Mrp::Attribute& attribute) {
                 check(!attribute.registered(), "a silent peer's attribute is still registered");

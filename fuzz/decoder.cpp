@@ -72,7 +72,7 @@ std::vector<std::vector<std::uint8_t>> written(const std::vector<Mrp::DecodedEve
     return pdus;
 }
 
-/// Writing what was read and reading it again gives the same, and from then on the same octets.
+/// Writing what was read and reading it again gives the same.
 void checkWritten(const Mrp::DecodedPdu& read) {
     std::vector<Mrp::DecodedEvent> events = read.events;
     std::ranges::stable_sort(events, {}, &Mrp::DecodedEvent::typeIndex);
@@ -80,14 +80,12 @@ void checkWritten(const Mrp::DecodedPdu& read) {
     const auto pdus = written(events, leaveAll);
     std::vector<Mrp::DecodedEvent> again;
     for (std::size_t i = 0; i < pdus.size(); ++i) {
-        checkSent(pdus[i]);
-        const Mrp::DecodedPdu part = decoded(pdus[i]);
+        const Mrp::DecodedPdu part = checkSent(pdus[i]);
         const std::size_t leaveAlls = leaveAll && i == 0 ? Msrp::application().types.size() : 0;
         check(part.leaveAll.count() == leaveAlls, "a LeaveAll was lost or invented");
         again.insert(again.end(), part.events.begin(), part.events.end());
     }
     check(again == events, "events changed when they were written and read");
-    check(written(again, leaveAll) == pdus, "the same events were written in two ways");
 }
 
 }  // namespace
