@@ -51,6 +51,8 @@ public:
         begun_.reset();
         waiting_.clear();
     }
+    /// The next one is done in part.
+    [[nodiscard]] bool begun() const { return begun_ != nullptr; }
     [[nodiscard]] bool empty() const { return !begun_ && waiting_.empty(); }
     /// When the oldest one arrived.
     [[nodiscard]] std::optional<Runtime::Time> since() const {

@@ -208,6 +208,11 @@ void MrpSm::servePort(IntfId intf, Port& port) {
     if (!port.inbox.empty()) standInLine(intf, port);
 }
 
+bool MrpSm::mayTransmit(IntfId intf) {
+    const auto at = ports_.find(intf);
+    return transmitBudget_ > 0 && (at == ports_.end() || !at->second.inbox.begun());
+}
+
 void MrpSm::transmitted(std::size_t attributes) {
     transmitBudget_ -= std::min(transmitBudget_, attributes);
     if (!turnTimer_.armed()) turnTimer_.armIn(Runtime::Duration{0});

@@ -113,7 +113,7 @@ private:
     void portOpened(IntfId intf) override;
     void offerDue(IntfId intf, const AttributeRef& ref) override;
     [[nodiscard]] std::optional<Runtime::Time> backlogSince(IntfId intf) const override;
-    [[nodiscard]] bool mayTransmit() override { return transmitBudget_ > 0; }
+    [[nodiscard]] bool mayTransmit(IntfId intf) override;
     void transmitted(std::size_t attributes) override;
     void send(IntfId intf, std::span<const std::uint8_t> pdu) override;
     void count(IntfId intf, const MrpCounts& more) override;

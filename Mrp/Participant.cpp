@@ -299,7 +299,7 @@ void Participant::applicantEvent(const AttributeRef& ref, Attribute& attribute, 
 
 void Participant::applicantIs(const AttributeRef& ref, Attribute& attribute, Applicant next,
                               ApplicantEvent why) {
-    if (next == attribute.applicant) return;
+    // Also what changes nothing: whoever reads the trace asks why.
     if (env_.trace.on(Runtime::TraceLevel::detail)) {
         env_.trace(Runtime::TraceLevel::detail, intf_, " type ", unsigned{type(ref.typeIndex).type}, " key ",
                    State::hexText(ref.key),
@@ -313,12 +313,13 @@ void Participant::applicantIs(const AttributeRef& ref, Attribute& attribute, App
 void Participant::registrarEvent(const AttributeRef& ref, Attribute& attribute, RegistrarEvent event) {
     const Registrar before = attribute.registrar;
     const RegistrarCell cell = step(before, event);
-    if (cell.next == before) return;
     if (env_.trace.on(Runtime::TraceLevel::detail)) {
         env_.trace(Runtime::TraceLevel::detail, intf_, " type ", unsigned{type(ref.typeIndex).type}, " key ",
                    State::hexText(ref.key), " registrar: ", registrarNames[static_cast<std::size_t>(before)],
-                   " -> ", registrarNames[static_cast<std::size_t>(cell.next)]);
+                   " -> ", registrarNames[static_cast<std::size_t>(cell.next)], " (",
+                   registrarEventNames[static_cast<std::size_t>(event)], ')');
     }
+    if (cell.next == before) return;
     attribute.registrar = cell.next;
     if (cell.timer == LeaveTimer::start) {
         attribute.leaveSequence = ++leaveSequence_;

@@ -55,8 +55,9 @@ public:
         [[nodiscard]] virtual std::optional<Runtime::Time> backlogSince(IntfId intf) const = 0;
         /// That attribute is to be offered again, from the loop.
         virtual void offerDue(IntfId intf, const AttributeRef& ref) = 0;
-        /// False when this turn of the loop has seen enough of transmissions.
-        [[nodiscard]] virtual bool mayTransmit() = 0;
+        /// False when this turn of the loop has seen enough of transmissions, and while the port is in the
+        /// middle of a received PDU, whose rest may spare it what it would say.
+        [[nodiscard]] virtual bool mayTransmit(IntfId intf) = 0;
         /// That many attributes were looked at for a transmission.
         virtual void transmitted(std::size_t attributes) = 0;
         virtual void send(IntfId intf, std::span<const std::uint8_t> pdu) = 0;

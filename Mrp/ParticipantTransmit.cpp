@@ -35,6 +35,12 @@ std::optional<Event> eventOf(Send send, const Attribute& attribute, bool optiona
     }
 }
 
+/// True for what both sides declare while its registration runs out: this side has asked with a LeaveAll, and
+/// had that frame been lost, nobody would know of it.  A further Join, free for QA, asks once more.
+bool mustAsk(const Attribute& attribute) {
+    return attribute.applicant == Applicant::QA && attribute.registrar == Registrar::LV;
+}
+
 }  // namespace
 
 Runtime::Duration Participant::patience(Applicant state, ApplicantEvent why) const {
@@ -74,7 +80,7 @@ void Participant::opportunity() {
     if (const Runtime::Time earliest = pace_.earliest(now, joinTime()); env_.pointToPoint && earliest > now) {
         return opportunityTimer_.armAt(earliest);
     }
-    if (!env_.host.mayTransmit()) return opportunityTimer_.armAt(now);
+    if (!env_.host.mayTransmit(intf_)) return opportunityTimer_.armAt(now);
     const bool withLeaveAll = leaveAllEvent(LeaveAllEvent::tx);
     if (transmit(withLeaveAll, env_.config.pdusPerOpportunity())) pace_.take(now);
     if (!batch_.empty()) requestOpportunity(Runtime::Duration{0});
@@ -125,7 +131,7 @@ std::vector<Participant::Utterance> Participant::planBatch() {
         const AttributeRef& ref = batch_[i];
         const auto at = attributes_[ref.typeIndex].find(ref.key);  // there: what is queued is not deleted
         const ApplicantCell cell = step(applicantTable_, at->second.applicant, ApplicantEvent::tx);
-        const auto event = eventOf(cell.send, at->second, false);
+        const auto event = eventOf(cell.send, at->second, mustAsk(at->second));
         if (event) bridge(plan, ref, at);
         if (at->second.mtDue) plan.push_back({Why::purged, ref, at, Event::Mt, i});
         plan.push_back({Why::transition, ref, at, event, i});
@@ -215,7 +221,8 @@ void Participant::said(const Utterance& utterance, ApplicantEvent why) {
     const Applicant before = attribute.applicant;
     applicantEvent(utterance.ref, attribute, why);
     // After a LeaveAll also what stays in its state: nothing else has been kept of the queue.
-    if (why != ApplicantEvent::tx && attribute.applicant == before && hasToSpeak(before)) {
+    const bool speaks = hasToSpeak(attribute.applicant) || mustAsk(attribute);
+    if (why != ApplicantEvent::tx && attribute.applicant == before && speaks) {
         queue(utterance.ref, attribute, patience(attribute.applicant, why));
     }
     attribute.settle();

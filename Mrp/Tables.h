@@ -111,6 +111,7 @@ enum class RegistrarEvent : std::uint8_t {
     flush,
     leaveTimer,
 };
+constexpr std::array<std::string_view, 4> registrarEventNames{"rJoin", "rLv", "Flush", "leavetimer"};
 enum class LeaveTimer : std::uint8_t { keep, start, stop };
 struct RegistrarCell {
     Registrar next;

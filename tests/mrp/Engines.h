@@ -181,6 +181,7 @@ public:
 
     std::map<std::string, std::string> peer;
     std::function<bool(std::size_t number)> lose;  ///< counting all frames
+    std::function<Runtime::Duration(std::size_t number)> delay;
     std::vector<std::pair<std::string, std::vector<std::uint8_t>>> frames;
     std::vector<Runtime::Time> times;
 
@@ -193,12 +194,14 @@ private:
             wire.frames.emplace_back(name, std::vector<std::uint8_t>{pdu.begin(), pdu.end()});
             wire.times.push_back(wire.loop_.now());
             if (lost || !wire.peer.contains(name)) return !lost;
+            // What has landed need not be kept.
+            while (!wire.flights_.empty() && !wire.flights_.front()->armed()) wire.flights_.pop_front();
             auto& flight = wire.flights_.emplace_back();
             flight = std::make_unique<Runtime::Timer>(
                 wire.loop_, [&w = wire, to = wire.peer.at(name), frame = wire.frames.back().second] {
                     w.deliver(to, frame);
                 });
-            flight->armIn(10us);
+            flight->armIn(wire.delay ? wire.delay(wire.frames.size()) : 10us);
             return true;
         }
         Wire& wire;
