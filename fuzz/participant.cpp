@@ -36,11 +36,11 @@ public:
         }
         calm();
         // LeaveAll rounds of 1 to 1.5 s, and the leave time after each.
-        wait(5s);
+        wait(4s);
         checkAgreement();
         a_.withdrawAll();
         b_.withdrawAll();
-        wait(5s);
+        wait(2500ms);
         check(a_.attributes(a1_) + a_.attributes(a2_) + b_.attributes(b1_) == 0,
               "attributes are left when nobody declares any");
     }
