@@ -93,6 +93,12 @@ class Testbed:
         """Sets the station's end of a cable "up" or "down"."""
         self._ip("-n", self.station_of(port), "link", "set", "eth0", state)
 
+    def received(self, port):
+        """Frames that have come in on a port, by the kernel's count."""
+        done = subprocess.run(["ip", "-n", self.switch, "-s", "-j", "link", "show", port], text=True,
+                              stdout=subprocess.PIPE, check=True)
+        return json.loads(done.stdout)[0]["stats64"]["rx"]["packets"]
+
     def config(self):
         """A small configuration.  The kernel's idea of a virtual cable's speed is fiction, so it is given."""
         return {

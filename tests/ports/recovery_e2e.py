@@ -91,6 +91,61 @@ class Recovery(unittest.TestCase):
             self.assertTrue(heard[-1].endswith("Ready"), heard)
 
 
+# Sends MSRP frames of all kinds as fast as it can: joins, leaves and LeaveAlls of thousands of values, and noise.
+FLOOD = """
+import random, socket, struct
+random.seed(1)
+wire = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+wire.bind(("eth0", 0))
+head = bytes.fromhex("0180c200000e") + bytes.fromhex("020000000299") + bytes.fromhex("22ea")
+LENGTH = {1: 25, 2: 34, 3: 8, 4: 4}
+def message(kind, count, event, leave_all):
+    first = bytes([2]) + random.randbytes(5) + struct.pack(">H", random.randrange(60000))
+    first = (first + bytes.fromhex("91e0f0") + random.randbytes(3) + bytes.fromhex("0002006400017000000000") + bytes(9))
+    if kind == 4: first = bytes([6, 3, 0, 2])
+    events = bytes([event * 43]) * -(-count // 3) + (bytes([0xAA]) * -(-count // 4) if kind == 3 else b"")
+    body = struct.pack(">H", count + (8192 if leave_all else 0)) + first[:LENGTH[kind]] + events + bytes(2)
+    return bytes([kind, LENGTH[kind]]) + struct.pack(">H", len(body)) + body
+def frame():
+    if random.random() < 0.1: return head + random.randbytes(random.randrange(46, 1500))
+    kind = random.choice([1, 1, 2, 3, 3, 4])
+    count = random.choice([1, 1, 20, 2000]) if kind != 4 else 1
+    return head + bytes(1) + message(kind, count, random.choice([0, 1, 3, 3, 4, 5]), random.random() < 0.2) + bytes(2)
+domains = head + bytes(1) + bytes.fromhex("04040009000205020002810000") + bytes(2) + bytes(40)
+frames = [domains, *(frame() for _ in range(5000))]
+while True:
+    for octets in frames:
+        try:
+            wire.send(octets)
+        except OSError:
+            pass
+"""
+
+
+class Flood(unittest.TestCase):
+    def test_other_ports_make_their_reservations_while_a_peer_floods(self):
+        bed = self.enterContext(Testbed(BUILD, ports=4))
+        daemon = bed.daemon()
+        bed.spawn("flood", bed.station_of("swp4"), "python3", "-c", FLOOD)
+        bed.wait(lambda: bed.read("show", "mrp")["swp4"]["rxPdus"] > 20000, 30, "no flood")
+        before = bed.received("swp4")
+        begun = time.monotonic()
+        bed.station("swp1", *(word for stream in STREAMS for word in ("--talk", talk(stream))))
+        for port in ("swp2", "swp3"):
+            bed.station(port, *(word for stream in STREAMS for word in ("--listen", stream)))
+        bed.wait(lambda: all(f"listener {stream} Ready\n" in bed.said("swp1") for stream in STREAMS), 10,
+                 "not all streams are reserved")
+        took = time.monotonic() - begun
+        arrived = bed.received("swp4") - before
+        memory = int(next(line.split()[1] for line in pathlib.Path(f"/proc/{daemon.pid}/status").read_text().splitlines()
+                          if line.startswith("VmRSS")))
+        print(f"50 streams reserved {took:.2f} s after the stations' start, while {arrived / took:.0f} frames a second "
+              f"come in elsewhere; the daemon has {memory // 1024} MiB")
+        self.assertLess(memory, 300 * 1024)
+        reports = [line for line in bed.said("msrpd.log").splitlines() if "MRPDUs are dropped" in line]
+        self.assertLessEqual(len(reports), 3, "at most one in ten seconds")
+
+
 if __name__ == "__main__":
     if os.geteuid() != 0:
         print("skipped: needs root")
