@@ -40,6 +40,7 @@ Participant::Participant(IntfId intf, const Environment& environment)
       opportunityTimer_{environment.loop, [this] { opportunity(); }},
       leaveTimer_{environment.loop, [this] { leaveTimerFired(); }},
       leaveAllTimer_{environment.loop, [this] { leaveAllEvent(LeaveAllEvent::leaveAllTimer); }} {
+    for (std::size_t i = 0; i < maxTypes; ++i) finger_[i] = attributes_[i].end();
     startLeaveAllTimer();
 }
 
@@ -407,8 +408,11 @@ void Participant::startLeaveAllTimer() {
 }
 
 Attribute* Participant::find(const AttributeRef& ref) {
-    const auto at = attributes_[ref.typeIndex].find(ref.key);
-    return at == attributes_[ref.typeIndex].end() ? nullptr : &at->second;
+    Attributes& attributes = attributes_[ref.typeIndex];
+    auto& finger = finger_[ref.typeIndex];
+    if (finger != attributes.end() && finger->first != ref.key) ++finger;
+    if (finger == attributes.end() || finger->first != ref.key) finger = attributes.find(ref.key);
+    return finger == attributes.end() ? nullptr : &finger->second;
 }
 
 Attribute& Participant::findOrMake(const AttributeRef& ref) {
@@ -422,8 +426,9 @@ Attribute& Participant::findOrMake(const AttributeRef& ref) {
 }
 
 void Participant::eraseIfIdle(const AttributeRef& ref) {
-    const auto at = attributes_[ref.typeIndex].find(ref.key);
-    if (at != attributes_[ref.typeIndex].end() && at->second.idle()) attributes_[ref.typeIndex].erase(at);
+    const Attribute* attribute = find(ref);
+    if (attribute == nullptr || !attribute->idle()) return;
+    finger_[ref.typeIndex] = attributes_[ref.typeIndex].erase(finger_[ref.typeIndex]);
 }
 
 void Participant::publish() {

@@ -210,6 +210,9 @@ private:
     Runtime::Duration leaveTime_;  ///< with which `leaves_` was filled
 
     std::array<Attributes, maxTypes> attributes_;
+    /// The last attribute of each type that was asked for: a PDU's values come in the order of their keys, so
+    /// the next one is mostly its neighbour.
+    std::array<Attributes::iterator, maxTypes> finger_;
     std::array<std::size_t, maxTypes> registered_{};  ///< registrars that are not MT
     std::bitset<maxTypes> limitReached_;
     std::set<AttributeRef> refused_;
