@@ -1,15 +1,12 @@
 /// What must always hold, whatever happens to a bridge: checked after every step of many random lives, and
 /// again when all has gone quiet.  RANDOM_LIVES (number of seeds) and RANDOM_SEED (the first) may be set in
 /// the environment.
-#include "Msrp/bandwidth/Admission.h"
-#include "Msrp/types/Format.h"
+#include "Sim/Invariants.h"
 #include "tests/scenarios/LiveMemory.h"
 #include "tests/scenarios/RandomLife.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <set>
-#include <sstream>
 
 namespace Sim {
 namespace {
@@ -24,98 +21,9 @@ constexpr int steps = 500;
 /// Thereafter only talkers and listeners change, so that what waits does so for each other alone.
 constexpr int calmSteps = 100;
 
-/// Groups are what admission made of them, allocations are their sum, and queues have their rates.
-void checkForwarding(RandomLife& life) {
-    Bridge& bridge = life.bridge;
-    const auto& sm = *bridge.agent().msrpSm();
-    std::map<std::pair<IntfId, SrClassId>, std::uint64_t> admitted;
-    std::set<const void*> groups;
-    for (const auto& [id, stream] : sm.streamList()) {
-        const auto group = stream->ethGroup();
-        if (!group) continue;
-        ASSERT_TRUE(groups.insert(group.get()).second) << "two streams share a group: " << id;
-        ASSERT_FALSE(group->intf().empty()) << "an empty group: " << id;
-        for (const auto& [intf, member] : group->intf()) {
-            ASSERT_TRUE(bridge.status->intfStatus(intf)) << "a port without MSRP in a group: " << id;
-            if (intf == stream->ingressIntf()) {
-                ASSERT_EQ(group->intf().size(), 1U) << "the talker's port beside listeners: " << id;
-            } else {
-                ASSERT_TRUE(Msrp::wantsStream(stream->listenerState(intf))) << id << ' ' << intf.name();
-                ASSERT_EQ(sm.getTalkerState(*stream, intf), TalkerState::Advertise)
-                    << id << ' ' << intf.name();
-                admitted[{intf, stream->srClass()}] += stream->bandwidth();
-            }
-        }
-    }
-    std::size_t inRecord = 0;
-    bridge.groupConfig->fdbConfig().each([&](VlanId, const auto& fdb) { inRecord += fdb.ethGroup().size(); });
-    ASSERT_EQ(inRecord, groups.size()) << "a group without a stream";
-    const double factor = bridge.cliConfig->shapeRateFactor();
-    bridge.status->intfStatus().each([&](IntfId intf, const Msrp::IntfStatus& status) {
-        const auto config = bridge.queues->intfConfig(intf);
-        for (const SrClassId srClass : Msrp::bothClasses) {
-            const std::uint64_t allocated = status.classBandwidthAllocated(srClass);
-            ASSERT_EQ(allocated, (admitted[{intf, srClass}])) << intf.name();
-            const auto queue = config ? config->txQueueConfig(sm.getAvbQueue(srClass)) : nullptr;
-            ASSERT_EQ(queue != nullptr, allocated != 0 && !bridge.cliConfig->shapingDisabled())
-                << intf.name();
-            if (queue) {
-                ASSERT_EQ(queue->shapeRate().rate.value(),
-                          static_cast<std::uint64_t>(static_cast<double>(allocated) * factor));
-            }
-        }
-    });
-    bridge.queues->intfConfig().each(
-        [&](IntfId intf, const auto&) { ASSERT_TRUE(bridge.status->intfStatus(intf)); });
-}
-
-struct Declaration {
-    std::uint8_t type;
-    std::uint64_t key;
-    unsigned detail;  ///< a Talker Failed's code or a Listener's state
-    auto operator<=>(const Declaration&) const = default;
-    friend std::ostream& operator<<(std::ostream& out, const Declaration& d) {
-        return out << "type " << unsigned{d.type} << " key " << d.key << " detail " << d.detail;
-    }
-};
-
-/// What the agent believes it declares on a port, but for the domains.
-std::set<Declaration> believed(RandomLife& life, IntfId intf) {
-    std::set<Declaration> all;
-    const auto& sm = *life.bridge.agent().msrpSm();
-    for (const auto& [id, stream] : sm.streamList()) {
-        if (intf == stream->ingressIntf()) {
-            const ListenerState state = stream->listenerState(intf);
-            if (state != ListenerState::Ignore) all.insert({Msrp::typeListener, id, Msrp::number(state)});
-        } else if (sm.getTalkerState(*stream, intf) == TalkerState::Advertise) {
-            all.insert({Msrp::typeTalkerAdvertise, id, 0});
-        } else if (sm.getTalkerState(*stream, intf) == TalkerState::Failed) {
-            all.insert({Msrp::typeTalkerFailed, id, Msrp::number(stream->talkerFailureCode(intf))});
-        }
-    }
-    return all;
-}
-
-/// What the port's applicants declare.
-std::set<Declaration> applied(RandomLife& life, IntfId intf) {
-    std::set<Declaration> all;
-    life.bridge.agent().mrpSm()->eachAttribute(
-        intf, [&](const Mrp::AttributeRef& ref, const Mrp::Attribute& attribute) {
-            if (!Mrp::isMember(attribute.applicant)) return;
-            const auto type = static_cast<std::uint8_t>(ref.typeIndex + 1);
-            if (type == Msrp::typeDomain) return;
-            unsigned detail = 0;
-            if (type == Msrp::typeTalkerFailed)
-                detail = Msrp::number(Msrp::MsrpTalkerFailedAttribute{attribute.own().octets}.failureCode());
-            if (type == Msrp::typeListener) detail = attribute.own().declaration;
-            all.insert({type, ref.key, detail});
-        });
-    return all;
-}
-
 /// What the peer has registered.
-std::set<Declaration> heard(const MrpPeer& peer) {
-    std::set<Declaration> all;
+Declarations heard(const MrpPeer& peer) {
+    Declarations all;
     for (const auto& [name, text] : peer.registered()) {
         unsigned detail = 0;
         if (const auto code = text.find(" code "); name.first == Msrp::typeTalkerFailed)
@@ -131,32 +39,21 @@ std::set<Declaration> heard(const MrpPeer& peer) {
     return all;
 }
 
-/// What one side has and the other has not; empty when they agree.
-std::string difference(const std::set<Declaration>& have, const std::set<Declaration>& want) {
-    std::ostringstream out;
-    for (const Declaration& d : have) {
-        if (!want.contains(d)) out << " too much: " << d;
-    }
-    for (const Declaration& d : want) {
-        if (!have.contains(d)) out << " lacks: " << d;
-    }
-    return out.str();
-}
-
 void checkDeclarations(RandomLife& life) {
     for (const std::string& port : life.ports)
-        ASSERT_EQ(difference(applied(life, IntfId{port}), believed(life, IntfId{port})), "") << port;
+        ASSERT_EQ(difference(applied(life.bridge, IntfId{port}), believed(life.bridge, IntfId{port})), "")
+            << port;
 }
 
 void checkAll(RandomLife& life) {
-    ASSERT_NO_FATAL_FAILURE(checkForwarding(life));
+    ASSERT_EQ(forwardingFault(life.bridge), "");
     ASSERT_NO_FATAL_FAILURE(checkDeclarations(life));
 }
 
 /// Holds when nothing is on its way.
 void checkPeers(RandomLife& life) {
     for (std::size_t i = 0; i < life.ports.size(); ++i)
-        ASSERT_EQ(difference(heard(*life.peers[i]), believed(life, IntfId{life.ports[i]})), "")
+        ASSERT_EQ(difference(heard(*life.peers[i]), believed(life.bridge, IntfId{life.ports[i]})), "")
             << life.ports[i];
 }
 
