@@ -192,10 +192,15 @@ private:
     void queue(const AttributeRef& ref, Attribute& attribute, Runtime::Duration within);
     void requestOpportunity(Runtime::Duration within);
     void opportunity();
-    /// Sends at most `maxPdus`; true when anything was sent.
-    bool transmit(bool withLeaveAll, std::size_t maxPdus);
+    /// Sends at most `maxPdus` of what is queued; true when anything was sent.
+    bool transmit(std::size_t maxPdus);
     void takeBatch();
     [[nodiscard]] std::vector<Utterance> planBatch();
+    /// A LeaveAll: all registrations begin to run out at once, and then the applicants have their say, some
+    /// thousands in each piece.
+    void beginLeaveAll();
+    /// One piece; true when anything was sent.
+    bool continueLeaveAll();
     [[nodiscard]] std::vector<Utterance> planLeaveAll();
     void bridge(std::vector<Utterance>& plan, const AttributeRef& ref, Attributes::iterator at) const;
     /// Hands PDUs to the port; tells how many utterances of the plan they carry.
@@ -224,7 +229,10 @@ private:
     LeaveQueue leaves_;
     std::uint32_t leaveSequence_ = 0;
     LeaveAllState leaveAll_ = LeaveAllState::Passive;
-    MrpCounts counts_;  ///< since they were last published
+    std::optional<AttributeRef> leaveAllAt_;  ///< where the LeaveAll under way goes on
+    bool leaveAllHeaderDue_ = false;          ///< its first PDU is yet to be sent
+    std::size_t leaveAllPdus_ = 0;            ///< that it may still send
+    MrpCounts counts_;                        ///< since they were last published
 
     Runtime::Timer opportunityTimer_;
     Runtime::Timer leaveTimer_;

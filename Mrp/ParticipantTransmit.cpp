@@ -2,6 +2,7 @@
 #include "Mrp/Participant.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Mrp {
 
@@ -9,6 +10,8 @@ namespace {
 
 /// Values that may be sent to join two vectors into one: fewer octets than a vector header and a value.
 constexpr std::size_t longestBridge = 8;
+/// Attributes of one piece of a LeaveAll.
+constexpr std::size_t leaveAllPiece = 8192;
 
 /// What a transmission is on the wire.  An In or JoinIn tells the peer that its own declaration of the same
 /// value is registered here.
@@ -77,43 +80,72 @@ void Participant::requestOpportunity(Runtime::Duration within) {
 
 void Participant::opportunity() {
     const Runtime::Time now = env_.loop.now();
-    if (const Runtime::Time earliest = pace_.earliest(now, joinTime()); env_.pointToPoint && earliest > now) {
+    const bool goesOn = leaveAllAt_.has_value();
+    if (const Runtime::Time earliest = pace_.earliest(now, joinTime());
+        env_.pointToPoint && !goesOn && earliest > now) {
         return opportunityTimer_.armAt(earliest);
     }
     if (!env_.host.mayTransmit(intf_)) return opportunityTimer_.armAt(now);
-    const bool withLeaveAll = leaveAllEvent(LeaveAllEvent::tx);
-    if (transmit(withLeaveAll, env_.config.pdusPerOpportunity())) pace_.take(now);
-    if (!batch_.empty()) requestOpportunity(Runtime::Duration{0});
-    if (!pending_.empty()) requestOpportunity(joinTime() / 2);
+    if (!goesOn && leaveAllEvent(LeaveAllEvent::tx)) beginLeaveAll();
+    const bool sent = leaveAllAt_ ? continueLeaveAll() : transmit(env_.config.pdusPerOpportunity());
+    if (sent && !goesOn) pace_.take(now);
+    if (leaveAllAt_) {
+        opportunityTimer_.armAt(now);
+    } else {
+        if (!batch_.empty()) requestOpportunity(Runtime::Duration{0});
+        if (!pending_.empty()) requestOpportunity(joinTime() / 2);
+    }
     publish();
 }
 
 void Participant::flush() {
+    while (leaveAllAt_) continueLeaveAll();
     batch_.insert(batch_.end(), pending_.begin(), pending_.end());
     pending_.clear();
     std::sort(batch_.begin(), batch_.end());
-    transmit(false, SIZE_MAX);
+    transmit(SIZE_MAX);
     publish();
 }
 
-bool Participant::transmit(bool withLeaveAll, std::size_t maxPdus) {
-    if (!withLeaveAll) takeBatch();
-    const std::vector<Utterance> plan = withLeaveAll ? planLeaveAll() : planBatch();
+bool Participant::transmit(std::size_t maxPdus) {
+    takeBatch();
+    const std::vector<Utterance> plan = planBatch();
     env_.host.transmitted(plan.size());
     const std::uint64_t sentBefore = counts_.txPdus;
-    const std::size_t fit = sendPlan(plan, withLeaveAll, std::max<std::size_t>(maxPdus, 1));
-    std::size_t served = batch_.size();
-    for (std::size_t i = 0; i < plan.size(); ++i) {
-        if (i < fit || (withLeaveAll && !plan[i].event)) {
-            said(plan[i], withLeaveAll ? ApplicantEvent::txLA : ApplicantEvent::tx);
-        } else if (withLeaveAll) {
-            said(plan[i], ApplicantEvent::txLAF);
-        } else {
-            served = plan[i].batchIndex;
-            break;
+    const std::size_t fit = sendPlan(plan, false, std::max<std::size_t>(maxPdus, 1));
+    for (std::size_t i = 0; i < fit; ++i) said(plan[i], ApplicantEvent::tx);
+    const std::size_t served = fit < plan.size() ? plan[fit].batchIndex : batch_.size();
+    batch_.erase(batch_.begin(), batch_.begin() + static_cast<std::ptrdiff_t>(served));
+    return counts_.txPdus != sentBefore;
+}
+
+void Participant::beginLeaveAll() {
+    pending_.clear();
+    batch_.clear();
+    for (std::uint8_t i = 0; i < typeCount(); ++i) {
+        ++counts_.txEvents[static_cast<std::size_t>(Event::LeaveAll)];
+        for (auto& [key, attribute] : attributes_[i]) {
+            attribute.queued = false;
+            attribute.mtDue = false;
+            registrarEvent({i, key}, attribute, RegistrarEvent::rLv);
         }
     }
-    batch_.erase(batch_.begin(), batch_.begin() + static_cast<std::ptrdiff_t>(served));
+    leaveAllAt_ = AttributeRef{};
+    leaveAllHeaderDue_ = true;
+    leaveAllPdus_ = std::max<std::size_t>(env_.config.pdusPerOpportunity(), 1);
+}
+
+bool Participant::continueLeaveAll() {
+    const std::vector<Utterance> plan = planLeaveAll();
+    env_.host.transmitted(plan.size());
+    const std::uint64_t sentBefore = counts_.txPdus;
+    const bool header = std::exchange(leaveAllHeaderDue_, false);
+    const std::size_t fit = leaveAllPdus_ == 0 ? 0 : sendPlan(plan, header, leaveAllPdus_);
+    leaveAllPdus_ -= std::min<std::size_t>(leaveAllPdus_, counts_.txPdus - sentBefore);
+    for (std::size_t i = 0; i < plan.size(); ++i) {
+        const bool done = i < fit || !plan[i].event;
+        said(plan[i], done ? ApplicantEvent::txLA : ApplicantEvent::txLAF);
+    }
     return counts_.txPdus != sentBefore;
 }
 
@@ -161,19 +193,19 @@ void Participant::bridge(std::vector<Utterance>& plan, const AttributeRef& ref,
 }
 
 std::vector<Participant::Utterance> Participant::planLeaveAll() {
-    pending_.clear();
-    batch_.clear();
     std::vector<Utterance> plan;
-    for (std::uint8_t i = 0; i < typeCount(); ++i) {
-        ++counts_.txEvents[static_cast<std::size_t>(Event::LeaveAll)];
-        for (auto at = attributes_[i].begin(); at != attributes_[i].end(); ++at) {
-            Attribute& attribute = at->second;
-            const AttributeRef ref{i, at->first};
-            attribute.queued = false;
-            attribute.mtDue = false;
-            registrarEvent(ref, attribute, RegistrarEvent::rLv);
-            const ApplicantCell cell = step(applicantTable_, attribute.applicant, ApplicantEvent::txLA);
-            plan.push_back({Utterance::Why::transition, ref, at, eventOf(cell.send, attribute, false)});
+    AttributeRef next = *leaveAllAt_;
+    leaveAllAt_.reset();
+    for (; next.typeIndex < typeCount(); next = {static_cast<std::uint8_t>(next.typeIndex + 1), 0}) {
+        Attributes& attributes = attributes_[next.typeIndex];
+        for (auto at = attributes.lower_bound(next.key); at != attributes.end(); ++at) {
+            const AttributeRef ref{next.typeIndex, at->first};
+            if (plan.size() == leaveAllPiece) {
+                leaveAllAt_ = ref;
+                return plan;
+            }
+            const ApplicantCell cell = step(applicantTable_, at->second.applicant, ApplicantEvent::txLA);
+            plan.push_back({Utterance::Why::transition, ref, at, eventOf(cell.send, at->second, false)});
         }
     }
     return plan;
@@ -217,7 +249,8 @@ void Participant::said(const Utterance& utterance, ApplicantEvent why) {
         attribute.announced = true;
         attribute.tell();
     }
-    attribute.queued = false;
+    // A LeaveAll took everything off the queue when it began; what is there now came later.
+    if (why == ApplicantEvent::tx) attribute.queued = false;
     const Applicant before = attribute.applicant;
     applicantEvent(utterance.ref, attribute, why);
     // After a LeaveAll also what stays in its state: nothing else has been kept of the queue.

@@ -147,16 +147,30 @@ TEST(Transmission, OnePduPerOpportunityServesEveryAttributeInTurn) {
     for (const auto& [intf, pdu] : net.wire.frames) EXPECT_LE(pdu.size(), 1500U);
 }
 
-TEST(Transmission, ALeaveAllOfManyKeepsThemAll) {
+TEST(Transmission, ALeaveAllOfManyKeepsThemAllAndTakesInWhatHappensMeanwhile) {
+    constexpr std::uint64_t count = 20'000;  // done in pieces
     Pair net;
-    for (std::uint64_t key = 0; key < 3000; ++key) net.a.app.declare("a1", 1, key * 3, 1);
+    for (const auto& side : {&net.a, &net.b}) side->config->maxAttributesPerTypeIs(100'000);
+    for (std::uint64_t key = 1; key <= count; ++key) net.a.app.declare("a1", 1, key * 3, 1);
     net.loop.runFor(1s);
-    ASSERT_EQ(net.b.app.held.size(), 3000U);
-    net.b.app.take();
+    ASSERT_EQ(net.b.app.held.size(), count);
+    std::uint64_t round = 0;
     for (const auto& side : {&net.a, &net.b}) {
+        net.b.app.take();
+        ++round;
         side->app.periodicSm()->transmitAllLeaveAll(IntfId{side->ports[0]});
+        // Before and behind the place that has been reached.
+        Runtime::Timer during{net.loop, [&] {
+                                  net.a.app.withdraw("a1", 1, round * 3, 1);
+                                  net.a.app.withdraw("a1", 1, (count - round) * 3, 1);
+                                  net.a.app.declare("a1", 1, round * 3 + 1, 1);
+                                  net.a.app.declare("a1", 1, (count - round) * 3 + 1, 1);
+                              }};
+        during.armIn({});
         net.loop.runFor(2s);
-        EXPECT_EQ(net.b.app.take().find('-'), std::string::npos);
+        const std::string heard = net.b.app.take();
+        EXPECT_EQ(std::count(heard.begin(), heard.end(), '-'), 2);
+        EXPECT_EQ(net.b.app.held.size(), count);
     }
 }
 

@@ -127,7 +127,7 @@ class Flood(unittest.TestCase):
         bed = self.enterContext(Testbed(BUILD, ports=4))
         daemon = bed.daemon()
         bed.spawn("flood", bed.station_of("swp4"), "python3", "-c", FLOOD)
-        bed.wait(lambda: bed.read("show", "mrp")["swp4"]["rxPdus"] > 20000, 30, "no flood")
+        bed.wait(lambda: bed.received("swp4") > 20000, 30, "no flood")
         before = bed.received("swp4")
         begun = time.monotonic()
         bed.station("swp1", *(word for stream in STREAMS for word in ("--talk", talk(stream))))
@@ -141,7 +141,7 @@ class Flood(unittest.TestCase):
                           if line.startswith("VmRSS")))
         print(f"50 streams reserved {took:.2f} s after the stations' start, while {arrived / took:.0f} frames a second "
               f"come in elsewhere; the daemon has {memory // 1024} MiB")
-        self.assertLess(memory, 300 * 1024)
+        self.assertLess(memory, 1024 * 1024, "with room for the sanitizers' own")
         reports = [line for line in bed.said("msrpd.log").splitlines() if "MRPDUs are dropped" in line]
         self.assertLessEqual(len(reports), 3, "at most one in ten seconds")
 
