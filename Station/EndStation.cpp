@@ -43,6 +43,14 @@ bool keep(std::map<Key, E>& all, Key key, const E& event) {
     return true;
 }
 
+/// A bridge tells a station of the streams of all its ports together, which may be many times what each of
+/// these may have.
+std::shared_ptr<const Mrp::MrpConfig> roomyConfig() {
+    auto config = std::make_shared<Mrp::MrpConfig>();
+    config->maxAttributesPerTypeIs(200'000);
+    return config;
+}
+
 }  // namespace
 
 EndStation::EndStation(IntfId intf, Environment environment)
@@ -52,7 +60,7 @@ EndStation::EndStation(IntfId intf, Environment environment)
       domains_{{SrClassId::SrClassA, {.priority = 3}}, {SrClassId::SrClassB, {.priority = 2}}},
       engine_{Mrp::Inputs{.brConfig = nullptr,
                           .application = *this,
-                          .mrpConfig = nullptr,
+                          .mrpConfig = roomyConfig(),
                           .mrpStatus = nullptr,
                           .attributes = nullptr,
                           .stpStatus = nullptr,
