@@ -45,7 +45,12 @@ public:
         mrpInterfaceEnable(intf_);
     }
     void hear(const std::vector<Sim::Pdu>& pdus) {
-        for (const Sim::Pdu& pdu : pdus) sink_.receivers.at(intf_)(pdu);
+        // As they come from a socket: some, and then the loop has its turn.
+        constexpr std::size_t framesAtOnce = 16;
+        for (std::size_t i = 0; i < pdus.size(); ++i) {
+            sink_.receivers.at(intf_)(pdus[i]);
+            if (i % framesAtOnce == framesAtOnce - 1) loop.settle();
+        }
         loop.settle();
     }
     void declare(std::uint8_t type, std::size_t count, Spacing spacing) {
