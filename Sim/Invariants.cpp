@@ -23,7 +23,7 @@ std::string streamFault(const Bridge& bridge, const Msrp::MsrpSm& sm, const Msrp
                         Admitted& admitted) {
     const std::string id = State::hexText(stream.streamId());
     const IntfId ingress = stream.ingressIntf();
-    const auto group = stream.ethGroup();
+    const auto& group = stream.ethGroup();
     if (!group) {
         const bool sound = ingress && sm.getTalkerState(stream, ingress) == TalkerState::Advertise &&
                            stream.talkerFailureCode(ingress) == Msrp::TalkerFailureCode::noFailure;
