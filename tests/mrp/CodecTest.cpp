@@ -96,33 +96,3 @@ TEST(Codec, MalformedPartsAreLeftOutAndTheRestIsKept) {
         EXPECT_EQ(text(octets(input)), c.says) << c.what;
     }
 }
-
-TEST(Codec, FramesOfAnyOctetsKeepTheEngineAliveAndBounded) {
-    const std::uint64_t seed = 20240607;
-    std::cout << "seed " << seed << '\n';
-    std::mt19937_64 random{seed};
-    Pair net;
-    net.a.config->maxAttributesPerTypeIs(200);
-    for (std::uint64_t key = 0; key < 20; ++key)
-        net.a.app.declare("a2", static_cast<std::uint8_t>(1 + key % 3), 4822678189178880 + key);
-    for (int i = 0; i < 10'000; ++i) {
-        auto pdu = octets(goldenPdus[random() % std::size(goldenPdus)].octets);
-        if (i % 4 == 0) pdu.resize(random() % 1600);
-        if (i % 8 == 0) std::ranges::generate(pdu, [&] { return static_cast<std::uint8_t>(random()); });
-        for (auto mutations = random() % 4; mutations > 0 && !pdu.empty(); --mutations) {
-            pdu[random() % pdu.size()] = static_cast<std::uint8_t>(random());
-        }
-        net.wire.deliver("a2", pdu);
-        net.loop.runFor(std::chrono::microseconds{random() % 10'000});
-        ASSERT_LE(net.a.app.held.size(), 4U * 200U);
-    }
-    const auto status = net.a.status->intf(IntfId{"a2"});
-    EXPECT_EQ(status->rxPdus(), 10'000U);
-    for (const auto& reason : Mrp::malformedNames)
-        EXPECT_GT(status->malformed(reason.value), 0U) << reason.name;
-    EXPECT_LE(net.a.reports.size(), 10U * Mrp::malformedKinds);  // 50 s, one line in 10 s for each reason
-    EXPECT_NE(net.a.reports.front().find("a2: malformed MRPDU: "), std::string::npos)
-        << net.a.reports.front();
-    net.loop.runFor(60s);
-    EXPECT_TRUE(net.a.app.held.empty());
-}

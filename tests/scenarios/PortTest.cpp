@@ -1,7 +1,6 @@
 /// Ports come, go and change: domains, links, spanning tree, speeds, configuration.
 #include "tests/scenarios/Scenario.h"
 
-#include <random>
 
 namespace Sim {
 namespace {
@@ -329,25 +328,6 @@ TEST_F(ReservedStream, AnEndedProcessWithdrawsWhatItDeclared) {
     EXPECT_EQ(p2.registered(), "");
     EXPECT_EQ(bridge.groups(), "");
     EXPECT_EQ(bridge.groupConfig->fdbConfigPriority(), 0U);
-}
-
-TEST_F(ReservedStream, OneFloodedPortCostsTheOthersNothing) {
-    std::mt19937 random{42};
-    for (int i = 0; i < 10'000; ++i) {
-        Pdu pdu(random() % 120);
-        for (auto& octet : pdu) octet = static_cast<std::uint8_t>(random());
-        if (!pdu.empty() && i % 2 == 0) pdu[0] = 0;
-        if (pdu.size() > 4 && i % 4 == 0) {
-            pdu[1] = static_cast<std::uint8_t>(1 + i % 5);
-            pdu[2] = std::array<std::uint8_t, 4>{25, 34, 8, 4}[static_cast<std::size_t>(i / 4) % 4];
-            pdu[3] = 0;
-        }
-        p3.sendRaw(pdu);
-        if (i % 100 == 0) loop.runFor(10ms);
-    }
-    settle();
-    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
-    EXPECT_NE(p1.registered().find("Listener 0x1 Ready\n"), std::string::npos);
 }
 
 }  // namespace
