@@ -30,13 +30,12 @@ Speed namedSpeed(std::uint32_t megabitsPerSecond) {
                                                                             {1'000, Speed::speed1Gbps},
                                                                             {100, Speed::speed100Mbps},
                                                                             {10, Speed::speed10Mbps}});
-    if (megabitsPerSecond == static_cast<std::uint32_t>(SPEED_UNKNOWN)) return Speed::speedUnknown;
     const auto* step =
         std::ranges::find_if(ladder, [=](const auto& s) { return s.first <= megabitsPerSecond; });
     return step != ladder.end() ? step->second : Speed::speedUnknown;
 }
 
-Speed kernelSpeed(const std::string& interface) {
+LinkMode linkMode(const std::string& name) {
     const FileDescriptor fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     // The settings are followed by three sets of link modes, whose size in words the first call tells.
     constexpr std::size_t maxWords = 127;
@@ -46,15 +45,16 @@ Speed kernelSpeed(const std::string& interface) {
     auto* settings = new (answer.data()) ethtool_link_settings{};
     settings->cmd = ETHTOOL_GLINKSETTINGS;
     ifreq request{};
-    std::copy_n(interface.begin(), std::min(interface.size(), sizeof request.ifr_name - 1), request.ifr_name);
+    std::copy_n(name.begin(), std::min(name.size(), sizeof request.ifr_name - 1), request.ifr_name);
     request.ifr_data = reinterpret_cast<char*>(answer.data());
     if (ioctl(fd.get(), SIOCETHTOOL, &request) != 0 || settings->link_mode_masks_nwords >= 0) {
-        return Speed::speedUnknown;
+        return {};
     }
     settings->cmd = ETHTOOL_GLINKSETTINGS;
     settings->link_mode_masks_nwords = static_cast<std::int8_t>(-settings->link_mode_masks_nwords);
-    if (ioctl(fd.get(), SIOCETHTOOL, &request) != 0) return Speed::speedUnknown;
-    return settings->duplex == DUPLEX_HALF ? Speed::speedUnknown : namedSpeed(settings->speed);
+    if (ioctl(fd.get(), SIOCETHTOOL, &request) != 0) return {};
+    const bool unknown = settings->speed == static_cast<std::uint32_t>(SPEED_UNKNOWN);
+    return {unknown ? 0 : settings->speed, settings->duplex == DUPLEX_HALF};
 }
 
 }  // namespace Linux

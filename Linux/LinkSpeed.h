@@ -1,6 +1,7 @@
 /// The speed of a link as the kernel reports it.
 #pragma once
 
+#include "Linux/Device.h"
 #include "Switch/Interface.h"
 
 #include <cstdint>
@@ -9,11 +10,10 @@
 namespace Linux {
 
 /// The named speed that a link of so many Mbit/s can keep: the highest that is not above it.  Unknown below
-/// 10 Mbit/s and for the kernel's "unknown" (all ones).
+/// 10 Mbit/s and for 0, which is unknown.
 Interface::Speed namedSpeed(std::uint32_t megabitsPerSecond);
 
-/// Asks the kernel.  Unknown when it does not know, and for a half-duplex link: on one of those nobody can
-/// promise a stream its share.
-Interface::Speed kernelSpeed(const std::string& interface);
+/// How the device of that name runs; nothing known where the kernel does not say.
+LinkMode linkMode(const std::string& name);
 
 }  // namespace Linux

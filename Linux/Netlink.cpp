@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <optional>
+#include <cstring>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -22,6 +22,8 @@ constexpr std::size_t bufferSize = 64 << 10;
 constexpr int noticesPerTurn = 64;
 /// A table that changes faster than this many dumps is left until its next notification.
 constexpr int dumpAttempts = 5;
+/// Requests that are sent at once; their answers must fit into the socket.
+constexpr std::size_t requestsPerDatagram = 128;
 
 std::string failed(std::string_view what, int error) {
     return Runtime::concat(what, ": ", std::generic_category().message(error));
@@ -69,17 +71,32 @@ std::string_view explanation(const nlmsghdr& message, std::size_t offset) {
     return text;
 }
 
+/// The error that a DONE or ERROR message carries.
+NetlinkAnswer verdict(const nlmsghdr& message) {
+    int error = 0;
+    if (mnl_nlmsg_get_payload_len(&message) >= sizeof error)
+        std::memcpy(&error, mnl_nlmsg_get_payload(&message), sizeof error);
+    const std::size_t fixedPart = message.nlmsg_type == NLMSG_DONE ? sizeof(int) : sizeof(nlmsgerr);
+    return {error < 0 ? -error : 0, std::string{explanation(message, fixedPart)}};
+}
+
 }  // namespace
+
+std::string NetlinkAnswer::problem() const {
+    if (error == 0) return {};
+    std::string problem = std::generic_category().message(error);
+    if (!text.empty()) problem += Runtime::concat(" (", text, ')');
+    return problem;
+}
 
 DumpReader::State DumpReader::read(std::span<const std::byte> datagram, const NetlinkHandler& each) {
     State state = State::more;
     eachMessage(datagram, [&](const nlmsghdr& message) {
         if (message.nlmsg_seq != sequence_) return true;
         if ((message.nlmsg_flags & NLM_F_DUMP_INTR) != 0) interrupted_ = true;
-        if (message.nlmsg_type == NLMSG_DONE) {
-            state = end(message, sizeof(int));
-        } else if (message.nlmsg_type == NLMSG_ERROR) {
-            state = end(message, sizeof(nlmsgerr));
+        if (message.nlmsg_type == NLMSG_DONE || message.nlmsg_type == NLMSG_ERROR) {
+            // A dump may also be refused at its end.
+            state = end(verdict(message));
         } else if (message.nlmsg_type >= NLMSG_MIN_TYPE && !interrupted_) {
             each(message);
         }
@@ -88,24 +105,20 @@ DumpReader::State DumpReader::read(std::span<const std::byte> datagram, const Ne
     return state;
 }
 
-DumpReader::State DumpReader::end(const nlmsghdr& message, std::size_t textOffset) {
-    // DONE and ERROR both begin with an error number: a dump may also be refused at its end.
-    int error = 0;
-    if (mnl_nlmsg_get_payload_len(&message) >= sizeof error) {
-        const auto* payload = static_cast<const std::byte*>(mnl_nlmsg_get_payload(&message));
-        std::copy_n(payload, sizeof error, reinterpret_cast<std::byte*>(&error));
-    }
-    if (error < 0) {
-        const std::string_view text = explanation(message, textOffset);
-        problem_ = std::generic_category().message(-error);
-        if (!text.empty()) problem_ += Runtime::concat(" (", text, ')');
+DumpReader::State DumpReader::end(NetlinkAnswer answer) {
+    if (!answer) {
+        answer_ = std::move(answer);
         return State::refused;
     }
     return interrupted_ ? State::interrupted : State::complete;
 }
 
-std::string NetlinkRequests::open() {
-    fd_ = FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)};
+NetlinkAnswer NetlinkChannel::carryOut(NetlinkMessage request) {
+    return carryOut(std::span{&request, 1}).front();
+}
+
+std::string NetlinkRequests::open(int family) {
+    fd_ = FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, family)};
     if (!fd_) return failed("cannot open a netlink socket", errno);
     // Short errors (the request not repeated in them) with explanations.
     for (const int option : {NETLINK_CAP_ACK, NETLINK_EXT_ACK}) {
@@ -115,31 +128,31 @@ std::string NetlinkRequests::open() {
     // The kernel answers at once; the limit only keeps a surprise from holding the loop for ever.
     const timeval limit{2, 0};
     setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    // Answers of a whole batch wait here, each with the kernel's own overhead.
+    const int answers = 1 << 20;
+    setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &answers, sizeof answers);
     buffer_.resize(bufferSize);
     return {};
 }
 
-std::string NetlinkRequests::dump(std::uint16_t request, std::span<const std::byte> body,
-                                  const std::function<void()>& begin, const NetlinkHandler& each) {
-    std::vector<std::byte> message(sizeof(nlmsghdr) + body.size());
-    auto* header = reinterpret_cast<nlmsghdr*>(message.data());
-    header->nlmsg_len = static_cast<std::uint32_t>(message.size());
-    header->nlmsg_type = request;
-    header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    std::ranges::copy(body, message.begin() + sizeof(nlmsghdr));
-    std::string problem;
+NetlinkAnswer NetlinkRequests::dump(std::uint16_t request, std::span<const std::byte> body,
+                                    const std::function<void()>& begin, const NetlinkHandler& each) {
+    NetlinkMessage message{request, NLM_F_REQUEST | NLM_F_DUMP};
+    message.raw(body);
+    NetlinkAnswer answer;
     for (int attempt = 0; attempt < dumpAttempts; ++attempt) {
-        header->nlmsg_seq = ++sequence_;
+        message.sequenceIs(++sequence_);
         begin();
-        if (dumpOnce(message, sequence_, each, problem) != DumpReader::State::interrupted) return problem;
+        if (dumpOnce(message.bytes(), sequence_, each, answer) != DumpReader::State::interrupted)
+            return answer;
     }
-    return "the kernel's table changes too fast to be read";
+    return {EINTR, "the kernel's table changes too fast to be read"};
 }
 
 DumpReader::State NetlinkRequests::dumpOnce(std::span<const std::byte> request, std::uint32_t sequence,
-                                            const NetlinkHandler& each, std::string& problem) {
+                                            const NetlinkHandler& each, NetlinkAnswer& answer) {
     if (send(fd_.get(), request.data(), request.size(), 0) < 0) {
-        problem = failed("cannot ask the kernel", errno);
+        answer = {errno, "cannot ask the kernel"};
         return DumpReader::State::refused;
     }
     DumpReader reader{sequence};
@@ -148,20 +161,75 @@ DumpReader::State NetlinkRequests::dumpOnce(std::span<const std::byte> request, 
         const Datagram datagram = receive(fd_, buffer_, 0);
         if (datagram.error == EINTR) continue;
         if (datagram.error != 0) {
-            problem = failed("no answer from the kernel", datagram.error);
+            answer = {datagram.error, "no answer from the kernel"};
             return DumpReader::State::refused;
         }
         state = reader.read(datagram.bytes, each);
     }
-    problem = reader.problem();
+    answer = reader.answer();
     return state;
+}
+
+std::vector<NetlinkAnswer> NetlinkRequests::carryOut(std::span<NetlinkMessage> requests) {
+    std::vector<NetlinkAnswer> answers(requests.size());
+    std::vector<std::byte> datagram;
+    for (std::size_t done = 0; done < requests.size();) {
+        const std::uint32_t first = sequence_ + 1;
+        std::size_t count = 0;
+        datagram.clear();
+        for (; done + count < requests.size() && count < requestsPerDatagram; ++count) {
+            NetlinkMessage& request = requests[done + count];
+            if (count > 0 && datagram.size() + request.bytes().size() > bufferSize / 2) break;
+            request.sequenceIs(++sequence_);
+            datagram.insert(datagram.end(), request.bytes().begin(), request.bytes().end());
+        }
+        exchange(datagram, first, std::span{answers}.subspan(done, count), {});
+        done += count;
+    }
+    return answers;
+}
+
+NetlinkAnswer NetlinkRequests::ask(NetlinkMessage request, const NetlinkHandler& each) {
+    request.sequenceIs(++sequence_);
+    NetlinkAnswer answer;
+    exchange(request.bytes(), sequence_, std::span{&answer, 1}, each);
+    return answer;
+}
+
+void NetlinkRequests::exchange(std::span<const std::byte> datagram, std::uint32_t first,
+                               std::span<NetlinkAnswer> answers, const NetlinkHandler& each) {
+    if (send(fd_.get(), datagram.data(), datagram.size(), 0) < 0) {
+        std::ranges::fill(answers, NetlinkAnswer{errno, "cannot ask the kernel"});
+        return;
+    }
+    // Answers come in the order of the requests; those of a request that was given up earlier are passed
+    // over.
+    for (std::size_t answered = 0; answered < answers.size();) {
+        const Datagram received = receive(fd_, buffer_, 0);
+        if (received.error == EINTR) continue;
+        if (received.error != 0) {
+            std::ranges::fill(answers.subspan(answered),
+                              NetlinkAnswer{received.error, "no answer from the kernel"});
+            return;
+        }
+        eachMessage(received.bytes, [&](const nlmsghdr& message) {
+            if (message.nlmsg_seq - first >= answers.size()) return true;
+            if (message.nlmsg_type == NLMSG_ERROR) {
+                answers[message.nlmsg_seq - first] = verdict(message);
+                ++answered;
+            } else if (message.nlmsg_type >= NLMSG_MIN_TYPE && each) {
+                each(message);
+            }
+            return true;
+        });
+    }
 }
 
 NetlinkNotices::NetlinkNotices(Runtime::FdLoop& loop, NetlinkHandler each, std::function<void()> lost)
     : loop_{loop}, each_{std::move(each)}, lost_{std::move(lost)} {}
 
-std::string NetlinkNotices::open(std::initializer_list<unsigned> groups, int bufferBytes) {
-    fd_ = FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)};
+std::string NetlinkNotices::open(std::initializer_list<unsigned> groups, int bufferBytes, int family) {
+    fd_ = FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family)};
     if (!fd_) return failed("cannot open a netlink socket", errno);
     if (setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &bufferBytes, sizeof bufferBytes) != 0) {
         setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &bufferBytes, sizeof bufferBytes);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "Linux/FileDescriptor.h"
+#include "Linux/NetlinkMessage.h"
 #include "Runtime/Loop.h"
 
 #include <cstddef>
@@ -20,6 +21,18 @@ namespace Linux {
 
 using NetlinkHandler = std::function<void(const nlmsghdr& message)>;
 
+/// How the kernel answered a request.
+struct NetlinkAnswer {
+    int error = 0;     ///< 0: carried out; else a number of errno
+    std::string text;  ///< the kernel's own words, where it has any; also a warning that comes with success
+
+    /// Whether it was carried out.
+    explicit operator bool() const { return error == 0; }
+    /// "Invalid argument (Bridge device is not running)", or nothing.
+    [[nodiscard]] std::string problem() const;
+    bool operator==(const NetlinkAnswer&) const = default;
+};
+
 /// Reads the answer of one dump, datagram by datagram.
 class DumpReader {
 public:
@@ -34,33 +47,56 @@ public:
 
     /// Hands the entries in `datagram` to `each`.
     State read(std::span<const std::byte> datagram, const NetlinkHandler& each);
-    /// Why the kernel refused, in its own words where it has any.
-    [[nodiscard]] const std::string& problem() const { return problem_; }
+    /// Why the kernel refused.
+    [[nodiscard]] const NetlinkAnswer& answer() const { return answer_; }
 
 private:
-    State end(const nlmsghdr& message, std::size_t textOffset);
+    State end(NetlinkAnswer answer);
 
     std::uint32_t sequence_;
     bool interrupted_ = false;
-    std::string problem_;
+    NetlinkAnswer answer_;
 };
 
-/// The socket for requests.
-class NetlinkRequests {
+/// What is asked of the kernel; a test has one of its own that answers from a script.
+class NetlinkChannel {
 public:
-    /// Empty on success.
-    std::string open();
+    virtual ~NetlinkChannel() = default;
 
     /// Asks for everything of one kind: `request` is a message's type and `body` what follows its header.
     /// `each` gets every entry; `begin` is called before the first one, and again when the dump has to be
-    /// repeated: forget what came until then.  Waits for the kernel, which answers at once.  Empty on
-    /// success.
-    std::string dump(std::uint16_t request, std::span<const std::byte> body,
-                     const std::function<void()>& begin, const NetlinkHandler& each);
+    /// repeated: forget what came until then.  Waits for the kernel, which answers at once.  On an error what
+    /// came is not the whole: use none of it.
+    [[nodiscard]] virtual NetlinkAnswer dump(std::uint16_t request, std::span<const std::byte> body,
+                                             const std::function<void()>& begin,
+                                             const NetlinkHandler& each) = 0;
+    /// Has the requests carried out in their order, each for itself: one that fails does not keep the next
+    /// from being tried.  They need NLM_F_ACK.  As many answers as requests.
+    [[nodiscard]] virtual std::vector<NetlinkAnswer> carryOut(std::span<NetlinkMessage> requests) = 0;
+    [[nodiscard]] NetlinkAnswer carryOut(NetlinkMessage request);
+    /// A request that is answered by messages (and confirmed behind them: NLM_F_ACK); `each` gets them.
+    [[nodiscard]] virtual NetlinkAnswer ask(NetlinkMessage request, const NetlinkHandler& each) = 0;
+};
+
+/// The socket for requests.
+class NetlinkRequests final : public NetlinkChannel {
+public:
+    /// `family` is NETLINK_ROUTE or NETLINK_GENERIC.  Empty on success.
+    std::string open(int family = NETLINK_ROUTE);
+
+    NetlinkAnswer dump(std::uint16_t request, std::span<const std::byte> body,
+                       const std::function<void()>& begin, const NetlinkHandler& each) override;
+    std::vector<NetlinkAnswer> carryOut(std::span<NetlinkMessage> requests) override;
+    using NetlinkChannel::carryOut;
+    NetlinkAnswer ask(NetlinkMessage request, const NetlinkHandler& each) override;
 
 private:
     DumpReader::State dumpOnce(std::span<const std::byte> request, std::uint32_t sequence,
-                               const NetlinkHandler& each, std::string& problem);
+                               const NetlinkHandler& each, NetlinkAnswer& answer);
+    /// Sends what `datagram` holds and hears until the answers of all its `answers`, whose first sequence
+    /// number is `first`, are there.
+    void exchange(std::span<const std::byte> datagram, std::uint32_t first, std::span<NetlinkAnswer> answers,
+                  const NetlinkHandler& each);
 
     FileDescriptor fd_;
     std::vector<std::byte> buffer_;
@@ -74,8 +110,9 @@ public:
     /// anew.
     NetlinkNotices(Runtime::FdLoop& loop, NetlinkHandler each, std::function<void()> lost);
 
-    /// Joins groups by their numbers (RTNLGRP_...).  `bufferBytes` is what may queue up.  Empty on success.
-    std::string open(std::initializer_list<unsigned> groups, int bufferBytes);
+    /// Joins groups by their numbers (RTNLGRP_...).  `bufferBytes` is what may queue up; `family` as for
+    /// requests. Empty on success.
+    std::string open(std::initializer_list<unsigned> groups, int bufferBytes, int family = NETLINK_ROUTE);
     /// Throws away what is queued, to be called before everything is read anew: old news would undo the new.
     void discard();
 

@@ -107,10 +107,11 @@ void runAgent() {
     const auto bridging = database.entityIs<Bridging::Config>("bridging/config");
     const auto status = database.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     Linux::PacketPorts ports{loop};
+    Linux::DeviceTable devices{loop};
     Linux::LinkAgent links{
-        loop, status, database.entityIs<Interface::EthIntfStatusDir>("interface/status/eth/intf"),
+        devices, status, database.entityIs<Interface::EthIntfStatusDir>("interface/status/eth/intf"),
         [&ports](IntfId intf, unsigned ifindex, EthAddr mac) { ports.interfaceIs(intf, ifindex, mac); }};
-    if (!links.start().empty()) return;
+    if (!devices.start().empty()) return;
     bridging->bridgeMacIs(EthAddr::fromNumber(0x02'00'00'00'00'01));
     for (const char* cable : {agentIn, agentOut}) {
         const IntfId intf{nearEnd(cable)};

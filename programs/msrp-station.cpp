@@ -87,7 +87,7 @@ public:
 
     int run() {
         std::string problem = Linux::packetSocketProblem();
-        if (problem.empty()) problem = links_.start();
+        if (problem.empty()) problem = devices_.start();
         if (!problem.empty()) return fail(problem, cannotRun);
         const IntfId intf{options_.interface};
         links_.followIs(intf);
@@ -134,10 +134,10 @@ private:
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_ =
         std::make_shared<Interface::AllEthPhyIntfStatusDir>();
     Linux::PacketPorts ports_{loop_, {}, complain};
-    Linux::LinkAgent links_{
-        loop_, status_, nullptr,
-        [this](IntfId intf, unsigned ifindex, EthAddr mac) { ports_.interfaceIs(intf, ifindex, mac); },
-        complain};
+    Linux::DeviceTable devices_{loop_, complain};
+    Linux::LinkAgent links_{devices_, status_, nullptr, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
+                                ports_.interfaceIs(intf, ifindex, mac);
+                            }};
 };
 
 int run(int argc, char** argv) {

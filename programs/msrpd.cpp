@@ -83,7 +83,7 @@ public:
         if (const std::string problem = loadConfig(); !problem.empty()) return fail(problem, usage);
         std::string problem = Linux::packetSocketProblem();
         if (problem.empty()) problem = server_.start(options_.socket);
-        if (problem.empty()) problem = links_.start();
+        if (problem.empty()) problem = devices_.start();
         if (!problem.empty()) return fail(problem, cannotRun);
 
         given_->intfStatus().each([this](IntfId intf, const GivenSpeed& given) {
@@ -203,10 +203,10 @@ private:
         record<Interface::AllEthPhyIntfStatusDir>(linksPath);
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =
         record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
-    Linux::LinkAgent links_{
-        loop_, status_, names_,
-        [this](IntfId intf, unsigned ifindex, EthAddr mac) { ports_.interfaceIs(intf, ifindex, mac); },
-        [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    Linux::DeviceTable devices_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
+                                ports_.interfaceIs(intf, ifindex, mac);
+                            }};
 };
 
 int run(int argc, char** argv) {

@@ -36,7 +36,7 @@ protected:
         PortsTest::SetUp();
         if (IsSkipped()) return;
         ASSERT_EQ(Linux::packetSocketProblem(), "");
-        ASSERT_EQ(links.start(), "");
+        ASSERT_EQ(devices.start(), "");
         links.followIs(a);
         links.followIs(b);
     }
@@ -63,7 +63,8 @@ protected:
     Linux::PacketPorts ports{loop, {}, [this](const std::string& line) { complaints.push_back(line); }};
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status =
         std::make_shared<Interface::AllEthPhyIntfStatusDir>();
-    Linux::LinkAgent links{loop, status, nullptr, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
+    Linux::DeviceTable devices{loop};
+    Linux::LinkAgent links{devices, status, nullptr, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
                                places[intf] = ifindex;
                                ports.interfaceIs(intf, ifindex, mac);
                            }};

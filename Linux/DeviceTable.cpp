@@ -1,0 +1,139 @@
+#include "Linux/DeviceTable.h"
+
+#include "Linux/EthtoolFamily.h"
+#include "Linux/LinkSpeed.h"
+#include "Runtime/Text.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <chrono>
+#include <linux/rtnetlink.h>
+#include <set>
+#include <utility>
+
+namespace Linux {
+
+namespace {
+
+constexpr std::chrono::seconds secondLook{1};
+constexpr int speedQueueBytes = 256 << 10;
+
+/// "Every device, and spare us the statistics."
+struct LinkDumpRequest {
+    ifinfomsg info{};
+    nlattr maskHeader{sizeof(nlattr) + sizeof(std::uint32_t), IFLA_EXT_MASK};
+    std::uint32_t mask = RTEXT_FILTER_SKIP_STATS;
+};
+
+}  // namespace
+
+DeviceTable::DeviceTable(Runtime::FdLoop& loop, Complaint complaint)
+    : complaint_{std::move(complaint)},
+      notices_{loop, [this](const nlmsghdr& message) { notice(message); }, [this] { readAll(); }},
+      speedNotices_{loop, [this](const nlmsghdr& message) { speedNotice(message); }, [this] { readAll(); }},
+      again_{loop, [this] {
+                 readingAgain_ = true;
+                 readAll();
+                 readingAgain_ = false;
+             }} {}
+
+std::string DeviceTable::start(int queueBytes) {
+    std::string problem = requests_.open();
+    // Followed before it is read, so that nothing falls between.
+    if (problem.empty()) problem = notices_.open({RTNLGRP_LINK}, queueBytes);
+    if (!problem.empty()) return problem;
+    if (const std::string why = followSpeeds(); !why.empty() && complaint_) {
+        complaint_(Runtime::concat("a speed that changes while its link is up is not noticed: ", why));
+    }
+    readAll();
+    return {};
+}
+
+std::string DeviceTable::followSpeeds() {
+    NetlinkRequests generic;
+    if (std::string problem = generic.open(NETLINK_GENERIC); !problem.empty()) return problem;
+    EthtoolFamily family;
+    if (const NetlinkAnswer answer = family.resolve(generic); !answer) return answer.problem();
+    return speedNotices_.open({family.monitorGroup()}, speedQueueBytes, NETLINK_GENERIC);
+}
+
+void DeviceTable::readAll() {
+    notices_.discard();
+    const auto request = std::bit_cast<std::array<std::byte, sizeof(LinkDumpRequest)>>(LinkDumpRequest{});
+    std::map<unsigned, LinkMessage> seen;
+    const NetlinkAnswer answer = requests_.dump(
+        RTM_GETLINK, request, [&] { seen.clear(); },
+        [&](const nlmsghdr& message) {
+            if (const auto link = decodeLink(message); link && !link->portOnly)
+                seen.insert_or_assign(link->device.ifindex, *link);
+        });
+    if (!answer) {
+        if (complaint_) complaint_(Runtime::concat("cannot read the interfaces: ", answer.problem()));
+        again_.armIn(secondLook);
+        return;
+    }
+    // What is gone goes first: its name may have a new bearer.
+    std::set<unsigned> before;
+    for (const auto& [ifindex, device] : devices_) before.insert(ifindex);
+    for (const unsigned ifindex : before) {
+        if (!seen.contains(ifindex)) put(ifindex, nullptr);
+    }
+    for (const auto& [ifindex, link] : seen) take(link);
+}
+
+void DeviceTable::notice(const nlmsghdr& message) {
+    if (const auto link = decodeLink(message)) take(*link);
+}
+
+void DeviceTable::speedNotice(const nlmsghdr& message) {
+    if (const Device* held = find(EthtoolFamily::changedDevice(message)); held != nullptr) {
+        Device now = *held;
+        now.mode = now.operational ? linkMode(now.name) : LinkMode{};
+        put(now.ifindex, &now);
+    }
+}
+
+void DeviceTable::take(const LinkMessage& message) {
+    if (message.gone) return put(message.device.ifindex, nullptr);
+    Device now = message.device;
+    if (message.portOnly) {
+        const Device* held = find(now.ifindex);
+        if (held == nullptr) return;  // its own message is yet to come
+        now = *held;
+        now.bridge = message.device.bridge;
+        now.portState = message.device.portState;
+    } else if (now.operational) {
+        now.mode = linkMode(now.name);
+        if (now.mode.megabitsPerSecond == 0 && !readingAgain_) again_.armIn(secondLook);
+    }
+    if (now.bridge == 0) now.portState = BridgePortState::disabled;
+    put(now.ifindex, &now);
+}
+
+void DeviceTable::put(unsigned ifindex, const Device* now) {
+    const auto held = devices_.find(ifindex);
+    if (held == devices_.end() && now == nullptr) return;
+    std::optional<Device> before;
+    if (held != devices_.end()) before = held->second;
+    if (before && now != nullptr && *before == *now) return;
+    if (now == nullptr) {
+        devices_.erase(ifindex);
+    } else {
+        devices_.insert_or_assign(ifindex, *now);
+    }
+    const std::optional<Device> after = now != nullptr ? std::optional{*now} : std::nullopt;
+    for (const Watcher& watcher : watchers_) watcher(before ? &*before : nullptr, after ? &*after : nullptr);
+}
+
+const Device* DeviceTable::find(unsigned ifindex) const {
+    const auto held = devices_.find(ifindex);
+    return held != devices_.end() ? &held->second : nullptr;
+}
+
+const Device* DeviceTable::find(std::string_view name) const {
+    const auto held = std::ranges::find_if(devices_, [&](const auto& d) { return d.second.name == name; });
+    return held != devices_.end() ? &held->second : nullptr;
+}
+
+}  // namespace Linux
