@@ -1,0 +1,3 @@
+#include "Linux/Config.h"
+
+template class State::Record<Linux::Config>;

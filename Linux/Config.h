@@ -1,0 +1,78 @@
+/// "linux/config": which bridge of this machine is the switch, and what may be done to it.  Read at start; a
+/// change needs a restart.
+#pragma once
+
+#include "State/Record.h"
+#include "Switch/Ranged.h"
+
+#include <array>
+#include <string>
+#include <string_view>
+
+namespace Linux {
+
+/// How a port's queues give the SR classes their bandwidth.
+enum class Shaping : std::uint8_t {
+    automatic,  ///< the best that the port can: credits in hardware, in software, token buckets, none
+    hardware,   ///< credits, in hardware or not at all
+    software,   ///< credits, without asking the hardware
+    htb,        ///< token buckets
+    none,       ///< the queues are left alone
+};
+constexpr auto shapingNames = std::to_array<State::EnumName<Shaping>>({{Shaping::automatic, "automatic"},
+                                                                       {Shaping::hardware, "hardware"},
+                                                                       {Shaping::software, "software"},
+                                                                       {Shaping::htb, "htb"},
+                                                                       {Shaping::none, "none"}});
+constexpr const auto& enumNames(Shaping) { return shapingNames; }
+
+class Config : public State::Record<Config> {
+public:
+    static constexpr std::string_view type = "Linux::Config";
+
+    /// Name of the bridge; empty: none, and the bridging records are the operator's own.
+    [[nodiscard]] const std::string& bridge() const { return bridge_; }
+    void bridgeIs(const std::string& v) { assign(bridge_, v, "bridge"); }
+    /// VLANs whose members are all ports of a bridge that does not filter VLANs, and whether their frames
+    /// carry the tag.
+    [[nodiscard]] const State::FlatMap<VlanId, bool>& srVlan() const { return srVlan_; }
+    void srVlanIs(VlanId id, bool tagged) { setEntry(srVlan_, id, tagged, "srVlan"); }
+    /// Number that marks the bridge's group entries as ours, 4 to 255.
+    [[nodiscard]] std::uint8_t groupProtocol() const { return groupProtocol_; }
+    /// Room for groups that the bridge is given at start; 0: left as it is.
+    [[nodiscard]] std::uint32_t groupTableSize() const { return groupTableSize_; }
+    void groupTableSizeIs(std::uint32_t v) { assign(groupTableSize_, v, "groupTableSize"); }
+    [[nodiscard]] Shaping shaping() const { return shaping_; }
+    void shapingIs(Shaping v) { assign(shaping_, v, "shaping"); }
+    /// Major number of the root queueing discipline that marks a port's queues as ours, 1 to 0xFFEF.  The two
+    /// numbers behind it are used too.
+    [[nodiscard]] std::uint16_t queueHandle() const { return queueHandle_; }
+    /// Whether ports let the tag's priority choose the queue, which a bridge does not do by itself.
+    [[nodiscard]] bool ingressPriority() const { return ingressPriority_; }
+    void ingressPriorityIs(bool v) { assign(ingressPriority_, v, "ingressPriority"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::scalar("bridge", &Config::bridge_));
+        each(State::map("srVlan", &Config::srVlan_));
+        each(State::scalar("groupProtocol", &Config::groupProtocol_, std::uint8_t{4}, std::uint8_t{255}));
+        each(State::scalar("groupTableSize", &Config::groupTableSize_));
+        each(State::scalar("shaping", &Config::shaping_));
+        each(State::scalar("queueHandle", &Config::queueHandle_, std::uint16_t{1}, std::uint16_t{0xFFEF}));
+        each(State::scalar("ingressPriority", &Config::ingressPriority_));
+    }
+
+private:
+    std::string bridge_;
+    State::FlatMap<VlanId, bool> srVlan_;
+    std::uint8_t groupProtocol_ = 78;
+    std::uint32_t groupTableSize_ = 0;
+    Shaping shaping_ = Shaping::automatic;
+    std::uint16_t queueHandle_ = 0x100;
+    bool ingressPriority_ = true;
+};
+
+}  // namespace Linux
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Linux::Config>;
