@@ -14,10 +14,9 @@ constexpr std::chrono::seconds pause{1};
 constexpr std::string_view tooMany = "{\"error\":\"too many clients\"}\n";
 }  // namespace
 
-Server::Server(Runtime::FdLoop& loop, RecordAccess& records, FrameSource& frames)
+Server::Server(Runtime::FdLoop& loop, const Session::Services& services)
     : loop_{loop},
-      records_{records},
-      frames_{frames},
+      services_{services},
       sweep_{loop, [this] { sessions_.remove_if([](const Session& session) { return session.over(); }); }},
       listenAgain_{loop, [this] { listen(); }} {}
 
@@ -52,7 +51,7 @@ void Server::accept() {
             ::send(client.get(), tooMany.data(), tooMany.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         return;
     }
-    sessions_.emplace_back(loop_, records_, frames_, std::move(client), [this] { sweep_.armIn({}); });
+    sessions_.emplace_back(loop_, services_, std::move(client), [this] { sweep_.armIn({}); });
 }
 
 }  // namespace Control

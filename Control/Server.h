@@ -2,8 +2,6 @@
 /// spoken.
 #pragma once
 
-#include "Control/FrameSource.h"
-#include "Control/RecordAccess.h"
 #include "Control/Session.h"
 #include "Control/Socket.h"
 #include "Runtime/Loop.h"
@@ -19,8 +17,8 @@ class Server {
 public:
     static constexpr std::size_t sessionLimit = 64;
 
-    /// Loop, records and frames must outlive the server.
-    Server(Runtime::FdLoop& loop, RecordAccess& records, FrameSource& frames);
+    /// The loop, and what the services refer to, must outlive the server.
+    Server(Runtime::FdLoop& loop, const Session::Services& services);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     /// Ends all sessions and removes the socket.
@@ -35,8 +33,7 @@ private:
     void accept();
 
     Runtime::FdLoop& loop_;
-    RecordAccess& records_;
-    FrameSource& frames_;
+    const Session::Services services_;
     std::string path_;
     Descriptor socket_;
     std::list<Session> sessions_;

@@ -26,16 +26,22 @@ const std::string* stringMember(const Value& request, std::string_view name) {
 
 Answer error(std::string text) { return {{}, std::move(text)}; }
 
+std::string known(const Commands& commands) {
+    std::string names = "get, set, watch, capture, list";
+    for (const auto& [name, command] : commands) names += ", " + name;
+    return names;
+}
+
 }  // namespace
 
-Session::Session(Runtime::FdLoop& loop, RecordAccess& records, FrameSource& frames, Descriptor socket,
+Session::Session(Runtime::FdLoop& loop, const Services& services, Descriptor socket,
                  std::function<void()> ended)
     : loop_{loop},
-      records_{records},
+      services_{services},
       socket_{std::move(socket)},
       ended_{std::move(ended)},
       // The frame is on its way: what is to be said of it waits until the protocol has had its turn.
-      captures_{loop, frames, [this] { nextTurn_.armIn({}); }},
+      captures_{loop, services.frames, [this] { nextTurn_.armIn({}); }},
       nextTurn_{loop, [this] { serve(); }} {
     serve();
 }
@@ -111,29 +117,31 @@ void Session::serveRequest(std::string_view line) {
 Answer Session::execute(const Value& request, State::Object& reply) {
     const std::string* op = stringMember(request, "op");
     if (op == nullptr) return error("request: a text \"op\" is needed");
-    if (*op == "list") return records_.list();
+    if (*op == "list") return services_.records.list();
+    if (const auto command = services_.commands.find(*op); command != services_.commands.end())
+        return command->second(request);
 
     const std::string* path = stringMember(request, "path");
     if (*op != "get" && *op != "set" && *op != "watch" && *op != "capture")
-        return error("request: op \"" + *op + "\" is none of get, set, watch, capture, list");
+        return error("request: op \"" + *op + "\" is none of " + known(services_.commands));
     if (path == nullptr) return error("request: a text \"path\" is needed");
-    if (*op == "get") return records_.get(*path);
+    if (*op == "get") return services_.records.get(*path);
     if (*op == "watch") return watch(*path, reply);
     if (*op == "capture") return capture(*path, reply);
 
     const Value* value = request.member("value");
     if (value == nullptr) return error("request: a \"value\" is needed");
     const std::string* field = stringMember(request, "field");
-    return records_.set(field != nullptr && !field->empty() ? *path + '/' + *field : *path, *value);
+    return services_.records.set(field != nullptr && !field->empty() ? *path + '/' + *field : *path, *value);
 }
 
 Answer Session::watch(const std::string& path, State::Object& reply) {
     if (watches_.size() == watchLimit) return error("a client has at most 32 watches");
     std::string problem;
-    const auto record = records_.watchable(path, problem);
+    const auto record = services_.records.watchable(path, problem);
     if (!record) return error(std::move(problem));
 
-    Answer current{records_.get(path).value, {}};
+    Answer current{services_.records.get(path).value, {}};
     auto watch = std::make_unique<Watch>();
     watch->path = path;
     watch->lastHash = std::hash<std::string>{}(jsonText(current.value));
@@ -159,7 +167,7 @@ void Session::serveWatches() {
         // Read only when it can go out at once: what changes meanwhile is in it too.
         if (!watch->due || !out_.empty()) continue;
         watch->due = false;
-        Value value = records_.get(watch->path).value;
+        Value value = services_.records.get(watch->path).value;
         const std::size_t hash = std::hash<std::string>{}(jsonText(value));
         if (std::exchange(watch->lastHash, hash) == hash) continue;  // something else in the record changed
         send({{"watch", Value{watch->path}}, {"value", std::move(value)}});

@@ -5,9 +5,12 @@
 ///     {"op": "set", "path": "msrp/cliConfig", "field": "srClassAPriority", "value": 3}      {"now": 12.5}
 ///     {"op": "watch", "path": "msrp/status"}       {"now": 12.5, "watch": "msrp/status", "value": {...}}
 ///     {"op": "list"}                               {"now": 12.5, "value": {"msrp/config": {"type": ...}}}
+///     {"op": "audit", "repair": true}               {"now": 12.5, "value": {"1": "..."}}
 ///     {"op": "capture", "path": "swp1"}            {"now": 12.5, "capture": "swp1", "value": null}
 /// "now" is the daemon's clock in seconds, the one that times in records refer to.  What cannot be done is
 /// answered by {"now": ..., "error": "..."}.  An "id" in a request comes back in its reply.
+///
+/// What else than these words can be asked for, and what it answers, is the daemon's business (`Commands`).
 ///
 /// A watch answers with the current value, and again after each turn of the loop that changed it.  Memory is
 /// bounded: no request is read while replies wait to be fetched, and a watcher that does not keep up gets the
@@ -21,6 +24,7 @@
 #pragma once
 
 #include "Control/Captures.h"
+#include "Control/Commands.h"
 #include "Control/FrameSource.h"
 #include "Control/RecordAccess.h"
 #include "Control/Socket.h"
@@ -45,10 +49,16 @@ public:
     static constexpr std::size_t replyLimit = std::size_t{1} << 20;
     static constexpr std::size_t watchLimit = 32;
 
+    /// What a client gets at.  All of it must outlive the session.
+    struct Services {
+        RecordAccess& records;
+        FrameSource& frames;
+        const Commands& commands;
+    };
+
     /// `socket` must be connected.  `ended` is called once when the session is over; it must not destroy the
-    /// session at once.  Loop, records and frames must outlive it.
-    Session(Runtime::FdLoop& loop, RecordAccess& records, FrameSource& frames, Descriptor socket,
-            std::function<void()> ended);
+    /// session at once.  The loop must outlive it.
+    Session(Runtime::FdLoop& loop, const Services& services, Descriptor socket, std::function<void()> ended);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -77,7 +87,7 @@ private:
     void end();
 
     Runtime::FdLoop& loop_;
-    RecordAccess& records_;
+    const Services services_;
     Descriptor socket_;
     std::function<void()> ended_;
     std::string in_;

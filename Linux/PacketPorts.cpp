@@ -1,6 +1,7 @@
 #include "Linux/PacketPorts.h"
 
 #include "Linux/FileDescriptor.h"
+#include "Linux/PacketRecords.h"
 #include "Runtime/Assert.h"
 #include "Runtime/Text.h"
 
@@ -15,6 +16,9 @@
 #include <sys/socket.h>
 #include <system_error>
 #include <utility>
+
+template class State::Record<Linux::IntfPackets>;
+template class State::Record<Linux::PacketStatus>;
 
 namespace Linux {
 

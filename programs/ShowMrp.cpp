@@ -148,7 +148,9 @@ std::string mrpText(const Snapshot& snapshot, const std::string& port) {
     out += "registered   " + countsText(at(machines, {"registered"})) + '\n';
     out += "declared     " + countsText(at(machines, {"declared"})) + '\n';
     out += "frames       " + number("rxPdus") + " received, " + number("txPdus") + " sent, " +
-           number("droppedPdus") + " dropped\n";
+           number("droppedPdus") + " dropped";
+    const Value& socket = at(snapshot.record("linux/packets"), {"intf", port});
+    out += ", " + std::to_string(numberOf(at(socket, {"receiveDropped"}))) + " by the kernel\n";
     out += "received     " + eventsText(at(counters, {"rxEvents"})) + '\n';
     out += "sent         " + eventsText(at(counters, {"txEvents"})) + '\n';
     out += "malformed    " + eventsText(at(counters, {"malformed"})) + '\n';

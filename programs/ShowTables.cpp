@@ -285,6 +285,10 @@ Table counters(const Snapshot& snapshot) {
         countBoth(table, port, "", one("values out of range", "rangeErrors"), {});
         countBoth(table, port, "", one("registrations over the limit", "droppedRegistrations"), {});
         countBoth(table, port, "", one("PDUs dropped in a flood", "droppedPdus"), {});
+        const Value& socket = at(snapshot.record("linux/packets"), {"intf", port});
+        countBoth(table, port, "",
+                  State::Object{{"frames the kernel dropped", at(socket, {"receiveDropped"})}},
+                  State::Object{{"frames the kernel dropped", at(socket, {"sendDropped"})}});
     }
     return table;
 }

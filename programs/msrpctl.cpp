@@ -94,6 +94,7 @@ const std::vector<std::string> portRecords{"msrp/status",
                                            "msrp/config",
                                            "msrp/cliConfig",
                                            "mrp/status",
+                                           "linux/packets",
                                            "bridging/config",
                                            "bridging/input/config/msrp",
                                            "qos/input/config/msrp",
@@ -131,7 +132,8 @@ int showPorts(const Options& options, Show::Table (*make)(const Show::Snapshot&)
 /// The engine of one port, or a line for each.
 int showMrp(const Options& options) {
     Show::Snapshot snapshot;
-    if (const auto problem = fetch(options, {"mrp/status"}, snapshot); !problem.empty()) return fail(problem);
+    if (const auto problem = fetch(options, {"mrp/status", "linux/packets"}, snapshot); !problem.empty())
+        return fail(problem);
     if (!options.path.empty()) {
         const std::string path = Show::mrpPath(options.path);
         if (!fetch(options, {path}, snapshot).empty())

@@ -10,6 +10,7 @@
 #include "Linux/EpollLoop.h"
 #include "Linux/LinkAgent.h"
 #include "Linux/PacketPorts.h"
+#include "Linux/PacketRecords.h"
 #include "Linux/Privileges.h"
 #include "Linux/Signals.h"
 #include "Msrp/Database.h"
@@ -132,13 +133,17 @@ private:
 
     void follow(IntfId intf) {
         links_.followIs(intf);
+        packets_->intfIs(intf)->sourceIs([this, intf] { return ports_.counters(intf); });
         if (!names_->intf().contains(intf))
             tell(LOG_NOTICE, intf.name() + " does not exist yet, waiting for it");
     }
 
     void forget(IntfId intf) {
         // Later in the turn: the agent still has to withdraw what it declared there, over a link that is up.
-        loop_.post([this, intf] { links_.followDel(intf); });
+        loop_.post([this, intf] {
+            links_.followDel(intf);
+            packets_->intfDel(intf);
+        });
     }
 
     /// A bridge without an address of its own takes that of its first enabled port, and keeps it.
@@ -193,9 +198,11 @@ private:
     Runtime::RingLog ringLog_;
     Control::RecordAccess access_{database_, writablePaths()};
     Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    std::shared_ptr<Linux::PacketStatus> packets_ = record<Linux::PacketStatus>("linux/packets");
     Control::FrameSource frames_{[this](std::string_view port) { return knowsPort(port); },
                                  [this](bool wanted) { tapPorts(wanted); }};
-    Control::Server server_{loop_, access_, frames_};
+    const Control::Commands commands_;
+    Control::Server server_{loop_, {access_, frames_, commands_}};
     std::shared_ptr<GivenSpeeds> given_ = std::make_shared<GivenSpeeds>();
     std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");

@@ -117,7 +117,11 @@ protected:
     bool wanted = false;  ///< frames
     Control::FrameSource frames{[](std::string_view port) { return port == "swp1" || port == "swp2"; },
                                 [this](bool now) { wanted = now; }};
-    std::unique_ptr<Control::Server> server = std::make_unique<Control::Server>(loop, records, frames);
+    Control::Commands commands{{"echo", [](const State::Value& request) {
+                                    return Control::Answer{*request.member("what"), {}};
+                                }}};
+    std::unique_ptr<Control::Server> server =
+        std::make_unique<Control::Server>(loop, Control::Session::Services{records, frames, commands});
 };
 
 TEST_F(Server, ReadsRecordsFieldsAndEntries) {
@@ -128,6 +132,7 @@ TEST_F(Server, ReadsRecordsFieldsAndEntries) {
               R"({"id":7,"value":true})");
     EXPECT_EQ(peer.ask(R"({"op":"get","path":"msrp/config/intfEnable/swp2"})"),
               R"({"error":"nothing at \"msrp/config/intfEnable/swp2\""})");
+    EXPECT_EQ(peer.ask(R"({"op":"echo","what":"ha"})"), R"({"value":"ha"})");
     EXPECT_EQ(peer.ask(R"({"op":"get","path":"msrp"})"), R"({"error":"no record \"msrp\""})");
     EXPECT_EQ(peer.ask(R"({"op":"list"})"),
               R"({"value":{"msrp/cliConfig":{"type":"Msrp::CliConfig","writable":true},)"
@@ -161,7 +166,7 @@ TEST_F(Server, AnswersMalformedRequestsAndGoesOn) {
     EXPECT_EQ(peer.ask("{\"op\": [").substr(0, 26), R"({"error":"request, column )");
     EXPECT_EQ(peer.ask("7"), R"({"error":"request: a text \"op\" is needed"})");
     EXPECT_EQ(peer.ask(R"({"op":"fly"})"),
-              R"({"error":"request: op \"fly\" is none of get, set, watch, capture, list"})");
+              R"({"error":"request: op \"fly\" is none of get, set, watch, capture, list, echo"})");
     EXPECT_EQ(peer.ask(R"({"op":"get"})"), R"({"error":"request: a text \"path\" is needed"})");
     EXPECT_EQ(peer.ask(R"({"op":"set","path":"msrp/config"})"),
               R"({"error":"request: a \"value\" is needed"})");
@@ -359,7 +364,7 @@ TEST_F(Server, KeepsItsSocketToItselfAndRemovesItAtTheEnd) {
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
 
-    Control::Server second{loop, records, frames};
+    Control::Server second{loop, {records, frames, commands}};
     EXPECT_EQ(second.start(path), "socket " + path + ": in use");
     server.reset();
     EXPECT_NE(::stat(path.c_str(), &status), 0);
@@ -370,11 +375,11 @@ TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     const std::string stale = directory.file("stale");
     std::string problem;
     Control::listenOn(stale, problem).close();
-    Control::Server onStale{loop, records, frames};
+    Control::Server onStale{loop, {records, frames, commands}};
     EXPECT_EQ(onStale.start(stale), "");
 
     const std::string file = directory.write("file", "precious");
-    Control::Server onFile{loop, records, frames};
+    Control::Server onFile{loop, {records, frames, commands}};
     EXPECT_EQ(onFile.start(file), "socket " + file + ": a file that is no socket is in the way");
     EXPECT_EQ(onFile.start(std::string(200, 'x')).substr(0, 12), "socket \"xxxx");
     EXPECT_EQ(onFile.start(directory.file("a/b/c")),

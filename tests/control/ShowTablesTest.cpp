@@ -82,6 +82,7 @@ Show::Snapshot twoPorts() {
     s.records["mrp/status"] = json(R"({"intf": {"swp2": {"rxPdus": 12, "txPdus": 13, "refusedJoins": 1,
         "rangeErrors": 0, "droppedRegistrations": 0, "rxEvents": {"New": 0, "JoinIn": 5}, "txEvents": {"JoinMt": 2},
         "malformed": {"truncated": 3, "other": 0}}}})");
+    s.records["linux/packets"] = json(R"({"intf": {"swp2": {"receiveDropped": 4, "sendDropped": 0}}})");
     return s;
 }
 
@@ -209,14 +210,15 @@ swp9  B      -               2         7
 }
 
 TEST(ShowCounters, LeavesOutWhatIsZero) {
-    EXPECT_EQ(Show::counters(twoPorts()).text(), R"(PORT  COUNTER               RX  TX
-swp2  listenerReady         1   0
-swp2  talkerAdvertise       0   2
-swp2  PDUs                  12  13
-swp2  event JoinIn          5   0
-swp2  event JoinMt          0   2
-swp2  malformed: truncated  3   0
-swp2  refused joins         1   0
+    EXPECT_EQ(Show::counters(twoPorts()).text(), R"(PORT  COUNTER                    RX  TX
+swp2  listenerReady              1   0
+swp2  talkerAdvertise            0   2
+swp2  PDUs                       12  13
+swp2  event JoinIn               5   0
+swp2  event JoinMt               0   2
+swp2  malformed: truncated       3   0
+swp2  refused joins              1   0
+swp2  frames the kernel dropped  4   0
 )");
 }
 
