@@ -1,17 +1,8 @@
 #include "Sim/MrpPeer.h"
 
-#include <algorithm>
-
 namespace Sim {
 
 namespace {
-
-Mrp::AttributeValue valueOf(const Say& what) {
-    Mrp::AttributeValue value;
-    std::ranges::copy(what.value, value.octets.begin());
-    value.declaration = what.declaration;
-    return value;
-}
 
 std::pair<std::uint8_t, std::uint64_t> nameOf(std::uint8_t type, const Mrp::AttributeValue& value) {
     const Mrp::AttributeType& t = Msrp::application().types[type - 1U];

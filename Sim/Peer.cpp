@@ -69,27 +69,34 @@ std::vector<Say> domains(Mrp::Event event) {
     return {domain(Msrp::SrClassId::SrClassB, 2, event), domain(Msrp::SrClassId::SrClassA, 3, event)};
 }
 
-Peer::Peer(Bridge& bridge, const std::string& port) : bridge_{bridge}, intf_{port} {
-    bridge_.ports().cableIs(intf_, [this](const Pdu& pdu) { receive(pdu); });
+Mrp::AttributeValue valueOf(const Say& what) {
+    Mrp::AttributeValue value;
+    std::ranges::copy(what.value, value.octets.begin());
+    value.declaration = what.declaration;
+    return value;
 }
 
-void Peer::say(std::vector<Say> events, bool leaveAll) {
+std::vector<Pdu> pdusOf(std::vector<Say> events, bool leaveAll) {
     std::ranges::stable_sort(events, {}, &Say::type);
+    std::vector<Pdu> pdus;
     Mrp::PduWriter writer{Msrp::application(), leaveAll};
+    const auto close = [&] {
+        const auto pdu = writer.finish();
+        pdus.emplace_back(pdu.begin(), pdu.end());
+    };
     for (const Say& event : events) {
-        Mrp::AttributeValue value;
-        std::ranges::copy(event.value, value.octets.begin());
-        value.declaration = event.declaration;
         const auto typeIndex = static_cast<std::uint8_t>(event.type - 1);
-        if (!writer.add(typeIndex, event.event, value)) {
-            const auto full = writer.finish();
-            sendRaw(Pdu(full.begin(), full.end()));
-            writer = Mrp::PduWriter{Msrp::application(), false};
-            writer.add(typeIndex, event.event, value);
-        }
+        if (writer.add(typeIndex, event.event, valueOf(event))) continue;
+        close();
+        writer = Mrp::PduWriter{Msrp::application(), false};
+        writer.add(typeIndex, event.event, valueOf(event));
     }
-    const auto pdu = writer.finish();
-    sendRaw(Pdu(pdu.begin(), pdu.end()));
+    close();
+    return pdus;
+}
+
+Peer::Peer(Bridge& bridge, const std::string& port) : bridge_{bridge}, intf_{port} {
+    bridge_.ports().cableIs(intf_, [this](const Pdu& pdu) { receive(pdu); });
 }
 
 void Peer::receive(const Pdu& pdu) {

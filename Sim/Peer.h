@@ -47,6 +47,12 @@ Say domain(Msrp::SrClassId srClass, std::uint8_t priority, Mrp::Event event = Mr
 /// Class A of priority 3 and class B of priority 2.
 std::vector<Say> domains(Mrp::Event event = Mrp::Event::JoinMt);
 
+/// The value as the engine keeps it.
+Mrp::AttributeValue valueOf(const Say& what);
+/// The events in ascending order of type, in as many PDUs as they take; with `leaveAll` a LeaveAll of every
+/// type before them.
+std::vector<Pdu> pdusOf(std::vector<Say> events, bool leaveAll = false);
+
 class Peer {
 public:
     /// Puts itself at the far end of the bridge's port; the bridge must outlive it.
@@ -54,9 +60,10 @@ public:
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
-    /// Sends the events in one PDU, in ascending order of type; with `leaveAll` a LeaveAll of every type
-    /// before them.
-    void say(std::vector<Say> events, bool leaveAll = false);
+    /// Sends what `pdusOf` makes of the events.
+    void say(std::vector<Say> events, bool leaveAll = false) {
+        for (const Pdu& pdu : pdusOf(std::move(events), leaveAll)) sendRaw(pdu);
+    }
     void say(Say event) { say(std::vector<Say>{std::move(event)}); }
     void sendRaw(const Pdu& pdu) { bridge_.ports().deliver(intf_, pdu); }
 

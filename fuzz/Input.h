@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -34,6 +35,21 @@ public:
 
 private:
     std::span<const std::uint8_t> rest_;
+};
+
+/// How much virtual time one input may take.
+class TimeBudget {
+public:
+    explicit TimeBudget(std::chrono::milliseconds all) : left_{all} {}
+    template <class Loop>
+    void spend(Loop& loop, int milliseconds) {
+        const auto span = std::min(left_, std::chrono::milliseconds{milliseconds});
+        left_ -= span;
+        loop.runFor(span);
+    }
+
+private:
+    std::chrono::milliseconds left_;
 };
 
 }  // namespace Fuzz

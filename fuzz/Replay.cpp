@@ -1,11 +1,11 @@
 /// Runs a fuzz target over files and the files of directories, for builds without a fuzzer: so that corpus
 /// and targets do not rot, and that a finding can be looked at with any compiler and debugger.
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -15,12 +15,9 @@ namespace {
 namespace fs = std::filesystem;
 
 /// Sorted, so that every run is the same.
-std::vector<fs::path> filesOf(const fs::path& path) {
+std::set<fs::path> filesOf(const fs::path& path) {
     if (!fs::is_directory(path)) return {path};
-    std::vector<fs::path> files;
-    for (const fs::directory_entry& entry : fs::directory_iterator{path}) files.push_back(entry.path());
-    std::sort(files.begin(), files.end());
-    return files;
+    return {fs::directory_iterator{path}, fs::directory_iterator{}};
 }
 
 }  // namespace

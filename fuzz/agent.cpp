@@ -16,7 +16,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int maxSteps = 60;
-constexpr Runtime::Duration maxTime = 15s;
 
 class Script {
 public:
@@ -54,49 +53,20 @@ public:
 private:
     /// Frames and time, and what an operator may do with the port.
     void act() {
-        switch (in_.pick(32)) {
-            case 0:
-                linkUp_ = !linkUp_;
-                return bridge_.linkIs("p3", linkUp_);
-            case 1:
-                return bridge_.speedIs("p3", static_cast<Interface::Speed>(in_.pick(13)));
-            case 2:
-                return bridge_.config->intfEnableIs(p3_, !bridge_.config->intfEnable(p3_));
-            case 3:
-                return bridge_.vlanIs(2, "p3", in_.pick(2) == 0);
-            case 4:
-                return bridge_.vlanDel(2, "p3");
-            case 5:
-            case 6:
-            case 7:
-            case 8:
-                return spend(std::chrono::milliseconds{4 * in_.u8()});
-            case 9:
-                return spend(std::chrono::milliseconds{in_.u16() % 4000});
-            case 10:
-                return hear(domainsFrame());
-            default:
-                return hear(frame(in_));
-        }
+        const std::size_t op = in_.pick(32);
+        if (op == 0) return bridge_.linkIs("p3", linkUp_ = !linkUp_);
+        if (op == 1) return bridge_.speedIs("p3", static_cast<Interface::Speed>(in_.pick(13)));
+        if (op == 2) return bridge_.config->intfEnableIs(p3_, !bridge_.config->intfEnable(p3_));
+        if (op == 3) return bridge_.vlanIs(2, "p3", in_.pick(2) == 0);
+        if (op == 4) return bridge_.vlanDel(2, "p3");
+        if (op < 10) return time_.spend(loop_, op < 9 ? 4 * in_.u8() : in_.u16() % 4000);
+        // A good part of the agent lies behind the domains.
+        hear(op == 10 ? Sim::pdusOf(Sim::domains()).front() : frame(in_));
     }
 
     void hear(const Sim::Pdu& pdu) {
         if (linkUp_) bridge_.ports().deliver(p3_, pdu);
     }
-    /// Makes the port one of both classes: a good part of the agent lies behind that.
-    static Sim::Pdu domainsFrame() {
-        Mrp::PduWriter writer{Msrp::application(), false};
-        for (const Sim::Say& say : Sim::domains())
-            writer.add(static_cast<std::uint8_t>(say.type - 1), say.event, valueOf(say));
-        const auto pdu = writer.finish();
-        return {pdu.begin(), pdu.end()};
-    }
-    void spend(Runtime::Duration span) {
-        span = std::min(span, maxTime - spent_);
-        spent_ += span;
-        loop_.runFor(span);
-    }
-
     /// The port as it was, with a peer that says no more.
     void restore() {
         bridge_.linkIs("p3", true);
@@ -175,7 +145,7 @@ private:
     Sim::MrpPeer peer2_{loop_, bridge_, "p2", 2};
     const IntfId p1_{"p1"}, p2_{"p2"}, p3_{"p3"};
     bool linkUp_ = true;
-    Runtime::Duration spent_{0};
+    TimeBudget time_{15s};
 };
 
 }  // namespace

@@ -1,185 +1,220 @@
 /// An engine with a hostile peer on one port and another engine on the other: frames of any content, time,
 /// requests, ports that come and go and configuration that changes, in the order that the input says.
-#include "Runtime/VirtualLoop.h"
 #include "fuzz/Check.h"
-#include "fuzz/Engine.h"
 #include "fuzz/Frames.h"
-#include "fuzz/Input.h"
-
-#include <algorithm>
+#include "fuzz/Sent.h"
+#include "tests/mrp/Engines.h"
 
 namespace Fuzz {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace MrpTest;
 
 constexpr int maxSteps = 100;
-constexpr Runtime::Duration maxTime = 20s;
+
+/// What an engine counted and registered when it was last looked at.
+struct Before {
+    std::vector<std::uint64_t> counters;
+    std::array<std::size_t, Mrp::maxTypes> registered{};
+};
 
 class Script {
 public:
     explicit Script(Input in) : in_{in} {
-        a_.cableIs(a2_, [this](const Sim::Pdu& pdu) { pass(b_, b1_, pdu); });
-        b_.cableIs(b1_, [this](const Sim::Pdu& pdu) { pass(a_, a2_, pdu); });
         const std::uint8_t setup = in_.u8();
-        a_.temperIs(setup % 16);
-        b_.temperIs(setup / 16);
-        a_.config->maxAttributesPerTypeIs(64);
-        b_.config->maxAttributesPerTypeIs(64);
+        temperIs(net_.a.app, setup % 16U);
+        temperIs(net_.b.app, setup / 16U);
+        for (Bridge* side : sides_) side->config->maxAttributesPerTypeIs(64);
+        net_.wire.lose = [this](std::size_t) { return lose_ > 0 && lose_-- > 0; };
     }
 
     void run() {
         for (int step = 0; step < maxSteps && !in_.empty(); ++step) {
             act();
-            loop_.settle();
-            checkBooks();
+            settle(0ms);
         }
         calm();
-        // LeaveAll rounds of 1 to 1.5 s, and the leave time after each.
-        wait(4s);
-        checkAgreement();
-        a_.withdrawAll();
-        b_.withdrawAll();
-        wait(2500ms);
-        check(a_.attributes(a1_) + a_.attributes(a2_) + b_.attributes(b1_) == 0,
-              "attributes are left when nobody declares any");
+        settle(4s);  // LeaveAll rounds of 1 to 1.5 s, and the leave time after each
+        std::size_t left = 0;
+        eachAttribute([&](const App::Name& name, const Mrp::Attribute& attribute) {
+            if (std::get<0>(name) == a2 && attribute.registered()) ++left;
+        });
+        check(left == 0, left, " registrations of a silent peer are left");
+        check(net_.agree(), "the engines have not registered what each other declares");
+        for (Bridge* side : sides_) {
+            for (const auto& [name, value] : App::Books{side->app.declared}) {
+                const auto type = std::get<1>(name);
+                const Octets octets{value.octets.begin(),
+                                    value.octets.begin() + App::typeOf(type).valueLength};
+                side->app.withdraw(std::get<0>(name), {Mrp::Event::Lv, type, octets, value.declaration});
+            }
+        }
+        settle(2500ms);
+        eachAttribute([&](auto&&...) { check(false, "an attribute is left that nobody declares"); });
     }
 
 private:
+    using Octets = std::vector<std::uint8_t>;
+
     void act() {
         const std::uint8_t what = in_.u8();
-        Engine& engine = what < 192 ? a_ : b_;
-        const IntfId intf = what >= 192 ? b1_ : what < 128 ? a1_ : a2_;
-        switch (what % 32) {
-            case 1:
-            case 2:
-            case 3:
-                return engine.declare(intf, say(in_));
-            case 4:
-            case 5:
-                return engine.withdraw(intf, say(in_));
-            case 6: {
-                const Sim::Say name = say(in_);
-                return engine.purge(intf, name.type,
-                                    Msrp::application().types[name.type - 1U].key(name.value));
-            }
-            case 7:
-                return engine.forget(intf, say(in_));
-            case 8:
-                return engine.purgeAll(intf);
-            case 9:
-                return engine.enabledIs(intf, !engine.enabled(intf));
-            case 10:
-                engine.disable(intf);
-                return engine.enable(intf);
-            case 11:
-                return engine.seed(intf, say(in_));
-            case 12:
-                return engine.standbyIs(!engine.standby());
-            case 13:
-                return engine.sendLeaveAll(intf);
-            case 14:
-                return engine.linkIs(intf, in_.pick(2) == 0);
-            case 15:
-                return configure(*engine.config);
-            case 16:
-                lose_ = in_.pick(16);
-                return;
-            case 17:
-                return engine.temperIs(static_cast<std::uint8_t>(in_.pick(16)));
-            case 18:
-                return spend(std::chrono::milliseconds{in_.u16() % 4000});
-            case 19:
-            case 20:
-            case 21:
-                return spend(std::chrono::milliseconds{8 * in_.u8()});
-            default:
-                return engine.hear(intf, frame(in_));
-        }
+        Bridge& side = what < 192 ? net_.a : net_.b;
+        App& app = side.app;
+        const IntfId intf = what >= 192 ? b1 : what < 128 ? a2 : a1;
+        const int op = what % 32;
+        if (op == 0 || op > 21) return net_.wire.deliver(intf, frame(in_));
+        if (op < 4) return app.declare(intf, say(in_));
+        if (op < 6) return app.withdraw(intf, say(in_));
+        if (op == 6) return purge(app, intf, say(in_));
+        if (op == 7) return app.request(intf, say(in_), Mrp::requestInternalLeave);
+        if (op == 8) return app.purgeAll(intf);
+        if (op == 9 && !app.enabled.contains(intf)) return app.enable(intf);
+        if (op == 9 || op == 10) app.disable(intf);
+        if (op == 10) return app.enable(intf);
+        if (op == 11) return ++seeds_, app.request(intf, say(in_), Mrp::requestSeed);
+        if (op == 12) return side.standbyIs(!side.engine->standbyMode());
+        if (op == 13) return app.leaveAll(intf);
+        if (op == 14) return side.linkIs(intf, in_.pick(2) == 0);
+        if (op == 15) return configure(*side.config);
+        if (op == 16) lose_ = in_.pick(16);
+        if (op == 17) return temperIs(app, in_.pick(16));
+        if (op >= 18) return time_.spend(net_.loop, op == 18 ? in_.u16() % 4000 : 8 * in_.u8());
     }
-
     void configure(Mrp::MrpConfig& config) {
-        switch (in_.pick(6)) {
-            case 0:
-                return config.joinTimeIs(10 + 4 * in_.u8());
-            case 1:
-                return config.leaveTimeIs(100 + 8 * in_.u8());
-            case 2:
-                return config.leaveAllTimeIs(1000 + 16 * in_.u8());
-            case 3:
-                return config.periodicEnabledIs(in_.pick(2) == 1);
-            case 4:
-                return config.pdusPerOpportunityIs(1 + static_cast<std::uint32_t>(in_.pick(4)));
-            default:
-                return config.maxAttributesPerTypeIs(1 + static_cast<std::uint32_t>(in_.pick(64)));
-        }
+        const std::size_t which = in_.pick(6);
+        if (which == 0) return config.joinTimeIs(10 + 4 * in_.u8());
+        if (which == 1) return config.leaveTimeIs(100 + 8 * in_.u8());
+        if (which == 2) return config.leaveAllTimeIs(1000 + 16 * in_.u8());
+        if (which == 3) return config.periodicEnabledIs(in_.pick(2) == 1);
+        const auto some = 1 + static_cast<std::uint32_t>(in_.pick(which == 4 ? 4 : 64));
+        return which == 4 ? config.pdusPerOpportunityIs(some) : config.maxAttributesPerTypeIs(some);
     }
-
-    void spend(Runtime::Duration span) {
-        span = std::min(span, maxTime - spent_);
-        spent_ += span;
-        loop_.runFor(span);
+    static void purge(App& app, IntfId intf, const Sim::Say& what) {
+        app.purge(intf, what.type, std::get<2>(App::nameOf(intf, what)));
     }
-
+    /// The application takes every second key amiss in a way of its own: refuses it, throws, purges, ends the
+    /// port, and so on, from inside the indication.  `turn` decides which keys; 0 accepts all.
+    void temperIs(App& app, std::size_t turn) {
+        app.onJoin = app.onLeave = nullptr;
+        if (turn == 0) return;
+        // The port beside it; the same one when there is no other.
+        const auto other = [](IntfId intf) { return intf == a1 ? a2 : intf == a2 ? a1 : b1; };
+        const auto mood = [turn](const Sim::Say& what) {
+            return (std::get<2>(App::nameOf(a1, what)) + turn) % 16;
+        };
+        app.onJoin = [this, &app, other, mood](IntfId intf, const Sim::Say& what) {
+            check(app.active(intf), "a join from a port that has ended");
+            const std::size_t how = mood(what);
+            const std::uint64_t key = std::get<2>(App::nameOf(intf, what));
+            if (how == 3) throw std::range_error("value out of range");
+            if (how == 5) app.purge(intf, what.type, key);
+            if (how == 7) app.disable(intf), net_.loop.post([&app, intf] { app.enable(intf); });
+            if (how == 9) app.purgeAll(intf);
+            // What was refused before stays registered, and is accepted now.
+            if (how == 13) app.request(intf, what, Mrp::requestInternalLeave);
+            // Both kinds of talker declaration replace each other.
+            if (how == 15 && what.type < 3) app.purge(intf, static_cast<std::uint8_t>(3 - what.type), key);
+            if (how % 2 == 0 || how == 11) app.declare(how == 11 ? intf : other(intf), what);
+            return how == 1;
+        };
+        app.onLeave = [&app, other, mood](IntfId intf, const Sim::Say& what) {
+            const std::size_t how = mood(what);
+            if (how == 3) throw std::range_error("value out of range");
+            if (how == 7) app.disable(intf), app.enable(intf);
+            if (how == 9) app.purgeAll(intf);
+            if (how == 13) app.request(intf, what, Mrp::requestInternalLeave);
+            if (how % 2 == 0 || how == 11) app.withdraw(other(intf), what);
+            return false;
+        };
+    }
     /// The frames stop, and everybody is well disposed.
     void calm() {
         lose_ = 0;
-        for (Engine* engine : {&a_, &b_}) {
-            engine->temperIs(0);
-            engine->config->joinTimeIs(200);
-            engine->config->leaveTimeIs(600);
-            engine->config->leaveAllTimeIs(1000);
-            engine->config->periodicEnabledIs(false);
-            engine->config->pdusPerOpportunityIs(1000);
-            engine->config->maxAttributesPerTypeIs(1000);
-            if (engine->standby()) engine->standbyIs(false);
+        for (Bridge* side : sides_) {
+            temperIs(side->app, 0);
+            side->config->joinTimeIs(200);
+            side->config->leaveTimeIs(600);
+            side->config->leaveAllTimeIs(1000);
+            side->config->periodicEnabledIs(false);
+            side->config->pdusPerOpportunityIs(1000);
+            side->config->maxAttributesPerTypeIs(1000);
+            if (side->engine->standbyMode()) side->standbyIs(false);
+            for (const IntfId port : side->ports) side->app.enable(port);
         }
-        a_.enable(a1_);
-        a_.enable(a2_);
-        b_.enable(b1_);
-    }
-    void wait(Runtime::Duration span) {
-        loop_.runFor(span);
-        checkBooks();
     }
 
-    void checkBooks() {
-        a_.checkBooks();
-        b_.checkBooks();
-    }
-
-    /// Each of the two engines has registered what the other one declares, and nothing is left of the frames.
-    void checkAgreement() {
-        check(a_.registrations(a1_) == 0, a_.registrations(a1_), " registrations of a silent peer are left");
-        check(agree(a_, a2_, b_, b1_), "the second engine has not registered what the first one declares");
-        check(agree(b_, b1_, a_, a2_), "the first engine has not registered what the second one declares");
-    }
-    static bool agree(const Engine& declarer, IntfId from, const Engine& registrar, IntfId to) {
-        Engine::Books said;
-        for (const auto& [name, value] : declarer.declared()) {
-            const auto& [intf, type, key] = name;
-            if (intf == from) said[{to, type, key}] = value;
+    void settle(Runtime::Duration span) {
+        net_.loop.runFor(span);
+        net_.loop.settle();
+        for (Bridge* side : sides_) checkBooks(*side);
+        seeds_ = 0;
+        for (; judged_ < net_.wire.frames.size(); ++judged_) {
+            const auto& [intf, pdu] = net_.wire.frames[judged_];
+            checkSent(pdu);
+            ++sent_[intf];
         }
-        Engine::Books heard = registrar.held();
-        std::erase_if(heard, [to](const auto& entry) { return std::get<0>(entry.first) != to; });
-        return said == heard;
-    }
-
-    void pass(Engine& to, IntfId intf, const Sim::Pdu& pdu) {
-        if (lose_ > 0) {
-            --lose_;
-        } else {
-            to.hear(intf, pdu);
+        for (Bridge* side : sides_) {
+            for (const IntfId port : side->ports) checkCounters(*side->status->intf(port), port);
         }
+    }
+    template <class Visit>
+    void eachAttribute(Visit&& visit) {
+        for (Bridge* side : sides_) {
+            for (const IntfId port : side->ports) side->app.each(port, visit);
+        }
+    }
+    /// The engine has what the application was told and what it asked for, and no more than the limit allows,
+    /// except what was there before the limit came down and what was taken over.
+    void checkBooks(const Bridge& side) {
+        App::Books declared;
+        App::Books held;
+        for (const IntfId port : side.ports) {
+            std::array<std::size_t, Mrp::maxTypes> registered{};
+            side.app.each(port, [&](const App::Name& name, const Mrp::Attribute& attribute) {
+                if (Mrp::isMember(attribute.applicant)) declared[name] = attribute.own();
+                if (attribute.held) held[name] = attribute.accepted();
+                if (attribute.registered()) ++registered.at(std::get<1>(name) - 1U);
+                check(attribute.registered() || !(attribute.held || attribute.refused),
+                      "held, not registered");
+            });
+            for (std::size_t i = 0; i < registered.size(); ++i) {
+                const auto limit =
+                    std::max<std::size_t>(before_[port].registered[i], side.config->maxAttributesPerType()) +
+                    seeds_;
+                check(registered[i] <= limit, registered[i], " attributes of a type where ", limit,
+                      " may be");
+            }
+            before_[port].registered = registered;
+        }
+        check(declared == side.app.declared, "the engine declares something else than the application");
+        check(held == side.app.held, "the engine holds something else than the application knows");
+    }
+    /// Nothing is counted backwards, and every frame is counted once.
+    void checkCounters(const Mrp::MrpIntfStatus& counts, IntfId port) {
+        check(counts.rxPdus() == net_.wire.delivered[port], counts.rxPdus(), " frames counted of ",
+              net_.wire.delivered[port], " received");
+        check(counts.txPdus() == sent_[port], counts.txPdus(), " frames counted of ", sent_[port], " sent");
+        std::vector<std::uint64_t> now{counts.refusedJoins(), counts.rangeErrors(),
+                                       counts.droppedRegistrations()};
+        for (const auto& kind : Mrp::eventNames)
+            now.insert(now.end(), {counts.rxEvents(kind.value), counts.txEvents(kind.value)});
+        for (const auto& reason : Mrp::malformedNames) now.push_back(counts.malformed(reason.value));
+        auto& before = before_[port].counters;
+        before.resize(now.size());
+        check(std::ranges::equal(now, before, std::greater_equal<>{}), "a counter went backwards");
+        before = std::move(now);
     }
 
     Input in_;
-    Runtime::VirtualLoop loop_;
-    const IntfId a1_{"a1"}, a2_{"a2"}, b1_{"b1"};
-    Engine a_{loop_, {a1_, a2_}, 1};
-    Engine b_{loop_, {b1_}, 2};
+    Pair net_;
+    const std::array<Bridge*, 2> sides_{&net_.a, &net_.b};
     std::size_t lose_ = 0;  ///< frames between the two that are still to be lost
-    Runtime::Duration spent_{0};
+    std::size_t judged_ = 0;
+    std::size_t seeds_ = 0;  ///< since the books were checked
+    std::map<IntfId, std::uint64_t> sent_;
+    std::map<IntfId, Before> before_;
+    TimeBudget time_{20s};
 };
 
 }  // namespace

@@ -1,10 +1,19 @@
+#include "Mrp/PduWriter.h"
 #include "tests/mrp/Engines.h"
 #include "tests/mrp/Golden.h"
 
 #include <gtest/gtest.h>
-#include <iostream>
 
 using namespace MrpTest;
+
+namespace {
+
+Pdu octets(const std::string& hex) {
+    Pdu out;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        out.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return out;
+}
 
 TEST(Codec, GoldenPdusAreReadAndWritten) {
     for (const auto& golden : goldenPdus) {
@@ -12,10 +21,10 @@ TEST(Codec, GoldenPdusAreReadAndWritten) {
         EXPECT_EQ(text(pdu), golden.says) << golden.name;
         if (!golden.canonical) continue;
         Mrp::DecodedPdu decoded;
-        Mrp::decode(pdu, msrp, decoded);
-        Mrp::PduWriter writer{msrp, decoded.leaveAll.any()};
+        Mrp::decode(pdu, Msrp::application(), decoded);
+        Mrp::PduWriter writer{Msrp::application(), decoded.leaveAll.any()};
         for (const auto& e : decoded.events) EXPECT_TRUE(writer.add(e.typeIndex, e.event, e.value));
-        EXPECT_EQ(hex(writer.finish()), golden.octets) << golden.name;
+        EXPECT_TRUE(std::ranges::equal(writer.finish(), pdu)) << golden.name;
     }
 }
 
@@ -25,9 +34,7 @@ TEST(Codec, MalformedPartsAreLeftOutAndTheRestIsKept) {
         const char* octets;
         const char* says;
     };
-    const std::string good =
-        "0404000900010603000224"
-        "0000";  // JoinIn of domain 6
+    const std::string good = "04040009000106030002240000";  // JoinIn of domain 6
     const Case cases[] = {
         {"nothing", "", "tooShort@0"},
         {"shorter than a header", "00040400", "tooShort@4"},
@@ -36,58 +43,24 @@ TEST(Codec, MalformedPartsAreLeftOutAndTheRestIsKept) {
         {"list runs past the end", "00GOOD04040010000106", "JoinIn 4/6; listPastEnd@14"},
         {"unknown type runs past the end", "004d030020000106", "listPastEnd@1"},
         {"unknown type of any length", "004dff0003aabbccGOOD0000", "JoinIn 4/6"},
-        {"wrong AttributeLength",
-         "000405000a000106030002002400"
-         "00GOOD0000",
-         "JoinIn 4/6; wrongLength@2"},
-        {"vector too long",
-         "0004040009"
-         "100006030002240000"
-         "GOOD0000",
-         "JoinIn 4/6; vectorPastEnd@5"},
-        {"good vector before it",
-         "00040400120001050200022400"
-         "10060300022400000000GOOD0000",
+        {"wrong AttributeLength", "000405000a00010603000200240000GOOD0000", "JoinIn 4/6; wrongLength@2"},
+        {"vector too long", "0004040009100006030002240000GOOD0000", "JoinIn 4/6; vectorPastEnd@5"},
+        {"good vector before it", "0004040012000105020002240010060300022400000000GOOD0000",
          "JoinIn 4/5; JoinIn 4/6; vectorPastEnd@12"},
-        {"FourPacked missing",
-         "000308000b0001000000000000000524"
-         "GOOD",
-         "JoinIn 4/6; vectorPastEnd@5"},
+        {"FourPacked missing", "000308000b0001000000000000000524GOOD", "JoinIn 4/6; vectorPastEnd@5"},
         {"event above 215", "000404000a0004010300022ad80000GOOD",
          "JoinIn 4/1; JoinIn 4/2; New 4/3; JoinIn 4/6; eventPastRange@12"},
         {"LeaveAll goes with its vector", "0004040009300006030002240000", "vectorPastEnd@5"},
         {"unknown LeaveAllEvent", "0004040009400106030002240000", "JoinIn 4/6"},
-        {"LeaveAll without FirstValue",
-         "00040400042000"
-         "0000GOOD",
+        {"LeaveAll without FirstValue", "000404000420000000GOOD", "LeaveAll 4; JoinIn 4/6"},
+        {"LeaveAll with FirstValue and a vector", "000404000f200000000000000106030002240000",
          "LeaveAll 4; JoinIn 4/6"},
-        {"LeaveAll with FirstValue and a vector",
-         "000404000f20000000000000010603000224"
-         "0000",
-         "LeaveAll 4; JoinIn 4/6"},
-        {"octets behind the list's end",
-         "000404000b00010603000224"
-         "0000ffffGOOD",
+        {"octets behind the list's end", "000404000b000106030002240000ffffGOOD",
          "JoinIn 4/6; JoinIn 4/6; listLengthMismatch@14"},
-        {"list without end",
-         "0004040007"
-         "00010603000224"
-         "GOOD",
-         "JoinIn 4/6; JoinIn 4/6; listLengthMismatch@12"},
-        {"list without end at the end",
-         "0004040007"
-         "00010603000224",
-         "JoinIn 4/6"},
-        {"values past 255",
-         "0004040009"
-         "0003fe0300022b0000",
-         "JoinIn 4/254; JoinIn 4/255; valuePastRange@11"},
-        {"id wraps within its 16 bits",
-         "000308000e0002"
-         "000000000000ffff"
-         "2a"
-         "a0"
-         "0000",
+        {"list without end", "000404000700010603000224GOOD", "JoinIn 4/6; JoinIn 4/6; listLengthMismatch@12"},
+        {"list without end at the end", "000404000700010603000224", "JoinIn 4/6"},
+        {"values past 255", "00040400090003fe0300022b0000", "JoinIn 4/254; JoinIn 4/255; valuePastRange@11"},
+        {"id wraps within its 16 bits", "000308000e0002000000000000ffff2aa00000",
          "JoinIn 3/65535=2; JoinIn 3/0=2"},
     };
     for (const auto& c : cases) {
@@ -96,3 +69,5 @@ TEST(Codec, MalformedPartsAreLeftOutAndTheRestIsKept) {
         EXPECT_EQ(text(octets(input)), c.says) << c.what;
     }
 }
+
+}  // namespace

@@ -3,112 +3,64 @@
 #include <gtest/gtest.h>
 
 using namespace MrpTest;
-using Mrp::Event;
 
 TEST(Exchange, JoinIsRegisteredChangedAndLeft) {
     Pair net;
-    net.a.app.declare("a1", 1, 5, 100);
-    net.loop.runFor(1ms);
-    EXPECT_EQ(net.b.app.take(), "+b1 1/5=100\n");
-    net.loop.runFor(1s);
-    EXPECT_EQ(net.sent("a1"), "JoinMt 1/5\nJoinMt 1/5\n");
-    net.a.app.declare("a1", 1, 5, 100);
-    net.a.app.declare("a1", 1, 5, 200);
-    net.loop.runFor(1s);
-    EXPECT_EQ(net.b.app.take(), "+b1 1/5=200\n");
-    net.a.app.withdraw("a1", 1, 5, 200);
-    net.loop.runFor(599ms);
-    EXPECT_EQ(net.b.app.take(), "");
-    net.loop.runFor(2ms);
-    EXPECT_EQ(net.b.app.take(), "-b1 1/5=200\n");
+    EXPECT_EQ(net.play("a1+1/5=100 1ms"), "+b1 1/5=100\n");
+    EXPECT_EQ(net.play("1s"), "");
+    EXPECT_EQ(net.sent(a1), "JoinMt 1/5\nJoinMt 1/5\n");
+    EXPECT_EQ(net.play("a1+1/5=100 a1+1/5=200 1s"), "+b1 1/5=200\n");
+    EXPECT_EQ(net.play("a1-1/5=200 599ms"), "");
+    EXPECT_EQ(net.play("2ms"), "-b1 1/5=200\n");
 }
 
 TEST(Exchange, ListenerDeclarationChangesWithoutALeave) {
     Pair net;
-    net.a.app.declare("a1", 3, 5, 1);
-    net.loop.runFor(1s);
-    net.a.app.declare("a1", 3, 5, 2);
-    net.a.app.withdraw("a1", 3, 6);  // nothing declared
-    net.loop.runFor(1s);
-    EXPECT_EQ(net.b.app.take(), "+b1 3/5=1\n+b1 3/5=2\n");
-    EXPECT_EQ(net.sent("a1"), "JoinMt 3/5=1\nJoinMt 3/5=1\nJoinMt 3/5=2\nJoinMt 3/5=2\n");
+    // Nothing is declared of 6.
+    EXPECT_EQ(net.play("a1+3/5=1 1s a1+3/5=2 a1-3/6 1s"), "+b1 3/5=1\n+b1 3/5=2\n");
+    EXPECT_EQ(net.sent(a1), "JoinMt 3/5=1\nJoinMt 3/5=1\nJoinMt 3/5=2\nJoinMt 3/5=2\n");
 }
 
-TEST(Exchange, APeersJoinInCutsTheSecondJoinShort) {
-    Pair net;
-    net.a.app.declare("a1", 3, 6, 2);
-    net.loop.runFor(10ms);
-    net.b.app.declare("b1", 3, 6, 2);
-    net.loop.runFor(1s);
-    EXPECT_EQ(net.sent("a1"), "JoinMt 3/6=2\n");
-    EXPECT_EQ(net.sent("b1"), "JoinIn 3/6=2\nJoinIn 3/6=2\n");
-    EXPECT_EQ(net.a.app.take() + net.b.app.take(), "+a1 3/6=2\n+b1 3/6=2\n");
-}
-
-TEST(Exchange, ValuesThatDifferAreNotConfirmedToEachOther) {
-    Pair net;
-    net.a.app.declare("a1", 4, 6, 3);
-    net.b.app.declare("b1", 4, 6, 2);
-    net.loop.runFor(1s);
-    EXPECT_EQ(net.a.app.take() + net.b.app.take(), "+a1 4/6=2\n+b1 4/6=3\n");
-    EXPECT_EQ(net.sent("a1"), "JoinMt 4/6\nJoinMt 4/6\n");
+TEST(Exchange, APeersJoinInOfTheSameValueCutsTheSecondJoinShort) {
+    Pair same;
+    EXPECT_EQ(same.play("a1+3/6=2 10ms b1+3/6=2 1s"), "+a1 3/6=2\n+b1 3/6=2\n");
+    EXPECT_EQ(same.sent(a1), "JoinMt 3/6=2\n");
+    EXPECT_EQ(same.sent(b1), "JoinIn 3/6=2\nJoinIn 3/6=2\n");
+    Pair other;
+    EXPECT_EQ(other.play("a1+4/6=3 b1+4/6=2 1s"), "+a1 4/6=2\n+b1 4/6=3\n");
+    EXPECT_EQ(other.sent(a1), "JoinMt 4/6\nJoinMt 4/6\n");
 }
 
 TEST(Exchange, LeaveAllOfEitherSideRepeatsJoinsAndEndsWhatIsGone) {
-    for (const std::string side : {"a1", "b1"}) {
+    for (const std::string leaveAll : {"a1* 1s", "b1* 1s"}) {
         Pair net;
-        net.a.app.declare("a1", 1, 5, 100);
-        net.a.app.declare("a1", 1, 6, 100);
-        net.loop.runFor(1s);
+        net.play("a1+1/5=100 a1+1/6=100 1s");
         net.wire.lose = [](std::size_t) { return true; };
-        net.a.app.withdraw("a1", 1, 6, 100);
-        net.loop.runFor(1s);
+        net.play("a1-1/6=100 1s");
         net.wire.lose = nullptr;
-        net.b.app.take();
-        (side == "a1" ? net.a : net.b).app.periodicSm()->transmitAllLeaveAll(IntfId{side});
-        net.loop.runFor(1s);
-        EXPECT_EQ(net.b.app.take(), "+b1 1/5=100\n-b1 1/6=100\n") << side;
+        EXPECT_EQ(net.play(leaveAll), "+b1 1/5=100\n-b1 1/6=100\n") << leaveAll;
     }
 }
 
 TEST(Exchange, LeaveOfAReplacedValueIsIgnored) {
     Pair net;
-    net.hear({{Event::JoinMt, 1, 5, 100}});
-    net.hear(
-        {{Event::JoinMt, 1, 5, 200}, {Event::Lv, 1, 5, 100}, {Event::Lv, 1, 9, 0}, {Event::In, 1, 8, 0}});
-    net.loop.runFor(2s);
-    EXPECT_EQ(net.a.app.take(), "+a2 1/5=100\n+a2 1/5=200\n");
-    net.hear({{Event::Lv, 1, 5, 200}});
-    net.hear({{Event::JoinMt, 1, 5, 200}});  // in time: a repeat, no leave
-    net.loop.runFor(2s);
-    EXPECT_EQ(net.a.app.take(), "+a2 1/5=200\n");
-}
-
-TEST(Exchange, WithdrawingAValueThatWasChangedButNotSentLeavesTheOldOne) {
-    Pair net;
-    net.a.app.declare("a1", 1, 5, 100);
-    net.loop.runFor(1s);
-    net.a.app.declare("a1", 1, 5, 200);
-    net.a.app.withdraw("a1", 1, 5, 200);
-    net.loop.runFor(1s);
-    EXPECT_EQ(net.b.app.take(), "+b1 1/5=100\n-b1 1/5=100\n");
+    EXPECT_EQ(net.play("a2<JoinMt:1/5=100 a2<JoinMt:1/5=200,Lv:1/5=100,Lv:1/9,In:1/8 2s"),
+              "+a2 1/5=100\n+a2 1/5=200\n");
+    // In time: a repeat, no leave.
+    EXPECT_EQ(net.play("a2<Lv:1/5=200 a2<JoinMt:1/5=200 2s"), "+a2 1/5=200\n");
+    // Of our own, before the new one was sent.
+    EXPECT_EQ(net.play("a1+1/5=100 1s a1+1/5=200 a1-1/5=200 1s"), "+b1 1/5=100\n-b1 1/5=100\n");
 }
 
 TEST(Exchange, DomainsAreDeliveredFirst) {
-    Pair net;
-    net.hear({{Event::New, 1, 5, 1}, {Event::JoinIn, 3, 7, 2}, {Event::JoinIn, 4, 6, 3}});
-    EXPECT_EQ(net.a.app.take(), "+a2 4/6=3\n+a2 1/5=1\n+a2 3/7=2\n");
+    EXPECT_EQ(Pair{}.play("a2<New:1/5=1,JoinIn:3/7=2,JoinIn:4/6=3"), "+a2 4/6=3\n+a2 1/5=1\n+a2 3/7=2\n");
 }
 
 TEST(Transmission, ConsecutiveValuesPackAndGapsAreBridged) {
     Pair net;
-    for (const std::uint64_t key : {3U, 1U, 4U, 2U}) net.a.app.declare("a1", 1, key, 7);
-    net.loop.runFor(1s);
-    net.a.app.withdraw("a1", 1, 1, 7);
-    net.a.app.withdraw("a1", 1, 4, 7);
-    net.loop.runFor(1s);
+    net.play("a1+1/3=7 a1+1/1=7 a1+1/4=7 a1+1/2=7 1s a1-1/1=7 a1-1/4=7 1s");
     EXPECT_EQ(
-        net.sent("a1"),
+        net.sent(a1),
         "JoinMt 1/1; JoinMt 1/2; JoinMt 1/3; JoinMt 1/4\nJoinMt 1/1; JoinMt 1/2; JoinMt 1/3; JoinMt 1/4\n"
         "Lv 1/1; JoinMt 1/2; JoinMt 1/3; Lv 1/4\n");
     EXPECT_EQ(net.wire.frames.back().second.size(), 1U + 4 + 2 + 25 + 2 + 2 + 2);  // one vector
@@ -117,7 +69,7 @@ TEST(Transmission, ConsecutiveValuesPackAndGapsAreBridged) {
 TEST(Transmission, ThreeOpportunitiesInOneAndAHalfJoinTimes) {
     Pair net;
     for (std::uint64_t key = 0; key < 400; ++key) {
-        net.a.app.declare("a1", 1, key * 3, 1);
+        net.a.app.declare(a1, say(1, key * 3));
         net.loop.runFor(5ms);
     }
     net.loop.runFor(1s);
@@ -132,17 +84,13 @@ TEST(Transmission, ThreeOpportunitiesInOneAndAHalfJoinTimes) {
 TEST(Transmission, OnePduPerOpportunityServesEveryAttributeInTurn) {
     Pair net;
     net.a.config->pdusPerOpportunityIs(1);
-    for (std::uint64_t key = 0; key < 200; ++key) net.a.app.declare("a1", 1, key * 3, 1);
-    net.loop.runFor(1s);
-    net.a.app.declare("a1", 3, 7, 2);
     // Talkers that change without end do not keep the listener from being heard.
     for (std::uint32_t i = 0; i < 20; ++i) {
-        for (std::uint64_t key = 0; key < 200; ++key) net.a.app.declare("a1", 1, key * 3, 2 + i);
-        net.loop.runFor(50ms);
+        for (std::uint64_t key = 0; key < 200; ++key) net.a.app.declare(a1, say(1, key * 3, i));
+        net.play(i == 0 ? "1s a1+3/7=2" : "50ms");
     }
     EXPECT_EQ(net.b.app.held.size(), 201U);
-    net.a.app.periodicSm()->transmitAllLeaveAll(IntfId{"a1"});
-    net.loop.runFor(3s);
+    net.play("a1* 3s");
     EXPECT_EQ(net.b.app.held.size(), 201U);
     for (const auto& [intf, pdu] : net.wire.frames) EXPECT_LE(pdu.size(), 1500U);
 }
@@ -151,24 +99,22 @@ TEST(Transmission, ALeaveAllOfManyKeepsThemAllAndTakesInWhatHappensMeanwhile) {
     constexpr std::uint64_t count = 20'000;  // done in pieces
     Pair net;
     for (const auto& side : {&net.a, &net.b}) side->config->maxAttributesPerTypeIs(100'000);
-    for (std::uint64_t key = 1; key <= count; ++key) net.a.app.declare("a1", 1, key * 3, 1);
-    net.loop.runFor(1s);
+    for (std::uint64_t key = 1; key <= count; ++key) net.a.app.declare(a1, say(1, key * 3));
+    net.play("1s");
     ASSERT_EQ(net.b.app.held.size(), count);
     std::uint64_t round = 0;
-    for (const auto& side : {&net.a, &net.b}) {
-        net.b.app.take();
+    for (const char* leaveAll : {"a1*", "b1*"}) {
         ++round;
-        side->app.periodicSm()->transmitAllLeaveAll(IntfId{side->ports[0]});
+        net.play(leaveAll);
         // Before and behind the place that has been reached.
         Runtime::Timer during{net.loop, [&] {
-                                  net.a.app.withdraw("a1", 1, round * 3, 1);
-                                  net.a.app.withdraw("a1", 1, (count - round) * 3, 1);
-                                  net.a.app.declare("a1", 1, round * 3 + 1, 1);
-                                  net.a.app.declare("a1", 1, (count - round) * 3 + 1, 1);
+                                  for (const std::uint64_t key : {round * 3, (count - round) * 3}) {
+                                      net.a.app.withdraw(a1, say(1, key));
+                                      net.a.app.declare(a1, say(1, key + 1));
+                                  }
                               }};
         during.armIn({});
-        net.loop.runFor(2s);
-        const std::string heard = net.b.app.take();
+        const std::string heard = net.play("2s");
         EXPECT_EQ(std::count(heard.begin(), heard.end(), '-'), 2);
         EXPECT_EQ(net.b.app.held.size(), count);
     }
@@ -176,16 +122,15 @@ TEST(Transmission, ALeaveAllOfManyKeepsThemAllAndTakesInWhatHappensMeanwhile) {
 
 TEST(Transmission, AQuietLinkCarriesLeaveAllsAndTheirAnswersOnly) {
     Pair net;
-    net.a.app.declare("a1", 4, 6, 3);
-    net.b.app.declare("b1", 4, 6, 3);
+    net.play("a1+4/6=3 b1+4/6=3");
     for (std::uint64_t key = 0; key < 1000; ++key) {
-        net.a.app.declare("a1", 1, key, 1);
-        net.b.app.declare("b1", 3, key, 2);
+        net.a.app.declare(a1, say(1, key));
+        net.b.app.declare(b1, say(3, key, 2));
     }
-    net.loop.runFor(5s);
-    net.sent("a1"), net.sent("b1");
-    net.loop.runFor(200s);
-    const std::string all = net.sent("a1") + net.sent("b1");
+    net.play("5s");
+    net.sent(a1), net.sent(b1);
+    net.play("200s");
+    const std::string all = net.sent(a1) + net.sent(b1);
     std::size_t rounds = 0;
     for (auto at = all.find("LeaveAll 1;"); at != std::string::npos; at = all.find("LeaveAll 1;", at + 1))
         ++rounds;
@@ -196,40 +141,34 @@ TEST(Transmission, AQuietLinkCarriesLeaveAllsAndTheirAnswersOnly) {
 
 TEST(Transmission, PeriodicMachineRepeatsWhileEnabled) {
     Pair net;
-    net.a.app.declare("a1", 4, 6, 3);
-    net.loop.runFor(1s);
-    net.sent("a1");
-    net.a.config->periodicEnabledIs(true);
-    net.loop.runFor(2500ms);
-    EXPECT_EQ(net.sent("a1"), "JoinMt 4/6\nJoinMt 4/6\n");
-    net.a.config->periodicEnabledIs(false);
-    net.loop.runFor(2500ms);
-    EXPECT_EQ(net.sent("a1"), "");
+    net.play("a1+4/6=3 1s");
+    for (const bool enabled : {true, false}) {
+        net.sent(a1);
+        net.a.config->periodicEnabledIs(enabled);
+        net.play("2500ms");
+        EXPECT_EQ(net.sent(a1), enabled ? "JoinMt 4/6\nJoinMt 4/6\n" : "");
+    }
 }
 
 TEST(Timers, LeaveTimeChangesForLeavesUnderWay) {
     Pair net;
-    net.hear({{Event::JoinIn, 1, 5, 1}});
-    net.hear({{Event::Lv, 1, 5, 1}});
+    net.play("a2<JoinIn:1/5 a2<Lv:1/5");
     net.a.config->leaveTimeIs(1000);
-    net.loop.runFor(999ms);
-    net.a.app.take();
-    net.loop.runFor(2ms);
-    EXPECT_EQ(net.a.app.take(), "-a2 1/5=1\n");
+    EXPECT_EQ(net.play("999ms"), "");
+    EXPECT_EQ(net.play("2ms"), "-a2 1/5=0\n");
 }
 
 TEST(Timers, LeaveAllComesBetweenOnceAndOneAndAHalfTimesItsTime) {
     Pair net;
-    net.loop.runFor(100s);
-    net.sent("b1");
+    net.play("100s");
     std::vector<Runtime::Time> at;
     for (std::size_t i = 0; i < net.wire.frames.size(); ++i) {
-        if (net.wire.frames[i].first == "a2") at.push_back(net.wire.times[i]);
+        if (net.wire.frames[i].first == a2) at.push_back(net.wire.times[i]);
     }
     ASSERT_GE(at.size(), 6U);
     for (std::size_t i = 1; i < at.size(); ++i) {
         EXPECT_GT(at[i] - at[i - 1], 10s);
         EXPECT_LT(at[i] - at[i - 1], 15s);
     }
-    EXPECT_EQ(net.sent("a2").substr(0, 48), "LeaveAll 1; LeaveAll 2; LeaveAll 3; LeaveAll 4\nL");
+    EXPECT_EQ(net.sent(a2).substr(0, 48), "LeaveAll 1; LeaveAll 2; LeaveAll 3; LeaveAll 4\nL");
 }
