@@ -140,25 +140,12 @@ private:
                  .maxFrameSize = static_cast<std::uint16_t>(100 + 40 * (stream_ % 30)),
                  .frames = static_cast<std::uint16_t>(1 + stream_ % 3),
                  .priority = static_cast<std::uint8_t>(stream_ % 4 == 0 ? 2 : 3)};
-        switch (pick(40)) {
-            case 0:
-                t.macDa = 0x91e0f0000000 + 1 + pick(streams);
-                break;
-            case 1:
-                t.vlan = static_cast<std::uint16_t>(1 + pick(3));
-                break;
-            case 2:
-                t.latency = 1000;
-                break;
-            case 3:
-                t.rank = 0;
-                break;
-            case 4:
-                t.priority = static_cast<std::uint8_t>(pick(5));
-                break;
-            default:
-                break;
-        }
+        const std::size_t stray = pick(40);
+        if (stray == 0) t.macDa = 0x91e0f0000000 + 1 + pick(streams);
+        if (stray == 1) t.vlan = static_cast<std::uint16_t>(1 + pick(3));
+        if (stray == 2) t.latency = 1000;
+        if (stray == 3) t.rank = 0;
+        if (stray == 4) t.priority = static_cast<std::uint8_t>(pick(5));
         return t;
     }
     void talk() {
@@ -243,23 +230,11 @@ private:
     }
     void vlanTopologyIs(const char* topology) { bridge.topology->vlanTopologyIs(VlanId{2}, topology); }
     void changeMode() {
-        switch (pick(6)) {
-            case 0:
-                vlanTopologyIs("Cist");
-                bridge.stp->modeIs(Stp::Mode::Rstp);
-                break;
-            case 1:
-                vlanTopologyIs("Mst1");
-                bridge.stp->modeIs(Stp::Mode::Mstp);
-                break;
-            case 2:
-                vlanTopologyIs("Vl2");
-                bridge.stp->modeIs(Stp::Mode::Pvst);
-                break;
-            default:
-                bridge.stp->modeIs(Stp::Mode::None);
-                break;
-        }
+        static constexpr Stp::Mode modes[] = {Stp::Mode::Rstp, Stp::Mode::Mstp, Stp::Mode::Pvst};
+        static constexpr const char* topologies[] = {"Cist", "Mst1", "Vl2"};
+        const std::size_t which = pick(6);
+        if (which < 3) vlanTopologyIs(topologies[which]);
+        bridge.stp->modeIs(which < 3 ? modes[which] : Stp::Mode::None);
     }
     void changeTree() {
         static constexpr const char* topologies[] = {"Cist", "Mst1", "Vl1", "Vl2"};

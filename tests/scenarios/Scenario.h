@@ -6,6 +6,7 @@
 #include "Sim/Peer.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace Sim {
 
@@ -28,11 +29,43 @@ protected:
         for (Peer* peer : {&p1, &p2, &p3}) peer->say(domains());
         settle();
     }
+    /// Stream 1 from p1 to p2.
+    void reserve() {
+        core();
+        p1.say(advertise({}));
+        p2.say(listener(1, ListenerState::Ready));
+        settle();
+        EXPECT_EQ(bridge.stream(1), reserved);
+    }
+    /// The streams, and behind them what each peer has registered but for the domains; one line for each.
+    [[nodiscard]] std::string picture() const {
+        std::string out = bridge.streams();
+        for (const Peer* peer : {&p1, &p2, &p3}) {
+            std::istringstream lines{peer->registered()};
+            for (std::string line; std::getline(lines, line);) {
+                if (!line.starts_with("Domain"))
+                    out += (peer == &p1 ? "p1 " : peer == &p2 ? "p2 " : "p3 ") + line + '\n';
+            }
+        }
+        return out;
+    }
+    void expectLogged(const std::vector<std::string>& texts, std::size_t times = 1) const {
+        for (const std::string& text : texts) EXPECT_EQ(bridge.logged(text), times) << text;
+    }
+    void expectNoQueues() {
+        EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
+        EXPECT_TRUE(bridge.queues->intfConfig().empty());
+    }
     /// Half a second: time for every opportunity, too short for a leave timer.
     void settle() { loop.runFor(500ms); }
     /// Long enough for reviews and leave timers.
     void quiet() { loop.runFor(2s); }
 
+    const std::string reserved = "0x1 SrClassA 9088 p1 -> p2";
+    const std::string waiting = "0x1 SrClassA 9088 p1 -> p1";  ///< the talker's port holds the place
+    /// The `picture` of it.
+    const std::string all = reserved + "\np1 Listener 0x1 Ready\np2 Advertise 0x1\np3 Advertise 0x1\n";
+    const std::string nobodyListens = waiting + "\np2 Advertise 0x1\np3 Advertise 0x1\n";
     Runtime::VirtualLoop loop;
     Bridge bridge{loop, {"p1", "p2", "p3"}};
     Peer p1{bridge, "p1"};

@@ -90,13 +90,12 @@ TEST_F(TakeOverOf, AStreamThatWasNeverPublishedHoldsNothing) {
     ASSERT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 9088U);
     ASSERT_TRUE(bridge.status->registeredStreams().empty()) << "the review is yet to come";
     takeOver();
-    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
     EXPECT_EQ(bridge.groups(), "");
-    EXPECT_TRUE(bridge.queues->intfConfig().empty());
+    expectNoQueues();
     p1.say(advertise({}));
     p2.say(listener(1, ListenerState::Ready));
     settle();
-    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
+    EXPECT_EQ(bridge.stream(1), reserved);
 }
 
 TEST_F(TakeOverOf, WhoWaitsKeepsItsPlace) {
@@ -133,42 +132,33 @@ TEST_F(TakeOverOf, WhoWaitsKeepsItsPlace) {
 }
 
 TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
-    p1.say(advertise({}));
-    p2.say(listener(1, ListenerState::Ready));
+    reserve();
     quiet();
-    ASSERT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
-    bridge.activeStops();
-    bridge.cliConfig->srClassBSupportedIs(false);
-    bridge.config->intfEnableDel(IntfId{"p3"});
-    bridge.standbyTakesOver();
+    const auto meanwhile = [this](const std::function<void()>& configure) {
+        bridge.activeStops();
+        configure();
+        bridge.standbyTakesOver();
+    };
+    meanwhile([&] {
+        bridge.cliConfig->srClassBSupportedIs(false);
+        bridge.config->intfEnableDel(IntfId{"p3"});
+    });
     EXPECT_EQ(bridge.classes("p1"), "p1 Core NotSupported");
     EXPECT_EQ(bridge.classes("p3"), "p3 absent");
-    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p2");
-
-    bridge.activeStops();
-    bridge.cliConfig->shapingDisabledIs(true);
-    bridge.standbyTakesOver();
-    EXPECT_TRUE(bridge.queues->intfConfig().empty());
-    bridge.activeStops();
-    bridge.cliConfig->shapingDisabledIs(false);
-    bridge.standbyTakesOver();
-    EXPECT_FALSE(bridge.queues->intfConfig().empty());
-    bridge.activeStops();
-    bridge.vlanDel(2, "p2");
-    bridge.standbyTakesOver();
-    EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 9088 p1 -> p1");
+    EXPECT_EQ(bridge.stream(1), reserved);
+    for (const bool disabled : {true, false}) {
+        meanwhile([&] { bridge.cliConfig->shapingDisabledIs(disabled); });
+        EXPECT_EQ(bridge.queues->intfConfig().empty(), disabled);
+    }
+    meanwhile([&] { bridge.vlanDel(2, "p2"); });
+    EXPECT_EQ(bridge.stream(1), waiting);
     EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
-    bridge.activeStops();
-    bridge.speedIs("p2", Interface::Speed::speed100Mbps);
-    bridge.standbyTakesOver();
+    meanwhile([&] { bridge.speedIs("p2", Interface::Speed::speed100Mbps); });
     EXPECT_EQ(bridge.classes("p2"), "p2 WaitingForPeer NotSupported") << "admitted anew";
-
-    bridge.activeStops();
-    bridge.cliConfig->srClassAPriorityIs(4);
-    bridge.standbyTakesOver();
+    meanwhile([&] { bridge.cliConfig->srClassAPriorityIs(4); });
     quiet();
     EXPECT_EQ(bridge.groups(), "") << "the stream has the priority of no class any more";
-    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
+    expectNoQueues();
 }
 
 }  // namespace
