@@ -9,8 +9,10 @@ import pathlib
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
+import unittest
 
 STREAM = "0x200000002010001"  # 02:00:00:00:02:01/1
 DESTINATION = "91:e0:f0:00:00:01"
@@ -178,3 +180,11 @@ class Testbed:
             if time.monotonic() > deadline:
                 raise Failure(f"{what} after {seconds} s")
             time.sleep(0.05)
+
+
+def main(*programs):
+    """Runs the tests of the script that calls this, if it may: as root, and with these programs there."""
+    if os.geteuid() != 0 or not all(map(shutil.which, programs)):
+        print(f"skipped: needs to be root{', and ' if programs else ''}{', '.join(programs)}")
+        sys.exit(77)
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])

@@ -1,9 +1,7 @@
 #include "Linux/EpollLoop.h"
-#include "Linux/Signals.h"
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
@@ -33,25 +31,7 @@ struct FullPipe {
     Linux::FileDescriptor in;
 };
 
-TEST(EpollLoop, TimersFireInTheOrderOfTimeThenOfArmingAndNeverEarly) {
-    EpollLoop loop;
-    std::string order;
-    const auto start = loop.now();
-    const auto fired = [&](char name, Runtime::Duration span) {
-        order += name;
-        EXPECT_GE(loop.now(), start + span);
-    };
-    Runtime::Timer late{loop, [&] { fired('c', 2ms), loop.stop(); }};
-    Runtime::Timer first{loop, [&] { fired('a', 1ms); }};
-    Runtime::Timer second{loop, [&] { fired('b', 1ms); }};
-    late.armAt(start + 2ms);
-    first.armAt(start + 1ms);
-    second.armAt(start + 1ms);
-    loop.run();
-    EXPECT_EQ(order, "abc");
-}
-
-TEST(EpollLoop, TimersKeepTimeBelowTheMillisecond) {
+TEST(EpollLoop, TimersAreNeverEarlyAndKeepTimeBelowTheMillisecond) {
     EpollLoop loop;
     auto best = Runtime::Duration::max();
     for (int i = 0; i < 50; ++i) {  // the best of many, since the machine is not ours alone
@@ -59,6 +39,7 @@ TEST(EpollLoop, TimersKeepTimeBelowTheMillisecond) {
         Runtime::Timer timer{loop, [&] { best = std::min(best, loop.now() - due), loop.stop(); }};
         timer.armAt(due);
         loop.run();
+        EXPECT_GE(loop.now(), due);
     }
     EXPECT_LT(best, 500us);
 }
@@ -66,27 +47,23 @@ TEST(EpollLoop, TimersKeepTimeBelowTheMillisecond) {
 TEST(EpollLoop, PostedTasksRunRightAfterTheirHandlerAndBeforeTheNext) {
     EpollLoop loop;
     std::array<FullPipe, 2> pipes;
+    std::array<Runtime::FdLoop::Watch, 2> watches;
     std::string order;
-    int handled = 0;
-    const auto handler = [&](const FullPipe& pipe) {
-        return [&] {
-            pipe.drain();
-            order += "handler ";
+    for (std::size_t i = 0; i < 2; ++i) {
+        watches[i] = loop.watch(pipes[i].out.get(), Ready::readable, [&, i] {
+            pipes[i].drain();
+            order += 'h';
             loop.post([&] {
-                order += "task ";
-                ++handled;
-                loop.post([&] { order += "task's task "; });
+                order += 't';
+                loop.post([&] { order += 'u'; });
             });
-        };
-    };
-    const auto one = loop.watch(pipes[0].out.get(), Ready::readable, handler(pipes[0]));
-    const auto two = loop.watch(pipes[1].out.get(), Ready::readable, handler(pipes[1]));
+        });
+    }
     loop.stop();
-    loop.post([&] { order += "before "; });
+    loop.post([&] { order += 'p'; });
     loop.run();
-    EXPECT_EQ(order, "before ") << "stopped before it began";
-    EXPECT_TRUE(loop.runUntil([&] { return handled == 2; }, 5s));
-    EXPECT_EQ(order, "before handler task task's task handler task task's task ");
+    EXPECT_EQ(order, "p") << "stopped before it began";
+    EXPECT_TRUE(loop.runUntil([&] { return order == "phtuhtu"; }, 5s)) << order;
 }
 
 TEST(EpollLoop, AHandlerMayEndItsOwnWatchAndOthersOfTheSameBatch) {
@@ -156,20 +133,6 @@ TEST(EpollLoop, ReadersAndWritersOfOneDescriptorAreWatchedApart) {
     const int before = writes;
     EXPECT_TRUE(loop.runUntil([&] { return broken; }, 5s));
     EXPECT_EQ(writes, before);
-}
-
-TEST(Signals, ReachTheLoopInsteadOfEndingTheProcess) {
-    EpollLoop loop;
-    int got = 0;
-    {
-        const Linux::Signals signals{loop, [&](int signal) { got = signal, loop.stop(); }};
-        kill(getpid(), SIGTERM);
-        loop.run();
-    }
-    EXPECT_EQ(got, SIGTERM);
-    sigset_t mask{};
-    sigprocmask(SIG_BLOCK, nullptr, &mask);
-    EXPECT_EQ(sigismember(&mask, SIGTERM), 0);
 }
 
 }  // namespace
