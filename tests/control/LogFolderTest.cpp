@@ -21,22 +21,17 @@ struct Folder : ::testing::Test {
                               }};
 };
 
-TEST_F(Folder, PassesDifferentLinesAtOnce) {
-    folder.line(6, "swp1 link status is up");
-    folder.line(4, "swp2 link status is up");
-    EXPECT_EQ(told(), (Lines{"6 swp1 link status is up", "4 swp2 link status is up"}));
-    loop.runFor(10min);
-    EXPECT_EQ(told(), Lines{});
-}
-
-TEST_F(Folder, CountsWhatComesAgainWithinAMinute) {
+TEST_F(Folder, CountsWhatComesAgainWithinAMinuteAndPassesTheRestAtOnce) {
     for (int i = 0; i < 5; ++i) {
         folder.line(6, "Discard");
         loop.runFor(10s);
     }
-    EXPECT_EQ(told(), Lines{"6 Discard"});
+    folder.line(4, "swp1 link status is up");
+    EXPECT_EQ(told(), (Lines{"6 Discard", "4 swp1 link status is up"}));
     loop.runFor(10s);
     EXPECT_EQ(told(), Lines{"6 Discard (again 4 times)"});
+    loop.runFor(10min);
+    EXPECT_EQ(told(), Lines{});
 }
 
 TEST_F(Folder, GoesOnFoldingWhatGoesOnAndForgetsWhatHasEnded) {

@@ -189,15 +189,6 @@ TEST(ShowStream, IsNamedInEitherForm) {
         EXPECT_EQ(Show::parseStream(bad), std::nullopt) << bad;
 }
 
-TEST(ShowPorts, TellsLinkClassesBandwidthAndHealth) {
-    EXPECT_EQ(
-        Show::ports(twoPorts()).text(),
-        R"(PORT  LINK          SPEED    STATE       CLASS A  A KBPS       CLASS B         B KBPS    SHAPED KBPS  WAITING  RX PDUS  TX PDUS  REFUSED  MALFORMED  DROPPED
-swp2  up            1G       Forwarding  Core     9088/750000  WaitingForPeer  0/790912  -            0        12       13       1        3          0
-swp9  no interface  unknown  -           -        -            -               -         -            -        -        -        -        -          -
-)");
-}
-
 TEST(ShowDomain, TellsWhatEachPortDeclares) {
     EXPECT_EQ(Show::domain(twoPorts()).text(), R"(PORT  CLASS  STATE           PRIORITY  SR PVID
 swp2  A      Core            3         2

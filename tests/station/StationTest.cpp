@@ -46,19 +46,26 @@ class StationTest : public testing::Test {
 protected:
     void SetUp() override {
         bridge.start();
-        talker.linkIs(true);
-        listener.linkIs(true);
-        settle();
-        talker.take();
-        listener.take();
+        linksAre(true);
+        heard();
     }
-    /// Longer than the leave timers, shorter than the pauses between LeaveAlls.
-    void settle() { loop.runFor(2s); }
+    void linksAre(bool up) {
+        talker.linkIs(up);
+        listener.linkIs(up);
+    }
+    /// What both have heard since the last call, after a time longer than the leave timers and shorter than
+    /// the pauses between LeaveAlls.
+    std::string heard() {
+        loop.runFor(2s);
+        return talker.take() + "---\n" + listener.take();
+    }
 
     const Station::TalkerSpec stream{
         .streamId = 1, .macDa = EthAddr::fromNumber(0x91e0f0000001), .latency = 125};
     const std::string advertised =
-        "talker 0x1 advertised: 91:e0:f0:00:00:01 VLAN 2 priority 3, 1 x 100 octets, rank 1, latency ";
+        "talker 0x1 advertised: 91:e0:f0:00:00:01 VLAN 2 priority 3, 1 x 100 octets, "
+        "rank 1, latency ";
+    const std::string reserved = "0x1 SrClassA 9088 p1 -> p2\n";
 
     Runtime::VirtualLoop loop;
     Sim::Bridge bridge{loop, {"p1", "p2"}};
@@ -66,102 +73,62 @@ protected:
     End listener{loop, bridge, IntfId{"p2"}, 2};
 };
 
-}  // namespace
-
 TEST_F(StationTest, HearsTheLinkAndTheBridgesClasses) {
     talker.linkIs(false);
-    EXPECT_EQ(talker.take(), "link down\ndomain class B gone\ndomain class A gone\n");
-    settle();
+    EXPECT_EQ(heard(), "link down\ndomain class B gone\ndomain class A gone\n---\n");
     talker.linkIs(true);
-    settle();
-    EXPECT_EQ(talker.take(), "link up\ndomain class B priority 2 VLAN 2\ndomain class A priority 3 VLAN 2\n");
+    EXPECT_EQ(heard(), "link up\ndomain class B priority 2 VLAN 2\ndomain class A priority 3 VLAN 2\n---\n");
 }
 
-TEST_F(StationTest, ListenerThatCameFirstBecomesReadyWithItsTalker) {
+TEST_F(StationTest, BothSidesHearTheOtherOneComeChangeAndGo) {
     listener.station.listen(1);
-    settle();
-    EXPECT_EQ(listener.take(), "");
+    EXPECT_EQ(heard(), "---\n");
     talker.station.talk(stream);
-    settle();
-    EXPECT_EQ(listener.take().substr(0, advertised.size()), advertised);
-    EXPECT_EQ(talker.take(), "listener 0x1 AskingFailed\nlistener 0x1 Ready\n");
-    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p2\n");
+    const std::string first = "listener 0x1 AskingFailed\nlistener 0x1 Ready\n---\n" + advertised;
+    EXPECT_EQ(heard().substr(0, first.size()), first);
+    EXPECT_EQ(bridge.streams(), reserved);
     // What is merely repeated is told to nobody.
     loop.runFor(60s);
-    EXPECT_EQ(talker.take() + listener.take(), "");
-}
-
-TEST_F(StationTest, ListenerAsksInVainForAFailedTalkerUntilItRecovers) {
-    talker.station.domainIs(SrClassId::SrClassA, {.priority = 4});
-    talker.station.talk(stream);
-    listener.station.listen(1);
-    settle();
-    EXPECT_EQ(listener.take(),
-              "talker 0x1 failed: egress port is not AVB capable (code 8) at bridge 0x8000020000000001\n");
-    EXPECT_EQ(talker.take(), "listener 0x1 AskingFailed\n");
-    talker.station.domainIs(SrClassId::SrClassA, {.priority = 3});
-    settle();
-    EXPECT_EQ(listener.take().substr(0, advertised.size()), advertised);
-    EXPECT_EQ(talker.take(), "listener 0x1 Ready\n");
-    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p2\n");
-}
-
-TEST_F(StationTest, FixedListenerDoesNotFollowItsTalker) {
-    listener.station.listen(1, ListenerState::AskingFailed);
-    talker.station.talk(stream);
-    settle();
-    EXPECT_EQ(talker.take(), "listener 0x1 AskingFailed\n");
-}
-
-TEST_F(StationTest, BothSidesHearTheOtherOneStop) {
-    talker.station.talk(stream);
-    listener.station.listen(1);
-    settle();
-    talker.take();
-    listener.take();
-    listener.station.stopListening(1);
-    settle();
-    EXPECT_EQ(talker.take(), "listener 0x1 gone\n");
-    talker.station.stopTalking(1);
-    settle();
-    EXPECT_EQ(listener.take(), "talker 0x1 gone\n");
-}
-
-TEST_F(StationTest, ChangedStreamIsHeardWithoutItsBeingGone) {
-    talker.station.talk(stream);
-    listener.station.listen(1);
-    settle();
-    listener.take();
+    EXPECT_EQ(heard(), "---\n");
     Station::TalkerSpec slower = stream;
     slower.latency = 250;
     talker.station.talk(slower);
-    settle();
-    const std::string heard = listener.take();
-    EXPECT_EQ(heard.find("gone"), std::string::npos) << heard;
-    EXPECT_NE(heard.find("talker 0x1"), std::string::npos) << heard;
+    const std::string changed = heard();
+    EXPECT_EQ(changed.find("gone"), std::string::npos) << changed;
+    EXPECT_NE(changed.find("talker 0x1"), std::string::npos) << changed;
+    listener.station.stopListening(1);
+    EXPECT_EQ(heard(), "listener 0x1 gone\n---\n");
+    talker.station.stopTalking(1);
+    EXPECT_EQ(heard(), "---\ntalker 0x1 gone\n");
 }
 
-TEST_F(StationTest, LinkThatReturnsFindsEverythingDeclaredAgain) {
+TEST_F(StationTest, ListenerAsksInVainForAFailedTalkerUntilItRecoversUnlessItsStateIsFixed) {
+    talker.station.domainIs(SrClassId::SrClassA, {.priority = 4});
     talker.station.talk(stream);
     listener.station.listen(1);
-    settle();
+    EXPECT_EQ(heard(),
+              "listener 0x1 AskingFailed\n---\n"
+              "talker 0x1 failed: egress port is not AVB capable (code 8) at bridge 0x8000020000000001\n");
+    talker.station.domainIs(SrClassId::SrClassA, {.priority = 3});
+    const std::string recovered = "listener 0x1 Ready\n---\n" + advertised;
+    EXPECT_EQ(heard().substr(0, recovered.size()), recovered);
+    EXPECT_EQ(bridge.streams(), reserved);
+    listener.station.listen(1, ListenerState::AskingFailed);
+    EXPECT_EQ(heard(), "listener 0x1 AskingFailed\n---\n");
+}
+
+TEST_F(StationTest, LinkThatReturnsFindsEverythingDeclaredAgainUntilTheStationLeaves) {
+    talker.station.talk(stream);
+    listener.station.listen(1);
     for (const bool up : {false, true}) {
+        heard();
         listener.linkIs(up);
         bridge.linkIs("p2", up);
-        settle();
     }
-    EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p2\n");
-    EXPECT_NE(listener.take().find("talker 0x1 gone\n"), std::string::npos);
-}
-
-TEST_F(StationTest, LeavingWithdrawsOnTheWireAndIsSilentAfterwards) {
-    talker.station.talk(stream);
-    listener.station.listen(1);
-    settle();
+    heard();
+    EXPECT_EQ(bridge.streams(), reserved);
     talker.station.leave();
-    talker.take();
-    settle();
-    EXPECT_NE(listener.take().find("talker 0x1 gone\n"), std::string::npos);
+    EXPECT_EQ(heard(), "---\ntalker 0x1 gone\n");
     EXPECT_EQ(bridge.classes("p1").find("Core"), std::string::npos) << bridge.classes("p1");
     loop.runFor(30s);
     EXPECT_EQ(talker.take(), "");
@@ -173,8 +140,7 @@ TEST_F(StationTest, DoesNotHearOthersTalkUnderItsOwnStreamId) {
     listener.ports.cableIs(eth0, [this](const Sim::Pdu& pdu) { talker.ports.deliver(eth0, pdu); });
     talker.station.talk(stream);
     listener.station.talk(stream);
-    settle();
-    EXPECT_EQ(talker.take(), "");
+    EXPECT_EQ(heard(), "---\n");
     talker.station.stopTalking(1);
     loop.runFor(20s);  // a LeaveAll, after which the declaration is offered again
     EXPECT_EQ(talker.take().substr(0, advertised.size()), advertised);
@@ -188,3 +154,5 @@ TEST(StationEvent, IsAnObjectForPrograms) {
     EXPECT_EQ(*o.member("failureCode"), State::Value{std::uint64_t{6}});
     EXPECT_EQ(*Station::value(Station::ListenerEvent{.streamId = 1}).member("state"), State::Value{"None"});
 }
+
+}  // namespace

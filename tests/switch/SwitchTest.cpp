@@ -84,17 +84,6 @@ TEST(Topology, FollowsVlansPortsAndModes) {
     EXPECT_FALSE(lib->topo("NoStp")->topoPort(b)->vlanPortConfig(two)->tagged());
     bridging->vlanConfigIs(two)->intfDel(b);
     EXPECT_EQ(lib->topo("NoStp")->topoPort(b), nullptr);
-
-    // Another mode: its topologies count, and the own one goes.
-    topology->topoConfigIs("Vl2")->topoPortConfigIs(a)->stateIs(PortState::blocking);
-    topology->vlanTopologyIs(two, "Vl2");
-    EXPECT_EQ(lib->topo("Vl2"), nullptr);
-    bridging->vlanConfigIs(two)->intfIs(a)->taggedIs(true);
-    stp->modeIs(Stp::Mode::Pvst);
-    topology->vlanTopologyIs(two, "Vl2");
-    EXPECT_EQ(lib->topo("NoStp"), nullptr);
-    EXPECT_EQ(lib->topo("Vl2")->topoPort(a)->state(), PortState::blocking);
-    EXPECT_TRUE(lib->topo("Vl2")->topoPort(a)->vlanPortConfig(two)->tagged());
 }
 
 }  // namespace
