@@ -1,8 +1,7 @@
 /// Any octets into the decoder: what comes out is what an MRPDU can say, and survives being written again.
 #include "Mrp/Decoder.h"
 
-#include "Mrp/PduWriter.h"
-#include "Msrp/types/Attributes.h"
+#include "Sim/Peer.h"
 #include "fuzz/Check.h"
 #include "fuzz/Sent.h"
 
@@ -52,32 +51,19 @@ void checkCut(Octets pdu, const Mrp::DecodedPdu& whole) {
     check((part.leaveAll & ~whole.leaveAll).none(), "a PDU cut to ", length, " octets has more LeaveAlls");
 }
 
-/// The events in as many PDUs as they take.
-std::vector<std::vector<std::uint8_t>> written(const std::vector<Mrp::DecodedEvent>& events, bool leaveAll) {
-    std::vector<std::vector<std::uint8_t>> pdus;
-    const auto close = [&pdus](Mrp::PduWriter& writer) {
-        const auto octets = writer.finish();
-        pdus.emplace_back(octets.begin(), octets.end());
-    };
-    Mrp::PduWriter writer{Msrp::application(), leaveAll};
-    for (const Mrp::DecodedEvent& event : events) {
-        if (writer.add(event.typeIndex, event.event, event.value)) continue;
-        check(!writer.empty(), "an event does not fit into an empty PDU");
-        close(writer);
-        writer = Mrp::PduWriter{Msrp::application(), false};
-        check(writer.add(event.typeIndex, event.event, event.value),
-              "an event does not fit into an empty PDU");
-    }
-    if (!writer.empty()) close(writer);
-    return pdus;
-}
-
 /// Writing what was read and reading it again gives the same.
 void checkWritten(const Mrp::DecodedPdu& read) {
+    const bool leaveAll = read.leaveAll.any();
+    if (read.events.empty() && !leaveAll) return;
     std::vector<Mrp::DecodedEvent> events = read.events;
     std::ranges::stable_sort(events, {}, &Mrp::DecodedEvent::typeIndex);
-    const bool leaveAll = read.leaveAll.any();
-    const auto pdus = written(events, leaveAll);
+    std::vector<Sim::Say> said;
+    for (const auto& [typeIndex, event, value] : events) {
+        const Mrp::AttributeType& type = Msrp::application().types[typeIndex];
+        const auto octets = std::span{value.octets}.first(type.valueLength);
+        said.push_back({event, type.type, {octets.begin(), octets.end()}, value.declaration});
+    }
+    const auto pdus = Sim::pdusOf(said, leaveAll);
     std::vector<Mrp::DecodedEvent> again;
     for (std::size_t i = 0; i < pdus.size(); ++i) {
         const Mrp::DecodedPdu part = checkSent(pdus[i]);

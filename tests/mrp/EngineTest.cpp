@@ -158,6 +158,13 @@ TEST(Timers, LeaveTimeChangesForLeavesUnderWay) {
     EXPECT_EQ(net.play("2ms"), "-a2 1/5=0\n");
 }
 
+TEST(Timers, ALeaveThatWasStoppedDoesNotEndTheNextOneEarly) {
+    Pair net;
+    EXPECT_EQ(net.play("a2<JoinIn:1/5 a2<Lv:1/5 300ms a2<JoinIn:1/5 a2<Lv:1/5 599ms"),
+              "+a2 1/5=0\n+a2 1/5=0\n");
+    EXPECT_EQ(net.play("2ms"), "-a2 1/5=0\n");
+}
+
 TEST(Timers, LeaveAllComesBetweenOnceAndOneAndAHalfTimesItsTime) {
     Pair net;
     net.play("100s");

@@ -317,12 +317,11 @@ struct Pair {
     Bridge b;
 
 private:
-    static std::map<std::pair<std::uint8_t, std::uint64_t>, Mrp::AttributeValue> of(const App::Books& books,
-                                                                                    IntfId port) {
-        std::map<std::pair<std::uint8_t, std::uint64_t>, Mrp::AttributeValue> out;
+    /// The part of one port.
+    static App::Books of(const App::Books& books, IntfId port) {
+        App::Books out;
         for (const auto& [name, value] : books) {
-            const auto& [intf, type, key] = name;
-            if (intf == port) out[{type, key}] = value;
+            if (std::get<0>(name) == port) out[{IntfId{}, std::get<1>(name), std::get<2>(name)}] = value;
         }
         return out;
     }

@@ -1,5 +1,4 @@
-/// Both ends of a link agree in the end, whatever the link loses, delays or repeats; and which cells of the
-/// state tables it takes to see to that.
+/// Both ends of a link agree in the end, whatever the link loses, delays or repeats.
 #include "tests/mrp/Engines.h"
 
 #include <cstdlib>
@@ -90,69 +89,6 @@ TEST(Exact, RandomLinksAgreeInTheEnd) {
         net.play(twoLeaveAlls);
         ASSERT_TRUE(net.agree());
     }
-}
-
-/// Brings an attribute of a port without a peer into each state and lets each event happen to it; the cells
-/// that this reaches.
-std::set<std::string> explore() {
-    std::set<std::string> reached;
-    const auto live = [&](const std::string& script, bool periodic, std::uint32_t pdus) {
-        Pair net;
-        net.a.config->periodicEnabledIs(periodic);
-        net.a.config->pdusPerOpportunityIs(pdus);
-        net.a.trace.sinkIs(Runtime::TraceLevel::detail, [&](std::string_view line) {
-            const auto at = std::min(line.find("applicant: "), line.find("registrar: "));
-            if (line.find("type 1 key 0x1388 ") != std::string_view::npos && at != std::string_view::npos)
-                reached.insert(std::string{line.substr(at, 13)} + ' ' +
-                               std::string{line.substr(line.find('('))});
-        });
-        net.play(script + " 3s");
-    };
-    // 5000 stands behind all others, so that it is the first for which a PDU has no room.
-    std::string crowd;
-    for (int other = 0; other < 100; ++other) crowd += "a2+1/" + std::to_string(other * 3) + ' ';
-    for (const std::string state :
-         {"a2<JoinIn:1/5000 ", "a2+1/5000 ", "a2+1/5000 0ms ", "a2+1/5000 1s ",
-          "a2<JoinIn:1/5000 a2+1/5000 1s ", "a2+1/5000 a2<JoinIn:1/5000 1s a2<Lv:1/5000 ",
-          "a2+1/5000 1s a2-1/5000 ", "a2<JoinIn:1/5000 a2<* "}) {
-        for (const char* event :
-             {"a2+1/5000", "a2-1/5000", "a2<New:1/5000", "a2<JoinIn:1/5000", "a2<In:1/5000", "a2<Mt:1/5000",
-              "a2<Lv:1/5000", "a2<*", "a2*", "a2!1/5000", "a2^1/5000"})
-            live(state + event, false, 1000);
-        live(state + crowd + "a2*", false, 1);
-    }
-    // What passes by itself is there when the periodic timer fires: for one, what is kept from being sent
-    // because the port has used up its opportunities.
-    const std::string busy = "a2+1/200 1ms a2+1/202 1ms a2+1/204 1ms ";
-    for (const std::string& script :
-         {std::string{"a2<JoinIn:1/5000"}, "990ms " + busy + "a2+1/5000", std::string{"990ms a2+1/5000"},
-          "a2+1/5000 990ms " + busy + "a2-1/5000", std::string{"a2<JoinIn:1/5000 990ms a2<*"}})
-        live(script, true, 1000);
-    return reached;
-}
-
-/// Requests, frames and the clock go through every cell that a point-to-point port has.
-TEST(Exact, EveryCellOfTheTablesIsReached) {
-    const auto reached = explore();
-    // Never asked of the tables: a Join that found no room where nothing was to be said, and a timer that
-    // does not run.
-    const std::set<std::string> never{"applicant: VO (txLAF)", "applicant: LA (txLAF)",
-                                      "applicant: LO (txLAF)", "registrar: IN (leavetimer)",
-                                      "registrar: MT (leavetimer)"};
-    std::string missing;
-    const auto expect = [&](const std::string& cell) {
-        if (reached.contains(cell) == never.contains(cell)) missing += cell + '\n';
-    };
-    for (const std::string state : {"VO", "VP", "AA", "QA", "LA", "LO"}) {
-        for (const std::string event :
-             {"Join", "Lv", "rNew", "rJoinIn", "rIn", "rJoinMt", "rLv", "periodic", "tx", "txLA", "txLAF"})
-            expect("applicant: " + state + " (" + event + ')');
-    }
-    for (const std::string state : {"IN", "LV", "MT"}) {
-        for (const std::string event : {"rJoin", "rLv", "Flush", "leavetimer"})
-            expect("registrar: " + state + " (" + event + ')');
-    }
-    EXPECT_EQ(missing, "");
 }
 
 }  // namespace

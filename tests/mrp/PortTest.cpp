@@ -78,14 +78,9 @@ TEST(Port, CountsWhatItSendsAndReceives) {
     EXPECT_EQ(State::text(*net.b.status->fieldValue("intf", "b1/rxEvents/JoinMt")), "2");
 }
 
-TEST(Port, BaseSpanningTreeTopologyFollowsTheMode) {
+TEST(Port, BaseSpanningTreeTopologyIsThatOfTheNativeVlan) {
     Pair net;
     auto& app = net.a.app;
-    EXPECT_EQ(app.baseSpanningTreeTopo(a1), "NoStp");
-    net.a.stp->modeIs(Stp::Mode::Mstp);
-    EXPECT_EQ(app.baseSpanningTreeTopo(a1), "Cist");
-    net.a.stp->modeIs(Stp::Mode::Disabled);
-    EXPECT_EQ(app.baseSpanningTreeTopo(a1), "");
     net.a.stp->modeIs(Stp::Mode::Pvst);
     EXPECT_EQ(app.baseSpanningTreeTopo(a1), "");
     net.a.bridging->switchIntfConfigIs(a1)->nativeVlanIs(VlanId{10});

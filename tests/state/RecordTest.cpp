@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 namespace State {
@@ -83,49 +84,40 @@ TEST(Record, ReactorsMayEndThemselvesAndOthersWhileTheyRun) {
         other = Reactor{};
         last = root.react([&](const Change&) { second += 10; });
     });
-    root.smallIs(1);
-    EXPECT_EQ(second, 1);
-    root.smallIs(2);
-    EXPECT_EQ(second, 11) << "the new one hears the next change only";
-    last.hasNotificationActiveIs(false);
-    root.smallIs(3);
-    EXPECT_EQ(second, 11);
+    // The new one hears the next change only.
+    for (const int expected : {1, 11, 11}) {
+        root.smallIs(static_cast<std::uint8_t>(root.small() + 1));
+        EXPECT_EQ(second, expected);
+        last.hasNotificationActiveIs(expected == 1);
+    }
 }
 
 TEST(Record, PatchesAreTakenWholeOrNotAtAll) {
+    const auto of = [](const char* key, Value value) { return Value{Object{{key, std::move(value)}}}; };
+    const auto number = [](std::uint64_t n) { return Value{n}; };
     Root root;
-    const Object good{{"small", Value{std::uint64_t{7}}},
-                      {"flag", Value{Object{{"1", Value{true}}, {"2", Value{true}}}}},
-                      {"leaf", Value{Object{{"5", Value{Object{{"colour", Value{"green"}}}}}}}}};
+    const Object flags{{"1", Value{true}}, {"2", Value{true}}};
+    const Object good{
+        {"small", number(7)}, {"flag", Value{flags}}, {"leaf", of("5", of("colour", Value{"green"}))}};
     ASSERT_FALSE(root.apply(Value{good}).has_value());
     EXPECT_EQ(root.leaf().get(5)->colour(), Colour::green);
-    ASSERT_FALSE(root.apply(Value{Object{{"flag", Value{Object{{"1", Value{}}}}}}}).has_value());
+    ASSERT_FALSE(root.apply(of("flag", of("1", Value{}))).has_value());
     EXPECT_EQ(root.flag().size(), 1U);
 
-    struct Case {
-        Object patch;
-        std::string text;
-    };
-    const auto withSmall = [](Object more) {
-        more.insert(more.begin(), {"small", Value{std::uint64_t{1}}});
-        return more;
-    };
-    const std::vector<Case> bad{
-        {{{"small", Value{std::uint64_t{8}}}}, "small: 8 is not from 0 to 7"},
-        {{{"small", Value{"x"}}}, "small: \"x\" is not a whole number from 0 to 255"},
-        {withSmall({{"nothing", Value{true}}}), "no field \"nothing\" in Test::Root"},
-        {withSmall({{"flag", Value{Object{{"x", Value{true}}}}}}),
-         "flag: \"x\" is not a whole number from 0 to 65535"},
-        {withSmall({{"flag", Value{Object{{"3", Value{"x"}}}}}}), "flag/3: \"x\" is not true or false"},
-        {withSmall({{"leaf", Value{Object{{"6", Value{Object{{"colour", Value{"blue"}}}}}}}}}),
-         "leaf/6/colour: \"blue\" is not one of \"red\" \"green\""},
-        {withSmall({{"twice", Value{std::uint64_t{2}}}}), "twice: cannot be written"},
-    };
     const Value before = root.value();
-    for (const Case& c : bad) {
-        const auto problem = root.apply(Value{c.patch});
-        ASSERT_TRUE(problem.has_value()) << c.text;
-        EXPECT_EQ(problem->text(), c.text);
+    for (const auto& [field, value, text] : std::vector<std::tuple<const char*, Value, std::string>>{
+             {"small", number(8), "small: 8 is not from 0 to 7"},
+             {"small", Value{"x"}, "small: \"x\" is not a whole number from 0 to 255"},
+             {"nothing", Value{true}, "no field \"nothing\" in Test::Root"},
+             {"flag", of("x", Value{true}), "flag: \"x\" is not a whole number from 0 to 65535"},
+             {"flag", of("3", Value{"x"}), "flag/3: \"x\" is not true or false"},
+             {"leaf", of("6", of("colour", Value{"blue"})),
+              "leaf/6/colour: \"blue\" is not one of \"red\" \"green\""},
+             {"twice", number(2), "twice: cannot be written"},
+         }) {
+        const auto problem = root.apply(Value{Object{{"flag", of("9", Value{true})}, {field, value}}});
+        ASSERT_TRUE(problem.has_value()) << text;
+        EXPECT_EQ(problem->text(), text);
         EXPECT_EQ(root.value(), before);
     }
 }
@@ -153,17 +145,12 @@ TEST(Record, FeedsCoalesceAndEndInTime) {
 
 TEST(Database, ResolvesPathsAndKeepsTypes) {
     Database database;
-    EXPECT_EQ(database.entityIs("a/b", "Test::Root"), nullptr) << "an unknown type";
     const auto root = database.entityIs<Root>("a/b");
-    ASSERT_NE(root, nullptr);
     EXPECT_EQ(database.entityIs<Root>("a/b"), root);
     EXPECT_EQ(database.entityIs("a/b", "Test::Other"), nullptr);
     EXPECT_EQ(database.resolve("a/b/leaf/1"),
               (std::pair<std::shared_ptr<Entity>, std::string>{root, "leaf/1"}));
     EXPECT_EQ(database.resolve("a/bc").first, nullptr);
-    root->leafIs(1)->colourIs(Colour::green);
-    EXPECT_EQ(root->fieldValue("leaf", "1/colour"), Value{"green"});
-    EXPECT_EQ(root->fieldValue("leaf", "2/colour"), std::nullopt);
 }
 
 }  // namespace

@@ -68,14 +68,11 @@ TEST(Topology, FollowsVlansPortsAndModes) {
     std::string seen;
     const auto reactor =
         lib->watch([&](const State::Change& change) { seen += std::string{change.field} + ' '; });
-    const auto vlan = std::make_shared<State::Value>(State::Object{
-        {"vlanConfig",
-         State::Value{State::Object{
-             {"2", State::Value{State::Object{
-                       {"intf",
-                        State::Value{State::Object{
-                            {"topoB", State::Value{State::Object{{"tagged", State::Value{true}}}}}}}}}}}}}}});
-    ASSERT_FALSE(bridging->apply(*vlan).has_value());
+    const auto of = [](const char* key, State::Value value) {
+        return State::Value{State::Object{{key, std::move(value)}}};
+    };
+    const auto port = of("topoB", of("tagged", State::Value{true}));
+    ASSERT_FALSE(bridging->apply(of("vlanConfig", of("2", of("intf", port)))).has_value());
     EXPECT_TRUE(lib->topo("NoStp")->topoPort(b)->vlanPortConfig(two)->tagged());
     EXPECT_EQ(status->topo().get("NoStp"), 2U);
     EXPECT_EQ(seen.find("tagged"), std::string::npos)
