@@ -34,50 +34,16 @@ public:
 
     /// With `talkOnly` nothing but talkers and listeners changes.
     void step(bool talkOnly = false) {
-        struct Kind {
-            unsigned weight;
-            const char* name;
-            void (RandomLife::*act)();
-        };
-        using Me = RandomLife;
-        static constexpr Kind kinds[] = {
-            {28, "talk", &Me::talk},
-            {14, "stopTalking", &Me::stopTalking},
-            {24, "listen", &Me::listen},
-            {10, "stopListening", &Me::stopListening},
-            {1, "pullCable", &Me::pullCable},
-            {2, "plugCable", &Me::plugCable},
-            {1, "silencePeer", &Me::silencePeer},
-            {1, "changeSpeed", &Me::changeSpeed},
-            {1, "leaveVlan", &Me::leaveVlan},
-            {2, "joinVlan", &Me::joinVlan},
-            {1, "changeShare", &Me::changeShare},
-            {2, "switchClass", &Me::switchClass},
-            {3, "enablePort", &Me::enablePort},
-            {1, "changePriority", &Me::changePriority},
-            {2, "declareDomain", &Me::declareDomain},
-            {1, "endDomain", &Me::endDomain},
-            {1, "changeFactor", &Me::changeFactor},
-            {1, "shape", &Me::shape},
-            {1, "changeNative", &Me::changeNative},
-            {1, "changeFrameLimit", &Me::changeFrameLimit},
-            {1, "changePvid", &Me::changePvid},
-            {1, "changeMode", &Me::changeMode},
-            {2, "changeTree", &Me::changeTree},
-            {1, "changeRole", &Me::changeRole},
-            {1, "waitLong", &Me::waitLong},
-        };
         constexpr std::size_t talkers = 4;
         unsigned total = 0;
-        for (const Kind& kind : std::span{kinds}.first(talkOnly ? talkers : std::size(kinds)))
-            total += kind.weight;
+        for (const Kind& kind : kinds().first(talkOnly ? talkers : kinds().size())) total += kind.weight;
         std::size_t chosen = pick(total);
-        const Kind* kind = kinds;
+        const Kind* kind = kinds().data();
         for (; chosen >= kind->weight; ++kind) chosen -= kind->weight;
         port_ = pick(ports.size());
         stream_ = 1 + pick(streams);
         last_ = kind->name;
-        (this->*kind->act)();
+        kind->act(*this);
         if (pick(3) == 0) loop.runFor(std::chrono::milliseconds{pick(400)});
     }
 
@@ -95,7 +61,7 @@ public:
             bridge.vlanIs(2, ports[port_], true);
             bridge.speedIs(ports[port_], Interface::Speed::speed1Gbps);
             bridge.cliConfig->srPvidIs(intf(), 2);
-            plugCable();
+            cableIs(true);
             declareDomains(peer());
         }
         bridge.cliConfig->srClassASupportedIs(true);
@@ -123,8 +89,58 @@ public:
     std::vector<std::unique_ptr<MrpPeer>> peers;
 
 private:
+    using Me = RandomLife;
+    struct Kind {
+        unsigned weight;
+        const char* name;
+        bool offline;  ///< may also happen while neither agent acts
+        void (*act)(Me&);
+    };
+    static std::span<const Kind> kinds() {
+        static constexpr Kind all[] = {
+            {28, "talk", false, [](Me& l) { l.talk(); }},
+            {14, "stop talking", false, [](Me& l) { l.stopTalking(); }},
+            {24, "listen", false,
+             [](Me& l) { l.peer().declare(listener(l.stream_, Msrp::ListenerState(1 + l.pick(3)))); }},
+            {10, "stop listening", false, [](Me& l) { l.stopListening(); }},
+            {1, "pull cable", true, [](Me& l) { l.cableIs(false); }},
+            {2, "plug cable", true, [](Me& l) { l.cableIs(true); }},
+            {1, "silence peer", false, [](Me& l) { l.peer().linkIs(false); }},
+            {1, "change speed", true,
+             [](Me& l) {
+                 l.bridge.speedIs(l.port(),
+                                  l.oneIn(2) ? Interface::Speed::speed100Mbps : Interface::Speed::speed1Gbps);
+             }},
+            {1, "leave VLAN", true, [](Me& l) { l.bridge.vlanDel(2, l.port()); }},
+            {2, "join VLAN", true, [](Me& l) { l.bridge.vlanIs(2, l.port(), !l.oneIn(4)); }},
+            {1, "change share", true, [](Me& l) { l.cli().srClassABandwidthPercentIs(l.octet(80)); }},
+            {1, "switch class A", true, [](Me& l) { l.cli().srClassASupportedIs(!l.oneIn(5)); }},
+            {1, "switch class B", true, [](Me& l) { l.cli().srClassBSupportedIs(!l.oneIn(3)); }},
+            {2, "enable port", true, [](Me& l) { l.bridge.config->intfEnableIs(l.intf(), !l.oneIn(4)); }},
+            {1, "remove port", true, [](Me& l) { l.bridge.config->intfEnableDel(l.intf()); }},
+            {1, "change priority", true, [](Me& l) { l.cli().srClassAPriorityIs(l.oneIn(3) ? 4 : 3); }},
+            {2, "declare domain", false, [](Me& l) { l.declareDomain(); }},
+            {1, "end domain", false, [](Me& l) { l.peer().withdraw(domain(Msrp::SrClassId::SrClassB, 2)); }},
+            {1, "change factor", true, [](Me& l) { l.cli().shapeRateFactorIs(1.0 + l.octet(3)); }},
+            {1, "shape", true, [](Me& l) { l.cli().shapingDisabledIs(l.oneIn(3)); }},
+            {1, "change native", true, [](Me& l) { l.changeNative(); }},
+            {1, "change frame limit", false,
+             [](Me& l) { l.cli().maxFrameSizeLimitIs(l.oneIn(4) ? 500 : 1500); }},
+            {1, "change PVID", false, [](Me& l) { l.cli().srPvidIs(l.intf(), l.oneIn(2) ? 3 : 2); }},
+            {1, "change mode", true, [](Me& l) { l.changeMode(); }},
+            {2, "change tree", true, [](Me& l) { l.blockedIs(topologies[l.pick(4)], l.port(), l.oneIn(3)); }},
+            {1, "change role", false, [](Me& l) { l.changeRole(); }},
+            {1, "wait long", false, [](Me& l) { l.loop.runFor(std::chrono::seconds{l.pick(6)}); }},
+        };
+        return all;
+    }
+    static constexpr const char* topologies[] = {"Cist", "Mst1", "Vl2", "Vl1"};
+
     std::size_t pick(std::size_t bound) { return random_() % bound; }
+    std::uint8_t octet(std::size_t bound) { return static_cast<std::uint8_t>(pick(bound)); }
     bool oneIn(std::size_t n) { return pick(n) == 0; }
+    Msrp::CliConfig& cli() { return *bridge.cliConfig; }
+    [[nodiscard]] const std::string& port() const { return ports[port_]; }
     MrpPeer& peer() { return *peers[port_]; }
     [[nodiscard]] IntfId intf() const { return IntfId{ports[port_]}; }
 
@@ -161,7 +177,6 @@ private:
         peer().withdraw(advertise(talker()));
         peer().withdraw(failed(talker(), 0));
     }
-    void listen() { peer().declare(listener(stream_, static_cast<Msrp::ListenerState>(1 + pick(3)))); }
     void stopListening() { peer().withdraw(listener(stream_, Msrp::ListenerState::Ready)); }
     void declareDomain() {
         if (oneIn(3)) {
@@ -170,48 +185,13 @@ private:
             declareDomains(peer());
         }
     }
-    void endDomain() { peer().withdraw(domain(Msrp::SrClassId::SrClassB, 2)); }
 
     // Cables
     void cableIs(bool up) {
         bridge.linkIs(ports[port_], up);
         peer().linkIs(up);
     }
-    void pullCable() { cableIs(false); }
-    void plugCable() { cableIs(true); }
-    /// The peer falls silent with the link up.
-    void silencePeer() { peer().linkIs(false); }
-    void changeSpeed() {
-        bridge.speedIs(ports[port_],
-                       oneIn(2) ? Interface::Speed::speed100Mbps : Interface::Speed::speed1Gbps);
-    }
 
-    // The operator
-    void leaveVlan() { bridge.vlanDel(2, ports[port_]); }
-    void joinVlan() { bridge.vlanIs(2, ports[port_], !oneIn(4)); }
-    void changeShare() { bridge.cliConfig->srClassABandwidthPercentIs(static_cast<std::uint8_t>(pick(80))); }
-    void switchClass() {
-        if (oneIn(2)) {
-            bridge.cliConfig->srClassBSupportedIs(!oneIn(3));
-        } else {
-            bridge.cliConfig->srClassASupportedIs(!oneIn(5));
-        }
-    }
-    void enablePort() {
-        if (oneIn(4)) {
-            bridge.config->intfEnableDel(intf());
-        } else {
-            bridge.config->intfEnableIs(intf(), !oneIn(4));
-        }
-    }
-    void changePriority() {
-        bridge.cliConfig->srClassAPriorityIs(static_cast<std::uint8_t>(oneIn(3) ? 4 : 3));
-    }
-    void changeFactor() { bridge.cliConfig->shapeRateFactorIs(1.0 + static_cast<double>(pick(3))); }
-    void changeFrameLimit() { bridge.cliConfig->maxFrameSizeLimitIs(oneIn(4) ? 500 : 1500); }
-    void changePvid() { bridge.cliConfig->srPvidIs(intf(), static_cast<std::uint16_t>(2 + pick(2))); }
-
-    void shape() { bridge.cliConfig->shapingDisabledIs(oneIn(3)); }
     /// The ports' native VLAN comes and goes, and with it their base topology where each VLAN has a tree.
     void changeNative() {
         if (oneIn(2)) {
@@ -231,35 +211,22 @@ private:
     void vlanTopologyIs(const char* topology) { bridge.topology->vlanTopologyIs(VlanId{2}, topology); }
     void changeMode() {
         static constexpr Stp::Mode modes[] = {Stp::Mode::Rstp, Stp::Mode::Mstp, Stp::Mode::Pvst};
-        static constexpr const char* topologies[] = {"Cist", "Mst1", "Vl2"};
         const std::size_t which = pick(6);
         if (which < 3) vlanTopologyIs(topologies[which]);
         bridge.stp->modeIs(which < 3 ? modes[which] : Stp::Mode::None);
-    }
-    void changeTree() {
-        static constexpr const char* topologies[] = {"Cist", "Mst1", "Vl1", "Vl2"};
-        blockedIs(topologies[pick(4)], ports[port_], oneIn(3));
     }
 
     /// The other agent takes over.
     void changeRole() {
         bridge.activeStops();
         if (oneIn(2)) loop.runFor(std::chrono::milliseconds{pick(300)});
-        // What is configured while nobody acts.
-        using Me = RandomLife;
-        static constexpr void (Me::*operations[])() = {
-            &Me::leaveVlan,   &Me::joinVlan,       &Me::changeSpeed, &Me::switchClass,  &Me::enablePort,
-            &Me::changeShare, &Me::changePriority, &Me::changeMode,  &Me::changeTree,   &Me::pullCable,
-            &Me::plugCable,   &Me::changeFactor,   &Me::shape,       &Me::changeNative,
-        };
-        for (std::size_t i = pick(4); i > 0; --i) {
+        for (std::size_t i = pick(8); i > 0; --i) {
             port_ = pick(ports.size());
-            (this->*operations[pick(std::size(operations))])();
+            const Kind& kind = kinds()[pick(kinds().size())];
+            if (kind.offline) kind.act(*this);
         }
         bridge.standbyTakesOver();
     }
-
-    void waitLong() { loop.runFor(std::chrono::seconds{pick(6)}); }
 
     std::mt19937_64 random_;
     std::string last_;

@@ -37,8 +37,11 @@ protected:
         settle();
         EXPECT_EQ(bridge.stream(1), reserved);
     }
+    // Half a second later:
+
     /// The streams, and behind them what each peer has registered but for the domains; one line for each.
-    [[nodiscard]] std::string picture() const {
+    [[nodiscard]] std::string picture() {
+        settle();
         std::string out = bridge.streams();
         for (const Peer* peer : {&p1, &p2, &p3}) {
             std::istringstream lines{peer->registered()};
@@ -49,7 +52,16 @@ protected:
         }
         return out;
     }
-    void expectLogged(const std::vector<std::string>& texts, std::size_t times = 1) const {
+    [[nodiscard]] std::string stream1() {
+        settle();
+        return bridge.stream(1);
+    }
+    void expectHears(const Peer& peer, const std::string& declared) {
+        settle();
+        EXPECT_NE(peer.registered().find(declared), std::string::npos) << peer.registered();
+    }
+    void expectLogged(const std::vector<std::string>& texts, std::size_t times = 1) {
+        settle();
         for (const std::string& text : texts) EXPECT_EQ(bridge.logged(text), times) << text;
     }
     void expectNoQueues() {
