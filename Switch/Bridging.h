@@ -41,6 +41,12 @@ public:
     [[nodiscard]] const State::Collection<IntfId, VlanPortConfig>& intf() const { return intf_; }
     [[nodiscard]] std::shared_ptr<const VlanPortConfig> intf(IntfId id) const { return intf_.get(id); }
     std::shared_ptr<VlanPortConfig> intfIs(IntfId id) { return makeChild(intf_, id, "intf"); }
+    /// Takes the port in, or changes how it carries the VLAN, as one change.
+    void intfIs(IntfId id, bool tagged) {
+        const auto held = intf_.get(id);
+        if (!held || held->tagged() != tagged)
+            putChild(intf_, id, std::make_shared<VlanPortConfig>(id, tagged), "intf");
+    }
     void intfDel(IntfId id) { delChild(intf_, id, "intf"); }
 
     template <class F>

@@ -5,6 +5,29 @@
 
 namespace Bridging {
 
+namespace {
+
+/// Visits that one key, or else all that are in `entries`.
+template <class K, class E, class F>
+void forEachKey(std::optional<K> only, const State::Collection<K, E>& entries, F&& visit) {
+    if (only) return visit(*only);
+    for (auto key = entries.firstKey(); key; key = entries.nextKey(*key)) visit(*key);
+}
+
+}  // namespace
+
+TopologyAgent::Scope TopologyAgent::scope(const State::Change& change) {
+    const auto* vlan = change.key<VlanId>();
+    const auto* intf = change.key<IntfId>();
+    if (vlan != nullptr && (change.field == "vlanConfig" || change.field == "vlanTopology")) {
+        return {.vlan = *vlan, .intf = {}};
+    }
+    if (intf == nullptr) return {};
+    if (change.field == "topoPortConfig") return {.vlan = {}, .intf = *intf};
+    const auto* members = dynamic_cast<const VlanConfig*>(&change.entity);
+    return members != nullptr ? Scope{.vlan = members->vlanId(), .intf = *intf} : Scope{};
+}
+
 TopologyAgent::TopologyAgent(std::shared_ptr<const Config> bridging, std::shared_ptr<const Stp::Status> stp,
                              std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ports,
                              std::shared_ptr<Topology::Config> topology)
@@ -14,35 +37,33 @@ TopologyAgent::TopologyAgent(std::shared_ptr<const Config> bridging, std::shared
       topology_{std::move(topology)} {
     bridgingReactor_ = bridging_->watch([this](const State::Change& change) {
         if (change.field != "bridgeMac" && change.field != "nativeVlan" && change.field != "switchportMode")
-            refresh();
+            refresh(scope(change));
     });
     stpReactor_ = stp_->react([this](const State::Change& change) {
-        if (change.field == "mode") refresh();
+        if (change.field == "mode") refresh({});
     });
-    portsReactor_ = ports_->react([this](const State::Change&) { refresh(); });
+    if (ports_) portsReactor_ = ports_->react([this](const State::Change&) { refresh({}); });
     topologyReactor_ = topology_->watch([this](const State::Change& change) {
-        if (change.field != "state") refresh();
+        if (change.field != "state") refresh(scope(change));
     });
-    refresh();
+    refresh({});
 }
 
-void TopologyAgent::refresh() {
+void TopologyAgent::refresh(const Scope& scope) {
     if (refreshing_) return;  // a change of our own
     refreshing_ = true;
-    keepOwnTopology();
+    if (ports_) keepOwnTopology();
     // A VLAN that moves leaves its old topology before it enters the new one: the other way round it would
     // look blocked.
-    forEachPort([this](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
-        const auto& vlans = port.vlanPortConfig();
-        for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan)) {
-            if (!member(topo, *vlan, intf)) port.vlanPortConfigDel(*vlan);
-        }
+    forEachPort(scope, [&](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
+        forEachKey(scope.vlan, port.vlanPortConfig(), [&](VlanId vlan) {
+            if (!member(topo, vlan, intf)) port.vlanPortConfigDel(vlan);
+        });
     });
-    forEachPort([this](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
-        const auto& vlans = bridging_->vlanConfig();
-        for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan)) {
-            if (const auto held = member(topo, *vlan, intf)) port.vlanPortConfigIs(*vlan, held->tagged());
-        }
+    forEachPort(scope, [&](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
+        forEachKey(scope.vlan, bridging_->vlanConfig(), [&](VlanId vlan) {
+            if (const auto held = member(topo, vlan, intf)) port.vlanPortConfigIs(vlan, held->tagged());
+        });
     });
     refreshing_ = false;
 }
@@ -75,14 +96,14 @@ std::shared_ptr<const VlanPortConfig> TopologyAgent::member(const std::string& t
 }
 
 void TopologyAgent::forEachPort(
+    const Scope& scope,
     const std::function<void(const std::string&, IntfId, Topology::TopoPortConfig&)>& visit) {
     const auto& topos = topology_->topoConfig();
     for (auto name = topos.firstKey(); name; name = topos.nextKey(*name)) {
         const auto topo = topology_->topoConfig(*name);
-        const auto& ports = topo->topoPortConfig();
-        for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
-            if (const auto port = topo->topoPortConfig(*intf)) visit(*name, *intf, *port);
-        }
+        forEachKey(scope.intf, topo->topoPortConfig(), [&](IntfId intf) {
+            if (const auto port = topo->topoPortConfig(intf)) visit(*name, intf, *port);
+        });
     }
 }
 
