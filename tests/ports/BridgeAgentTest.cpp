@@ -1,0 +1,151 @@
+#include "Linux/BridgeAgent.h"
+#include "Linux/EpollLoop.h"
+#include "tests/linux/BridgeText.h"
+#include "tests/ports/Namespace.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class BridgeAgentTest : public PortsTest {
+protected:
+    void SetUp() override {
+        PortsTest::SetUp();
+        if (IsSkipped()) return;
+        config->bridgeIs("br0");
+        for (const char* port : {"p1", "p2", "p3"}) Namespace::cable(port, std::string{"far"} + port);
+    }
+    void start(int queueBytes = Linux::DeviceTable::defaultQueueBytes) {
+        ASSERT_EQ(requests.open(), "");
+        ASSERT_EQ(devices.start(), "");
+        ASSERT_EQ(agent.start(queueBytes), "");
+    }
+    static void bridge(const std::string& options = "") {
+        Namespace::ip("link add br0 up address 02:00:00:00:00:01 type bridge forward_delay 200 " + options);
+    }
+    static void join(std::initializer_list<const char*> ports) {
+        for (const std::string port : ports) Namespace::ip("link set " + port + " master br0");
+    }
+    /// Runs until the records read like that; what they read at last.
+    std::string until(const std::string& text) {
+        loop.runUntil([&] { return described(records) == text; }, 5s);
+        return described(records);
+    }
+
+    Linux::EpollLoop loop;
+    Linux::DeviceTable devices{loop};
+    Linux::NetlinkRequests requests;
+    std::shared_ptr<Linux::Config> config = std::make_shared<Linux::Config>();
+    Linux::BridgeRecords records = bridgeRecords();
+    std::vector<std::string> complaints;
+    Linux::BridgeAgent agent{loop,
+                             devices,
+                             requests,
+                             config,
+                             records.bridging,
+                             records.topology,
+                             records.stp,
+                             [this](const std::string& line) { complaints.push_back(line); }};
+};
+
+#define EXPECT_RECORDS(text) EXPECT_EQ(until(text), text)
+
+constexpr auto noBridge = "None; NoStp";
+constexpr auto twoPorts = "None; NoStp p1 forwarding p2 forwarding; 2 p1+ p2+; native p1 1 p2 1";
+
+TEST_F(BridgeAgentTest, TheRecordsFollowPortsTheirStatesAndTheirNames) {
+    bridge();
+    join({"p1", "p2"});
+    start();
+    EXPECT_EQ(described(records), twoPorts) << "true when start returns";
+    EXPECT_EQ(records.bridging->bridgeMac().text(), "02:00:00:00:00:01");
+    Namespace::ip("link set p1 type bridge_slave state 1");
+    EXPECT_RECORDS("None; NoStp p1 blocking p2 forwarding; 2 p1+ p2+; native p1 1 p2 1");
+    Namespace::ip("link set p1 type bridge_slave state 3");
+    EXPECT_RECORDS(twoPorts);
+    join({"p3"});
+    EXPECT_RECORDS(
+        "None; NoStp p1 forwarding p2 forwarding p3 forwarding; 2 p1+ p2+ p3+; "
+        "native p1 1 p2 1 p3 1");
+    Namespace::ip("link set p1 nomaster");
+    Namespace::ip("link del p3");
+    EXPECT_RECORDS("None; NoStp p2 forwarding; 2 p2+; native p2 1");
+    Namespace::ip("link set p2 nomaster");
+    EXPECT_RECORDS(noBridge);
+    join({"p1", "p2"});
+    EXPECT_RECORDS(twoPorts);
+
+    // Two ports change their names, one of them loses its link on the way.
+    Namespace::ip("link set farp2 down");
+    for (const std::string port : {"p1", "p2"}) Namespace::ip("link set " + port + " down");
+    Namespace::ip("link set p1 name p9");
+    Namespace::ip("link set p2 name p1");
+    Namespace::ip("link set p9 name p2");
+    for (const std::string port : {"p1", "p2"}) Namespace::ip("link set " + port + " up");
+    EXPECT_RECORDS("None; NoStp p1 blocking p2 forwarding; 2 p1+ p2+; native p1 1 p2 1");
+    EXPECT_TRUE(complaints.empty());
+}
+
+TEST_F(BridgeAgentTest, ABridgeMayComeLateAndGoAndReturn) {
+    Namespace::ip("link add br0 type veth peer name br1");
+    start();
+    EXPECT_EQ(described(records), noBridge);
+    Namespace::ip("link del br0");
+    bridge();
+    join({"p1", "p2"});
+    EXPECT_RECORDS(twoPorts);
+    Namespace::ip("link del br0");
+    EXPECT_RECORDS(noBridge);
+    bridge("stp_state 1 priority 4096");
+    join({"p1"});
+    EXPECT_RECORDS("Rstp 4096; Cist p1 blocking; 2@Cist p1+; native p1 1");
+    Namespace::ip("link set br0 type bridge stp_state 0");
+    Namespace::ip("link set p1 type bridge_slave state 3");
+    EXPECT_RECORDS("None; NoStp p1 forwarding; 2 p1+; native p1 1");
+    Namespace::ip("link set br0 down");
+    Namespace::ip("link set br0 name br9");
+    EXPECT_RECORDS(noBridge);
+    Namespace::ip("link set br9 name br0");
+    Namespace::ip("link set br0 up");
+    EXPECT_RECORDS("None; NoStp p1 forwarding; 2 p1+; native p1 1");
+    EXPECT_EQ(complaints, (std::vector<std::string>{"bridge br0 is not a bridge", "bridge br0 does not exist",
+                                                    "bridge br0 does not exist"}));
+}
+
+TEST_F(BridgeAgentTest, TheVlansOfABridgeThatFiltersThemAreItsOwn) {
+    bridge();
+    if (std::system("ip link set br0 type bridge vlan_filtering 1 2>/dev/null") != 0)
+        GTEST_SKIP() << "this kernel's bridges do not filter VLANs";
+    const auto vlan = [](const std::string& arguments) {
+        EXPECT_EQ(std::system(("bridge vlan " + arguments).c_str()), 0) << arguments;
+    };
+    join({"p1", "p2"});
+    start(1);  // room for one or two notifications
+    const std::string states = "None; NoStp p1 forwarding p2 forwarding; ";
+    EXPECT_EQ(described(records), states + "1 p1- p2-; native p1 1 p2 1");
+    vlan("add dev p1 vid 2-3");
+    vlan("add dev p2 vid 2 pvid untagged");
+    vlan("add dev br0 vid 7 self");
+    EXPECT_RECORDS(states + "1 p1- p2-; 2 p1+ p2-; 3 p1+; native p1 1 p2 2");
+    vlan("set dev p1 vid 2 state 4");
+    EXPECT_RECORDS(states + "1 p1- p2-; 2 p2-; 3 p1+; native p1 1 p2 2");
+    vlan("set dev p1 vid 2 state 3");
+    vlan("del dev p2 vid 1-2");
+    EXPECT_RECORDS(states + "1 p1-; 2 p1+; 3 p1+; native p1 1 p2 1");
+    Namespace::ip("link set br0 type bridge vlan_filtering 0");
+    EXPECT_RECORDS(twoPorts);
+    vlan("add dev p2 vid 5");  // while nobody looks
+    Namespace::ip("link set br0 type bridge vlan_filtering 1");
+    EXPECT_RECORDS(states + "1 p1-; 2 p1+; 3 p1+; 5 p2+; native p1 1 p2 1");
+    Namespace::ip("link set p1 nomaster");
+    join({"p1"});
+    EXPECT_RECORDS(states + "1 p1-; 5 p2+; native p1 1 p2 1");
+    // More than fit: VLANs that come and go one by one.
+    ASSERT_EQ(std::system("for v in $(seq 100 400); do echo vlan add dev p1 vid $v; done | bridge -b - &&"
+                          "for v in $(seq 100 399); do echo vlan del dev p1 vid $v; done | bridge -b -"),
+              0);
+    EXPECT_RECORDS(states + "1 p1-; 5 p2+; 400 p1+; native p1 1 p2 1");
+    EXPECT_TRUE(complaints.empty());
+}
+
+}  // namespace
