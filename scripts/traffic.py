@@ -16,9 +16,8 @@ import socket
 import struct
 import time
 
-_PACKET_STATISTICS, _PACKET_IGNORE_OUTGOING, _SO_ATTACH_FILTER = 6, 23, 26
+_SOL_PACKET, _PACKET_STATISTICS, _PACKET_IGNORE_OUTGOING, _SO_ATTACH_FILTER, _SO_SNDBUFFORCE = 263, 6, 23, 26, 32
 _CLONE_NEWNET = 0x40000000
-_SOL_PACKET = 263
 _libc = ctypes.CDLL(None, use_errno=True)
 
 # Both: bit/s by priority, without check sequence and preamble.
@@ -64,6 +63,8 @@ class Sender:
         self._sent = multiprocessing.Array("Q", len(rates), lock=False)
         with inside(namespace):
             self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+            # What waits in queues still belongs to the socket: it must not keep other priorities from being sent.
+            self._socket.setsockopt(socket.SOL_SOCKET, _SO_SNDBUFFORCE, 64 << 20)
             self._socket.bind((interface, 0))
         self._process = multiprocessing.get_context("fork").Process(target=self._run, daemon=True)
 
