@@ -1,0 +1,52 @@
+/// What the kernel holds of one port's queues and filters, leaving out what it put in by itself.
+#pragma once
+
+#include "Linux/Netlink.h"
+#include "Linux/TrafficControl.h"
+#include "Linux/TrafficFilters.h"
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Linux {
+
+/// Where filters of incoming and outgoing packets hang.
+inline constexpr std::uint32_t ingressFilters = TC_H_MAKE(TC_H_CLSACT, 0xFFF2U);
+inline constexpr std::uint32_t egressFilters = TC_H_MAKE(TC_H_CLSACT, 0xFFF3U);
+
+struct PortQueues {
+    std::optional<Qdisc> root;
+    std::optional<Qdisc> ingress;  ///< what holds the filters of incoming packets, and which is not a queue
+    std::vector<Qdisc> children;
+    std::vector<TokenBucketClass> classes;  ///< of "htb"
+    std::vector<Filter> filters;            ///< of the root, and those of incoming and outgoing packets
+
+    /// Takes in what an answer or a notification about this port says, or the request that the kernel carried
+    /// out.
+    void take(const nlmsghdr& message);
+
+    /// Null where there is none.
+    [[nodiscard]] const Qdisc* child(std::uint32_t parent) const;
+    [[nodiscard]] const TokenBucketClass* findClass(std::uint32_t id) const;
+
+    bool operator==(const PortQueues&) const = default;
+
+private:
+    void take(const Qdisc& qdisc, bool deleted);
+    void take(const TokenBucketClass& change, bool deleted);
+    void take(const Filter& filter, bool deleted);
+    /// Forgets the root with all that went with it.
+    void rootDel();
+};
+
+/// The device that a message about queues or filters concerns; 0: it is about something else.
+unsigned queueDevice(const nlmsghdr& message);
+
+/// Reads what those devices have.  Empty on success; else what is in `queues` is worth nothing.
+std::string readQueues(NetlinkChannel& kernel, const std::set<unsigned>& devices,
+                       std::map<unsigned, PortQueues>& queues);
+
+}  // namespace Linux

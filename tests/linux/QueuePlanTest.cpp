@@ -1,0 +1,205 @@
+#include "Linux/IngressMap.h"
+#include "Linux/QueuePlan.h"
+#include "Linux/ShaperChoice.h"
+#include "tests/linux/Golden.h"
+
+#include <linux/rtnetlink.h>
+
+using Linux::Ability;
+using Linux::ClassRates;
+using Linux::PortQueues;
+using Linux::Shaper;
+using Linux::Shaping;
+
+namespace {
+
+TEST(Credits, AreThoseOfTheStandardsFormulas) {
+    struct Case {
+        std::uint64_t portRate;
+        ClassRates rates;
+        Linux::LargestFrames frames;
+        Linux::Credits a, b;
+    };
+    const auto cases = std::to_array<Case>({
+        {100'000, {30'000, 10'000}, {342, 542}, {30'000, -70'000, 463, -240}, {10'000, -90'000, 255, -488}},
+        {1'000'000,
+         {75'000, 20'000},
+         {342, 542},
+         {75'000, -925'000, 116, -317},
+         {20'000, -980'000, 41, -532}},
+        {10'000'000,
+         {750'000, 200'000},
+         {342, 542},
+         {750'000, -9'250'000, 116, -317},
+         {200'000, -9'800'000, 41, -532}},
+        {1'000'000, {450'000, 300'000}, {}, {450'000, -550'000, 694, -849}, {300'000, -700'000, 1304, -1080}},
+        // The most that records and links can hold: nothing overflows.
+        {2'147'483'647,
+         {600'000'000, 600'000'000},
+         {},
+         {600'000'000, -1'547'483'647, 431, -1112},
+         {600'000'000, -1'547'483'647, 1029, -1112}},
+    });
+    for (const Case& c : cases) {
+        EXPECT_EQ(Linux::classACredits(c.portRate, c.rates, c.frames), c.a) << c.portRate;
+        EXPECT_EQ(Linux::classBCredits(c.portRate, c.rates, c.frames), c.b) << c.portRate;
+    }
+}
+
+/// One port, whose kernel carries out everything.
+struct Port {
+    /// Makes the queues as wanted; the differences that there were, a line for each.
+    std::string settle(Shaper shaper, ClassRates rates, std::uint64_t portRate = 1'000'000) {
+        const Linux::WantedQueues wanted{11, 0x100, shaper, portRate, rates, priorities, 2};
+        std::string differences = carriedOut(Linux::planQueues(wanted, have));
+        EXPECT_EQ(carriedOut(Linux::planQueues(wanted, have)), "") << "after that, nothing is left to do";
+        if (shaper != Shaper::none) {
+            EXPECT_EQ(Linux::shapedRates(have, 0x100), rates);
+        }
+        return differences;
+    }
+    std::string carriedOut(const std::vector<Linux::QueueStep>& steps) {
+        std::string lines;
+        for (const auto& step : steps) {
+            lines += step.difference + '\n';
+            const auto& request = *reinterpret_cast<const nlmsghdr*>(step.request.bytes().data());
+            if (const auto qdisc = Linux::decodeQdisc(request); qdisc && request.nlmsg_type == RTM_NEWQDISC) {
+                const auto* shaper = std::get_if<Linux::CreditShaper>(&qdisc->options);
+                EXPECT_TRUE(shaper == nullptr || shaper->credits.idleSlope > 0) << "hangs the kernel";
+            }
+            have.take(request);
+        }
+        return lines;
+    }
+    PortQueues have;
+    Linux::ClassPriorities priorities;
+};
+
+TEST(QueuePlan, ChangesCreditsInPlaceAndInTheOrderThatKeepsPromises) {
+    Port port;
+    EXPECT_EQ(port.settle(Shaper::software, {}), "") << "without a reservation the port is left as it is";
+    EXPECT_EQ(port.settle(Shaper::software, {75'000, 20'000}),
+              "the queues are not set up\nclass A is not shaped to 75000 kbit/s\n"
+              "class B is not shaped to 20000 kbit/s\n");
+    EXPECT_EQ(port.settle(Shaper::software, {150'000, 20'000}),
+              "class A is shaped to 75000 kbit/s instead of 150000\n"
+              "class B is shaped to 20000 kbit/s instead of 20000, with other credits\n");
+    EXPECT_EQ(port.settle(Shaper::software, {75'000, 10'000}),
+              "class B is shaped to 20000 kbit/s instead of 10000\nclass A is shaped to 150000 kbit/s "
+              "instead of 75000\n");
+    EXPECT_EQ(port.settle(Shaper::software, {75'000, 10'000}, 10'000'000),
+              "class B is shaped to 10000 kbit/s instead of 10000, with other credits\n"
+              "class A is shaped to 75000 kbit/s instead of 75000, with other credits\n")
+        << "another speed";
+    EXPECT_EQ(
+        port.settle(Shaper::software, {0, 10'000}, 10'000'000),
+        "class B is shaped to 10000 kbit/s instead of 10000, with other credits\nclass A is still shaped\n"
+        "class A is still shaped\n");
+    EXPECT_EQ(port.settle(Shaper::software, {}), "class B is still shaped\nclass B is still shaped\n")
+        << "the root stays";
+    port.priorities = {1U << 5, 1U << 4};
+    EXPECT_EQ(port.settle(Shaper::hardware, {75'000, 0}),
+              "the queues are set up otherwise\nthe queues are not set up\n"
+              "class A is not shaped to 75000 kbit/s\nclass B has no queue\n");
+    EXPECT_EQ(port.settle(Shaper::none, {}), "the queues are still set up\n");
+    EXPECT_EQ(port.have, PortQueues{});
+}
+
+TEST(QueuePlan, MakesAndChangesTokenBuckets) {
+    Port port;
+    port.settle(Shaper::software, {1000, 1000});
+    const std::string root = "the queues are set up otherwise\nthe queues are not set up\n";
+    EXPECT_EQ(port.settle(Shaper::htb, {75'000, 20'000}),
+              root +
+                  "the port has no class of its own\nother traffic has no class of its own\n"
+                  "frames are not sorted by priority\nclass A has no class of its own\n"
+                  "class A has no queue for 256 frames\nclass B has no class of its own\n"
+                  "class B has no queue for 256 frames\n");
+    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}),
+              "class A is shaped to 75000 kbit/s instead of 80000\nclass B is still shaped\n");
+    port.priorities = {1U << 3, 0};
+    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}),
+              "frames are sorted otherwise\nframes are not sorted by priority\n");
+    auto strange = port.have.classes.front();
+    strange.id = Linux::queueId(0x100, 0x99);
+    port.have.classes.push_back(strange);
+    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}).substr(0, root.size()), root);
+}
+
+TEST(QueuePlan, LeavesAnothersRootAndTakesOverWhatIsRightButForTheQueuesOfOtherTraffic) {
+    Port port;
+    port.settle(Shaper::software, {75'000, 20'000});
+    auto& queues = std::get<Linux::PriorityQueues>(port.have.root->options);
+    queues.queues.back().count = 1;
+    EXPECT_EQ(port.settle(Shaper::software, {75'000, 20'000}), "");
+    port.have.root->handle = Linux::queueId(0x200);
+    const PortQueues before = port.have;
+    EXPECT_TRUE(Linux::foreignRoot(port.have, 0x100));
+    EXPECT_TRUE(Linux::planQueues({11, 0x100, Shaper::none, 0, {}, {}, 1}, before).empty());
+}
+
+TEST(IngressMap, HasOneFilterForEachPriorityAndLeavesThoseOfOthers) {
+    Port port;
+    EXPECT_EQ(
+        port.carriedOut(Linux::planIngressMap(11, {}, port.have)),
+        "there is no place for filters of incoming frames\npriority 2 of incoming frames is not mapped\n"
+        "priority 3 of incoming frames is not mapped\n");
+    EXPECT_EQ(port.carriedOut(Linux::planIngressMap(11, {}, port.have)), "");
+    auto foreign = port.have.filters.front();
+    foreign.preference = 7;
+    port.have.filters.push_back(foreign);
+    EXPECT_EQ(port.carriedOut(Linux::planIngressMap(11, {1U << 3, 0}, port.have)),
+              "a priority of incoming frames is still mapped\n");
+    port.carriedOut(Linux::planIngressMap(11, {0, 0}, port.have));
+    EXPECT_EQ(port.have.filters, std::vector{foreign});
+    EXPECT_TRUE(Linux::planIngressRemoval(port.have).empty());
+    port.have.filters.clear();
+    port.carriedOut(Linux::planIngressRemoval(port.have));
+    EXPECT_EQ(port.have, PortQueues{});
+}
+
+TEST(ShaperChoice, IsTheBestThatIsAllowedAndWorks) {
+    Linux::Abilities noCbs;
+    noCbs.cbs = Ability::absent;
+    Linux::Abilities nothing = noCbs;
+    nothing.htb = Ability::absent;
+    const Linux::ShaperRefusals never;
+    const Linux::ShaperRefusals offload{"unheard of", "", ""};
+    using Choice = Linux::ShaperChoice;
+    const auto choose = Linux::chooseShaper;
+    EXPECT_EQ(choose(Shaping::automatic, {}, 4, never), (Choice{Shaper::hardware, ""}));
+    EXPECT_EQ(choose(Shaping::automatic, {}, 4, offload),
+              (Choice{Shaper::software, "no credits in hardware: unheard of"}));
+    EXPECT_EQ(choose(Shaping::hardware, {}, 4, offload),
+              (Choice{Shaper::none, "no credits in hardware: unheard of"}));
+    EXPECT_EQ(choose(Shaping::software, {}, 4, offload), (Choice{Shaper::software, ""}));
+    EXPECT_EQ(choose(Shaping::automatic, {}, 1, never),
+              (Choice{Shaper::htb, "no credits in hardware: 1 of 3 transmit queues"}));
+    EXPECT_EQ(choose(Shaping::automatic, nothing, 4, never),
+              (Choice{Shaper::none,
+                      "no credits in hardware: the kernel has no cbs; no token buckets: "
+                      "the kernel has no htb"}));
+    EXPECT_EQ(choose(Shaping::none, {}, 4, never), (Choice{Shaper::none, "switched off by configuration"}));
+}
+
+TEST(SrQueues, AreThoseOfPriorities3And2WithAllThatShareThem) {
+    Qos::Status status;
+    Qos::HwStatus hardware;
+    Qos::Input::IntfConfig port{IntfId{"p1"}};
+    const auto reserve = [&](std::uint8_t queue, std::uint64_t rate) {
+        port.txQueueConfigIs({queue, Qos::TxQueueType::unicast}, 2, Qos::noPercent, {ShapeRateVal{rate}, 0},
+                             Qos::noGuaranteedBw);
+    };
+    const Linux::QueueTables tables{status, hardware};
+    reserve(7, 75'000);
+    EXPECT_EQ(Linux::wantedRates(&port, tables), (ClassRates{75'000, 0}));
+    reserve(6, 20'000);
+    EXPECT_EQ(Linux::wantedRates(&port, tables), (ClassRates{75'000, 20'000}));
+    EXPECT_EQ(Linux::classPriorities(tables), (Linux::ClassPriorities{1U << 3, 1U << 2}));
+    status.cosToTcIs(Cos{2}, TrafficClass{7});  // one queue for both
+    EXPECT_EQ(Linux::wantedRates(&port, tables), (ClassRates{75'000, 0}));
+    EXPECT_EQ(Linux::classPriorities(tables), (Linux::ClassPriorities{1U << 3 | 1U << 2, 0}));
+    EXPECT_EQ(Linux::wantedRates(nullptr, tables), ClassRates{});
+}
+
+}  // namespace
