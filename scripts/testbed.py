@@ -28,7 +28,8 @@ class Failure(Exception):
 class Testbed:
     """Ports swp1, swp2, ... of the switch, each with a cable to the eth0 of a station's namespace."""
 
-    def __init__(self, build, ports=3):
+    def __init__(self, build, ports=3, queues=1):
+        self.queues = str(queues)  # transmit queues of each port
         self.build = pathlib.Path(build)
         self.ports = [f"swp{n}" for n in range(1, ports + 1)]
         self.prefix = f"msrp-{os.getpid()}-"
@@ -86,7 +87,8 @@ class Testbed:
     def cable(self, port):
         """Joins a port and its station."""
         station = self.station_of(port)
-        self._ip("link", "add", port, "netns", self.switch, "address", self.address(port), "type", "veth",
+        self._ip("link", "add", port, "netns", self.switch, "address", self.address(port),
+                 "numtxqueues", self.queues, "numrxqueues", self.queues, "type", "veth",
                  "peer", "name", "eth0", "address", self.address(port).replace(":01:", ":02:"), "netns", station)
         self._ip("-n", self.switch, "link", "set", port, "up")
         self._ip("-n", station, "link", "set", "eth0", "up")

@@ -1,0 +1,128 @@
+/// Shapes the queues of the bridge's ports to what the records ask for.
+///
+/// Records say what is reserved in a queue; the kernel's own tables, read at start and followed by its
+/// notifications, say what there is.  Whatever changes, one comparison of the two (`planQueues`,
+/// `planIngressMap`) says what to ask of the kernel, so a start, a change, a repair and an audit are the same
+/// thing.  What is right already is left as it is: a restarted daemon interrupts nothing.
+///
+/// Of a port's queues, those below a root with the configured handle are ours.  Somebody else's root is never
+/// replaced.  Ours stays while the daemon runs, also when nothing is reserved any more, since taking it away
+/// would cost frames; `stop` takes it away.
+#pragma once
+
+#include "Linux/CapabilityStatus.h"
+#include "Linux/Config.h"
+#include "Linux/DeviceTable.h"
+#include "Linux/PortQueues.h"
+#include "Linux/QueuePlan.h"
+#include "Linux/ShaperChoice.h"
+#include "Runtime/Loop.h"
+#include "Switch/Qos.h"
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Linux {
+
+class ShaperAgent {
+public:
+    struct Records {
+        std::shared_ptr<const Config> config;
+        std::shared_ptr<const Qos::Input::Config> wanted;
+        std::shared_ptr<const Qos::Status> status;
+        std::shared_ptr<const Qos::HwStatus> hardware;
+        /// Holds the machine's abilities when the agent starts; gets how each port is shaped.
+        std::shared_ptr<CapabilityStatus> capabilities;
+    };
+    /// Longest time after a start until reservations that still hold are there again: a round of LeaveAll.
+    static constexpr Runtime::Duration defaultSettling = std::chrono::seconds{20};
+
+    /// `wake` is called when there is something to carry out: call `raise` and `lower` soon.  Loop, devices
+    /// and kernel must outlive the agent; the devices are used no longer than it lives.
+    ShaperAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
+                std::function<void()> wake, Complaint complaint = {});
+
+    /// For `settling`, ports keep at least the bandwidth that an earlier life of the daemon left them.  Empty
+    /// on success.
+    std::string start(Runtime::Duration settling = defaultSettling);
+    /// Carries out what the records ask for, but takes nothing away from anybody.
+    void raise();
+    /// Carries out the rest.
+    void lower();
+    /// Reads everything anew; a line for each difference between records and kernel, which `repair` removes.
+    [[nodiscard]] std::vector<std::string> audit(bool repair);
+    /// Takes away all that is ours, and does nothing from then on.
+    void stop();
+
+private:
+    struct Port {
+        std::string name;
+        PortQueues have;
+        bool unread = true;    ///< `have` may not be what the kernel has
+        bool adopted = false;  ///< read for the first time
+        ClassRates leftOver;   ///< shaped by an earlier life of the daemon
+        ShaperRefusals refusals;
+        std::uint16_t otherQueues = 0;        ///< that may be used for other traffic
+        std::optional<WantedQueues> applied;  ///< as it was last made to be
+        std::vector<Runtime::Time> repairs;   ///< of what somebody else changed
+        bool leftAlone = false;               ///< until it settles: somebody changes it again and again
+        bool madeIngress = false;             ///< the place for filters of incoming packets is ours
+        std::string ingressProblem;
+    };
+    using Ports = std::map<unsigned, Port>;
+
+    void deviceChanged(const Device* before, const Device* now);
+    /// It is no port of ours any more; its queues are given back if it does not return at once.
+    void depart(unsigned ifindex);
+    void notice(const nlmsghdr& message);
+    void readEverything();
+
+    /// Brings the ports and what the kernel has of them up to date.
+    void refresh();
+    void followMembers();
+    void readPorts();
+    /// Reads that port again; whether it is as it was.
+    bool unchanged(unsigned ifindex, Port& port);
+    void noticeDrift(Port& port);
+
+    void carryOut(bool lowering);
+    [[nodiscard]] ClassRates targetRates(const Port& port, std::uint64_t portRate, bool lowering) const;
+    /// How the port's queues should be, and in `why` why they are not better; nothing where they are to be
+    /// left alone.
+    [[nodiscard]] std::optional<WantedQueues> decide(const Port& port, const Device& device, bool lowering,
+                                                     std::string& why) const;
+    void applyQueues(Port& port, const Device& device, bool lowering);
+    [[nodiscard]] ClassPriorities mappedPriorities() const;
+    void applyIngressMap(Port& port, unsigned ifindex, ClassPriorities mapped);
+    void giveBack(unsigned ifindex, Port& port);
+    /// Until one fails, whose answer it gives.
+    NetlinkAnswer carryOut(Port& port, const std::vector<QueueStep>& steps);
+
+    void publish(const Port& port, Shaper shaper, const std::string& why);
+    void complain(const std::string& line) const;
+    [[nodiscard]] QueueTables tables() const { return {*records_.status, *records_.hardware}; }
+
+    Runtime::FdLoop& loop_;
+    DeviceTable& devices_;
+    NetlinkChannel& kernel_;
+    const Records records_;
+    const std::function<void()> wake_;
+    const Complaint complaint_;
+    NetlinkNotices notices_;
+    Ports ports_;
+    Ports departed_;  ///< that left the bridge with queues of ours
+    std::string readProblem_;
+    bool settling_ = false;
+    bool running_ = false;
+    Runtime::Timer settled_;
+    Runtime::Timer again_;  ///< when ports that were left alone get another try, and failed reads
+    std::vector<State::Reactor> reactors_;
+};
+
+}  // namespace Linux
