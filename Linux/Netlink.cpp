@@ -20,6 +20,8 @@ namespace {
 constexpr std::size_t bufferSize = 64 << 10;
 /// Notifications that are taken in one turn of the loop.
 constexpr int noticesPerTurn = 64;
+/// The same for somebody who needs to know them all before acting; a few milliseconds' worth.
+constexpr int noticesPerDrain = 2000;
 /// A table that changes faster than this many dumps is left until its next notification.
 constexpr int dumpAttempts = 5;
 /// Requests that are sent at once; their answers must fit into the socket.
@@ -246,7 +248,7 @@ std::string NetlinkNotices::open(std::initializer_list<unsigned> groups, int buf
         }
     }
     buffer_.resize(bufferSize);
-    watch_ = loop_.watch(fd_.get(), Runtime::FdLoop::Ready::readable, [this] { read(); });
+    watch_ = loop_.watch(fd_.get(), Runtime::FdLoop::Ready::readable, [this] { read(noticesPerTurn); });
     return {};
 }
 
@@ -258,19 +260,22 @@ void NetlinkNotices::discard() {
     }
 }
 
-void NetlinkNotices::read() {
-    for (int i = 0; i < noticesPerTurn; ++i) {
+bool NetlinkNotices::drain() { return read(noticesPerDrain); }
+
+bool NetlinkNotices::read(int limit) {
+    for (int i = 0; i < limit; ++i) {
         const Datagram datagram = receive(fd_, buffer_, MSG_DONTWAIT);
         if (datagram.error == ENOBUFS) {
             lost_();
-            return;
+            return false;
         }
-        if (datagram.error != 0) return;
+        if (datagram.error != 0) return true;
         eachMessage(datagram.bytes, [this](const nlmsghdr& message) {
             each_(message);
             return true;
         });
     }
+    return false;
 }
 
 }  // namespace Linux

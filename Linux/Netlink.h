@@ -115,9 +115,12 @@ public:
     std::string open(std::initializer_list<unsigned> groups, int bufferBytes, int family = NETLINK_ROUTE);
     /// Throws away what is queued, to be called before everything is read anew: old news would undo the new.
     void discard();
+    /// Hands on what is queued without waiting for the loop, a bounded number; true when nothing is left.
+    bool drain();
 
 private:
-    void read();
+    /// At most that many; true when nothing is left.
+    bool read(int limit);
 
     Runtime::FdLoop& loop_;
     const NetlinkHandler each_;

@@ -1,0 +1,43 @@
+#include "Linux/GroupAudit.h"
+
+#include "Linux/GroupLedger.h"
+#include "Runtime/Text.h"
+
+#include <algorithm>
+
+namespace Linux {
+
+std::string describedGroup(const GroupMember& member, const BridgeView& view) {
+    const auto port =
+        std::ranges::find_if(view.ports, [&](const auto& p) { return p.second == member.port; });
+    const std::string name =
+        port != view.ports.end() ? port->first : Runtime::concat("interface number ", member.port);
+    const std::string vlan = member.group.vid != 0 ? Runtime::concat(" VLAN ", member.group.vid) : "";
+    return Runtime::concat("group ", member.group.mac, vlan, " on ", name);
+}
+
+std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, const BridgeView& view,
+                                        const GroupTable& table, const GroupStatus& status,
+                                        const std::function<bool(EthAddr)>& underway) {
+    std::set<EthAddr> addresses = wantedAddresses(config);
+    for (const HeldGroup& held : table.all()) {
+        if (held.owner == GroupOwner::us) addresses.insert(held.member.group.mac);
+    }
+    std::vector<GroupFinding> findings;
+    for (const EthAddr mac : addresses) {
+        if (underway(mac)) continue;
+        const auto wishes = wantedGroups(config, mac, view);
+        for (const WantedGroup& wish : wishes) {
+            if (table.owner(wish.member)) continue;
+            const std::string* why = status.failed().find(failureKey(wish));
+            findings.push_back({mac, describedGroup(wish.member, view) + ": missing",
+                                why != nullptr ? *why : std::string{}});
+        }
+        for (const GroupMember& member : difference(wishes, table.of(mac)).surplus) {
+            findings.push_back({mac, describedGroup(member, view) + ": ours, but not wanted", {}});
+        }
+    }
+    return findings;
+}
+
+}  // namespace Linux

@@ -1,0 +1,27 @@
+/// Compares what a bridge's multicast table holds with what it shall hold, for people.
+#pragma once
+
+#include "Linux/GroupStatus.h"
+#include "Linux/GroupWanted.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Linux {
+
+/// "group 91:e0:f0:00:fe:01 VLAN 2 on swp1"
+std::string describedGroup(const GroupMember& member, const BridgeView& view);
+
+struct GroupFinding {
+    EthAddr mac;
+    std::string text;
+    std::string why;  ///< where it is known
+};
+
+/// Every difference but those of addresses that are `underway`.
+std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, const BridgeView& view,
+                                        const GroupTable& table, const GroupStatus& status,
+                                        const std::function<bool(EthAddr)>& underway);
+
+}  // namespace Linux

@@ -1,0 +1,81 @@
+#include "Linux/GroupLedger.h"
+
+#include "Runtime/Text.h"
+
+namespace Linux {
+
+std::string failureKey(const WantedGroup& wanted) {
+    return Runtime::concat(wanted.vlan, '/', wanted.member.group.mac, '/', wanted.intf);
+}
+
+GroupOutcome groupOutcome(std::span<const WantedGroup> wanted, const GroupTable& table,
+                          const std::map<GroupMember, std::string>& why) {
+    GroupOutcome outcome;
+    for (const WantedGroup& wish : wanted) {
+        ++outcome.wanted;
+        if (const auto owner = table.owner(wish.member)) {
+            ++outcome.programmed;
+            if (*owner == GroupOwner::another) ++outcome.foreign;
+        } else if (const auto reason = why.find(wish.member); reason != why.end()) {
+            outcome.failed.emplace(failureKey(wish), reason->second);
+        }
+    }
+    return outcome;
+}
+
+void GroupLedger::enter(EthAddr mac, GroupOutcome outcome) {
+    const GroupOutcome before = std::move(outcomes_[mac]);
+    for (const auto& [entry, why] : before.failed) {
+        if (!outcome.failed.contains(entry)) status_->failedDel(entry);
+    }
+    for (const auto& [entry, why] : outcome.failed) {
+        status_->failedIs(entry, why);
+        Reason& reason = reasons_[why];
+        if (reason.entries++ == 0) reason.example = entry;
+    }
+    leave(before);
+    total_.wanted += outcome.wanted;
+    total_.programmed += outcome.programmed;
+    total_.foreign += outcome.foreign;
+    if (outcome.failed.empty()) {
+        failing_.erase(mac);
+    } else {
+        failing_.insert(mac);
+    }
+    if (outcome.wanted == 0) {
+        outcomes_.erase(mac);
+    } else {
+        outcomes_[mac] = std::move(outcome);
+    }
+}
+
+void GroupLedger::leave(const GroupOutcome& outcome) {
+    total_.wanted -= outcome.wanted;
+    total_.programmed -= outcome.programmed;
+    total_.foreign -= outcome.foreign;
+    for (const auto& [entry, why] : outcome.failed) {
+        const auto reason = reasons_.find(why);
+        if (reason != reasons_.end() && --reason->second.entries == 0) reasons_.erase(reason);
+    }
+}
+
+void GroupLedger::publish(std::size_t tableUsed, std::size_t tableSize) {
+    status_->wantedIs(total_.wanted);
+    status_->programmedIs(total_.programmed);
+    status_->foreignIs(total_.foreign);
+    status_->tableUsedIs(static_cast<std::uint32_t>(tableUsed));
+    status_->tableSizeIs(static_cast<std::uint32_t>(tableSize));
+}
+
+std::vector<std::string> GroupLedger::news() {
+    std::vector<std::string> lines;
+    for (auto& [why, reason] : reasons_) {
+        if (std::exchange(reason.told, true)) continue;
+        std::string line = Runtime::concat("group ", reason.example, " is not forwarded: ", why);
+        if (reason.entries > 1) line += Runtime::concat(" (and ", reason.entries - 1, " others)");
+        lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+}  // namespace Linux

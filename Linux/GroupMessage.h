@@ -1,0 +1,55 @@
+/// Entries of a bridge's multicast table ("MDB"), as they are asked for, listed and announced: a frame to the
+/// group's address goes to the ports that are in the group, and to no other.
+#pragma once
+
+#include "Linux/NetlinkMessage.h"
+#include "Switch/EthAddr.h"
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Linux {
+
+/// What takes one place in the bridge's table.
+struct Group {
+    EthAddr mac;
+    std::uint16_t vid = 0;  ///< 0 on a bridge that does not filter VLANs
+    /// What tells groups of IP addresses apart, whose `mac` is zero; empty for those that are of interest.
+    std::string ip;
+    auto operator<=>(const Group&) const = default;
+};
+
+/// One port in one group.
+struct GroupMember {
+    Group group;
+    unsigned port = 0;  ///< the kernel's index; that of the bridge itself where the host listens
+    auto operator<=>(const GroupMember&) const = default;
+};
+
+struct GroupEntry {
+    GroupMember member;
+    bool permanent = true;      ///< false: learned from what hosts report
+    std::uint8_t protocol = 0;  ///< who made it, where the kernel can tell; 0: not said
+    bool operator==(const GroupEntry&) const = default;
+};
+
+/// `protocol` 4 to 255, or 0 for kernels that know no such mark.
+NetlinkMessage groupAdd(unsigned bridge, const GroupMember& member, std::uint8_t protocol);
+NetlinkMessage groupDelete(unsigned bridge, const GroupMember& member);
+/// Behind the header of a request for the tables of all bridges: the kernel lists no single one.
+std::array<std::byte, 8> groupDumpBody();
+
+/// Whether the bridge keeps groups at all; without, it sends every multicast frame everywhere.
+NetlinkMessage multicastSnooping(unsigned bridge, bool on);
+/// Groups for which the bridge's table has room.
+NetlinkMessage multicastTableSize(unsigned bridge, std::uint32_t groups);
+
+/// The entries in one message of a dump, or in a notification (RTM_NEWMDB: they are there, RTM_DELMDB: they
+/// are no more).  None for messages about something else, about another bridge, or malformed.
+std::vector<GroupEntry> decodeGroups(const nlmsghdr& message, unsigned bridge);
+
+}  // namespace Linux

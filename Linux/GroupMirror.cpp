@@ -1,0 +1,73 @@
+#include "Linux/GroupMirror.h"
+
+#include <linux/rtnetlink.h>
+#include <utility>
+
+namespace Linux {
+
+namespace {
+
+/// Notifications of thousands of groups that go at once.
+constexpr int queueBytes = 8 << 20;
+
+}  // namespace
+
+GroupMirror::GroupMirror(Runtime::FdLoop& loop, NetlinkChannel& requests, OwnerOf ownerOf, Changed changed,
+                         std::function<void()> lost)
+    : loop_{loop},
+      requests_{requests},
+      ownerOf_{std::move(ownerOf)},
+      changed_{std::move(changed)},
+      notices_{loop, [this](const nlmsghdr& message) { notice(message); }, std::move(lost)} {}
+
+std::string GroupMirror::start() { return notices_.open({RTNLGRP_MDB}, queueBytes); }
+
+void GroupMirror::bridgeIs(unsigned bridge) {
+    bridge_ = bridge;
+    known_ = false;
+    table_.clear();
+}
+
+NetlinkAnswer GroupMirror::read() {
+    // Old news would undo the new.
+    notices_.discard();
+    std::vector<GroupEntry> entries;
+    NetlinkAnswer answer = dump(entries);
+    if (!answer) return answer;
+    std::set<GroupMember> there;
+    for (const GroupEntry& entry : entries) there.insert(entry.member);
+    for (const HeldGroup& held : table_.all()) {
+        if (!there.contains(held.member)) take(held.member, std::nullopt);
+    }
+    for (const GroupEntry& entry : entries) take(entry.member, ownerOf_(entry));
+    known_ = true;
+    return answer;
+}
+
+NetlinkAnswer GroupMirror::dump(std::vector<GroupEntry>& entries) {
+    return requests_.dump(
+        RTM_GETMDB, groupDumpBody(), [&] { entries.clear(); },
+        [&](const nlmsghdr& message) {
+            for (GroupEntry& entry : decodeGroups(message, bridge_)) entries.push_back(std::move(entry));
+        });
+}
+
+void GroupMirror::notice(const nlmsghdr& message) {
+    if (bridge_ == 0) return;
+    for (const GroupEntry& entry : decodeGroups(message, bridge_)) {
+        take(entry.member, message.nlmsg_type == RTM_NEWMDB ? std::optional{ownerOf_(entry)} : std::nullopt);
+    }
+}
+
+void GroupMirror::take(const GroupMember& member, std::optional<GroupOwner> now) {
+    const auto before = table_.owner(member);
+    if (before == now) return;  // most often our own doing
+    if (now) {
+        table_.put(member, *now);
+    } else {
+        table_.erase(member, loop_.now());
+    }
+    changed_(member, before, now);
+}
+
+}  // namespace Linux

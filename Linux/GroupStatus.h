@@ -1,0 +1,60 @@
+/// "linux/groups": how the wanted groups fare in the bridge's multicast table.
+#pragma once
+
+#include "State/Record.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace Linux {
+
+class GroupStatus : public State::Record<GroupStatus> {
+public:
+    static constexpr std::string_view type = "Linux::GroupStatus";
+
+    /// Pairs of group and port that are asked for, on ports that the bridge has.
+    [[nodiscard]] std::uint32_t wanted() const { return wanted_; }
+    void wantedIs(std::uint32_t v) { assign(wanted_, v, "wanted"); }
+    /// Those of them that the bridge's table holds.
+    [[nodiscard]] std::uint32_t programmed() const { return programmed_; }
+    void programmedIs(std::uint32_t v) { assign(programmed_, v, "programmed"); }
+    /// Those of the programmed that somebody else made.
+    [[nodiscard]] std::uint32_t foreign() const { return foreign_; }
+    void foreignIs(std::uint32_t v) { assign(foreign_, v, "foreign"); }
+    /// Groups in the table, whoever made them.
+    [[nodiscard]] std::uint32_t tableUsed() const { return tableUsed_; }
+    void tableUsedIs(std::uint32_t v) { assign(tableUsed_, v, "tableUsed"); }
+    /// Groups for which the table has room; some of it is left to others.  0: not known.
+    [[nodiscard]] std::uint32_t tableSize() const { return tableSize_; }
+    void tableSizeIs(std::uint32_t v) { assign(tableSize_, v, "tableSize"); }
+    /// Entries that are wanted and not there, "VLAN/ADDRESS/PORT", and why.
+    [[nodiscard]] const State::FlatMap<std::string, std::string>& failed() const { return failed_; }
+    void failedIs(const std::string& entry, const std::string& why) {
+        setEntry(failed_, entry, why, "failed");
+    }
+    void failedDel(const std::string& entry) { delEntry(failed_, entry, "failed"); }
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::scalar("wanted", &GroupStatus::wanted_));
+        each(State::scalar("programmed", &GroupStatus::programmed_));
+        each(State::scalar("foreign", &GroupStatus::foreign_));
+        each(State::scalar("tableUsed", &GroupStatus::tableUsed_));
+        each(State::scalar("tableSize", &GroupStatus::tableSize_));
+        each(State::map("failed", &GroupStatus::failed_));
+    }
+
+private:
+    std::uint32_t wanted_ = 0;
+    std::uint32_t programmed_ = 0;
+    std::uint32_t foreign_ = 0;
+    std::uint32_t tableUsed_ = 0;
+    std::uint32_t tableSize_ = 0;
+    State::FlatMap<std::string, std::string> failed_;
+};
+
+}  // namespace Linux
+
+// Made once, in the source file beside this header.
+extern template class State::Record<Linux::GroupStatus>;

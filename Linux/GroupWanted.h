@@ -1,0 +1,53 @@
+/// What a bridge's multicast table shall hold, and what has to be done for that.
+#pragma once
+
+#include "Linux/DeviceTable.h"
+#include "Linux/GroupTable.h"
+#include "Switch/BridgingInput.h"
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Linux {
+
+/// The bridge and its ports, as far as they decide what its table shall hold.
+struct BridgeView {
+    unsigned bridge = 0;  ///< the kernel's index; 0: it does not exist
+    bool operational = false;
+    bool vlanFiltering = false;
+    bool snooping = false;
+    std::uint32_t tableSize = 0;            ///< groups; 0: not known
+    std::map<std::string, unsigned> ports;  ///< index by name
+    bool operator==(const BridgeView&) const = default;
+};
+BridgeView bridgeView(const DeviceTable& devices, std::string_view bridge);
+
+/// One wish of the record, and the entry that fulfils it.  On a bridge that does not filter VLANs, several
+/// may be fulfilled by one.
+struct WantedGroup {
+    VlanId vlan;
+    IntfId intf;
+    GroupMember member;
+};
+/// Wishes for that address on ports that the bridge has, by VLAN and port.
+std::vector<WantedGroup> wantedGroups(const Bridging::Input::Config& config, EthAddr mac,
+                                      const BridgeView& view);
+/// Addresses for which the record has wishes.
+std::set<EthAddr> wantedAddresses(const Bridging::Input::Config& config);
+
+struct GroupDifference {
+    std::vector<GroupMember> missing;  ///< wanted, and nobody's is there
+    std::vector<GroupMember> surplus;  ///< ours, and not wanted
+};
+/// Of one address, or of all.
+GroupDifference difference(std::span<const WantedGroup> wanted, std::span<const HeldGroup> held);
+
+/// Whether a bridge can be asked to forward that address to chosen ports.
+bool isForwardable(EthAddr mac);
+
+}  // namespace Linux

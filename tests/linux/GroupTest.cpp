@@ -1,0 +1,172 @@
+#include "Linux/GroupAnswer.h"
+#include "Linux/GroupDrift.h"
+#include "Linux/GroupJournal.h"
+#include "Linux/GroupWanted.h"
+#include "Runtime/Text.h"
+#include "tests/linux/Golden.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <linux/rtnetlink.h>
+
+namespace {
+
+using Linux::GroupMember;
+using Linux::GroupReaction;
+
+const golden::Recording& groups() {
+    static const golden::Recording recording{"groups"};
+    return recording;
+}
+GroupMember member(unsigned last, std::uint16_t vid, unsigned port) {
+    return {{EthAddr::fromNumber(0x91E0F000FE00 + last), vid, {}}, port};
+}
+
+TEST(GroupMessage, AsksInTheKernelsWords) {
+    const auto same = [](const Linux::NetlinkMessage& message, const char* name) {
+        EXPECT_EQ(golden::hex(message.bytes()), groups().requests(name).front()) << name;
+    };
+    same(Linux::groupAdd(10, member(1, 0, 11), 0), "mdb add without vid");
+    same(Linux::groupAdd(10, member(3, 0, 11), 78), "mdb add with protocol 78");
+    same(Linux::groupAdd(10, member(4, 2, 11), 78), "mdb add vid 2 with protocol 78");
+    same(Linux::groupDelete(10, member(2, 2, 11)), "mdb del vid 2");
+    same(Linux::multicastSnooping(10, true), "bridge: multicast snooping on");
+    same(Linux::multicastTableSize(10, 16384), "bridge: multicast table size");
+    const auto body = Linux::groupDumpBody();
+    EXPECT_EQ(golden::hex(body), groups().requests("mdb dump").front().substr(32));
+}
+
+/// "01/2@11 by 78", those of IP addresses as "ip/0@11".
+std::string described(const golden::Bytes& message) {
+    std::string text;
+    for (const auto& entry : Linux::decodeGroups(golden::header(message), 10)) {
+        const auto& [group, port] = entry.member;
+        const std::string name = group.ip.empty() ? group.mac.text().substr(15) : "ip";
+        text += Runtime::concat(text.empty() ? "" : ", ", name, '/', group.vid, '@', port, " by ",
+                                unsigned{entry.protocol}, entry.permanent ? "" : " for a while");
+    }
+    return text;
+}
+
+TEST(GroupMessage, IsReadFromAllKernels) {
+    for (const std::string kernel : {"6.18", "6.12", "6.1"}) {
+        const auto notice = [&](const std::string& name) {
+            return described(groups().notifications(kernel + ' ' + name).front());
+        };
+        // Two of them filter VLANs, so that a group without one is in each.
+        const std::string vid = kernel == "6.18" ? "0" : "1";
+        EXPECT_EQ(notice("group added"), "08/" + vid + "@13 by 4");
+        EXPECT_EQ(notice("group added with vid"), "09/2@13 by 4");
+        EXPECT_EQ(notice("group deleted"), "08/" + vid + "@13 by 4");
+        std::string all;
+        for (const auto& message : groups().dump(kernel + " mdb dump")) all += described(message);
+        for (const std::string& entry : {"01/" + vid + "@11 by 4", "01/" + vid + "@12 by 4",
+                                         std::string{"02/2@11 by 4"}, "07/" + vid + "@10 by 0"})
+            EXPECT_NE(all.find(entry), std::string::npos) << kernel << ": " << entry << " in " << all;
+        for (const auto& message : groups().dump(kernel + " mdb dump")) {
+            EXPECT_TRUE(Linux::decodeGroups(golden::header(message), 11).empty()) << "another bridge's";
+            golden::cutAnywhere(message, [](const nlmsghdr& cut) { (void)Linux::decodeGroups(cut, 10); });
+        }
+    }
+}
+
+TEST(GroupWanted, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
+    Bridging::Input::Config config;
+    const auto mac = member(1, 0, 0).group.mac;
+    for (const unsigned vlan : {2, 3}) {
+        for (const char* port : {"swp1", "swp2", "elsewhere"})
+            config.fdbConfigIs(VlanId{vlan})->ethGroupIs(mac)->intfIs(IntfId{port}, true);
+    }
+    config.fdbConfig(VlanId{3})->ethGroup(mac)->intfIs(IntfId{"swp2"}, false);
+    Linux::BridgeView view{.bridge = 10, .ports = {{"swp1", 11}, {"swp2", 12}}};
+    // Another's in place of one that is wanted, one of ours that is not, and one of another's.
+    const std::vector<Linux::HeldGroup> held{{member(1, 0, 11), Linux::GroupOwner::another},
+                                             {member(1, 3, 12), Linux::GroupOwner::us},
+                                             {member(1, 4, 12), Linux::GroupOwner::another}};
+    const auto todo = [&] {
+        std::string text;
+        const auto difference = Linux::difference(Linux::wantedGroups(config, mac, view), held);
+        for (const auto& [group, port] : difference.missing)
+            text += Runtime::concat('+', group.vid, '@', port);
+        for (const auto& [group, port] : difference.surplus)
+            text += Runtime::concat('-', group.vid, '@', port);
+        return text;
+    };
+    EXPECT_EQ(todo(), "-3@12") << "no wish in force";
+    config.fdbConfigPriorityIs(1);
+    EXPECT_EQ(todo(), "+0@12-3@12");
+    view.vlanFiltering = true;
+    EXPECT_EQ(todo(), "+2@11+2@12+3@11-3@12");
+}
+
+TEST(GroupAnswer, SaysWhatToDo) {
+    EXPECT_EQ(Linux::reactionToAdd({}), GroupReaction::done);
+    EXPECT_EQ(Linux::reactionToAdd({EEXIST, "Group is already joined by port"}), GroupReaction::reread);
+    EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Unknown attribute type"}), GroupReaction::unmarked);
+    EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Bridge device is not running"}), GroupReaction::refused);
+    EXPECT_EQ(Linux::reactionToAdd({E2BIG, ""}), GroupReaction::full);
+    EXPECT_EQ(Linux::reactionToDelete({EINVAL, ""}), GroupReaction::reread);
+    EXPECT_EQ(Linux::reactionToDelete({EINVAL, "Bridge's multicast processing is disabled"}),
+              GroupReaction::refused);
+}
+
+TEST(GroupDrift, LeavesAloneWhatChangesThreeTimesAMinute) {
+    using namespace std::chrono_literals;
+    Linux::GroupDrift drift;
+    const Runtime::Time begin{100s};
+    const GroupMember often = member(1, 0, 1);
+    const GroupMember seldom = member(2, 0, 1);
+    EXPECT_FALSE(drift.changed(often, begin));
+    EXPECT_FALSE(drift.changed(often, begin + 1s));
+    EXPECT_TRUE(drift.changed(often, begin + 59s));
+    EXPECT_TRUE(drift.leftAlone(often, begin + 118s));
+    EXPECT_FALSE(drift.leftAlone(often, begin + 119s)) << "it gets another chance";
+    for (int i = 0; i < 4; ++i) EXPECT_FALSE(drift.changed(seldom, begin + i * 31s));
+}
+
+TEST(GroupJournal, KnowsItsOwnAfterAnyEnd) {
+    const std::string path = testing::TempDir() + "group-journal-" + std::to_string(getpid());
+    const GroupMember kept = member(1, 2, 11);
+    const GroupMember dropped = member(2, 2, 11);
+    {
+        Linux::GroupJournal journal{path};
+        journal.add(kept, "swp1");
+        journal.add(dropped, "swp1");
+        EXPECT_EQ(journal.flush(), "");
+        journal.erase(dropped);
+        EXPECT_EQ(journal.flush(), "");
+    }
+    {
+        std::ofstream file{path, std::ios::app};
+        file << "? what\n+ 11 swp1 5000 91:e0:f0:00:fe:03\n+ 12 swp2 2 91:e0:f0:00:fe:04";  // torn
+    }
+    {
+        const Linux::GroupJournal journal{path};
+        EXPECT_TRUE(journal.lists(kept, "swp1"));
+        EXPECT_FALSE(journal.lists(kept, "swp9")) << "the index has another bearer";
+        EXPECT_FALSE(journal.lists(dropped, "swp1"));
+        EXPECT_FALSE(journal.lists(member(4, 2, 12), "swp2"));
+    }
+    {
+        Linux::GroupJournal journal{path};
+        journal.portNameIs(11, "swp3");
+        EXPECT_EQ(journal.flush(), "");
+        // History does not make the file grow without end.
+        for (int i = 0; i < 3000; ++i) {
+            journal.add(dropped, "swp1");
+            journal.erase(dropped);
+            EXPECT_EQ(journal.flush(), "");
+        }
+    }
+    EXPECT_LT(std::filesystem::file_size(path), 50'000U);
+    EXPECT_TRUE(Linux::GroupJournal{path}.lists(kept, "swp3"));
+    EXPECT_EQ((Linux::GroupJournal{path}.keepOnly({})), "");
+    EXPECT_EQ(std::filesystem::file_size(path), 0U);
+    std::filesystem::remove(path);
+
+    Linux::GroupJournal nowhere{"/nonexistent/journal"};
+    nowhere.add(kept, "swp1");
+    EXPECT_EQ(nowhere.flush(), "cannot write /nonexistent/journal: No such file or directory");
+}
+
+}  // namespace
