@@ -23,6 +23,9 @@ public:
     RecordAccess(State::Database& database, std::set<std::string, std::less<>> writable)
         : database_{database}, writable_{std::move(writable)} {}
 
+    /// That record is somebody else's to write from now on.
+    void writableDel(const std::string& path) { writable_.erase(path); }
+
     /// A record, or what `path` names below it ("msrp/config/intfEnable/swp1").
     [[nodiscard]] Answer get(std::string_view path) const;
     /// Writes one field, entry or whole record; null removes an entry.

@@ -10,9 +10,18 @@ PortsOfInterest::PortsOfInterest(std::shared_ptr<const Msrp::Config> msrp,
       removed_{std::move(removed)} {
     msrpReactor_ = msrp_->react([this](const State::Change&) { refresh(); });
     bridgingReactor_ = bridging_->watch([this](const State::Change& change) {
-        if (change.field == "vlanConfig" || change.field == "intf") refresh();
+        if (change.field == "vlanConfig" || (change.field == "intf" && matters(change))) refresh();
     });
     refresh();
+}
+
+bool PortsOfInterest::matters(const State::Change& change) const {
+    const auto* intf = change.key<IntfId>();
+    const auto* vlan = dynamic_cast<const Bridging::VlanConfig*>(&change.entity);
+    if (intf == nullptr || vlan == nullptr) return true;
+    // A port of a trunk joins and leaves thousands of VLANs one by one.
+    const bool stays = msrp_->intfEnable().contains(*intf) || vlan->intf(*intf) != nullptr;
+    return !(stays && ports_.contains(*intf));
 }
 
 void PortsOfInterest::refresh() {

@@ -20,6 +20,8 @@ public:
 
 private:
     void refresh();
+    /// Whether a port may have come or gone with a change in a VLAN's members.
+    [[nodiscard]] bool matters(const State::Change& change) const;
 
     std::shared_ptr<const Msrp::Config> msrp_;
     std::shared_ptr<const Bridging::Config> bridging_;

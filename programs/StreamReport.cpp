@@ -77,14 +77,21 @@ private:
         StreamPortReport p;
         p.name = port;
         // Another stream may have the group of that address.
-        p.carried =
+        const bool wanted =
             !textOf(at(stream, {"ethGroup"})).empty() &&
             isTrue(at(snapshot_.record("bridging/input/config/msrp"),
                       {"fdbConfig", std::to_string(r.vlan), "ethGroup", r.destination, "intf", port}));
+        const std::string entry = std::to_string(r.vlan) + '/' + r.destination + '/' + port;
+        const std::string refusal = textOf(at(snapshot_.record("linux/groups"), {"failed", entry}));
+        p.carried = wanted && refusal.empty();
         p.age = age(stream, port);
         p.talker = textOf(at(stream, {"talkerState", port}));
         p.listener = textOf(at(stream, {"listenerState", port}));
-        if (!p.carried) p.reason = reason(r, p, stream);
+        if (wanted && !refusal.empty()) {
+            p.reason = "reserved, but the kernel does not forward it: " + refusal;
+        } else if (!p.carried) {
+            p.reason = reason(r, p, stream);
+        }
         const U64 code = numberOf(at(stream, {"talkerFailureCode", port}));
         if (!p.carried && r.failure.empty() && wantsBandwidth(code)) {
             p.wait = lines_.forBandwidth(r.id, stream, port);

@@ -6,6 +6,7 @@
 #include "Runtime/RingLog.h"
 #include "programs/Capture.h"
 #include "programs/ShowMrp.h"
+#include "programs/ShowSwitch.h"
 #include "programs/ShowTables.h"
 
 #include <CLI/CLI.hpp>
@@ -43,6 +44,7 @@ struct Options {
     std::string stream;
     std::string file;
     std::uint64_t count = 0;
+    bool repair = false;
 };
 
 std::string spread(const Value& value, bool json) {
@@ -82,13 +84,10 @@ std::string fetch(const Options& options, const std::vector<std::string>& paths,
     return problem;
 }
 
-const std::vector<std::string> streamRecords{"msrp/status",
-                                             "msrp/waiting",
-                                             "msrp/config",
-                                             "msrp/cliConfig",
-                                             "bridging/config",
-                                             "bridging/input/config/msrp",
-                                             "interface/status/eth/phy/all"};
+const std::vector<std::string> streamRecords{"msrp/status",     "msrp/waiting",
+                                             "msrp/config",     "msrp/cliConfig",
+                                             "bridging/config", "bridging/input/config/msrp",
+                                             "linux/groups",    "interface/status/eth/phy/all"};
 const std::vector<std::string> portRecords{"msrp/status",
                                            "msrp/waiting",
                                            "msrp/config",
@@ -151,6 +150,15 @@ int showMrp(const Options& options) {
     return done;
 }
 
+int showCapabilities(const Options& options) {
+    Show::Snapshot snapshot;
+    const std::vector<std::string> paths{std::string{Show::capabilitiesPath}, std::string{Show::groupsPath}};
+    if (const auto problem = fetch(options, paths, snapshot); !problem.empty()) return fail(problem);
+    std::cout << (options.json ? spread(snapshot.record(Show::capabilitiesPath), true)
+                               : Show::capabilitiesText(snapshot));
+    return done;
+}
+
 int showLog(const Options& options) {
     Show::Snapshot snapshot;
     if (const auto problem = fetch(options, {"log"}, snapshot); !problem.empty()) return fail(problem);
@@ -200,6 +208,26 @@ int watch(const Options& options) {
         problem = answer(client, reply, 0);
     }
     return fail(problem);
+}
+
+/// Done when nothing is left that differs.
+int audit(const Options& options) {
+    Control::Client client;
+    Value reply;
+    const auto problem =
+        ask(options, client, State::Object{{"op", Value{"audit"}}, {"repair", Value{options.repair}}}, reply);
+    if (!problem.empty()) return fail(problem);
+    const Value& differences = Show::at(reply, {"value"});
+    if (options.json) {
+        std::cout << spread(differences, true);
+    } else if (Show::membersOf(differences).empty()) {
+        std::cout << "records and kernel agree\n";
+    }
+    if (!options.json) {
+        for (const auto& [number, line] : Show::membersOf(differences))
+            std::cout << Show::textOf(line) << '\n';
+    }
+    return Show::membersOf(differences).empty() || options.repair ? done : refused;
 }
 
 int captureFrames(const Options& options) {
@@ -252,6 +280,8 @@ int run(int argc, char** argv) {
     table(show, "counters", "Counters that are not zero",
           [](const Options& o) { return showPorts(o, Show::counters); });
     table(show, "log", "Recent lines of the system log", showLog);
+    table(show, "capabilities", "What the kernel can do for reservations, and how each port is shaped",
+          showCapabilities);
     table(show, "mrp", "The protocol engine: timers, frames, and the states of every attribute of a port",
           showMrp)
         ->add_option("PORT", options.path, "Like swp1; without it, one line for each port");
@@ -274,6 +304,8 @@ int run(int argc, char** argv) {
     captureCommand->add_option("FILE", options.file, "The file, pcapng; - for standard output")->required();
     captureCommand->add_option("--count", options.count, "Ends after so many frames")
         ->check(CLI::PositiveNumber);
+    table(&app, "audit", "Compares what the records ask of the kernel with what it does", audit)
+        ->add_flag("--repair", options.repair, "Mends the differences, too");
     table(&app, "ringlog", "Reads a ring log file", ringLog)
         ->add_option("FILE", options.file, "The file")
         ->required();
@@ -286,9 +318,10 @@ int run(int argc, char** argv) {
         return fail(error.what(), usage);
     }
     if (app.get_subcommands().empty())
-        return fail("a command is needed: show, list, get, set, watch, capture or ringlog", usage);
+        return fail("a command is needed: show, list, get, set, watch, capture, audit or ringlog", usage);
     if (show->parsed() && show->get_subcommands().empty())
-        return fail("show what? streams, stream ID, ports, domain, counters, mrp or log", usage);
+        return fail("show what? streams, stream ID, ports, domain, counters, capabilities, mrp or log",
+                    usage);
     return result;
 }
 

@@ -7,6 +7,7 @@
 #include "Control/LogFolder.h"
 #include "Control/RecentLog.h"
 #include "Control/Server.h"
+#include "Linux/Dataplane.h"
 #include "Linux/EpollLoop.h"
 #include "Linux/LinkAgent.h"
 #include "Linux/PacketPorts.h"
@@ -25,6 +26,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <span>
@@ -48,6 +50,7 @@ const std::set<std::string, std::less<>>& writablePaths() {
                                                           "bridging/config",
                                                           "bridging/topology/config",
                                                           "stp/status",
+                                                          "linux/config",
                                                           "qos/status",
                                                           "qos/hardware/status/global"};
     return paths;
@@ -85,6 +88,7 @@ public:
         std::string problem = Linux::packetSocketProblem();
         if (problem.empty()) problem = server_.start(options_.socket);
         if (problem.empty()) problem = devices_.start();
+        if (problem.empty() && !onBridge().empty()) problem = startDataplane();
         if (!problem.empty()) return fail(problem, cannotRun);
 
         given_->intfStatus().each([this](IntfId intf, const GivenSpeed& given) {
@@ -95,9 +99,9 @@ public:
         const State::Reactor addresses = status_->watch([this](const State::Change&) { chooseBridgeMac(); });
         const State::Reactor enabled = config_->react([this](const State::Change&) { chooseBridgeMac(); });
         chooseBridgeMac();
-        const Bridging::TopologyAgent topology{
-            bridging_, record<Stp::Status>("stp/status"), status_,
-            record<Bridging::Topology::Config>("bridging/topology/config")};
+        // With a bridge, the kernel decides which ports forward.
+        const Bridging::TopologyAgent topology{bridging_, stp_, onBridge().empty() ? status_ : nullptr,
+                                               topology_};
 
         Msrp::Agent agent{{.database = database_,
                            .loop = loop_,
@@ -112,6 +116,7 @@ public:
         // The peers hear Leaves and need not wait for their own timers.
         agent.withdraw();
         agent.stop();
+        if (dataplane_) dataplane_->stop();
         // One more turn: for the last lines, and for captures to tell of the Leaves.
         loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
         folder_.flush();
@@ -128,7 +133,62 @@ private:
         Control::ConfigTargets targets;
         for (const std::string& path : writablePaths()) targets.emplace(path, database_.entity(path));
         targets.emplace(linksPath, given_);
-        return Control::loadConfig(options_.config, targets);
+        std::string problem = Control::loadConfig(options_.config, targets);
+        if (problem.empty()) problem = bridgeProblem();
+        // Read at start only.
+        access_.writableDel("linux/config");
+        return problem;
+    }
+
+    /// The bridge's name, or nothing.
+    [[nodiscard]] const std::string& onBridge() const { return linux_->bridge(); }
+
+    /// What a configuration says of the bridge's own business.
+    std::string bridgeProblem() {
+        if (onBridge().empty()) return {};
+        const auto refuse = [this](std::string_view field) {
+            return Runtime::concat(options_.config, ": ", field, ": bridge \"", onBridge(),
+                                   "\" of linux/config tells, it cannot be given");
+        };
+        if (!IntfId::validName(onBridge()))
+            return Runtime::concat(options_.config, ": linux/config/bridge: \"", onBridge(),
+                                   "\" is no name of an interface");
+        if (bridging_->bridgeMac() != EthAddr{}) return refuse("bridging/config/bridgeMac");
+        if (!bridging_->vlanConfig().empty()) return refuse("bridging/config/vlanConfig");
+        if (!bridging_->switchIntfConfig().empty()) return refuse("bridging/config/switchIntfConfig");
+        if (!topology_->topoConfig().empty()) return refuse("bridging/topology/config/topoConfig");
+        if (stp_->mode() != Stp::Mode::None) return refuse("stp/status/mode");
+        for (const char* path : {"bridging/config", "bridging/topology/config", "stp/status"})
+            access_.writableDel(path);
+        return {};
+    }
+
+    std::string startDataplane() {
+        // Beside the socket, of which each daemon has one of its own.
+        dataplane_.emplace(
+            loop_, devices_,
+            Linux::Dataplane::Records{.config = linux_,
+                                      .bridging = bridging_,
+                                      .topology = topology_,
+                                      .stp = stp_,
+                                      .groups = record<Bridging::Input::Config>("bridging/input/config/msrp"),
+                                      .queues = record<Qos::Input::Config>("qos/input/config/msrp"),
+                                      .queueMap = record<Qos::Status>("qos/status"),
+                                      .hardwareQueueMap = record<Qos::HwStatus>("qos/hardware/status/global"),
+                                      .groupStatus = groups_,
+                                      .capabilities = capabilities_},
+            options_.socket + ".groups", [this](const std::string& line) { tell(LOG_WARNING, line); });
+        return dataplane_->start();
+    }
+
+    Control::Answer audit(const State::Value& request) {
+        if (!dataplane_) return {{}, "linux/config names no bridge, so there is nothing to compare with"};
+        const State::Value* repair = request.member("repair");
+        State::Object lines;
+        for (std::string& line :
+             dataplane_->audit(repair != nullptr && State::Codec<bool>::decode(*repair).value_or(false)))
+            lines.emplace_back(std::to_string(lines.size() + 1), State::Value{std::move(line)});
+        return {State::Value{std::move(lines)}, {}};
     }
 
     void follow(IntfId intf) {
@@ -148,7 +208,7 @@ private:
 
     /// A bridge without an address of its own takes that of its first enabled port, and keeps it.
     void chooseBridgeMac() {
-        if (bridging_->bridgeMac() != EthAddr{}) return;
+        if (bridging_->bridgeMac() != EthAddr{} || !onBridge().empty()) return;
         for (const auto& [intf, enabled] : config_->intfEnable()) {
             const auto link = status_->intfStatus(intf);
             if (!enabled || !link || link->macAddr() == EthAddr{}) continue;
@@ -201,11 +261,19 @@ private:
     std::shared_ptr<Linux::PacketStatus> packets_ = record<Linux::PacketStatus>("linux/packets");
     Control::FrameSource frames_{[this](std::string_view port) { return knowsPort(port); },
                                  [this](bool wanted) { tapPorts(wanted); }};
-    const Control::Commands commands_;
+    const Control::Commands commands_{
+        {"audit", [this](const State::Value& request) { return audit(request); }}};
     Control::Server server_{loop_, {access_, frames_, commands_}};
     std::shared_ptr<GivenSpeeds> given_ = std::make_shared<GivenSpeeds>();
     std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
+    std::shared_ptr<Bridging::Topology::Config> topology_ =
+        record<Bridging::Topology::Config>("bridging/topology/config");
+    std::shared_ptr<Stp::Status> stp_ = record<Stp::Status>("stp/status");
+    std::shared_ptr<Linux::Config> linux_ = record<Linux::Config>("linux/config");
+    std::shared_ptr<Linux::GroupStatus> groups_ = record<Linux::GroupStatus>("linux/groups");
+    std::shared_ptr<Linux::CapabilityStatus> capabilities_ =
+        record<Linux::CapabilityStatus>("linux/capabilities");
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_ =
         record<Interface::AllEthPhyIntfStatusDir>(linksPath);
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =
@@ -214,6 +282,7 @@ private:
     Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
                                 ports_.interfaceIs(intf, ifindex, mac);
                             }};
+    std::optional<Linux::Dataplane> dataplane_;
 };
 
 int run(int argc, char** argv) {

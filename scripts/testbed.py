@@ -26,11 +26,15 @@ class Failure(Exception):
 
 
 class Testbed:
-    """Ports swp1, swp2, ... of the switch, each with a cable to the eth0 of a station's namespace."""
+    """Ports swp1, swp2, ... of the switch, each with a cable to the eth0 of a station's namespace.
 
-    def __init__(self, build, ports=3, queues=1):
+    With `bridge`, the switch is a Linux bridge of that name; without, the daemon only keeps its records.
+    """
+
+    def __init__(self, build, ports=3, bridge=None, queues=1):
         self.queues = str(queues)  # transmit queues of each port
         self.build = pathlib.Path(build)
+        self.bridge = bridge
         self.ports = [f"swp{n}" for n in range(1, ports + 1)]
         self.prefix = f"msrp-{os.getpid()}-"
         self.switch = self.prefix + "switch"
@@ -46,6 +50,8 @@ class Testbed:
             self.directory = pathlib.Path(tempfile.mkdtemp(prefix=self.prefix))
             self.socket = self.directory / "control"
             self._ip("netns", "add", self.switch)
+            if self.bridge:
+                self.make_bridge()
             for port in self.ports:
                 self._ip("netns", "add", self.station_of(port))
                 self.cable(port)
@@ -90,8 +96,17 @@ class Testbed:
         self._ip("link", "add", port, "netns", self.switch, "address", self.address(port),
                  "numtxqueues", self.queues, "numrxqueues", self.queues, "type", "veth",
                  "peer", "name", "eth0", "address", self.address(port).replace(":01:", ":02:"), "netns", station)
-        self._ip("-n", self.switch, "link", "set", port, "up")
+        if self.bridge:
+            self.switch_ip("link", "set", port, "master", self.bridge)
+        self.switch_ip("link", "set", port, "up")
         self._ip("-n", station, "link", "set", "eth0", "up")
+
+    def make_bridge(self):
+        self.switch_ip("link", "add", self.bridge, "up", "type", "bridge", "mcast_snooping", "1")
+
+    def switch_ip(self, *arguments):
+        """ip, in the switch's namespace."""
+        self._ip("-n", self.switch, *arguments)
 
     def link(self, port, state):
         """Sets the station's end of a cable "up" or "down"."""
@@ -105,13 +120,18 @@ class Testbed:
 
     def config(self):
         """A small configuration.  The kernel's idea of a virtual cable's speed is fiction, so it is given."""
-        return {
+        if self.bridge:
+            switch = {"linux/config": {"bridge": self.bridge}}
+        else:
+            switch = {
+                "bridging/config": {
+                    "bridgeMac": "02:00:00:00:00:01",
+                    "vlanConfig": {str(VLAN): {"intf": {port: {"tagged": True} for port in self.ports}}},
+                },
+                "stp/status": {"mode": "None"},
+            }
+        return switch | {
             "msrp/config": {"intfEnable": {port: True for port in self.ports}},
-            "bridging/config": {
-                "bridgeMac": "02:00:00:00:00:01",
-                "vlanConfig": {str(VLAN): {"intf": {port: {"tagged": True} for port in self.ports}}},
-            },
-            "stp/status": {"mode": "None"},
             "interface/status/eth/phy/all": {
                 "intfStatus": {port: {"speedEnum": "1G"} for port in self.ports}},
         }

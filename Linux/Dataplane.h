@@ -1,0 +1,63 @@
+/// The bridge of this machine as the switch: the agents that keep the switch's records true, and those that
+/// carry out what the records ask for.
+///
+/// What changes in a turn of the loop is carried out at its end, in an order that never lets a stream run
+/// without its bandwidth: rates that grow, then forwarding, then rates that shrink.
+#pragma once
+
+#include "Linux/BridgeAgent.h"
+#include "Linux/GroupAgent.h"
+#include "Linux/Netlink.h"
+#include "Linux/ShaperAgent.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Linux {
+
+class Dataplane {
+public:
+    struct Records {
+        std::shared_ptr<const Config> config;
+        // What the kernel's bridge is and does.
+        std::shared_ptr<Bridging::Config> bridging;
+        std::shared_ptr<Bridging::Topology::Config> topology;
+        std::shared_ptr<Stp::Status> stp;
+        // What it is asked to do.
+        std::shared_ptr<const Bridging::Input::Config> groups;
+        std::shared_ptr<const Qos::Input::Config> queues;
+        std::shared_ptr<const Qos::Status> queueMap;
+        std::shared_ptr<const Qos::HwStatus> hardwareQueueMap;
+        // How that goes.
+        std::shared_ptr<GroupStatus> groupStatus;
+        std::shared_ptr<CapabilityStatus> capabilities;
+    };
+
+    /// Loop and devices must outlive it; `journal` is a file that it may keep.
+    Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records, const std::string& journal,
+              const Complaint& complaint);
+
+    /// To be called after the table of devices was started.  Empty on success, else why this machine cannot
+    /// be asked at all.
+    std::string start();
+    /// Takes back what was done to the kernel.
+    void stop();
+
+    /// Compares records and kernel: a line for each difference.
+    [[nodiscard]] std::vector<std::string> audit(bool repair);
+
+private:
+    void wake();
+    void carryOut();
+
+    Runtime::FdLoop& loop_;
+    NetlinkRequests requests_;
+    const std::shared_ptr<CapabilityStatus> capabilities_;
+    bool woken_ = false;
+    BridgeAgent bridge_;
+    GroupAgent groups_;
+    ShaperAgent queues_;
+};
+
+}  // namespace Linux

@@ -1,0 +1,199 @@
+#!/usr/bin/env python3
+"""bridge_e2e.py BUILD: a Linux bridge forwards what the daemon decides, counted in data frames.
+
+Needs root; exit code 77 without.
+"""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
+from testbed import DESTINATION, STREAM, TALK, VLAN, Testbed  # noqa: E402
+
+BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
+MANY = range(1, 1001)
+
+# Sends and counts stream data behind a port, by words on its standard input: "send ADDRESS FIRST COUNT",
+# "count ADDRESS" (frames so far), "gaps ADDRESS" (numbers that are missing).
+TRAFFIC = """
+import socket, struct, sys
+VLAN = %d
+mac = lambda text: bytes.fromhex(text.replace(":", ""))
+wire = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+wire.bind(("eth0", 0))
+ear = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+ear.setsockopt(socket.SOL_SOCKET, 33, 64 << 20)  # SO_RCVBUFFORCE
+ear.bind(("eth0", 3))
+ear.setblocking(False)
+heard = {}
+def listen():
+    while True:
+        try: frame, (_, _, kind, _, _) = ear.recvfrom(2048)
+        except BlockingIOError: return
+        at = frame.find(b"DATA")  # the kernel has taken the tag out, or has not
+        if kind != 4 and at > 0:
+            heard.setdefault(frame[:6], set()).add(struct.unpack(">I", frame[at + 4:at + 8])[0])
+for line in sys.stdin:
+    word, address, *numbers = line.split()
+    if word == "send":
+        first, count = map(int, numbers)
+        head = mac(address) + bytes.fromhex("020000000201") + struct.pack(">HHH", 0x8100, 3 << 13 | VLAN, 0x22F0)
+        for number in range(first, first + count):
+            wire.send(head + bytes(28) + b"DATA" + struct.pack(">I", number) + bytes(40))
+        print(count, flush=True)
+    else:
+        listen()
+        numbers = heard.get(mac(address), set())
+        print(len(numbers) if word == "count" else max(numbers, default=0) - min(numbers, default=1) + 1 - len(numbers), flush=True)
+""" % VLAN
+
+
+class Traffic:
+    """Stream data at the station behind a port."""
+
+    def __init__(self, bed, port):
+        self.process = subprocess.Popen(
+            ["ip", "netns", "exec", bed.station_of(port), "python3", "-c", TRAFFIC], text=True,
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        bed.processes.append(self.process)
+
+    def say(self, *words):
+        print(*words, file=self.process.stdin, flush=True)
+        return int(self.process.stdout.readline())
+
+
+class OnABridge(unittest.TestCase):
+    def setUp(self):
+        bed = self.bed = self.enterContext(Testbed(BUILD, bridge="br0"))
+        self.traffic = {port: Traffic(bed, port) for port in bed.ports}
+        for traffic in self.traffic.values():
+            self.addCleanup(traffic.process.communicate)
+        self.sent = 0
+
+    def arrived(self, *addresses):
+        """Sends a hundred frames of the stream from behind swp1; how many came in at swp2 and swp3."""
+        address = addresses[0] if addresses else DESTINATION
+        before = self.heard(address)
+        self.traffic["swp1"].say("send", address, self.sent, 100)
+        # Broadcast reaches everybody, and nothing that was sent before it comes later.
+        self.traffic["swp1"].say("send", "ff:ff:ff:ff:ff:ff", self.sent, 1)
+        self.sent += 100
+        rounds = self.sent // 100
+        self.bed.wait(lambda: all(self.traffic[port].say("count", "ff:ff:ff:ff:ff:ff") >= rounds
+                                  for port in ("swp2", "swp3")), 5, "a broadcast does not arrive")
+        return tuple(now - then for now, then in zip(self.heard(address), before))
+
+    def heard(self, address):
+        return [self.traffic[port].say("count", address) for port in ("swp2", "swp3")]
+
+    def until_carried(self, *ports):
+        self.bed.wait(lambda: self.bed.carriers() == list(ports), 10, f"the stream is not carried to {ports}")
+
+    def entries(self):
+        """Where the kernel forwards stream addresses: {address: {port, ...}}."""
+        done = subprocess.run(["bridge", "-n", self.bed.switch, "-j", "mdb", "show"], text=True, check=True,
+                              stdout=subprocess.PIPE)
+        groups = {}
+        for entry in (json.loads(done.stdout) or [{}])[0].get("mdb", []):
+            if entry["grp"].startswith("91:e0:"):
+                groups.setdefault(entry["grp"], set()).add(entry["port"])
+        return groups
+
+    def test_data_goes_where_listeners_are_and_nowhere_else(self):
+        bed = self.bed
+        bed.daemon()
+        bed.station("swp1", "--talk", TALK)
+        bed.wait(lambda: DESTINATION in self.entries(), 10, "the talker's address is not filtered")
+        self.assertEqual(self.arrived(), (0, 0), "nobody is Ready")
+        first = bed.station("swp2", "--listen", STREAM)
+        self.until_carried("swp2")
+        self.assertEqual(self.arrived(), (100, 0))
+        second = bed.station("swp3", "--listen", STREAM)
+        self.until_carried("swp2", "swp3")
+        self.assertEqual(self.arrived(), (100, 100))
+        first.terminate()
+        self.until_carried("swp3")
+        self.assertEqual(self.arrived(), (0, 100))
+        second.terminate()
+        self.until_carried()
+        self.assertEqual(self.arrived(), (0, 0), "nobody is Ready any more")
+        self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
+
+    def test_the_records_follow_the_kernel(self):
+        bed = self.bed
+        bed.daemon()
+        bed.station("swp1", "--talk", TALK)
+        bed.station("swp2", "--listen", STREAM)
+        self.until_carried("swp2")
+
+        def members():
+            return list(bed.read("get", "bridging/config/vlanConfig").get(str(VLAN), {}).get("intf", {}))
+
+        for leave, back in ((["link", "set", "swp2", "nomaster"], ["link", "set", "swp2", "master", "br0"]),
+                            (["link", "set", "swp2", "name", "other"], ["link", "set", "other", "name", "swp2"])):
+            bed.switch_ip(*leave)
+            self.until_carried()
+            self.assertNotIn("swp2", members())
+            bed.switch_ip(*back)
+            self.until_carried("swp2")
+            self.assertEqual(self.arrived(), (100, 0))
+        bed.switch_ip("link", "del", "br0")
+        self.until_carried()
+        self.assertEqual(members(), [])
+        bed.make_bridge()
+        for port in bed.ports:
+            bed.switch_ip("link", "set", port, "master", "br0")
+        self.until_carried("swp2")
+        self.assertEqual(self.arrived(), (100, 0))
+
+        # A port that the bridge blocks carries nothing, and says so within one look.
+        subprocess.run(["bridge", "-n", bed.switch, "link", "set", "dev", "swp2", "state", "1"], check=True)
+        self.until_carried()
+        self.assertIn("blocked by the spanning tree", bed.shown("show", "stream", STREAM))
+        subprocess.run(["bridge", "-n", bed.switch, "link", "set", "dev", "swp2", "state", "3"], check=True)
+        self.until_carried("swp2")
+
+    def test_a_daemon_that_is_killed_leaves_no_gap_and_nothing_stale(self):
+        bed = self.bed
+        daemon = bed.daemon()
+        streams = [f"0x{0x200000002010000 + number:X}" for number in MANY]
+        address = [f"91:e0:f0:00:{number >> 8:02x}:{number & 255:02x}" for number in MANY]
+        bed.station("swp1", *(word for stream, da in zip(streams, address)
+                              for word in ("--talk", f"{stream},{da},{VLAN},A,1,1")))
+        listen = [word for stream in streams for word in ("--listen", stream)]
+        bed.station("swp2", *listen[:200])
+        other = bed.station("swp3", *listen[:200])
+
+        def forwarded(port):
+            return sum(port in ports for ports in self.entries().values())
+
+        bed.wait(lambda: (len(self.entries()), forwarded("swp2"), forwarded("swp3")) == (1000, 100, 100), 30,
+                 "not everything is forwarded")
+        daemon.kill()
+        daemon.wait()
+        other.kill()  # what happens meanwhile counts, too
+        begun = time.monotonic()
+        bed.daemon()
+        answers = time.monotonic() - begun
+        stale = None
+        while time.monotonic() < begun + answers + 2.0:
+            self.traffic["swp1"].say("send", address[0], self.sent, 20)
+            self.sent += 20
+            if stale is None and forwarded("swp3") == 0:
+                stale = time.monotonic() - begun
+        print(f"1,000 groups: stale entries gone {stale or -1:.1f} s after the restart, which took {answers:.1f} s; "
+              f"{self.sent} frames sent meanwhile")
+        self.assertIsNotNone(stale, "stale entries stay")
+        self.assertEqual(self.traffic["swp2"].say("count", address[0]), self.sent, "frames are missing")
+        self.assertEqual(forwarded("swp2"), 100)
+
+
+if __name__ == "__main__":
+    if os.geteuid() != 0:
+        print("skipped: needs root")
+        sys.exit(77)
+    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
