@@ -40,7 +40,6 @@ Participant::Participant(IntfId intf, const Environment& environment)
       opportunityTimer_{environment.loop, [this] { opportunity(); }},
       leaveTimer_{environment.loop, [this] { leaveTimerFired(); }},
       leaveAllTimer_{environment.loop, [this] { leaveAllEvent(LeaveAllEvent::leaveAllTimer); }} {
-    for (std::size_t i = 0; i < maxTypes; ++i) finger_[i] = attributes_[i].end();
     startLeaveAllTimer();
 }
 
@@ -96,16 +95,14 @@ void Participant::beginReception(const DecodedPdu& pdu) {
 
 void Participant::receiveLeaveAll(std::uint8_t typeIndex) {
     ++counts_.rxEvents[static_cast<std::size_t>(Event::LeaveAll)];
-    Attributes& attributes = attributes_[typeIndex];
-    for (auto at = attributes.begin(); at != attributes.end();) {
-        const AttributeRef ref{typeIndex, at->first};
-        Attribute& attribute = (at++)->second;
+    for (const auto [key, attribute] : attributes_[typeIndex]) {
+        const AttributeRef ref{typeIndex, key};
         applicantEvent(ref, attribute, ApplicantEvent::rLv);
         registrarEvent(ref, attribute, RegistrarEvent::rLv);
         attribute.announced = false;  // the peer itself now ends what is not declared again
         attribute.settle();
-        eraseIfIdle(ref);
     }
+    eraseIdle(typeIndex);
 }
 
 bool Participant::receiveEvent(const DecodedEvent& in) {
@@ -178,13 +175,13 @@ void Participant::offerAgain(const AttributeRef& ref) {
 }
 
 bool Participant::held(const AttributeRef& ref) const {
-    const auto at = attributes_[ref.typeIndex].find(ref.key);
-    return at != attributes_[ref.typeIndex].end() && at->second.registered() && at->second.held;
+    const Attribute* attribute = find(ref);
+    return attribute != nullptr && attribute->registered() && attribute->held;
 }
 
 bool Participant::registered(const AttributeRef& ref) const {
-    const auto at = attributes_[ref.typeIndex].find(ref.key);
-    return at != attributes_[ref.typeIndex].end() && at->second.registered();
+    const Attribute* attribute = find(ref);
+    return attribute != nullptr && attribute->registered();
 }
 
 // --- What the application asks -------------------------------------------------------------------
@@ -226,7 +223,7 @@ void Participant::withdraw(const AttributeRef& ref) {
     }
     if (attribute->applicant == Applicant::LA) attribute->ownIs(attribute->told());
     attribute->settle();
-    eraseIfIdle(ref);
+    eraseIfIdle(ref, *attribute);
 }
 
 void Participant::forget(const AttributeRef& ref) {
@@ -241,7 +238,7 @@ void Participant::forget(const AttributeRef& ref) {
         unregister(ref, *attribute);
     }
     attribute->settle();
-    eraseIfIdle(ref);
+    eraseIfIdle(ref, *attribute);
 }
 
 void Participant::purge(const AttributeRef& ref) {
@@ -262,15 +259,13 @@ void Participant::purge(const AttributeRef& ref) {
 
 void Participant::purgeAll() {
     for (std::uint8_t i = 0; i < typeCount(); ++i) {
-        for (auto at = attributes_[i].begin(); at != attributes_[i].end();) {
-            const AttributeRef ref{i, at->first};
-            Attribute& attribute = (at++)->second;
+        for (const auto [key, attribute] : attributes_[i]) {
             if (!attribute.registered()) continue;
-            unregister(ref, attribute);
+            unregister({i, key}, attribute);
             attribute.settle();
-            eraseIfIdle(ref);
-            env_.host.registrationEnded(ref.key);
+            env_.host.registrationEnded(key);
         }
+        eraseIdle(i);
     }
     leaveAll();
 }
@@ -279,7 +274,7 @@ void Participant::leaveAll() { leaveAllEvent(LeaveAllEvent::leaveAllTimer); }
 
 void Participant::periodic() {
     for (std::uint8_t i = 0; i < typeCount(); ++i) {
-        for (auto& [key, attribute] : attributes_[i]) {
+        for (const auto [key, attribute] : attributes_[i]) {
             applicantEvent({i, key}, attribute, ApplicantEvent::periodic);
         }
     }
@@ -371,7 +366,7 @@ void Participant::leaveTimerFired() {
         registrarEvent(ref, attribute, RegistrarEvent::leaveTimer);
         unregister(ref, attribute);
         attribute.settle();
-        eraseIfIdle(ref);
+        eraseIfIdle(ref, attribute);
         if (held && env_.host.leaveIndication(intf_, ref, value) == Outcome::rangeError)
             ++counts_.rangeErrors;
         if (stopped_) break;
@@ -407,28 +402,26 @@ void Participant::startLeaveAllTimer() {
                          Runtime::Duration{1 + static_cast<Runtime::Duration::rep>(env_.random() % spread)});
 }
 
-Attribute* Participant::find(const AttributeRef& ref) {
-    Attributes& attributes = attributes_[ref.typeIndex];
-    auto& finger = finger_[ref.typeIndex];
-    if (finger != attributes.end() && finger->first != ref.key) ++finger;
-    if (finger == attributes.end() || finger->first != ref.key) finger = attributes.find(ref.key);
-    return finger == attributes.end() ? nullptr : &finger->second;
-}
-
 Attribute& Participant::findOrMake(const AttributeRef& ref) {
-    const auto [at, fresh] = attributes_[ref.typeIndex].try_emplace(ref.key);
+    const auto [attribute, fresh] = attributes_[ref.typeIndex].tryEmplace(ref.key);
     if (fresh) {
         const auto second =
             std::chrono::duration_cast<std::chrono::seconds>(env_.loop.now().time_since_epoch());
-        at->second.bornSecond = static_cast<std::uint32_t>(second.count());
+        attribute.bornSecond = static_cast<std::uint32_t>(second.count());
     }
-    return at->second;
+    return attribute;
 }
 
-void Participant::eraseIfIdle(const AttributeRef& ref) {
-    const Attribute* attribute = find(ref);
-    if (attribute == nullptr || !attribute->idle()) return;
-    finger_[ref.typeIndex] = attributes_[ref.typeIndex].erase(finger_[ref.typeIndex]);
+void Participant::eraseIfIdle(const AttributeRef& ref, const Attribute& attribute) {
+    if (attribute.idle()) attributes_[ref.typeIndex].erase(ref.key);
+}
+
+void Participant::eraseIdle(std::uint8_t typeIndex) {
+    std::vector<std::uint64_t> idle;
+    for (const auto [key, attribute] : attributes_[typeIndex]) {
+        if (attribute.idle()) idle.push_back(key);
+    }
+    for (const std::uint64_t key : idle) attributes_[typeIndex].erase(key);
 }
 
 void Participant::publish() {

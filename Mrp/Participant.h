@@ -10,6 +10,7 @@
 #include "Mrp/Attribute.h"
 #include "Mrp/Inbox.h"
 #include "Mrp/LeaveQueue.h"
+#include "Mrp/OrderedChunks.h"
 #include "Mrp/PduWriter.h"
 #include "Mrp/Records.h"
 #include "Mrp/TransmitPace.h"
@@ -20,7 +21,6 @@
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <random>
 #include <set>
@@ -115,7 +115,7 @@ public:
     template <class F>
     void eachAttribute(F&& visit) const {
         for (std::uint8_t i = 0; i < typeCount(); ++i) {
-            for (const auto& [key, attribute] : attributes_[i]) visit(AttributeRef{i, key}, attribute);
+            for (const auto [key, attribute] : attributes_[i]) visit(AttributeRef{i, key}, attribute);
         }
     }
     /// For people: timers and totals, and every attribute with its states, by "type/key".
@@ -140,7 +140,7 @@ public:
     void leaveAllTimeChanged() { startLeaveAllTimer(); }
 
 private:
-    using Attributes = std::map<std::uint64_t, Attribute>;
+    using Attributes = OrderedChunks<Attribute>;
 
     /// One thing to say at an opportunity.
     struct Utterance {
@@ -151,7 +151,7 @@ private:
         };
         Why why;
         AttributeRef ref;
-        Attributes::iterator at;
+        Attribute* attribute;
         std::optional<Event> event;
         std::size_t batchIndex = 0;  ///< position in `batch_` that it comes from
     };
@@ -160,10 +160,17 @@ private:
     [[nodiscard]] std::uint8_t typeCount() const {
         return static_cast<std::uint8_t>(env_.application.types.size());
     }
-    [[nodiscard]] Attribute* find(const AttributeRef& ref);
+    [[nodiscard]] Attribute* find(const AttributeRef& ref) {
+        return attributes_[ref.typeIndex].find(ref.key);
+    }
+    [[nodiscard]] const Attribute* find(const AttributeRef& ref) const {
+        return attributes_[ref.typeIndex].find(ref.key);
+    }
     /// The attribute, a new one when there is none.
     Attribute& findOrMake(const AttributeRef& ref);
-    void eraseIfIdle(const AttributeRef& ref);
+    void eraseIfIdle(const AttributeRef& ref, const Attribute& attribute);
+    /// The same for every attribute of a type.
+    void eraseIdle(std::uint8_t typeIndex);
 
     void receiveLeaveAll(std::uint8_t typeIndex);
     void beginReception(const DecodedPdu& pdu);
@@ -202,7 +209,10 @@ private:
     /// One piece; true when anything was sent.
     bool continueLeaveAll();
     [[nodiscard]] std::vector<Utterance> planLeaveAll();
-    void bridge(std::vector<Utterance>& plan, const AttributeRef& ref, Attributes::iterator at) const;
+    /// Adds what lies between the last utterance of the plan and that of the batch, if it fills the gap.  All
+    /// of it belongs to the latter: what has been said before is done, however full the PDU.
+    void bridge(std::vector<Utterance>& plan, std::size_t batchIndex, Attributes::iterator from,
+                Attributes::iterator to) const;
     /// Hands PDUs to the port; tells how many utterances of the plan they carry.
     std::size_t sendPlan(const std::vector<Utterance>& plan, bool withLeaveAll, std::size_t maxPdus);
     void said(const Utterance& utterance, ApplicantEvent why);
@@ -215,9 +225,6 @@ private:
     Runtime::Duration leaveTime_;  ///< with which `leaves_` was filled
 
     std::array<Attributes, maxTypes> attributes_;
-    /// The last attribute of each type that was asked for: a PDU's values come in the order of their keys, so
-    /// the next one is mostly its neighbour.
-    std::array<Attributes::iterator, maxTypes> finger_;
     std::array<std::size_t, maxTypes> registered_{};  ///< registrars that are not MT
     std::bitset<maxTypes> limitReached_;
     std::set<AttributeRef> refused_;

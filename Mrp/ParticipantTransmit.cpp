@@ -124,7 +124,7 @@ void Participant::beginLeaveAll() {
     batch_.clear();
     for (std::uint8_t i = 0; i < typeCount(); ++i) {
         ++counts_.txEvents[static_cast<std::size_t>(Event::LeaveAll)];
-        for (auto& [key, attribute] : attributes_[i]) {
+        for (const auto [key, attribute] : attributes_[i]) {
             attribute.queued = false;
             attribute.mtDue = false;
             registrarEvent({i, key}, attribute, RegistrarEvent::rLv);
@@ -159,35 +159,39 @@ std::vector<Participant::Utterance> Participant::planBatch() {
     using Why = Utterance::Why;
     std::vector<Utterance> plan;
     plan.reserve(batch_.size());
+    auto last = attributes_[0].end();
     for (std::size_t i = 0; i < batch_.size(); ++i) {
         const AttributeRef& ref = batch_[i];
-        const auto at = attributes_[ref.typeIndex].find(ref.key);  // there: what is queued is not deleted
-        const ApplicantCell cell = step(applicantTable_, at->second.applicant, ApplicantEvent::tx);
-        const auto event = eventOf(cell.send, at->second, mustAsk(at->second));
-        if (event) bridge(plan, ref, at);
-        if (at->second.mtDue) plan.push_back({Why::purged, ref, at, Event::Mt, i});
-        plan.push_back({Why::transition, ref, at, event, i});
+        const auto at = attributes_[ref.typeIndex].lowerBound(ref.key);  // there: queued ones are not deleted
+        Attribute& attribute = (*at).value;
+        const ApplicantCell cell = step(applicantTable_, attribute.applicant, ApplicantEvent::tx);
+        const auto event = eventOf(cell.send, attribute, mustAsk(attribute));
+        if (event) bridge(plan, i, last, at);
+        if (attribute.mtDue) plan.push_back({Why::purged, ref, &attribute, Event::Mt, i});
+        plan.push_back({Why::transition, ref, &attribute, event, i});
+        last = at;
     }
     return plan;
 }
 
-void Participant::bridge(std::vector<Utterance>& plan, const AttributeRef& ref,
-                         Attributes::iterator at) const {
-    if (plan.empty() || !plan.back().event || plan.back().ref.typeIndex != ref.typeIndex) return;
-    const AttributeType& t = type(ref.typeIndex);
+void Participant::bridge(std::vector<Utterance>& plan, std::size_t batchIndex, Attributes::iterator from,
+                         Attributes::iterator to) const {
+    const std::uint8_t typeIndex = batch_[batchIndex].typeIndex;
+    if (plan.empty() || !plan.back().event || plan.back().ref.typeIndex != typeIndex) return;
+    const AttributeType& t = type(typeIndex);
     const auto octets = [&t](const Attribute& attribute) {
         return std::span{attribute.own().octets}.first(t.valueLength);
     };
     const std::size_t before = plan.size();
-    const std::size_t batchIndex = plan.back().batchIndex;
-    for (auto gap = plan.back().at;;) {
-        const auto previous = gap++;
-        if (!t.follows(octets(previous->second), octets(gap->second))) break;
-        if (gap == at) return;
-        const ApplicantCell cell = step(applicantTable_, gap->second.applicant, ApplicantEvent::tx);
-        const auto event = eventOf(cell.send, gap->second, true);
-        if (!event || gap->second.queued || plan.size() - before == longestBridge) break;
-        plan.push_back({Utterance::Why::bridge, {ref.typeIndex, gap->first}, gap, event, batchIndex});
+    while (true) {
+        const Attribute& previous = (*from).value;
+        const auto [key, gap] = *++from;
+        if (!t.follows(octets(previous), octets(gap))) break;
+        if (from == to) return;
+        const ApplicantCell cell = step(applicantTable_, gap.applicant, ApplicantEvent::tx);
+        const auto event = eventOf(cell.send, gap, true);
+        if (!event || gap.queued || plan.size() - before == longestBridge) break;
+        plan.push_back({Utterance::Why::bridge, {typeIndex, key}, &gap, event, batchIndex});
     }
     plan.erase(plan.begin() + static_cast<std::ptrdiff_t>(before), plan.end());
 }
@@ -198,14 +202,16 @@ std::vector<Participant::Utterance> Participant::planLeaveAll() {
     leaveAllAt_.reset();
     for (; next.typeIndex < typeCount(); next = {static_cast<std::uint8_t>(next.typeIndex + 1), 0}) {
         Attributes& attributes = attributes_[next.typeIndex];
-        for (auto at = attributes.lower_bound(next.key); at != attributes.end(); ++at) {
-            const AttributeRef ref{next.typeIndex, at->first};
+        for (auto at = attributes.lowerBound(next.key); at != attributes.end(); ++at) {
+            const auto [key, attribute] = *at;
+            const AttributeRef ref{next.typeIndex, key};
             if (plan.size() == leaveAllPiece) {
                 leaveAllAt_ = ref;
                 return plan;
             }
-            const ApplicantCell cell = step(applicantTable_, at->second.applicant, ApplicantEvent::txLA);
-            plan.push_back({Utterance::Why::transition, ref, at, eventOf(cell.send, at->second, false)});
+            const ApplicantCell cell = step(applicantTable_, attribute.applicant, ApplicantEvent::txLA);
+            plan.push_back(
+                {Utterance::Why::transition, ref, &attribute, eventOf(cell.send, attribute, false)});
         }
     }
     return plan;
@@ -223,7 +229,7 @@ std::size_t Participant::sendPlan(const std::vector<Utterance>& plan, bool withL
     for (std::size_t i = 0; i < plan.size(); ++i) {
         const Utterance& utterance = plan[i];
         if (!utterance.event) continue;
-        const Attribute& attribute = utterance.at->second;
+        const Attribute& attribute = *utterance.attribute;
         const AttributeValue& value =
             utterance.why == Utterance::Why::purged ? attribute.heard() : attribute.own();
         if (!writer.add(utterance.ref.typeIndex, *utterance.event, value)) {
@@ -238,7 +244,7 @@ std::size_t Participant::sendPlan(const std::vector<Utterance>& plan, bool withL
 }
 
 void Participant::said(const Utterance& utterance, ApplicantEvent why) {
-    Attribute& attribute = utterance.at->second;
+    Attribute& attribute = *utterance.attribute;
     if (utterance.why == Utterance::Why::bridge) return;
     if (utterance.why == Utterance::Why::purged) {
         attribute.mtDue = false;
@@ -259,7 +265,7 @@ void Participant::said(const Utterance& utterance, ApplicantEvent why) {
         queue(utterance.ref, attribute, patience(attribute.applicant, why));
     }
     attribute.settle();
-    eraseIfIdle(utterance.ref);
+    eraseIfIdle(utterance.ref, attribute);
 }
 
 }  // namespace Mrp

@@ -1,6 +1,7 @@
 /// What a participant shows of itself.
 #include "Mrp/Participant.h"
 
+#include <map>
 #include <string>
 
 namespace Mrp {
@@ -34,8 +35,7 @@ Value Participant::machines() const {
     State::Object declared;
     for (std::uint8_t i = 0; i < typeCount(); ++i) {
         std::uint64_t members = 0;
-        for (const auto& [key, attribute] : attributes_[i])
-            members += isMember(attribute.applicant) ? 1U : 0U;
+        for (const auto [key, attribute] : attributes_[i]) members += isMember(attribute.applicant) ? 1U : 0U;
         registered.emplace_back(std::to_string(type(i).type), Value{std::uint64_t{registered_[i]}});
         declared.emplace_back(std::to_string(type(i).type), Value{members});
     }
