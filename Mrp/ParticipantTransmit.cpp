@@ -10,8 +10,9 @@ namespace {
 
 /// Values that may be sent to join two vectors into one: fewer octets than a vector header and a value.
 constexpr std::size_t longestBridge = 8;
-/// Attributes of one piece of a LeaveAll.
-constexpr std::size_t leaveAllPiece = 8192;
+/// Attributes that are looked at before what they have to say is sent: what many have to say is worked off in
+/// pieces, each while the processor still has it at hand.
+constexpr std::size_t piece = 8192;
 
 /// What a transmission is on the wire.  An In or JoinIn tells the peer that its own declaration of the same
 /// value is registered here.
@@ -109,13 +110,18 @@ void Participant::flush() {
 
 bool Participant::transmit(std::size_t maxPdus) {
     takeBatch();
-    const std::vector<Utterance> plan = planBatch();
-    env_.host.transmitted(plan.size());
     const std::uint64_t sentBefore = counts_.txPdus;
-    const std::size_t fit = sendPlan(plan, false, std::max<std::size_t>(maxPdus, 1));
-    for (std::size_t i = 0; i < fit; ++i) said(plan[i], ApplicantEvent::tx);
-    const std::size_t served = fit < plan.size() ? plan[fit].batchIndex : batch_.size();
-    batch_.erase(batch_.begin(), batch_.begin() + static_cast<std::ptrdiff_t>(served));
+    const auto mayStillSend = [&] {
+        return std::max<std::size_t>(maxPdus, 1) - (counts_.txPdus - sentBefore);
+    };
+    while (!batch_.empty() && mayStillSend() > 0) {
+        const std::vector<Utterance> plan = planBatch();
+        env_.host.transmitted(plan.size());
+        const std::size_t fit = sendPlan(plan, false, mayStillSend());
+        for (std::size_t i = 0; i < fit; ++i) said(plan[i], ApplicantEvent::tx);
+        const std::size_t served = fit < plan.size() ? plan[fit].batchIndex : std::min(batch_.size(), piece);
+        batch_.erase(batch_.begin(), batch_.begin() + static_cast<std::ptrdiff_t>(served));
+    }
     return counts_.txPdus != sentBefore;
 }
 
@@ -158,9 +164,10 @@ void Participant::takeBatch() {
 std::vector<Participant::Utterance> Participant::planBatch() {
     using Why = Utterance::Why;
     std::vector<Utterance> plan;
-    plan.reserve(batch_.size());
+    const std::size_t taken = std::min(batch_.size(), piece);
+    plan.reserve(taken);
     auto last = attributes_[0].end();
-    for (std::size_t i = 0; i < batch_.size(); ++i) {
+    for (std::size_t i = 0; i < taken; ++i) {
         const AttributeRef& ref = batch_[i];
         const auto at = attributes_[ref.typeIndex].lowerBound(ref.key);  // there: queued ones are not deleted
         Attribute& attribute = (*at).value;
@@ -205,7 +212,7 @@ std::vector<Participant::Utterance> Participant::planLeaveAll() {
         for (auto at = attributes.lowerBound(next.key); at != attributes.end(); ++at) {
             const auto [key, attribute] = *at;
             const AttributeRef ref{next.typeIndex, key};
-            if (plan.size() == leaveAllPiece) {
+            if (plan.size() == piece) {
                 leaveAllAt_ = ref;
                 return plan;
             }
