@@ -7,6 +7,7 @@ namespace Linux {
 Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records,
                      const std::string& journal, const Complaint& complaint)
     : loop_{loop},
+      complaint_{complaint},
       capabilities_{records.capabilities},
       bridge_{loop,        devices,  requests_, records.config, records.bridging, records.topology,
               records.stp, complaint},
@@ -31,6 +32,7 @@ std::string Dataplane::start() {
     std::string problem = requests_.open();
     if (!problem.empty()) return problem;
     capabilities_->abilitiesAre(probeAbilities());
+    for (const std::string& line : limitations(capabilities_->abilities())) complaint_(line);
     problem = bridge_.start();
     if (problem.empty()) problem = groups_.start();
     if (problem.empty()) problem = queues_.start();

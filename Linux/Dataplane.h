@@ -53,6 +53,7 @@ private:
 
     Runtime::FdLoop& loop_;
     NetlinkRequests requests_;
+    const Complaint complaint_;
     const std::shared_ptr<CapabilityStatus> capabilities_;
     bool woken_ = false;
     BridgeAgent bridge_;
