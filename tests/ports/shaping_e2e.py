@@ -40,7 +40,11 @@ class Shaping(unittest.TestCase):
 
     def ask(self, line):
         self.shaper.stdin.write(line + "\n")
-        return [said.rstrip("\n") for said in iter(self.shaper.stdout.readline, ".\n")]
+        answer = []
+        while (said := self.shaper.stdout.readline()) != ".\n":
+            self.assertTrue(said, "the shaper has ended")
+            answer.append(said.rstrip("\n"))
+        return answer
 
     def reserve(self, a, b):
         """kbit/s"""
