@@ -112,6 +112,7 @@ std::optional<LinkMessage> decodeLink(const nlmsghdr& message) {
     link.gone = deleted && !link.portOnly;
     Device& device = link.device;
     device.ifindex = static_cast<unsigned>(info->ifi_index);
+    device.up = (info->ifi_flags & IFF_UP) != 0;
     constexpr unsigned ready = IFF_UP | IFF_RUNNING | IFF_LOWER_UP;
     device.operational = (info->ifi_flags & ready) == ready;
     unsigned master = 0;

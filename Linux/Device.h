@@ -43,6 +43,7 @@ struct Device {
     unsigned ifindex = 0;
     std::string name;
     EthAddr mac;
+    bool up = false;           ///< switched on
     bool operational = false;  ///< up, with a carrier, and its driver agrees
     unsigned txQueues = 1;
     unsigned bridge = 0;  ///< index of the bridge that it is a port of; 0: none

@@ -17,6 +17,19 @@ namespace Linux {
 
 using Interface::Speed;
 
+namespace {
+
+/// Has the kernel fill in `answer`, which begins with the number of the question.
+bool askEthtool(const std::string& name, void* answer) {
+    const FileDescriptor fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    ifreq request{};
+    std::copy_n(name.begin(), std::min(name.size(), sizeof request.ifr_name - 1), request.ifr_name);
+    request.ifr_data = static_cast<char*>(answer);
+    return ioctl(fd.get(), SIOCETHTOOL, &request) == 0;
+}
+
+}  // namespace
+
 Speed namedSpeed(std::uint32_t megabitsPerSecond) {
     constexpr auto ladder = std::to_array<std::pair<std::uint32_t, Speed>>({{400'000, Speed::speed400Gbps},
                                                                             {200'000, Speed::speed200Gbps},
@@ -36,7 +49,6 @@ Speed namedSpeed(std::uint32_t megabitsPerSecond) {
 }
 
 LinkMode linkMode(const std::string& name) {
-    const FileDescriptor fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     // The settings are followed by three sets of link modes, whose size in words the first call tells.
     constexpr std::size_t maxWords = 127;
     alignas(ethtool_link_settings)
@@ -44,17 +56,18 @@ LinkMode linkMode(const std::string& name) {
             answer{};
     auto* settings = new (answer.data()) ethtool_link_settings{};
     settings->cmd = ETHTOOL_GLINKSETTINGS;
-    ifreq request{};
-    std::copy_n(name.begin(), std::min(name.size(), sizeof request.ifr_name - 1), request.ifr_name);
-    request.ifr_data = reinterpret_cast<char*>(answer.data());
-    if (ioctl(fd.get(), SIOCETHTOOL, &request) != 0 || settings->link_mode_masks_nwords >= 0) {
-        return {};
-    }
+    if (!askEthtool(name, answer.data()) || settings->link_mode_masks_nwords >= 0) return {};
     settings->cmd = ETHTOOL_GLINKSETTINGS;
     settings->link_mode_masks_nwords = static_cast<std::int8_t>(-settings->link_mode_masks_nwords);
-    if (ioctl(fd.get(), SIOCETHTOOL, &request) != 0) return {};
+    if (!askEthtool(name, answer.data())) return {};
     const bool unknown = settings->speed == static_cast<std::uint32_t>(SPEED_UNKNOWN);
     return {unknown ? 0 : settings->speed, settings->duplex == DUPLEX_HALF};
+}
+
+bool flowControl(const std::string& name) {
+    ethtool_pauseparam pause{};
+    pause.cmd = ETHTOOL_GPAUSEPARAM;
+    return askEthtool(name, &pause) && (pause.rx_pause != 0 || pause.tx_pause != 0);
 }
 
 }  // namespace Linux

@@ -16,4 +16,7 @@ Interface::Speed namedSpeed(std::uint32_t megabitsPerSecond);
 /// How the device of that name runs; nothing known where the kernel does not say.
 LinkMode linkMode(const std::string& name);
 
+/// Whether the device of that name heeds or sends pause frames; false where the kernel does not say.
+bool flowControl(const std::string& name);
+
 }  // namespace Linux

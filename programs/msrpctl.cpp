@@ -1,10 +1,12 @@
 /// Asks and changes a running msrpd through its control socket.
 ///
-/// Exit codes: 0 done, 1 the daemon refuses or cannot be reached, or a file cannot be used, 2 wrong usage.
+/// Exit codes: 0 done, 1 the daemon refuses or cannot be reached, a file cannot be used, or the bridge is not
+/// fit for streams, 2 wrong usage.
 #include "Control/Client.h"
 #include "Control/Json.h"
 #include "Runtime/RingLog.h"
 #include "programs/Capture.h"
+#include "programs/ShowDoctor.h"
 #include "programs/ShowMrp.h"
 #include "programs/ShowSwitch.h"
 #include "programs/ShowTables.h"
@@ -43,6 +45,8 @@ struct Options {
     std::string value;
     std::string stream;
     std::string file;
+    std::string bridge;
+    std::uint16_t vlan = 2;
     std::uint64_t count = 0;
     bool repair = false;
 };
@@ -230,6 +234,16 @@ int audit(const Options& options) {
     return Show::membersOf(differences).empty() || options.repair ? done : refused;
 }
 
+int doctor(const Options& options) {
+    Linux::DoctorFacts facts;
+    if (const auto problem = Linux::examine(options.bridge, VlanId{options.vlan}, facts); !problem.empty())
+        return fail(problem, usage);
+    const auto findings = Linux::diagnose(facts);
+    std::cout << (options.json ? spread(Show::doctor(findings).value(), true)
+                               : Show::doctorText(facts.bridge, findings));
+    return Show::healthy(findings) ? done : refused;
+}
+
 int captureFrames(const Options& options) {
     if (options.file == "-" && ::isatty(STDOUT_FILENO) != 0)
         return fail("a capture is no text for a terminal; send it into a file or a program", usage);
@@ -306,6 +320,12 @@ int run(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
     table(&app, "audit", "Compares what the records ask of the kernel with what it does", audit)
         ->add_flag("--repair", options.repair, "Mends the differences, too");
+    CLI::App* doctorCommand = table(
+        &app, "doctor", "What keeps a bridge of this machine from carrying streams; needs no daemon", doctor);
+    doctorCommand->add_option("--bridge", options.bridge, "Like br0; needed where there are several");
+    doctorCommand->add_option("--vlan", options.vlan, "VLAN of the streams")
+        ->check(CLI::Range(1, 4094))
+        ->capture_default_str();
     table(&app, "ringlog", "Reads a ring log file", ringLog)
         ->add_option("FILE", options.file, "The file")
         ->required();
@@ -318,7 +338,8 @@ int run(int argc, char** argv) {
         return fail(error.what(), usage);
     }
     if (app.get_subcommands().empty())
-        return fail("a command is needed: show, list, get, set, watch, capture, audit or ringlog", usage);
+        return fail("a command is needed: show, list, get, set, watch, capture, audit, doctor or ringlog",
+                    usage);
     if (show->parsed() && show->get_subcommands().empty())
         return fail("show what? streams, stream ID, ports, domain, counters, capabilities, mrp or log",
                     usage);

@@ -1,0 +1,99 @@
+#include "Linux/DoctorFacts.h"
+
+#include "Linux/Capabilities.h"
+#include "Linux/DeviceTable.h"
+#include "Linux/EpollLoop.h"
+#include "Linux/GroupMessage.h"
+#include "Linux/LinkSpeed.h"
+#include "Linux/PortQueues.h"
+#include "Runtime/Text.h"
+
+#include <linux/rtnetlink.h>
+#include <map>
+#include <set>
+
+namespace Linux {
+
+using Runtime::concat;
+
+namespace {
+
+/// Of a bridge that is yet to be made.
+constexpr const char* usualName = "br0";
+
+std::string chooseBridge(const DeviceTable& devices, std::string& name) {
+    if (!name.empty()) return {};
+    std::string names;
+    for (const auto& [ifindex, device] : devices.all()) {
+        if (!device.bridgeSettings) continue;
+        names += (names.empty() ? "" : ", ") + device.name;
+        name = device.name;
+    }
+    if (names.empty()) name = names = usualName;
+    return names == name ? "" : concat("there are several bridges, and --bridge names none of them: ", names);
+}
+
+std::string readVlans(NetlinkChannel& kernel, VlanTable& vlans) {
+    const NetlinkAnswer answer = kernel.dump(
+        RTM_GETVLAN, vlanDumpBody(), [&] { vlans.clear(); },
+        [&](const nlmsghdr& message) {
+            if (const auto told = decodeVlans(message)) enter(vlans, *told);
+        });
+    return answer ? "" : concat("cannot read the VLANs of bridges: ", answer.problem());
+}
+
+std::string countGroups(NetlinkChannel& kernel, unsigned bridge, std::size_t& count) {
+    std::set<Group> groups;
+    const NetlinkAnswer answer = kernel.dump(
+        RTM_GETMDB, groupDumpBody(), [&] { groups.clear(); },
+        [&](const nlmsghdr& message) {
+            for (const GroupEntry& entry : decodeGroups(message, bridge)) groups.insert(entry.member.group);
+        });
+    count = groups.size();
+    return answer ? "" : concat("cannot read the groups of bridges: ", answer.problem());
+}
+
+}  // namespace
+
+std::string examine(const std::string& bridge, VlanId srVlan, DoctorFacts& facts) {
+    facts = {};
+    facts.bridge = bridge;
+    facts.srVlan = srVlan;
+    EpollLoop loop;
+    DeviceTable devices{loop};
+    NetlinkRequests kernel;
+    std::string problem = devices.start();
+    if (problem.empty()) problem = kernel.open();
+    if (problem.empty()) problem = chooseBridge(devices, facts.bridge);
+    if (!problem.empty()) return problem;
+    facts.abilities = probeAbilities();
+
+    const Device* found = devices.find(facts.bridge);
+    if (found == nullptr) return {};
+    facts.device = *found;
+    if (!found->bridgeSettings) return {};
+    std::map<unsigned, PortQueues> queues;
+    VlanTable vlans;
+    std::set<unsigned> ports;
+    for (const auto& [ifindex, device] : devices.all()) {
+        if (device.bridge == found->ifindex) ports.insert(ifindex);
+    }
+    problem = readQueues(kernel, ports, queues);
+    if (problem.empty()) problem = countGroups(kernel, found->ifindex, facts.groups);
+    if (problem.empty() && found->bridgeSettings->vlanFiltering) problem = readVlans(kernel, vlans);
+    if (!problem.empty()) return problem;
+    for (const unsigned ifindex : ports) {
+        DoctorFacts::Port port;
+        port.device = *devices.find(ifindex);
+        port.vlans = vlans[ifindex];
+        port.flowControl = flowControl(port.device.name);
+        if (const auto& root = queues[ifindex].root) {
+            port.queueKind = root->kind;
+            port.queueHandle = static_cast<std::uint16_t>(root->handle >> 16);
+        }
+        facts.ports.push_back(std::move(port));
+    }
+    return {};
+}
+
+}  // namespace Linux

@@ -1,0 +1,107 @@
+#include "Linux/Doctor.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Linux::Ability;
+using Linux::DoctorFacts;
+
+/// Nothing is wrong with this one.
+DoctorFacts soundFacts() {
+    DoctorFacts facts;
+    facts.bridge = "br0";
+    facts.device.emplace();
+    facts.device->up = true;
+    auto& bridge = facts.device->bridgeSettings.emplace();
+    bridge.vlanFiltering = bridge.multicastSnooping = true;
+    bridge.multicastTableSize = 4096;
+    bridge.groupForwardingMask = 1;
+    DoctorFacts::Port port;
+    port.device.name = "swp1";
+    port.device.up = port.device.operational = true;
+    port.device.txQueues = 3;
+    port.device.mode.megabitsPerSecond = 100;
+    port.vlans.member.set(2);
+    port.vlans.tagged.set(2);
+    port.queueKind = "mqprio";
+    port.queueHandle = facts.ownQueueHandle;
+    facts.ports.push_back(port);
+    return facts;
+}
+
+std::string text(const std::vector<Linux::Finding>& findings) {
+    std::string all;
+    for (const auto& finding : findings) {
+        all += (all.empty() ? "" : "; ") + std::string{State::enumText(finding.severity)} + ' ' +
+               finding.device + ' ' + std::string{finding.check} + ": " + finding.command;
+    }
+    return all;
+}
+
+TEST(Doctor, FindsWhatKeepsABridgeFromCarryingStreams) {
+    struct Subject {
+        DoctorFacts& facts;
+        DoctorFacts::Port& port;
+        Linux::BridgeSettings& bridge;
+    };
+    struct Case {
+        void (*spoil)(Subject s);
+        const char* found;
+    };
+    const auto cases = std::to_array<Case>({
+        {[](Subject s) { (void)s; }, ""},
+        {[](Subject s) { s.facts.device.reset(); }, "fault br0 bridge: ip link add name br0 up type bridge"},
+        {[](Subject s) { s.facts.device->bridgeSettings.reset(); }, "fault br0 bridge: "},
+        {[](Subject s) { s.facts.device->up = false; }, "fault br0 up: ip link set dev br0 up"},
+        {[](Subject s) { s.facts.ports.clear(), s.facts.bridge = "b'r;0"; },
+         "fault b'r;0 ports: ip link set dev PORT master 'b'\\''r;0'"},
+        {[](Subject s) { s.bridge.multicastSnooping = false; },
+         "fault br0 snooping: ip link set dev br0 type bridge mcast_snooping 1"},
+        {[](Subject s) { s.bridge.groupForwardingMask = 0x4001; },
+         "fault br0 forwardMask: ip link set dev br0 type bridge group_fwd_mask 1"},
+        {[](Subject s) { s.facts.groups = 3841; },
+         "warning br0 groups: ip link set dev br0 type bridge mcast_hash_max 8192"},
+        {[](Subject s) { s.facts.groups = 10, s.bridge.multicastTableSize = 26; },
+         "fault br0 groups: ip link set dev br0 type bridge mcast_hash_max 4096"},
+        {[](Subject s) { s.bridge.vlanFiltering = false, s.port.vlans = {}; },
+         "note br0 vlanFiltering: ip link set dev br0 type bridge vlan_filtering 1"},
+        {[](Subject s) { s.bridge.vlanFiltering = false, s.facts.abilities.vlanFiltering = Ability::absent; },
+         "note br0 vlanFiltering: "},
+        {[](Subject s) { s.bridge.multipleSpanningTrees = true; },
+         "warning br0 spanningTrees: ip link set dev br0 type bridge mst_enabled 0"},
+        {[](Subject s) { s.port.device.up = s.port.device.operational = false; },
+         "warning swp1 up: ip link set dev swp1 up"},
+        {[](Subject s) { s.port.device.operational = false; }, "note swp1 link: "},
+        {[](Subject s) { s.port.device.mode = {}; },
+         "fault swp1 speed: ethtool -s swp1 speed 1000 duplex full"},
+        {[](Subject s) { s.port.device.mode.megabitsPerSecond = 10; },
+         "fault swp1 speed: ethtool -s swp1 speed 1000 duplex full"},
+        {[](Subject s) { s.port.device.mode.halfDuplex = true; },
+         "fault swp1 duplex: ethtool -s swp1 speed 1000 duplex full"},
+        {[](Subject s) { s.port.flowControl = true; },
+         "warning swp1 flowControl: ethtool -A swp1 autoneg off rx off tx off"},
+        {[](Subject s) { s.facts.srVlan = VlanId{7}; }, "fault swp1 vlan: bridge vlan add dev swp1 vid 7"},
+        {[](Subject s) { s.port.vlans.tagged.reset(2); }, "fault swp1 vlan: bridge vlan add dev swp1 vid 2"},
+        {[](Subject s) { s.port.queueHandle = 1; }, "fault swp1 queues: tc qdisc del dev swp1 root"},
+        {[](Subject s) { s.port.queueKind = "fq"; }, "fault swp1 queues: tc qdisc del dev swp1 root"},
+        {[](Subject s) { s.port.queueKind = ""; }, ""},
+        {[](Subject s) { s.port.device.txQueues = 2; }, "warning swp1 transmitQueues: "},
+        {[](Subject s) { s.port.device.txQueues = 2, s.facts.abilities.htb = Ability::absent; },
+         "fault swp1 transmitQueues: "},
+        {[](Subject s) { s.port.device.txQueues = 2, s.facts.abilities.cbs = Ability::absent; },
+         "warning  shaping: modprobe -a sch_mqprio sch_cbs"},
+        {[](Subject s) { s.facts.abilities.mqprio = s.facts.abilities.bpf = Ability::absent; },
+         "fault  shaping: modprobe -a sch_mqprio sch_cbs"},
+        {[](Subject s) { s.facts.abilities.flower = Ability::absent; },
+         "fault  ingressPriority: modprobe -a sch_ingress cls_flower act_skbedit"},
+        {[](Subject s) { s.facts.abilities.groups = Ability::absent; }, "fault  groups: "},
+    });
+    for (const Case& c : cases) {
+        DoctorFacts facts = soundFacts();
+        c.spoil({facts, facts.ports.front(), *facts.device->bridgeSettings});
+        EXPECT_EQ(text(Linux::diagnose(facts)), c.found);
+    }
+}
+
+}  // namespace
