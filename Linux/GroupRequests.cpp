@@ -203,6 +203,7 @@ void GroupAgent::enlargeTable() {
 std::string GroupAgent::remove(const std::vector<GroupMember>& members) {
     if (members.empty()) return {};
     std::vector<NetlinkMessage> messages;
+    messages.reserve(members.size());
     for (const GroupMember& member : members) messages.push_back(groupDelete(view_.bridge, member));
     const auto answers = requests_.carryOut(messages);
     std::string problem;

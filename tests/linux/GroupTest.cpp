@@ -51,7 +51,7 @@ std::string described(const golden::Bytes& message) {
 TEST(GroupMessage, IsReadFromAllKernels) {
     for (const std::string kernel : {"6.18", "6.12", "6.1"}) {
         const auto notice = [&](const std::string& name) {
-            return described(groups().notifications(kernel + ' ' + name).front());
+            return described(groups().notifications(Runtime::concat(kernel, ' ', name)).front());
         };
         // Two of them filter VLANs, so that a group without one is in each.
         const std::string vid = kernel == "6.18" ? "0" : "1";
@@ -73,7 +73,7 @@ TEST(GroupMessage, IsReadFromAllKernels) {
 TEST(GroupWanted, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
     Bridging::Input::Config config;
     const auto mac = member(1, 0, 0).group.mac;
-    for (const unsigned vlan : {2, 3}) {
+    for (const unsigned vlan : {2U, 3U}) {
         for (const char* port : {"swp1", "swp2", "elsewhere"})
             config.fdbConfigIs(VlanId{vlan})->ethGroupIs(mac)->intfIs(IntfId{port}, true);
     }

@@ -103,13 +103,14 @@ protected:
                     std::array<char, IF_NAMESIZE> port{};
                     if_indextoname(entry.member.port, port.data());
                     if (entry.member.group.ip.empty())
-                        found.emplace(entry.member.group.mac.text().substr(15) + '@' + port.data(),
-                                      entry.protocol == 78 ? "" : "/another");
+                        found.emplace(
+                            Runtime::concat(entry.member.group.mac.text().substr(15), '@', port.data()),
+                            entry.protocol == 78 ? "" : "/another");
                 }
             });
         EXPECT_TRUE(answer) << answer.problem();
         std::string text;
-        for (const auto& [name, owner] : found) text += (text.empty() ? "" : " ") + name + owner;
+        for (const auto& [name, owner] : found) text += Runtime::concat(text.empty() ? "" : " ", name, owner);
         return text;
     }
     std::string tableUntil(const std::string& expected) {
@@ -169,7 +170,12 @@ TEST_F(GroupAgentTest, TheTableFollowsTheRecordAndKeepsWhatIsAnothers) {
     EXPECT_EQ(tableUntil("02@p1/another 09@p2/another"), "02@p1/another 09@p2/another");
     want(1, "p1");
     EXPECT_EQ(counts(1, 0), "1 and 0");
+    for (int i = 0; i < 7; ++i) {
+        want(1, "p1", i % 2 == 1);
+        life->agent.apply();  // the news of what it did is not heard before the next
+    }
     wanted->fdbConfigPriorityIs(0);
+    settle();
     EXPECT_EQ(tableUntil("02@p1/another 09@p2/another"), "02@p1/another 09@p2/another");
     EXPECT_EQ(complaints, "");
 }
@@ -208,7 +214,8 @@ TEST_F(GroupAgentTest, AFullTableNeverStopsSnooping) {
     Namespace::ip("link set br0 type bridge mcast_hash_max 64");
     settle();
     wantMany(0, 80);
-    EXPECT_EQ(counts(48, 32), "48 and 32");
+    want(47, "p2");  // in the last group that has a place
+    EXPECT_EQ(counts(49, 32), "49 and 32");
     EXPECT_TRUE(snooping());
     EXPECT_EQ(status->failed().begin()->second, "the bridge's multicast table is full");
     loop.runUntil([&] { return !complaints.empty(); }, 5s);
@@ -218,12 +225,12 @@ TEST_F(GroupAgentTest, AFullTableNeverStopsSnooping) {
     // The kernel frees the places of the first only a moment later.
     wantMany(0, 48, false);
     wantMany(80, 90);
-    EXPECT_EQ(counts(42, 0), "42 and 0");
+    EXPECT_EQ(counts(43, 0), "43 and 0");
     EXPECT_TRUE(snooping());
     wantMany(100, 130);
-    EXPECT_EQ(counts(48, 24), "48 and 24");
+    EXPECT_EQ(counts(48, 25), "48 and 25");
     Namespace::ip("link set br0 type bridge mcast_hash_max 128");
-    EXPECT_EQ(counts(72, 0), "72 and 0");
+    EXPECT_EQ(counts(73, 0), "73 and 0");
     EXPECT_TRUE(snooping());
 }
 
@@ -281,7 +288,7 @@ TEST_F(GroupAgentTest, WhatHappensUnheardIsReadAnew) {
     EXPECT_EQ(counts(2, 0), "2 and 0");
     // More notifications than can wait.
     std::vector<Linux::NetlinkMessage> noise;
-    for (int i = 0; i < 10'000; ++i) {
+    for (int i = 0; i < 15'000; ++i) {
         noise.push_back(Linux::groupAdd(bridge, member(9), 4));
         noise.push_back(Linux::groupDelete(bridge, member(9)));
     }
