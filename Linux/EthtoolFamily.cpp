@@ -11,7 +11,7 @@ namespace Linux {
 NetlinkAnswer EthtoolFamily::resolve(NetlinkChannel& generic) {
     NetlinkMessage request{GENL_ID_CTRL, requestAck};
     request.part(genlmsghdr{CTRL_CMD_GETFAMILY, 2, 0}).text(CTRL_ATTR_FAMILY_NAME, ETHTOOL_GENL_NAME);
-    const NetlinkAnswer answer = generic.ask(std::move(request), [this](const nlmsghdr& message) {
+    NetlinkAnswer answer = generic.ask(std::move(request), [this](const nlmsghdr& message) {
         eachAttribute(message, sizeof(genlmsghdr), [this](const nlattr& attribute) {
             if (mnl_attr_get_type(&attribute) != CTRL_ATTR_MCAST_GROUPS) return;
             eachAttribute(attribute, [this](const nlattr& group) {

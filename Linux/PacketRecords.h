@@ -19,6 +19,11 @@ public:
 
     template <class F>
     static void fields(F&& each) {
+        const auto counter = [](std::string_view name, std::uint64_t PortCounters::*which) {
+            return State::derived<IntfPackets>(name, [which](const IntfPackets& record) {
+                return State::Value{record.source_ ? record.source_().*which : std::uint64_t{0}};
+            });
+        };
         each(counter("sent", &PortCounters::sent));
         each(counter("sendDropped", &PortCounters::sendDropped));
         each(counter("received", &PortCounters::received));
@@ -26,12 +31,6 @@ public:
     }
 
 private:
-    static auto counter(std::string_view name, std::uint64_t PortCounters::*which) {
-        return State::derived<IntfPackets>(name, [which](const IntfPackets& record) {
-            return State::Value{record.source_ ? record.source_().*which : std::uint64_t{0}};
-        });
-    }
-
     std::function<PortCounters()> source_;
 };
 
