@@ -103,14 +103,14 @@ void decodeOptions(const nlattr& attribute, Qdisc& qdisc) {
     if (qdisc.kind == "pfifo") qdisc.options = FrameFifo{number<tc_fifo_qopt>(attribute).limit};
 }
 
-tc_ratespec rateSpecification(std::uint64_t rate, std::uint16_t overhead) {
-    tc_ratespec specification{};
+tc_ratespec rateOf(std::uint64_t rate, std::uint16_t overhead) {
+    tc_ratespec kernelRate{};
     // With the link layer given, the kernel needs no table of transmission times.
-    specification.linklayer = TC_LINKLAYER_ETHERNET;
-    specification.overhead = overhead;
-    specification.rate =
+    kernelRate.linklayer = TC_LINKLAYER_ETHERNET;
+    kernelRate.overhead = overhead;
+    kernelRate.rate =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(rate, std::numeric_limits<std::uint32_t>::max()));
-    return specification;
+    return kernelRate;
 }
 
 /// The kind that a message tells of, and its options, in whatever order they stand.
@@ -155,8 +155,8 @@ NetlinkMessage deleteQdisc(const Qdisc& qdisc) {
 NetlinkMessage newClass(const TokenBucketClass& change, std::uint16_t flags) {
     NetlinkMessage message = about(RTM_NEWTCLASS, flags, change.ifindex, change.id, change.parent);
     tc_htb_opt options{};
-    options.rate = rateSpecification(change.rate, change.overhead);
-    options.ceil = rateSpecification(change.ceiling, change.overhead);
+    options.rate = rateOf(change.rate, change.overhead);
+    options.ceil = rateOf(change.ceiling, change.overhead);
     options.buffer = change.burst;
     options.cbuffer = change.ceilingBurst;
     options.quantum = change.quantum;
