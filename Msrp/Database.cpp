@@ -10,6 +10,7 @@
 #include "Switch/BridgingTopology.h"
 #include "Switch/Interface.h"
 #include "Switch/Qos.h"
+#include "Switch/Refusals.h"
 #include "Switch/Stp.h"
 
 namespace Msrp {
@@ -29,6 +30,7 @@ void populate(State::Database& database) {
     database.entityIs<Qos::Input::Config>("qos/input/config/msrp");
     database.entityIs<Qos::Status>("qos/status");
     database.entityIs<Qos::HwStatus>("qos/hardware/status/global");
+    database.entityIs<Switch::Refusals>("switch/refusals");
     database.entityIs<Interface::AllIntfStatusDir>("interface/status/all");
     database.entityIs<Interface::AllIntfStatusLocalDir>("interface/status/local");
     database.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
