@@ -21,6 +21,9 @@ struct AttributeType {
     /// port are offered again; and a registered or refused attribute of this type is offered again whenever
     /// this side declares the same key.
     bool retriesPort;
+    /// The type that declares the same thing otherwise, or 0: of the two types only the one that was declared
+    /// last counts for a key and a direction (35.2.6).
+    std::uint8_t replaces;
     /// The key of a value: what names the attribute; two values of one key are two states of one attribute.
     std::uint64_t (*key)(std::span<const std::uint8_t> value);
     /// Makes value k out of the first value of a vector in place (the increments of 35.2.2.8); false when

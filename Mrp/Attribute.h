@@ -27,9 +27,11 @@ public:
     bool queued : 1 = false;  ///< waits for a transmit opportunity, and must not be deleted meanwhile
     bool mtDue : 1 =
         false;  ///< an Mt of `heard` is to be sent, which is not the value that this side declares
-    bool announced : 1 = false;  ///< the peer may hold `told`: a Join went out, and no Lv or LeaveAll since
-    bool held : 1 = false;       ///< the application holds `accepted`, and is told when it leaves
-    bool refused : 1 = false;    ///< the application refused `heard`
+    /// The peer may hold `told`: a Join went out, and no Lv or LeaveAll since, nor a Join of the type that
+    /// replaces it.
+    bool announced : 1 = false;
+    bool held : 1 = false;            ///< the application holds `accepted`, and is told when it leaves
+    bool refused : 1 = false;         ///< the application refused `heard`
     std::uint32_t leaveSequence = 0;  ///< names the latest entry of this attribute in the leave queue
     std::uint32_t bornSecond = 0;     ///< of the loop's clock
 
@@ -49,7 +51,9 @@ public:
     [[nodiscard]] bool registered() const { return registrar != Registrar::MT; }
     /// True while this side declares it or has yet to withdraw it.
     [[nodiscard]] bool spokenFor() const { return isMember(applicant) || applicant == Applicant::LA; }
-    [[nodiscard]] bool idle() const { return !registered() && !queued && applicant == Applicant::VO; }
+    [[nodiscard]] bool idle() const {
+        return !registered() && !queued && !announced && applicant == Applicant::VO;
+    }
 
 private:
     [[nodiscard]] AttributeValues values() const;

@@ -101,6 +101,7 @@ private:
         if (values == 0) {
             // Some senders leave the FirstValue out where there is no value.
             if (list.left() >= type.valueLength + endMarkLength) list.bytes(type.valueLength);
+            if (tornEndMark(list)) return false;
             if (leaveAll) out_.leaveAll.set(index);
             return true;
         }
@@ -108,7 +109,7 @@ private:
         const std::size_t eventsAt = list.offset();
         const auto threePacked = list.bytes((values + 2) / 3);
         const auto fourPacked = list.bytes(type.fourPacked ? (values + 3) / 4 : 0);
-        if (!list.ok()) return false;
+        if (!list.ok() || tornEndMark(list)) return false;
         if (leaveAll) out_.leaveAll.set(index);
 
         DecodedEvent decoded;
@@ -135,6 +136,9 @@ private:
         }
         return true;
     }
+
+    /// One octet left of the list is half of its EndMark: the other half was taken for events.
+    static bool tornEndMark(const Reader& list) { return list.left() == 1; }
 
     void flaw(Malformed reason, std::size_t offset) { out_.flaws.push_back({reason, offset}); }
 

@@ -33,7 +33,8 @@ enum class Malformed : std::uint8_t {
     tooShort,            ///< no room for a version and one message header; the whole PDU
     listPastEnd,         ///< AttributeListLength runs past the PDU; the rest of the PDU
     wrongLength,         ///< AttributeLength is not that of the type; the message
-    vectorPastEnd,       ///< more values than the list has octets for; the vector and the rest of the message
+    vectorPastEnd,       ///< more values than the list has octets for, or half its EndMark taken for events;
+                         ///< the vector and the rest of the message
     eventPastRange,      ///< a ThreePacked octet above 215; the rest of the vector
     listLengthMismatch,  ///< vectors and AttributeListLength disagree; the rest of the message
     valuePastRange,      ///< values that the increments cannot reach; those values

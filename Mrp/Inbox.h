@@ -10,6 +10,7 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <utility>
 #include <vector>
@@ -20,9 +21,10 @@ namespace Mrp {
 struct Reception {
     DecodedPdu pdu;
     Runtime::Time arrived{};
-    bool begun = false;         ///< counted, and its LeaveAlls applied
-    bool firstTypes = true;     ///< still at the types that are delivered first
-    std::size_t nextEvent = 0;  ///< of `pdu`
+    bool begun = false;      ///< counted, and its LeaveAlls applied
+    bool firstTypes = true;  ///< still at the types that are delivered first
+    std::set<std::pair<std::uint8_t, std::uint64_t>> firstRefs;  ///< of these: type and key, to be offered
+    std::size_t nextEvent = 0;                                   ///< of `pdu`
 };
 
 class Inbox {

@@ -40,6 +40,14 @@ VlanId MrpLib::getNativeVlanId(IntfId intf) const {
     return engine_ != nullptr ? engine_->nativeVlanId(intf) : VlanId{1};
 }
 
+void MrpLib::mrpPortOpened(IntfId intf) {
+    if (engine_ != nullptr) engine_->openPort(intf);
+}
+
+void MrpLib::mrpPause(bool paused) {
+    if (engine_ != nullptr) engine_->pausedIs(paused);
+}
+
 PeriodicSm* MrpLib::periodicSm() const { return engine_ != nullptr ? &engine_->periodicSm() : nullptr; }
 
 }  // namespace Mrp

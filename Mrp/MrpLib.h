@@ -79,6 +79,14 @@ public:
     [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
     /// The VLAN of the port's untagged frames: its switch configuration's, else 1.
     [[nodiscard]] VlanId getNativeVlanId(IntfId intf) const;
+    /// Offers what was refused on the port once more.
+    void mrpPortOpened(IntfId intf);
+    /// While paused the engine neither handles what arrives, which waits as long as there is room for it, nor
+    /// transmits: for an application that needs several turns to tell it what was declared and registered.
+    void mrpPause(bool paused);
+    /// Tells that a handler did that much beyond the ordinary: one for each event's worth of work.  Ports
+    /// take turns by what they cost.
+    void mrpSpend(unsigned events) { spent_ += events; }
     /// The engine's periodic machine; null while there is no engine.
     [[nodiscard]] PeriodicSm* periodicSm() const;
 
@@ -94,6 +102,7 @@ private:
     ApplicationInfo application_;
     MrpSm* engine_ =
         nullptr;  ///< set by the engine for as long as it lives; without one, requests do nothing
+    unsigned spent_ = 0;
     std::array<AttributeSlot, slots> incoming_{};
     std::array<AttributeSlot, slots> outgoing_{};
 };

@@ -9,12 +9,12 @@ namespace Mrp {
 
 namespace {
 
-/// Offers in one turn of the loop.
-constexpr int offersAtOnce = 64;
 /// What may be received in one turn of the loop, and of that by one port while others wait: some
 /// milliseconds of work.
-constexpr unsigned turnBudget = 64 * Participant::indicationCost;
-constexpr unsigned portBudget = turnBudget / 4;
+constexpr unsigned turnBudget = 128 * Participant::indicationCost;
+constexpr unsigned portBudget = turnBudget / 8;
+/// What offers may cost in one turn.
+constexpr unsigned offerBudget = turnBudget / 2;
 /// Attributes whose states are looked at for transmissions in one turn; the last port to get its turn may
 /// take more.
 constexpr std::size_t turnTransmissions = 4096;
@@ -147,11 +147,12 @@ void MrpSm::received(IntfId intf, std::span<const std::uint8_t> pdu) {
     const auto at = ports_.find(intf);
     if (at == ports_.end() || !at->second.participant) return;
     Port& port = at->second;
-    if (receiveBudget_ == 0 || !port.inbox.empty()) return keep(intf, port, pdu);
+    if (paused_ || receiveBudget_ == 0 || !port.inbox.empty()) return keep(intf, port, pdu);
     const auto receiver = port.participant;
     decode(pdu, application_.application(), direct_.pdu);
     direct_.begun = false;
     direct_.firstTypes = true;
+    direct_.firstRefs.clear();
     direct_.nextEvent = 0;
     if (receive(*receiver, direct_, receiveBudget_)) return;
     direct_.arrived = loop_.now();
@@ -186,7 +187,7 @@ void MrpSm::standInLine(IntfId intf, Port& port) {
 void MrpSm::serveLine() {
     receiveBudget_ = turnBudget;
     transmitBudget_ = turnTransmissions;
-    while (!line_.empty() && receiveBudget_ > 0) {
+    while (!paused_ && !line_.empty() && receiveBudget_ > 0) {
         const IntfId intf = line_.front();
         line_.pop_front();
         const auto at = ports_.find(intf);
@@ -194,7 +195,16 @@ void MrpSm::serveLine() {
         at->second.inLine = false;
         servePort(intf, at->second);
     }
-    if (!line_.empty()) turnTimer_.armIn(Runtime::Duration{0});
+    if (!paused_ && !line_.empty()) turnTimer_.armIn(Runtime::Duration{0});
+}
+
+void MrpSm::pausedIs(bool paused) {
+    if (std::exchange(paused_, paused) == paused || paused) return;
+    turnTimer_.armIn(Runtime::Duration{0});
+    offerTimer_.armIn(Runtime::Duration{0});
+    for (const auto& [intf, port] : ports_) {
+        if (port.participant) port.participant->requestOpportunity();
+    }
 }
 
 void MrpSm::servePort(IntfId intf, Port& port) {
@@ -210,7 +220,7 @@ void MrpSm::servePort(IntfId intf, Port& port) {
 
 bool MrpSm::mayTransmit(IntfId intf) {
     const auto at = ports_.find(intf);
-    return transmitBudget_ > 0 && (at == ports_.end() || !at->second.inbox.begun());
+    return !paused_ && transmitBudget_ > 0 && (at == ports_.end() || !at->second.inbox.begun());
 }
 
 void MrpSm::transmitted(std::size_t attributes) {
@@ -302,6 +312,7 @@ Participant::Outcome MrpSm::indicate(IntfId intf, const AttributeRef& ref, const
     AttributeSlot& slot = application_.incoming(t.type);
     slot = {.value = value.octets, .declaration = value.declaration};
     const bool outer = std::exchange(indicating_, true);
+    if (!outer) (void)takeCost();  // what was done before is not this indication's
     Participant::Outcome outcome = Participant::Outcome::rangeError;
     try {
         outcome = handler(MrpParameters{.intf = intf, .attributeType = t.type});
@@ -317,6 +328,9 @@ Participant::Outcome MrpSm::indicate(IntfId intf, const AttributeRef& ref, const
 Participant::Outcome MrpSm::joinIndication(IntfId intf, const AttributeRef& ref,
                                            const AttributeValue& value) {
     log(AttrLogRecord::What::join, intf, ref);
+    // This is the offer that was due.
+    offers_.erase({ref, intf});
+    repeats_.erase({ref, intf});
     return indicate(intf, ref, value, [this](const MrpParameters& params) {
         return application_.mrpJoinIndication(params) == 0 ? Participant::Outcome::accepted
                                                            : Participant::Outcome::refused;
@@ -347,7 +361,11 @@ void MrpSm::registrationEnded(std::uint64_t key) {
 }
 
 void MrpSm::portOpened(IntfId intf) {
-    openedPorts_.insert(intf);
+    const auto port = participant(intf);
+    if (!port || port->refused().empty()) return;
+    // What is refused from now on was judged by how things are now.
+    for (const AttributeRef& ref : port->refused()) offers_.emplace(ref, intf);
+    application_.mrpSpend(static_cast<unsigned>(port->refused().size()));
     offerTimer_.armIn(Runtime::Duration{0});
 }
 
@@ -359,21 +377,21 @@ void MrpSm::offerDue(IntfId intf, const AttributeRef& ref) {
 }
 
 void MrpSm::runOffers() {
-    for (const IntfId intf : std::exchange(openedPorts_, {})) {
-        const auto port = participant(intf);
-        if (!port) continue;
-        for (const AttributeRef& ref : port->refused()) offers_.emplace(ref, intf);
-    }
-    for (int offered = 0; offered < offersAtOnce && !(offers_.empty() && repeats_.empty()); ++offered) {
+    for (unsigned left = offerBudget; !paused_ && left > 0 && !(offers_.empty() && repeats_.empty());) {
         const bool repeat = offers_.empty() || (!repeats_.empty() && *repeats_.begin() <= *offers_.begin());
         const Offer offer = repeat ? *repeats_.begin() : *offers_.begin();
         const auto& [ref, intf] = offer;
         repeats_.erase(offer);
         offers_.erase(offer);
         const auto port = participant(intf);
-        if (port && (repeat || port->refused(ref))) port->offerAgain(ref);
+        unsigned cost = 1;
+        if (port && (repeat || port->refused(ref))) {
+            port->offerAgain(ref);
+            cost += Participant::indicationCost + takeCost();
+        }
+        left -= std::min(left, cost);
     }
-    if (!offers_.empty() || !repeats_.empty()) offerTimer_.armIn(Runtime::Duration{0});
+    if (!paused_ && !(offers_.empty() && repeats_.empty())) offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::later(std::function<void()> task) {

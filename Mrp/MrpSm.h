@@ -33,6 +33,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 
 namespace Mrp {
 
@@ -86,6 +87,8 @@ public:
     void interfaceDisable(IntfId intf);
     void cleanUpIntfDatabase(IntfId intf);
     void cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
+    void openPort(IntfId intf) { portOpened(intf); }
+    void pausedIs(bool paused);
     [[nodiscard]] bool attributeHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const;
     /// What is known of the attributes of an enabled port, in the order of type and key; nothing for others.
     void eachAttribute(IntfId intf,
@@ -109,6 +112,7 @@ private:
                                         const AttributeValue& value) override;
     Participant::Outcome leaveIndication(IntfId intf, const AttributeRef& ref,
                                          const AttributeValue& value) override;
+    [[nodiscard]] unsigned takeCost() override { return std::exchange(application_.spent_, 0U); }
     void registrationEnded(std::uint64_t key) override;
     void portOpened(IntfId intf) override;
     void offerDue(IntfId intf, const AttributeRef& ref) override;
@@ -165,11 +169,11 @@ private:
     std::deque<IntfId> line_;     ///< ports with full inboxes, each once
     Reception direct_;            ///< of a PDU that need not wait; kept for its memory
     bool indicating_ = false;
+    bool paused_ = false;
 
-    std::set<Offer> offers_;        ///< of refused attributes
-    std::set<Offer> repeats_;       ///< of attributes whether refused or not
-    std::set<IntfId> openedPorts_;  ///< ports whose refused attributes are to be added to `offers_`
-    Runtime::Timer offerTimer_;     ///< armed while anything is to be offered
+    std::set<Offer> offers_;                                      ///< of refused attributes
+    std::set<Offer> repeats_;                                     ///< of attributes whether refused or not
+    Runtime::Timer offerTimer_;                                   ///< armed while anything is to be offered
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  ///< ends with the engine
     State::Reactor configReactor_;
 };

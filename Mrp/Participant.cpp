@@ -8,7 +8,7 @@ namespace Mrp {
 namespace {
 
 /// Leaves that one firing of the leave timer indicates, so that many at once do not hold the loop.
-constexpr int leavesAtOnce = 32;
+constexpr unsigned leavesAtOnce = 32;
 /// While frames wait that came in time to stop a leave.
 constexpr Runtime::Duration backlogWait = std::chrono::milliseconds{1};
 /// Attributes to which a LeaveAll is applied for the price of one event.
@@ -40,6 +40,11 @@ Participant::Participant(IntfId intf, const Environment& environment)
       opportunityTimer_{environment.loop, [this] { opportunity(); }},
       leaveTimer_{environment.loop, [this] { leaveTimerFired(); }},
       leaveAllTimer_{environment.loop, [this] { leaveAllEvent(LeaveAllEvent::leaveAllTimer); }} {
+    for (std::uint8_t i = 0; i < typeCount(); ++i) {
+        const auto& types = env_.application.types;
+        const auto other = std::ranges::find(types, types[i].replaces, &AttributeType::type);
+        replaces_[i] = other == types.end() ? i : static_cast<std::uint8_t>(other - types.begin());
+    }
     startLeaveAllTimer();
 }
 
@@ -68,16 +73,44 @@ bool Participant::receive(Reception& in, unsigned& budget) {
     bool done = false;
     while (!stopped_ && !done && budget > 0) {
         if (in.nextEvent == events.size()) {
+            if (in.firstTypes && !in.firstRefs.empty()) {
+                spend(offerFirst(in));
+                continue;
+            }
             done = !std::exchange(in.firstTypes, false);
             in.nextEvent = 0;
             continue;
         }
         const DecodedEvent& event = events[in.nextEvent++];
-        if (type(event.typeIndex).deliverFirst != in.firstTypes) continue;
-        spend(receiveEvent(event) ? indicationCost : 1);
+        const AttributeType& t = type(event.typeIndex);
+        if (t.deliverFirst != in.firstTypes) continue;
+        const Asks asks = receiveEvent(event);
+        spend(1);
+        if (asks == Asks::nothing) continue;
+        const AttributeRef ref{event.typeIndex, keyOf(event)};
+        if (t.deliverFirst) {
+            in.firstRefs.insert({ref.typeIndex, ref.key});
+        } else {
+            offer(ref, asks == Asks::news);
+            spend(indicationCost + env_.host.takeCost());
+        }
     }
     publish();
     return stopped_ || done;
+}
+
+unsigned Participant::offerFirst(Reception& in) {
+    const auto first = in.firstRefs.extract(in.firstRefs.begin()).value();
+    const AttributeRef ref{first.first, first.second};
+    const Attribute* attribute = find(ref);
+    if (attribute == nullptr || !attribute->registered()) return 1;
+    offer(ref, !attribute->held || attribute->accepted() != attribute->heard());
+    return indicationCost + env_.host.takeCost();
+}
+
+std::uint64_t Participant::keyOf(const DecodedEvent& event) const {
+    const AttributeType& t = type(event.typeIndex);
+    return t.key(std::span{event.value.octets}.first(t.valueLength));
 }
 
 void Participant::beginReception(const DecodedPdu& pdu) {
@@ -105,14 +138,13 @@ void Participant::receiveLeaveAll(std::uint8_t typeIndex) {
     eraseIdle(typeIndex);
 }
 
-bool Participant::receiveEvent(const DecodedEvent& in) {
+Participant::Asks Participant::receiveEvent(const DecodedEvent& in) {
     ++counts_.rxEvents[static_cast<std::size_t>(in.event)];
-    const AttributeType& t = type(in.typeIndex);
-    const AttributeRef ref{in.typeIndex, t.key(std::span{in.value.octets}.first(t.valueLength))};
+    const AttributeRef ref{in.typeIndex, keyOf(in)};
     Attribute* attribute = find(ref);
     const bool joins = declares(in.event);
     if (attribute == nullptr) {
-        if (!joins || !mayRegister(ref.typeIndex)) return false;
+        if (!joins || !mayRegister(ref.typeIndex)) return Asks::nothing;
         attribute = &findOrMake(ref);
     }
     // By the standard two values are two attributes: what the peer says of another value is not about ours.
@@ -120,20 +152,36 @@ bool Participant::receiveEvent(const DecodedEvent& in) {
         applicantEvent(ref, *attribute, applicantEventOf(in.event));
     }
     if (joins) {
+        dropReplaced(ref);
         const Registrar before = attribute->registrar;
-        if (before == Registrar::MT && !mayRegister(ref.typeIndex)) return false;
+        if (before == Registrar::MT && !mayRegister(ref.typeIndex)) return Asks::nothing;
         const bool changed = before == Registrar::MT || attribute->heard() != in.value;
         registrarEvent(ref, *attribute, RegistrarEvent::rJoin);
-        if (before == Registrar::IN && !changed) return false;
+        if (before == Registrar::IN && !changed) return Asks::nothing;
         attribute->mtDue = false;
         attribute->heardIs(in.value);
-        offer(ref, changed);
-        return true;
+        return changed ? Asks::news : Asks::again;
     }
     if (in.event == Event::Lv && attribute->heard().octets == in.value.octets) {
         registrarEvent(ref, *attribute, RegistrarEvent::rLv);
     }
-    return false;
+    return Asks::nothing;
+}
+
+void Participant::dropReplaced(const AttributeRef& ref) {
+    Attribute* other = replaced(ref);
+    if (other == nullptr || !other->refused) return;
+    const AttributeRef otherRef{replaces_[ref.typeIndex], ref.key};
+    if (other->held) {
+        // The application still holds an earlier value of it, and will be told that it has left.
+        other->refused = false;
+        refused_.erase(otherRef);
+        registrarEvent(otherRef, *other, RegistrarEvent::rLv);
+    } else {
+        unregister(otherRef, *other);
+    }
+    other->settle();
+    eraseIfIdle(otherRef, *other);
 }
 
 bool Participant::mayRegister(std::uint8_t typeIndex) {
@@ -206,7 +254,6 @@ void Participant::seed(const AttributeRef& ref, const AttributeValue& value) {
     attribute.heardIs(value);
     attribute.held = true;
     attribute.accept();
-    registrarEvent(ref, attribute, RegistrarEvent::rLv);
     attribute.settle();
 }
 
@@ -221,16 +268,28 @@ void Participant::withdraw(const AttributeRef& ref) {
     } else {
         applicantEvent(ref, *attribute, ApplicantEvent::leave);
     }
-    if (attribute->applicant == Applicant::LA) attribute->ownIs(attribute->told());
+    if (attribute->applicant == Applicant::LA) {
+        attribute->ownIs(attribute->told());
+    } else {
+        owe({replaces_[ref.typeIndex], ref.key});
+    }
     attribute->settle();
     eraseIfIdle(ref, *attribute);
+}
+
+void Participant::owe(const AttributeRef& ref) {
+    Attribute* attribute = find(ref);
+    if (attribute == nullptr || !attribute->announced || attribute->spokenFor()) return;
+    applicantIs(ref, *attribute, Applicant::LA, ApplicantEvent::leave);
+    attribute->ownIs(attribute->told());
+    queue(ref, *attribute, Runtime::Duration{0});
 }
 
 void Participant::forget(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr) return;
     applicantIs(ref, *attribute, Applicant::VO, ApplicantEvent::leave);
-    attribute->announced = false;
+    attribute->announced = attribute->announced && replaces_[ref.typeIndex] != ref.typeIndex;
     attribute->mtDue = false;
     if (attribute->refused) {
         attribute->held = false;
@@ -353,7 +412,7 @@ void Participant::leaveTimerFired() {
     const Runtime::Time now = env_.loop.now();
     const std::optional<Runtime::Time> backlog = env_.host.backlogSince(intf_);
     const auto mayStillBeStopped = [&] { return backlog && *backlog <= leaves_.front().due; };
-    for (int handled = 0;
+    for (unsigned handled = 0;
          handled < leavesAtOnce && !leaves_.empty() && leaves_.front().due <= now && !mayStillBeStopped();
          ++handled) {
         const LeaveQueue::Entry entry = leaves_.front();
@@ -369,6 +428,7 @@ void Participant::leaveTimerFired() {
         eraseIfIdle(ref, attribute);
         if (held && env_.host.leaveIndication(intf_, ref, value) == Outcome::rangeError)
             ++counts_.rangeErrors;
+        handled += env_.host.takeCost() / indicationCost;
         if (stopped_) break;
         env_.host.registrationEnded(ref.key);
     }

@@ -47,6 +47,8 @@ public:
         virtual Outcome joinIndication(IntfId intf, const AttributeRef& ref, const AttributeValue& value) = 0;
         virtual Outcome leaveIndication(IntfId intf, const AttributeRef& ref,
                                         const AttributeValue& value) = 0;
+        /// What the indications since the last call cost beyond the ordinary, in events' worth.
+        [[nodiscard]] virtual unsigned takeCost() = 0;
         /// A registration of that key has ended, which may make room for one that was refused.
         virtual void registrationEnded(std::uint64_t key) = 0;
         /// What was refused on the port is worth another offer.
@@ -91,19 +93,23 @@ public:
     [[nodiscard]] bool stopped() const { return stopped_; }
 
     /// Goes on with a PDU as far as `budget` allows, which it lowers by what it has done: an indication costs
-    /// `indicationCost`, other events 1.  True when the PDU is done.
+    /// `indicationCost` and what its handler did beyond that, other events 1.  True when the PDU is done.
+    ///
+    /// Of several joins of one key, of a type that is delivered first, only the last one is indicated: these
+    /// decide over all that the port carries, and what a PDU says in between it has taken back itself.
     bool receive(Reception& in, unsigned& budget);
     static constexpr unsigned indicationCost = 16;
 
     /// Join! of a value.  True when that is news: the value was not declared before.
     bool declare(const AttributeRef& ref, const AttributeValue& value);
     /// Takes over a registration from an earlier life of the port: the application holds it, and it leaves
-    /// when its peer does not declare it within LeaveTime.  Nothing is indicated.
+    /// when the peer does not answer the LeaveAll that is to follow with it.  Nothing is indicated.
     void seed(const AttributeRef& ref, const AttributeValue& value);
     /// Lv!
     void withdraw(const AttributeRef& ref);
     /// Forgets declaration and registration at once; nothing is sent or indicated.  What was refused stays
-    /// refused.
+    /// refused.  What the peer may hold of a type that another one replaces is remembered until it hears of
+    /// that one: should this never be said, it is owed a Leave.
     void forget(const AttributeRef& ref);
     /// Forgets the registration without an indication, and says Mt for it.
     void purge(const AttributeRef& ref);
@@ -172,11 +178,24 @@ private:
     /// The same for every attribute of a type.
     void eraseIdle(std::uint8_t typeIndex);
 
+    [[nodiscard]] std::uint64_t keyOf(const DecodedEvent& event) const;
     void receiveLeaveAll(std::uint8_t typeIndex);
     void beginReception(const DecodedPdu& pdu);
-    /// True when the application was asked.
-    bool receiveEvent(const DecodedEvent& in);
+    /// What an event gives the application to decide.
+    enum class Asks : std::uint8_t { nothing, again, news };
+    Asks receiveEvent(const DecodedEvent& in);
+    /// Offers what the messages that are delivered first came to.
+    unsigned offerFirst(Reception& in);
     void offer(const AttributeRef& ref, bool news);
+    /// The attribute that declares the same key by the other type, or null.
+    [[nodiscard]] Attribute* replaced(const AttributeRef& ref) {
+        const AttributeRef other{replaces_[ref.typeIndex], ref.key};
+        return other.typeIndex == ref.typeIndex ? nullptr : find(other);
+    }
+    /// The peer has turned to `ref`: what it declared by the other type is no longer worth an offer.
+    void dropReplaced(const AttributeRef& ref);
+    /// Says Lv of what is declared no more and the peer may hold.
+    void owe(const AttributeRef& ref);
     [[nodiscard]] bool mayRegister(std::uint8_t typeIndex);
 
     void applicantEvent(const AttributeRef& ref, Attribute& attribute, ApplicantEvent event);
@@ -225,6 +244,7 @@ private:
     Runtime::Duration leaveTime_;  ///< with which `leaves_` was filled
 
     std::array<Attributes, maxTypes> attributes_;
+    std::array<std::uint8_t, maxTypes> replaces_{};   ///< by type; itself where there is none
     std::array<std::size_t, maxTypes> registered_{};  ///< registrars that are not MT
     std::bitset<maxTypes> limitReached_;
     std::set<AttributeRef> refused_;

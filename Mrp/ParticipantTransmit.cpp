@@ -261,6 +261,14 @@ void Participant::said(const Utterance& utterance, ApplicantEvent why) {
     if (why != ApplicantEvent::txLAF && utterance.event && declares(*utterance.event)) {
         attribute.announced = true;
         attribute.tell();
+        // With that the peer has let go of what it held by the other type.
+        if (Attribute* other = replaced(utterance.ref); other != nullptr && !other->spokenFor()) {
+            other->announced = false;
+            other->settle();
+            // A LeaveAll has its own say about each attribute, and still needs them all.
+            if (why == ApplicantEvent::tx)
+                eraseIfIdle({replaces_[utterance.ref.typeIndex], utterance.ref.key}, *other);
+        }
     }
     // A LeaveAll took everything off the queue when it began; what is there now came later.
     if (why == ApplicantEvent::tx) attribute.queued = false;
