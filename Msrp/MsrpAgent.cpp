@@ -63,6 +63,7 @@ void Agent::doInit() {
     entities.mountIs("bridging/input/config/msrp", "Bridging::Input::Config", "w");
     entities.mountIs("bridging/topology/config", "Bridging::Topology::Config", "r");
     entities.mountIs("stp/status", "Stp::Status", "r");
+    entities.mountIs("switch/refusals", "Switch::Refusals", "r");
 
     entities.localEntityIs<Bridging::Topology::Status>("bridging/topology/status");
 }
@@ -85,6 +86,7 @@ void Agent::fetchRecords() {
     ethPhyIntfStatusDir_ = entities.reader<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     ethIntfStatusDir_ = entities.reader<Interface::EthIntfStatusDir>("interface/status/eth/intf");
     bridgingTopoConfig_ = entities.reader<Bridging::Topology::Config>("bridging/topology/config");
+    refusals_ = entities.reader<Switch::Refusals>("switch/refusals");
     bridgingTopoStatus_ = entities.writer<Bridging::Topology::Status>("bridging/topology/status");
 }
 
@@ -121,25 +123,28 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
         .standbyMode = standbyMode_});
     msrpAttrLogSm_ = std::make_unique<Mrp::MrpAttrLogSm>(ringLogSink(env.ringLog));
     mrpSm_->attrLogIs(msrpAttrLogSm_.get());
-    msrpSm_ = std::make_unique<MsrpSm>(
-        MsrpSm::Inputs{.cliConfig = msrpCliConfig_,
-                       .config = msrpConfig_,
-                       .status = msrpStatus_,
-                       .waiting = msrpWaiting_,
-                       .ethPhyIntfStatusDir = ethPhyIntfStatusDir_,
-                       .brConfig = brConfig_,
-                       .qosMsrpConfig = qosMsrpConfig_,
-                       .qosStatus = qosStatus_,
-                       .qosHwStatus = qosHwStatus_,
-                       .brMsrpConfig = brMsrpConfig_,
-                       .bridgingTopoConfig = bridgingTopoConfig_,
-                       .stpStatus = stpStatus_,
-                       .topoLib = topoLibState_,
-                       .attrLogSm = msrpAttrLogSm_.get(),
-                       .msrpLib = msrpLib_.get(),
-                       .standbyMode = standbyMode_},
-        MsrpSm::Platform{
-            .loop = env.loop, .systemLog = env.systemLog, .trace = env.trace, .ringLog = env.ringLog});
+    msrpSm_ = std::make_unique<MsrpSm>(MsrpSm::Inputs{.cliConfig = msrpCliConfig_,
+                                                      .config = msrpConfig_,
+                                                      .status = msrpStatus_,
+                                                      .waiting = msrpWaiting_,
+                                                      .ethPhyIntfStatusDir = ethPhyIntfStatusDir_,
+                                                      .brConfig = brConfig_,
+                                                      .qosMsrpConfig = qosMsrpConfig_,
+                                                      .qosStatus = qosStatus_,
+                                                      .qosHwStatus = qosHwStatus_,
+                                                      .brMsrpConfig = brMsrpConfig_,
+                                                      .bridgingTopoConfig = bridgingTopoConfig_,
+                                                      .stpStatus = stpStatus_,
+                                                      .topoLib = topoLibState_,
+                                                      .refusals = refusals_,
+                                                      .attrLogSm = msrpAttrLogSm_.get(),
+                                                      .msrpLib = msrpLib_.get(),
+                                                      .standbyMode = standbyMode_},
+                                       MsrpSm::Platform{.loop = env.loop,
+                                                        .systemLog = env.systemLog,
+                                                        .trace = env.trace,
+                                                        .ringLog = env.ringLog,
+                                                        .unitsPerTurn = env.unitsPerTurn});
     handleStandbyMode();
 }
 

@@ -61,6 +61,7 @@ private:
     std::shared_ptr<const Interface::EthIntfStatusDir> ethIntfStatusDir_;
     std::shared_ptr<const Bridging::Topology::Config> bridgingTopoConfig_;
     std::shared_ptr<Bridging::Topology::Status> bridgingTopoStatus_;
+    std::shared_ptr<const Switch::Refusals> refusals_;
     std::unique_ptr<RedundancyStatusSm> redundancyStatusSm_;
     std::shared_ptr<Bridging::Topology::TopoLibState> topoLibState_;
     std::unique_ptr<Bridging::Topology::TopoLibSm> topoLibSm_;

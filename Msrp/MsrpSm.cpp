@@ -6,7 +6,16 @@
 
 namespace Msrp {
 
-MsrpSm::MsrpSm(Inputs inputs, Platform platform) : inputs_{std::move(inputs)}, platform_{platform} {
+namespace {
+/// Streams looked at, and things said about them, in one turn of the loop: a few milliseconds' worth.
+constexpr unsigned unitsPerTurn = 4096;
+}  // namespace
+
+MsrpSm::MsrpSm(Inputs inputs, Platform platform)
+    : inputs_{std::move(inputs)},
+      platform_{platform},
+      chores_{platform_.loop, platform_.unitsPerTurn != 0 ? platform_.unitsPerTurn : unitsPerTurn,
+              [this](Runtime::Chores::Lane lane) { laneIdle(lane); }} {
     if (inputs_.cliConfig) (void)keepPercentages();
     reactToInputs();
     handleInitialized();
@@ -14,10 +23,12 @@ MsrpSm::MsrpSm(Inputs inputs, Platform platform) : inputs_{std::move(inputs)}, p
 
 MsrpSm::~MsrpSm() {
     // Reactors first: nothing may run while the rest goes.
-    for (State::Reactor* reactor : {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_,
-                                    &qosStatusReactor_, &stpStatusReactor_, &topoLibReactor_}) {
+    for (State::Reactor* reactor :
+         {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_, &qosStatusReactor_,
+          &stpStatusReactor_, &topoLibReactor_, &refusalsReactor_}) {
         *reactor = State::Reactor{};
     }
+    chores_.clear();
     intfStatusDelAll();
     switchIntfConfigDelAll();
     topoDelAll();
@@ -49,6 +60,7 @@ void MsrpSm::reactToInputs() {
             if (intf == nullptr) return;
             if (inputs_.ethPhyIntfStatusDir->intfStatus(*intf)) {
                 intfStatusIs(*intf);
+                followIntf(*intf);
             } else {
                 intfStatusDel(*intf);
             }
@@ -79,6 +91,10 @@ void MsrpSm::reactToInputs() {
                 topoDel(*name);
             }
         });
+    }
+    if (inputs_.refusals) {
+        refusalsReactor_ =
+            inputs_.refusals->react([this](const State::Change& change) { handleRefusal(change); });
     }
     // What is there already does not announce itself.
     if (inputs_.ethPhyIntfStatusDir) {
@@ -121,7 +137,7 @@ void MsrpSm::handleSwitchIntfConfig(IntfId intf) {
 }
 
 void MsrpSm::handleStpMode() {
-    if (!initialized() || standbyMode()) return;
+    if (!acts()) return;
     // Another mode gives ports another base topology, or none.  The topology library has followed already.
     const auto& ports = status()->intfStatus();
     for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
@@ -133,7 +149,7 @@ void MsrpSm::handleStpMode() {
 void MsrpSm::handleVlanConfig(VlanId vlan) {
     // Where every VLAN has its own spanning tree, a port is without a base topology while its native VLAN is
     // not configured.
-    if (!initialized() || standbyMode() || inputs_.stpStatus->mode() != Stp::Mode::Pvst) return;
+    if (!acts() || inputs_.stpStatus->mode() != Stp::Mode::Pvst) return;
     const auto& ports = status()->intfStatus();
     for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
         if (inputs_.msrpLib->getNativeVlanId(*intf) == vlan) refreshPort(*intf);
@@ -142,7 +158,7 @@ void MsrpSm::handleVlanConfig(VlanId vlan) {
 
 void MsrpSm::handleCliConfig(const State::Change& change) {
     const bool grown = keepPercentages();
-    if (!initialized() || standbyMode()) return;
+    if (!acts()) return;
     const auto everyPort = [this](auto act) {
         const auto& ports = status()->intfStatus();
         for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) act(*intf);
@@ -198,24 +214,53 @@ void MsrpSm::handleStandbyMode() {
     Runtime::require(initialized(), "initialized()");
     trace("MsrpSm::handleStandbyMode( ", standbyMode(), " )");
     ringTrace("handleStandbyMode", standbyMode() ? 1 : 0);
-    if (!standbyMode()) {
-        rebuildStreams();
-        seedEngine();
-        removeLeftovers();
+    const std::set<IntfId> unsettled = settleDue_;
+    dropWork();
+    if (standbyMode()) {
+        refreshPorts();
+        // The engine's set of ports is kept for the next time.
+        for (const IntfId intf : unsettled) handleIntfEnable(intf);
+    } else {
+        takeOver();
     }
+}
+
+void MsrpSm::refreshPorts() {
     for (auto intf = config().intfEnable().firstKey(); intf; intf = config().intfEnable().nextKey(*intf)) {
         setPortState(*intf);
         setLinkStatus(*intf);
         handleIntfEnable(*intf);
     }
-    if (!standbyMode()) {
-        // What was on its way out when the other side stopped acting goes now.
-        catchUpWithConfig();
-        forEachStream([this](U64 id, StreamData&) { cleanupStreamDataIfEmpty(id); });
+}
+
+void MsrpSm::dropWork() {
+    chores_.clear();
+    domainDue_.clear();
+    settleDue_.clear();
+    forgetDue_.clear();
+    retryDue_.clear();
+    addressDue_.clear();
+    takingOver_ = false;
+    inputs_.msrpLib->mrpPause(false);
+}
+
+void MsrpSm::laneIdle(Runtime::Chores::Lane lane) {
+    if (!retryDue_.empty() || !addressDue_.empty()) retrySoon();
+    const auto& ports = status()->intfStatus();
+    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
+        if (portLane(*intf) == lane) return settlePort(*intf);
     }
-    // Reviews that were asked for in standby are made up for.
-    msrpAdditionSm_->doUpdateReviewTimer();
-    msrpDeletionSm_->doUpdateReviewTimer();
+}
+
+std::optional<U64> MsrpSm::nextStream(U16 vlanId, U64 from) const {
+    if (vlanId == 0) {
+        const auto at = streamList_.lower_bound(from);
+        return at == streamList_.end() ? std::nullopt : std::optional<U64>{at->first};
+    }
+    const auto vlan = streamsByVlan_.find(vlanId);
+    if (vlan == streamsByVlan_.end()) return std::nullopt;
+    const auto at = vlan->second.lower_bound(from);
+    return at == vlan->second.end() ? std::nullopt : std::optional<U64>{*at};
 }
 
 void MsrpSm::doMaybeStopMsrp() {
@@ -227,8 +272,9 @@ void MsrpSm::doMaybeStopMsrp() {
 }
 
 void MsrpSm::hasNotificationActiveIs(bool active) {
-    for (State::Reactor* reactor : {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_,
-                                    &qosStatusReactor_, &stpStatusReactor_, &topoLibReactor_}) {
+    for (State::Reactor* reactor :
+         {&cliConfigReactor_, &configReactor_, &ethPhyReactor_, &brConfigReactor_, &qosStatusReactor_,
+          &stpStatusReactor_, &topoLibReactor_, &refusalsReactor_}) {
         reactor->hasNotificationActiveIs(active);
     }
     for (auto& [intf, reactor] : intfReactor_) reactor.hasNotificationActiveIs(active);
@@ -273,23 +319,28 @@ void MsrpSm::streamListIs(std::shared_ptr<StreamData> stream) {
     const U64 id = stream->streamId();
     streamListDel(id);
     streamsByMacDa_[stream->macDa()].insert(id);
+    streamsByVlan_[stream->vlanId()].insert(id);
     streamList_.emplace(id, std::move(stream));
 }
 
 void MsrpSm::streamListDel(U64 streamId) {
     const auto at = streamList_.find(streamId);
     if (at == streamList_.end()) return;
-    const auto sharers = streamsByMacDa_.find(at->second->macDa());
-    if (sharers != streamsByMacDa_.end()) {
-        sharers->second.erase(streamId);
-        if (sharers->second.empty()) streamsByMacDa_.erase(sharers);
-    }
+    const auto erase = [streamId](auto& index, const auto& key) {
+        const auto entry = index.find(key);
+        if (entry == index.end()) return;
+        entry->second.erase(streamId);
+        if (entry->second.empty()) index.erase(entry);
+    };
+    erase(streamsByMacDa_, at->second->macDa());
+    erase(streamsByVlan_, at->second->vlanId());
     streamList_.erase(at);
 }
 
 void MsrpSm::streamListDelAll() {
     streamList_.clear();
     streamsByMacDa_.clear();
+    streamsByVlan_.clear();
 }
 
 std::shared_ptr<StreamData> MsrpSm::existingStream(U64 streamId) const {
@@ -298,10 +349,11 @@ std::shared_ptr<StreamData> MsrpSm::existingStream(U64 streamId) const {
     return stream;
 }
 
-void MsrpSm::streamMacDaIs(StreamData& stream, EthAddr macDa) {
+void MsrpSm::destinationIs(StreamData& stream, EthAddr macDa, U16 vlanId) {
     const std::shared_ptr<StreamData> held = streamList(stream.streamId());
     streamListDel(stream.streamId());
     stream.macDaIs(macDa);
+    stream.vlanIdIs(vlanId);
     if (held) streamListIs(held);
 }
 

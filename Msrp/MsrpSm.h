@@ -10,6 +10,11 @@
 ///
 /// Everything runs on the loop's one thread.  A handler that calls something which may delete the stream's
 /// record looks the record up again afterwards; walks over streams and ports go on by key.
+///
+/// What one event means for all streams of a port or of the switch is done in pieces (`chores_`), port by
+/// port in the order of the events: a port that has some of it left finishes that before it comes to run
+/// again, and of what its peer says about the domain meanwhile only the last counts.  Retries of those that
+/// wait are put off to the end of the callback, once for all that it released.
 #pragma once
 
 #include "Mrp/MrpAttrLogSm.h"
@@ -21,6 +26,7 @@
 #include "Msrp/types/Status.h"
 #include "Msrp/types/Waiting.h"
 #include "Runtime/Assert.h"
+#include "Runtime/Chores.h"
 #include "Runtime/Loop.h"
 #include "Runtime/RingLog.h"
 #include "Runtime/SystemLog.h"
@@ -29,14 +35,17 @@
 #include "Switch/BridgingInput.h"
 #include "Switch/Interface.h"
 #include "Switch/Qos.h"
+#include "Switch/Refusals.h"
 #include "Switch/Stp.h"
 #include "Switch/TopologyLibrary.h"
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Msrp {
@@ -60,6 +69,7 @@ public:
         std::shared_ptr<const Bridging::Topology::Config> bridgingTopoConfig;
         std::shared_ptr<const Stp::Status> stpStatus;
         std::shared_ptr<const Bridging::Topology::TopoLibState> topoLib;
+        std::shared_ptr<const Switch::Refusals> refusals;
         Mrp::MrpAttrLogSm* attrLogSm = nullptr;  ///< not owned
         MsrpLib* msrpLib = nullptr;              ///< not owned; must outlive the state machine
         bool standbyMode = false;
@@ -70,6 +80,8 @@ public:
         const Runtime::SystemLog& systemLog;
         const Runtime::Trace& trace;
         Runtime::RingLog& ringLog;
+        /// Streams looked at, and things said of them, in one turn of the loop; 0: some thousands.
+        unsigned unitsPerTurn = 0;
     };
 
     MsrpSm(Inputs inputs, Platform platform);
@@ -230,8 +242,8 @@ public:
     void deletePendingStreamIntfsDelAll() { deletePendingStreamIntfs_.clear(); }
     /// Drops what a stream without a talker no longer needs, and the stream itself when nobody asks for it.
     void cleanupStreamDataIfEmpty(const U64& id);
-    /// True while reviews must not run: in standby, and before initialisation.
-    [[nodiscard]] bool reviewsSuspended() const { return standbyMode() || !initialized(); }
+    /// True while reviews must not run: in standby, before initialisation, and until a take-over is done.
+    [[nodiscard]] bool reviewsSuspended() const { return !acts(); }
     [[nodiscard]] std::map<U64, bool>& addPendingStream() { return addPendingStream_; }
     [[nodiscard]] std::map<U64, bool>& deletePendingStream() { return deletePendingStream_; }
     [[nodiscard]] std::map<U64, std::shared_ptr<StreamDeleteIntfs>>& deletePendingStreamIntfs() {
@@ -256,6 +268,15 @@ public:
     void handleNativeVlan(IntfId intf);
 
 private:
+    /// One port's entry into a class, or exit from it, for every stream of the class.
+    struct ClassWalk {
+        IntfId intf;
+        SrClassId srClass{};
+        U16 vlanId = 0;  ///< 0: every VLAN
+        /// What the streams fail with, or `noFailure` where they leave; none: they enter.
+        std::optional<TalkerFailureCode> code;
+        U64 next = 0;  ///< the stream to go on with
+    };
     /// Follows one port of one topology.
     struct TopoPortReactor {
         std::shared_ptr<const Bridging::Topology::TopoPort> port;
@@ -290,14 +311,54 @@ private:
     void closeTopoPort(const std::string& name, const Bridging::Topology::TopoPort& port);
     [[nodiscard]] const Bridging::Topology::TopoPort* topoPort(const std::string& name, IntfId intf) const;
 
+    // Work in pieces
+    [[nodiscard]] static Runtime::Chores::Lane portLane(IntfId intf) { return intf.number(); }
+    [[nodiscard]] static Runtime::Chores::Lane retryLane(IntfId intf) { return 1ULL << 56U | intf.number(); }
+    [[nodiscard]] static Runtime::Chores::Lane addressLane(EthAddr addr) {
+        return 2ULL << 56U | addr.number();
+    }
+    static constexpr Runtime::Chores::Lane switchLane = 3ULL << 56U;
+    /// The port has work left of what happened to it.
+    [[nodiscard]] bool busy(IntfId intf) const { return chores_.busy(portLane(intf)); }
+    void laneIdle(Runtime::Chores::Lane lane);
+    /// Goes on with what waited for the port's work to be done.
+    void settlePort(IntfId intf);
+    /// Tells the engine what was done, beyond the ordinary, on its behalf.
+    void spend(unsigned units) {
+        spent_ += units;
+        inputs_.msrpLib->mrpSpend(units);
+    }
+    /// The first stream from that id on, of the VLAN or of all (0).
+    [[nodiscard]] std::optional<U64> nextStream(U16 vlanId, U64 from) const;
+    /// Calls `visit(id, stream)` for these streams from `next` on, as far as `units` go; true when it has
+    /// come to the end.  `visit` may add and delete streams.
+    template <class Visit>
+    bool walkStreams(U16 vlanId, U64& next, unsigned& units, Visit visit);
+    void walkSoon(ClassWalk walk);
+    bool walkClass(ClassWalk& walk, unsigned& units);
+    void enterClass(const ClassWalk& walk, U64 id, StreamData& stream);
+    void exitClass(const ClassWalk& walk, U64 id, StreamData& stream);
+    /// The stream fails on a port to which it is declared.
+    void failEgress(StreamData& stream, IntfId intf, TalkerFailureCode code);
+    /// The stream's talker, whose advertise is registered, fails for all other ports.
+    void failIngress(StreamData& stream, TalkerFailureCode code);
+    /// Drops what is left when the role changes.
+    void dropWork();
+
     // Ports
+    /// This agent may change what is published.
+    [[nodiscard]] bool acts() const { return initialized() && !standbyMode() && !takingOver_; }
     /// The port has a status and this agent may change it.
     [[nodiscard]] bool actsOn(IntfId intf) const;
     void createIntfStatus(IntfId intf);
     /// Publishes the speed under which the port admits streams.
     void setSpeed(IntfId intf);
     void admitPort(IntfId intf);
+    /// Some class has left NotSupported.
+    [[nodiscard]] bool runs(IntfId intf) const;
     void stopPort(IntfId intf);
+    /// Configured to run MSRP, and not at the end of the agent.
+    [[nodiscard]] bool isEnabled(IntfId intf) const { return !ending_ && config().intfEnable(intf); }
     /// Takes the port out of both classes, with every stream and listener on it.
     void leaveClasses(IntfId intf);
     /// Looks anew whether the port forwards, and enables or stops it accordingly.
@@ -314,13 +375,15 @@ private:
     void readmitPort(IntfId intf);
     /// Withdraws every listener that is still recorded for a port that has lost its classes.
     void releaseListeners(IntfId intf);
+    /// Drops the port's registrations in the engine, as soon as its work is done.
+    void forgetRegistrations(IntfId intf);
+    /// A record of the interface has come or was replaced.
+    void followIntf(IntfId intf);
 
     // Streams
-    /// Calls `visit` for every stream; it may add and delete streams.
-    template <class Visit>
-    void forEachStream(Visit visit);
     [[nodiscard]] std::shared_ptr<StreamData> existingStream(U64 streamId) const;
-    void streamMacDaIs(StreamData& stream, EthAddr macDa);
+    /// Where the stream's frames go; the table finds streams by both.
+    void destinationIs(StreamData& stream, EthAddr macDa, U16 vlanId);
     /// The lowest-numbered other stream with that address.
     [[nodiscard]] std::optional<U64> otherStreamWith(EthAddr macDa, U64 streamId) const;
     void removeFromBandwidthQueues(U64 streamId);
@@ -333,16 +396,41 @@ private:
     void rebuildStreams();
     void rebuildQueues();
     void rebuildAllocations();
+    /// Takes over what is published; several turns where that is much.
+    void takeOver();
     /// Tells the fresh engine what the published records say was declared and registered, so that no peer
     /// loses anything by the change of roles; then every port asks with a LeaveAll who still means it.
-    void seedEngine();
-    void seedStream(const StreamData& stream);
+    struct Seeding {
+        std::vector<IntfId> ports;  ///< still to be seeded, the next one last
+        bool begun = false;
+        U64 next = 0;
+    };
+    bool seedEngine(Seeding& seeding, unsigned& units);
+    /// False for a port without a class, about which there is nothing to tell.
+    bool seedDomains(IntfId intf);
+    void seedStream(const StreamData& stream, IntfId intf);
+    void finishTakeOver();
+    /// Every configured port, as link, topology and configuration are now.
+    void refreshPorts();
+    /// What was on its way out when the other side stopped acting goes now.
+    void catchUpWithStream(StreamData& stream);
+    void catchUpWithStream(StreamData& stream, const StreamPort& port);
     /// Puts into effect what was configured while nobody acted.
     void catchUpWithConfig();
     void catchUpWithVlans();
     /// Removes groups and queue configurations that belong to no stream: left over, they would block
     /// addresses for ever.
     void removeLeftovers();
+
+    // VLANs
+    /// Whether a port can carry a VLAN, and why not.
+    struct VlanVerdict {
+        enum class Why : U8 { none, notConfigured, noMember, blocked, untagged };
+        TalkerFailureCode code = TalkerFailureCode::noFailure;
+        Why why = Why::none;
+    };
+    /// Throws std::range_error for a VLAN out of range.
+    [[nodiscard]] VlanVerdict judgeVlan(IntfId intf, U16 vlan) const;
 
     // Talkers
     template <class Attribute>
@@ -355,6 +443,8 @@ private:
     [[nodiscard]] TalkerFailureCode judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr,
                                                    const StreamData* known, SrClassId srClass);
     [[nodiscard]] TalkerFailureCode checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr);
+    /// A second look at the streams that wait for an address; true when all had theirs.
+    bool retryAddress(EthAddr macDa, U32& next, U32 last, unsigned& units);
     [[nodiscard]] TalkerFailureCode judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf);
     bool discard(IntfId intf, MsrpCounter counter, const std::string& text);
     void dropFailureCode(StreamData& stream, IntfId intf);
@@ -363,10 +453,26 @@ private:
     void send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration = 0);
 
     // Bandwidth
+    [[nodiscard]] struct AdmissionRequest admissionRequest(IntfId intf, SrClassId srClass, U64 needed) const;
+    /// Begins the retries that are due.
+    void retrySoon();
+    void beginRetries();
+    bool retryPort(IntfId intf, U32& next, U32 last, unsigned& units);
     [[nodiscard]] bool stillWaitsForBandwidth(const StreamData& stream, IntfId intf) const;
-    [[nodiscard]] bool portCanCarry(const StreamData& stream, IntfId intf);
+    [[nodiscard]] bool portCanCarry(const StreamData& stream, IntfId intf) const;
     void retryBandwidth(StreamData& stream, IntfId intf);
     void programTxQueue(Qos::Input::IntfConfig& config, Qos::TxQueue queue, U64 bandwidth);
+
+    // What could not be carried out
+    void handleRefusal(const State::Change& change);
+    /// The stream's group has been refused, or there is room for it again.
+    void reviewGroup(const Switch::GroupId& group);
+    void reviewGroupOf(StreamData& stream);
+    /// The port cannot give a stream its bandwidth, or can again.
+    void reviewShaping(IntfId intf);
+    void reviewShapingOf(StreamData& stream, IntfId intf);
+    [[nodiscard]] bool groupRefused(const StreamData& stream) const;
+    [[nodiscard]] bool shapingRefused(const StreamData& stream, IntfId intf) const;
 
     template <class... Arguments>
     void log(const Runtime::LogEvent& event, const Arguments&... arguments) const {
@@ -382,14 +488,25 @@ private:
     bool initialized_ = false;
     U8 percentA_ = 0;  ///< the shares at their last change, to tell growth from shrinkage
     U8 percentB_ = 0;
-    IntfId closingIntf_;  ///< the port that is leaving its classes; it admits nobody meanwhile
+    bool takingOver_ = false;
+    bool ending_ = false;  ///< all ports are being closed for good
+    unsigned spent_ = 0;   ///< units of work, ever
 
     std::map<U64, std::shared_ptr<StreamData>> streamList_;
     std::map<EthAddr, std::set<U64>> streamsByMacDa_;
+    std::map<U16, std::set<U64>> streamsByVlan_;
     std::map<U64, bool> addPendingStream_;
     std::map<U64, bool> deletePendingStream_;
     std::map<U64, std::shared_ptr<StreamDeleteIntfs>> deletePendingStreamIntfs_;
     std::map<IntfId, bool> bandwidthReleased_;
+    /// What a peer last said of a class while its port had work left, and whether it was a join.
+    std::map<std::pair<IntfId, SrClassId>, std::pair<MsrpDomainAttribute, bool>> domainDue_;
+    std::set<IntfId> settleDue_;    ///< ports to be enabled or stopped when their work is done
+    std::set<IntfId> forgetDue_;    ///< ... to drop their registrations then
+    std::set<IntfId> retryDue_;     ///< ports that released bandwidth
+    std::set<EthAddr> addressDue_;  ///< addresses that may be free
+    bool retriesPosted_ = false;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  ///< ends with the state machine
     std::unique_ptr<MsrpAdditionSm> msrpAdditionSm_;
     std::unique_ptr<MsrpDeletionSm> msrpDeletionSm_;
 
@@ -400,19 +517,26 @@ private:
     State::Reactor qosStatusReactor_;
     State::Reactor stpStatusReactor_;
     State::Reactor topoLibReactor_;
+    State::Reactor refusalsReactor_;
     std::map<IntfId, State::Reactor> intfReactor_;
     std::map<IntfId, State::Reactor> switchIntfReactor_;
     std::map<std::string, TopoReactor> topoReactor_;
+    /// Behind everything that it works on.
+    Runtime::Chores chores_;
 };
 
 template <class Visit>
-void MsrpSm::forEachStream(Visit visit) {
-    for (auto at = streamList_.begin(); at != streamList_.end();) {
-        const U64 id = at->first;
-        const std::shared_ptr<StreamData> stream = at->second;
-        visit(id, *stream);
-        at = streamList_.upper_bound(id);
+bool MsrpSm::walkStreams(U16 vlanId, U64& next, unsigned& units, Visit visit) {
+    while (const auto id = nextStream(vlanId, next)) {
+        next = *id;
+        if (units == 0) return false;
+        const std::shared_ptr<StreamData> stream = streamList(*id);
+        const unsigned before = spent_;
+        visit(*id, *stream);
+        units -= std::min(units, 1 + (spent_ - before));
+        if (++next == 0) break;  // that was the last id of all
     }
+    return true;
 }
 
 }  // namespace Msrp

@@ -3,6 +3,8 @@
 #include "Msrp/MsrpSm.h"
 #include "Msrp/lifecycle/ReviewSm.h"
 
+#include <algorithm>
+
 namespace Msrp {
 
 namespace {
@@ -10,13 +12,18 @@ namespace {
 constexpr std::uint32_t qosPriority = 85;
 }  // namespace
 
-bool MsrpSm::actsOn(IntfId intf) const {
-    return status()->intfStatus(intf) != nullptr && initialized() && !standbyMode();
-}
+bool MsrpSm::actsOn(IntfId intf) const { return status()->intfStatus(intf) != nullptr && acts(); }
 
 bool MsrpSm::isLinkUp(IntfId intf) const {
     const auto phy = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
     return phy && phy->linkStatus() == Interface::LinkStatus::linkUp;
+}
+
+bool MsrpSm::runs(IntfId intf) const {
+    const std::shared_ptr<const IntfStatus> intfStatus = status()->intfStatus(intf);
+    return intfStatus && std::ranges::any_of(bothClasses, [&](SrClassId srClass) {
+               return intfStatus->srClassState(srClass) != SrClassState::NotSupported;
+           });
 }
 
 std::vector<IntfId> MsrpSm::portsWithStatus() const {
@@ -33,7 +40,7 @@ void MsrpSm::handleIntfEnable() {
 
 void MsrpSm::handleIntfEnable(IntfId intf) {
     if (!initialized()) return;
-    const bool enabled = config().intfEnable(intf);
+    const bool enabled = isEnabled(intf);
     trace("MsrpSm::handleIntfEnable( ", intf, " ) enabled: ", enabled);
     ringTrace("handleIntfEnable", intf.number(), enabled ? 1 : 0);
     if (standbyMode()) {
@@ -42,6 +49,11 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
         } else {
             inputs_.msrpLib->mrpInterfaceDisable(intf);
         }
+        return;
+    }
+    if (takingOver_) {
+        // The engine may have kept it enabled in standby; all else is looked at when that is done.
+        if (!enabled && !status()->intfStatus(intf)) inputs_.msrpLib->mrpInterfaceDisable(intf);
         return;
     }
     if (!enabled) {
@@ -53,12 +65,39 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
     inputs_.qosMsrpConfig->intfConfigPriorityIs(qosPriority);
     if (!status()->intfStatus(intf)) createIntfStatus(intf);
     const bool someClass = srClassSupported(SrClassId::SrClassB) || srClassSupported(SrClassId::SrClassA);
-    if (isLinkUp(intf) && isPortForwarding(intf) && someClass) {
+    const bool mayRun = isLinkUp(intf) && isPortForwarding(intf) && someClass;
+    if (!mayRun) stopPort(intf);
+    if (busy(intf)) {
+        settleDue_.insert(intf);
+    } else if (mayRun) {
         admitPort(intf);
     } else {
-        stopPort(intf);
         (void)isAttrLogOutClogged();
         inputs_.msrpLib->mrpInterfaceDisable(intf);
+    }
+}
+
+void MsrpSm::settlePort(IntfId intf) {
+    if (forgetDue_.erase(intf) != 0) inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
+    if (settleDue_.erase(intf) != 0) handleIntfEnable(intf);
+    for (const SrClassId srClass : bothClasses) {
+        const auto due = domainDue_.extract({intf, srClass});
+        if (!due || !actsOn(intf)) continue;
+        const auto& [attr, join] = due.mapped();
+        if (join) {
+            processDomainVectorJoin(intf, attr);
+            inputs_.msrpLib->mrpPortOpened(intf);
+        } else {
+            processDomainVectorLeave(intf, attr);
+        }
+    }
+}
+
+void MsrpSm::forgetRegistrations(IntfId intf) {
+    if (busy(intf)) {
+        forgetDue_.insert(intf);
+    } else {
+        inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
     }
 }
 
@@ -97,10 +136,9 @@ void MsrpSm::stopPort(IntfId intf) {
 }
 
 void MsrpSm::leaveClasses(IntfId intf) {
-    closingIntf_ = intf;
+    const bool ran = runs(intf);
     for (const SrClassId srClass : bothClasses) setSrClassState(intf, srClass, SrClassState::NotSupported);
-    releaseListeners(intf);
-    closingIntf_ = IntfId{};
+    if (ran) releaseListeners(intf);
 }
 
 void MsrpSm::refreshPort(IntfId intf) {
@@ -110,6 +148,10 @@ void MsrpSm::refreshPort(IntfId intf) {
 
 void MsrpSm::removePort(IntfId intf) {
     stopPort(intf);
+    if (busy(intf)) {
+        settleDue_.insert(intf);
+        return;
+    }
     // What was withdrawn above still goes out while the link is up.
     inputs_.msrpLib->mrpInterfaceDisable(intf);
     bandwidthFailedIntfDel(intf);
@@ -118,24 +160,38 @@ void MsrpSm::removePort(IntfId intf) {
 }
 
 void MsrpSm::withdrawPorts() {
+    if (takingOver_) chores_.finish();
+    ending_ = true;
     const auto& ports = status()->intfStatus();
     for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) removePort(*intf);
+    chores_.finish();
     // What went with the ports leaves the published status now, not at a review to come.
-    msrpDeletionSm_->doReview();
+    msrpDeletionSm_->finishReview();
     doMaybeStopMsrp();
 }
 
 void MsrpSm::readmitPort(IntfId intf) {
     leaveClasses(intf);
-    inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
+    forgetRegistrations(intf);
     handleIntfEnable(intf);
 }
 
 void MsrpSm::releaseListeners(IntfId intf) {
-    forEachStream([&](U64 id, StreamData& stream) {
-        const ListenerState state = stream.listenerStateOrig(intf);
-        if (state != ListenerState::Ignore) processListenerLeave(intf, MsrpListenerAttribute{id, state});
+    chores_.add(portLane(intf), [this, intf, next = U64{0}](unsigned& units) mutable {
+        return walkStreams(0, next, units, [&](U64 id, StreamData& stream) {
+            const ListenerState state = stream.listenerStateOrig(intf);
+            if (state != ListenerState::Ignore) processListenerLeave(intf, MsrpListenerAttribute{id, state});
+        });
     });
+}
+
+void MsrpSm::followIntf(IntfId intf) {
+    if (!actsOn(intf)) return;
+    const auto intfStatus = status()->intfStatus(intf);
+    if (intfStatus->speedEnum() == inputs_.ethPhyIntfStatusDir->intfStatus(intf)->speedEnum()) return;
+    // A port that runs has given out bandwidth by the speed of the record before.
+    if (runs(intf)) return handleSpeed(intf);
+    setSpeed(intf);
 }
 
 void MsrpSm::setLinkStatus(IntfId intf) {

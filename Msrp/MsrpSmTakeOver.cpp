@@ -1,6 +1,7 @@
 /// Taking over from another agent, or from an earlier run, over the same records.
 #include "Mrp/PeriodicSm.h"
 #include "Msrp/MsrpSm.h"
+#include "Msrp/lifecycle/ReviewSm.h"
 
 #include <algorithm>
 #include <map>
@@ -20,12 +21,6 @@ void MsrpSm::rebuildStreams() {
         const auto stream = status()->registeredStreams(*id);
         // Withdrawals that waited for a review were known to the other side only.
         if (!stream->ingressIntf()) stream->talkerDelAll();
-        for (const StreamPort& port : std::vector{stream->port()}) {
-            const auto intfStatus = status()->intfStatus(port.intf);
-            if (intfStatus && isActive(intfStatus->srClassState(stream->srClass()))) continue;
-            stream->delTalkerStateAndAge(port.intf);
-            stream->talkerFailureCodeDel(port.intf);
-        }
         streamListIs(stream);
     }
     rebuildQueues();
@@ -59,7 +54,7 @@ void MsrpSm::rebuildAllocations() {
     // What the other side had admitted for streams that it never published is free again.
     std::map<std::pair<IntfId, SrClassId>, U64> admitted;
     for (const auto& [id, stream] : streamList_) {
-        if (!stream->ethGroup()) continue;
+        if (!stream->ethGroup() || !stream->ingressIntf()) continue;
         for (const auto& [intf, member] : stream->ethGroup()->intf()) {
             if (member && intf != stream->ingressIntf())
                 admitted[{intf, stream->srClass()}] += stream->bandwidth();
@@ -72,52 +67,134 @@ void MsrpSm::rebuildAllocations() {
     }
 }
 
-void MsrpSm::seedEngine() {
-    const auto& ports = status()->intfStatus();
-    for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) {
-        const auto intfStatus = status()->intfStatus(*intf);
-        bool active = false;
-        for (const SrClassId srClass : bothClasses) {
-            const SrClassState state = intfStatus->srClassState(srClass);
-            if (state == SrClassState::NotSupported) continue;
-            if (!active) inputs_.msrpLib->mrpInterfaceEnable(*intf);
-            active = true;
-            transmitSrDomainVector(*intf, srClass, true);
-            if (!isActive(state)) continue;
-            // What made the port a boundary is not published: any other priority stands for it until the peer
-            // speaks.
-            const U8 own = srClassPriority(srClass);
-            const U8 priority = state == SrClassState::Core ? own : static_cast<U8>((own + 1U) % 8U);
-            send(*intf, typeDomain, Mrp::requestSeed,
-                 MsrpDomainAttribute{srClass, priority, intfSrPvid(*intf)}.octets());
-        }
-        Mrp::PeriodicSm* periodic = inputs_.msrpLib->periodicSm();
-        if (active && periodic != nullptr) periodic->transmitAllLeaveAll(*intf);
-    }
-    forEachStream([this](U64, const StreamData& stream) { seedStream(stream); });
+void MsrpSm::takeOver() {
+    takingOver_ = true;
+    // What arrives meanwhile waits, and nothing is said until all is known that was declared.
+    inputs_.msrpLib->mrpPause(true);
+    rebuildStreams();
+    removeLeftovers();
+    std::vector<IntfId> ports = portsWithStatus();
+    std::ranges::reverse(ports);
+    chores_.add(switchLane, [this, seeding = Seeding{.ports = std::move(ports)}](unsigned& units) mutable {
+        return seedEngine(seeding, units);
+    });
+    chores_.add(switchLane, [this, next = U64{0}](unsigned& units) mutable {
+        return walkStreams(0, next, units, [this](U64, StreamData& stream) { catchUpWithStream(stream); });
+    });
+    chores_.add(switchLane, [this](unsigned&) {
+        finishTakeOver();
+        return true;
+    });
 }
 
-void MsrpSm::seedStream(const StreamData& stream) {
+bool MsrpSm::seedEngine(Seeding& seeding, unsigned& units) {
+    for (; !seeding.ports.empty(); seeding.ports.pop_back()) {
+        const IntfId intf = seeding.ports.back();
+        if (!seeding.begun && !seedDomains(intf)) continue;
+        seeding.begun = true;
+        const bool done = walkStreams(0, seeding.next, units,
+                                      [&](U64, const StreamData& stream) { seedStream(stream, intf); });
+        if (!done) return false;
+        if (Mrp::PeriodicSm* periodic = inputs_.msrpLib->periodicSm()) periodic->transmitAllLeaveAll(intf);
+        seeding.begun = false;
+        seeding.next = 0;
+    }
+    return true;
+}
+
+bool MsrpSm::seedDomains(IntfId intf) {
+    bool active = false;
+    for (const SrClassId srClass : bothClasses) {
+        const SrClassState state = status()->intfStatus(intf)->srClassState(srClass);
+        if (state == SrClassState::NotSupported) continue;
+        if (!active) inputs_.msrpLib->mrpInterfaceEnable(intf);
+        active = true;
+        transmitSrDomainVector(intf, srClass, true);
+        if (!isActive(state)) continue;
+        // What made the port a boundary is not published: any other priority stands for it until the peer
+        // speaks.
+        const U8 own = srClassPriority(srClass);
+        const U8 priority = state == SrClassState::Core ? own : static_cast<U8>((own + 1U) % 8U);
+        send(intf, typeDomain, Mrp::requestSeed,
+             MsrpDomainAttribute{srClass, priority, intfSrPvid(intf)}.octets());
+    }
+    return active;
+}
+
+void MsrpSm::seedStream(const StreamData& stream, IntfId intf) {
+    const StreamPort* port = stream.port(intf);
+    if (port == nullptr) return;
+    const auto sendListener = [&](U8 request, ListenerState state) {
+        if (state == ListenerState::Ignore) return;
+        const MsrpListenerAttribute listener{stream.streamId(), state};
+        send(intf, typeListener, request, listener.octets(), number(state));
+    };
+    sendListener(Mrp::requestSeed, port->listenerStateOrig);
     const IntfId ingress = stream.ingressIntf();
-    for (const StreamPort& port : stream.port()) {
-        if (port.listenerStateOrig != ListenerState::Ignore) {
-            const MsrpListenerAttribute listener{stream.streamId(), port.listenerStateOrig};
-            send(port.intf, typeListener, Mrp::requestSeed, listener.octets(),
-                 number(port.listenerStateOrig));
+    if (!ingress) return;
+    if (intf == ingress) sendListener(Mrp::requestDeclare, port->listenerState);
+    const U8 request = intf == ingress ? Mrp::requestSeed : Mrp::requestDeclare;
+    const MsrpTalkerAdvertiseAttribute talker = streamDataTalkerAttribute(stream.streamId());
+    if (port->talkerState == TalkerState::Advertise) {
+        send(intf, typeTalkerAdvertise, request, talker.octets());
+    } else if (port->talkerState == TalkerState::Failed) {
+        const MsrpTalkerFailedAttribute failed{talker, stream.failedBridgeId(), port->talkerFailureCode};
+        send(intf, typeTalkerFailed, request, failed.octets());
+    }
+}
+
+void MsrpSm::finishTakeOver() {
+    takingOver_ = false;
+    refreshPorts();
+    catchUpWithConfig();
+    if (inputs_.refusals) {
+        inputs_.refusals->port().each([this](IntfId intf, const auto&) { reviewShaping(intf); });
+    }
+    inputs_.msrpLib->mrpPause(false);
+    // Reviews that were asked for in standby are made up for.
+    msrpAdditionSm_->doUpdateReviewTimer();
+    msrpDeletionSm_->doUpdateReviewTimer();
+}
+
+void MsrpSm::catchUpWithStream(StreamData& stream) {
+    const U64 id = stream.streamId();
+    // What the other side had begun on a port and did not come to the end of; the talker's port last, since
+    // without a talker nothing is withdrawn.
+    std::vector<StreamPort> ports = stream.port();
+    std::ranges::partition(ports, [&](const StreamPort& port) { return port.intf != stream.ingressIntf(); });
+    for (const StreamPort& port : ports) {
+        if (!streamList(id)) return;
+        if (status()->intfStatus(port.intf)) {
+            catchUpWithStream(stream, port);
+            continue;
         }
-        if (!ingress) continue;
-        if (port.intf == ingress && port.listenerState != ListenerState::Ignore) {
-            const MsrpListenerAttribute listener{stream.streamId(), port.listenerState};
-            send(ingress, typeListener, Mrp::requestDeclare, listener.octets(), number(port.listenerState));
-        }
-        const U8 request = port.intf == ingress ? Mrp::requestSeed : Mrp::requestDeclare;
-        const MsrpTalkerAdvertiseAttribute talker = streamDataTalkerAttribute(stream.streamId());
-        if (port.talkerState == TalkerState::Advertise) {
-            send(port.intf, typeTalkerAdvertise, request, talker.octets());
-        } else if (port.talkerState == TalkerState::Failed) {
-            const MsrpTalkerFailedAttribute failed{talker, stream.failedBridgeId(), port.talkerFailureCode};
-            send(port.intf, typeTalkerFailed, request, failed.octets());
-        }
+        // Its withdrawal waited for a review.
+        stream.delTalkerStateAndAge(port.intf);
+        stream.talkerFailureCodeDel(port.intf);
+        stream.delListenerStateAndAge(port.intf);
+        stream.listenerStateOrigDel(port.intf);
+    }
+    if (!streamList(id)) return;
+    reviewGroupOf(stream);
+    cleanupStreamDataIfEmpty(id);
+}
+
+void MsrpSm::catchUpWithStream(StreamData& stream, const StreamPort& port) {
+    const auto intfStatus = status()->intfStatus(port.intf);
+    const bool hasTalker = static_cast<bool>(stream.ingressIntf());
+    const SrClassState state = hasTalker ? intfStatus->srClassState(stream.srClass())
+                                         : std::max(intfStatus->srClassState(SrClassId::SrClassA),
+                                                    intfStatus->srClassState(SrClassId::SrClassB));
+    ClassWalk exit{.intf = port.intf, .srClass = stream.srClass(), .code = TalkerFailureCode::noFailure};
+    if (!isActive(state)) {
+        exitClass(exit, stream.streamId(), stream);
+    } else if (state == SrClassState::Boundary && hasTalker &&
+               (port.intf != stream.ingressIntf() ||
+                port.talkerFailureCode == TalkerFailureCode::noFailure)) {
+        exit.code = TalkerFailureCode::egressPortNotAvbCapable;
+        exitClass(exit, stream.streamId(), stream);
+    } else if (port.talkerFailureCode == TalkerFailureCode::insufficientResources) {
+        reviewShapingOf(stream, port.intf);
     }
 }
 

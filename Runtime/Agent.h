@@ -29,6 +29,8 @@ struct AgentEnvironment {
     bool ringLogFile = true;
     /// Start of all random intervals.
     std::uint64_t seed = 1;
+    /// How much an agent may do of long work in one turn of the loop; 0: what it finds right.
+    unsigned unitsPerTurn = 0;
 };
 
 class Agent {

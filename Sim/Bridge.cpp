@@ -48,6 +48,7 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
     qosStatus = database_.entityIs<Qos::Status>("qos/status");
     qosHwStatus = database_.entityIs<Qos::HwStatus>("qos/hardware/status/global");
     phy = database_.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
+    refusals = database_.entityIs<Switch::Refusals>("switch/refusals");
 
     bridging->bridgeMacIs(EthAddr::fromNumber(0x02'00'00'00'00'01));
     for (const std::string& port : ports) {
@@ -72,7 +73,8 @@ std::unique_ptr<Msrp::Agent> Bridge::makeAgent() {
                                                                    .trace = trace_,
                                                                    .ringLog = ringLog_,
                                                                    .ringLogFile = false,
-                                                                   .seed = seed_},
+                                                                   .seed = seed_,
+                                                                   .unitsPerTurn = unitsPerTurn},
                                          provider_);
 }
 

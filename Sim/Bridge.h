@@ -16,6 +16,7 @@
 #include "Switch/BridgingTopology.h"
 #include "Switch/Interface.h"
 #include "Switch/Qos.h"
+#include "Switch/Refusals.h"
 #include "Switch/Stp.h"
 #include "Switch/TopologyAgent.h"
 
@@ -93,6 +94,9 @@ public:
     std::shared_ptr<Qos::Status> qosStatus;
     std::shared_ptr<Qos::HwStatus> qosHwStatus;
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> phy;
+    std::shared_ptr<Switch::Refusals> refusals;
+    /// Of the agents that are started from now on: `AgentEnvironment`'s.
+    unsigned unitsPerTurn = 0;
 
 private:
     Runtime::Loop& loop_;

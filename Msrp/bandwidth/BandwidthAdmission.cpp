@@ -5,19 +5,23 @@
 
 namespace Msrp {
 
-TalkerFailureCode MsrpSm::checkBandwidthAvailability(IntfId intf, const U64& streamId, SrClassId srClass,
-                                                     const U64& bandwidthNeeded) {
+AdmissionRequest MsrpSm::admissionRequest(IntfId intf, SrClassId srClass, U64 needed) const {
     const auto intfStatus = status()->intfStatus(intf);
     const auto phy = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
-    const AdmissionRequest request{
+    return {
         .srClass = srClass,
-        .needed = bandwidthNeeded,
+        .needed = needed,
         .link = phy ? linkSpeedKbps(phy->speedEnum()) : 0,
         .percentA = inputs_.cliConfig->srClassABandwidthPercent(),
         .percentB = inputs_.cliConfig->srClassBBandwidthPercent(),
         .allocatedA = intfStatus ? intfStatus->classBandwidthAllocated(SrClassId::SrClassA) : 0,
         .allocatedB = intfStatus ? intfStatus->classBandwidthAllocated(SrClassId::SrClassB) : 0,
     };
+}
+
+TalkerFailureCode MsrpSm::checkBandwidthAvailability(IntfId intf, const U64& streamId, SrClassId srClass,
+                                                     const U64& bandwidthNeeded) {
+    const AdmissionRequest request = admissionRequest(intf, srClass, bandwidthNeeded);
     trace("Bw Needed ", bandwidthNeeded, " allowed ", allowedTotal(request), " allocated ",
           request.allocatedA + request.allocatedB);
     const TalkerFailureCode code = admit(request);
@@ -51,32 +55,75 @@ void MsrpSm::removeFailedStreamFromIntf(const U64& streamId, IntfId intf) {
 }
 
 void MsrpSm::reprocessBandwidthFailedStreams() {
-    for (auto at = bandwidthReleased_.begin(); at != bandwidthReleased_.end();) {
-        const IntfId intf = at->first;
-        reprocessBandwidthFailedStreams(intf);
-        at = bandwidthReleased_.upper_bound(intf);
-    }
+    for (const auto& [intf, released] : bandwidthReleased_) reprocessBandwidthFailedStreams(intf);
 }
 
 void MsrpSm::reprocessBandwidthFailedStreams(IntfId intf) {
     const auto released = bandwidthReleased_.find(intf);
     if (released == bandwidthReleased_.end() || !released->second) return;
-    bandwidthReleased_.erase(released);
+    // A peer that waits with thousands of streams must not cost a walk over them for each one that goes: all
+    // that this callback releases is given out together, at its end.
+    if (retryDue_.insert(intf).second) retrySoon();
+}
+
+void MsrpSm::retrySoon() {
+    if (std::exchange(retriesPosted_, true)) return;
+    platform_.loop.post([this, alive = std::weak_ptr<bool>{alive_}] {
+        if (!alive.expired()) beginRetries();
+    });
+}
+
+void MsrpSm::beginRetries() {
+    retriesPosted_ = false;
+    for (const IntfId intf : std::exchange(retryDue_, {})) {
+        if (chores_.busy(retryLane(intf))) {
+            // It is still giving out what was released before, and has passed some by: once more after that.
+            retryDue_.insert(intf);
+            continue;
+        }
+        bandwidthReleased_.erase(intf);
+        const auto failed = bandwidthFailedIntf(intf);
+        // What is refused anew meanwhile waits for the next release.
+        const auto first = failed ? failed->head() : std::nullopt;
+        if (!first) continue;
+        chores_.add(retryLane(intf),
+                    [this, intf, next = *first, last = *failed->tail()](unsigned& units) mutable {
+                        return retryPort(intf, next, last, units);
+                    });
+    }
+    for (const EthAddr macDa : std::exchange(addressDue_, {})) {
+        const auto blocked = macDaBlocked(macDa);
+        const auto first = blocked ? blocked->head() : std::nullopt;
+        if (!first || chores_.busy(addressLane(macDa))) {
+            if (first) addressDue_.insert(macDa);
+            continue;
+        }
+        chores_.add(addressLane(macDa),
+                    [this, macDa, next = *first, last = *blocked->tail()](unsigned& units) mutable {
+                        return retryAddress(macDa, next, last, units);
+                    });
+    }
+}
+
+bool MsrpSm::retryPort(IntfId intf, U32& next, U32 last, unsigned& units) {
     const std::shared_ptr<BwFailedIntf> failed = bandwidthFailedIntf(intf);
-    if (!failed) return;
-    // Oldest refusal first; what is refused anew meanwhile waits for the next release.
-    const auto last = failed->tail();
-    std::set<U64> tried;
-    for (auto index = failed->head(); last && index && *index <= *last; index = failed->next(*index)) {
+    if (!failed) return true;
+    // Oldest refusal first.
+    for (auto index = failed->from(next); index && *index <= last; index = failed->next(*index)) {
+        next = *index;
+        if (units == 0) return false;
+        const unsigned before = spent_;
         const U64 streamId = failed->stream(*index);
         const auto stream = streamList(streamId);
         if (!stream || !stillWaitsForBandwidth(*stream, intf)) {
             failed->failedStreamDel(*index);
-        } else if (tried.insert(streamId).second) {
+        } else {
             retryBandwidth(*stream, intf);
         }
+        units -= std::min(units, 1 + (spent_ - before));
     }
     if (failed->empty() && bandwidthFailedIntf(intf) == failed) bandwidthFailedIntfDel(intf);
+    return true;
 }
 
 bool MsrpSm::stillWaitsForBandwidth(const StreamData& stream, IntfId intf) const {
@@ -88,17 +135,20 @@ bool MsrpSm::stillWaitsForBandwidth(const StreamData& stream, IntfId intf) const
            (listener == ListenerState::AskingFailed || listener == ListenerState::ReadyFailed);
 }
 
-bool MsrpSm::portCanCarry(const StreamData& stream, IntfId intf) {
+bool MsrpSm::portCanCarry(const StreamData& stream, IntfId intf) const {
     const auto intfStatus = status()->intfStatus(intf);
-    return intf != closingIntf_ && intfStatus &&
-           intfStatus->srClassState(stream.srClass()) == SrClassState::Core &&
-           checkVlanConfig(intf, stream.streamId(), stream.vlanId()) == TalkerFailureCode::noFailure;
+    return intfStatus && intfStatus->srClassState(stream.srClass()) == SrClassState::Core &&
+           judgeVlan(intf, stream.vlanId()).code == TalkerFailureCode::noFailure &&
+           !shapingRefused(stream, intf);
 }
 
 void MsrpSm::retryBandwidth(StreamData& stream, IntfId intf) {
     const U64 streamId = stream.streamId();
     const ListenerState registered = stream.listenerStateOrig(intf);
     if (registered == ListenerState::Ignore || !portCanCarry(stream, intf)) return;
+    // Who needs more than there is keeps the place, without the words and the count of a new attempt.
+    if (admit(admissionRequest(intf, stream.srClass(), stream.bandwidth())) != TalkerFailureCode::noFailure)
+        return;
     const bool wants = wantsStream(registered);
     const TalkerFailureCode code =
         wants ? addListener(intf, streamId)

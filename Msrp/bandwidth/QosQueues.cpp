@@ -109,7 +109,7 @@ void MsrpSm::doSetQosTxQueueConfig(IntfId intf) {
 }
 
 void MsrpSm::doUpdateShapeRate() {
-    if (!initialized() || standbyMode()) return;
+    if (!acts()) return;
     if (inputs_.cliConfig->shapingDisabled()) {
         inputs_.qosMsrpConfig->intfConfigDelAll();
         return;

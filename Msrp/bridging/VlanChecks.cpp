@@ -9,38 +9,49 @@ using Code = TalkerFailureCode;
 using Bridging::Topology::PortState;
 }  // namespace
 
-Code MsrpSm::checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan) {
+MsrpSm::VlanVerdict MsrpSm::judgeVlan(IntfId intf, U16 vlan) const {
+    using enum VlanVerdict::Why;
     const VlanId vlanId{vlan};  // throws the range error
-    const HexId id{streamId};
     const auto vlanConfig = inputs_.brConfig->vlanConfig(vlanId);
-    if (!vlanConfig) {
-        trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " is not configured on the switch.");
-        log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is not configured", id, vlan));
-        return Code::vlanBlocked;
-    }
+    if (!vlanConfig) return {Code::vlanBlocked, notConfigured};
     const auto member = vlanConfig->intf(intf);
-    if (!member) {
-        trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " on ", intf,
-              " is not configured on this interface.");
-        log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is not configured on %s", id, vlan, intf));
-        return Code::vlanBlocked;
-    }
+    if (!member) return {Code::vlanBlocked, noMember};
     if (inputs_.stpStatus->mode() != Stp::Mode::None) {
         const auto* topoName = inputs_.bridgingTopoConfig->vlanTopology().find(vlanId);
         const auto topo = topoName != nullptr ? inputs_.bridgingTopoConfig->topoConfig(*topoName) : nullptr;
         const auto port = topo ? topo->topoPortConfig(intf) : nullptr;
-        if (!port || port->state() != PortState::forwarding) {
+        if (!port || port->state() != PortState::forwarding) return {Code::vlanBlocked, blocked};
+    }
+    if (!member->tagged()) return {Code::vlanTaggingDisabled, untagged};
+    return {};
+}
+
+Code MsrpSm::checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan) {
+    const VlanVerdict verdict = judgeVlan(intf, vlan);
+    const HexId id{streamId};
+    switch (verdict.why) {
+        case VlanVerdict::Why::none:
+            break;
+        case VlanVerdict::Why::notConfigured:
+            trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " is not configured on the switch.");
+            log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is not configured", id, vlan));
+            break;
+        case VlanVerdict::Why::noMember:
+            trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " on ", intf,
+                  " is not configured on this interface.");
+            log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is not configured on %s", id, vlan, intf));
+            break;
+        case VlanVerdict::Why::blocked:
             log(MSRP_ERROR, Runtime::format("StreamId 0x%s Vlan %d is blocked on %s", id, vlan, intf));
-            return Code::vlanBlocked;
-        }
+            break;
+        case VlanVerdict::Why::untagged:
+            trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " on ", intf,
+                  " is not tagged on this interface.");
+            log(MSRP_ERROR,
+                Runtime::format("StreamId 0x%s Vlan tagging is disabled on %s for vlan %d", id, intf, vlan));
+            break;
     }
-    if (!member->tagged()) {
-        trace("ERROR: StreamId 0x", id, ": Vlan ", vlan, " on ", intf, " is not tagged on this interface.");
-        log(MSRP_ERROR,
-            Runtime::format("StreamId 0x%s Vlan tagging is disabled on %s for vlan %d", id, intf, vlan));
-        return Code::vlanTaggingDisabled;
-    }
-    return Code::noFailure;
+    return verdict.code;
 }
 
 void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf) {
@@ -89,7 +100,7 @@ void MsrpSm::handleNativeVlan(IntfId intf) {
         return;
     }
     leaveClasses(intf);
-    inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
+    forgetRegistrations(intf);
 }
 
 }  // namespace Msrp

@@ -23,80 +23,113 @@ bool betweenVlanFailures(Code from, Code to) {
 
 void MsrpSm::registerSrClassStreams(IntfId intf, SrClassId srClass, U16 vlanId) {
     trace("MsrpSm::registerSrClassStreams( ", intf, ", ", srClassName(srClass), ", ", vlanId, " )");
-    const SrClassState state = status()->intfStatus(intf)->srClassState(srClass);
-    forEachStream([&](U64 id, StreamData& stream) {
-        const IntfId ingress = stream.ingressIntf();
-        if (!ingress || stream.srClass() != srClass || (vlanId != 0 && stream.vlanId() != vlanId)) return;
-        if (intf == ingress) {
-            // A talker's port that becomes a boundary has nothing to re-evaluate.
-            if (state == SrClassState::Boundary) return;
-            Runtime::require(state == SrClassState::Core, "srClassState == Core_");
-            if (getTalkerState(stream, intf) == TalkerState::Advertise &&
-                curedByPort(stream.talkerFailureCode(intf))) {
-                processTalkerAdvertiseJoin(intf, streamDataTalkerAttribute(id));
-            }
-            return;
-        }
-        const TalkerState talker = getTalkerState(stream, ingress);
-        const Code code = stream.talkerFailureCode(ingress);
-        if (talker == TalkerState::Advertise && code == Code::noFailure) {
-            propagateTalkerAdvertiseJoin(ingress, id, intf);
-        } else {
-            transmitTalkerFailed(intf, id, code, TalkerState::Failed);
-        }
-    });
+    walkSoon({.intf = intf, .srClass = srClass, .vlanId = vlanId, .code = std::nullopt});
 }
 
 void MsrpSm::deregisterSrClassStreams(IntfId intf, SrClassId srClass, U16 vlanId, TalkerFailureCode code) {
     trace("MsrpSm::deregisterSrClassStreams( ", intf, ", ", srClassName(srClass), ", ", vlanId, ", ",
           number(code), " )");
-    forEachStream([&](U64 id, StreamData& stream) {
-        if (vlanId != 0 && stream.vlanId() != vlanId) return;
-        if (stream.ingressIntf() && stream.srClass() != srClass) return;
-        const TalkerState talker = getTalkerState(stream, intf);
-        const bool ingress = stream.ingressIntf() == intf;
+    walkSoon({.intf = intf, .srClass = srClass, .vlanId = vlanId, .code = code});
+}
 
-        if (!ingress && code == Code::noFailure) {
-            if (stream.listenerStateOrig(intf) != ListenerState::Ignore) {
-                processListenerLeave(intf, MsrpListenerAttribute{id, stream.listenerStateOrig(intf)});
-                inputs_.msrpLib->mrpCleanUpIntfDatabaseAttribute(intf, typeListener, id);
-            }
-            // Nobody may have asked for it any more; and without a talker nothing is declared.
-            if (!streamList(id) || !stream.ingressIntf()) return;
-            if (talker == TalkerState::Advertise) {
-                transmitTalkerAdvertise(intf, id, TalkerState::None);
-            } else if (talker == TalkerState::Failed) {
-                transmitTalkerFailed(intf, id, stream.talkerFailureCode(intf), TalkerState::None);
-            }
-        } else if (!ingress) {
-            if (wantsStream(stream.listenerState(intf))) {
-                removeListener(intf, id, ListenerState::AskingFailed);
-                propagateListenerAttribute(id);
-            }
-            if (!stream.ingressIntf()) return;
-            if (talker == TalkerState::Advertise) {
-                counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
-                transmitTalkerFailed(intf, id, code, TalkerState::Failed);
-            } else if (talker == TalkerState::Failed &&
-                       betweenVlanFailures(stream.talkerFailureCode(intf), code)) {
-                transmitTalkerFailed(intf, id, code, TalkerState::Failed);
-            }
-        } else if (code == Code::noFailure) {
-            if (talker == TalkerState::Advertise) {
-                processTalkerAdvertiseLeave(intf, streamDataTalkerAttribute(id));
-                inputs_.msrpLib->mrpCleanUpIntfDatabaseAttribute(intf, typeTalkerAdvertise, id);
-            } else if (talker == TalkerState::Failed) {
-                const Code recorded = stream.talkerFailureCode(intf);
-                processTalkerFailedLeave(intf, MsrpTalkerFailedAttribute{streamDataTalkerAttribute(id),
-                                                                         stream.failedBridgeId(), recorded});
-                inputs_.msrpLib->mrpCleanUpIntfDatabaseAttribute(intf, typeTalkerFailed, id);
-            }
-        } else if (talker == TalkerState::Advertise) {
-            counterInc(intf, Direction::Rx, MsrpCounter::talkerAdvertiseFailedHere);
-            stream.talkerFailureCodeIs(intf, code);
-            propagateTalkerFailed(intf, id, code, TalkerState::Failed);
+void MsrpSm::walkSoon(ClassWalk walk) {
+    if (!nextStream(walk.vlanId, 0)) return;
+    chores_.add(portLane(walk.intf),
+                [this, walk](unsigned& units) mutable { return walkClass(walk, units); });
+}
+
+bool MsrpSm::walkClass(ClassWalk& walk, unsigned& units) {
+    return walkStreams(walk.vlanId, walk.next, units, [&](U64 id, StreamData& stream) {
+        if (walk.code) {
+            exitClass(walk, id, stream);
+        } else {
+            enterClass(walk, id, stream);
         }
     });
+}
+
+void MsrpSm::enterClass(const ClassWalk& walk, U64 id, StreamData& stream) {
+    const IntfId intf = walk.intf;
+    const IntfId ingress = stream.ingressIntf();
+    if (!ingress || stream.srClass() != walk.srClass) return;
+    // The port may have left again before the walk came here; what follows that is on its way.
+    const SrClassState state = status()->intfStatus(intf)->srClassState(walk.srClass);
+    if (!isActive(state)) return;
+    if (intf == ingress) {
+        // A talker's port that becomes a boundary has nothing to re-evaluate.
+        if (state == SrClassState::Boundary) return;
+        Runtime::require(state == SrClassState::Core, "srClassState == Core_");
+        if (getTalkerState(stream, intf) == TalkerState::Advertise &&
+            curedByPort(stream.talkerFailureCode(intf))) {
+            processTalkerAdvertiseJoin(intf, streamDataTalkerAttribute(id));
+        }
+        return;
+    }
+    const TalkerState talker = getTalkerState(stream, ingress);
+    const Code code = stream.talkerFailureCode(ingress);
+    if (talker == TalkerState::Advertise && code == Code::noFailure) {
+        propagateTalkerAdvertiseJoin(ingress, id, intf);
+    } else {
+        transmitTalkerFailed(intf, id, code, TalkerState::Failed);
+    }
+}
+
+void MsrpSm::exitClass(const ClassWalk& walk, U64 id, StreamData& stream) {
+    const IntfId intf = walk.intf;
+    const Code code = *walk.code;
+    if (stream.ingressIntf() && stream.srClass() != walk.srClass) return;
+    const TalkerState talker = getTalkerState(stream, intf);
+    const bool ingress = stream.ingressIntf() == intf;
+
+    if (!ingress && code == Code::noFailure) {
+        if (stream.listenerStateOrig(intf) != ListenerState::Ignore) {
+            processListenerLeave(intf, MsrpListenerAttribute{id, stream.listenerStateOrig(intf)});
+            inputs_.msrpLib->mrpCleanUpIntfDatabaseAttribute(intf, typeListener, id);
+        }
+        // Nobody may have asked for it any more; and without a talker nothing is declared.
+        if (!streamList(id) || !stream.ingressIntf()) return;
+        if (talker == TalkerState::Advertise) {
+            transmitTalkerAdvertise(intf, id, TalkerState::None);
+        } else if (talker == TalkerState::Failed) {
+            transmitTalkerFailed(intf, id, stream.talkerFailureCode(intf), TalkerState::None);
+        }
+    } else if (!ingress) {
+        failEgress(stream, intf, code);
+        if (talker == TalkerState::Failed && stream.ingressIntf() &&
+            betweenVlanFailures(stream.talkerFailureCode(intf), code)) {
+            transmitTalkerFailed(intf, id, code, TalkerState::Failed);
+        }
+    } else if (code == Code::noFailure) {
+        if (talker == TalkerState::Advertise) {
+            processTalkerAdvertiseLeave(intf, streamDataTalkerAttribute(id));
+            inputs_.msrpLib->mrpCleanUpIntfDatabaseAttribute(intf, typeTalkerAdvertise, id);
+        } else if (talker == TalkerState::Failed) {
+            const Code recorded = stream.talkerFailureCode(intf);
+            processTalkerFailedLeave(intf, MsrpTalkerFailedAttribute{streamDataTalkerAttribute(id),
+                                                                     stream.failedBridgeId(), recorded});
+            inputs_.msrpLib->mrpCleanUpIntfDatabaseAttribute(intf, typeTalkerFailed, id);
+        }
+    } else if (talker == TalkerState::Advertise) {
+        failIngress(stream, code);
+    }
+}
+
+void MsrpSm::failEgress(StreamData& stream, IntfId intf, Code code) {
+    const U64 id = stream.streamId();
+    if (wantsStream(stream.listenerState(intf))) {
+        removeListener(intf, id, ListenerState::AskingFailed);
+        propagateListenerAttribute(id);
+    }
+    if (!stream.ingressIntf() || getTalkerState(stream, intf) != TalkerState::Advertise) return;
+    counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
+    transmitTalkerFailed(intf, id, code, TalkerState::Failed);
+}
+
+void MsrpSm::failIngress(StreamData& stream, Code code) {
+    const IntfId ingress = stream.ingressIntf();
+    counterInc(ingress, Direction::Rx, MsrpCounter::talkerAdvertiseFailedHere);
+    stream.talkerFailureCodeIs(ingress, code);
+    propagateTalkerFailed(ingress, stream.streamId(), code, TalkerState::Failed);
 }
 
 }  // namespace Msrp

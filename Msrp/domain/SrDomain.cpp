@@ -48,6 +48,11 @@ bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& att
                                 srClassName(srClass)));
         return true;
     }
+    if (busy(intf)) {
+        trace("DomainVectorJoin for ", srClassName(srClass), " waits for the port's streams");
+        domainDue_.insert_or_assign({intf, srClass}, std::pair{attr, true});
+        return false;
+    }
     SrClassState next = SrClassState::Boundary;
     if (attr.srClassPriority() == srClassPriority(srClass)) {
         if (state == SrClassState::Core) {
@@ -81,6 +86,11 @@ void MsrpSm::processDomainVectorLeave(IntfId intf, const MsrpDomainAttribute& at
                                 srClassName(srClass)));
         return;
     }
+    if (busy(intf)) {
+        trace("DomainVectorLeave for ", srClassName(srClass), " waits for the port's streams");
+        domainDue_.insert_or_assign({intf, srClass}, std::pair{attr, false});
+        return;
+    }
     if (state == SrClassState::WaitingForPeer) {
         trace("DomainVectorLeave for ", srClassName(srClass), " did not result in any changes");
         return;
@@ -100,6 +110,8 @@ void MsrpSm::setSrClassState(IntfId intf, SrClassId srClass, SrClassState state)
     ringTrace("setSrClassState", intf.number(), number(srClass), number(old) << 8 | number(state));
     log(MSRP_SR_CLASS_TRANSITION, number(srClass), intf, number(old), number(state));
     intfStatus->srClassStateIs(srClass, state);
+    // The engine offers what the peer said again when the class is back.
+    if (state == SrClassState::NotSupported) domainDue_.erase({intf, srClass});
 
     switch (srClassTransition(old, state)) {
         case SrClassAction::none:
@@ -121,7 +133,10 @@ void MsrpSm::setSrClassState(IntfId intf, SrClassId srClass, SrClassState state)
             break;
         case SrClassAction::removeAndWithdraw:
             deregisterSrClassStreams(intf, srClass, 0, TalkerFailureCode::noFailure);
-            transmitSrDomainVector(intf, srClass, false);
+            chores_.add(portLane(intf), [this, intf, srClass](unsigned&) {
+                transmitSrDomainVector(intf, srClass, false);
+                return true;
+            });
             break;
         case SrClassAction::invalid:
             trace("ERROR: Invalid SR class state transition from ", number(old), " to ", number(state));

@@ -84,8 +84,7 @@ void MsrpSm::cleanupStreamDataIfEmpty(const U64& id) {
     for (const auto& [port, enabled] : config().intfEnable()) {
         if (port != ingress && isCandidate(port) && stream->hasListenerStateOrig(port)) {
             // Kept for its listeners, without what its talker brought.
-            streamMacDaIs(*stream, EthAddr{});
-            stream->vlanIdIs(0);
+            destinationIs(*stream, EthAddr{}, 0);
             stream->maxFrameSizeIs(0);
             stream->maxIntervalFramesIs(0);
             stream->dataFramePriorityIs(0);

@@ -42,10 +42,16 @@ void ReviewSm::doUpdateReviewTimer() {
     reviewTimer_->doUpdateNextReview();
 }
 
-bool ReviewSm::waitForLog() {
-    if (attrLog_ == nullptr || !attrLog_->isAttrLogOutClogged()) return false;
-    clock_->timeMinIs(msrpSm_.now() + cloggedRetry);
+bool ReviewSm::mustWait() {
+    clogged_ = attrLog_ != nullptr && attrLog_->isAttrLogOutClogged();
+    if (!clogged_ && left_-- > 0) return false;
+    clock_->timeMinIs(clogged_ ? msrpSm_.now() + cloggedRetry : msrpSm_.now());
     return true;
+}
+
+void ReviewSm::finishReview() {
+    clogged_ = false;
+    while (workPending() && !clogged_ && !msrpSm_.reviewsSuspended()) doReview();
 }
 
 void ReviewSm::reviewCompleted() {
@@ -62,10 +68,11 @@ bool MsrpAdditionSm::workPending() const { return !msrpSm_.addPendingStream().em
 
 void MsrpAdditionSm::doReview() {
     if (!initialized() || msrpSm_.reviewsSuspended()) return;
+    pieceBegins();
     auto& pending = msrpSm_.addPendingStream();
     Status& status = *msrpSm_.status();
     for (auto at = pending.begin(); at != pending.end();) {
-        if (waitForLog()) return;
+        if (mustWait()) return;
         const U64 id = at->first;
         if (const auto working = msrpSm_.streamList(id)) {
             const auto published = status.registeredStreamsIs(id);
@@ -91,6 +98,7 @@ bool MsrpDeletionSm::workPending() const {
 
 void MsrpDeletionSm::doReview() {
     if (!initialized() || msrpSm_.reviewsSuspended()) return;
+    pieceBegins();
     if (withdrawStreams() && deleteTalkers()) reviewCompleted();
     msrpSm_.doMaybeStopMsrp();
 }
@@ -98,7 +106,7 @@ void MsrpDeletionSm::doReview() {
 bool MsrpDeletionSm::withdrawStreams() {
     auto& pending = msrpSm_.deletePendingStream();
     for (auto at = pending.begin(); at != pending.end();) {
-        if (waitForLog()) return false;
+        if (mustWait()) return false;
         const U64 id = at->first;
         msrpSm_.status()->registeredStreamsDel(id);
         msrpSm_.deletePendingStreamIntfsDel(id);
@@ -111,7 +119,7 @@ bool MsrpDeletionSm::withdrawStreams() {
 bool MsrpDeletionSm::deleteTalkers() {
     auto& pending = msrpSm_.deletePendingStreamIntfs();
     for (auto at = pending.begin(); at != pending.end();) {
-        if (waitForLog()) return false;
+        if (mustWait()) return false;
         const U64 id = at->first;
         const auto intfs = at->second;
         if (const auto stream = msrpSm_.streamList(id)) {

@@ -25,7 +25,10 @@ public:
     void initializedIs(bool initialized) { initialized_ = initialized; }
     /// Plans a review when there is work and nothing keeps the machine from it.
     void doUpdateReviewTimer();
+    /// One piece of a review: where many streams wait, the rest goes on in the next turn of the loop.
     virtual void doReview() = 0;
+    /// Reviews until nothing is left, or the log takes no more.
+    void finishReview();
     void reviewTimerIs(std::shared_ptr<Runtime::ClockNotifiee> notifiee, double period, unsigned count,
                        double spacing, double delay);
     void reviewTimerDel() { reviewTimer_.reset(); }
@@ -33,14 +36,20 @@ public:
 
 protected:
     [[nodiscard]] virtual bool workPending() const = 0;
-    /// True, with a next try planned, when the attribute log takes no more.
-    bool waitForLog();
+    /// To be asked before each entry: true, with a next try planned, when the attribute log takes no more,
+    /// and when this piece has been long enough.
+    bool mustWait();
+    void pieceBegins() { left_ = entriesAtOnce; }
     void reviewCompleted();
 
     MsrpSm& msrpSm_;
 
 private:
+    static constexpr unsigned entriesAtOnce = 1024;
+
     Mrp::MrpAttrLogSm* attrLog_;
+    unsigned left_ = 0;     ///< of this piece
+    bool clogged_ = false;  ///< the last piece ended because of the log
     const char* pauseVariable_;
     bool initialized_ = false;
     std::shared_ptr<Runtime::ClockNotifiee> clock_;

@@ -79,7 +79,7 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
                     effective = ListenerState::AskingFailed;
                     transmitTalkerFailed(intf, streamId, failure, TalkerState::Failed);
                     counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
-                    addFailedStreamToIntf(streamId, intf);
+                    if (isBandwidthFailure(failure)) addFailedStreamToIntf(streamId, intf);
                 }
                 stream->setListenerStateAndAge(intf, effective, now());
                 break;
@@ -144,6 +144,8 @@ TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
     const SrClassId srClass = stream->srClass();
     const U64 bandwidth = stream->bandwidth();
     const HexId id{streamId};
+    // Its streams are about to fail there, a piece at a time.
+    if (shapingRefused(*stream, intf)) return TalkerFailureCode::insufficientResources;
     const TalkerFailureCode failure = checkBandwidthAvailability(intf, streamId, srClass, bandwidth);
     if (failure != TalkerFailureCode::noFailure) {
         trace(": Not Adding ", intf, " as listener since ", bandwidth,
@@ -153,6 +155,7 @@ TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
     }
     trace(": Adding ", intf, " as listener with ", bandwidth, "kbps bandwidth");
     log(MSRP_BW_ALLOC_SUCCESS, bandwidth, intf, id);
+    spend(1);
     const auto intfStatus = status()->intfStatus(intf);
     intfStatus->classBandwidthAllocatedIs(srClass, intfStatus->classBandwidthAllocated(srClass) + bandwidth);
     group->intfIs(intf, true);
@@ -176,6 +179,7 @@ void MsrpSm::removeListener(IntfId intf, const U64& streamId, ListenerState newS
     const U64 bandwidth = stream->bandwidth();
     trace(": Removing ", intf);
     log(MSRP_BW_DEALLOC, bandwidth, intf, HexId{streamId});
+    spend(1);
     group->intfDel(intf);
     // An address without a group would be flooded: the talker's own port holds the place.
     if (group->intf().empty()) group->intfIs(stream->ingressIntf(), true);

@@ -19,14 +19,19 @@ bool MsrpSm::addressFree(const StreamData& stream) const {
 }
 
 void MsrpSm::reprocessMacDaFailedStreams(EthAddr macDa) {
+    if (macDaBlocked(macDa) && addressDue_.insert(macDa).second) retrySoon();
+}
+
+bool MsrpSm::retryAddress(EthAddr macDa, U32& next, U32 last, unsigned& units) {
     const std::shared_ptr<MacDaBlocked> blocked = macDaBlocked(macDa);
-    if (!blocked) return;
+    if (!blocked) return true;
     // Once one of them has taken the address the others only keep their places: a peer that waits with
     // thousands of streams must not cost a full attempt for each of them at each leave.  What queues up anew
     // meanwhile is not visited.
-    const auto last = blocked->tail();
-    std::set<U64> tried;
-    for (auto index = blocked->head(); last && index && *index <= *last; index = blocked->next(*index)) {
+    for (auto index = blocked->from(next); index && *index <= last; index = blocked->next(*index)) {
+        next = *index;
+        if (units == 0) return false;
+        const unsigned before = spent_;
         const U64 streamId = blocked->stream(*index);
         const auto stream = streamList(streamId);
         const IntfId ingress = stream ? stream->ingressIntf() : IntfId{};
@@ -34,11 +39,13 @@ void MsrpSm::reprocessMacDaFailedStreams(EthAddr macDa) {
                            stream->talkerFailureCode(ingress) == TalkerFailureCode::destinationAddressInUse;
         if (!waits) {
             blocked->failedStreamDel(*index);
-        } else if (addressFree(*stream) && tried.insert(streamId).second) {
+        } else if (addressFree(*stream)) {
             processTalkerAdvertiseJoin(ingress, streamDataTalkerAttribute(streamId));
         }
+        units -= std::min(units, 1 + (spent_ - before));
     }
     if (blocked->empty() && macDaBlocked(macDa) == blocked) macDaBlockedDel(macDa);
+    return true;
 }
 
 }  // namespace Msrp

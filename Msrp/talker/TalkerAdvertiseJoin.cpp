@@ -123,7 +123,8 @@ Code MsrpSm::judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& att
         trace(": Talker Advertise's FirstValue has changed");
         return Code::firstValueChanged;
     }
-    return known->ethGroup() ? Code::noFailure : checkMacDaInUse(intf, attr);
+    if (!known->ethGroup()) return checkMacDaInUse(intf, attr);
+    return groupRefused(*known) ? Code::cannotStoreAddress : Code::noFailure;
 }
 
 Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
@@ -157,8 +158,7 @@ template <class Attribute>
 void MsrpSm::registerTalker(StreamData& stream, IntfId intf, const Attribute& attr, SrClassId srClass,
                             U32 chargedFrames) {
     stream.ingressIntfIs(intf);
-    streamMacDaIs(stream, attr.macDa());
-    stream.vlanIdIs(attr.vlanId());
+    destinationIs(stream, attr.macDa(), attr.vlanId());
     stream.maxFrameSizeIs(attr.maxFrameSize());
     stream.maxIntervalFramesIs(recordedFrames(attr.maxIntervalFrames()));
     stream.dataFramePriorityIs(attr.dataFramePriority());

@@ -41,6 +41,7 @@ void MsrpSm::send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U
     Mrp::AttributeSlot& slot = lib.outgoing(type);
     std::copy(value.begin(), value.end(), slot.value.begin());
     slot.declaration = declaration;
+    spend(1);
     lib.mrpOutIntfQueueEnq(intf);
     lib.mrpSendAttribute({.intf = intf, .attributeType = type, .request = request, .reserved = 0});
 }
@@ -134,11 +135,12 @@ Code MsrpSm::judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf) {
     }
     const Code vlanCode = checkVlanConfig(port, streamId, stream.vlanId());
     if (vlanCode != Code::noFailure) return vlanCode;
+    if (shapingRefused(stream, port)) return Code::insufficientResources;
     const ListenerState listener = stream.listenerStateOrig(port);
     if (wantsStream(listener)) {
         const Code code = addListener(port, streamId);
         // The refused stream waits under the talker's port.
-        if (code != Code::noFailure) addFailedStreamToIntf(streamId, ingressIntf);
+        if (isBandwidthFailure(code)) addFailedStreamToIntf(streamId, ingressIntf);
         return code;
     }
     if (listener == ListenerState::AskingFailed && getTalkerState(stream, port) == TalkerState::Failed) {
@@ -193,7 +195,9 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
     for (const IntfId port : portsWithStatus()) {
         if (port == ingressIntf || (failed && !isCandidate(port))) continue;
         const SrClassState classState = status()->intfStatus(port)->srClassState(stream->srClass());
-        if (!isActive(classState)) {
+        // A port that is about to take the class's streams off may not have come to this one.
+        const bool late = !failed && busy(port) && getTalkerState(*stream, port) == TalkerState::Failed;
+        if (!isActive(classState) && !late) {
             trace("Not propagating TalkerFailed on ", port, " since ", srClassName(stream->srClass()), " is ",
                   srState(classState));
             counterInc(port, Direction::Tx,

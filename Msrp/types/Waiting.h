@@ -50,6 +50,8 @@ public:
     [[nodiscard]] std::optional<U32> tail() const {
         return entry_.empty() ? std::nullopt : std::optional<U32>{entry_.rbegin()->first};
     }
+    /// The first index from `index` on.
+    [[nodiscard]] std::optional<U32> from(U32 index) const { return at(entry_.lower_bound(index)); }
     /// The first index above `index`.
     [[nodiscard]] std::optional<U32> next(U32 index) const { return at(entry_.upper_bound(index)); }
     /// The stream under `index`, which must be there.

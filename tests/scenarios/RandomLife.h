@@ -27,6 +27,9 @@ public:
         vlanTopologyIs("Cist");
         bridge.cliConfig->srClassBBandwidthPercentIs(20);
         bridge.mrpConfig->leaveAllTimeIs(3000);
+        // Also with so little work in each turn that one event meets what is left of another.
+        static constexpr unsigned units[] = {0, 300, 20};
+        bridge.unitsPerTurn = units[seed % 3];
         bridge.start();
         bridge.standbyStart();
         for (const auto& peer : peers) declareDomains(*peer);
@@ -226,6 +229,7 @@ private:
             if (kind.offline) kind.act(*this);
         }
         bridge.standbyTakesOver();
+        loop.runFor({});  // to the end of it, which may take several turns
     }
 
     std::mt19937_64 random_;

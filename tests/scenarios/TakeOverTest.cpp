@@ -47,8 +47,9 @@ TEST(TakeOver, ThousandReservationsSurviveAndWhatNobodyWantsGoes) {
         ->ethGroupIs(EthAddr::fromNumber(0x91e0f000ffff))
         ->intfIs(IntfId{"p1"}, true);
     bridge.standbyTakesOver();
-    EXPECT_EQ(bridge.streams(), before);
-    EXPECT_EQ(bridge.groups(), groups);
+    loop.runFor(0s);  // that many take several turns
+    EXPECT_TRUE(bridge.streams() == before);
+    EXPECT_TRUE(bridge.groups() == groups);
     loop.runFor(500ms);
     EXPECT_EQ(talker.leaves() + near.leaves() + far.leaves(), leaves);
     EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), streams * 9088);

@@ -1,0 +1,88 @@
+/// What the switch could not carry out: the streams that counted on it fail until it can.
+#include "Msrp/MsrpSm.h"
+#include "Msrp/types/Format.h"
+
+namespace Msrp {
+
+namespace {
+using Code = TalkerFailureCode;
+}
+
+bool MsrpSm::groupRefused(const StreamData& stream) const {
+    return inputs_.refusals && stream.ethGroup() &&
+           inputs_.refusals->group({VlanId{stream.vlanId()}, stream.macDa()});
+}
+
+bool MsrpSm::shapingRefused(const StreamData& stream, IntfId intf) const {
+    return inputs_.refusals && stream.bandwidth() != 0 && inputs_.refusals->port(intf);
+}
+
+void MsrpSm::handleRefusal(const State::Change& change) {
+    if (!initialized() || standbyMode()) return;  // a take-over looks at all of them
+    if (const auto* group = change.key<Switch::GroupId>()) reviewGroup(*group);
+    if (const auto* intf = change.key<IntfId>()) reviewShaping(*intf);
+}
+
+void MsrpSm::reviewGroup(const Switch::GroupId& group) {
+    // Several can come at once, and each means something for every port.
+    chores_.add(switchLane, [this, group](unsigned& units) {
+        const auto sharers = streamsByMacDa_.find(group.addr);
+        if (sharers == streamsByMacDa_.end()) return true;
+        const unsigned before = spent_;
+        for (const U64 id : std::set{sharers->second}) {
+            const auto stream = streamList(id);
+            if (stream && stream->vlanId() == group.vlan.value()) reviewGroupOf(*stream);
+        }
+        units -= std::min(units, 1 + (spent_ - before));
+        return true;
+    });
+}
+
+void MsrpSm::reviewGroupOf(StreamData& stream) {
+    const IntfId ingress = stream.ingressIntf();
+    if (!ingress || !stream.ethGroup() || getTalkerState(stream, ingress) != TalkerState::Advertise) return;
+    const Code code = stream.talkerFailureCode(ingress);
+    const bool refused = groupRefused(stream);
+    if (refused && code == Code::noFailure) {
+        error(Runtime::format("StreamId 0x%s failed on %s because its Mac DA %s cannot be forwarded: %s",
+                              HexId{stream.streamId()}, ingress, stream.macDa(),
+                              inputs_.refusals->group({VlanId{stream.vlanId()}, stream.macDa()})->why()));
+        stream.failedBridgeIdIs(failureBridgeId(ingress));
+        failIngress(stream, Code::cannotStoreAddress);
+    } else if (!refused && code == Code::cannotStoreAddress) {
+        processTalkerAdvertiseJoin(ingress, streamDataTalkerAttribute(stream.streamId()));
+    }
+}
+
+void MsrpSm::reviewShaping(IntfId intf) {
+    const auto refusal = inputs_.refusals->port(intf);
+    if (refusal) {
+        error(Runtime::format("%s cannot be shaped: %s", intf, refusal->why()));
+    } else {
+        log(MSRP_NOTIF, Runtime::format("%s can be shaped", intf));
+    }
+    chores_.add(portLane(intf), [this, intf, next = U64{0}](unsigned& units) mutable {
+        const bool done =
+            walkStreams(0, next, units, [&](U64, StreamData& stream) { reviewShapingOf(stream, intf); });
+        if (done && status()->intfStatus(intf)) {
+            // Who waited for bandwidth may have been passed over meanwhile.
+            bandwidthReleasedIs(intf, true);
+            reprocessBandwidthFailedStreams(intf);
+        }
+        return done;
+    });
+}
+
+void MsrpSm::reviewShapingOf(StreamData& stream, IntfId intf) {
+    const IntfId ingress = stream.ingressIntf();
+    if (!ingress || ingress == intf || !status()->intfStatus(intf)) return;
+    if (shapingRefused(stream, intf)) {
+        failEgress(stream, intf, Code::insufficientResources);
+    } else if (stream.talkerFailureCode(intf) == Code::insufficientResources &&
+               stream.talkerFailureCode(ingress) == Code::noFailure &&
+               getTalkerState(stream, ingress) == TalkerState::Advertise) {
+        propagateTalkerAdvertiseJoin(ingress, stream.streamId(), intf);
+    }
+}
+
+}  // namespace Msrp
