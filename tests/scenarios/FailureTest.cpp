@@ -234,6 +234,47 @@ TEST_F(Scenario, LeavesAndDomainsAreDiscardedWithTheirReasons) {
     expectLogged({"Discard streamId 0x1 TalkerAdvLv on p1 since prev state was 2"});
 }
 
+/// A talker's two kinds of declaration replace each other, whether they were taken or not.
+TEST_F(Scenario, OfARefusedTalkerTheKindDeclaredLastCounts) {
+    const auto said = [](std::uint64_t id) { return Talker{.id = id, .macDa = 0x91e0f0000000 + id}; };
+    const auto changeBothWays = [&](std::uint64_t first) {
+        p1.say({failed(said(first), 9), advertise(said(first + 1))});
+        p1.say({advertise(said(first)), failed(said(first + 1), 9)});
+        p1.say({failed(said(first), 9, 0, Event::Lv), advertise(said(first + 1), Event::Lv)});
+        quiet();
+    };
+    p2.say(domains());
+    p3.say(domains());
+    settle();
+    changeBothWays(1);  // before the Domain
+    p1.say(domains());
+    expectHears(p2, "Advertise 0x1\nFailed 0x2 code 9 ");
+    p3.say({advertise(said(3)), advertise(said(4))});
+    settle();
+    changeBothWays(3);  // while another port has the streams
+    p3.say({advertise(said(3), Event::Lv), advertise(said(4), Event::Lv)});
+    quiet();
+    expectHears(p2, "Advertise 0x3\nFailed 0x4 code 9 ");
+}
+
+TEST_F(Scenario, WhatIsRefusedBesideANewDomainIsOfferedAndCountedOnce) {
+    p2.say(domains());
+    settle();
+    p2.say(advertise({}));
+    settle();
+    std::vector<Say> everything = domains();
+    everything.push_back(advertise({}));  // p2 has that stream
+    p1.say(everything);
+    settle();
+    EXPECT_EQ(bridge.rx("p1", 5), 1U);
+    bridge.cliConfig->srClassAPriorityIs(
+        4);  // the ports begin anew, and what p1 says is wrong in another way
+    loop.runFor(1s);
+    p1.say(everything);
+    expectLogged({"Discard streamId 0x1 TalkerAdvJoin on p1 with non SR Class priority 3"});
+    EXPECT_EQ(bridge.rx("p1", 5), 2U);
+}
+
 TEST_F(Scenario, AListenerOnAPortOutsideTheStreamsClassIsDiscarded) {
     p1.say(domains());
     p2.say(domain(SrClassId::SrClassB, 2));

@@ -137,6 +137,50 @@ TEST_F(ReservedStream, LinksFlap) {
     EXPECT_EQ(picture(), all);
 }
 
+/// What the peer may hold decides what is withdrawn, not what was about to replace it.
+TEST_F(ReservedStream, AKindOfDeclarationThatWasTakenBackUnsentLeavesThePeer) {
+    const auto ends = [this](const std::function<void()>& end) {
+        for (const std::uint64_t id : {2U, 3U}) {  // p2 carries one of them
+            p1.say(advertise({.id = id, .macDa = 0x91e0f0000000 + id, .maxFrameSize = 1458, .frames = 5}));
+            p2.say(listener(id, ListenerState::Ready));
+            settle();
+        }
+        expectHears(p2, "Failed 0x3 code 1 ");
+        p1.say(
+            {advertise({.id = 4, .macDa = 0x91e0f0000004}), failed({.id = 5, .macDa = 0x91e0f0000005}, 9)});
+        settle();
+        p1.say(
+            {failed({.id = 4, .macDa = 0x91e0f0000004}, 9), advertise({.id = 5, .macDa = 0x91e0f0000005})});
+        loop.post(end);  // in the same turn
+        settle();
+        EXPECT_EQ(p2.registered().find("0x"), std::string::npos) << p2.registered();
+    };
+    ends([this] { bridge.cliConfig->srClassASupportedIs(false); });
+    bridge.cliConfig->srClassASupportedIs(true);
+    loop.runFor(1s);
+    core();
+    ends([this] { bridge.linkIs("p1", false); });
+}
+
+TEST_F(ReservedStream, AnInterfaceRecordGoesAndComesBack) {
+    const std::shared_ptr<const Msrp::IntfStatus> p = bridge.status->intfStatus(IntfId{"p2"});
+    bridge.phy->intfStatusDel(IntfId{"p2"});
+    settle();
+    EXPECT_NE(p->linkStatus(), Interface::LinkStatus::linkUp);
+    EXPECT_EQ(p->speedEnum(), Interface::Speed::speedUnknown);
+    EXPECT_EQ(bridge.stream(1), waiting);
+    bridge.linkIs("p2", true);  // before its speed is known
+    listenAgain();
+    EXPECT_EQ(p->speedEnum(), Interface::Speed::speedUnknown);
+    expectHears(p2, "Failed 0x1 code 1 ");
+    bridge.phy->intfStatusDel(IntfId{"p2"});
+    bridge.speedIs("p2", Interface::Speed::speed100Mbps);
+    bridge.linkIs("p2", true);
+    listenAgain();
+    EXPECT_EQ(picture(), all);
+    EXPECT_EQ(p->speedEnum(), Interface::Speed::speed100Mbps);
+}
+
 TEST_F(ReservedStream, TheSpanningTreeBlocksAndUnblocks) {
     allForward({"Cist"});
     bridge.stp->modeIs(Stp::Mode::Rstp);
