@@ -73,6 +73,10 @@ public:
     [[nodiscard]] std::size_t logged(const std::string& text) const;
     [[nodiscard]] const std::vector<std::string>& log() const { return log_; }
     void logClear() { log_ = {}; }
+    /// Where the agents trace what they do; nowhere by default.
+    void traceIs(Runtime::TraceLevel level, Runtime::Trace::Sink sink) {
+        trace_.sinkIs(level, std::move(sink));
+    }
 
 private:
     [[nodiscard]] std::unique_ptr<Msrp::Agent> makeAgent();

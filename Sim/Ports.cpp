@@ -6,12 +6,10 @@ class Ports::Port : public Mrp::PacketPort {
 public:
     Port(Ports& ports, IntfId intf, Receiver receiver)
         : ports_{ports}, intf_{intf}, receiver_{std::make_shared<Receiver>(std::move(receiver))} {
-        ports_.open_[intf_] = receiver_;
+        ports_.open_.emplace(intf_, receiver_);
     }
     ~Port() override {
-        // The port may have been opened anew before this one went.
-        const auto at = ports_.open_.find(intf_);
-        if (at != ports_.open_.end() && at->second == receiver_) ports_.open_.erase(at);
+        std::erase_if(ports_.open_, [this](const auto& entry) { return entry.second == receiver_; });
     }
     bool send(std::span<const std::uint8_t> pdu) override {
         const auto farEnd = ports_.farEnd_.find(intf_);
@@ -29,10 +27,9 @@ private:
 
 void Ports::deliver(IntfId intf, const Pdu& pdu) {
     loop_.post([this, intf, pdu] {
-        const auto at = open_.find(intf);
-        if (at == open_.end()) return;
-        const std::shared_ptr<Receiver> receiver = at->second;
-        (*receiver)(pdu);
+        // A receiver may open and close ports.
+        const auto [first, last] = open_.equal_range(intf);
+        for (const auto& [name, receiver] : std::vector(first, last)) (*receiver)(pdu);
     });
 }
 

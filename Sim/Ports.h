@@ -33,7 +33,8 @@ private:
     class Port;
     Runtime::Loop& loop_;
     std::map<IntfId, Handler> farEnd_;
-    std::map<IntfId, std::shared_ptr<Receiver>> open_;
+    /// As with the sockets of a real interface, several may be open at once, and each gets every frame.
+    std::multimap<IntfId, std::shared_ptr<Receiver>> open_;
 };
 
 }  // namespace Sim
