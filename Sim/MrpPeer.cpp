@@ -44,6 +44,7 @@ void MrpPeer::request(const Say& what, std::uint8_t kind) {
     } else if (declared_.erase(name) != 0) {
         values_.erase(name);
     }
+    if (kind == Mrp::requestInternalLeave) registered_.erase(name);
     Mrp::AttributeSlot& slot = outgoing(what.type);
     slot.value = value.octets;
     slot.declaration = value.declaration;

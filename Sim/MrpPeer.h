@@ -26,6 +26,8 @@ public:
     /// Declares or withdraws the value; the event of `what` plays no part.
     void declare(const Say& what) { request(what, Mrp::requestDeclare); }
     void withdraw(const Say& what) { request(what, Mrp::requestWithdraw); }
+    /// Forgets it on both sides without a word, as who is about to declare what replaces it.
+    void forget(const Say& what) { request(what, Mrp::requestInternalLeave); }
     /// The link goes down (nothing passes, everything is forgotten) or comes up (everything is declared
     /// anew).
     void linkIs(bool up);

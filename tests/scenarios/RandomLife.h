@@ -114,6 +114,7 @@ private:
                  l.bridge.speedIs(l.port(),
                                   l.oneIn(2) ? Interface::Speed::speed100Mbps : Interface::Speed::speed1Gbps);
              }},
+            {1, "replace interface", true, [](Me& l) { l.replaceInterface(); }},
             {1, "leave VLAN", true, [](Me& l) { l.bridge.vlanDel(2, l.port()); }},
             {2, "join VLAN", true, [](Me& l) { l.bridge.vlanIs(2, l.port(), !l.oneIn(4)); }},
             {1, "change share", true, [](Me& l) { l.cli().srClassABandwidthPercentIs(l.octet(80)); }},
@@ -168,11 +169,15 @@ private:
         return t;
     }
     void talk() {
+        // The other kind of declaration goes with a Leave or, as it is replaced, without.
+        const auto ends = [this](const Say& other) {
+            oneIn(2) ? peer().withdraw(other) : peer().forget(other);
+        };
         if (oneIn(5)) {
-            peer().withdraw(advertise(talker()));
+            ends(advertise(talker()));
             peer().declare(failed(talker(), static_cast<std::uint8_t>(1 + pick(20))));
         } else {
-            peer().withdraw(failed(talker(), 0));
+            ends(failed(talker(), 0));
             peer().declare(advertise(talker()));
         }
     }
@@ -193,6 +198,18 @@ private:
     void cableIs(bool up) {
         bridge.linkIs(ports[port_], up);
         peer().linkIs(up);
+    }
+
+    /// The interface's record goes, and most times it comes back with another speed or none.
+    void replaceInterface() {
+        using Interface::Speed;
+        static constexpr Speed speeds[] = {Speed::speedUnknown, Speed::speed100Mbps, Speed::speed1Gbps};
+        bridge.phy->intfStatusDel(intf());
+        if (oneIn(4)) return;
+        const bool linkFirst = oneIn(2);
+        if (linkFirst) bridge.linkIs(port(), true);
+        bridge.speedIs(port(), speeds[pick(3)]);
+        if (!linkFirst) bridge.linkIs(port(), true);
     }
 
     /// The ports' native VLAN comes and goes, and with it their base topology where each VLAN has a tree.
@@ -219,16 +236,18 @@ private:
         bridge.stp->modeIs(which < 3 ? modes[which] : Stp::Mode::None);
     }
 
-    /// The other agent takes over.
+    /// The other agent takes over, and at times the first one again in the same turn.
     void changeRole() {
-        bridge.activeStops();
-        if (oneIn(2)) loop.runFor(std::chrono::milliseconds{pick(300)});
-        for (std::size_t i = pick(8); i > 0; --i) {
-            port_ = pick(ports.size());
-            const Kind& kind = kinds()[pick(kinds().size())];
-            if (kind.offline) kind.act(*this);
+        for (int changes = oneIn(3) ? 2 : 1; changes > 0; --changes) {
+            bridge.activeStops();
+            if (oneIn(2)) loop.runFor(std::chrono::milliseconds{pick(300)});
+            for (std::size_t i = pick(8); i > 0; --i) {
+                port_ = pick(ports.size());
+                const Kind& kind = kinds()[pick(kinds().size())];
+                if (kind.offline) kind.act(*this);
+            }
+            bridge.standbyTakesOver();
         }
-        bridge.standbyTakesOver();
         loop.runFor({});  // to the end of it, which may take several turns
     }
 

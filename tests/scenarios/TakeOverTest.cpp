@@ -130,6 +130,18 @@ TEST_F(TakeOverOf, WhoWaitsKeepsItsPlace) {
     EXPECT_EQ(bridge.stream(6), "0x6 SrClassA 66688 p1 -> p1");
 }
 
+TEST_F(TakeOverOf, TwoChangesInATurnLeaveThePortsOpen) {
+    reserve();
+    quiet();
+    takeOver();
+    takeOver();
+    loop.runFor(100ms);  // the LeaveAll
+    p1.say({advertise({}), domain(SrClassId::SrClassA, 3)});
+    p2.say({listener(1, ListenerState::Ready), domain(SrClassId::SrClassA, 3)});
+    quiet();
+    EXPECT_EQ(bridge.stream(1), reserved);
+}
+
 TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
     reserve();
     quiet();
