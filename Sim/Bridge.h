@@ -73,6 +73,8 @@ public:
     [[nodiscard]] std::size_t logged(const std::string& text) const;
     [[nodiscard]] const std::vector<std::string>& log() const { return log_; }
     void logClear() { log_ = {}; }
+    /// Takes the lines that would be kept otherwise.
+    void logSinkIs(Runtime::SystemLog::Sink sink) { systemLog_.sinkIs(std::move(sink)); }
     /// Where the agents trace what they do; nowhere by default.
     void traceIs(Runtime::TraceLevel level, Runtime::Trace::Sink sink) {
         trace_.sinkIs(level, std::move(sink));
