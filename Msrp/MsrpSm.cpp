@@ -7,8 +7,8 @@
 namespace Msrp {
 
 namespace {
-/// Streams looked at, and things said about them, in one turn of the loop: a few milliseconds' worth.
-constexpr unsigned unitsPerTurn = 4096;
+/// Streams looked at, and things said about them, in one turn of the loop: some milliseconds' worth.
+constexpr unsigned unitsPerTurn = 1024;
 }  // namespace
 
 MsrpSm::MsrpSm(Inputs inputs, Platform platform)

@@ -415,6 +415,8 @@ private:
     /// What was on its way out when the other side stopped acting goes now.
     void catchUpWithStream(StreamData& stream);
     void catchUpWithStream(StreamData& stream, const StreamPort& port);
+    /// Forgets a port that has no status any more.
+    void dropPort(StreamData& stream, IntfId intf);
     /// Puts into effect what was configured while nobody acted.
     void catchUpWithConfig();
     void catchUpWithVlans();

@@ -164,15 +164,7 @@ void MsrpSm::catchUpWithStream(StreamData& stream) {
     std::ranges::partition(ports, [&](const StreamPort& port) { return port.intf != stream.ingressIntf(); });
     for (const StreamPort& port : ports) {
         if (!streamList(id)) return;
-        if (status()->intfStatus(port.intf)) {
-            catchUpWithStream(stream, port);
-            continue;
-        }
-        // Its withdrawal waited for a review.
-        stream.delTalkerStateAndAge(port.intf);
-        stream.talkerFailureCodeDel(port.intf);
-        stream.delListenerStateAndAge(port.intf);
-        stream.listenerStateOrigDel(port.intf);
+        catchUpWithStream(stream, port);
     }
     if (!streamList(id)) return;
     reviewGroupOf(stream);
@@ -181,6 +173,7 @@ void MsrpSm::catchUpWithStream(StreamData& stream) {
 
 void MsrpSm::catchUpWithStream(StreamData& stream, const StreamPort& port) {
     const auto intfStatus = status()->intfStatus(port.intf);
+    if (!intfStatus) return dropPort(stream, port.intf);
     const bool hasTalker = static_cast<bool>(stream.ingressIntf());
     const SrClassState state = hasTalker ? intfStatus->srClassState(stream.srClass())
                                          : std::max(intfStatus->srClassState(SrClassId::SrClassA),
@@ -196,6 +189,21 @@ void MsrpSm::catchUpWithStream(StreamData& stream, const StreamPort& port) {
     } else if (port.talkerFailureCode == TalkerFailureCode::insufficientResources) {
         reviewShapingOf(stream, port.intf);
     }
+}
+
+void MsrpSm::dropPort(StreamData& stream, IntfId intf) {
+    if (intf == stream.ingressIntf()) {
+        propagateTalkerAdvertiseLeave(intf, stream.streamId());
+        clearIngress(stream);
+    }
+    if (const auto group = stream.ethGroup(); group && group->intf(intf)) {
+        group->intfDel(intf);
+        if (group->intf().empty() && stream.ingressIntf()) group->intfIs(stream.ingressIntf(), true);
+    }
+    stream.delTalkerStateAndAge(intf);
+    stream.talkerFailureCodeDel(intf);
+    stream.delListenerStateAndAge(intf);
+    stream.listenerStateOrigDel(intf);
 }
 
 void MsrpSm::catchUpWithConfig() {

@@ -178,7 +178,12 @@ TEST(Attack, AListenerThatTogglesWakesTheWaitersOnce) {
     a.expectUnnoticed([&] { a.send("p2", toggles); });
     a.expectFewTexts();
     EXPECT_EQ(a.allocated(), full);
-    // And what is released in one turn goes to the oldest, without a word about the others.
+}
+
+TEST(Attack, WhatIsReleasedGoesToTheOldestWithoutAWordAboutOthers) {
+    Attack a;
+    a.fillP2(100);
+    const auto full = a.allocated();
     const auto& queue = *a.bridge.waiting->bandwidthFailedIntf(IntfId{"p2"});
     const std::uint64_t oldest = queue.stream(*queue.head());
     a.expectUnnoticed([&] {

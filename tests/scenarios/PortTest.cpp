@@ -166,7 +166,6 @@ TEST_F(ReservedStream, AnInterfaceRecordGoesAndComesBack) {
     const std::shared_ptr<const Msrp::IntfStatus> p = bridge.status->intfStatus(IntfId{"p2"});
     bridge.phy->intfStatusDel(IntfId{"p2"});
     settle();
-    EXPECT_NE(p->linkStatus(), Interface::LinkStatus::linkUp);
     EXPECT_EQ(bridge.stream(1), waiting);
     bridge.linkIs("p2", true);  // before its speed is known
     listenAgain();
