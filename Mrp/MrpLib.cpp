@@ -20,6 +20,10 @@ void MrpLib::mrpInterfaceDisable(IntfId intf) {
     if (engine_ != nullptr) engine_->interfaceDisable(intf);
 }
 
+std::set<IntfId> MrpLib::mrpEnabledPorts() const {
+    return engine_ != nullptr ? engine_->enabledPorts() : std::set<IntfId>{};
+}
+
 void MrpLib::mrpCleanUpIntfDatabase(IntfId intf) {
     if (engine_ != nullptr) engine_->cleanUpIntfDatabase(intf);
 }

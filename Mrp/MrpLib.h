@@ -13,6 +13,7 @@
 
 #include <array>
 #include <cstdint>
+#include <set>
 #include <span>
 #include <string>
 #include <typeinfo>
@@ -67,6 +68,8 @@ public:
     void mrpInterfaceEnable(IntfId intf);
     /// Transmits what is pending if the port's link is up, then forgets the participant, without indications.
     void mrpInterfaceDisable(IntfId intf);
+    /// The ports that are enabled, also in standby.
+    [[nodiscard]] std::set<IntfId> mrpEnabledPorts() const;
     /// Forgets all registrations of the port, without indications, and makes it send a LeaveAll.
     void mrpCleanUpIntfDatabase(IntfId intf);
     /// Forgets one registration without an indication; the port says Mt for it, so that a peer that still

@@ -87,6 +87,7 @@ public:
     void interfaceDisable(IntfId intf);
     void cleanUpIntfDatabase(IntfId intf);
     void cleanUpIntfDatabaseAttribute(IntfId intf, std::uint8_t type, std::uint64_t key);
+    [[nodiscard]] const std::set<IntfId>& enabledPorts() const { return enabled_; }
     void openPort(IntfId intf) { portOpened(intf); }
     void pausedIs(bool paused);
     [[nodiscard]] bool attributeHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const;

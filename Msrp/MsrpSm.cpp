@@ -214,12 +214,9 @@ void MsrpSm::handleStandbyMode() {
     Runtime::require(initialized(), "initialized()");
     trace("MsrpSm::handleStandbyMode( ", standbyMode(), " )");
     ringTrace("handleStandbyMode", standbyMode() ? 1 : 0);
-    const std::set<IntfId> unsettled = settleDue_;
     dropWork();
     if (standbyMode()) {
         refreshPorts();
-        // The engine's set of ports is kept for the next time.
-        for (const IntfId intf : unsettled) handleIntfEnable(intf);
     } else {
         takeOver();
     }
@@ -230,6 +227,11 @@ void MsrpSm::refreshPorts() {
         setPortState(*intf);
         setLinkStatus(*intf);
         handleIntfEnable(*intf);
+    }
+    // Ports that were removed while nobody could see to it.
+    for (const IntfId intf : inputs_.msrpLib->mrpEnabledPorts()) {
+        if (!config().intfEnable(intf) && (standbyMode() || !status()->intfStatus(intf)))
+            inputs_.msrpLib->mrpInterfaceDisable(intf);
     }
 }
 

@@ -393,7 +393,7 @@ private:
     /// The stream could take its destination address now.
     [[nodiscard]] bool addressFree(const StreamData& stream) const;
     /// Makes the working tables anew from what is published.
-    void rebuildStreams();
+    bool rebuildStreams(U64& next, unsigned& units);
     void rebuildQueues();
     void rebuildAllocations();
     /// Takes over what is published; several turns where that is much.

@@ -39,7 +39,7 @@ void MsrpSm::handleIntfEnable() {
 }
 
 void MsrpSm::handleIntfEnable(IntfId intf) {
-    if (!initialized()) return;
+    if (!initialized() || takingOver_) return;
     const bool enabled = isEnabled(intf);
     trace("MsrpSm::handleIntfEnable( ", intf, " ) enabled: ", enabled);
     ringTrace("handleIntfEnable", intf.number(), enabled ? 1 : 0);
@@ -49,11 +49,6 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
         } else {
             inputs_.msrpLib->mrpInterfaceDisable(intf);
         }
-        return;
-    }
-    if (takingOver_) {
-        // The engine may have kept it enabled in standby; all else is looked at when that is done.
-        if (!enabled && !status()->intfStatus(intf)) inputs_.msrpLib->mrpInterfaceDisable(intf);
         return;
     }
     if (!enabled) {

@@ -9,22 +9,18 @@
 
 namespace Msrp {
 
-void MsrpSm::rebuildStreams() {
-    // What an earlier active life left here is not what is published now.
-    streamListDelAll();
-    addPendingStream_.clear();
-    deletePendingStream_.clear();
-    deletePendingStreamIntfsDelAll();
-    bandwidthReleasedDelAll();
+bool MsrpSm::rebuildStreams(U64& next, unsigned& units) {
     const auto& published = status()->registeredStreams();
-    for (auto id = published.firstKey(); id; id = published.nextKey(*id)) {
+    for (auto id = published.from(next); id; id = published.nextKey(*id)) {
+        next = *id;
+        if (units == 0) return false;
+        --units;
         const auto stream = status()->registeredStreams(*id);
         // Withdrawals that waited for a review were known to the other side only.
         if (!stream->ingressIntf()) stream->talkerDelAll();
         streamListIs(stream);
     }
-    rebuildQueues();
-    rebuildAllocations();
+    return true;
 }
 
 void MsrpSm::rebuildQueues() {
@@ -71,8 +67,25 @@ void MsrpSm::takeOver() {
     takingOver_ = true;
     // What arrives meanwhile waits, and nothing is said until all is known that was declared.
     inputs_.msrpLib->mrpPause(true);
-    rebuildStreams();
-    removeLeftovers();
+    // What an earlier active life left here is not what is published now.
+    streamListDelAll();
+    addPendingStream_.clear();
+    deletePendingStream_.clear();
+    deletePendingStreamIntfsDelAll();
+    bandwidthReleasedDelAll();
+    chores_.add(switchLane,
+                [this, next = U64{0}](unsigned& units) mutable { return rebuildStreams(next, units); });
+    chores_.add(switchLane, [this](unsigned& units) {
+        rebuildQueues();
+        rebuildAllocations();
+        units = 0;
+        return true;
+    });
+    chores_.add(switchLane, [this](unsigned& units) {
+        removeLeftovers();
+        units = 0;
+        return true;
+    });
     std::vector<IntfId> ports = portsWithStatus();
     std::ranges::reverse(ports);
     chores_.add(switchLane, [this, seeding = Seeding{.ports = std::move(ports)}](unsigned& units) mutable {

@@ -115,6 +115,11 @@ public:
     [[nodiscard]] std::optional<K> firstKey() const {
         return items_.empty() ? std::nullopt : std::optional<K>{items_.begin()->first};
     }
+    /// The smallest key that is not below `key`.
+    [[nodiscard]] std::optional<K> from(const K& key) const {
+        const auto at = items_.lower_bound(key);
+        return at == items_.end() ? std::nullopt : std::optional<K>{at->first};
+    }
     [[nodiscard]] std::optional<K> nextKey(const K& key) const {
         const auto at = items_.upper_bound(key);
         return at == items_.end() ? std::nullopt : std::optional<K>{at->first};

@@ -45,7 +45,7 @@ protected:
     MsrpSm& msrpSm_;
 
 private:
-    static constexpr unsigned entriesAtOnce = 1024;
+    static constexpr unsigned entriesAtOnce = 256;
 
     Mrp::MrpAttrLogSm* attrLog_;
     unsigned left_ = 0;     ///< of this piece
