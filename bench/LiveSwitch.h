@@ -55,7 +55,10 @@ private:
     struct Peer {
         explicit Peer(AnsweringPorts& all) : owner{all}, event{eventfd(1, EFD_NONBLOCK)} {}
         void say(const std::vector<Sim::Pdu>& pdus) {
-            toSay.insert(toSay.end(), pdus.begin(), pdus.end());
+            constexpr std::size_t room = 4096;  // what a socket has no room for is lost
+            for (const Sim::Pdu& pdu : pdus) {
+                if (toSay.size() < room) toSay.push_back(pdu);
+            }
             watch = {};
             watch = owner.loop_.watch(event.get(), Runtime::FdLoop::Ready::readable, [this] { speak(); });
         }
@@ -154,7 +157,9 @@ public:
         bridge.logSinkIs([this](const Runtime::LogEvent& event, const std::string& text) {
             ++logLines;
             logOctets += event.name.size() + 1 + text.size();
-            if (event.name.ends_with("_LV")) ++leaves;
+            if (!event.name.ends_with("_LV")) return;
+            ++leaves;
+            if (onLeave) onLeave(text);
         });
         bridge.start();
         settle();
@@ -186,6 +191,7 @@ public:
     std::uint64_t logLines = 0;
     std::uint64_t logOctets = 0;
     std::uint64_t leaves = 0;  ///< that the agent has logged
+    std::function<void(const std::string& text)> onLeave;
 };
 
 }  // namespace Bench
