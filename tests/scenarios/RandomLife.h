@@ -75,6 +75,10 @@ public:
         bridge.cliConfig->maxFrameSizeLimitIs(1500);
         bridge.cliConfig->shapingDisabledIs(false);
     }
+    void cableIs(std::size_t port, bool up) {
+        port_ = port;
+        cableIs(up);
+    }
     void withdrawAll() {
         for (port_ = 0; port_ < ports.size(); ++port_) {
             for (stream_ = 1; stream_ <= streams; ++stream_) {

@@ -45,9 +45,22 @@ void checkDeclarations(RandomLife& life) {
             << port;
 }
 
+/// What is published of a port is what its interface's record says.
+void checkLinks(RandomLife& life) {
+    life.bridge.status->intfStatus().each([&](IntfId intf, const Msrp::IntfStatus& port) {
+        const std::shared_ptr<const Interface::EthPhyIntfStatus> record = life.bridge.phy->intfStatus(intf);
+        const bool up = record && record->linkStatus() == Interface::LinkStatus::linkUp;
+        EXPECT_EQ(port.linkStatus() == Interface::LinkStatus::linkUp, up) << intf.name();
+        const auto speed = record ? record->speedEnum() : port.speedEnum();
+        EXPECT_EQ(port.speedEnum(), speed) << intf.name();
+    });
+    ASSERT_FALSE(testing::Test::HasFailure());
+}
+
 void checkAll(RandomLife& life) {
     ASSERT_EQ(forwardingFault(life.bridge), "");
     ASSERT_NO_FATAL_FAILURE(checkDeclarations(life));
+    ASSERT_NO_FATAL_FAILURE(checkLinks(life));
 }
 
 /// Holds when nothing is on its way.
@@ -55,6 +68,14 @@ void checkPeers(RandomLife& life) {
     for (std::size_t i = 0; i < life.ports.size(); ++i)
         ASSERT_EQ(difference(heard(*life.peers[i]), believed(life.bridge, IntfId{life.ports[i]})), "")
             << life.ports[i];
+}
+
+/// No peer holds what is no longer declared, also without a LeaveAll that would mend it.
+void checkNothingStays(RandomLife& life) {
+    for (std::size_t i = 0; i < life.ports.size(); ++i) {
+        const auto wrong = difference(heard(*life.peers[i]), believed(life.bridge, IntfId{life.ports[i]}));
+        ASSERT_FALSE(wrong.starts_with("too much")) << life.ports[i] << ' ' << wrong;
+    }
 }
 
 /// The talker's latest declaration was taken, and nothing is wrong with it at its own port.
@@ -134,11 +155,21 @@ void expectNothingLeft(RandomLife& life) {
 
 void live(RandomLife& life) {
     for (int i = 0; i < steps + calmSteps; ++i) {
-        if (i == steps) life.restore();
+        if (i == steps) {
+            life.restore();
+            life.quiet();
+            life.bridge.mrpConfig->leaveAllTimeIs(600'000);
+        }
         life.step(i >= steps);
         SCOPED_TRACE("step " + std::to_string(i) + ": " + life.last());
         ASSERT_NO_FATAL_FAILURE(checkAll(life));
     }
+    for (const bool up : {false, true}) {
+        life.cableIs(0, up);
+        life.loop.runFor(std::chrono::seconds{2});
+        ASSERT_NO_FATAL_FAILURE(checkNothingStays(life));
+    }
+    life.bridge.mrpConfig->leaveAllTimeIs(3000);
     life.quiet();
     ASSERT_NO_FATAL_FAILURE(checkAll(life));
     ASSERT_NO_FATAL_FAILURE(checkPeers(life));
