@@ -125,6 +125,9 @@ std::optional<LinkMessage> decodeLink(const nlmsghdr& message) {
             case IFLA_ADDRESS:
                 device.mac = ethAddr(attribute);
                 break;
+            case IFLA_MTU:
+                device.mtu = number<std::uint32_t>(attribute);
+                break;
             case IFLA_NUM_TX_QUEUES:
                 device.txQueues = number<std::uint32_t>(attribute);
                 break;

@@ -39,10 +39,19 @@ enum class BridgePortState : std::uint8_t {
     blocking = 4
 };
 
+/// What a socket has to know of the device behind a port.
+struct Place {
+    unsigned ifindex = 0;  ///< 0: it does not exist
+    EthAddr mac;
+    std::uint32_t mtu = 1500;  ///< octets that a frame may carry
+    bool operator==(const Place&) const = default;
+};
+
 struct Device {
     unsigned ifindex = 0;
     std::string name;
     EthAddr mac;
+    std::uint32_t mtu = 1500;
     bool up = false;           ///< switched on
     bool operational = false;  ///< up, with a carrier, and its driver agrees
     unsigned txQueues = 1;

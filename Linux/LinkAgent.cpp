@@ -38,7 +38,7 @@ void LinkAgent::publish(IntfId intf) {
     const auto record = status_->intfStatusIs(intf);
     // Down is told first and up last: a record whose link is up is right in everything else.
     if (!device.operational) record->linkStatusIs(LinkStatus::linkDown);
-    if (placed_) placed_(intf, device.ifindex, device.mac);
+    if (placed_) placed_(intf, {device.ifindex, device.mac, device.mtu});
     if (names_) names_->intfIs(intf, true);
     record->macAddrIs(device.mac);
     record->speedEnumIs(speed(intf, device));
@@ -50,7 +50,7 @@ void LinkAgent::publishAbsent(IntfId intf) {
     record->linkStatusIs(LinkStatus::linkDown);
     record->speedEnumIs(speed(intf, {}));
     if (names_) names_->intfDel(intf);
-    if (placed_) placed_(intf, 0, EthAddr{});
+    if (placed_) placed_(intf, {});
 }
 
 Speed LinkAgent::speed(IntfId intf, const Device& device) const {

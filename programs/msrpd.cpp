@@ -279,8 +279,8 @@ private:
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =
         record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
     Linux::DeviceTable devices_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
-    Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
-                                ports_.interfaceIs(intf, ifindex, mac);
+    Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, const Linux::Place& place) {
+                                ports_.interfaceIs(intf, place);
                             }};
     std::optional<Linux::Dataplane> dataplane_;
 };

@@ -32,8 +32,8 @@ protected:
     std::shared_ptr<Interface::EthIntfStatusDir> names = std::make_shared<Interface::EthIntfStatusDir>();
     unsigned place = 0;
     Linux::DeviceTable devices{loop};
-    Linux::LinkAgent agent{devices, status, names, [this](IntfId intf, unsigned ifindex, EthAddr) {
-                               if (intf == a) place = ifindex;
+    Linux::LinkAgent agent{devices, status, names, [this](IntfId intf, const Linux::Place& now) {
+                               if (intf == a) place = now.ifindex;
                            }};
 };
 
