@@ -131,6 +131,9 @@ std::optional<LinkMessage> decodeLink(const nlmsghdr& message) {
             case IFLA_NUM_TX_QUEUES:
                 device.txQueues = number<std::uint32_t>(attribute);
                 break;
+            case IFLA_PHYS_SWITCH_ID:
+                device.inSwitchChip = !payload(attribute).empty();
+                break;
             case IFLA_MASTER:
                 master = number<std::uint32_t>(attribute);
                 break;

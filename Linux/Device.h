@@ -55,7 +55,8 @@ struct Device {
     bool up = false;           ///< switched on
     bool operational = false;  ///< up, with a carrier, and its driver agrees
     unsigned txQueues = 1;
-    unsigned bridge = 0;  ///< index of the bridge that it is a port of; 0: none
+    bool inSwitchChip = false;  ///< a chip forwards between it and others: it has a switch identifier
+    unsigned bridge = 0;        ///< index of the bridge that it is a port of; 0: none
     BridgePortState portState = BridgePortState::disabled;
     std::optional<BridgeSettings> bridgeSettings;  ///< of a bridge
     LinkMode mode;                                 ///< while it is operational

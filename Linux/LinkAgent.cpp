@@ -2,6 +2,7 @@
 
 #include "Linux/LinkSpeed.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Linux {
@@ -15,6 +16,9 @@ LinkAgent::LinkAgent(DeviceTable& devices, std::shared_ptr<Interface::AllEthPhyI
     devices.watch([this](const Device* before, const Device* now) {
         if (before != nullptr && (now == nullptr || now->name != before->name)) publish(before->name);
         if (now != nullptr) publish(now->name);
+    });
+    devices.modesOf([this](const Device& device) {
+        return std::ranges::any_of(followed_, [&](const auto& f) { return f.first.name() == device.name; });
     });
 }
 
@@ -61,6 +65,7 @@ Speed LinkAgent::speed(IntfId intf, const Device& device) const {
 
 void LinkAgent::followIs(IntfId intf) {
     followed_.try_emplace(intf, 0);
+    if (const Device* device = devices_.find(intf.name())) devices_.learnMode(device->ifindex);
     publish(intf);
 }
 

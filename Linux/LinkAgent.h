@@ -39,7 +39,7 @@ private:
     void publishAbsent(IntfId intf);
     [[nodiscard]] Interface::Speed speed(IntfId intf, const Device& device) const;
 
-    const DeviceTable& devices_;
+    DeviceTable& devices_;
     const std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_;
     const std::shared_ptr<Interface::EthIntfStatusDir> names_;
     const Placed placed_;

@@ -94,6 +94,12 @@ TEST_F(LinkAgentTest, TheConfiguredSpeedWins) {
     EXPECT_EQ(until(a, "p1 up 100M 02:00:00:00:00:0a"), "p1 up 100M 02:00:00:00:00:0a");
     agent.configuredSpeedIs(a, Speed::speedUnknown);
     EXPECT_EQ(record(a), "p1 up 10G 02:00:00:00:00:0a");
+    // A record that goes and comes back is as if it had never been.
+    agent.followDel(a);
+    agent.configuredSpeedIs(a, Speed::speed1Gbps);
+    EXPECT_EQ(record(a), "none");
+    agent.followIs(a);
+    EXPECT_EQ(record(a), "p1 up 1G 02:00:00:00:00:0a");
 }
 
 TEST_F(LinkAgentTest, LostNotificationsAreMadeGoodByReadingAnew) {
