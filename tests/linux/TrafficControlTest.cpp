@@ -145,6 +145,13 @@ TEST(PortQueues, KnowTheirOwnFiltersAndThatAFlushTakesThem) {
     for (const auto& message : queues().notifications("6.18 filters flushed"))
         have.take(golden::header(message));
     EXPECT_TRUE(have.filters.empty());
+    // Of a queue that was replaced, the end is told after the beginning of the new one.
+    auto before = credits(1, {});
+    before.handle = queueId(0x999);
+    for (const auto& request : {newQdisc(before, Linux::requestAdd),
+                                newQdisc(credits(1, {}), Linux::requestAdd), deleteQdisc(before)})
+        have.take(*reinterpret_cast<const nlmsghdr*>(request.bytes().data()));
+    EXPECT_EQ(have.children, std::vector{credits(1, {})});
 }
 
 TEST(PortQueues, SurviveMessagesThatAreCutAnywhere) {
