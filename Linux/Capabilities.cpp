@@ -1,7 +1,6 @@
 #include "Linux/Capabilities.h"
 
 #include "Linux/EthtoolFamily.h"
-#include "Linux/FileDescriptor.h"
 #include "Linux/Netlink.h"
 #include "Linux/NewerKernel.h"
 #include "Linux/TrafficControl.h"
@@ -10,6 +9,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_bridge.h>
@@ -157,6 +157,23 @@ private:
 
 static_assert(std::is_trivially_copyable_v<Abilities>);
 
+/// A child that writes what it finds into the other end of `answer`; its number, or -1.  `flags` as for a
+/// pipe.
+pid_t startProbe(FileDescriptor& answer, int flags) {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC | flags) != 0) return -1;
+    answer = FileDescriptor{ends[0]};
+    const FileDescriptor in{ends[1]};
+    const pid_t child = fork();
+    if (child == 0) {
+        Abilities found;
+        if (unshare(CLONE_NEWNET) == 0) found = Probe{}.abilities();
+        const ssize_t written = write(in.get(), &found, sizeof found);
+        _exit(written == sizeof found ? 0 : 1);
+    }
+    return child;
+}
+
 struct Limitation {
     Ability Abilities::*ability;
     std::string_view line;
@@ -178,21 +195,42 @@ constexpr auto allLimitations = std::to_array<Limitation>({
 
 Abilities probeAbilities() {
     Abilities found;
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) return found;
-    const FileDescriptor out{ends[0]};
-    FileDescriptor in{ends[1]};
-    const pid_t child = fork();
-    if (child == 0) {
-        if (unshare(CLONE_NEWNET) == 0) found = Probe{}.abilities();
-        const ssize_t written = write(in.get(), &found, sizeof found);
-        _exit(written == sizeof found ? 0 : 1);
-    }
-    in = FileDescriptor{};  // so that reading ends with the child
+    FileDescriptor answer;
+    const pid_t child = startProbe(answer, 0);
     Abilities told;
-    if (child > 0 && read(out.get(), &told, sizeof told) == sizeof told) found = told;
+    if (child > 0 && read(answer.get(), &told, sizeof told) == sizeof told) found = told;
     if (child > 0) waitpid(child, nullptr, 0);
     return found;
+}
+
+AbilityProbe::AbilityProbe(Runtime::FdLoop& loop, std::function<void(const Abilities&)> found)
+    : loop_{loop}, found_{std::move(found)} {}
+
+AbilityProbe::~AbilityProbe() {
+    if (child_ == 0) return;
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+}
+
+void AbilityProbe::start() {
+    if (child_ != 0) return;
+    const pid_t child = startProbe(answer_, O_NONBLOCK);
+    if (child <= 0) return;
+    child_ = child;
+    abilities_ = {};
+    watch_ = loop_.watch(answer_.get(), Runtime::FdLoop::Ready::readable, [this] { hear(); });
+}
+
+void AbilityProbe::hear() {
+    Abilities told;
+    const ssize_t size = read(answer_.get(), &told, sizeof told);
+    if (size == sizeof told) abilities_ = told;
+    if (size != 0) return;
+    // The child has closed its end, and with that it is gone but for its exit code.
+    watch_ = {};
+    answer_ = FileDescriptor{};
+    waitpid(std::exchange(child_, 0), nullptr, 0);
+    found_(abilities_);
 }
 
 std::vector<std::string> limitations(const Abilities& abilities) {

@@ -1,14 +1,34 @@
 #include "Linux/Dataplane.h"
 
-#include "Linux/Capabilities.h"
+#include "Linux/ShaperChoice.h"
+#include "Runtime/Text.h"
+
+#include <algorithm>
+#include <chrono>
 
 namespace Linux {
+
+namespace {
+
+/// While something is missing that is wanted, the kernel is looked at again, less and less often: a probe is
+/// a process of its own.
+constexpr std::chrono::minutes firstProbe{1};
+constexpr std::chrono::hours lastProbe{1};
+
+}  // namespace
 
 Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records,
                      const std::string& journal, const Complaint& complaint)
     : loop_{loop},
       complaint_{complaint},
+      config_{records.config},
       capabilities_{records.capabilities},
+      probe_{loop, [this](const Abilities& abilities) { probed(abilities); }},
+      modules_{loop,
+               [this] {
+                   if (lacking()) probe();
+               }},
+      probeAgain_{loop, [this] { probe(); }},
       bridge_{loop,        devices,  requests_, records.config, records.bridging, records.topology,
               records.stp, complaint},
       groups_{loop,
@@ -20,19 +40,21 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
               [this] { wake(); },
               complaint,
               journal},
-      queues_{
-          loop,
-          devices,
-          requests_,
-          {records.config, records.queues, records.queueMap, records.hardwareQueueMap, records.capabilities},
-          [this] { wake(); },
-          complaint} {}
+      queues_{loop,
+              devices,
+              requests_,
+              {records.config, records.queues, records.queueMap, records.hardwareQueueMap,
+               records.capabilities, records.refusals},
+              [this] { wake(); },
+              complaint} {}
 
 std::string Dataplane::start() {
     std::string problem = requests_.open();
     if (!problem.empty()) return problem;
     capabilities_->abilitiesAre(probeAbilities());
     for (const std::string& line : limitations(capabilities_->abilities())) complaint_(line);
+    patience_ = firstProbe;
+    if (lacking()) probeAgain_.armIn(patience_);
     problem = bridge_.start();
     if (problem.empty()) problem = groups_.start();
     if (problem.empty()) problem = queues_.start();
@@ -40,15 +62,39 @@ std::string Dataplane::start() {
 }
 
 void Dataplane::stop() {
+    probeAgain_.cancel();
     groups_.withdraw();
     queues_.stop();
 }
 
 std::vector<std::string> Dataplane::audit(bool repair) {
+    if (repair) probe();
     std::vector<std::string> differences = groups_.audit(repair);
     const std::vector<std::string> more = queues_.audit(repair);
     differences.insert(differences.end(), more.begin(), more.end());
     return differences;
+}
+
+bool Dataplane::lacking() const { return lacksAbility(config_->shaping(), capabilities_->abilities()); }
+
+void Dataplane::probe() { probe_.start(); }
+
+void Dataplane::probed(const Abilities& abilities) {
+    const Abilities before = capabilities_->abilities();
+    // A probe that came to nothing says nothing.
+    if (abilities != Abilities{} && abilities != before) {
+        capabilities_->abilitiesAre(abilities);
+        for (const auto& [name, ability] : CapabilityStatus::abilityFields) {
+            if (abilities.*ability != before.*ability)
+                complaint_(Runtime::concat("this kernel: ", name, " is ", State::enumText(abilities.*ability),
+                                           " now"));
+        }
+        patience_ = firstProbe;
+        queues_.abilitiesChanged();
+    }
+    if (!lacking()) return;
+    probeAgain_.armIn(patience_);
+    patience_ = std::min<Runtime::Duration>(patience_ * 2, lastProbe);
 }
 
 void Dataplane::wake() {

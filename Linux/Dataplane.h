@@ -6,7 +6,9 @@
 #pragma once
 
 #include "Linux/BridgeAgent.h"
+#include "Linux/Capabilities.h"
 #include "Linux/GroupAgent.h"
+#include "Linux/ModuleNews.h"
 #include "Linux/Netlink.h"
 #include "Linux/ShaperAgent.h"
 
@@ -31,6 +33,7 @@ public:
         std::shared_ptr<const Qos::HwStatus> hardwareQueueMap;
         // How that goes.
         std::shared_ptr<GroupStatus> groupStatus;
+        std::shared_ptr<Switch::Refusals> refusals;
         std::shared_ptr<CapabilityStatus> capabilities;
     };
 
@@ -50,11 +53,21 @@ public:
 private:
     void wake();
     void carryOut();
+    /// Looks what the machine can do now.
+    void probe();
+    void probed(const Abilities& abilities);
+    /// Whether it would help if it could do more.
+    [[nodiscard]] bool lacking() const;
 
     Runtime::FdLoop& loop_;
     NetlinkRequests requests_;
     const Complaint complaint_;
+    const std::shared_ptr<const Config> config_;
     const std::shared_ptr<CapabilityStatus> capabilities_;
+    AbilityProbe probe_;
+    ModuleNews modules_;
+    Runtime::Timer probeAgain_;
+    Runtime::Duration patience_{};
     bool woken_ = false;
     BridgeAgent bridge_;
     GroupAgent groups_;

@@ -125,8 +125,14 @@ std::optional<LinkMessage> decodeLink(const nlmsghdr& message) {
             case IFLA_ADDRESS:
                 device.mac = ethAddr(attribute);
                 break;
+            case IFLA_MTU:
+                device.mtu = number<std::uint32_t>(attribute);
+                break;
             case IFLA_NUM_TX_QUEUES:
                 device.txQueues = number<std::uint32_t>(attribute);
+                break;
+            case IFLA_PHYS_SWITCH_ID:
+                device.inSwitchChip = !payload(attribute).empty();
                 break;
             case IFLA_MASTER:
                 master = number<std::uint32_t>(attribute);

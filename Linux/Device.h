@@ -39,14 +39,24 @@ enum class BridgePortState : std::uint8_t {
     blocking = 4
 };
 
+/// What a socket has to know of the device behind a port.
+struct Place {
+    unsigned ifindex = 0;  ///< 0: it does not exist
+    EthAddr mac;
+    std::uint32_t mtu = 1500;  ///< octets that a frame may carry
+    bool operator==(const Place&) const = default;
+};
+
 struct Device {
     unsigned ifindex = 0;
     std::string name;
     EthAddr mac;
+    std::uint32_t mtu = 1500;
     bool up = false;           ///< switched on
     bool operational = false;  ///< up, with a carrier, and its driver agrees
     unsigned txQueues = 1;
-    unsigned bridge = 0;  ///< index of the bridge that it is a port of; 0: none
+    bool inSwitchChip = false;  ///< a chip forwards between it and others: it has a switch identifier
+    unsigned bridge = 0;        ///< index of the bridge that it is a port of; 0: none
     BridgePortState portState = BridgePortState::disabled;
     std::optional<BridgeSettings> bridgeSettings;  ///< of a bridge
     LinkMode mode;                                 ///< while it is operational

@@ -34,7 +34,8 @@ DeviceTable::DeviceTable(Runtime::FdLoop& loop, Complaint complaint)
       speedNotices_{loop, [this](const nlmsghdr& message) { speedNotice(message); }, [this] { readAll(); }},
       again_{loop, [this] {
                  readingAgain_ = true;
-                 readAll();
+                 if (unread_) readAll();
+                 for (const unsigned ifindex : std::exchange(modeUnknown_, {})) learnMode(ifindex);
                  readingAgain_ = false;
              }} {}
 
@@ -68,6 +69,7 @@ void DeviceTable::readAll() {
             if (const auto link = decodeLink(message); link && !link->portOnly)
                 seen.insert_or_assign(link->device.ifindex, *link);
         });
+    unread_ = !answer;
     if (!answer) {
         if (complaint_) complaint_(Runtime::concat("cannot read the interfaces: ", answer.problem()));
         again_.armIn(secondLook);
@@ -89,7 +91,7 @@ void DeviceTable::notice(const nlmsghdr& message) {
 void DeviceTable::speedNotice(const nlmsghdr& message) {
     if (const Device* held = find(EthtoolFamily::changedDevice(message)); held != nullptr) {
         Device now = *held;
-        now.mode = now.operational ? linkMode(now.name) : LinkMode{};
+        if (std::ranges::any_of(modesOf_, [&](const auto& wanted) { return wanted(now); })) askMode(now);
         put(now.ifindex, &now);
     }
 }
@@ -103,12 +105,26 @@ void DeviceTable::take(const LinkMessage& message) {
         now = *held;
         now.bridge = message.device.bridge;
         now.portState = message.device.portState;
-    } else if (now.operational) {
-        now.mode = linkMode(now.name);
-        if (now.mode.megabitsPerSecond == 0 && !readingAgain_) again_.armIn(secondLook);
+    } else if (std::ranges::any_of(modesOf_, [&](const auto& wanted) { return wanted(now); })) {
+        askMode(now);
     }
     if (now.bridge == 0) now.portState = BridgePortState::disabled;
     put(now.ifindex, &now);
+}
+
+void DeviceTable::askMode(Device& device) {
+    device.mode = device.operational ? linkMode(device.name) : LinkMode{};
+    if (!device.operational || device.mode.megabitsPerSecond != 0 || readingAgain_) return;
+    modeUnknown_.insert(device.ifindex);
+    again_.armIn(secondLook);
+}
+
+void DeviceTable::learnMode(unsigned ifindex) {
+    const Device* held = find(ifindex);
+    if (held == nullptr) return;
+    Device now = *held;
+    askMode(now);
+    put(ifindex, &now);
 }
 
 void DeviceTable::put(unsigned ifindex, const Device* now) {

@@ -12,6 +12,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -40,6 +41,12 @@ public:
     /// outlive the table's use.  A watcher may look into the table: it has changed already.
     void watch(Watcher watcher) { watchers_.push_back(std::move(watcher)); }
 
+    /// Of which devices the link mode is known.  It has to be asked for, one device after the other, and most
+    /// are none of ours.  Must outlive the table's use.
+    void modesOf(std::function<bool(const Device& device)> wanted) { modesOf_.push_back(std::move(wanted)); }
+    /// Asks for the mode of one that has come to be wanted.
+    void learnMode(unsigned ifindex);
+
     /// Null where there is none.
     [[nodiscard]] const Device* find(unsigned ifindex) const;
     [[nodiscard]] const Device* find(std::string_view name) const;
@@ -51,6 +58,7 @@ private:
     void speedNotice(const nlmsghdr& message);
     std::string followSpeeds();
     void take(const LinkMessage& message);
+    void askMode(Device& device);
     /// Enters what is known of a device now; null: it is gone.
     void put(unsigned ifindex, const Device* now);
 
@@ -60,6 +68,9 @@ private:
     NetlinkNotices speedNotices_;
     std::map<unsigned, Device> devices_;
     std::list<Watcher> watchers_;
+    std::list<std::function<bool(const Device&)>> modesOf_;
+    std::set<unsigned> modeUnknown_;  ///< and is asked for once more
+    bool unread_ = false;
     /// Some drivers know the speed only a moment after the carrier, and do not tell when they do.  Also the
     /// second chance of a table that could not be read.
     Runtime::Timer again_;

@@ -17,7 +17,10 @@ namespace {
 /// Frames of the reservation protocol go to 01:80:c2:00:00:0e.
 constexpr unsigned protocolGroup = 1U << 14;
 constexpr std::uint32_t slowestAvb = 100;  ///< Mbit/s
-constexpr unsigned plentyOfQueues = 16;
+constexpr std::uint32_t fullFrame = 1500;  ///< octets
+/// A LeaveAll of every type of attribute cannot be divided.
+constexpr std::uint32_t smallestPdu = 106;
+constexpr PortTraits plentyOfQueues{16};
 /// Of the multicast table: below the first nothing is entered any more, since a table that overflows makes
 /// the kernel give up filtering; the second is room for the day.
 constexpr std::size_t placesKept = 16;
@@ -54,9 +57,9 @@ public:
     }
 
 private:
-    /// How a port with so many transmit queues is shaped at best.
-    [[nodiscard]] ShaperChoice shaping(unsigned txQueues) const {
-        return chooseShaper(Shaping::automatic, facts_.abilities, txQueues, {});
+    /// How such a port is shaped at best.
+    [[nodiscard]] ShaperChoice shaping(const PortTraits& port) const {
+        return chooseShaper(Shaping::automatic, facts_.abilities, port, {});
     }
     void find(const std::string& device, std::string_view check, Severity severity, std::string what,
               std::string command = {}) {
@@ -134,6 +137,14 @@ private:
             find(device.name, "duplex", Severity::fault, "it runs at half duplex: it carries no stream",
                  faster);
         }
+        if (device.mtu < fullFrame) {
+            const bool tooSmall = device.mtu < smallestPdu;
+            find(device.name, "mtu", tooSmall ? Severity::fault : Severity::warning,
+                 concat("its MTU of ", device.mtu, " octets ",
+                        tooSmall ? "has no room for the reservation protocol"
+                                 : "loses the streams' longer frames"),
+                 concat("ip link set dev ", name, " mtu ", fullFrame));
+        }
         if (port.flowControl) {
             find(device.name, "flowControl", Severity::warning,
                  "flow control is on: the peer can stop streams, and streams the peer",
@@ -162,7 +173,18 @@ private:
                  concat("its queues (", port.queueKind, ") are somebody else's: no class gets its bandwidth"),
                  concat("tc qdisc del dev ", word(port.device.name), " root"));
         }
-        const ShaperChoice choice = shaping(port.device.txQueues);
+        const ShaperChoice choice = shaping({port.device.txQueues, port.device.inSwitchChip});
+        if (port.device.inSwitchChip) {
+            find(port.device.name, "switchChip",
+                 choice.shaper == Shaper::none ? Severity::fault : Severity::note,
+                 choice.shaper == Shaper::none
+                     ? concat("a switch chip forwards its frames, and cannot be told to shape them: ",
+                              choice.why)
+                     : std::string{
+                           "a switch chip forwards its frames: it is shaped if its driver takes that, and "
+                           "else carries no stream"});
+            return;
+        }
         if (choice.shaper == shaping(plentyOfQueues).shaper) return;
         const bool none = choice.shaper == Shaper::none;
         find(port.device.name, "transmitQueues", none ? Severity::fault : Severity::warning,

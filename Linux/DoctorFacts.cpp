@@ -9,7 +9,6 @@
 #include "Runtime/Text.h"
 
 #include <linux/rtnetlink.h>
-#include <map>
 #include <set>
 
 namespace Linux {
@@ -72,24 +71,26 @@ std::string examine(const std::string& bridge, VlanId srVlan, DoctorFacts& facts
     if (found == nullptr) return {};
     facts.device = *found;
     if (!found->bridgeSettings) return {};
-    std::map<unsigned, PortQueues> queues;
     VlanTable vlans;
     std::set<unsigned> ports;
     for (const auto& [ifindex, device] : devices.all()) {
         if (device.bridge == found->ifindex) ports.insert(ifindex);
     }
-    problem = readQueues(kernel, ports, queues);
-    if (problem.empty()) problem = countGroups(kernel, found->ifindex, facts.groups);
+    problem = countGroups(kernel, found->ifindex, facts.groups);
     if (problem.empty() && found->bridgeSettings->vlanFiltering) problem = readVlans(kernel, vlans);
     if (!problem.empty()) return problem;
     for (const unsigned ifindex : ports) {
+        devices.learnMode(ifindex);
         DoctorFacts::Port port;
         port.device = *devices.find(ifindex);
         port.vlans = vlans[ifindex];
         port.flowControl = flowControl(port.device.name);
-        if (const auto& root = queues[ifindex].root) {
-            port.queueKind = root->kind;
-            port.queueHandle = static_cast<std::uint16_t>(root->handle >> 16);
+        PortQueues queues;
+        if (const NetlinkAnswer answer = readQueues(kernel, ifindex, facts.ownQueueHandle, queues); !answer)
+            return concat("cannot read the queues of ", port.device.name, ": ", answer.problem());
+        if (queues.root) {
+            port.queueKind = queues.root->kind;
+            port.queueHandle = static_cast<std::uint16_t>(queues.root->handle >> 16);
         }
         facts.ports.push_back(std::move(port));
     }

@@ -9,12 +9,16 @@ namespace Linux {
 
 namespace {
 
-/// Marks our filters.
-constexpr std::uint16_t preference = 33;
+/// That of priority 0; high enough that nobody else has chosen it.
+constexpr std::uint32_t firstHandle = 0x6D737200;
+constexpr std::uint8_t priorities = 8;
+
+std::uint32_t priorityOf(const Filter& filter) { return filter.handle - firstHandle; }
 
 bool ours(const Filter& filter) {
-    return filter.parent == ingressFilters && filter.preference == preference &&
-           filter.protocol == ETH_P_8021Q;
+    const auto* rule = std::get_if<TagPriorityRule>(&filter.options);
+    return filter.parent == ingressFilters && filter.kind == "flower" && rule != nullptr && rule->marked &&
+           priorityOf(filter) < priorities;
 }
 
 }  // namespace
@@ -22,11 +26,10 @@ bool ours(const Filter& filter) {
 std::vector<QueueStep> planIngressMap(unsigned ifindex, ClassPriorities mapped, const PortQueues& have) {
     std::vector<Filter> wanted;
     const unsigned all = mapped.a | mapped.b;
-    for (std::uint8_t priority = 0; priority < 8; ++priority) {
+    for (std::uint8_t priority = 0; priority < priorities; ++priority) {
         if ((all >> priority & 1) == 0) continue;
-        // A handle of 0 would be the kernel's choice.
-        wanted.push_back({ifindex, priority + 1U, ingressFilters, preference, ETH_P_8021Q, "flower",
-                          TagPriorityRule{priority, priority}});
+        wanted.push_back({ifindex, firstHandle + priority, ingressFilters, ingressPreference, ETH_P_8021Q,
+                          "flower", TagPriorityRule{priority, priority, true}});
     }
 
     std::vector<QueueStep> steps;
@@ -40,16 +43,17 @@ std::vector<QueueStep> planIngressMap(unsigned ifindex, ClassPriorities mapped, 
     }
     for (const Filter& filter : wanted) {
         if (std::ranges::find(have.filters, filter) != have.filters.end()) continue;
-        steps.push_back({Runtime::concat("priority ", filter.handle - 1, " of incoming frames is not mapped"),
-                         newFilter(filter, requestAdd)});
+        steps.push_back(
+            {Runtime::concat("priority ", priorityOf(filter), " of incoming frames is not mapped"),
+             newFilter(filter, requestAdd)});
     }
     return steps;
 }
 
+bool mapsIngress(const PortQueues& have) { return std::ranges::any_of(have.filters, ours); }
+
 std::vector<QueueStep> planIngressRemoval(const PortQueues& have) {
-    const bool inUse = std::ranges::any_of(
-        have.filters, [](const Filter& held) { return TC_H_MAJ(held.parent) == TC_H_MAJ(TC_H_CLSACT); });
-    if (!have.ingress || inUse) return {};
+    if (!have.ingress) return {};
     return {{"there is a place for filters that are gone", deleteQdisc(*have.ingress)}};
 }
 

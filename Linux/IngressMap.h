@@ -12,10 +12,12 @@
 
 namespace Linux {
 
-/// What has to be asked of the kernel so that exactly the priorities of `mapped` are copied.  Filters of
-/// others stay as they are, and so does what holds the filters once it is there.
+/// What has to be asked of the kernel so that exactly the priorities of `mapped` are copied.  Our filters are
+/// those with our mark; all others stay as they are, and so does what holds the filters once it is there.
 std::vector<QueueStep> planIngressMap(unsigned ifindex, ClassPriorities mapped, const PortQueues& have);
-/// That takes away what holds the filters; nothing while somebody has filters in it.
+/// Whether filters of ours are there.
+bool mapsIngress(const PortQueues& have);
+/// That takes away what holds the filters, and all that are in it.
 std::vector<QueueStep> planIngressRemoval(const PortQueues& have);
 
 }  // namespace Linux

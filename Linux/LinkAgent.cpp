@@ -2,6 +2,7 @@
 
 #include "Linux/LinkSpeed.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Linux {
@@ -15,6 +16,9 @@ LinkAgent::LinkAgent(DeviceTable& devices, std::shared_ptr<Interface::AllEthPhyI
     devices.watch([this](const Device* before, const Device* now) {
         if (before != nullptr && (now == nullptr || now->name != before->name)) publish(before->name);
         if (now != nullptr) publish(now->name);
+    });
+    devices.modesOf([this](const Device& device) {
+        return std::ranges::any_of(followed_, [&](const auto& f) { return f.first.name() == device.name; });
     });
 }
 
@@ -38,7 +42,7 @@ void LinkAgent::publish(IntfId intf) {
     const auto record = status_->intfStatusIs(intf);
     // Down is told first and up last: a record whose link is up is right in everything else.
     if (!device.operational) record->linkStatusIs(LinkStatus::linkDown);
-    if (placed_) placed_(intf, device.ifindex, device.mac);
+    if (placed_) placed_(intf, {device.ifindex, device.mac, device.mtu});
     if (names_) names_->intfIs(intf, true);
     record->macAddrIs(device.mac);
     record->speedEnumIs(speed(intf, device));
@@ -50,7 +54,7 @@ void LinkAgent::publishAbsent(IntfId intf) {
     record->linkStatusIs(LinkStatus::linkDown);
     record->speedEnumIs(speed(intf, {}));
     if (names_) names_->intfDel(intf);
-    if (placed_) placed_(intf, 0, EthAddr{});
+    if (placed_) placed_(intf, {});
 }
 
 Speed LinkAgent::speed(IntfId intf, const Device& device) const {
@@ -61,6 +65,7 @@ Speed LinkAgent::speed(IntfId intf, const Device& device) const {
 
 void LinkAgent::followIs(IntfId intf) {
     followed_.try_emplace(intf, 0);
+    if (const Device* device = devices_.find(intf.name())) devices_.learnMode(device->ifindex);
     publish(intf);
 }
 

@@ -16,9 +16,8 @@ namespace Linux {
 
 class LinkAgent {
 public:
-    /// Told at every event of a followed interface: the kernel's index of it (0: it does not exist) and its
-    /// own address.  Told before its record says that the link is up.
-    using Placed = std::function<void(IntfId intf, unsigned ifindex, EthAddr mac)>;
+    /// Told at every event of a followed interface, and before its record says that the link is up.
+    using Placed = std::function<void(IntfId intf, const Place& place)>;
 
     /// `names` holds the followed interfaces that exist; may be null.  Follows `devices` from now on; the
     /// table is used no longer than the agent lives.
@@ -40,7 +39,7 @@ private:
     void publishAbsent(IntfId intf);
     [[nodiscard]] Interface::Speed speed(IntfId intf, const Device& device) const;
 
-    const DeviceTable& devices_;
+    DeviceTable& devices_;
     const std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_;
     const std::shared_ptr<Interface::EthIntfStatusDir> names_;
     const Placed placed_;

@@ -109,6 +109,9 @@ public:
         std::erase(owner_.ports_, this);
     }
 
+    [[nodiscard]] std::size_t capacity() const override {
+        return std::min<std::size_t>(place_.mtu, maxPayload);
+    }
     bool send(std::span<const std::uint8_t> pdu) override;
     /// Opens, closes or moves the socket when the interface is elsewhere now.
     void placeIs(const Place& place);
@@ -130,12 +133,14 @@ private:
     void close();
     void read();
     void showSent(std::span<const iovec> pieces) const;
+    void tooLong(std::size_t octets);
 
     PacketPorts& owner_;
     const IntfId intf_;
     PortCounters& counters_;
     std::shared_ptr<Inbox> inbox_;
     Place place_;
+    bool saidTooLong_ = false;  ///< of the present MTU
     FileDescriptor fd_;
     Runtime::FdLoop::Watch watch_;  ///< after `fd_`: ends before it closes
 };
@@ -171,6 +176,7 @@ bool PacketPorts::Port::send(std::span<const std::uint8_t> pdu) {
     message.msg_iov = pieces.data();
     message.msg_iovlen = pieces.size();
     const bool sent = sendmsg(fd_.get(), &message, MSG_DONTWAIT) >= 0;
+    if (!sent && errno == EMSGSIZE) tooLong(pdu.size());
     ++(sent ? counters_.sent : counters_.sendDropped);
     if (sent && owner_.tap_) showSent(pieces);
     return sent;
@@ -185,8 +191,15 @@ void PacketPorts::Port::showSent(std::span<const iovec> pieces) const {
     owner_.tap_(intf_, Direction::sent, frame);
 }
 
+void PacketPorts::Port::tooLong(std::size_t octets) {
+    if (std::exchange(saidTooLong_, true) || !owner_.complaint_) return;
+    owner_.complaint_(Runtime::concat(intf_, ": an MRPDU of ", octets, " octets is lost, the MTU is ",
+                                      place_.mtu, " and it cannot be divided"));
+}
+
 void PacketPorts::Port::placeIs(const Place& place) {
     const bool moved = place.ifindex != place_.ifindex;
+    if (place.mtu != place_.mtu) saidTooLong_ = false;
     place_ = place;
     // An interface that was deleted and made again may even have its old index; the socket stays with the
     // deleted one.
@@ -291,8 +304,7 @@ std::unique_ptr<Mrp::PacketPort> PacketPorts::open(IntfId intf, Receiver receive
     return port;
 }
 
-void PacketPorts::interfaceIs(IntfId intf, unsigned ifindex, EthAddr mac) {
-    const Place place{ifindex, mac};
+void PacketPorts::interfaceIs(IntfId intf, const Place& place) {
     places_[intf] = place;
     for (Port* port : ports_) {
         if (port->intf() == intf) port->placeIs(place);

@@ -5,6 +5,7 @@
 /// hears of its interface, so that foreign traffic neither wakes the process nor fills the queue.
 #pragma once
 
+#include "Linux/Device.h"
 #include "Mrp/PacketPort.h"
 #include "Runtime/Loop.h"
 #include "Switch/EthAddr.h"
@@ -51,10 +52,10 @@ public:
 
     std::unique_ptr<Mrp::PacketPort> open(IntfId intf, Receiver receiver) override;
 
-    /// Tells where the interface of that name is now: its kernel index (0: nowhere) and its own address.  A
-    /// port follows it there.  To be told at every link event; it costs little when nothing moved, and gives
-    /// a port whose socket could not be opened another chance.
-    void interfaceIs(IntfId intf, unsigned ifindex, EthAddr mac);
+    /// Tells where the interface of that name is now.  A port follows it there.  To be told at every link
+    /// event; it costs little when nothing moved, and gives a port whose socket could not be opened another
+    /// chance.
+    void interfaceIs(IntfId intf, const Place& place);
 
     /// Shows `tap` every frame that a port has sent, and every one that it receives, before its receiver gets
     /// it.  An empty one ends that, and costs nothing.
@@ -65,10 +66,6 @@ public:
 
 private:
     class Port;
-    struct Place {
-        unsigned ifindex = 0;
-        EthAddr mac;
-    };
     struct Batch;
 
     Runtime::FdLoop& loop_;

@@ -1,12 +1,14 @@
 #include "Linux/PortQueues.h"
 
 #include "Linux/NetlinkAttributes.h"
-#include "Runtime/Text.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <array>
 #include <bit>
-#include <linux/pkt_cls.h>
+#include <cerrno>
+#include <functional>
+#include <linux/if_ether.h>
 #include <linux/rtnetlink.h>
 #include <utility>
 
@@ -27,12 +29,23 @@ void replace(std::vector<T>& all, const T& value, bool deleted, Same&& same) {
     }
 }
 
-std::array<std::byte, sizeof(tcmsg)> about(unsigned ifindex, std::uint32_t parent) {
+/// `place` narrows a dump of filters down; 0: all of them.
+std::array<std::byte, sizeof(tcmsg)> about(unsigned ifindex, std::uint32_t parent, std::uint32_t place = 0) {
     tcmsg target{};
     target.tcm_ifindex = static_cast<int>(ifindex);
     target.tcm_parent = parent;
+    target.tcm_info = place;
     return std::bit_cast<std::array<std::byte, sizeof(tcmsg)>>(target);
 }
+
+/// Classes below a root of ours that are looked at for their queues.
+constexpr std::size_t ownClasses = 8;
+
+std::uint32_t placeOf(std::uint16_t preference, std::uint16_t protocol) {
+    return std::uint32_t{preference} << 16 | htons(protocol);
+}
+
+bool ofPackets(const Filter& filter) { return TC_H_MAJ(filter.parent) == TC_H_MAJ(TC_H_CLSACT); }
 
 }  // namespace
 
@@ -71,9 +84,7 @@ void PortQueues::take(const Qdisc& qdisc, bool deleted) {
         if (!deleted) root = qdisc;
     } else if (qdisc.parent == TC_H_CLSACT) {
         ingress = deleted ? std::nullopt : std::optional{qdisc};
-        if (deleted)
-            std::erase_if(filters,
-                          [](const Filter& f) { return TC_H_MAJ(f.parent) == TC_H_MAJ(TC_H_CLSACT); });
+        if (deleted) std::erase_if(filters, ofPackets);
     } else {
         replace(children, qdisc, deleted, [&](const Qdisc& q) {
             return q.parent == qdisc.parent && (!deleted || q.handle == qdisc.handle);
@@ -85,7 +96,7 @@ void PortQueues::rootDel() {
     root.reset();
     children.clear();
     classes.clear();
-    std::erase_if(filters, [](const Filter& f) { return TC_H_MAJ(f.parent) != TC_H_MAJ(TC_H_CLSACT); });
+    std::erase_if(filters, std::not_fn(ofPackets));
 }
 
 void PortQueues::take(const TokenBucketClass& change, bool deleted) {
@@ -94,49 +105,68 @@ void PortQueues::take(const TokenBucketClass& change, bool deleted) {
 }
 
 void PortQueues::take(const Filter& filter, bool deleted) {
-    replace(filters, filter, deleted, [&](const Filter& f) {
-        return f.parent == filter.parent && f.preference == filter.preference &&
-               f.protocol == filter.protocol && f.handle == filter.handle;
-    });
+    const bool here = ofPackets(filter)
+                          ? filter.parent == ingressFilters && filter.preference == ingressPreference &&
+                                filter.protocol == ETH_P_8021Q
+                          : filter.preference == queuePreference;
+    if (!here) return;
+    if (deleted && filter.handle == 0) {
+        std::erase_if(filters, [&](const Filter& f) { return f.parent == filter.parent; });
+        return;
+    }
+    replace(filters, filter, deleted,
+            [&](const Filter& f) { return f.parent == filter.parent && f.handle == filter.handle; });
 }
 
-std::string readQueues(NetlinkChannel& kernel, const std::set<unsigned>& devices,
-                       std::map<unsigned, PortQueues>& queues) {
-    const auto read = [&](std::uint16_t request, unsigned ifindex, std::uint32_t parent, auto&& begin) {
-        const NetlinkAnswer answer =
-            kernel.dump(request, about(ifindex, parent), begin, [&](const nlmsghdr& message) {
-                const auto held = queues.find(queueDevice(message));
-                if (held != queues.end()) held->second.take(message);
-            });
-        return answer ? std::string{}
-                      : Runtime::concat("cannot read the queues of the interfaces: ", answer.problem());
+NetlinkAnswer readQueues(NetlinkChannel& kernel, unsigned ifindex, std::uint16_t major, PortQueues& queues) {
+    PortQueues read;
+    NetlinkAnswer answer;
+    const auto take = [&](const nlmsghdr& message) {
+        if (queueDevice(message) == ifindex) read.take(message);
     };
-    // The kernel tells of all devices, whichever is asked for.
-    std::string problem = read(RTM_GETQDISC, 0, 0, [&] {
-        queues.clear();
-        for (const unsigned device : devices) queues[device];
-    });
-    for (auto& [device, held] : queues) {
-        if (!problem.empty()) return problem;
-        PortQueues& port = held;
-        const PortQueues disciplines = port;
-        const auto begin = [&] { port = disciplines; };
-        const auto again = [&port](std::uint32_t parent) {
-            return [&port, parent] {
-                std::erase_if(port.filters, [parent](const Filter& f) { return f.parent == parent; });
-            };
-        };
-        if (port.root && port.root->kind == "htb") {
-            problem = read(RTM_GETTCLASS, device, 0, begin);
-            const std::uint32_t root = port.root->handle;
-            if (problem.empty()) problem = read(RTM_GETTFILTER, device, root, again(root));
+    // One by one: a dump would tell of all devices, whichever is asked for.
+    const auto get = [&](std::uint32_t parent) {
+        if (!answer) return;
+        NetlinkMessage request{RTM_GETQDISC, requestAck | NLM_F_ECHO};
+        request.raw(about(ifindex, parent));
+        answer = kernel.ask(std::move(request), take);
+        if (answer.error == ENOENT) answer = {};  // nothing is there
+    };
+    const auto dump = [&](std::uint16_t request, std::uint32_t parent, std::uint32_t place) {
+        if (!answer) return;
+        const PortQueues before = read;
+        answer = kernel.dump(
+            request, about(ifindex, parent, place), [&] { read = before; }, take);
+    };
+    get(TC_H_ROOT);
+    get(TC_H_CLSACT);
+    if (read.root && read.root->handle == queueId(major)) {
+        const Qdisc root = *read.root;
+        if (root.kind == "htb") {
+            dump(RTM_GETTCLASS, 0, 0);
+            std::vector<TokenBucketClass> classes = read.classes;
+            classes.resize(
+                std::min(classes.size(), ownClasses));  // more are not ours, and make it another root
+            for (const TokenBucketClass& held : classes) get(held.id);
+            dump(RTM_GETTFILTER, root.handle, placeOf(queuePreference, ETH_P_ALL));
+        } else if (const auto* byPriority = std::get_if<PriorityQueues>(&root.options)) {
+            for (const PriorityQueues::Range& range : byPriority->queues)
+                get(root.handle | (range.offset + 1U));
         }
-        if (port.ingress && problem.empty())
-            problem = read(RTM_GETTFILTER, device, ingressFilters, again(ingressFilters));
-        if (port.ingress && port.ingress->kind == "clsact" && problem.empty())
-            problem = read(RTM_GETTFILTER, device, egressFilters, again(egressFilters));
     }
-    return problem;
+    if (read.ingress) dump(RTM_GETTFILTER, ingressFilters, placeOf(ingressPreference, ETH_P_8021Q));
+    if (answer) queues = std::move(read);
+    return answer;
+}
+
+bool hasFilters(NetlinkChannel& kernel, unsigned ifindex) {
+    bool found = false;
+    for (const std::uint32_t parent : {ingressFilters, egressFilters}) {
+        const NetlinkAnswer answer = kernel.dump(
+            RTM_GETTFILTER, about(ifindex, parent), [] {}, [&](const nlmsghdr&) { found = true; });
+        if (found || !answer) return true;
+    }
+    return false;
 }
 
 }  // namespace Linux

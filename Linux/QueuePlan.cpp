@@ -55,6 +55,7 @@ PriorityQueues priorityQueues(const WantedQueues& wanted) {
         if ((wanted.priorities.b >> priority & 1) != 0) queues.classOf[priority] = trafficClassB;
     }
     queues.queues = {{1, 0}, {1, 1}, {wanted.otherQueues, 2}};
+    queues.hardware = wanted.inSwitchChip;
     return queues;
 }
 
@@ -84,7 +85,7 @@ Filter classFilter(const WantedQueues& wanted) {
     return {wanted.ifindex,
             1,
             queueId(wanted.major),
-            1,
+            queuePreference,
             ETH_P_ALL,
             "bpf",
             classProgram(wanted.priorities, queueId(wanted.major, bucketA), queueId(wanted.major, bucketB))};
@@ -278,7 +279,8 @@ private:
         const Filter wanted = classFilter(wanted_);
         bool found = false;
         for (const Filter& held : have_.filters) {
-            if (held.parent != wanted.parent) continue;
+            // With another handle it is somebody else's, who sorts what we leave to him.
+            if (held.parent != wanted.parent || held.handle != wanted.handle) continue;
             if (held == wanted) {
                 found = true;
             } else {

@@ -28,6 +28,7 @@ struct WantedQueues {
     ClassRates rates;
     ClassPriorities priorities;
     std::uint16_t otherQueues = 1;  ///< transmit queues behind the classes' two
+    bool inSwitchChip = false;      ///< a chip forwards, and sorts frames into queues
     bool operator==(const WantedQueues&) const = default;
 };
 

@@ -1,6 +1,7 @@
 #include "Linux/ShaperAgent.h"
 
 #include "Linux/IngressMap.h"
+#include "Linux/ShaperChoice.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
@@ -16,12 +17,11 @@ namespace {
 
 using Runtime::concat;
 
-constexpr std::chrono::seconds anotherTry{60};
-/// Repairs of a port in that time, after which it is left alone for as long.
-constexpr std::size_t repairsMost = 3;
 /// Tries of a port in one go: each way of shaping, with fewer queues, and once more where something changed
 /// meanwhile.
 constexpr int attemptsMost = 8;
+/// Ports that the timed audit reads in one turn of the loop; each takes some ten requests.
+constexpr int auditedPerTurn = 8;
 constexpr int noticeBytes = 1 << 20;
 constexpr std::uint64_t kilobitsInMegabit = 1000;
 
@@ -31,6 +31,8 @@ bool fits(ClassRates rates, std::uint64_t portRate) {
     return std::uint64_t{rates.a} + rates.b < portRate &&
            portRate <= std::numeric_limits<std::int32_t>::max();
 }
+
+std::uint64_t portRate(const Device& device) { return device.mode.megabitsPerSecond * kilobitsInMegabit; }
 
 /// Errors that say nothing about what the port can do.
 bool passing(int error) {
@@ -56,6 +58,8 @@ std::string shapedBy(Shaper shaper) {
     return "shaping not available";
 }
 
+const std::string nothingReserved = "nothing is reserved";
+
 }  // namespace
 
 ShaperAgent::ShaperAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
@@ -72,14 +76,13 @@ ShaperAgent::ShaperAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkCha
                    settling_ = false;
                    wake_();
                }},
-      again_{loop, [this] {
-                 for (auto& [ifindex, port] : ports_) port.leftAlone = false;
-                 readEverything();
-             }} {
+      again_{loop, [this] { tryAgain(); }},
+      audit_{loop, [this] { auditSome(); }} {
     devices.watch([this](const Device* before, const Device* now) { deviceChanged(before, now); });
+    devices.modesOf([this](const Device& device) { return bridge_ != 0 && device.bridge == bridge_; });
 }
 
-std::string ShaperAgent::start(Runtime::Duration settling) {
+std::string ShaperAgent::start(Runtime::Duration settling, Runtime::Duration audit) {
     // Followed before it is read, so that nothing falls between.
     if (std::string problem = notices_.open({RTNLGRP_TC}, noticeBytes); !problem.empty()) return problem;
     const auto changed = [this](const State::Change&) { wake_(); };
@@ -89,16 +92,33 @@ std::string ShaperAgent::start(Runtime::Duration settling) {
     running_ = true;
     settling_ = true;
     settled_.armIn(settling);
+    auditInterval_ = audit;
+    audit_.armIn(audit);
     wake_();
     return {};
 }
 
 void ShaperAgent::deviceChanged(const Device* before, const Device* now) {
-    if (before != nullptr && (now == nullptr || now->name != before->name || now->bridge != before->bridge)) {
+    const Device& device = now != nullptr ? *now : *before;
+    const bool moved = before == nullptr || now == nullptr || now->name != before->name;
+    const std::string& bridge = records_.config->bridge();
+    const auto bearsName = [&](const Device* d) { return d != nullptr && d->name == bridge; };
+    if (moved && (bearsName(before) || bearsName(now))) membersStale_ = true;
+
+    const auto port = ports_.find(device.ifindex);
+    if (port != ports_.end() && (moved || now->bridge != before->bridge)) {
         // Whatever it becomes, it is another port than it was.
-        depart(before->ifindex);
-        if (now == nullptr) departed_.erase(before->ifindex);
+        depart(device.ifindex);
+    } else if (port != ports_.end()) {
+        const bool same = now->mode == before->mode && now->operational == before->operational &&
+                          now->txQueues == before->txQueues;
+        if (!same && port->second.trials.due()) port->second.trials.beginAnew();
+    } else if (now != nullptr && bridge_ != 0 && now->bridge == bridge_) {
+        membersStale_ = true;
+    } else if (!membersStale_) {
+        return;  // none of our business
     }
+    if (now == nullptr) departed_.erase(device.ifindex);
     if (running_) wake_();
 }
 
@@ -106,12 +126,16 @@ void ShaperAgent::depart(unsigned ifindex) {
     auto port = ports_.extract(ifindex);
     if (!port) return;
     records_.capabilities->shapingDel(IntfId{port.mapped().name});
+    refuse(port.mapped(), {});
     departed_.insert(std::move(port));
+    membersStale_ = true;
 }
 
 void ShaperAgent::notice(const nlmsghdr& message) {
     const auto held = ports_.find(queueDevice(message));
-    if (held == ports_.end()) return;
+    if (held == ports_.end() || held->second.unread) return;
+    const bool aboutClass = message.nlmsg_type == RTM_NEWTCLASS || message.nlmsg_type == RTM_DELTCLASS;
+    if (aboutClass && foreignRoot(held->second.have, records_.config->queueHandle())) return;
     PortQueues after = held->second.have;
     after.take(message);
     if (after == held->second.have) return;
@@ -125,77 +149,104 @@ void ShaperAgent::readEverything() {
     wake_();
 }
 
+void ShaperAgent::auditSome() {
+    auto port = ports_.lower_bound(auditNext_);
+    for (int i = 0; i < auditedPerTurn && port != ports_.end(); ++i, ++port) port->second.unread = true;
+    const bool done = port == ports_.end();
+    auditNext_ = done ? 0 : port->first;
+    audit_.armIn(done ? auditInterval_ : Runtime::Duration{0});
+    wake_();
+}
+
+void ShaperAgent::tryAgain() {
+    for (auto& [ifindex, port] : ports_) {
+        const Device* device = devices_.find(ifindex);
+        const std::uint64_t rate = device != nullptr ? portRate(*device) : 0;
+        if (port.trials.begin(loop_.now(), !fits(port.trials.asked(), rate))) port.unread = true;
+    }
+    wake_();
+}
+
+void ShaperAgent::abilitiesChanged() {
+    for (auto& [ifindex, port] : ports_) {
+        port.trials.beginAnew();
+        port.ingressProblem.clear();
+    }
+    wake_();
+}
+
 void ShaperAgent::refresh() {
     followMembers();
-    const bool unread = std::ranges::any_of(ports_, [](const auto& port) { return port.second.unread; });
-    if (unread) readPorts();
+    for (auto& [ifindex, port] : ports_) {
+        if (port.unread && !port.trials.failing()) read(ifindex, port);
+    }
 }
 
 void ShaperAgent::followMembers() {
+    if (!std::exchange(membersStale_, false)) return;
     const Device* bridge =
         records_.config->bridge().empty() ? nullptr : devices_.find(records_.config->bridge());
-    const auto isMember = [&](const Device& device) {
-        return bridge != nullptr && device.bridge == bridge->ifindex;
-    };
+    bridge_ = bridge != nullptr ? bridge->ifindex : 0;
+    const auto isMember = [this](const Device& device) { return bridge_ != 0 && device.bridge == bridge_; };
     for (auto at = ports_.begin(); at != ports_.end();) {
         const Device* device = devices_.find(at->first);
         const auto next = std::next(at);
         if (device == nullptr || !isMember(*device)) depart(at->first);
         at = next;
     }
+    std::vector<unsigned> joined;
     for (const auto& [ifindex, device] : devices_.all()) {
         if (!isMember(device)) continue;
         const auto [port, fresh] = ports_.try_emplace(ifindex);
         if (!fresh) continue;
+        joined.push_back(ifindex);
         port->second.name = device.name;
         records_.capabilities->shapingIs(IntfId{device.name});
         port->second.otherQueues = static_cast<std::uint16_t>(std::clamp(device.txQueues, 3U, 0xFFFFU) - 2);
-        // One that is back before its queues were given back keeps them, if they are right.
-        if (const auto before = departed_.extract(ifindex))
+        // One that is back before its queues were given back keeps them if they are right; but it may have
+        // come back under another name, and nobody asks again for what the old one had.
+        if (const auto before = departed_.extract(ifindex)) {
             port->second.madeIngress = before.mapped().madeIngress;
+            port->second.adopted = true;
+        }
     }
     for (auto& [ifindex, port] : departed_) giveBack(ifindex, port);
     departed_.clear();
+    membersStale_ = false;
+    for (const unsigned ifindex : joined) devices_.learnMode(ifindex);
 }
 
-void ShaperAgent::readPorts() {
-    std::set<unsigned> wanted;
-    for (const auto& [ifindex, port] : ports_) {
-        if (port.unread) wanted.insert(ifindex);
+void ShaperAgent::read(unsigned ifindex, Port& port) {
+    PortQueues have;
+    const NetlinkAnswer answer = readQueues(kernel_, ifindex, records_.config->queueHandle(), have);
+    if (!answer) return port.trials.failed(loop_.now(), concat("cannot read the queues: ", answer.problem()));
+    port.unread = false;
+    const bool otherRoot = have.root != port.have.root;
+    port.have = std::move(have);
+    if (!std::exchange(port.adopted, true)) {
+        port.leftOver = shapedRates(port.have, records_.config->queueHandle());
+        port.madeIngress = mapsIngress(port.have);
+    } else if (otherRoot && port.trials.due() && !port.trials.leftAlone()) {
+        port.trials.beginAnew();
     }
-    std::map<unsigned, PortQueues> queues;
-    std::string problem = readQueues(kernel_, wanted, queues);
-    if (!problem.empty()) {
-        if (problem != readProblem_) complain(problem);
-        again_.armIn(anotherTry);
-    } else {
-        for (auto& [ifindex, have] : queues) {
-            Port& port = ports_.at(ifindex);
-            port.have = std::move(have);
-            port.unread = false;
-            if (!std::exchange(port.adopted, true))
-                port.leftOver = shapedRates(port.have, records_.config->queueHandle());
-            noticeDrift(port);
-        }
-    }
-    readProblem_ = std::move(problem);
+    noticeDrift(ifindex, port);
 }
 
-void ShaperAgent::noticeDrift(Port& port) {
-    if (!port.applied) return;
-    const auto steps = planQueues(*port.applied, port.have);
-    if (steps.empty() || port.leftAlone) return;
-    const Runtime::Time now = loop_.now();
-    std::erase_if(port.repairs, [&](Runtime::Time then) { return now - then > anotherTry; });
-    port.leftAlone = port.repairs.size() >= repairsMost;
-    if (port.leftAlone) {
-        again_.armIn(anotherTry);
-        complain(concat(port.name, ": ", steps.front().difference,
-                        "; somebody changes the queues again and again, they are left alone for a minute"));
-        return;
+void ShaperAgent::noticeDrift(unsigned ifindex, Port& port) {
+    if (!port.applied || port.trials.leftAlone()) return;
+    auto steps = planQueues(*port.applied, port.have);
+    if (port.ingressProblem.empty())
+        std::ranges::move(planIngressMap(ifindex, port.mapped, port.have), std::back_inserter(steps));
+    // That they are somebody else's now is told where it is put on record.
+    const bool taken = foreignRoot(port.have, port.applied->major) && port.applied->shaper != Shaper::none;
+    if (steps.empty() && !taken) return;
+    const std::string what = taken ? "the queues are somebody else's" : steps.front().difference;
+    if (!port.trials.mayRepair(loop_.now())) {
+        complain(concat(port.name, ": ", what,
+                        "; somebody changes the queues again and again, they are left alone for a while"));
+    } else if (!taken) {
+        complain(concat(port.name, ": ", what, "; somebody else changed the queues"));
     }
-    port.repairs.push_back(now);
-    complain(concat(port.name, ": ", steps.front().difference, "; somebody else changed the queues"));
 }
 
 void ShaperAgent::raise() { carryOut(false); }
@@ -206,84 +257,126 @@ void ShaperAgent::carryOut(bool lowering) {
     if (!running_) return;
     refresh();
     for (auto& [ifindex, port] : ports_) {
-        if (const Device* device = devices_.find(ifindex); device != nullptr && !port.unread)
-            applyQueues(port, *device, lowering);
+        const Device* device = devices_.find(ifindex);
+        if (device == nullptr) continue;
+        if (!port.unread) applyQueues(port, *device, lowering);
+        if (!device->operational) {
+            refuse(port, {});
+        } else if (const std::string problem = port.trials.problem(); !problem.empty()) {
+            refuse(port, problem);
+        }
     }
     const ClassPriorities mapped = mappedPriorities();
     for (auto& [ifindex, port] : ports_) {
-        if (!port.unread) applyIngressMap(port, ifindex, mapped);
+        const Device* device = devices_.find(ifindex);
+        if (device != nullptr && !port.unread) applyIngressMap(port, *device, mapped);
+    }
+    armRetry();
+}
+
+void ShaperAgent::armRetry() {
+    std::optional<Runtime::Time> next;
+    for (const auto& [ifindex, port] : ports_) {
+        if (const auto due = port.trials.due()) next = next ? std::min(*next, *due) : *due;
+    }
+    if (next) {
+        again_.armAt(*next);
+    } else {
+        again_.cancel();
     }
 }
 
-ClassRates ShaperAgent::targetRates(const Port& port, std::uint64_t portRate, bool lowering) const {
+ClassRates ShaperAgent::targetRates(const Port& port, std::uint64_t rate, bool lowering) const {
     const std::shared_ptr<const Qos::Input::IntfConfig> asked =
         records_.wanted->intfConfig(IntfId{port.name});
-    const ClassRates reserved = wantedRates(asked.get(), tables());
+    const ClassRates reserved = larger(wantedRates(asked.get(), tables()), port.trials.asked());
     ClassRates target = reserved;
     if (settling_) target = larger(target, port.leftOver);
     if (!lowering) target = larger(target, shapedRates(port.have, records_.config->queueHandle()));
     // What is reserved is known to fit together, what was and what will be need not.
-    return fits(target, portRate) ? target : reserved;
+    return fits(target, rate) ? target : reserved;
 }
 
-std::optional<WantedQueues> ShaperAgent::decide(const Port& port, const Device& device, bool lowering,
-                                                std::string& why) const {
+std::optional<ShaperAgent::Decision> ShaperAgent::decide(const Port& port, const Device& device,
+                                                         bool lowering) const {
     const Config& config = *records_.config;
-    WantedQueues wanted;
+    Decision decision;
+    WantedQueues& wanted = decision.queues;
     wanted.ifindex = device.ifindex;
     wanted.major = config.queueHandle();
     wanted.otherQueues = port.otherQueues;
+    wanted.inSwitchChip = device.inSwitchChip;
     wanted.priorities = classPriorities(tables());
     const bool foreign = foreignRoot(port.have, wanted.major);
     // Without a link nothing is sent, and its next speed is not known.
     if (!device.operational && !foreign) return std::nullopt;
-    wanted.portRate = device.mode.megabitsPerSecond * kilobitsInMegabit;
+    wanted.portRate = portRate(device);
     wanted.rates = targetRates(port, wanted.portRate, lowering);
-    if (foreign) {
-        why = concat("somebody else has set up the queues (", port.have.root->kind, ')');
+    if (config.shaping() == Shaping::none) {
+        decision.why = "switched off by configuration";
+    } else if (foreign) {
+        decision.why = concat("somebody else has set up the queues (", port.have.root->kind, ')');
     } else if (wanted.portRate == 0) {
-        why = "the link's speed is not known";
+        decision.why = "the link's speed is not known";
     } else if (device.mode.halfDuplex) {
-        why = "the link is half duplex";
+        decision.why = "the link is half duplex";
     } else if (!fits(wanted.rates, wanted.portRate)) {
-        why = concat("the reserved ", wanted.rates.a, " and ", wanted.rates.b, " kbit/s do not fit into ",
-                     wanted.portRate, " kbit/s");
+        decision.why = concat("the reserved ", wanted.rates.a, " and ", wanted.rates.b,
+                              " kbit/s do not fit into ", wanted.portRate, " kbit/s");
+        decision.byTrial = true;
     } else {
         ShaperChoice choice = chooseShaper(config.shaping(), records_.capabilities->abilities(),
-                                           device.txQueues, port.refusals);
+                                           {device.txQueues, device.inSwitchChip}, port.trials.refusals());
         wanted.shaper = choice.shaper;
-        why = std::move(choice.why);
+        decision.why = std::move(choice.why);
+        decision.byTrial = choice.shaper == Shaper::none && port.trials.refusals() != ShaperRefusals{};
     }
-    return wanted;
+    return decision;
 }
 
 void ShaperAgent::applyQueues(Port& port, const Device& device, bool lowering) {
-    for (int attempt = 0; attempt < attemptsMost; ++attempt) {
-        std::string why;
-        const auto wanted = decide(port, device, lowering, why);
-        if (!wanted || (port.leftAlone && port.applied == wanted)) return;
-        const auto steps = planQueues(*wanted, port.have);
-        const NetlinkAnswer answer = carryOut(port, steps);
-        if (answer) {
-            port.applied = wanted;
-            if (port.have.root || wanted->rates != ClassRates{}) publish(port, wanted->shaper, why);
-            return;
-        }
+    std::string problem = "the queues change while they are set up";
+    for (int attempt = 0; attempt < attemptsMost && !port.trials.leftAlone(); ++attempt) {
+        const auto decision = decide(port, device, lowering);
+        if (!decision) return;
+        const Shaper way = decision->queues.shaper;
+        const NetlinkAnswer answer = carryOut(port, planQueues(decision->queues, port.have));
+        if (answer) return applied(port, *decision, device.operational);
         if (!unchanged(device.ifindex, port)) continue;
-        if (passing(answer.error) || wanted->shaper == Shaper::none) {
-            if (answer.error != ENODEV)
-                publish(port, Shaper::none, concat("cannot set up the queues: ", answer.problem()));
-            port.unread = true;
-            again_.armIn(anotherTry);
-            return;
+        if (passing(answer.error) || way == Shaper::none) {
+            problem = concat("cannot set up the queues: ", answer.problem());
+            break;
         }
-        const bool credits = wanted->shaper != Shaper::htb;
+        const bool credits = way != Shaper::htb;
         if (credits && !port.have.root && port.otherQueues > 1) {
             // It may have been made with more transmit queues than it uses.
             port.otherQueues = 1;
         } else {
-            port.refusals.at(static_cast<std::size_t>(wanted->shaper)) = answer.problem();
+            port.trials.wayRefused(way, answer.problem());
         }
+    }
+    if (port.trials.leftAlone()) return;
+    port.trials.failed(loop_.now(), problem);
+    port.unread = true;
+    publish(port, Shaper::none, problem);
+}
+
+void ShaperAgent::applied(Port& port, const Decision& decision, bool operational) {
+    const WantedQueues& queues = decision.queues;
+    const bool accepted = records_.config->shaping() == Shaping::none;
+    port.applied = queues;
+    port.trials.passed();
+    if (queues.shaper == Shaper::none) {
+        if (decision.byTrial) port.trials.gaveUp(loop_.now(), queues.rates);
+        publish(port, Shaper::none, decision.why);
+        return refuse(port, accepted || !operational ? std::string{} : decision.why);
+    }
+    if (port.trials.worked()) wake_();  // nobody has asked for these rates yet
+    refuse(port, {});
+    if (port.have.root || queues.rates != ClassRates{}) {
+        publish(port, queues.shaper, decision.why);
+    } else {
+        publish(port, Shaper::none, nothingReserved);
     }
 }
 
@@ -296,29 +389,39 @@ NetlinkAnswer ShaperAgent::carryOut(Port& port, const std::vector<QueueStep>& st
 }
 
 bool ShaperAgent::unchanged(unsigned ifindex, Port& port) {
-    std::map<unsigned, PortQueues> queues;
-    if (!readQueues(kernel_, {ifindex}, queues).empty()) return true;
-    return std::exchange(port.have, std::move(queues[ifindex])) == port.have;
+    PortQueues have;
+    if (!readQueues(kernel_, ifindex, records_.config->queueHandle(), have)) return true;
+    return std::exchange(port.have, std::move(have)) == port.have;
 }
 
 ClassPriorities ShaperAgent::mappedPriorities() const {
     const bool credits = std::ranges::any_of(ports_, [this](const auto& port) {
         const PortQueues& have = port.second.have;
-        return have.root && have.root->kind == "mqprio" && !foreignRoot(have, records_.config->queueHandle());
+        if (!have.root || foreignRoot(have, records_.config->queueHandle())) return false;
+        const auto* queues = std::get_if<PriorityQueues>(&have.root->options);
+        return queues != nullptr && !queues->hardware;
     });
-    // Token buckets are chosen by the tag itself.
+    // Token buckets are chosen by the tag itself, and so are the queues of a switch chip.
     if (!credits || !records_.config->ingressPriority()) return {0, 0};
     return classPriorities(tables());
 }
 
-void ShaperAgent::applyIngressMap(Port& port, unsigned ifindex, ClassPriorities mapped) {
-    const auto steps = planIngressMap(ifindex, mapped, port.have);
-    if (steps.empty() || !port.ingressProblem.empty()) return;
+void ShaperAgent::applyIngressMap(Port& port, const Device& device, ClassPriorities mapped) {
+    if (!port.ingressProblem.empty() || port.trials.leftAlone()) return;
+    if (device.inSwitchChip) mapped = {0, 0};
+    const auto steps = planIngressMap(device.ifindex, mapped, port.have);
     const Abilities& abilities = records_.capabilities->abilities();
     const bool before = port.have.ingress.has_value();
-    if (abilities.clsact == Ability::absent || abilities.flower == Ability::absent) {
+    if (steps.empty()) {
+        port.mapped = mapped;
+    } else if (abilities.clsact == Ability::absent || abilities.flower == Ability::absent) {
         port.ingressProblem = "the kernel has no flower filters";
-    } else if (const NetlinkAnswer answer = carryOut(port, steps); !answer) {
+    } else if (const NetlinkAnswer answer = carryOut(port, steps); answer) {
+        port.mapped = mapped;
+    } else if (passing(answer.error)) {
+        port.trials.failed(loop_.now(), concat("cannot set up filters: ", answer.problem()));
+        port.unread = true;
+    } else {
         port.ingressProblem = answer.problem();
     }
     if (!before && port.have.ingress) port.madeIngress = true;
@@ -331,28 +434,34 @@ void ShaperAgent::applyIngressMap(Port& port, unsigned ifindex, ClassPriorities 
 std::vector<std::string> ShaperAgent::audit(bool repair) {
     std::vector<std::string> lines;
     if (!running_) return lines;
-    for (auto& [ifindex, port] : ports_) port.unread = true;
-    refresh();
-    if (!readProblem_.empty()) lines.push_back(readProblem_);
-    const ClassPriorities mapped = mappedPriorities();
+    membersStale_ = true;
+    followMembers();
     for (auto& [ifindex, port] : ports_) {
         const Device* device = devices_.find(ifindex);
-        std::string why;
-        const auto wanted =
-            device != nullptr && !port.unread ? decide(port, *device, true, why) : std::nullopt;
-        if (!wanted) continue;
-        if (wanted->shaper == Shaper::none && wanted->rates != ClassRates{})
-            lines.push_back(concat(port.name, ": shaping not available: ", why));
-        std::vector<QueueStep> steps = planQueues(*wanted, port.have);
-        std::ranges::move(planIngressMap(ifindex, mapped, port.have), std::back_inserter(steps));
+        if (device == nullptr) continue;
+        port.unread = true;
+        read(ifindex, port);
+        if (repair) {
+            if (port.trials.due()) port.trials.beginAnew(!fits(port.trials.asked(), portRate(*device)));
+            port.ingressProblem.clear();
+        }
+        if (port.unread) {
+            lines.push_back(concat(port.name, ": ", port.trials.problem()));
+            continue;
+        }
+        const auto decision = decide(port, *device, true);
+        if (!decision) continue;
+        const WantedQueues& wanted = decision->queues;
+        if (wanted.shaper == Shaper::none && records_.config->shaping() != Shaping::none)
+            lines.push_back(concat(port.name, ": shaping not available: ", decision->why));
+        std::vector<QueueStep> steps = planQueues(wanted, port.have);
+        std::ranges::move(planIngressMap(ifindex, mappedPriorities(), port.have), std::back_inserter(steps));
         for (const QueueStep& step : steps) {
             // Some differences take two steps.
             if (std::string line = concat(port.name, ": ", step.difference);
                 lines.empty() || line != lines.back())
                 lines.push_back(std::move(line));
         }
-        port.leftAlone = port.leftAlone && !repair;
-        if (repair) port.ingressProblem.clear();
     }
     if (repair) carryOut(true);
     return lines;
@@ -361,9 +470,11 @@ std::vector<std::string> ShaperAgent::audit(bool repair) {
 void ShaperAgent::stop() {
     if (!std::exchange(running_, false)) return;
     reactors_.clear();
-    settled_.cancel();
-    again_.cancel();
-    for (auto& [ifindex, port] : ports_) giveBack(ifindex, port);
+    for (Runtime::Timer* timer : {&settled_, &again_, &audit_}) timer->cancel();
+    for (auto& [ifindex, port] : ports_) {
+        refuse(port, {});
+        giveBack(ifindex, port);
+    }
     ports_.clear();
 }
 
@@ -376,7 +487,8 @@ void ShaperAgent::giveBack(unsigned ifindex, Port& port) {
     std::vector<QueueStep> steps = planQueues(nothing, port.have);
     std::ranges::move(planIngressMap(ifindex, {0, 0}, port.have), std::back_inserter(steps));
     NetlinkAnswer answer = carryOut(port, steps);
-    if (answer && port.madeIngress) answer = carryOut(port, planIngressRemoval(port.have));
+    if (answer && port.madeIngress && !hasFilters(kernel_, ifindex))
+        answer = carryOut(port, planIngressRemoval(port.have));
     if (!answer && answer.error != ENODEV)
         complain(concat(port.name, ": cannot give the queues back: ", answer.problem()));
 }
@@ -386,7 +498,18 @@ void ShaperAgent::publish(const Port& port, Shaper shaper, const std::string& wh
     if (record->shaper() == shaper && record->why() == why) return;
     record->shaperIs(shaper);
     record->whyIs(why);
-    complain(concat(port.name, ": ", shapedBy(shaper), why.empty() ? "" : " (", why, why.empty() ? "" : ")"));
+    complain(why == nothingReserved ? concat(port.name, ": shaping available")
+                                    : concat(port.name, ": ", shapedBy(shaper), why.empty() ? "" : " (", why,
+                                             why.empty() ? "" : ")"));
+}
+
+void ShaperAgent::refuse(const Port& port, const std::string& why) {
+    const IntfId intf{port.name};
+    if (why.empty()) {
+        records_.refusals->portDel(intf);
+    } else {
+        records_.refusals->portIs(intf, why);
+    }
 }
 
 void ShaperAgent::complain(const std::string& line) const {

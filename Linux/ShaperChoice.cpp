@@ -29,8 +29,10 @@ std::vector<Shaper> waysOf(Shaping allowed) {
     return {};
 }
 
-/// What is against a way of shaping, whatever port it is for.
-std::string objection(Shaper way, const Abilities& abilities, unsigned txQueues) {
+/// What is against a way of shaping, before it is tried.
+std::string objection(Shaper way, const Abilities& abilities, const PortTraits& port) {
+    if (port.inSwitchChip && way != Shaper::hardware)
+        return "a switch chip forwards, past the kernel's queues";
     const auto lacks = [](Ability ability) { return ability == Ability::absent; };
     if (way == Shaper::htb) {
         if (lacks(abilities.htb)) return "the kernel has no htb";
@@ -39,7 +41,7 @@ std::string objection(Shaper way, const Abilities& abilities, unsigned txQueues)
     }
     if (lacks(abilities.mqprio)) return "the kernel has no mqprio";
     if (lacks(abilities.cbs)) return "the kernel has no cbs";
-    if (txQueues < neededQueues) return concat(txQueues, " of 3 transmit queues");
+    if (port.txQueues < neededQueues) return concat(port.txQueues, " of 3 transmit queues");
     return {};
 }
 
@@ -48,14 +50,14 @@ constexpr std::array<std::string_view, 3> wayNames{"credits in hardware", "credi
 
 }  // namespace
 
-ShaperChoice chooseShaper(Shaping allowed, const Abilities& abilities, unsigned txQueues,
+ShaperChoice chooseShaper(Shaping allowed, const Abilities& abilities, const PortTraits& port,
                           const ShaperRefusals& refusals) {
     if (allowed == Shaping::none) return {Shaper::none, "switched off by configuration"};
     std::string why;
     std::string before;
     for (const Shaper way : waysOf(allowed)) {
         const auto index = static_cast<std::size_t>(way);
-        std::string against = objection(way, abilities, txQueues);
+        std::string against = objection(way, abilities, port);
         if (against.empty()) against = refusals.at(index);
         if (against.empty()) return {way, why};
         // What is against credits at all need not be said twice.
@@ -64,6 +66,14 @@ ShaperChoice chooseShaper(Shaping allowed, const Abilities& abilities, unsigned 
         before = std::move(against);
     }
     return {Shaper::none, why};
+}
+
+bool lacksAbility(Shaping allowed, const Abilities& abilities) {
+    const auto missing = [](Ability ability) { return ability != Ability::present; };
+    if (allowed == Shaping::none) return false;
+    if (allowed == Shaping::htb) return missing(abilities.htb) || missing(abilities.bpf);
+    return missing(abilities.mqprio) || missing(abilities.cbs) || missing(abilities.clsact) ||
+           missing(abilities.flower);
 }
 
 }  // namespace Linux

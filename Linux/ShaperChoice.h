@@ -18,8 +18,16 @@ struct ShaperChoice {
     bool operator==(const ShaperChoice&) const = default;
 };
 
-/// `txQueues` is the port's number of transmit queues.
-ShaperChoice chooseShaper(Shaping allowed, const Abilities& abilities, unsigned txQueues,
+/// What counts of a port.
+struct PortTraits {
+    unsigned txQueues = 1;
+    /// A switch chip forwards its frames, which pass by all that the kernel does itself.
+    bool inSwitchChip = false;
+};
+
+ShaperChoice chooseShaper(Shaping allowed, const Abilities& abilities, const PortTraits& port,
                           const ShaperRefusals& refusals);
+/// Whether the kernel lacks something, or may lack it, that a better way of shaping some port would take.
+bool lacksAbility(Shaping allowed, const Abilities& abilities);
 
 }  // namespace Linux

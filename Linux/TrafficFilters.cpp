@@ -2,15 +2,20 @@
 
 #include "Linux/NetlinkAttributes.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
 #include <linux/pkt_cls.h>
 #include <linux/rtnetlink.h>
 #include <linux/tc_act/tc_skbedit.h>
+#include <string_view>
 
 namespace Linux {
 
 namespace {
+
+/// Marks actions as ours; the kernel keeps it for whoever made them.
+constexpr std::string_view mark = "msrpd";
 
 static_assert(sizeof(FilterInstruction) == sizeof(sock_filter));
 
@@ -53,6 +58,7 @@ struct Options {
                         edit.attribute(TCA_SKBEDIT_PARMS, parameters);
                         edit.attribute(TCA_SKBEDIT_PRIORITY, rule.packetPriority);
                     });
+                    if (rule.marked) action.octets(TCA_ACT_COOKIE, std::as_bytes(std::span{mark}));
                 });
             });
             flowerFrame(flower, filter.protocol);
@@ -72,29 +78,36 @@ std::optional<ClassProgram> decodeProgram(const nlattr& options) {
     return program;
 }
 
-/// The priority that the first action writes, if it does.
-std::optional<std::uint32_t> decodeWrittenPriority(const nlattr& actions) {
-    std::optional<std::uint32_t> priority;
+/// Part of a rule is what its action does, part whether it is marked.
+bool decodeActions(const nlattr& actions, TagPriorityRule& rule) {
+    bool writesPriority = false;
     eachAttribute(actions, [&](const nlattr& action) {
         eachAttribute(action, [&](const nlattr& part) {
+            if (mnl_attr_get_type(&part) == TCA_ACT_COOKIE)
+                rule.marked = std::ranges::equal(payload(part), std::as_bytes(std::span{mark}));
             if (mnl_attr_get_type(&part) != TCA_ACT_OPTIONS) return;
             eachAttribute(part, [&](const nlattr& edit) {
-                if (mnl_attr_get_type(&edit) == TCA_SKBEDIT_PRIORITY) priority = number<std::uint32_t>(edit);
+                if (mnl_attr_get_type(&edit) != TCA_SKBEDIT_PRIORITY) return;
+                rule.packetPriority = number<std::uint32_t>(edit);
+                writesPriority = true;
             });
         });
     });
-    return priority;
+    return writesPriority;
 }
 
 std::optional<TagPriorityRule> decodeRule(const nlattr& options) {
-    std::optional<std::uint8_t> tag;
-    std::optional<std::uint32_t> packet;
+    TagPriorityRule rule;
+    bool tag = false;
+    bool priority = false;
     eachAttribute(options, [&](const nlattr& attribute) {
-        if (mnl_attr_get_type(&attribute) == TCA_FLOWER_KEY_VLAN_PRIO) tag = number<std::uint8_t>(attribute);
-        if (mnl_attr_get_type(&attribute) == TCA_FLOWER_ACT) packet = decodeWrittenPriority(attribute);
+        if (mnl_attr_get_type(&attribute) == TCA_FLOWER_KEY_VLAN_PRIO) {
+            rule.tagPriority = number<std::uint8_t>(attribute);
+            tag = true;
+        }
+        if (mnl_attr_get_type(&attribute) == TCA_FLOWER_ACT) priority = decodeActions(attribute, rule);
     });
-    if (!tag || !packet) return std::nullopt;
-    return TagPriorityRule{*tag, *packet};
+    return tag && priority ? std::optional{rule} : std::nullopt;
 }
 
 void decodeOptions(const nlattr& attribute, Filter& filter) {
@@ -124,7 +137,8 @@ std::optional<Filter> decodeFilter(const nlmsghdr& message) {
     if (message.nlmsg_type != RTM_NEWTFILTER && message.nlmsg_type != RTM_DELTFILTER) return std::nullopt;
     if (mnl_nlmsg_get_payload_len(&message) < sizeof(tcmsg)) return std::nullopt;
     const auto* target = static_cast<const tcmsg*>(mnl_nlmsg_get_payload(&message));
-    if (target->tcm_ifindex <= 0 || target->tcm_handle == 0) return std::nullopt;
+    if (target->tcm_ifindex <= 0 || (target->tcm_handle == 0 && message.nlmsg_type == RTM_NEWTFILTER))
+        return std::nullopt;
     Filter filter;
     filter.ifindex = static_cast<unsigned>(target->tcm_ifindex);
     filter.handle = target->tcm_handle;

@@ -32,6 +32,7 @@ struct ClassProgram {
 struct TagPriorityRule {
     std::uint8_t tagPriority = 0;
     std::uint32_t packetPriority = 0;
+    bool marked = false;  ///< its action has the mark that says whose it is
     bool operator==(const TagPriorityRule&) const = default;
 };
 
@@ -51,7 +52,7 @@ NetlinkMessage newFilter(const Filter& filter, std::uint16_t flags);
 NetlinkMessage deleteFilter(const Filter& filter);
 
 /// Nothing for messages about something else and for malformed ones, and for what only says that there may be
-/// filters of that kind.
+/// filters of that kind.  A handle of 0 in the news of a deletion stands for all filters of its preference.
 std::optional<Filter> decodeFilter(const nlmsghdr& message);
 
 }  // namespace Linux

@@ -233,6 +233,11 @@ std::optional<Runtime::Time> MrpSm::backlogSince(IntfId intf) const {
     return at == ports_.end() ? std::nullopt : at->second.inbox.since();
 }
 
+std::size_t MrpSm::capacity(IntfId intf) const {
+    const auto at = ports_.find(intf);
+    return at != ports_.end() && at->second.packetPort ? at->second.packetPort->capacity() : maxPduLength;
+}
+
 void MrpSm::send(IntfId intf, std::span<const std::uint8_t> pdu) {
     const auto at = ports_.find(intf);
     if (at != ports_.end() && at->second.packetPort) at->second.packetPort->send(pdu);

@@ -120,6 +120,7 @@ private:
     [[nodiscard]] std::optional<Runtime::Time> backlogSince(IntfId intf) const override;
     [[nodiscard]] bool mayTransmit(IntfId intf) override;
     void transmitted(std::size_t attributes) override;
+    [[nodiscard]] std::size_t capacity(IntfId intf) const override;
     void send(IntfId intf, std::span<const std::uint8_t> pdu) override;
     void count(IntfId intf, const MrpCounts& more) override;
     void reportFlaw(IntfId intf, const Flaw& flaw) override;

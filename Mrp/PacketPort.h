@@ -3,6 +3,7 @@
 
 #include "Switch/IntfId.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -15,9 +16,11 @@ namespace Mrp {
 class PacketPort {
 public:
     virtual ~PacketPort() = default;
+    /// Octets that an MRPDU may have to fit into a frame at the moment.
+    [[nodiscard]] virtual std::size_t capacity() const { return 1500; }
     /// Sends one MRPDU (what follows the EtherType; the port adds addresses, EtherType and padding).  At most
-    /// 1500 octets.  False when the frame could not be handed to the wire; the protocol repeats itself, so
-    /// nobody retries.
+    /// 1500 octets; one above the present capacity is lost.  False when the frame could not be handed to the
+    /// wire; the protocol repeats itself, so nobody retries.
     virtual bool send(std::span<const std::uint8_t> pdu) = 0;
 };
 

@@ -62,6 +62,8 @@ public:
         [[nodiscard]] virtual bool mayTransmit(IntfId intf) = 0;
         /// That many attributes were looked at for a transmission.
         virtual void transmitted(std::size_t attributes) = 0;
+        /// Octets that a PDU may have there.
+        [[nodiscard]] virtual std::size_t capacity(IntfId intf) const = 0;
         virtual void send(IntfId intf, std::span<const std::uint8_t> pdu) = 0;
         virtual void count(IntfId intf, const MrpCounts& more) = 0;
         virtual void reportFlaw(IntfId intf, const Flaw& flaw) = 0;

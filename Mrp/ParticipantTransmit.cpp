@@ -232,7 +232,8 @@ std::size_t Participant::sendPlan(const std::vector<Utterance>& plan, bool withL
         ++counts_.txPdus;
         return ++pdus < maxPdus;
     };
-    PduWriter writer{env_.application, withLeaveAll};
+    const std::size_t capacity = env_.host.capacity(intf_);
+    PduWriter writer{env_.application, withLeaveAll, capacity};
     for (std::size_t i = 0; i < plan.size(); ++i) {
         const Utterance& utterance = plan[i];
         if (!utterance.event) continue;
@@ -241,7 +242,7 @@ std::size_t Participant::sendPlan(const std::vector<Utterance>& plan, bool withL
             utterance.why == Utterance::Why::purged ? attribute.heard() : attribute.own();
         if (!writer.add(utterance.ref.typeIndex, *utterance.event, value)) {
             if (!send(writer)) return i;
-            writer = PduWriter{env_.application, false};
+            writer = PduWriter{env_.application, false, capacity};
             writer.add(utterance.ref.typeIndex, *utterance.event, value);
         }
         ++counts_.txEvents[static_cast<std::size_t>(*utterance.event)];

@@ -2,6 +2,8 @@
 
 #include "Runtime/Assert.h"
 
+#include <algorithm>
+
 namespace Mrp {
 
 namespace {
@@ -16,9 +18,11 @@ std::span<const std::uint8_t> octetsOf(const AttributeValue& value, const Attrib
 }
 }  // namespace
 
-PduWriter::PduWriter(const ApplicationInfo& application, bool leaveAll)
-    : application_{application}, leaveAll_{leaveAll} {
-    octets_.reserve(maxPduLength);
+PduWriter::PduWriter(const ApplicationInfo& application, bool leaveAll, std::size_t capacity)
+    : application_{application},
+      leaveAll_{leaveAll},
+      capacity_{std::clamp(capacity, leastCapacity(), maxPduLength)} {
+    octets_.reserve(capacity_);
     octets_.push_back(application.protocolVersion);
 }
 
@@ -40,7 +44,7 @@ bool PduWriter::add(std::uint8_t typeIndex, Event event, const AttributeValue& v
         }
     }
     if (leaveAll_) length += leaveAllLength(std::size_t{typeIndex} + 1);
-    if (length > maxPduLength) return false;
+    if (length > capacity_) return false;
 
     if (!sameMessage) {
         advanceTo(typeIndex);
@@ -59,7 +63,7 @@ bool PduWriter::add(std::uint8_t typeIndex, Event event, const AttributeValue& v
 std::span<const std::uint8_t> PduWriter::finish() {
     advanceTo(leaveAll_ ? application_.types.size() : nextType_);
     u16(0);
-    Runtime::require(octets_.size() <= maxPduLength, "MRPDU longer than a frame");
+    Runtime::require(octets_.size() <= capacity_, "MRPDU longer than a frame");
     return octets_;
 }
 
@@ -74,6 +78,13 @@ std::size_t PduWriter::leaveAllLength(std::size_t index) const {
         length += messageHeaderLength + vectorLength(type(index), 0) + endMarkLength;
     }
     return length;
+}
+
+std::size_t PduWriter::leastCapacity() const {
+    std::size_t longest = leaveAllLength(0);
+    for (const AttributeType& t : application_.types)
+        longest = std::max(longest, messageHeaderLength + vectorLength(t, 1) + endMarkLength);
+    return versionLength + longest + endMarkLength;
 }
 
 void PduWriter::u16(std::size_t value) {

@@ -19,7 +19,9 @@ inline constexpr std::size_t maxPduLength = 1500;
 class PduWriter {
 public:
     /// Starts an empty PDU.  With `leaveAll` it carries a LeaveAll of every type; room for that is kept.
-    PduWriter(const ApplicationInfo& application, bool leaveAll);
+    /// `capacity` is what it may have in octets, at most maxPduLength; what cannot be had with less (a
+    /// LeaveAll of every type, a single event) takes what it needs.
+    PduWriter(const ApplicationInfo& application, bool leaveAll, std::size_t capacity = maxPduLength);
 
     /// Adds one event, of the types in ascending order.  False, and nothing changed, when it does not fit; an
     /// event always fits into a PDU that holds none and no LeaveAll.
@@ -40,6 +42,8 @@ private:
     [[nodiscard]] static std::size_t vectorLength(const AttributeType& type, std::size_t values);
     /// Octets of the LeaveAll messages of the types from `index` on.
     [[nodiscard]] std::size_t leaveAllLength(std::size_t index) const;
+    /// Octets of the longest PDU that cannot be divided.
+    [[nodiscard]] std::size_t leastCapacity() const;
     void u16(std::size_t value);
     void openMessage(std::size_t index);
     void closeVector();
@@ -49,6 +53,7 @@ private:
 
     ApplicationInfo application_;
     bool leaveAll_;
+    std::size_t capacity_;
     std::vector<std::uint8_t> octets_;  ///< all but the open vector
     std::size_t openType_ = noType;     ///< type of the open message
     std::size_t messageAt_ = 0;         ///< where the open message starts

@@ -11,9 +11,13 @@ public:
     ~Port() override {
         std::erase_if(ports_.open_, [this](const auto& entry) { return entry.second == receiver_; });
     }
+    [[nodiscard]] std::size_t capacity() const override {
+        const auto at = ports_.capacity_.find(intf_);
+        return at != ports_.capacity_.end() ? at->second : PacketPort::capacity();
+    }
     bool send(std::span<const std::uint8_t> pdu) override {
         const auto farEnd = ports_.farEnd_.find(intf_);
-        if (farEnd == ports_.farEnd_.end()) return false;
+        if (farEnd == ports_.farEnd_.end() || pdu.size() > capacity()) return false;
         ports_.loop_.post(
             [handler = farEnd->second, octets = Pdu(pdu.begin(), pdu.end())] { handler(octets); });
         return true;

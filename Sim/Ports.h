@@ -24,6 +24,8 @@ public:
 
     /// Who gets what the device sends on `intf`.
     void cableIs(IntfId intf, Handler farEnd) { farEnd_[intf] = std::move(farEnd); }
+    /// Octets that a PDU of the device may have there, 1500 unless said otherwise; longer ones are lost.
+    void capacityIs(IntfId intf, std::size_t octets) { capacity_[intf] = octets; }
     /// Hands a PDU to the device; lost when the port is not open by the time it arrives.
     void deliver(IntfId intf, const Pdu& pdu);
 
@@ -33,6 +35,7 @@ private:
     class Port;
     Runtime::Loop& loop_;
     std::map<IntfId, Handler> farEnd_;
+    std::map<IntfId, std::size_t> capacity_;
     /// As with the sockets of a real interface, several may be open at once, and each gets every frame.
     std::multimap<IntfId, std::shared_ptr<Receiver>> open_;
 };

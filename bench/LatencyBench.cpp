@@ -90,8 +90,8 @@ void forwardByPorts() {
     const auto out = ports.open(outIntf, [](std::span<const std::uint8_t>) {});
     const auto in = ports.open(inIntf, [&out](std::span<const std::uint8_t> pdu) { out->send(pdu); });
     for (const IntfId intf : {inIntf, outIntf})
-        ports.interfaceIs(intf, if_nametoindex(intf.name().c_str()),
-                          EthAddr::fromNumber(0x02'00'00'00'00'0B));
+        ports.interfaceIs(intf,
+                          {if_nametoindex(intf.name().c_str()), EthAddr::fromNumber(0x02'00'00'00'00'0B)});
     loop.run();
 }
 
@@ -110,7 +110,7 @@ void runAgent() {
     Linux::DeviceTable devices{loop};
     Linux::LinkAgent links{
         devices, status, database.entityIs<Interface::EthIntfStatusDir>("interface/status/eth/intf"),
-        [&ports](IntfId intf, unsigned ifindex, EthAddr mac) { ports.interfaceIs(intf, ifindex, mac); }};
+        [&ports](IntfId intf, const Linux::Place& place) { ports.interfaceIs(intf, place); }};
     if (!devices.start().empty()) return;
     bridging->bridgeMacIs(EthAddr::fromNumber(0x02'00'00'00'00'01));
     for (const char* cable : {agentIn, agentOut}) {

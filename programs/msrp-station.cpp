@@ -135,8 +135,8 @@ private:
         std::make_shared<Interface::AllEthPhyIntfStatusDir>();
     Linux::PacketPorts ports_{loop_, {}, complain};
     Linux::DeviceTable devices_{loop_, complain};
-    Linux::LinkAgent links_{devices_, status_, nullptr, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
-                                ports_.interfaceIs(intf, ifindex, mac);
+    Linux::LinkAgent links_{devices_, status_, nullptr, [this](IntfId intf, const Linux::Place& place) {
+                                ports_.interfaceIs(intf, place);
                             }};
 };
 

@@ -16,6 +16,7 @@
 #include "Linux/Signals.h"
 #include "Msrp/Database.h"
 #include "Msrp/MsrpAgent.h"
+#include "Switch/Refusals.h"
 #include "Switch/TopologyAgent.h"
 #include "programs/GivenSpeeds.h"
 #include "programs/PortsOfInterest.h"
@@ -176,6 +177,7 @@ private:
                                       .queueMap = record<Qos::Status>("qos/status"),
                                       .hardwareQueueMap = record<Qos::HwStatus>("qos/hardware/status/global"),
                                       .groupStatus = groups_,
+                                      .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
             options_.socket + ".groups", [this](const std::string& line) { tell(LOG_WARNING, line); });
         return dataplane_->start();
@@ -192,6 +194,7 @@ private:
     }
 
     void follow(IntfId intf) {
+        followed_.insert(intf);
         links_.followIs(intf);
         packets_->intfIs(intf)->sourceIs([this, intf] { return ports_.counters(intf); });
         if (!names_->intf().contains(intf))
@@ -199,8 +202,10 @@ private:
     }
 
     void forget(IntfId intf) {
+        followed_.erase(intf);
         // Later in the turn: the agent still has to withdraw what it declared there, over a link that is up.
         loop_.post([this, intf] {
+            if (followed_.contains(intf)) return;  // it was enabled again meanwhile
             links_.followDel(intf);
             packets_->intfDel(intf);
         });
@@ -279,9 +284,10 @@ private:
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =
         record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
     Linux::DeviceTable devices_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
-    Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
-                                ports_.interfaceIs(intf, ifindex, mac);
+    Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, const Linux::Place& place) {
+                                ports_.interfaceIs(intf, place);
                             }};
+    std::set<IntfId> followed_;
     std::optional<Linux::Dataplane> dataplane_;
 };
 

@@ -44,7 +44,13 @@ TEST(Device, IsReadFromTheDumpsOfAllKernels) {
             ASSERT_TRUE(link);
             EXPECT_EQ(link->device.ifindex, 11U);
             EXPECT_EQ(link->device.mac, EthAddr::fromNumber(0x02000000000b));
-            EXPECT_FALSE(link->device.bridgeSettings);
+            EXPECT_EQ(link->device.mtu, 1500U);
+            EXPECT_FALSE(link->device.bridgeSettings || link->device.inSwitchChip);
+            auto chip = message;  // a switch identifier of four octets behind the rest
+            for (const int octet : {8, 0, int{IFLA_PHYS_SWITCH_ID}, 0, 1, 2, 3, 4})
+                chip.push_back(static_cast<std::byte>(octet));
+            reinterpret_cast<nlmsghdr*>(chip.data())->nlmsg_len += 8;
+            EXPECT_TRUE(decodeLink(golden::header(chip))->device.inSwitchChip);
         }
     }
 }

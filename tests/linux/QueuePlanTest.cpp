@@ -1,4 +1,5 @@
 #include "Linux/IngressMap.h"
+#include "Linux/PortTrials.h"
 #include "Linux/QueuePlan.h"
 #include "Linux/ShaperChoice.h"
 #include "tests/linux/Golden.h"
@@ -120,6 +121,11 @@ TEST(QueuePlan, MakesAndChangesTokenBuckets) {
     port.priorities = {1U << 3, 0};
     EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}),
               "frames are sorted otherwise\nframes are not sorted by priority\n");
+    // Who has put a filter beside ours keeps it, as long as ours is there.
+    auto beside = port.have.filters.front();
+    beside.handle = 2;
+    port.have.filters.push_back(beside);
+    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}), "");
     auto strange = port.have.classes.front();
     strange.id = Linux::queueId(0x100, 0x99);
     port.have.classes.push_back(strange);
@@ -145,15 +151,17 @@ TEST(IngressMap, HasOneFilterForEachPriorityAndLeavesThoseOfOthers) {
         "there is no place for filters of incoming frames\npriority 2 of incoming frames is not mapped\n"
         "priority 3 of incoming frames is not mapped\n");
     EXPECT_EQ(port.carriedOut(Linux::planIngressMap(11, {}, port.have)), "");
+    // At our place, under our handle, doing the same, but without our mark.
     auto foreign = port.have.filters.front();
-    foreign.preference = 7;
+    std::get<Linux::TagPriorityRule>(foreign.options).marked = false;
+    foreign.handle += 5;
     port.have.filters.push_back(foreign);
     EXPECT_EQ(port.carriedOut(Linux::planIngressMap(11, {1U << 3, 0}, port.have)),
               "a priority of incoming frames is still mapped\n");
+    EXPECT_TRUE(Linux::mapsIngress(port.have));
     port.carriedOut(Linux::planIngressMap(11, {0, 0}, port.have));
     EXPECT_EQ(port.have.filters, std::vector{foreign});
-    EXPECT_TRUE(Linux::planIngressRemoval(port.have).empty());
-    port.have.filters.clear();
+    EXPECT_FALSE(Linux::mapsIngress(port.have));
     port.carriedOut(Linux::planIngressRemoval(port.have));
     EXPECT_EQ(port.have, PortQueues{});
 }
@@ -167,19 +175,63 @@ TEST(ShaperChoice, IsTheBestThatIsAllowedAndWorks) {
     const Linux::ShaperRefusals offload{"unheard of", "", ""};
     using Choice = Linux::ShaperChoice;
     const auto choose = Linux::chooseShaper;
-    EXPECT_EQ(choose(Shaping::automatic, {}, 4, never), (Choice{Shaper::hardware, ""}));
-    EXPECT_EQ(choose(Shaping::automatic, {}, 4, offload),
+    EXPECT_EQ(choose(Shaping::automatic, {}, {4}, never), (Choice{Shaper::hardware, ""}));
+    EXPECT_EQ(choose(Shaping::automatic, {}, {4}, offload),
               (Choice{Shaper::software, "no credits in hardware: unheard of"}));
-    EXPECT_EQ(choose(Shaping::hardware, {}, 4, offload),
+    EXPECT_EQ(choose(Shaping::hardware, {}, {4}, offload),
               (Choice{Shaper::none, "no credits in hardware: unheard of"}));
-    EXPECT_EQ(choose(Shaping::software, {}, 4, offload), (Choice{Shaper::software, ""}));
-    EXPECT_EQ(choose(Shaping::automatic, {}, 1, never),
+    EXPECT_EQ(choose(Shaping::software, {}, {4}, offload), (Choice{Shaper::software, ""}));
+    EXPECT_EQ(choose(Shaping::automatic, {}, {1}, never),
               (Choice{Shaper::htb, "no credits in hardware: 1 of 3 transmit queues"}));
-    EXPECT_EQ(choose(Shaping::automatic, nothing, 4, never),
+    EXPECT_EQ(choose(Shaping::automatic, nothing, {4}, never),
               (Choice{Shaper::none,
                       "no credits in hardware: the kernel has no cbs; no token buckets: "
                       "the kernel has no htb"}));
-    EXPECT_EQ(choose(Shaping::none, {}, 4, never), (Choice{Shaper::none, "switched off by configuration"}));
+    // Behind a switch chip only its driver can do anything.
+    EXPECT_EQ(choose(Shaping::automatic, {}, {4, true}, never), (Choice{Shaper::hardware, ""}));
+    EXPECT_EQ(choose(Shaping::automatic, {}, {4, true}, offload).shaper, Shaper::none);
+    EXPECT_EQ(choose(Shaping::htb, {}, {4, true}, never).shaper, Shaper::none);
+    EXPECT_TRUE(Linux::lacksAbility(Shaping::automatic, noCbs));
+    EXPECT_FALSE(Linux::lacksAbility(Shaping::none, noCbs));
+    EXPECT_EQ(choose(Shaping::none, {}, {4}, never), (Choice{Shaper::none, "switched off by configuration"}));
+}
+
+TEST(PortTrials, AreMadeInGrowingDistanceWhileTheyFail) {
+    using namespace std::chrono_literals;
+    Linux::PortTrials trials;
+    Runtime::Time now{1h};
+    const auto distance = [&](auto&& fail) {
+        const Runtime::Time from = now;
+        now = trials.due().value_or(now);
+        trials.begin(now, false);
+        fail();
+        return std::chrono::duration_cast<std::chrono::seconds>(now - from).count();
+    };
+    const auto refuse = [&] {
+        trials.wayRefused(Shaper::htb, "no");
+        trials.gaveUp(now, {1000, 0});
+    };
+    std::string distances;
+    for (int i = 0; i < 8; ++i) distances += std::to_string(distance(refuse)) + ' ';
+    EXPECT_EQ(distances, "0 60 120 240 480 960 1920 3600 ");
+    EXPECT_EQ(trials.asked(), (ClassRates{1000, 0})) << "is what the next try is made with";
+    trials.begin(*trials.due(), false);
+    EXPECT_TRUE(trials.worked());
+    EXPECT_EQ(trials.asked(), ClassRates{});
+
+    trials.beginAnew();
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(trials.problem(), "") << "it may pass";
+        distance([&] { trials.failed(now, "busy"); });
+    }
+    EXPECT_EQ(trials.problem(), "busy");
+    trials.beginAnew();
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(trials.mayRepair(now));
+    EXPECT_FALSE(trials.mayRepair(now));
+    EXPECT_TRUE(trials.leftAlone());
+    EXPECT_FALSE(trials.begin(now + 59s, false));
+    EXPECT_TRUE(trials.begin(now + 60s, false));
+    EXPECT_FALSE(trials.leftAlone());
 }
 
 TEST(SrQueues, AreThoseOfPriorities3And2WithAllThatShareThem) {

@@ -31,6 +31,9 @@ const Linux::Qdisc clsact{p1, 0xFFFF0000, TC_H_CLSACT, "clsact", {}};
 const Linux::Filter priority3{p1,          3,        Linux::ingressFilters,       33,
                               ETH_P_8021Q, "flower", Linux::TagPriorityRule{3, 3}};
 
+const Linux::Filter marked{
+    p1, 3, Linux::ingressFilters, 33, ETH_P_8021Q, "flower", Linux::TagPriorityRule{3, 3, true}};
+
 TEST(TrafficControl, RequestsAreThoseOfTheStandardTool) {
     const Linux::Credits a{75'000, -925'000, 116, -317};
     const std::vector<std::pair<std::string, Linux::NetlinkMessage>> cases{
@@ -45,6 +48,8 @@ TEST(TrafficControl, RequestsAreThoseOfTheStandardTool) {
         {"clsact", newQdisc(clsact, Linux::requestAdd)},
         {"clsact del", deleteQdisc(clsact)},
         {"ingress: tag priority 3 to packet priority 3", newFilter(priority3, Linux::requestAdd)},
+        {"ingress: tag priority 3 to packet priority 3, cookie 6d73727064",
+         newFilter(marked, Linux::requestAdd)},
         {"ingress filter del", deleteFilter(priority3)},
     };
     for (const auto& [name, message] : cases)
@@ -124,13 +129,38 @@ TEST(PortQueues, FollowNotifications) {
     }
 }
 
+TEST(PortQueues, KnowTheirOwnFiltersAndThatAFlushTakesThem) {
+    const Linux::Filter sorting{
+        p1, 1, queueId(0x100), 1, ETH_P_ALL, "bpf", Linux::ClassProgram{{{6, 0, 0, 0}}}};
+    auto elsewhere = priority3;
+    elsewhere.preference = 7;
+    Linux::PortQueues have;
+    for (const Linux::Filter& filter : {priority3, marked, sorting, elsewhere}) {
+        const auto request = newFilter(filter, Linux::requestAdd);
+        have.take(*reinterpret_cast<const nlmsghdr*>(request.bytes().data()));
+        if (filter == elsewhere) continue;
+        EXPECT_EQ(have.filters.back(), filter);
+    }
+    EXPECT_EQ(have.filters.size(), 2U) << "two have one handle, and one is at another's place";
+    for (const auto& message : queues().notifications("6.18 filters flushed"))
+        have.take(golden::header(message));
+    EXPECT_TRUE(have.filters.empty());
+    // Of a queue that was replaced, the end is told after the beginning of the new one.
+    auto before = credits(1, {});
+    before.handle = queueId(0x999);
+    for (const auto& request : {newQdisc(before, Linux::requestAdd),
+                                newQdisc(credits(1, {}), Linux::requestAdd), deleteQdisc(before)})
+        have.take(*reinterpret_cast<const nlmsghdr*>(request.bytes().data()));
+    EXPECT_EQ(have.children, std::vector{credits(1, {})});
+}
+
 TEST(PortQueues, SurviveMessagesThatAreCutAnywhere) {
     for (const char* name : {"6.12 qdisc dump of one device", "6.12 htb class dump", "6.18 filter dump"}) {
         for (const auto& message : queues().dump(name)) {
             golden::cutAnywhere(message, [](const nlmsghdr& cut) { Linux::PortQueues{}.take(cut); });
         }
     }
-    const auto request = newFilter(priority3, Linux::requestAdd);
+    const auto request = newFilter(marked, Linux::requestAdd);
     golden::cutAnywhere({request.bytes().begin(), request.bytes().end()},
                         [](const nlmsghdr& cut) { Linux::PortQueues{}.take(cut); });
 }

@@ -32,8 +32,8 @@ protected:
     std::shared_ptr<Interface::EthIntfStatusDir> names = std::make_shared<Interface::EthIntfStatusDir>();
     unsigned place = 0;
     Linux::DeviceTable devices{loop};
-    Linux::LinkAgent agent{devices, status, names, [this](IntfId intf, unsigned ifindex, EthAddr) {
-                               if (intf == a) place = ifindex;
+    Linux::LinkAgent agent{devices, status, names, [this](IntfId intf, const Linux::Place& now) {
+                               if (intf == a) place = now.ifindex;
                            }};
 };
 
@@ -94,6 +94,12 @@ TEST_F(LinkAgentTest, TheConfiguredSpeedWins) {
     EXPECT_EQ(until(a, "p1 up 100M 02:00:00:00:00:0a"), "p1 up 100M 02:00:00:00:00:0a");
     agent.configuredSpeedIs(a, Speed::speedUnknown);
     EXPECT_EQ(record(a), "p1 up 10G 02:00:00:00:00:0a");
+    // A record that goes and comes back is as if it had never been.
+    agent.followDel(a);
+    agent.configuredSpeedIs(a, Speed::speed1Gbps);
+    EXPECT_EQ(record(a), "none");
+    agent.followIs(a);
+    EXPECT_EQ(record(a), "p1 up 1G 02:00:00:00:00:0a");
 }
 
 TEST_F(LinkAgentTest, LostNotificationsAreMadeGoodByReadingAnew) {

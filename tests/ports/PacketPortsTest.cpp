@@ -64,9 +64,9 @@ protected:
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status =
         std::make_shared<Interface::AllEthPhyIntfStatusDir>();
     Linux::DeviceTable devices{loop};
-    Linux::LinkAgent links{devices, status, nullptr, [this](IntfId intf, unsigned ifindex, EthAddr mac) {
-                               places[intf] = ifindex;
-                               ports.interfaceIs(intf, ifindex, mac);
+    Linux::LinkAgent links{devices, status, nullptr, [this](IntfId intf, const Linux::Place& place) {
+                               places[intf] = place.ifindex;
+                               ports.interfaceIs(intf, place);
                            }};
     Octets atA;
     Octets atB;
@@ -142,6 +142,20 @@ TEST_F(PacketPortsTest, ATapSeesWhatWasSentAndReceivedAsItIsOnTheWire) {
     EXPECT_EQ(seen.size(), 2U);  // neither what did not leave nor what nobody wants to see
 }
 
+TEST_F(PacketPortsTest, APduMayHaveWhatTheMtuLeavesItAndOneThatIsTooLongIsToldOnce) {
+    Namespace::cable("p1", "p2");
+    const auto port = open(a, atA);
+    ASSERT_TRUE(untilUp());
+    EXPECT_EQ(port->capacity(), 1500U);
+    Namespace::ip("link set p1 mtu 90");
+    EXPECT_TRUE(until([&] { return port->capacity() == 90; }));
+    EXPECT_TRUE(port->send(Octets(90, 9)));
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(port->send(Octets(106, 9)));
+    EXPECT_EQ(ports.counters(a).sendDropped, 2U);
+    EXPECT_EQ(complaints, std::vector<std::string>{
+                              "p1: an MRPDU of 106 octets is lost, the MTU is 90 and it cannot be divided"});
+}
+
 TEST_F(PacketPortsTest, APortWorksAgainWhenItsInterfaceComesBack) {
     const auto portA = open(a, atA);
     const auto portB = open(b, atB);
@@ -175,11 +189,11 @@ TEST_F(PacketPortsTest, AnotherInterfaceWithTheSameNameAndIndexIsNoticed) {
     const unsigned index = if_nametoindex("p2");
     const EthAddr mac = EthAddr::fromNumber(0x02000000000b);
     const auto port = ownPorts.open(b, [&](std::span<const std::uint8_t> pdu) { atB.push_back(pdu[0]); });
-    ownPorts.interfaceIs(b, index, mac);
+    ownPorts.interfaceIs(b, {index, mac});
     Namespace::ip("link del p1");
     Namespace::ip("link add p2 up index " + std::to_string(index) + " type veth peer name p1");
     Namespace::ip("link set p1 up");
-    ownPorts.interfaceIs(b, index, mac);
+    ownPorts.interfaceIs(b, {index, mac});
     RawEnd{"p1"}.send(frame(ours, 1));
     EXPECT_TRUE(ownLoop.runUntil([&] { return atB == Octets{1}; }, limit));
 }

@@ -90,6 +90,45 @@ class Reservations(unittest.TestCase):
         self.assertEqual(bed.groups()[OTHERS, VLAN], ["swp3"])
 
 
+    def filters(self, port):
+        """The priorities that filters of incoming frames on a port look for, or nothing without a place for them."""
+        bed = self.bed
+        if "clsact" not in subprocess.run(["tc", "-n", bed.switch, "qdisc", "show", "dev", port], text=True, check=True,
+                                          stdout=subprocess.PIPE).stdout:
+            return None
+        done = subprocess.run(["tc", "-n", bed.switch, "-j", "filter", "show", "dev", port, "ingress"], text=True,
+                              check=True, stdout=subprocess.PIPE)
+        return sorted(rule["options"]["keys"]["vlan_prio"] for rule in json.loads(done.stdout) if "options" in rule)
+
+    def test_filters_of_others_stay_and_the_place_of_a_killed_life_goes(self):
+        bed = self.bed
+        bed.wait(lambda: [self.filters(port) for port in bed.ports] == [[2, 3]] * 3, PATIENCE, "no filters")
+        subprocess.run(["tc", "-n", bed.switch, "filter", "add", "dev", "swp3", "ingress", "pref", "33", "protocol",
+                        "802.1Q", "handle", "3", "flower", "vlan_prio", "5", "action", "skbedit", "priority", "5"],
+                       check=True)
+        self.daemon.kill()
+        self.daemon.wait()
+        daemon = bed.daemon()
+        bed.until_groups("swp2", "the streams are not forwarded again")
+        self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
+        daemon.terminate()
+        daemon.wait()
+        self.assertEqual([self.filters(port) for port in bed.ports], [None, None, [5]])
+
+
+class Modules(unittest.TestCase):
+    def test_the_doctors_cure_reaches_the_running_daemon(self):
+        subprocess.run(["modprobe", "-r", "sch_cbs"], check=False)
+        blocked = pathlib.Path("/etc/modprobe.d/blocked.conf")
+        blocked.write_text("install sch_cbs /bin/false\n", encoding="utf-8")
+        self.addCleanup(blocked.unlink, missing_ok=True)
+        bed = self.enterContext(Switch())
+        bed.daemon()
+        self.assertEqual(bed.read("get", "linux/capabilities/cbs"), "absent")
+        subprocess.run(["modprobe", "-i", "sch_cbs"], check=True)
+        bed.wait(lambda: bed.read("get", "linux/capabilities/cbs") == "present", PATIENCE, "the module is not noticed")
+
+
 class Emulated(unittest.TestCase):
     def test_what_other_kernels_can_is_the_same_here(self):
         for name in ("doctor", "shaping"):

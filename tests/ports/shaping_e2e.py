@@ -6,6 +6,7 @@ root; exit code 77 without.
 """
 import os
 import pathlib
+import subprocess
 import sys
 import unittest
 
@@ -46,6 +47,31 @@ class Shaping(unittest.TestCase):
             bed.station("swp2", "--listen", STREAM)
             self.until_carried(bed, [True, False])
             self.check(measure(sender, counter, seconds=4), {A: RESERVED[A]}, counted)
+
+    def test_what_somebody_else_does_to_the_queues_is_told_and_mended(self):
+        bed = self.enterContext(Testbed(BUILD, ports=2, bridge="br0", queues=4))
+
+        def tc(*words):
+            subprocess.run(["tc", "-n", bed.switch, *words], check=True)
+
+        def until_refused(refusals):
+            bed.wait(lambda: bed.read("get", "switch/refusals/port") == refusals, 30, f"not {refusals}")
+        tc("qdisc", "add", "dev", "swp2", "root", "handle", "7:", "pfifo")
+        bed.daemon()
+        why = "somebody else has set up the queues (pfifo)"
+        until_refused({"swp2": {"why": why}})
+        self.assertIn(why, bed.shown("show", "capabilities"))
+        tc("qdisc", "del", "dev", "swp2", "root")
+        until_refused({})
+
+        bed.talker_and_listeners()
+        bed.wait(lambda: bed.carriers() == ["swp2"], 60, "no reservation")
+        htb = bed.read("get", "linux/capabilities/shaping/swp2/shaper") == "htb"
+        tc("filter", "del", "dev", "swp2", *(["parent", "100:"] if htb else ["ingress", "pref", "33"]))
+        bed.wait(lambda: "swp2: " in bed.said("msrpd.log") and
+                 "; somebody else changed the queues" in bed.said("msrpd.log"), 20, "the flush is not noticed")
+        self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
+        until_refused({})
 
     @staticmethod
     def until_carried(bed, carried):

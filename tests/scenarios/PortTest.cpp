@@ -52,6 +52,25 @@ TEST_F(ReservedStream, ListenersAreMergedAndLeaveOneByOne) {
     EXPECT_EQ(bridge.status->registeredStreams(1), nullptr);
 }
 
+TEST_F(ReservedStream, PdusFitTheirPort) {
+    std::vector<Say> talkers = domains();
+    for (std::uint64_t id = 1; id < 400; id += 2)
+        talkers.push_back(advertise({.id = id, .macDa = 0x91'e0'f0'00'00'00 + id}));
+    // The least is what no PDU can do with less: a LeaveAll of every type.
+    for (const std::size_t capacity : {500U, 106U}) {
+        p2.heard();
+        bridge.ports().capacityIs(IntfId{"p2"}, capacity);
+        for (int round = 0; round < 30; ++round) {
+            p1.say(talkers, true);
+            for (Peer* peer : {&p2, &p3}) peer->say(domains());
+            settle();
+        }
+        const std::string registered = p2.registered();
+        EXPECT_EQ(std::ranges::count(registered, '\n'), 200 + 2) << capacity;
+        EXPECT_EQ(p2.heard().find("Lv"), std::string::npos) << capacity;
+    }
+}
+
 TEST_F(ReservedStream, RepetitionsAreHarmless) {
     const double since = bridge.agent().msrpSm()->streamList(1)->statusTime(IntfId{"p2"});
     const auto logged = bridge.log().size();

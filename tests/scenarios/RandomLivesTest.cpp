@@ -45,14 +45,13 @@ void checkDeclarations(RandomLife& life) {
             << port;
 }
 
-/// What is published of a port is what its interface's record says.
-void checkLinks(RandomLife& life) {
+/// Bandwidth is given out by the speed that the interface's record says.
+void checkSpeeds(RandomLife& life) {
     life.bridge.status->intfStatus().each([&](IntfId intf, const Msrp::IntfStatus& port) {
         const std::shared_ptr<const Interface::EthPhyIntfStatus> record = life.bridge.phy->intfStatus(intf);
-        const bool up = record && record->linkStatus() == Interface::LinkStatus::linkUp;
-        EXPECT_EQ(port.linkStatus() == Interface::LinkStatus::linkUp, up) << intf.name();
-        const auto speed = record ? record->speedEnum() : port.speedEnum();
-        EXPECT_EQ(port.speedEnum(), speed) << intf.name();
+        if (record) {
+            EXPECT_EQ(port.speedEnum(), record->speedEnum()) << intf.name();
+        }
     });
     ASSERT_FALSE(testing::Test::HasFailure());
 }
@@ -60,7 +59,7 @@ void checkLinks(RandomLife& life) {
 void checkAll(RandomLife& life) {
     ASSERT_EQ(forwardingFault(life.bridge), "");
     ASSERT_NO_FATAL_FAILURE(checkDeclarations(life));
-    ASSERT_NO_FATAL_FAILURE(checkLinks(life));
+    ASSERT_NO_FATAL_FAILURE(checkSpeeds(life));
 }
 
 /// Holds when nothing is on its way.
