@@ -188,6 +188,10 @@ void MsrpSm::catchUpWithStream(StreamData& stream, const StreamPort& port) {
     const auto intfStatus = status()->intfStatus(port.intf);
     if (!intfStatus) return dropPort(stream, port.intf);
     const bool hasTalker = static_cast<bool>(stream.ingressIntf());
+    const bool member = hasTalker && port.intf != stream.ingressIntf() && stream.ethGroup() &&
+                        stream.ethGroup()->intf(port.intf);
+    if (member && !wantsStream(port.listenerState))
+        removeListener(port.intf, stream.streamId(), port.listenerState);
     const SrClassState state = hasTalker ? intfStatus->srClassState(stream.srClass())
                                          : std::max(intfStatus->srClassState(SrClassId::SrClassA),
                                                     intfStatus->srClassState(SrClassId::SrClassB));

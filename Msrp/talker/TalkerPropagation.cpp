@@ -169,6 +169,9 @@ void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, Intf
         } else {
             if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(failureBridgeId(port));
             counterInc(port, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
+            // What makes it fail may be under way on the port, and not have come to this stream.
+            if (busy(port) && wantsStream(stream->listenerState(port)))
+                removeListener(port, streamId, ListenerState::AskingFailed);
             transmitTalkerFailed(port, streamId, code, TalkerState::Failed);
         }
         if (listener != ListenerState::Ignore) {
