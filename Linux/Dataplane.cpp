@@ -5,7 +5,7 @@
 namespace Linux {
 
 Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records,
-                     const std::string& journal, const Complaint& complaint)
+                     const std::string& files, const Complaint& complaint, const GroupAgent::Served& served)
     : loop_{loop},
       complaint_{complaint},
       capabilities_{records.capabilities},
@@ -14,12 +14,11 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
       groups_{loop,
               devices,
               requests_,
-              records.config,
-              records.groups,
-              records.groupStatus,
+              {records.config, records.groups, records.groupStatus, records.refusals},
               [this] { wake(); },
               complaint,
-              journal},
+              files,
+              served},
       queues_{
           loop,
           devices,
@@ -34,7 +33,7 @@ std::string Dataplane::start() {
     capabilities_->abilitiesAre(probeAbilities());
     for (const std::string& line : limitations(capabilities_->abilities())) complaint_(line);
     problem = bridge_.start();
-    if (problem.empty()) problem = groups_.start();
+    if (problem.empty()) problem = groups_.start(capabilities_->abilities().groupOwner);
     if (problem.empty()) problem = queues_.start();
     return problem;
 }
