@@ -3,7 +3,6 @@
 #include "Linux/Capabilities.h"
 #include "Linux/DeviceTable.h"
 #include "Linux/EpollLoop.h"
-#include "Linux/GroupAudit.h"
 #include "Linux/GroupMessage.h"
 #include "Linux/LinkSpeed.h"
 #include "Linux/PortQueues.h"

@@ -178,6 +178,9 @@ void GroupAgent::tableChanged(const GroupMember& member, std::optional<GroupOwne
         if (!placeless_.empty()) wake();
     }
     if (!member.group.ip.empty()) return wake();
+    if (differences_ && !marked_.contains(member.group.mac) &&
+        (now == GroupOwner::us || before == GroupOwner::us))
+        differences_->insert(describedGroup(member, view_) + (now ? ": ours, but not known" : ": missing"));
     const bool isOurs = before == GroupOwner::us || now == GroupOwner::us;
     if (isOurs && mirror_.known() && drift_.changed(member, loop_.now())) {
         complain(Runtime::concat(describedGroup(member, view_), ": somebody else has changed it ",

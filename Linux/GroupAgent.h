@@ -148,7 +148,8 @@ private:
     void findLeftovers();
     void removeLeftovers();
     std::vector<GroupFinding> findings(bool repair);
-    void noteOffloading(std::span<const GroupEntry> entries, std::vector<GroupFinding>& findings);
+    /// What is not as it should be with the bridge itself.
+    std::vector<GroupFinding> bridgeFindings(const std::set<GroupMember>& leftOut);
     void auditByTimer();
     void writeFiles();
 
@@ -195,7 +196,8 @@ private:
     bool woken_ = false;
     bool readDue_ = false;
     Runtime::Time lastRead_{};
-    std::set<std::string> found_;  ///< by the last audit
+    std::set<std::string> found_;                       ///< by the last audit
+    std::optional<std::set<std::string>> differences_;  ///< that turn up while an audit reads the table
     Runtime::Timer again_;
     Runtime::Timer read_;
     Runtime::Timer graceEnd_;

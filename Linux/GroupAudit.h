@@ -25,7 +25,4 @@ std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, c
                                         const GroupTable& table, const GroupLedger& ledger,
                                         const std::function<bool(EthAddr)>& underway);
 
-/// Of the entries of one bridge, those that its switch chip has not, while it has others.
-std::set<GroupMember> notOffloaded(std::span<const GroupEntry> entries);
-
 }  // namespace Linux

@@ -173,4 +173,15 @@ std::vector<GroupEntry> decodeGroups(const nlmsghdr& message, unsigned bridge) {
     return entries;
 }
 
+std::set<GroupMember> notOffloaded(std::span<const GroupEntry> entries) {
+    std::set<GroupMember> found;
+    // Without a chip that takes entries, none is marked.
+    const bool hasChip = std::ranges::any_of(
+        entries, [](const GroupEntry& entry) { return entry.offloaded || entry.notTaken; });
+    for (const GroupEntry& entry : entries) {
+        if (hasChip && !entry.offloaded) found.insert(entry.member);
+    }
+    return found;
+}
+
 }  // namespace Linux

@@ -9,6 +9,8 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -65,5 +67,8 @@ unsigned groupBridge(const nlmsghdr& message);
 std::vector<GroupEntry> decodeGroups(const nlmsghdr& message, unsigned bridge);
 /// Likewise the ports behind which the kernel takes a multicast router to be: they get all groups.
 std::vector<unsigned> decodeRouters(const nlmsghdr& message, unsigned bridge);
+
+/// Of the entries of one bridge, those that its switch chip has not, while it has others.
+std::set<GroupMember> notOffloaded(std::span<const GroupEntry> entries);
 
 }  // namespace Linux

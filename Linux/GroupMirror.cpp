@@ -1,5 +1,6 @@
 #include "Linux/GroupMirror.h"
 
+#include <algorithm>
 #include <linux/rtnetlink.h>
 #include <utility>
 
@@ -46,10 +47,13 @@ NetlinkAnswer GroupMirror::read() {
         routers_ = std::move(routers);
         routersChanged_();
     }
-    std::set<GroupMember> there;
-    for (const GroupEntry& entry : entries) there.insert(entry.member);
+    leftOut_ = notOffloaded(entries);
+    std::vector<GroupMember> there;
+    there.reserve(entries.size());
+    for (const GroupEntry& entry : entries) there.push_back(entry.member);
+    std::ranges::sort(there);
     for (const HeldGroup& held : table_.all()) {
-        if (!there.contains(held.member)) take(held.member, std::nullopt);
+        if (!std::ranges::binary_search(there, held.member)) take(held.member, std::nullopt);
     }
     for (const GroupEntry& entry : entries) take(entry.member, ownerOf_(bridge_, entry));
     known_ = true;

@@ -38,6 +38,8 @@ public:
     [[nodiscard]] bool known() const { return known_; }
     /// Ports of the bridge behind which the kernel takes a multicast router to be.
     [[nodiscard]] const std::set<unsigned>& routers() const { return routers_; }
+    /// Entries that its switch chip had not taken when the table was read.
+    [[nodiscard]] const std::set<GroupMember>& leftOut() const { return leftOut_; }
 
     /// For what our own requests did.
     GroupTable& table() { return table_; }
@@ -58,6 +60,7 @@ private:
     bool known_ = false;
     GroupTable table_;
     std::set<unsigned> routers_;
+    std::set<GroupMember> leftOut_;
 };
 
 }  // namespace Linux

@@ -147,24 +147,18 @@ std::vector<GroupFinding> GroupAgent::findings(bool repair) {
         wake();
     }
     std::ranges::move(differences, std::back_inserter(findings));
-    noteOffloading(entries, findings);
-    if (!view_.snooping)
-        findings.push_back({{}, concat("multicast snooping of ", config_->bridge(), " is off"), {}});
-    for (const unsigned port : mirror_.routers()) {
-        if (!config_->routerPorts())
-            findings.push_back(
-                {{}, concat(portName(port), " gets every stream, as a multicast router's port"), {}});
-    }
+    std::ranges::move(bridgeFindings(notOffloaded(entries)), std::back_inserter(findings));
     for (const auto& [name, port] : view_.ports) {
         if (repair) routers_.look(*devices_.find(port), loop_.now());
     }
     return findings;
 }
 
-void GroupAgent::noteOffloading(std::span<const GroupEntry> entries, std::vector<GroupFinding>& findings) {
+std::vector<GroupFinding> GroupAgent::bridgeFindings(const std::set<GroupMember>& leftOut) {
     GroupStatus& status = ledger_.status();
+    std::vector<GroupFinding> findings;
     std::set<std::string> keys;
-    for (const GroupMember& member : notOffloaded(entries)) {
+    for (const GroupMember& member : leftOut) {
         for (const WantedGroup& wish : wantedGroups(*wanted_, member.group.mac, view_)) {
             if (wish.member != member) continue;
             findings.push_back({{}, describedGroup(member, view_) + ": not taken by the switch chip", {}});
@@ -175,21 +169,36 @@ void GroupAgent::noteOffloading(std::span<const GroupEntry> entries, std::vector
         if (!keys.contains(*key)) status.notOffloadedDel(*key);
     }
     for (const std::string& key : keys) status.notOffloadedIs(key);
+    if (!view_.snooping)
+        findings.push_back({{}, concat("multicast snooping of ", config_->bridge(), " is off"), {}});
+    for (const unsigned port : mirror_.routers()) {
+        if (!config_->routerPorts())
+            findings.push_back(
+                {{}, concat(portName(port), " gets every stream, as a multicast router's port"), {}});
+    }
+    return findings;
 }
 
 void GroupAgent::auditByTimer() {
     audit_.armIn(auditInterval);
     drift_.review(loop_.now());
     if (view_.bridge == 0) return;
-    std::set<std::string> before = std::exchange(found_, {});
+    devices_.readBridge(view_.bridge);
+    for (const auto& [name, port] : view_.ports) routers_.look(*devices_.find(port), loop_.now());
+    // Only what nobody has told is news.
+    if (!mirror_.drain()) return;
+    differences_.emplace();
+    readTable();
+    for (const GroupFinding& finding : bridgeFindings(mirror_.leftOut())) differences_->insert(finding.text);
+    const std::set<std::string> before = std::exchange(found_, std::move(*differences_));
+    differences_.reset();
     std::size_t lines = 0;
-    for (const GroupFinding& finding : findings(true)) {
-        found_.insert(finding.text);
-        // What failed was told when it did.
-        if (!finding.why.empty() || before.contains(finding.text)) continue;
-        if (++lines <= auditLines) complain(finding.text);
+    for (const std::string& line : found_) {
+        if (!before.contains(line) && ++lines <= auditLines) complain(line);
     }
     if (lines > auditLines) complain(concat("and ", lines - auditLines, " more differences"));
+    // All is looked at again, piece by piece.
+    markAll();
 }
 
 }  // namespace Linux

@@ -33,6 +33,7 @@ TEST(GroupMessage, AsksInTheKernelsWords) {
     same(Linux::groupAdd(10, member(3, 0, 11), 78), "mdb add with protocol 78");
     same(Linux::groupAdd(10, member(4, 2, 11), 78), "mdb add vid 2 with protocol 78");
     same(Linux::groupDelete(10, member(2, 2, 11)), "mdb del vid 2");
+    same(Linux::groupFlush(10, 78), "mdb flush by protocol");
     same(Linux::multicastSnooping(10, true), "bridge: multicast snooping on");
     same(Linux::multicastTableSize(10, 16384), "bridge: multicast table size");
     const auto body = Linux::groupDumpBody();
