@@ -86,7 +86,10 @@ void BridgeAgent::settle() {
         if (bridge->bridgeSettings->multipleSpanningTrees) {
             wrong.insert("runs several spanning trees, of which only the common one's port states count");
         }
-        facts = bridgeFacts(*bridge, devices_.all(), vlans_, config_->srVlan());
+        std::map<unsigned, Device> ports;
+        for (const unsigned port : devices_.portsOf(bridge->ifindex))
+            ports.emplace(port, *devices_.find(port));
+        facts = bridgeFacts(*bridge, ports, vlans_, config_->srVlan());
     } else {
         wrong.insert(devices_.find(config_->bridge()) != nullptr ? "is not a bridge" : "does not exist");
     }

@@ -26,8 +26,8 @@ struct BridgeFacts {
     bool operator==(const BridgeFacts&) const = default;
 };
 
-/// `bridge` is one of `devices` and has settings.  Where it does not filter VLANs, all of its ports carry
-/// those of `srVlan` (VLAN 2 with tags when it is empty), and `vlans` does not matter.
+/// `bridge` has settings, and its ports are among `devices`.  Where it does not filter VLANs, all of its
+/// ports carry those of `srVlan` (VLAN 2 with tags when it is empty), and `vlans` does not matter.
 BridgeFacts bridgeFacts(const Device& bridge, const std::map<unsigned, Device>& devices,
                         const VlanTable& vlans, const State::FlatMap<VlanId, bool>& srVlan);
 

@@ -39,9 +39,13 @@ public:
     void srVlanIs(VlanId id, bool tagged) { setEntry(srVlan_, id, tagged, "srVlan"); }
     /// Number that marks the bridge's group entries as ours, 4 to 255.
     [[nodiscard]] std::uint8_t groupProtocol() const { return groupProtocol_; }
+    void groupProtocolIs(std::uint8_t v) { assign(groupProtocol_, v, "groupProtocol"); }
     /// Room for groups that the bridge is given at start; 0: left as it is.
     [[nodiscard]] std::uint32_t groupTableSize() const { return groupTableSize_; }
     void groupTableSizeIs(std::uint32_t v) { assign(groupTableSize_, v, "groupTableSize"); }
+    /// Whether ports behind which the kernel takes a multicast router to be get every stream.
+    [[nodiscard]] bool routerPorts() const { return routerPorts_; }
+    void routerPortsIs(bool v) { assign(routerPorts_, v, "routerPorts"); }
     [[nodiscard]] Shaping shaping() const { return shaping_; }
     void shapingIs(Shaping v) { assign(shaping_, v, "shaping"); }
     /// Major number of the root queueing discipline that marks a port's queues as ours, 1 to 0xFFEF.  The two
@@ -57,6 +61,7 @@ public:
         each(State::map("srVlan", &Config::srVlan_));
         each(State::scalar("groupProtocol", &Config::groupProtocol_, std::uint8_t{4}, std::uint8_t{255}));
         each(State::scalar("groupTableSize", &Config::groupTableSize_));
+        each(State::scalar("routerPorts", &Config::routerPorts_));
         each(State::scalar("shaping", &Config::shaping_));
         each(State::scalar("queueHandle", &Config::queueHandle_, std::uint16_t{1}, std::uint16_t{0xFFEF}));
         each(State::scalar("ingressPriority", &Config::ingressPriority_));
@@ -67,6 +72,7 @@ private:
     State::FlatMap<VlanId, bool> srVlan_;
     std::uint8_t groupProtocol_ = 78;
     std::uint32_t groupTableSize_ = 0;
+    bool routerPorts_ = false;
     Shaping shaping_ = Shaping::automatic;
     std::uint16_t queueHandle_ = 0x100;
     bool ingressPriority_ = true;

@@ -18,7 +18,7 @@ constexpr std::chrono::hours lastProbe{1};
 }  // namespace
 
 Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records,
-                     const std::string& journal, const Complaint& complaint)
+                     const std::string& files, const Complaint& complaint, const GroupAgent::Served& served)
     : loop_{loop},
       complaint_{complaint},
       config_{records.config},
@@ -34,12 +34,11 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
       groups_{loop,
               devices,
               requests_,
-              records.config,
-              records.groups,
-              records.groupStatus,
+              {records.config, records.groups, records.groupStatus, records.refusals},
               [this] { wake(); },
               complaint,
-              journal},
+              files,
+              served},
       queues_{loop,
               devices,
               requests_,
@@ -56,7 +55,7 @@ std::string Dataplane::start() {
     patience_ = firstProbe;
     if (lacking()) probeAgain_.armIn(patience_);
     problem = bridge_.start();
-    if (problem.empty()) problem = groups_.start();
+    if (problem.empty()) problem = groups_.start(capabilities_->abilities().groupOwner);
     if (problem.empty()) problem = queues_.start();
     return problem;
 }

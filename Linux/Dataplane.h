@@ -37,9 +37,10 @@ public:
         std::shared_ptr<CapabilityStatus> capabilities;
     };
 
-    /// Loop and devices must outlive it; `journal` is a file that it may keep.
-    Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records, const std::string& journal,
-              const Complaint& complaint);
+    /// Loop and devices must outlive it; `files` is what the paths of files begin with that it may keep.
+    /// `served` as for `GroupAgent`.
+    Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records, const std::string& files,
+              const Complaint& complaint, const GroupAgent::Served& served = {});
 
     /// To be called after the table of devices was started.  Empty on success, else why this machine cannot
     /// be asked at all.

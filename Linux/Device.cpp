@@ -67,6 +67,8 @@ void decodePort(const nlattr& data, Device& device) {
             const auto state = number<std::uint8_t>(attribute);
             device.portState =
                 state <= BR_STATE_BLOCKING ? BridgePortState{state} : BridgePortState::disabled;
+        } else if (mnl_attr_get_type(&attribute) == IFLA_BRPORT_MULTICAST_ROUTER) {
+            device.multicastRouter = number<std::uint8_t>(attribute);
         }
     });
 }

@@ -58,6 +58,8 @@ struct Device {
     bool inSwitchChip = false;  ///< a chip forwards between it and others: it has a switch identifier
     unsigned bridge = 0;        ///< index of the bridge that it is a port of; 0: none
     BridgePortState portState = BridgePortState::disabled;
+    /// Of a bridge's port: whether multicast routers are looked for behind it (IFLA_BRPORT_MULTICAST_ROUTER).
+    std::uint8_t multicastRouter = 0;
     std::optional<BridgeSettings> bridgeSettings;  ///< of a bridge
     LinkMode mode;                                 ///< while it is operational
     bool operator==(const Device&) const = default;
@@ -66,7 +68,8 @@ struct Device {
 /// What one notification or one entry of a dump says.
 struct LinkMessage {
     bool gone = false;  ///< the device itself is no more
-    /// It tells only of the device as a bridge port: `bridge` and `portState` (and index and name).
+    /// It tells only of the device as a bridge port: `bridge`, `portState` and `multicastRouter` (and index
+    /// and name).
     bool portOnly = false;
     Device device;
 };

@@ -4,13 +4,13 @@
 #include "Linux/LinkSpeed.h"
 #include "Runtime/Text.h"
 
-#include <algorithm>
 #include <array>
 #include <bit>
 #include <chrono>
 #include <linux/rtnetlink.h>
 #include <set>
 #include <utility>
+#include <vector>
 
 namespace Linux {
 
@@ -24,6 +24,13 @@ struct LinkDumpRequest {
     ifinfomsg info{};
     nlattr maskHeader{sizeof(nlattr) + sizeof(std::uint32_t), IFLA_EXT_MASK};
     std::uint32_t mask = RTEXT_FILTER_SKIP_STATS;
+};
+
+/// "Those that are ports of that bridge."
+struct PortDumpRequest {
+    LinkDumpRequest link;
+    nlattr masterHeader{sizeof(nlattr) + sizeof(std::uint32_t), IFLA_MASTER};
+    std::uint32_t master = 0;
 };
 
 }  // namespace
@@ -84,6 +91,31 @@ void DeviceTable::readAll() {
     for (const auto& [ifindex, link] : seen) take(link);
 }
 
+void DeviceTable::readBridge(unsigned ifindex) {
+    if (ifindex == 0) return;
+    // What is older than the answers is heard before them.
+    notices_.drain();
+    std::vector<LinkMessage> seen;
+    const auto keep = [&](const nlmsghdr& message) {
+        if (const auto link = decodeLink(message); link && !link->portOnly) seen.push_back(*link);
+    };
+    NetlinkMessage one{RTM_GETLINK, requestAck};
+    ifinfomsg info{};
+    info.ifi_index = static_cast<int>(ifindex);
+    one.part(info).attribute(IFLA_EXT_MASK, std::uint32_t{RTEXT_FILTER_SKIP_STATS});
+    (void)requests_.ask(std::move(one), keep);
+    const std::vector<LinkMessage> bridge = seen;
+    PortDumpRequest ports;
+    ports.master = ifindex;
+    const auto request = std::bit_cast<std::array<std::byte, sizeof ports>>(ports);
+    const NetlinkAnswer answer = requests_.dump(
+        RTM_GETLINK, request, [&] { seen = bridge; }, keep);
+    if (!answer) seen = bridge;
+    for (const LinkMessage& link : seen) {
+        if (find(link.device.ifindex) != nullptr) take(link);
+    }
+}
+
 void DeviceTable::notice(const nlmsghdr& message) {
     if (const auto link = decodeLink(message)) take(*link);
 }
@@ -105,10 +137,14 @@ void DeviceTable::take(const LinkMessage& message) {
         now = *held;
         now.bridge = message.device.bridge;
         now.portState = message.device.portState;
+        now.multicastRouter = message.device.multicastRouter;
     } else if (std::ranges::any_of(modesOf_, [&](const auto& wanted) { return wanted(now); })) {
         askMode(now);
     }
-    if (now.bridge == 0) now.portState = BridgePortState::disabled;
+    if (now.bridge == 0) {
+        now.portState = BridgePortState::disabled;
+        now.multicastRouter = 0;
+    }
     put(now.ifindex, &now);
 }
 
@@ -133,6 +169,8 @@ void DeviceTable::put(unsigned ifindex, const Device* now) {
     std::optional<Device> before;
     if (held != devices_.end()) before = held->second;
     if (before && now != nullptr && *before == *now) return;
+    if (before) index(*before, false);
+    if (now != nullptr) index(*now, true);
     if (now == nullptr) {
         devices_.erase(ifindex);
     } else {
@@ -148,8 +186,27 @@ const Device* DeviceTable::find(unsigned ifindex) const {
 }
 
 const Device* DeviceTable::find(std::string_view name) const {
-    const auto held = std::ranges::find_if(devices_, [&](const auto& d) { return d.second.name == name; });
-    return held != devices_.end() ? &held->second : nullptr;
+    const auto held = byName_.find(name);
+    return held != byName_.end() ? find(*held->second.begin()) : nullptr;
+}
+
+const std::set<unsigned>& DeviceTable::portsOf(unsigned bridge) const {
+    static const std::set<unsigned> none;
+    const auto held = byBridge_.find(bridge);
+    return held != byBridge_.end() ? held->second : none;
+}
+
+void DeviceTable::index(const Device& device, bool there) {
+    const auto change = [&](auto& index, const auto& key) {
+        auto& held = index[key];
+        if (there) {
+            held.insert(device.ifindex);
+        } else if (held.erase(device.ifindex); held.empty()) {
+            index.erase(key);
+        }
+    };
+    change(byName_, device.name);
+    if (device.bridge != 0) change(byBridge_, device.bridge);
 }
 
 }  // namespace Linux

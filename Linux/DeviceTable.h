@@ -34,8 +34,10 @@ public:
 
     /// Reads the kernel's table and follows it from then on.  Empty on success.
     std::string start(int queueBytes = defaultQueueBytes);
-    /// For what the kernel changes without a word: reads everything again.
+    /// Reads everything again.
     void readAll();
+    /// For what the kernel changes without a word: reads one bridge and its ports again.
+    void readBridge(unsigned ifindex);
 
     /// Watchers are told in the order in which they were added, never while they are being added, and must
     /// outlive the table's use.  A watcher may look into the table: it has changed already.
@@ -51,6 +53,8 @@ public:
     [[nodiscard]] const Device* find(unsigned ifindex) const;
     [[nodiscard]] const Device* find(std::string_view name) const;
     [[nodiscard]] const std::map<unsigned, Device>& all() const { return devices_; }
+    /// The indexes of a bridge's ports.
+    [[nodiscard]] const std::set<unsigned>& portsOf(unsigned bridge) const;
 
 private:
     void notice(const nlmsghdr& message);
@@ -61,12 +65,16 @@ private:
     void askMode(Device& device);
     /// Enters what is known of a device now; null: it is gone.
     void put(unsigned ifindex, const Device* now);
+    void index(const Device& device, bool there);
 
     const Complaint complaint_;
     NetlinkRequests requests_;
     NetlinkNotices notices_;
     NetlinkNotices speedNotices_;
     std::map<unsigned, Device> devices_;
+    // So that what concerns one bridge does not cost a walk over all devices of the machine.
+    std::map<std::string, std::set<unsigned>, std::less<>> byName_;  ///< two may seem to, for a moment
+    std::map<unsigned, std::set<unsigned>> byBridge_;
     std::list<Watcher> watchers_;
     std::list<std::function<bool(const Device&)>> modesOf_;
     std::set<unsigned> modeUnknown_;  ///< and is asked for once more

@@ -49,6 +49,7 @@ public:
         bridge();
         for (const DoctorFacts::Port& port : facts_.ports) {
             link(port);
+            router(port);
             vlan(port);
             queues(port);
         }
@@ -95,6 +96,11 @@ private:
                  concat(set, "group_fwd_mask ", settings.groupForwardingMask & ~protocolGroup));
         }
         table(settings, set);
+        if (facts_.notOffloaded != 0) {
+            find(name, "offload", Severity::fault,
+                 concat("its switch chip has not taken ", facts_.notOffloaded,
+                        " entries of the multicast table: these streams pass as the chip likes"));
+        }
         if (!settings.vlanFiltering) {
             find(name, "vlanFiltering", Severity::note,
                  "it does not filter VLANs: streams pass wherever their groups do",
@@ -150,6 +156,13 @@ private:
                  "flow control is on: the peer can stop streams, and streams the peer",
                  concat("ethtool -A ", name, " autoneg off rx off tx off"));
         }
+    }
+
+    void router(const DoctorFacts::Port& port) {
+        if (!port.router) return;
+        find(port.device.name, "router", Severity::warning,
+             "the kernel takes a multicast router to be behind it: it gets every stream",
+             concat("bridge link set dev ", word(port.device.name), " mcast_router 0"));
     }
 
     void vlan(const DoctorFacts::Port& port) {

@@ -10,6 +10,7 @@
 
 #include <linux/rtnetlink.h>
 #include <set>
+#include <vector>
 
 namespace Linux {
 
@@ -41,14 +42,20 @@ std::string readVlans(NetlinkChannel& kernel, VlanTable& vlans) {
     return answer ? "" : concat("cannot read the VLANs of bridges: ", answer.problem());
 }
 
-std::string countGroups(NetlinkChannel& kernel, unsigned bridge, std::size_t& count) {
-    std::set<Group> groups;
+/// Groups of the bridge that is looked at; `routers` gets its ports that get all of them.
+std::string readGroups(NetlinkChannel& kernel, DoctorFacts& facts, std::set<unsigned>& routers) {
+    const unsigned bridge = facts.device->ifindex;
+    std::vector<GroupEntry> entries;
     const NetlinkAnswer answer = kernel.dump(
-        RTM_GETMDB, groupDumpBody(), [&] { groups.clear(); },
+        RTM_GETMDB, groupDumpBody(), [&] { entries.clear(), routers.clear(); },
         [&](const nlmsghdr& message) {
-            for (const GroupEntry& entry : decodeGroups(message, bridge)) groups.insert(entry.member.group);
+            for (GroupEntry& entry : decodeGroups(message, bridge)) entries.push_back(std::move(entry));
+            for (const unsigned port : decodeRouters(message, bridge)) routers.insert(port);
         });
-    count = groups.size();
+    std::set<Group> groups;
+    for (const GroupEntry& entry : entries) groups.insert(entry.member.group);
+    facts.groups = groups.size();
+    facts.notOffloaded = notOffloaded(entries).size();
     return answer ? "" : concat("cannot read the groups of bridges: ", answer.problem());
 }
 
@@ -72,17 +79,16 @@ std::string examine(const std::string& bridge, VlanId srVlan, DoctorFacts& facts
     facts.device = *found;
     if (!found->bridgeSettings) return {};
     VlanTable vlans;
-    std::set<unsigned> ports;
-    for (const auto& [ifindex, device] : devices.all()) {
-        if (device.bridge == found->ifindex) ports.insert(ifindex);
-    }
-    problem = countGroups(kernel, found->ifindex, facts.groups);
+    const std::set<unsigned>& ports = devices.portsOf(found->ifindex);
+    std::set<unsigned> routers;
+    problem = readGroups(kernel, facts, routers);
     if (problem.empty() && found->bridgeSettings->vlanFiltering) problem = readVlans(kernel, vlans);
     if (!problem.empty()) return problem;
     for (const unsigned ifindex : ports) {
         devices.learnMode(ifindex);
         DoctorFacts::Port port;
         port.device = *devices.find(ifindex);
+        port.router = routers.contains(ifindex);
         port.vlans = vlans[ifindex];
         port.flowControl = flowControl(port.device.name);
         PortQueues queues;

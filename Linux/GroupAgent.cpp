@@ -14,26 +14,31 @@ namespace {
 
 /// The table is read no more often.
 constexpr std::chrono::seconds readInterval{1};
-constexpr std::size_t auditLines = 10;
 
 }  // namespace
 
 GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests,
-                       std::shared_ptr<const Config> config,
-                       std::shared_ptr<const Bridging::Input::Config> wanted,
-                       std::shared_ptr<GroupStatus> status, std::function<void()> wake, Complaint complaint,
-                       std::string journal)
+                       const Records& records, std::function<void()> wake, Complaint complaint,
+                       const std::string& files, Served served)
     : loop_{loop},
       devices_{devices},
       requests_{requests},
-      config_{std::move(config)},
-      wanted_{std::move(wanted)},
+      config_{records.config},
+      wanted_{records.wanted},
       wake_{std::move(wake)},
       complaint_{std::move(complaint)},
-      ledger_{std::move(status)},
-      journal_{std::move(journal)},
-      mirror_{loop, requests, [this](const GroupEntry& entry) { return ownerOf(entry); },
+      served_{std::move(served)},
+      ledger_{records.status},
+      refusals_{records.refusals},
+      journal_{files + ".groups"},
+      memory_{files + ".bridge"},
+      routers_{requests, memory_, config_->routerPorts(),
+               [this](const std::string& line) { complain(line); }},
+      mirror_{loop,
+              requests,
+              [this](unsigned bridge, const GroupEntry& entry) { return ownerOf(bridge, entry); },
               [this](const GroupMember& member, auto before, auto now) { tableChanged(member, before, now); },
+              [this] { this->wake(); },
               [this] {
                   readDue_ = true;
                   this->wake();
@@ -42,7 +47,7 @@ GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
       again_{loop, [this] { this->wake(); }},
       read_{loop,
             [this] {
-                devices_.readAll();
+                devices_.readBridge(view_.bridge);
                 readDue_ = true;
                 this->wake();
             }},
@@ -53,19 +58,30 @@ GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
                     this->wake();
                 }},
       audit_{loop, [this] { auditByTimer(); }},
-      news_{loop, [this] {
+      news_{loop,
+            [this] {
                 for (const std::string& line : ledger_.news()) complain(line);
-            }} {
+            }},
+      snooping_{loop, [this] { watchSnooping(); }},
+      retry_{loop, [this] { this->wake(); }} {
     devices.watch([this](const Device* before, const Device* now) { deviceChanged(before, now); });
 }
 
-std::string GroupAgent::start() {
+std::string GroupAgent::start(Ability marks) {
+    // Where the kernel marks entries, nothing else is to be believed.
+    std::set<std::string> problems{memory_.read()};
+    if (marks != Ability::present) problems.insert(journal_.read());
+    for (const std::string& problem : problems) {
+        if (!problem.empty()) complain(problem);
+    }
     // Followed before it is read, so that nothing falls between.
     if (std::string problem = mirror_.start(); !problem.empty()) return problem;
     started_ = true;
     graceEnd_.armIn(grace);
     audit_.armIn(auditInterval);
     lookAtBridge();
+    routers_.giveBackBut(devices_, view_.bridge);
+    findLeftovers();
     markAll();
     return {};
 }
@@ -89,11 +105,19 @@ void GroupAgent::wishChanged(const State::Change& change) {
 }
 
 void GroupAgent::deviceChanged(const Device* before, const Device* now) {
-    const auto matters = [this](const Device* device) {
-        return device != nullptr &&
-               (device->name == config_->bridge() || (view_.bridge != 0 && device->bridge == view_.bridge));
+    const auto isOurPort = [this](const Device* device) {
+        return device != nullptr && view_.bridge != 0 && device->bridge == view_.bridge;
     };
-    if (started_ && (matters(before) || matters(now))) lookAtBridge();
+    const auto matters = [&](const Device* device) {
+        return device != nullptr && (device->name == config_->bridge() || isOurPort(device));
+    };
+    if (!started_ || (!matters(before) && !matters(now))) return;
+    lookAtBridge();
+    if (isOurPort(now)) {
+        routers_.look(*now, loop_.now());
+    } else if (isOurPort(before)) {
+        routers_.left(before->ifindex);
+    }
 }
 
 void GroupAgent::lookAtBridge() {
@@ -103,14 +127,23 @@ void GroupAgent::lookAtBridge() {
     if (before.tableSize != view_.tableSize) fullAt_.reset();
     drift_.clear();
     if (before.bridge != view_.bridge) {
+        if (before.bridge != 0) leaveBridge(before);
         mirror_.bridgeIs(view_.bridge);
+        places_.clear();
         if (view_.bridge != 0) {
+            // It may be back, before all was taken back that we had put there.
+            leftovers_.erase(view_.bridge);
+            memory_.markIs({view_.bridge, config_->groupProtocol()});
             enlargeTable();
+            for (const auto& [name, port] : view_.ports) routers_.look(*devices_.find(port), loop_.now());
             readDue_ = true;
         }
     }
+    judgeSnooping();
     if (view_.bridge != 0 && !view_.snooping && (before.snooping || before.bridge != view_.bridge)) {
-        complain("multicast snooping is off: all multicast frames are flooded, and no group can be changed");
+        complain(Runtime::concat(
+            "multicast snooping is off: all multicast frames are flooded, and no group can be changed",
+            overfilled_ ? "; the table was full, it is switched on again when there is room" : ""));
     } else if (view_.snooping && !before.snooping && before.bridge == view_.bridge) {
         complain("multicast snooping is on again");
     }
@@ -119,7 +152,23 @@ void GroupAgent::lookAtBridge() {
         const auto old = std::ranges::find_if(before.ports, sameIndex);
         if (old != before.ports.end() && old->first != name) journal_.portNameIs(port, name);
     }
+    refusals_.retryAll();
     markAll();
+}
+
+void GroupAgent::leaveBridge(const BridgeView& before) {
+    const Device* device = devices_.find(before.bridge);
+    if (device == nullptr || !device->bridgeSettings) {
+        // With all its entries.
+        for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
+            if (mark.first == before.bridge) memory_.markDel(mark);
+        }
+        return;
+    }
+    mirror_.drain();
+    leftovers_[before.bridge] = ours();
+    for (const auto& [name, port] : before.ports) routers_.giveBack(port);
+    complain(Runtime::concat("it is called ", device->name, " now; what was done to it is taken back"));
 }
 
 void GroupAgent::tableChanged(const GroupMember& member, std::optional<GroupOwner> before,
@@ -128,7 +177,10 @@ void GroupAgent::tableChanged(const GroupMember& member, std::optional<GroupOwne
         journal_.erase(member);
         if (!placeless_.empty()) wake();
     }
-    if (!member.group.ip.empty()) return;
+    if (!member.group.ip.empty()) return wake();
+    if (differences_ && !marked_.contains(member.group.mac) &&
+        (now == GroupOwner::us || before == GroupOwner::us))
+        differences_->insert(describedGroup(member, view_) + (now ? ": ours, but not known" : ": missing"));
     const bool isOurs = before == GroupOwner::us || now == GroupOwner::us;
     if (isOurs && mirror_.known() && drift_.changed(member, loop_.now())) {
         complain(Runtime::concat(describedGroup(member, view_), ": somebody else has changed it ",
@@ -137,11 +189,20 @@ void GroupAgent::tableChanged(const GroupMember& member, std::optional<GroupOwne
     mark(member.group.mac);
 }
 
-GroupOwner GroupAgent::ownerOf(const GroupEntry& entry) const {
+GroupOwner GroupAgent::ownerOf(unsigned bridge, const GroupEntry& entry) const {
     if (!entry.member.group.ip.empty() || !entry.permanent) return GroupOwner::another;
     const bool isOurs = entry.protocol == config_->groupProtocol() ||
+                        memory_.marked(bridge, entry.protocol) ||
                         journal_.lists(entry.member, portName(entry.member.port));
     return isOurs ? GroupOwner::us : GroupOwner::another;
+}
+
+std::vector<GroupMember> GroupAgent::ours() const {
+    std::vector<GroupMember> members;
+    for (const HeldGroup& held : mirror_.table().all()) {
+        if (held.owner == GroupOwner::us) members.push_back(held.member);
+    }
+    return members;
 }
 
 void GroupAgent::mark(EthAddr mac) {
@@ -151,9 +212,7 @@ void GroupAgent::mark(EthAddr mac) {
 
 void GroupAgent::markAll() {
     marked_.merge(wantedAddresses(*wanted_));
-    for (const HeldGroup& held : mirror_.table().all()) {
-        if (held.owner == GroupOwner::us) marked_.insert(held.member.group.mac);
-    }
+    for (const GroupMember& member : ours()) marked_.insert(member.group.mac);
     for (const EthAddr mac : ledger_.failing()) marked_.insert(mac);
     wake();
 }
@@ -170,12 +229,14 @@ void GroupAgent::readTable() {
         complain("cannot read the multicast table: " + answer.problem());
         return readSoon();
     }
+    judgeSnooping();
     if (first) {
         std::set<GroupMember> there;
         for (const HeldGroup& held : mirror_.table().all()) {
             there.insert(held.member);
             if (held.owner == GroupOwner::us && graceEnd_.armed()) inherited_.insert(held.member);
         }
+        for (const auto& [bridge, members] : leftovers_) there.insert(members.begin(), members.end());
         if (const std::string problem = journal_.keepOnly(there); !problem.empty()) complain(problem);
     }
     marked_.merge(unsure_);
@@ -185,71 +246,45 @@ void GroupAgent::readSoon() {
     if (!read_.armed()) read_.armAt(std::max(loop_.now(), lastRead_ + readInterval));
 }
 
-std::vector<std::string> GroupAgent::audit(bool repair) {
-    std::vector<std::string> lines;
-    for (const GroupFinding& finding : findings(repair)) {
-        lines.push_back(finding.why.empty() ? finding.text
-                                            : Runtime::concat(finding.text, " (", finding.why, ')'));
-    }
-    return lines;
-}
-
-std::vector<GroupFinding> GroupAgent::findings(bool repair) {
-    // What the look at the bridge brings up is news.
-    std::set<EthAddr> underway = marked_;
-    underway.insert(delayed_.begin(), delayed_.end());
-    devices_.readAll();
-    if (view_.bridge == 0)
-        return {{{}, Runtime::concat("bridge ", config_->bridge(), " does not exist"), {}}};
-    std::vector<GroupEntry> entries;
-    if (const NetlinkAnswer answer = mirror_.dump(entries); !answer)
-        return {{{}, "cannot read the multicast table", answer.problem()}};
-    GroupTable now;
-    for (const GroupEntry& entry : entries) now.put(entry.member, ownerOf(entry));
-    auto findings = groupFindings(*wanted_, view_, now, ledger_.status(),
-                                  [&](EthAddr mac) { return underway.contains(mac); });
-    if (repair) {
-        for (const GroupFinding& finding : findings) marked_.insert(finding.mac);
-        readDue_ = true;
-        wake();
-    }
-    if (!view_.snooping)
-        findings.push_back({{}, Runtime::concat("multicast snooping of ", config_->bridge(), " is off"), {}});
-    return findings;
-}
-
-void GroupAgent::auditByTimer() {
-    audit_.armIn(auditInterval);
-    drift_.review(loop_.now());
-    if (view_.bridge == 0) return;
-    std::set<std::string> before = std::exchange(found_, {});
-    std::size_t lines = 0;
-    for (const GroupFinding& finding : findings(true)) {
-        found_.insert(finding.text);
-        // What failed was told when it did.
-        if (!finding.why.empty() || before.contains(finding.text)) continue;
-        if (++lines <= auditLines) complain(finding.text);
-    }
-    if (lines > auditLines) complain(Runtime::concat("and ", lines - auditLines, " more differences"));
-}
-
 void GroupAgent::withdraw() {
     if (!std::exchange(started_, false)) return;
-    for (Runtime::Timer* timer : {&again_, &read_, &graceEnd_, &audit_, &news_}) timer->cancel();
+    for (Runtime::Timer* timer : {&again_, &read_, &graceEnd_, &audit_, &news_, &snooping_, &retry_})
+        timer->cancel();
     mirror_.drain();
-    std::vector<GroupMember> ours;
-    for (const HeldGroup& held : mirror_.table().all()) {
-        if (held.owner == GroupOwner::us) ours.push_back(held.member);
+    devices_.readBridge(view_.bridge);
+    const Device* bridge = devices_.find(view_.bridge);
+    if (bridge != nullptr && bridge->bridgeSettings) {
+        // Snooping that a full table switched off may stay on, now that there is room.
+        if (overfilled_ && !bridge->bridgeSettings->multicastSnooping) {
+            (void)requests_.carryOut(multicastSnooping(view_.bridge, true));
+            devices_.readBridge(view_.bridge);
+        }
+        const std::vector<GroupMember> all = ours();
+        const auto stuck = [&](const GroupMember& member) {
+            return isStuck(member, *bridge->bridgeSettings);
+        };
+        if (std::ranges::any_of(all, stuck) && flush())
+            std::ranges::for_each(all, [&](auto& m) { forget(m); });
+        if (const std::string problem = remove(ours()); !problem.empty()) {
+            complain("some groups could not be deleted: " + problem);
+        } else {
+            for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
+                if (mark.first == view_.bridge) memory_.markDel(mark);
+            }
+        }
     }
-    if (const std::string problem = remove(ours); !problem.empty())
-        complain("some groups could not be deleted: " + problem);
-    writeJournal();
+    while (!leftovers_.empty()) removeLeftovers();
+    routers_.giveBackBut(devices_, 0);
+    writeFiles();
 }
 
-void GroupAgent::writeJournal() {
-    const std::string problem = journal_.flush();
-    if (problem != journalProblem_ && !problem.empty()) complain(problem);
-    journalProblem_ = problem;
+void GroupAgent::writeFiles() {
+    std::set<std::string> problems{journal_.flush(), memory_.flush()};
+    problems.erase("");
+    for (const std::string& problem : problems) {
+        if (!fileProblems_.contains(problem)) complain(problem);
+    }
+    if (!problems.empty()) fileProblems_ = std::move(problems);
 }
 
 void GroupAgent::complain(const std::string& line) const {

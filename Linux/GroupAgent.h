@@ -9,9 +9,13 @@
 ///
 /// The kernel's table has a limit, and when it is exceeded the kernel stops snooping: every multicast frame
 /// of the bridge is flooded from then on.  So entries that would come near to the limit are not even asked
-/// for.
+/// for: `GroupPlaces` decides who gets the places that there are.  When the table overflows all the same,
+/// snooping is switched on again as soon as there is room.  What listeners want and cannot get is told in
+/// "switch/refusals".
 #pragma once
 
+#include "Linux/BridgeMemory.h"
+#include "Linux/CapabilityStatus.h"
 #include "Linux/Config.h"
 #include "Linux/DeviceTable.h"
 #include "Linux/GroupAudit.h"
@@ -19,9 +23,13 @@
 #include "Linux/GroupJournal.h"
 #include "Linux/GroupLedger.h"
 #include "Linux/GroupMirror.h"
+#include "Linux/GroupPlaces.h"
+#include "Linux/GroupRefusals.h"
+#include "Linux/GroupRemoval.h"
 #include "Linux/GroupStatus.h"
 #include "Linux/GroupWanted.h"
 #include "Linux/Netlink.h"
+#include "Linux/RouterPorts.h"
 #include "Runtime/Loop.h"
 #include "Switch/BridgingInput.h"
 
@@ -45,16 +53,25 @@ public:
     /// Places in the bridge's table that are left to others.
     static constexpr std::uint32_t margin = 16;
 
-    /// `loop`, `devices` and `requests` (of NETLINK_ROUTE) must outlive it, and `devices` is used no longer
-    /// than it lives.  `wake` is called when there is something to apply, and may be called often.  `journal`
-    /// is the path of a file of this agent's own, made only if the kernel cannot mark entries as ours.
-    GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests,
-               std::shared_ptr<const Config> config, std::shared_ptr<const Bridging::Input::Config> wanted,
-               std::shared_ptr<GroupStatus> status, std::function<void()> wake, Complaint complaint,
-               std::string journal);
+    struct Records {
+        std::shared_ptr<const Config> config;
+        std::shared_ptr<const Bridging::Input::Config> wanted;
+        std::shared_ptr<GroupStatus> status;
+        std::shared_ptr<Switch::Refusals> refusals;
+    };
+    /// Whether a daemon that runs has the bridge of that name.
+    using Served = std::function<bool(const std::string& bridge)>;
 
-    /// Begins to follow the bridge, after `devices` was started.  Empty on success.
-    std::string start();
+    /// `loop`, `devices` and `requests` (of NETLINK_ROUTE) must outlive it, and `devices` is used no longer
+    /// than it lives.  `wake` is called when there is something to apply, and may be called often.  `files`
+    /// is what the paths of two files of this agent's own begin with.  Without `served`, nobody can tell
+    /// whose the marked entries of another bridge are: they are told of and stay.
+    GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests, const Records& records,
+               std::function<void()> wake, Complaint complaint, const std::string& files, Served served = {});
+
+    /// Begins to follow the bridge, after `devices` was started.  `marks`: whether the kernel notes whose an
+    /// entry is.  Empty on success.
+    std::string start(Ability marks);
     /// Asks the kernel for what is to be changed, for a few milliseconds at most; if some is left, it calls
     /// `wake` in a later turn.
     void apply();
@@ -70,13 +87,15 @@ private:
         std::map<EthAddr, std::vector<WantedGroup>> wishes;  ///< of the addresses that are looked at
         std::vector<GroupMember> adds;
         std::vector<GroupMember> deletes;
-        std::map<GroupMember, std::string> why;  ///< ... some could not be made
+        std::map<GroupMember, GroupProblem> why;  ///< ... some could not be made
     };
 
     // What changes.
     void wishChanged(const State::Change& change);
     void deviceChanged(const Device* before, const Device* now);
     void lookAtBridge();
+    /// The bridge `before` is not the switch any more, though it may live on under another name.
+    void leaveBridge(const BridgeView& before);
     /// The kernel's table has (or no longer has) that entry, not by our doing.
     void tableChanged(const GroupMember& member, std::optional<GroupOwner> before,
                       std::optional<GroupOwner> now);
@@ -86,30 +105,53 @@ private:
 
     // What is done about it.
     Batch nextBatch();
+    /// Enters who wants places for that address.
+    void claim(EthAddr mac, const std::vector<WantedGroup>& wishes);
     void decide(EthAddr mac, Batch& batch, std::size_t& places);
-    /// Why that entry cannot be asked for now; empty: it can.
-    [[nodiscard]] std::string obstacle(const GroupMember& member) const;
+    /// Why that entry cannot be asked for now.
+    [[nodiscard]] std::optional<GroupProblem> obstacle(const WantedGroup& wish) const;
     void carryOut(Batch batch);
-    std::optional<std::string> added(const GroupMember& member, const NetlinkAnswer& answer, bool& full);
+    std::optional<GroupProblem> added(const GroupMember& member, const NetlinkAnswer& answer, bool& full);
     void deleted(const GroupMember& member, const NetlinkAnswer& answer);
     void forget(const GroupMember& member);
+    /// Tells listeners of that address whether they get what they want.
+    void judge(EthAddr mac, const Batch& batch);
+    void publish(Runtime::Time begin);
+    /// Groups for which the table has room, whatever they are; some of it is left to others.
+    [[nodiscard]] std::size_t limit() const;
     /// New groups that may be asked for.
     std::size_t freePlaces();
+    /// Places for groups of ours.
+    [[nodiscard]] std::size_t capacity() const;
     void useFreedPlaces();
     /// After our request overfilled the table: has the kernel snoop again, and takes back what was added
     /// last.
     void snoopAgain(const std::vector<GroupMember>& lastAdds);
     /// Deletes entries of ours; what went wrong.
     std::string remove(const std::vector<GroupMember>& members);
+    /// Deletes all entries of ours in one go, those included that cannot be named; whether the kernel has
+    /// such a way.
+    bool flush();
+    /// Deletes those that cannot be named, if it has.
+    void flushStuck();
     void enlargeTable();
 
     // What is really there.
-    [[nodiscard]] GroupOwner ownerOf(const GroupEntry& entry) const;
+    [[nodiscard]] GroupOwner ownerOf(unsigned bridge, const GroupEntry& entry) const;
+    [[nodiscard]] std::vector<GroupMember> ours() const;
     void readTable();
     void readSoon();
+    /// The kernel stops snooping without a word: looks whether it has, and whether it can begin again.
+    void watchSnooping();
+    void judgeSnooping();
+    /// Looks for what earlier lives left on other bridges.
+    void findLeftovers();
+    void removeLeftovers();
     std::vector<GroupFinding> findings(bool repair);
+    /// What is not as it should be with the bridge itself.
+    std::vector<GroupFinding> bridgeFindings(const std::set<GroupMember>& leftOut);
     void auditByTimer();
-    void writeJournal();
+    void writeFiles();
 
     void complain(const std::string& line) const;
     [[nodiscard]] std::string portName(unsigned port) const;
@@ -121,34 +163,48 @@ private:
     const std::shared_ptr<const Bridging::Input::Config> wanted_;
     const std::function<void()> wake_;
     const Complaint complaint_;
+    const Served served_;
     GroupLedger ledger_;
+    GroupRefusals refusals_;
     GroupJournal journal_;
-    std::string journalProblem_;
+    BridgeMemory memory_;
+    RouterPorts routers_;
+    std::set<std::string> fileProblems_;
     GroupMirror mirror_;
+    GroupPlaces places_;
     State::Reactor reactor_;
 
     bool started_ = false;
     BridgeView view_;
     bool marksEntries_ = true;
+    bool flushes_ = true;
     GroupDrift drift_;
     std::optional<std::size_t> fullAt_;  ///< groups that were too many, whatever the bridge's limit says
+    bool overfilled_ = false;            ///< snooping is off because the table was full
     std::map<VlanId, std::weak_ptr<const Bridging::Input::FdbConfig>> vlans_;
 
-    std::set<EthAddr> marked_;         ///< to be looked at
-    std::set<EthAddr> placeless_;      ///< wait for a place in the table
-    std::set<EthAddr> unsure_;         ///< wait for the table to be read
-    std::set<GroupMember> inherited_;  ///< from an earlier life; kept until the grace ends
-    std::set<EthAddr> delayed_;        ///< wait for the end of the grace
+    std::set<EthAddr> marked_;                  ///< to be looked at
+    std::set<EthAddr> placeless_;               ///< wait until the kernel has freed their places
+    std::map<EthAddr, Runtime::Time> waiting_;  ///< since when something that goes by itself is in their way
+    std::set<EthAddr> unsure_;                  ///< wait for the table to be read
+    std::set<GroupMember> inherited_;           ///< from an earlier life; kept until the grace ends
+    std::set<EthAddr> delayed_;                 ///< wait for the end of the grace
+    bool stuck_ = false;                        ///< there are entries that cannot be deleted by their names
+    bool unsettled_ = false;                    ///< places are still to be given and taken
+    std::map<unsigned, std::vector<GroupMember>> leftovers_;  ///< ours, by bridges that are not the switch
 
     bool woken_ = false;
     bool readDue_ = false;
     Runtime::Time lastRead_{};
-    std::set<std::string> found_;  ///< by the last audit
+    std::set<std::string> found_;                       ///< by the last audit
+    std::optional<std::set<std::string>> differences_;  ///< that turn up while an audit reads the table
     Runtime::Timer again_;
     Runtime::Timer read_;
     Runtime::Timer graceEnd_;
     Runtime::Timer audit_;
     Runtime::Timer news_;
+    Runtime::Timer snooping_;
+    Runtime::Timer retry_;
 };
 
 }  // namespace Linux

@@ -1,8 +1,19 @@
 #include "Linux/GroupAnswer.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <string_view>
 
 namespace Linux {
+
+namespace {
+
+/// What the kernel says of a port or a bridge that is just changing.
+constexpr std::array<std::string_view, 3> passing{"not a bridge port", "not running",
+                                                  "processing is disabled"};
+
+}  // namespace
 
 GroupReaction reactionToAdd(const NetlinkAnswer& answer) {
     switch (answer.error) {
@@ -13,7 +24,16 @@ GroupReaction reactionToAdd(const NetlinkAnswer& answer) {
         case E2BIG:
             return GroupReaction::full;
         case EINVAL:
-            return answer.text == "Unknown attribute type" ? GroupReaction::unmarked : GroupReaction::refused;
+            if (answer.text == "Unknown attribute type") return GroupReaction::unmarked;
+            return std::ranges::any_of(passing,
+                                       [&](auto part) { return answer.text.find(part) != answer.text.npos; })
+                       ? GroupReaction::passing
+                       : GroupReaction::refused;
+        case EAGAIN:
+        case EINTR:
+        case ENOBUFS:
+        case ENODEV:
+            return GroupReaction::passing;
         default:
             return GroupReaction::refused;
     }

@@ -10,7 +10,8 @@ enum class GroupReaction {
     unmarked,  ///< this kernel cannot mark entries: ask again without
     full,      ///< the table is full, and the kernel stopped snooping on the whole bridge because of it
     reread,    ///< the table is not what we took it for
-    refused,   ///< not now; the answer says why
+    passing,   ///< not now: what is in the way goes by itself, or will be heard of
+    refused,   ///< the answer says why
 };
 
 GroupReaction reactionToAdd(const NetlinkAnswer& answer);

@@ -1,6 +1,5 @@
 #include "Linux/GroupAudit.h"
 
-#include "Linux/GroupLedger.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
@@ -17,7 +16,7 @@ std::string describedGroup(const GroupMember& member, const BridgeView& view) {
 }
 
 std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, const BridgeView& view,
-                                        const GroupTable& table, const GroupStatus& status,
+                                        const GroupTable& table, const GroupLedger& ledger,
                                         const std::function<bool(EthAddr)>& underway) {
     std::set<EthAddr> addresses = wantedAddresses(config);
     for (const HeldGroup& held : table.all()) {
@@ -29,12 +28,13 @@ std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, c
         const auto wishes = wantedGroups(config, mac, view);
         for (const WantedGroup& wish : wishes) {
             if (table.owner(wish.member)) continue;
-            const std::string* why = status.failed().find(failureKey(wish));
-            findings.push_back({mac, describedGroup(wish.member, view) + ": missing",
-                                why != nullptr ? *why : std::string{}});
+            findings.push_back(
+                {mac, describedGroup(wish.member, view) + ": missing", ledger.why(mac, failureKey(wish))});
         }
         for (const GroupMember& member : difference(wishes, table.of(mac)).surplus) {
-            findings.push_back({mac, describedGroup(member, view) + ": ours, but not wanted", {}});
+            const bool stuck = view.vlanFiltering && member.group.vid == 0;
+            findings.push_back({mac, describedGroup(member, view) + ": ours, but not wanted",
+                                stuck ? "it stays until the bridge does not filter VLANs" : ""});
         }
     }
     return findings;

@@ -1,10 +1,11 @@
 /// Compares what a bridge's multicast table holds with what it shall hold, for people.
 #pragma once
 
-#include "Linux/GroupStatus.h"
+#include "Linux/GroupLedger.h"
 #include "Linux/GroupWanted.h"
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,7 @@ struct GroupFinding {
 
 /// Every difference but those of addresses that are `underway`.
 std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, const BridgeView& view,
-                                        const GroupTable& table, const GroupStatus& status,
+                                        const GroupTable& table, const GroupLedger& ledger,
                                         const std::function<bool(EthAddr)>& underway);
 
 }  // namespace Linux

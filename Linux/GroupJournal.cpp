@@ -4,14 +4,8 @@
 #include "Switch/IntfId.h"
 #include "Switch/Ranged.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <fcntl.h>
-#include <fstream>
 #include <optional>
 #include <sstream>
-#include <system_error>
-#include <unistd.h>
 
 namespace Linux {
 
@@ -42,30 +36,16 @@ std::optional<Line> parse(const std::string& text) {
     return line;
 }
 
-std::string problem(const std::string& path, int error) {
-    return Runtime::concat("cannot write ", path, ": ", std::generic_category().message(error));
-}
-
-bool writeAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return false;
-        text.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 }  // namespace
 
-GroupJournal::GroupJournal(std::string path) : path_{std::move(path)} { read(); }
-
-void GroupJournal::read() {
-    std::ifstream file{path_};
+std::string GroupJournal::read() {
+    std::string all;
+    std::string problem = file_.read(all);
+    std::istringstream lines{all};
     std::string text;
-    while (std::getline(file, text)) {
+    while (std::getline(lines, text)) {
         // Whoever was interrupted while it wrote a line did not get as far as its end.
-        const auto line = file.eof() ? std::nullopt : parse(text);
+        const auto line = lines.eof() ? std::nullopt : parse(text);
         if (!line) continue;
         if (line->sign == '+') {
             ports_.insert_or_assign(line->member, line->portName);
@@ -73,6 +53,7 @@ void GroupJournal::read() {
             ports_.erase(line->member);
         }
     }
+    return problem;
 }
 
 bool GroupJournal::lists(const GroupMember& member, std::string_view portName) const {
@@ -117,28 +98,19 @@ std::string GroupJournal::flush() {
     if (pending_.empty()) return {};
     // Also once most of what the file tells is history.
     constexpr std::size_t patience = 1000;
-    if (!fd_ || linesInFile_ > patience + 4 * ports_.size()) return rewrite();
-    if (!writeAll(fd_.get(), pending_)) {
-        fd_ = FileDescriptor{};  // what stands in it now is unknown
-        return problem(path_, errno);
-    }
-    pending_.clear();
-    return {};
+    if (!file_.isOpen() || linesInFile_ > patience + 4 * ports_.size()) return rewrite();
+    std::string problem = file_.append(pending_);
+    if (problem.empty()) pending_.clear();
+    return problem;
 }
 
 std::string GroupJournal::rewrite() {
-    const std::string fresh = path_ + ".new";
-    FileDescriptor fd{open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600)};
     pending_.clear();
     linesInFile_ = 0;
     for (const auto& [member, name] : ports_) write('+', member, name);
-    // The old file stays whole until the new one is.
-    if (!fd || !writeAll(fd.get(), pending_) || std::rename(fresh.c_str(), path_.c_str()) != 0) {
-        return problem(path_, errno);
-    }
-    pending_.clear();
-    fd_ = std::move(fd);
-    return {};
+    std::string problem = file_.replace(pending_);
+    if (problem.empty()) pending_.clear();
+    return problem;
 }
 
 }  // namespace Linux

@@ -5,8 +5,8 @@
 /// directory that a boot empties, as a boot empties the bridge's table.
 #pragma once
 
-#include "Linux/FileDescriptor.h"
 #include "Linux/GroupMessage.h"
+#include "Linux/OwnFile.h"
 
 #include <map>
 #include <set>
@@ -17,8 +17,11 @@ namespace Linux {
 
 class GroupJournal {
 public:
-    /// Reads what an earlier life wrote; nothing is made or changed yet.
-    explicit GroupJournal(std::string path);
+    explicit GroupJournal(std::string path) : file_{std::move(path)} {}
+
+    /// Takes in what an earlier life wrote.  Empty on success, and where it wrote nothing; else why it cannot
+    /// be believed or read.
+    std::string read();
 
     /// A port's index may have been given to another device since; its name tells.
     [[nodiscard]] bool lists(const GroupMember& member, std::string_view portName) const;
@@ -33,14 +36,12 @@ public:
     std::string flush();
 
 private:
-    void read();
     void write(char sign, const GroupMember& member, std::string_view portName);
     std::string rewrite();
 
-    const std::string path_;
+    OwnFile file_;
     std::map<GroupMember, std::string> ports_;  ///< names of the ports
     std::string pending_;
-    FileDescriptor fd_;
     std::size_t linesInFile_ = 0;
 };
 

@@ -9,7 +9,7 @@ std::string failureKey(const WantedGroup& wanted) {
 }
 
 GroupOutcome groupOutcome(std::span<const WantedGroup> wanted, const GroupTable& table,
-                          const std::map<GroupMember, std::string>& why) {
+                          const std::map<GroupMember, GroupProblem>& why) {
     GroupOutcome outcome;
     for (const WantedGroup& wish : wanted) {
         ++outcome.wanted;
@@ -17,7 +17,7 @@ GroupOutcome groupOutcome(std::span<const WantedGroup> wanted, const GroupTable&
             ++outcome.programmed;
             if (*owner == GroupOwner::another) ++outcome.foreign;
         } else if (const auto reason = why.find(wish.member); reason != why.end()) {
-            outcome.failed.emplace(failureKey(wish), reason->second);
+            outcome.failed.emplace(failureKey(wish), reason->second.text);
         }
     }
     return outcome;
@@ -29,11 +29,13 @@ void GroupLedger::enter(EthAddr mac, GroupOutcome outcome) {
         if (!outcome.failed.contains(entry)) status_->failedDel(entry);
     }
     for (const auto& [entry, why] : outcome.failed) {
-        status_->failedIs(entry, why);
+        if (status_->failed().contains(entry) || status_->failed().size() < GroupStatus::listed)
+            status_->failedIs(entry, why);
         Reason& reason = reasons_[why];
         if (reason.entries++ == 0) reason.example = entry;
     }
     leave(before);
+    missing_ += outcome.failed.size();
     total_.wanted += outcome.wanted;
     total_.programmed += outcome.programmed;
     total_.foreign += outcome.foreign;
@@ -50,6 +52,7 @@ void GroupLedger::enter(EthAddr mac, GroupOutcome outcome) {
 }
 
 void GroupLedger::leave(const GroupOutcome& outcome) {
+    missing_ -= outcome.failed.size();
     total_.wanted -= outcome.wanted;
     total_.programmed -= outcome.programmed;
     total_.foreign -= outcome.foreign;
@@ -59,10 +62,18 @@ void GroupLedger::leave(const GroupOutcome& outcome) {
     }
 }
 
+std::string GroupLedger::why(EthAddr mac, const std::string& entry) const {
+    const auto held = outcomes_.find(mac);
+    if (held == outcomes_.end()) return {};
+    const auto reason = held->second.failed.find(entry);
+    return reason != held->second.failed.end() ? reason->second : std::string{};
+}
+
 void GroupLedger::publish(std::size_t tableUsed, std::size_t tableSize) {
     status_->wantedIs(total_.wanted);
     status_->programmedIs(total_.programmed);
     status_->foreignIs(total_.foreign);
+    status_->missingIs(static_cast<std::uint32_t>(missing_));
     status_->tableUsedIs(static_cast<std::uint32_t>(tableUsed));
     status_->tableSizeIs(static_cast<std::uint32_t>(tableSize));
 }

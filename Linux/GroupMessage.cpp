@@ -59,6 +59,8 @@ std::optional<GroupEntry> decodeEntry(const nlattr& info) {
     GroupEntry entry;
     entry.member.port = held.port;
     entry.permanent = (held.state & MDB_PERMANENT) != 0;
+    entry.offloaded = (held.flags & MDB_FLAGS_OFFLOAD) != 0;
+    entry.notTaken = (held.flags & mdbFlagsOffloadFailed) != 0;
     Group& group = entry.member.group;
     group.vid = held.vid;
     const bool isIp = held.addressKind != 0;
@@ -102,6 +104,15 @@ NetlinkMessage groupDelete(unsigned bridge, const GroupMember& member) {
     return message;
 }
 
+NetlinkMessage groupFlush(unsigned bridge, std::uint8_t protocol) {
+    NetlinkMessage message{RTM_DELMDB, requestAck | netlinkBulk};
+    message.part(PortMessage{.bridge = bridge})
+        .attribute(MDBA_SET_ENTRY, MdbEntry{})
+        .nest(MDBA_SET_ENTRY_ATTRS | NLA_F_NESTED,
+              [&](NetlinkMessage& mark) { mark.attribute(mdbeAttrRtprot, protocol); });
+    return message;
+}
+
 std::array<std::byte, 8> groupDumpBody() { return std::bit_cast<std::array<std::byte, 8>>(PortMessage{}); }
 
 NetlinkMessage multicastSnooping(unsigned bridge, bool on) {
@@ -112,15 +123,43 @@ NetlinkMessage multicastTableSize(unsigned bridge, std::uint32_t groups) {
     return bridgeSetting(bridge, IFLA_BR_MCAST_HASH_MAX, groups);
 }
 
-std::vector<GroupEntry> decodeGroups(const nlmsghdr& message, unsigned bridge) {
-    std::vector<GroupEntry> entries;
+NetlinkMessage multicastRouter(unsigned port, std::uint8_t role) {
+    ifinfomsg link{};
+    link.ifi_family = AF_BRIDGE;
+    link.ifi_index = static_cast<int>(port);
+    NetlinkMessage message{RTM_SETLINK, requestAck};
+    message.part(link).nest(IFLA_PROTINFO | NLA_F_NESTED, [&](NetlinkMessage& info) {
+        info.attribute(IFLA_BRPORT_MULTICAST_ROUTER, role);
+    });
+    return message;
+}
+
+unsigned groupBridge(const nlmsghdr& message) {
     // The messages of a dump bear the type of the request.
     if (message.nlmsg_type != RTM_NEWMDB && message.nlmsg_type != RTM_DELMDB &&
         message.nlmsg_type != RTM_GETMDB) {
-        return entries;
+        return 0;
     }
-    if (mnl_nlmsg_get_payload_len(&message) < sizeof(PortMessage)) return entries;
-    if (static_cast<const PortMessage*>(mnl_nlmsg_get_payload(&message))->bridge != bridge) return entries;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(PortMessage)) return 0;
+    return static_cast<const PortMessage*>(mnl_nlmsg_get_payload(&message))->bridge;
+}
+
+std::vector<unsigned> decodeRouters(const nlmsghdr& message, unsigned bridge) {
+    std::vector<unsigned> ports;
+    if (bridge == 0 || groupBridge(message) != bridge) return ports;
+    eachAttribute(message, sizeof(PortMessage), [&](const nlattr& table) {
+        if (mnl_attr_get_type(&table) != MDBA_ROUTER) return;
+        eachAttribute(table, [&](const nlattr& port) {
+            const auto index = number<std::uint32_t>(port);
+            if (mnl_attr_get_type(&port) == MDBA_ROUTER_PORT && index != 0) ports.push_back(index);
+        });
+    });
+    return ports;
+}
+
+std::vector<GroupEntry> decodeGroups(const nlmsghdr& message, unsigned bridge) {
+    std::vector<GroupEntry> entries;
+    if (bridge == 0 || groupBridge(message) != bridge) return entries;
     eachAttribute(message, sizeof(PortMessage), [&](const nlattr& table) {
         if (mnl_attr_get_type(&table) != MDBA_MDB) return;
         eachAttribute(table, [&](const nlattr& group) {
@@ -132,6 +171,17 @@ std::vector<GroupEntry> decodeGroups(const nlmsghdr& message, unsigned bridge) {
         });
     });
     return entries;
+}
+
+std::set<GroupMember> notOffloaded(std::span<const GroupEntry> entries) {
+    std::set<GroupMember> found;
+    // Without a chip that takes entries, none is marked.
+    const bool hasChip = std::ranges::any_of(
+        entries, [](const GroupEntry& entry) { return entry.offloaded || entry.notTaken; });
+    for (const GroupEntry& entry : entries) {
+        if (hasChip && !entry.offloaded) found.insert(entry.member);
+    }
+    return found;
 }
 
 }  // namespace Linux

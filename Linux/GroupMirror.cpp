@@ -1,5 +1,6 @@
 #include "Linux/GroupMirror.h"
 
+#include <algorithm>
 #include <linux/rtnetlink.h>
 #include <utility>
 
@@ -13,11 +14,12 @@ constexpr int queueBytes = 8 << 20;
 }  // namespace
 
 GroupMirror::GroupMirror(Runtime::FdLoop& loop, NetlinkChannel& requests, OwnerOf ownerOf, Changed changed,
-                         std::function<void()> lost)
+                         std::function<void()> routersChanged, std::function<void()> lost)
     : loop_{loop},
       requests_{requests},
       ownerOf_{std::move(ownerOf)},
       changed_{std::move(changed)},
+      routersChanged_{std::move(routersChanged)},
       notices_{loop, [this](const nlmsghdr& message) { notice(message); }, std::move(lost)} {}
 
 std::string GroupMirror::start() { return notices_.open({RTNLGRP_MDB}, queueBytes); }
@@ -26,36 +28,45 @@ void GroupMirror::bridgeIs(unsigned bridge) {
     bridge_ = bridge;
     known_ = false;
     table_.clear();
+    routers_.clear();
 }
 
 NetlinkAnswer GroupMirror::read() {
     // Old news would undo the new.
     notices_.discard();
     std::vector<GroupEntry> entries;
-    NetlinkAnswer answer = dump(entries);
+    std::set<unsigned> routers;
+    NetlinkAnswer answer = requests_.dump(
+        RTM_GETMDB, groupDumpBody(), [&] { entries.clear(), routers.clear(); },
+        [&](const nlmsghdr& message) {
+            for (GroupEntry& entry : decodeGroups(message, bridge_)) entries.push_back(std::move(entry));
+            for (const unsigned port : decodeRouters(message, bridge_)) routers.insert(port);
+        });
     if (!answer) return answer;
-    std::set<GroupMember> there;
-    for (const GroupEntry& entry : entries) there.insert(entry.member);
-    for (const HeldGroup& held : table_.all()) {
-        if (!there.contains(held.member)) take(held.member, std::nullopt);
+    if (routers != routers_) {
+        routers_ = std::move(routers);
+        routersChanged_();
     }
-    for (const GroupEntry& entry : entries) take(entry.member, ownerOf_(entry));
+    leftOut_ = notOffloaded(entries);
+    std::vector<GroupMember> there;
+    there.reserve(entries.size());
+    for (const GroupEntry& entry : entries) there.push_back(entry.member);
+    std::ranges::sort(there);
+    for (const HeldGroup& held : table_.all()) {
+        if (!std::ranges::binary_search(there, held.member)) take(held.member, std::nullopt);
+    }
+    for (const GroupEntry& entry : entries) take(entry.member, ownerOf_(bridge_, entry));
     known_ = true;
     return answer;
 }
 
-NetlinkAnswer GroupMirror::dump(std::vector<GroupEntry>& entries) {
-    return requests_.dump(
-        RTM_GETMDB, groupDumpBody(), [&] { entries.clear(); },
-        [&](const nlmsghdr& message) {
-            for (GroupEntry& entry : decodeGroups(message, bridge_)) entries.push_back(std::move(entry));
-        });
-}
-
 void GroupMirror::notice(const nlmsghdr& message) {
     if (bridge_ == 0) return;
-    for (const GroupEntry& entry : decodeGroups(message, bridge_)) {
-        take(entry.member, message.nlmsg_type == RTM_NEWMDB ? std::optional{ownerOf_(entry)} : std::nullopt);
+    const bool there = message.nlmsg_type == RTM_NEWMDB;
+    for (const GroupEntry& entry : decodeGroups(message, bridge_))
+        take(entry.member, there ? std::optional{ownerOf_(bridge_, entry)} : std::nullopt);
+    for (const unsigned port : decodeRouters(message, bridge_)) {
+        if (there ? routers_.insert(port).second : routers_.erase(port) != 0) routersChanged_();
     }
 }
 

@@ -16,14 +16,15 @@ namespace Linux {
 
 class GroupMirror {
 public:
-    using OwnerOf = std::function<GroupOwner(const GroupEntry& entry)>;
+    using OwnerOf = std::function<GroupOwner(unsigned bridge, const GroupEntry& entry)>;
     /// The kernel's table differs from what this held; it is in line already.
     using Changed = std::function<void(const GroupMember& member, std::optional<GroupOwner> before,
                                        std::optional<GroupOwner> now)>;
 
-    /// `loop` and `requests` must outlive it.  `lost` is called when notifications were lost: read the table.
+    /// `loop` and `requests` must outlive it.  `routersChanged` is called when `routers` differs; `lost` when
+    /// notifications were lost: read the table.
     GroupMirror(Runtime::FdLoop& loop, NetlinkChannel& requests, OwnerOf ownerOf, Changed changed,
-                std::function<void()> lost);
+                std::function<void()> routersChanged, std::function<void()> lost);
 
     /// Begins to listen.  Empty on success.
     std::string start();
@@ -35,8 +36,10 @@ public:
     [[nodiscard]] NetlinkAnswer read();
     /// Whether the table was read to its end before.
     [[nodiscard]] bool known() const { return known_; }
-    /// Only looks; on an error `entries` are not all.
-    [[nodiscard]] NetlinkAnswer dump(std::vector<GroupEntry>& entries);
+    /// Ports of the bridge behind which the kernel takes a multicast router to be.
+    [[nodiscard]] const std::set<unsigned>& routers() const { return routers_; }
+    /// Entries that its switch chip had not taken when the table was read.
+    [[nodiscard]] const std::set<GroupMember>& leftOut() const { return leftOut_; }
 
     /// For what our own requests did.
     GroupTable& table() { return table_; }
@@ -51,10 +54,13 @@ private:
     NetlinkChannel& requests_;
     const OwnerOf ownerOf_;
     const Changed changed_;
+    const std::function<void()> routersChanged_;
     NetlinkNotices notices_;
     unsigned bridge_ = 0;
     bool known_ = false;
     GroupTable table_;
+    std::set<unsigned> routers_;
+    std::set<GroupMember> leftOut_;
 };
 
 }  // namespace Linux

@@ -9,15 +9,23 @@
 
 namespace Linux {
 
+using Switch::GroupId;
+
 namespace {
 
 /// For so long one call may hold the loop, and by so many requests it may miss that.
 constexpr std::chrono::milliseconds turnShare{5};
 constexpr std::size_t batchSize = 128;
+/// Refusals that are told at once: each makes the reservation machine act.
+constexpr std::size_t refusalsAtOnce = 32;
 /// What does not last for so long is not worth a line.
 constexpr std::chrono::seconds newsDelay{2};
+/// What should go by itself is no excuse for longer.
+constexpr std::chrono::seconds patience{5};
+/// A table that is full is looked at no more often.
+constexpr std::chrono::milliseconds peakDelay{100};
 
-constexpr std::string_view tableFull = "the bridge's multicast table is full";
+const GroupProblem tableFull{"the bridge's multicast table is full", GroupProblem::Kind::lasting};
 
 }  // namespace
 
@@ -29,44 +37,114 @@ void GroupAgent::apply() {
     const bool upToDate = mirror_.drain();
     if (upToDate) {
         if (readDue_ && view_.bridge != 0) readTable();
+        for (const EthAddr mac : refusals_.due(begin)) marked_.insert(mac);
         useFreedPlaces();
-        while (!marked_.empty() && loop_.now() - begin < turnShare) carryOut(nextBatch());
-        writeJournal();
-        ledger_.publish(mirror_.table().groups(), view_.tableSize);
+        while ((!marked_.empty() || unsettled_) && loop_.now() - begin < turnShare) carryOut(nextBatch());
+        if (stuck_ && !graceEnd_.armed()) flushStuck();
+        if (!graceEnd_.armed()) removeLeftovers();
+        writeFiles();
+        publish(begin);
+        if (mirror_.table().peak() >= limit() && !snooping_.armed()) snooping_.armIn(peakDelay);
     }
-    if (!upToDate || !marked_.empty()) {
+    if (!upToDate || !marked_.empty() || unsettled_ || (!leftovers_.empty() && !graceEnd_.armed())) {
         again_.armIn({});
-    } else if (!placeless_.empty() && mirror_.table().placesTaken(loop_.now()) > mirror_.table().groups()) {
+    } else if (!placeless_.empty() && !again_.armed()) {
         again_.armIn(GroupTable::linger);
     }
+    if (const auto due = refusals_.nextDue()) retry_.armAt(*due);
+}
+
+void GroupAgent::publish(Runtime::Time begin) {
+    // Each of these makes others change what is wanted, at once.
+    bool all = refusals_.publish(refusalsAtOnce);
+    while (!all && loop_.now() - begin < turnShare) all = refusals_.publish(refusalsAtOnce);
+    if (!all) again_.armIn({});
+
+    GroupStatus& status = ledger_.status();
+    ledger_.publish(mirror_.table().groups(), view_.tableSize);
+    status.floodedIs(view_.bridge != 0 && !view_.snooping
+                         ? Runtime::concat("multicast snooping of ", config_->bridge(), " is off")
+                         : std::string{});
+    std::set<IntfId> everything;
+    for (const unsigned port : mirror_.routers()) everything.insert(IntfId{portName(port)});
+    for (auto port = status.routerPorts().firstKey(); port; port = status.routerPorts().nextKey(*port)) {
+        if (!everything.contains(*port)) status.routerPortDel(*port);
+    }
+    for (const IntfId port : everything) status.routerPortIs(port);
 }
 
 GroupAgent::Batch GroupAgent::nextBatch() {
     Batch batch;
-    std::size_t places = freePlaces();
     // What needs no request costs little, but not nothing.
-    while (!marked_.empty() && batch.adds.size() + batch.deletes.size() < batchSize &&
-           batch.wishes.size() < 4 * batchSize) {
-        decide(marked_.extract(marked_.begin()).value(), batch, places);
+    while (!marked_.empty() && batch.wishes.size() < 4 * batchSize) {
+        const EthAddr mac = marked_.extract(marked_.begin()).value();
+        auto& wishes = batch.wishes[mac] = wantedGroups(*wanted_, mac, view_);
+        claim(mac, wishes);
+    }
+    const auto moved = places_.settle(capacity(), batchSize);
+    unsettled_ = moved.size() >= batchSize;
+    for (const Group& group : moved) {
+        if (!batch.wishes.contains(group.mac)) marked_.insert(group.mac);
+    }
+    std::size_t places = freePlaces();
+    for (auto at = batch.wishes.begin(); at != batch.wishes.end();) {
+        if (batch.adds.size() + batch.deletes.size() < batchSize) {
+            decide(at->first, batch, places);
+            ++at;
+        } else {
+            marked_.insert(at->first);
+            at = batch.wishes.erase(at);
+        }
     }
     return batch;
 }
 
+void GroupAgent::claim(EthAddr mac, const std::vector<WantedGroup>& wishes) {
+    std::map<Group, GroupPlaces::Claim> claims;
+    for (const WantedGroup& wish : wishes) {
+        auto& claim = claims[wish.member.group];
+        claim.listened = claim.listened || wish.listened || refusals_.expected({wish.vlan, mac}, loop_.now());
+        if (!claim.talker) claim.talker = wish.talker;
+    }
+    const GroupTable& table = mirror_.table();
+    for (auto& [group, claim] : claims) {
+        const bool held = table.has(group, GroupOwner::us);
+        claim.free = table.has(group, GroupOwner::another);
+        // What was there before has its place; what is still there after it was told to go has not.
+        places_.claim(group, claim, held && !places_.knows(group));
+    }
+    for (const Group& group : places_.of(mac)) {
+        if (!claims.contains(group)) places_.release(group);
+    }
+}
+
 void GroupAgent::decide(EthAddr mac, Batch& batch, std::size_t& places) {
     placeless_.erase(mac);
-    auto& wishes = batch.wishes[mac] = wantedGroups(*wanted_, mac, view_);
-    const GroupDifference todo = difference(wishes, mirror_.table().of(mac));
+    const auto& wishes = batch.wishes.at(mac);
+    std::vector<WantedGroup> granted;
+    std::map<GroupMember, const WantedGroup*> wishOf;
+    for (const WantedGroup& wish : wishes) {
+        wishOf.emplace(wish.member, &wish);
+        if (places_.has(wish.member.group)) {
+            granted.push_back(wish);
+        } else if (auto problem = obstacle(wish)) {
+            batch.why.emplace(wish.member, std::move(*problem));
+        } else {
+            batch.why.emplace(wish.member, tableFull);
+        }
+    }
+    const GroupDifference todo = difference(granted, mirror_.table().of(mac));
     const Group* made = nullptr;  // by an add of this batch
     for (const GroupMember& member : todo.missing) {
-        std::string why = obstacle(member);
+        std::optional<GroupProblem> problem = obstacle(*wishOf.at(member));
         const bool needsPlace =
             !mirror_.table().contains(member.group) && (made == nullptr || *made != member.group);
-        if (why.empty() && needsPlace && places == 0) {
-            why = tableFull;
+        if (!problem && needsPlace && places == 0) {
             placeless_.insert(mac);
+            problem = {tableFull.text, GroupProblem::Kind::passing};
         }
-        if (!why.empty()) {
-            batch.why.emplace(member, std::move(why));
+        if (problem) {
+            batch.why.emplace(member, std::move(*problem));
             continue;
         }
         if (needsPlace) {
@@ -76,21 +154,26 @@ void GroupAgent::decide(EthAddr mac, Batch& batch, std::size_t& places) {
         batch.adds.push_back(member);
     }
     // Once its stream is there again, it is an entry like any other.
-    for (const WantedGroup& wish : wishes) inherited_.erase(wish.member);
+    for (const WantedGroup& wish : granted) inherited_.erase(wish.member);
     for (const GroupMember& member : todo.surplus) {
         if (inherited_.contains(member)) {
             delayed_.insert(mac);
+        } else if (view_.vlanFiltering && member.group.vid == 0) {
+            stuck_ = true;
         } else if (view_.snooping && !drift_.leftAlone(member, loop_.now())) {
             batch.deletes.push_back(member);
         }
     }
 }
 
-std::string GroupAgent::obstacle(const GroupMember& member) const {
-    if (!isForwardable(member.group.mac)) return "no bridge forwards that address to chosen ports";
-    if (!view_.snooping) return "multicast snooping is off";
-    if (drift_.leftAlone(member, loop_.now())) return "somebody else keeps changing it";
-    return {};
+std::optional<GroupProblem> GroupAgent::obstacle(const WantedGroup& wish) const {
+    using enum GroupProblem::Kind;
+    const EthAddr mac = wish.member.group.mac;
+    if (!isForwardable(mac)) return {{"no bridge forwards that address to chosen ports", lasting}};
+    if (!view_.snooping) return {{"multicast snooping is off", lasting}};
+    if (drift_.leftAlone(wish.member, loop_.now())) return {{"somebody else keeps changing it", retried}};
+    if (const std::string* why = refusals_.heldBack({wish.vlan, mac}, loop_.now())) return {{*why, lasting}};
+    return std::nullopt;
 }
 
 void GroupAgent::carryOut(Batch batch) {
@@ -101,7 +184,7 @@ void GroupAgent::carryOut(Batch batch) {
         messages.push_back(groupAdd(view_.bridge, member, marksEntries_ ? config_->groupProtocol() : 0));
     }
     for (const GroupMember& member : batch.deletes) messages.push_back(groupDelete(view_.bridge, member));
-    writeJournal();
+    writeFiles();
 
     std::vector<NetlinkAnswer> answers;
     if (!messages.empty()) answers = requests_.carryOut(messages);
@@ -109,21 +192,26 @@ void GroupAgent::carryOut(Batch batch) {
     for (std::size_t i = 0; i < answers.size(); ++i) {
         if (i >= batch.adds.size()) {
             deleted(batch.deletes[i - batch.adds.size()], answers[i]);
-        } else if (auto why = added(batch.adds[i], answers[i], full)) {
-            batch.why.emplace(batch.adds[i], std::move(*why));
+        } else if (auto problem = added(batch.adds[i], answers[i], full)) {
+            batch.why.emplace(batch.adds[i], std::move(*problem));
         }
     }
     for (const auto& [mac, wishes] : batch.wishes) {
-        // The kernel refused all that came after it was full.
-        if (full) marked_.insert(mac);
         ledger_.enter(mac, groupOutcome(wishes, mirror_.table(), batch.why));
+        // The kernel refused all that came after it was full.
+        if (full) {
+            marked_.insert(mac);
+        } else {
+            judge(mac, batch);
+        }
     }
     if (full) snoopAgain(batch.adds);
     if (!ledger_.failing().empty() && !news_.armed()) news_.armIn(newsDelay);
 }
 
-std::optional<std::string> GroupAgent::added(const GroupMember& member, const NetlinkAnswer& answer,
-                                             bool& full) {
+std::optional<GroupProblem> GroupAgent::added(const GroupMember& member, const NetlinkAnswer& answer,
+                                              bool& full) {
+    using enum GroupProblem::Kind;
     const GroupReaction reaction = reactionToAdd(answer);
     if (reaction == GroupReaction::done) {
         mirror_.table().put(member, GroupOwner::us);
@@ -135,19 +223,23 @@ std::optional<std::string> GroupAgent::added(const GroupMember& member, const Ne
             if (std::exchange(marksEntries_, false))
                 complain("this kernel does not mark entries; a file remembers which are ours");
             marked_.insert(member.group.mac);
-            return std::nullopt;
+            return GroupProblem{answer.problem(), passing};
         case GroupReaction::full:
             full = true;
-            return std::string{tableFull};
+            return tableFull;
         case GroupReaction::reread:
-            unsure_.insert(member.group.mac);
             drift_.changed(member, loop_.now());
             break;
-        default:
+        case GroupReaction::passing:
+            // The kernel may have stopped snooping without a word.
+            if (!snooping_.armed()) snooping_.armIn({});
             break;
+        default:
+            return GroupProblem{answer.problem(), retried};
     }
+    unsure_.insert(member.group.mac);
     readSoon();
-    return answer.problem();
+    return GroupProblem{answer.problem(), passing};
 }
 
 void GroupAgent::deleted(const GroupMember& member, const NetlinkAnswer& answer) {
@@ -160,12 +252,60 @@ void GroupAgent::deleted(const GroupMember& member, const NetlinkAnswer& answer)
     readSoon();
 }
 
-std::size_t GroupAgent::freePlaces() {
+void GroupAgent::judge(EthAddr mac, const Batch& batch) {
+    struct Verdict {
+        bool listened = false;
+        bool passing = false;
+        const GroupProblem* problem = nullptr;
+    };
+    const Runtime::Time now = loop_.now();
+    std::map<VlanId, Verdict> verdicts;
+    for (const VlanId vlan : refusals_.of(mac)) verdicts[vlan];
+    bool waits = false;
+    for (const WantedGroup& wish : batch.wishes.at(mac)) {
+        Verdict& verdict = verdicts[wish.vlan];
+        verdict.listened = wish.listened;
+        if (mirror_.table().owner(wish.member)) continue;
+        const auto why = batch.why.find(wish.member);
+        const bool passing = why == batch.why.end() || why->second.kind == GroupProblem::Kind::passing;
+        const bool patient = passing && now - waiting_.try_emplace(mac, now).first->second < patience;
+        waits = waits || passing;
+        verdict.passing = verdict.passing || patient;
+        if (!patient && why != batch.why.end()) verdict.problem = &why->second;
+    }
+    if (!waits) {
+        waiting_.erase(mac);
+    } else if (now - waiting_.at(mac) >= patience) {
+        waiting_[mac] = now;
+    }
+    for (const auto& [vlan, verdict] : verdicts) {
+        const GroupId id{vlan, mac};
+        const auto fdb = wanted_->fdbConfig(vlan);
+        if (!fdb || !fdb->ethGroup(mac)) {
+            refusals_.drop(id);
+        } else if (verdict.problem != nullptr) {
+            const bool retried = verdict.problem->kind != GroupProblem::Kind::lasting;
+            if (verdict.listened || (retried && refusals_.expected(id, now)))
+                refusals_.refuse(id, verdict.problem->text, retried, now);
+        } else if (!verdict.passing && refusals_.heldBack(id, now) == nullptr) {
+            refusals_.fulfilled(id, now);
+        }
+    }
+}
+
+std::size_t GroupAgent::limit() const {
     constexpr auto unlimited = std::numeric_limits<std::size_t>::max();
-    const std::size_t limit =
-        std::min(view_.tableSize != 0 ? view_.tableSize : unlimited, fullAt_.value_or(unlimited));
+    return std::min(view_.tableSize != 0 ? view_.tableSize : unlimited, fullAt_.value_or(unlimited));
+}
+
+std::size_t GroupAgent::freePlaces() {
     const std::size_t taken = mirror_.table().placesTaken(loop_.now()) + margin;
-    return taken < limit ? limit - taken : 0;
+    return taken < limit() ? limit() - taken : 0;
+}
+
+std::size_t GroupAgent::capacity() const {
+    const std::size_t others = mirror_.table().othersGroups() + margin;
+    return others < limit() ? limit() - others : 0;
 }
 
 void GroupAgent::useFreedPlaces() {
@@ -173,14 +313,20 @@ void GroupAgent::useFreedPlaces() {
     for (std::size_t places = freePlaces(); places > 0 && !placeless_.empty(); --places) {
         marked_.insert(placeless_.extract(placeless_.begin()));
     }
+    // Who has waited for too long is told.
+    const Runtime::Time now = loop_.now();
+    for (auto& [mac, since] : waiting_) {
+        if (now - since >= patience && placeless_.erase(mac) != 0) marked_.insert(mac);
+    }
 }
 
 void GroupAgent::snoopAgain(const std::vector<GroupMember>& lastAdds) {
     const NetlinkAnswer answer = requests_.carryOut(multicastSnooping(view_.bridge, true));
-    devices_.readAll();
+    devices_.readBridge(view_.bridge);
     readTable();
     // Whatever limit the bridge claims, this much is certain.
     fullAt_ = mirror_.table().groups();
+    mirror_.table().forgetPeak();
     complain(Runtime::concat("the multicast table was full at ", *fullAt_,
                              " groups, so the kernel switched snooping off and flooded everything; ",
                              answer && view_.snooping
@@ -190,6 +336,7 @@ void GroupAgent::snoopAgain(const std::vector<GroupMember>& lastAdds) {
     std::vector<GroupMember> back;
     for (const GroupMember& member : lastAdds) {
         if (mirror_.table().owner(member) == GroupOwner::us) back.push_back(member);
+        places_.putBack(member.group);
     }
     (void)remove(back);
 }
@@ -201,20 +348,56 @@ void GroupAgent::enlargeTable() {
 }
 
 std::string GroupAgent::remove(const std::vector<GroupMember>& members) {
-    if (members.empty()) return {};
-    std::vector<NetlinkMessage> messages;
-    messages.reserve(members.size());
-    for (const GroupMember& member : members) messages.push_back(groupDelete(view_.bridge, member));
-    const auto answers = requests_.carryOut(messages);
-    std::string problem;
-    for (std::size_t i = 0; i < answers.size(); ++i) {
-        if (answers[i]) {
-            forget(members[i]);
-        } else {
-            problem = answers[i].problem();
-        }
+    const Device* bridge = devices_.find(view_.bridge);
+    if (members.empty() || bridge == nullptr || !bridge->bridgeSettings) return {};
+    std::vector<bool> done;
+    std::string problem = removeGroups(requests_, view_.bridge, *bridge->bridgeSettings, members, done);
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        if (done[i]) forget(members[i]);
     }
     return problem;
+}
+
+bool GroupAgent::flush() {
+    const Device* bridge = devices_.find(view_.bridge);
+    if (!flushes_ || !marksEntries_ || bridge == nullptr || !bridge->bridgeSettings) return false;
+    std::set<std::uint8_t> protocols{config_->groupProtocol()};
+    for (const auto& [index, protocol] : memory_.marks()) {
+        if (index == view_.bridge) protocols.insert(protocol);
+    }
+    for (const std::uint8_t protocol : protocols) {
+        flushes_ = flushes_ && flushGroups(requests_, view_.bridge, *bridge->bridgeSettings, protocol);
+    }
+    return flushes_;
+}
+
+void GroupAgent::flushStuck() {
+    stuck_ = false;
+    const bool tried = flushes_;
+    if (!flush()) {
+        if (tried)
+            complain(
+                "groups from before it filtered VLANs stay in its table until it does not, or their ports "
+                "leave");
+        return;
+    }
+    std::vector<GroupMember> again;
+    for (const GroupMember& member : ours()) {
+        marked_.insert(member.group.mac);
+        if (member.group.vid == 0) {
+            forget(member);
+        } else {
+            again.push_back(member);
+        }
+    }
+    // The table still has them, so that what is to be is asked for without a decision in between.
+    std::vector<NetlinkMessage> messages;
+    for (const GroupMember& member : again)
+        messages.push_back(groupAdd(view_.bridge, member, config_->groupProtocol()));
+    const auto answers = requests_.carryOut(messages);
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        if (!answers[i]) forget(again[i]);
+    }
 }
 
 void GroupAgent::forget(const GroupMember& member) {

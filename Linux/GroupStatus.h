@@ -2,7 +2,9 @@
 #pragma once
 
 #include "State/Record.h"
+#include "Switch/IntfId.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -28,7 +30,23 @@ public:
     /// Groups for which the table has room; some of it is left to others.  0: not known.
     [[nodiscard]] std::uint32_t tableSize() const { return tableSize_; }
     void tableSizeIs(std::uint32_t v) { assign(tableSize_, v, "tableSize"); }
-    /// Entries that are wanted and not there, "VLAN/ADDRESS/PORT", and why.
+    /// Why every stream goes to every port; empty: it does not.
+    [[nodiscard]] const std::string& flooded() const { return flooded_; }
+    void floodedIs(const std::string& v) { assign(flooded_, v, "flooded"); }
+    /// Ports that get every stream, since the kernel takes them for those of multicast routers.
+    [[nodiscard]] const State::FlatMap<IntfId, bool>& routerPorts() const { return routerPorts_; }
+    void routerPortIs(IntfId id) { setEntry(routerPorts_, id, true, "routerPorts"); }
+    void routerPortDel(IntfId id) { delEntry(routerPorts_, id, "routerPorts"); }
+    /// Entries that the bridge has and its switch chip has not, "VLAN/ADDRESS/PORT": looked for by the audit,
+    /// and at most `listed` of them.
+    [[nodiscard]] const State::FlatMap<std::string, bool>& notOffloaded() const { return notOffloaded_; }
+    void notOffloadedIs(const std::string& entry) { setEntry(notOffloaded_, entry, true, "notOffloaded"); }
+    void notOffloadedDel(const std::string& entry) { delEntry(notOffloaded_, entry, "notOffloaded"); }
+    /// Entries that are wanted and not there.
+    [[nodiscard]] std::uint32_t missing() const { return missing_; }
+    void missingIs(std::uint32_t v) { assign(missing_, v, "missing"); }
+    /// Some of these, at most `listed`: "VLAN/ADDRESS/PORT", and why.
+    static constexpr std::size_t listed = 256;
     [[nodiscard]] const State::FlatMap<std::string, std::string>& failed() const { return failed_; }
     void failedIs(const std::string& entry, const std::string& why) {
         setEntry(failed_, entry, why, "failed");
@@ -42,6 +60,10 @@ public:
         each(State::scalar("foreign", &GroupStatus::foreign_));
         each(State::scalar("tableUsed", &GroupStatus::tableUsed_));
         each(State::scalar("tableSize", &GroupStatus::tableSize_));
+        each(State::scalar("flooded", &GroupStatus::flooded_));
+        each(State::map("routerPorts", &GroupStatus::routerPorts_));
+        each(State::map("notOffloaded", &GroupStatus::notOffloaded_));
+        each(State::scalar("missing", &GroupStatus::missing_));
         each(State::map("failed", &GroupStatus::failed_));
     }
 
@@ -51,6 +73,10 @@ private:
     std::uint32_t foreign_ = 0;
     std::uint32_t tableUsed_ = 0;
     std::uint32_t tableSize_ = 0;
+    std::string flooded_;
+    State::FlatMap<IntfId, bool> routerPorts_;
+    State::FlatMap<std::string, bool> notOffloaded_;
+    std::uint32_t missing_ = 0;
     State::FlatMap<std::string, std::string> failed_;
 };
 

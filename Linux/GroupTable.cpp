@@ -1,12 +1,45 @@
 #include "Linux/GroupTable.h"
 
+#include <algorithm>
+
 namespace Linux {
+
+namespace {
+
+bool anyOf(const std::map<unsigned, GroupOwner>& ports, GroupOwner owner) {
+    return std::ranges::any_of(ports, [owner](const auto& entry) { return entry.second == owner; });
+}
+
+}  // namespace
+
+void GroupTable::put(const GroupMember& member, GroupOwner owner) {
+    Ports& ports = held_[member.group];
+    if (anyOf(ports, GroupOwner::another)) --othersGroups_;
+    ports[member.port] = owner;
+    if (anyOf(ports, GroupOwner::another)) ++othersGroups_;
+    peak_ = std::max(peak_, held_.size());
+}
 
 void GroupTable::erase(const GroupMember& member, Runtime::Time now) {
     const auto group = held_.find(member.group);
-    if (group == held_.end() || group->second.erase(member.port) == 0 || !group->second.empty()) return;
+    if (group == held_.end()) return;
+    Ports& ports = group->second;
+    if (anyOf(ports, GroupOwner::another)) --othersGroups_;
+    ports.erase(member.port);
+    if (anyOf(ports, GroupOwner::another)) ++othersGroups_;
+    if (!ports.empty()) return;
     held_.erase(group);
     emptied_.push_back(now);
+}
+
+void GroupTable::clear() {
+    held_.clear();
+    othersGroups_ = peak_ = 0;
+}
+
+bool GroupTable::has(const Group& group, GroupOwner owner) const {
+    const auto held = held_.find(group);
+    return held != held_.end() && anyOf(held->second, owner);
 }
 
 std::optional<GroupOwner> GroupTable::owner(const GroupMember& member) const {

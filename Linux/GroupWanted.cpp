@@ -13,9 +13,8 @@ BridgeView bridgeView(const DeviceTable& devices, std::string_view bridge) {
     view.vlanFiltering = found->bridgeSettings->vlanFiltering;
     view.snooping = found->bridgeSettings->multicastSnooping;
     view.tableSize = found->bridgeSettings->multicastTableSize;
-    for (const auto& [ifindex, device] : devices.all()) {
-        if (device.bridge == view.bridge) view.ports.emplace(device.name, ifindex);
-    }
+    for (const unsigned port : devices.portsOf(view.bridge))
+        view.ports.emplace(devices.find(port)->name, port);
     return view;
 }
 
@@ -27,13 +26,20 @@ std::vector<WantedGroup> wantedGroups(const Bridging::Input::Config& config, Eth
         const auto group = fdb.ethGroup(mac);
         if (!group) return;
         const std::uint16_t vid = view.vlanFiltering ? vlan.value() : std::uint16_t{0};
+        const bool listened = hasListeners(*group);
         for (const auto& [intf, member] : group->intf()) {
             const auto port = view.ports.find(intf.name());
             if (member && port != view.ports.end())
-                wanted.push_back({vlan, intf, {{mac, vid, {}}, port->second}});
+                wanted.push_back({vlan, intf, {{mac, vid, {}}, port->second}, group->talkerIntf(), listened});
         }
     });
     return wanted;
+}
+
+bool hasListeners(const Bridging::Input::EthGroup& group) {
+    return std::ranges::any_of(group.intf(), [&](const auto& member) {
+        return member.second && member.first != group.talkerIntf();
+    });
 }
 
 std::set<EthAddr> wantedAddresses(const Bridging::Input::Config& config) {

@@ -33,10 +33,14 @@ struct WantedGroup {
     VlanId vlan;
     IntfId intf;
     GroupMember member;
+    IntfId talker;          ///< the port of the group's talker; none: not known
+    bool listened = false;  ///< somebody wants to hear the group, on this port or on another
 };
 /// Wishes for that address on ports that the bridge has, by VLAN and port.
 std::vector<WantedGroup> wantedGroups(const Bridging::Input::Config& config, EthAddr mac,
                                       const BridgeView& view);
+/// Whether a member other than the talker's port is in the group.
+bool hasListeners(const Bridging::Input::EthGroup& group);
 /// Addresses for which the record has wishes.
 std::set<EthAddr> wantedAddresses(const Bridging::Input::Config& config);
 

@@ -1,6 +1,8 @@
 #include "Linux/Privileges.h"
 
 #include "Linux/FileDescriptor.h"
+#include "Linux/GroupMessage.h"
+#include "Linux/Netlink.h"
 
 #include <cerrno>
 #include <sys/socket.h>
@@ -16,6 +18,16 @@ std::string packetSocketProblem() {
     if (error == EPERM) text += " (run as root or with CAP_NET_RAW and CAP_NET_ADMIN)";
     if (error == EAFNOSUPPORT) text += " (the kernel lacks CONFIG_PACKET)";
     return text;
+}
+
+std::string netAdminProblem() {
+    NetlinkRequests kernel;
+    std::string problem = kernel.open();
+    if (!problem.empty()) return problem;
+    // Of no bridge: whoever may ask at all is told so.
+    const NetlinkAnswer answer = kernel.carryOut(groupDelete(0, {}));
+    if (answer.error != EPERM) return {};
+    return "cannot change the bridge: " + answer.problem() + " (run as root or with CAP_NET_ADMIN)";
 }
 
 }  // namespace Linux

@@ -24,15 +24,21 @@ public:
     [[nodiscard]] bool intf(IntfId id) const { return intf_.get(id, false); }
     void intfIs(IntfId id, bool member) { setEntry(intf_, id, member, "intf"); }
     void intfDel(IntfId id) { delEntry(intf_, id, "intf"); }
+    /// The port of the group's talker, which is a member only to hold the place while nobody listens; none:
+    /// every member is there because somebody listens.
+    [[nodiscard]] IntfId talkerIntf() const { return talkerIntf_; }
+    void talkerIntfIs(IntfId v) { assign(talkerIntf_, v, "talkerIntf"); }
 
     template <class F>
     static void fields(F&& each) {
         each(State::map("intf", &EthGroup::intf_));
+        each(State::scalar("talkerIntf", &EthGroup::talkerIntf_));
     }
 
 private:
     EthAddr addr_;
     State::FlatMap<IntfId, bool> intf_;
+    IntfId talkerIntf_;
 };
 
 /// The forwarding configuration of one VLAN.

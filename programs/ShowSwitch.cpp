@@ -26,6 +26,16 @@ constexpr auto meanings = std::to_array<std::pair<std::string_view, std::string_
 
 }  // namespace
 
+std::string floodText(const Snapshot& snapshot) {
+    const Value& groups = snapshot.record(groupsPath);
+    std::string out;
+    if (const std::string why = textOf(at(groups, {"flooded"})); !why.empty())
+        out += "Every stream goes to every port: " + why + ".\n";
+    for (const auto& [port, all] : membersOf(at(groups, {"routerPorts"})))
+        out += "Every stream goes to " + port + " as well: a multicast router is taken to be there.\n";
+    return out;
+}
+
 std::string capabilitiesText(const Snapshot& snapshot) {
     const Value& capabilities = snapshot.record(capabilitiesPath);
     Table kernel{{{"KERNEL", ""}, {"STATE", ""}, {"WHAT FOR", ""}}, 0};
@@ -44,9 +54,11 @@ std::string capabilitiesText(const Snapshot& snapshot) {
     out += "\nGroups: " + number("programmed") + " of " + number("wanted") + " programmed, " +
            number("foreign") + " of them by others; the table holds " + number("tableUsed") + " of " +
            number("tableSize") + ".\n";
-    for (const auto& [entry, why] : membersOf(at(groups, {"failed"})))
-        out += "    not " + entry + ": " + textOf(why) + '\n';
-    return out;
+    const auto& failed = membersOf(at(groups, {"failed"}));
+    for (const auto& [entry, why] : failed) out += "    not " + entry + ": " + textOf(why) + '\n';
+    if (const auto missing = numberOf(at(groups, {"missing"})); missing > failed.size())
+        out += "    and " + std::to_string(missing - failed.size()) + " others\n";
+    return out + floodText(snapshot);
 }
 
 }  // namespace Show

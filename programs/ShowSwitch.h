@@ -11,6 +11,8 @@ namespace Show {
 inline constexpr std::string_view capabilitiesPath = "linux/capabilities";
 inline constexpr std::string_view groupsPath = "linux/groups";
 
+/// Where streams go besides to their listeners, a line for each; empty: nowhere.  Looks at `groupsPath`.
+std::string floodText(const Snapshot& snapshot);
 /// The kernel's abilities, the way in which each port is shaped, and the room for groups.
 std::string capabilitiesText(const Snapshot& snapshot);
 

@@ -61,6 +61,8 @@ public:
         r.age = age(stream, r.from);
         const U64 code = numberOf(at(stream, {"talkerFailureCode", r.from}));
         if (code != 0 || r.talker == "Failed") r.failure = failure(stream, code);
+        if (const std::string why = refusal(r); !why.empty() && (r.failure.empty() || isOurs(stream)))
+            r.failure += (r.failure.empty() ? "" : ": ") + why;
         if (isOurs(stream) && numberOf(at(stream, {"talkerFailureCode", r.from})) == addressInUse) {
             r.wait = lines_.forAddress(id, stream);
             r.failure += waitText(*r.wait);
@@ -82,17 +84,23 @@ private:
             isTrue(at(snapshot_.record("bridging/input/config/msrp"),
                       {"fdbConfig", std::to_string(r.vlan), "ethGroup", r.destination, "intf", port}));
         const std::string entry = std::to_string(r.vlan) + '/' + r.destination + '/' + port;
-        const std::string refusal = textOf(at(snapshot_.record("linux/groups"), {"failed", entry}));
-        p.carried = wanted && refusal.empty();
+        const Value& groups = snapshot_.record("linux/groups");
+        const std::string refused = textOf(at(groups, {"failed", entry}));
+        const std::string problem = refused.empty() ? refusal(r) : refused;
+        p.carried = wanted && problem.empty();
         p.age = age(stream, port);
         p.talker = textOf(at(stream, {"talkerState", port}));
         p.listener = textOf(at(stream, {"listenerState", port}));
-        if (wanted && !refusal.empty()) {
-            p.reason = "reserved, but the kernel does not forward it: " + refusal;
+        if (wanted && !problem.empty()) {
+            p.reason = "reserved, but the kernel does not forward it: " + problem;
         } else if (!p.carried) {
             p.reason = reason(r, p, stream);
         }
         const U64 code = numberOf(at(stream, {"talkerFailureCode", port}));
+        if (p.carried && isTrue(at(groups, {"notOffloaded", entry}))) {
+            p.carried = false;
+            p.reason = "reserved, but the switch chip has not taken its entry";
+        }
         if (!p.carried && r.failure.empty() && wantsBandwidth(code)) {
             p.wait = lines_.forBandwidth(r.id, stream, port);
             p.reason += waitText(*p.wait);
@@ -108,6 +116,9 @@ private:
         const std::string domain = textOf(at(status, {"srClassState", "SrClass" + r.srClass}));
         const U64 code = numberOf(at(stream, {"talkerFailureCode", p.name}));
         if (link != "up") return "link down";
+        const std::string bridge = textOf(at(snapshot_.record("linux/config"), {"bridge"}));
+        const Value& members = at(snapshot_.record("bridging/config"), {"switchIntfConfig"});
+        if (!bridge.empty() && at(members, {p.name}).isNull()) return "not a port of bridge " + bridge;
         if (textOf(at(status, {"portState"})) != "Forwarding") return "blocked by the spanning tree";
         if (r.from.empty()) return "no talker";
         if (domain == "WaitingForPeer") return "waiting for peer's domain";
@@ -118,6 +129,12 @@ private:
         if (p.listener.empty() || p.listener == "Ignore") return "no listener";
         if (p.listener == "AskingFailed") return "listener cannot receive it (AskingFailed)";
         return "listener " + p.listener + ", not yet carried";
+    }
+
+    /// Why the bridge cannot forward it to listeners; empty: it can, or nobody has asked.
+    [[nodiscard]] std::string refusal(const StreamReport& r) const {
+        const std::string group = std::to_string(r.vlan) + '-' + r.destination;
+        return textOf(at(snapshot_.record("switch/refusals"), {"group", group, "why"}));
     }
 
     [[nodiscard]] std::string failure(const Value& stream, U64 code) const {

@@ -4,6 +4,8 @@
 /// fit for streams, 2 wrong usage.
 #include "Control/Client.h"
 #include "Control/Json.h"
+#include "Linux/EpollLoop.h"
+#include "Linux/Leftovers.h"
 #include "Runtime/RingLog.h"
 #include "programs/Capture.h"
 #include "programs/ShowDoctor.h"
@@ -18,6 +20,7 @@
 #include <exception>
 #include <iostream>
 #include <optional>
+#include <set>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -49,6 +52,9 @@ struct Options {
     std::uint16_t vlan = 2;
     std::uint64_t count = 0;
     bool repair = false;
+    std::vector<std::uint8_t> protocols{Linux::Config{}.groupProtocol()};
+    std::vector<std::uint16_t> handles{Linux::Config{}.queueHandle()};
+    bool yes = false;
 };
 
 std::string spread(const Value& value, bool json) {
@@ -91,13 +97,15 @@ std::string fetch(const Options& options, const std::vector<std::string>& paths,
 const std::vector<std::string> streamRecords{"msrp/status",     "msrp/waiting",
                                              "msrp/config",     "msrp/cliConfig",
                                              "bridging/config", "bridging/input/config/msrp",
-                                             "linux/groups",    "interface/status/eth/phy/all"};
+                                             "linux/groups",    "interface/status/eth/phy/all",
+                                             "linux/config",    "switch/refusals"};
 const std::vector<std::string> portRecords{"msrp/status",
                                            "msrp/waiting",
                                            "msrp/config",
                                            "msrp/cliConfig",
                                            "mrp/status",
                                            "linux/packets",
+                                           "linux/groups",
                                            "bridging/config",
                                            "bridging/input/config/msrp",
                                            "qos/input/config/msrp",
@@ -107,7 +115,8 @@ const std::vector<std::string> portRecords{"msrp/status",
 int showStreams(const Options& options) {
     Show::Snapshot snapshot;
     if (const auto problem = fetch(options, streamRecords, snapshot); !problem.empty()) return fail(problem);
-    std::cout << (options.json ? spread(Show::streamsValue(snapshot), true) : Show::streamsText(snapshot));
+    std::cout << (options.json ? spread(Show::streamsValue(snapshot), true)
+                               : Show::streamsText(snapshot) + Show::floodText(snapshot));
     return done;
 }
 
@@ -120,15 +129,18 @@ int showStream(const Options& options) {
     const auto all = Show::streamReports(snapshot);
     const auto found = std::ranges::find(all, *id, &Show::StreamReport::id);
     if (found == all.end()) return fail("no stream " + Show::streamName(*id));
-    std::cout << (options.json ? spread(Show::streamValue(*found), true) : Show::streamText(*found));
+    std::cout << (options.json ? spread(Show::streamValue(*found), true)
+                               : Show::streamText(*found) + Show::floodText(snapshot));
     return done;
 }
 
-int showPorts(const Options& options, Show::Table (*make)(const Show::Snapshot&)) {
+int showPorts(const Options& options, Show::Table (*make)(const Show::Snapshot&),
+              std::string (*below)(const Show::Snapshot&) = nullptr) {
     Show::Snapshot snapshot;
     if (const auto problem = fetch(options, portRecords, snapshot); !problem.empty()) return fail(problem);
     const Show::Table table = make(snapshot);
     std::cout << (options.json ? spread(table.value(), true) : table.text());
+    if (!options.json && below != nullptr) std::cout << below(snapshot);
     return done;
 }
 
@@ -244,6 +256,51 @@ int doctor(const Options& options) {
     return Show::healthy(findings) ? done : refused;
 }
 
+/// Who runs and keeps one of those bridges; empty: nobody.
+std::string keeper(const Options& options, const std::set<std::string>& bridges) {
+    Control::Client client;
+    Value reply;
+    if (!ask(options, client, request("get", "linux/config"), reply).empty()) return {};
+    const std::string bridge = Show::textOf(Show::at(reply, {"value", "bridge"}));
+    return bridges.contains(bridge) ? "the daemon behind " + options.socket + " keeps bridge " + bridge : "";
+}
+
+int clean(const Options& options) {
+    Linux::EpollLoop loop;
+    Linux::DeviceTable devices{loop};
+    Linux::NetlinkRequests kernel;
+    std::vector<Linux::Leftover> found;
+    const Linux::OwnMarks marks{{options.protocols.begin(), options.protocols.end()},
+                                {options.handles.begin(), options.handles.end()}};
+    std::string problem = devices.start();
+    if (problem.empty()) problem = kernel.open();
+    if (problem.empty()) problem = Linux::findLeftovers(kernel, devices, marks, found);
+    if (!problem.empty()) return fail(problem);
+    std::set<std::string> bridges;
+    for (const Linux::Leftover& leftover : found) {
+        const Linux::Device* device = devices.find(leftover.device);
+        const Linux::Device* bridge = device->bridge != 0 ? devices.find(device->bridge) : device;
+        if (bridge != nullptr) bridges.insert(bridge->name);
+    }
+    if (const std::string who = keeper(options, bridges); !who.empty()) return fail(who + "; end it first");
+    int result = done;
+    for (const Linux::Leftover& leftover : found) {
+        problem = options.yes ? leftover.remove(kernel) : "";
+        std::cout << leftover.device << ": " << leftover.what
+                  << (!problem.empty() ? " stay: " + problem
+                      : options.yes    ? " removed"
+                                       : "")
+                  << '\n';
+        if (!problem.empty()) result = refused;
+    }
+    if (found.empty()) {
+        std::cout << "nothing is left\n";
+    } else if (!options.yes) {
+        std::cout << "--yes removes them\n";
+    }
+    return result;
+}
+
 int captureFrames(const Options& options) {
     if (options.file == "-" && ::isatty(STDOUT_FILENO) != 0)
         return fail("a capture is no text for a terminal; send it into a file or a program", usage);
@@ -288,7 +345,7 @@ int run(int argc, char** argv) {
         ->required();
     table(show, "ports",
           "Links, classes, bandwidth in use and allowed, queues, who waits, and the protocol's health",
-          [](const Options& o) { return showPorts(o, Show::ports); });
+          [](const Options& o) { return showPorts(o, Show::ports, Show::floodText); });
     table(show, "domain", "What each port is to each class",
           [](const Options& o) { return showPorts(o, Show::domain); });
     table(show, "counters", "Counters that are not zero",
@@ -326,6 +383,18 @@ int run(int argc, char** argv) {
     doctorCommand->add_option("--vlan", options.vlan, "VLAN of the streams")
         ->check(CLI::Range(1, 4094))
         ->capture_default_str();
+    CLI::App* cleanCommand =
+        table(&app, "clean", "What a daemon that is gone has left in the kernel; needs no daemon", clean);
+    cleanCommand
+        ->add_option("--protocol", options.protocols,
+                     "Number that marks groups (groupProtocol); several may follow")
+        ->check(CLI::Range(4, 255))
+        ->capture_default_str();
+    cleanCommand
+        ->add_option("--handle", options.handles, "Major number of queues (queueHandle); several may follow")
+        ->check(CLI::Range(1, 0xFFEF))
+        ->capture_default_str();
+    cleanCommand->add_flag("--yes", options.yes, "Removes it");
     table(&app, "ringlog", "Reads a ring log file", ringLog)
         ->add_option("FILE", options.file, "The file")
         ->required();
@@ -338,8 +407,9 @@ int run(int argc, char** argv) {
         return fail(error.what(), usage);
     }
     if (app.get_subcommands().empty())
-        return fail("a command is needed: show, list, get, set, watch, capture, audit, doctor or ringlog",
-                    usage);
+        return fail(
+            "a command is needed: show, list, get, set, watch, capture, audit, doctor, clean or ringlog",
+            usage);
     if (show->parsed() && show->get_subcommands().empty())
         return fail("show what? streams, stream ID, ports, domain, counters, capabilities, mrp or log",
                     usage);

@@ -87,6 +87,7 @@ public:
     int run() {
         if (const std::string problem = loadConfig(); !problem.empty()) return fail(problem, usage);
         std::string problem = Linux::packetSocketProblem();
+        if (problem.empty() && !onBridge().empty()) problem = Linux::netAdminProblem();
         if (problem.empty()) problem = server_.start(options_.socket);
         if (problem.empty()) problem = devices_.start();
         if (problem.empty() && !onBridge().empty()) problem = startDataplane();
@@ -179,7 +180,7 @@ private:
                                       .groupStatus = groups_,
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
-            options_.socket + ".groups", [this](const std::string& line) { tell(LOG_WARNING, line); });
+            options_.socket, [this](const std::string& line) { tell(LOG_WARNING, line); });
         return dataplane_->start();
     }
 

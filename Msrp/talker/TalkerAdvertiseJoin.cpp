@@ -176,6 +176,7 @@ void MsrpSm::claimGroup(StreamData& stream, IntfId intf) {
     if (stream.ethGroup() || !fdb || fdb->ethGroup(stream.macDa())) return;
     const auto group = fdb->ethGroupIs(stream.macDa());
     stream.ethGroupIs(group);
+    group->talkerIntfIs(intf);
     group->intfIs(intf, true);
 }
 

@@ -18,7 +18,9 @@ Show::Snapshot snapshot() {
     s.now = 1000.0;
     s.records["msrp/config"] = json(R"({"intfEnable": {"swp1": true, "swp2": true, "swp3": true, "swp4": true,
         "swp5": true, "swp6": true, "swp7": true, "swp8": true, "off": false}})");
-    s.records["bridging/config"] = json(R"({"bridgeMac": "02:00:00:00:00:01"})");
+    s.records["linux/config"] = json(R"({"bridge": "br0"})");
+    s.records["bridging/config"] = json(R"({"bridgeMac": "02:00:00:00:00:01", "switchIntfConfig": {
+        "swp1": {}, "swp2": {}, "swp3": {}, "swp4": {}, "swp5": {}, "swp6": {}, "swp7": {}}})");
     s.records["bridging/input/config/msrp"] = json(R"({"fdbConfig": {"2": {"ethGroup": {
         "91:e0:f0:00:fe:01": {"intf": {"swp2": true, "swp3": false}}}}}})");
     s.records["msrp/status"] = json(R"({
@@ -58,14 +60,16 @@ TEST(ShowStreams, TellsWhoCarriesAStreamAndWhyTheOthersDoNot) {
     not to swp4: waiting for peer's domain
     not to swp5: link down
     not to swp6: blocked by the spanning tree
-    not to swp7, swp8: no listener
+    not to swp7: no listener
+    not to swp8: not a port of bridge br0
 00:00:00:00:00:00/2  0x2                 swp2  91:e0:f0:00:fe:02  2     A      0     1s
     talker failed: insufficient bandwidth for the traffic class (found by bridge 8000.02:00:00:00:00:07)
     not to swp1: insufficient bandwidth for the traffic class (found by bridge 8000.02:00:00:00:00:07)
-    not to swp3, swp7, swp8: talker not declared to this port
+    not to swp3, swp7: talker not declared to this port
     not to swp4: waiting for peer's domain
     not to swp5: link down
     not to swp6: blocked by the spanning tree
+    not to swp8: not a port of bridge br0
 )");
     EXPECT_EQ(Show::streamsText({}), "no streams\n");
 }
@@ -178,7 +182,7 @@ swp4  no       -          -             -    waiting for peer's domain
 swp5  no       -          -             -    link down
 swp6  no       -          -             -    blocked by the spanning tree
 swp7  no       Advertise  -             -    no listener
-swp8  no       Advertise  -             -    no listener
+swp8  no       Advertise  -             -    not a port of bridge br0
 )");
 }
 

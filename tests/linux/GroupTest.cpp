@@ -1,13 +1,16 @@
 #include "Linux/GroupAnswer.h"
 #include "Linux/GroupDrift.h"
 #include "Linux/GroupJournal.h"
+#include "Linux/GroupPlaces.h"
 #include "Linux/GroupWanted.h"
 #include "Runtime/Text.h"
 #include "tests/linux/Golden.h"
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <linux/rtnetlink.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -30,6 +33,7 @@ TEST(GroupMessage, AsksInTheKernelsWords) {
     same(Linux::groupAdd(10, member(3, 0, 11), 78), "mdb add with protocol 78");
     same(Linux::groupAdd(10, member(4, 2, 11), 78), "mdb add vid 2 with protocol 78");
     same(Linux::groupDelete(10, member(2, 2, 11)), "mdb del vid 2");
+    same(Linux::groupFlush(10, 78), "mdb flush by protocol");
     same(Linux::multicastSnooping(10, true), "bridge: multicast snooping on");
     same(Linux::multicastTableSize(10, 16384), "bridge: multicast table size");
     const auto body = Linux::groupDumpBody();
@@ -99,11 +103,50 @@ TEST(GroupWanted, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
     EXPECT_EQ(todo(), "+2@11+2@12+3@11-3@12");
 }
 
+TEST(GroupPlaces, GoToListenersFirstAndThenToPortsInEqualParts) {
+    Linux::GroupPlaces places;
+    const auto claim = [&](unsigned from, unsigned to, const char* talker, bool listened) {
+        for (; from < to; ++from)
+            places.claim(member(from, 0, 0).group, {listened, IntfId{talker}, false}, false);
+    };
+    // Places of groups 0 to 9, 10 to 19, ... when all is settled, in steps of any size.
+    const auto settled = [&](std::size_t capacity) {
+        while (!places.settle(capacity, 3).empty()) {
+        }
+        std::string text;
+        for (unsigned tens = 0; tens < 40; tens += 10) {
+            unsigned count = 0;
+            for (unsigned n = tens; n < tens + 10; ++n) count += places.has(member(n, 0, 0).group) ? 1 : 0;
+            text += Runtime::concat(text.empty() ? "" : " ", count);
+        }
+        return text;
+    };
+    claim(0, 10, "a", false);
+    EXPECT_EQ(settled(8), "8 0 0 0");
+    claim(10, 14, "b", false);
+    EXPECT_EQ(settled(8), "4 4 0 0") << "nobody listens to any: ports get equal parts";
+    claim(20, 30, "c", true);
+    EXPECT_EQ(settled(8), "0 0 8 0") << "whom somebody listens to goes first";
+    claim(30, 33, "d", true);
+    EXPECT_EQ(settled(8), "0 0 5 3");
+    EXPECT_TRUE(places.has(member(24, 0, 0).group)) << "the last that came goes first";
+    EXPECT_EQ(settled(5), "0 0 5 3") << "a reservation ends for another's sake only";
+    claim(20, 22, "c", false);
+    EXPECT_EQ(settled(8), "0 0 5 3") << "two others of its port have waited";
+    EXPECT_FALSE(places.has(member(20, 0, 0).group));
+    for (unsigned n = 20; n < 40; ++n) places.release(member(n, 0, 0).group);
+    EXPECT_EQ(settled(8), "4 4 0 0");
+    places.claim(member(9, 0, 0).group, {false, IntfId{"a"}, true}, false);
+    EXPECT_EQ(settled(0), "1 0 0 0") << "a group of others takes no place of ours";
+}
+
 TEST(GroupAnswer, SaysWhatToDo) {
     EXPECT_EQ(Linux::reactionToAdd({}), GroupReaction::done);
     EXPECT_EQ(Linux::reactionToAdd({EEXIST, "Group is already joined by port"}), GroupReaction::reread);
     EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Unknown attribute type"}), GroupReaction::unmarked);
-    EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Bridge device is not running"}), GroupReaction::refused);
+    EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Bridge device is not running"}), GroupReaction::passing);
+    EXPECT_EQ(Linux::reactionToAdd({ENODEV, ""}), GroupReaction::passing);
+    EXPECT_EQ(Linux::reactionToAdd({EPERM, ""}), GroupReaction::refused);
     EXPECT_EQ(Linux::reactionToAdd({E2BIG, ""}), GroupReaction::full);
     EXPECT_EQ(Linux::reactionToDelete({EINVAL, ""}), GroupReaction::reread);
     EXPECT_EQ(Linux::reactionToDelete({EINVAL, "Bridge's multicast processing is disabled"}),
@@ -125,7 +168,14 @@ TEST(GroupDrift, LeavesAloneWhatChangesThreeTimesAMinute) {
 }
 
 TEST(GroupJournal, KnowsItsOwnAfterAnyEnd) {
-    const std::string path = testing::TempDir() + "group-journal-" + std::to_string(getpid());
+    std::string folder = testing::TempDir() + "group-journal-XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::string path = folder + "/journal";
+    const auto readAgain = [&] {
+        Linux::GroupJournal journal{path};
+        EXPECT_EQ(journal.read(), "");
+        return journal;
+    };
     const GroupMember kept = member(1, 2, 11);
     const GroupMember dropped = member(2, 2, 11);
     {
@@ -141,14 +191,14 @@ TEST(GroupJournal, KnowsItsOwnAfterAnyEnd) {
         file << "? what\n+ 11 swp1 5000 91:e0:f0:00:fe:03\n+ 12 swp2 2 91:e0:f0:00:fe:04";  // torn
     }
     {
-        const Linux::GroupJournal journal{path};
+        const Linux::GroupJournal journal = readAgain();
         EXPECT_TRUE(journal.lists(kept, "swp1"));
         EXPECT_FALSE(journal.lists(kept, "swp9")) << "the index has another bearer";
         EXPECT_FALSE(journal.lists(dropped, "swp1"));
         EXPECT_FALSE(journal.lists(member(4, 2, 12), "swp2"));
     }
     {
-        Linux::GroupJournal journal{path};
+        Linux::GroupJournal journal = readAgain();
         journal.portNameIs(11, "swp3");
         EXPECT_EQ(journal.flush(), "");
         // History does not make the file grow without end.
@@ -159,14 +209,31 @@ TEST(GroupJournal, KnowsItsOwnAfterAnyEnd) {
         }
     }
     EXPECT_LT(std::filesystem::file_size(path), 50'000U);
-    EXPECT_TRUE(Linux::GroupJournal{path}.lists(kept, "swp3"));
-    EXPECT_EQ((Linux::GroupJournal{path}.keepOnly({})), "");
+    EXPECT_TRUE(readAgain().lists(kept, "swp3"));
+    EXPECT_EQ(readAgain().keepOnly({}), "");
     EXPECT_EQ(std::filesystem::file_size(path), 0U);
-    std::filesystem::remove(path);
 
-    Linux::GroupJournal nowhere{"/nonexistent/journal"};
-    nowhere.add(kept, "swp1");
-    EXPECT_EQ(nowhere.flush(), "cannot write /nonexistent/journal: No such file or directory");
+    // Nothing that others may have written, or made a trap of.
+    const auto problem = [&] { return Linux::GroupJournal{path}.read().erase(0, path.size()); };
+    namespace fs = std::filesystem;
+    fs::permissions(path, fs::perms::others_write, fs::perm_options::add);
+    EXPECT_EQ(problem(), " is not read: others may write it");
+    fs::rename(path, folder + "/other");
+    fs::permissions(folder + "/other", fs::perms::owner_all);
+    fs::create_symlink("other", path);
+    EXPECT_EQ(Linux::GroupJournal{path}.read(),
+              "cannot read " + path + ": Too many levels of symbolic links");
+    fs::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(problem(), " is not read: it is no plain file");
+    fs::remove(path);
+    fs::permissions(folder, fs::perms::group_write, fs::perm_options::add);
+    EXPECT_EQ(problem(), " is not used: others may write in its folder");
+    Linux::GroupJournal journal{path};
+    journal.add(kept, "swp1");
+    EXPECT_NE(journal.flush(), "");
+    EXPECT_FALSE(fs::exists(path));
+    fs::remove_all(folder);
 }
 
 }  // namespace

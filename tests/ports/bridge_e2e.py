@@ -45,6 +45,8 @@ for line in sys.stdin:
         for number in range(first, first + count):
             wire.send(head + bytes(28) + b"DATA" + struct.pack(">I", number) + bytes(40))
         print(count, flush=True)
+    elif word == "raw":
+        print(wire.send(bytes.fromhex(address)), flush=True)
     else:
         listen()
         numbers = heard.get(mac(address), set())
@@ -138,6 +140,8 @@ class OnABridge(unittest.TestCase):
             bed.switch_ip(*leave)
             self.until_carried()
             self.assertNotIn("swp2", members())
+            bed.wait(lambda: bed.read("show", "stream", STREAM)["record"]["listenerState"] == {}, 5,
+                     "the talker still hears of a listener whom nothing reaches")
             bed.switch_ip(*back)
             self.until_carried("swp2")
             self.assertEqual(self.arrived(), (100, 0))
@@ -156,6 +160,69 @@ class OnABridge(unittest.TestCase):
         self.assertIn("blocked by the spanning tree", bed.shown("show", "stream", STREAM))
         subprocess.run(["bridge", "-n", bed.switch, "link", "set", "dev", "swp2", "state", "3"], check=True)
         self.until_carried("swp2")
+
+    def test_nobody_else_gets_a_stream_by_asking_for_routers_packets(self):
+        bed = self.bed
+        bed.daemon()
+        bed.station("swp1", "--talk", TALK)
+        bed.station("swp2", "--listen", STREAM)
+        self.until_carried("swp2")
+        # A host asks who listens to IP multicasts: IGMP, general query.
+        query = bytes.fromhex("01005e000001 020000000202 0800 46c00020000100000102 3a14 0a000002e0000001 94040000"
+                              "1164ee9b00000000")
+        self.traffic["swp3"].say("raw", query.hex(), 1, 1)
+        self.assertEqual(self.arrived(), (100, 0), "a port without listener gets the stream")
+        self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
+
+    def test_what_finds_no_room_is_told_and_comes_when_there_is(self):
+        bed = self.bed
+        bed.switch_ip("link", "set", "br0", "type", "bridge", "mcast_hash_max", "48")
+        bed.daemon()
+        streams = [f"0x{0x200000002020000 + number:X}" for number in range(1, 41)]
+        bed.station("swp1", *(word for number, stream in enumerate(streams, 1)
+                              for word in ("--talk", f"{stream},91:e0:f0:00:02:{number:02x},{VLAN},A,1,1")))
+        bed.station("swp2", *(word for stream in streams for word in ("--listen", stream)))
+
+        def carried():
+            return sum("swp2" in ports for ports in self.entries().values())
+
+        # Hosts have groups of their own, and some places are theirs.
+        bed.wait(lambda: carried() + len(bed.read("get", "switch/refusals/group")) == 40 and carried() <= 32, 10,
+                 "the table does not fill up")
+        refused = next(iter(bed.read("get", "switch/refusals/group"))).split("-")[1]
+        stream = streams[int(refused[-2:], 16) - 1]
+        bed.wait(lambda: "the bridge's multicast table is full" in bed.control("show", "stream", stream).stdout, 5,
+                 "nobody tells why a stream has no place")
+        bed.switch_ip("link", "set", "br0", "type", "bridge", "mcast_snooping", "0")
+        for what in (["streams"], ["ports"]):
+            bed.wait(lambda: "Every stream goes to every port" in bed.shown("show", *what), 5,
+                     f"show {what[0]} does not tell of the flood")
+        bed.switch_ip("link", "set", "br0", "type", "bridge", "mcast_snooping", "1")
+        bed.switch_ip("link", "set", "br0", "type", "bridge", "mcast_hash_max", "128")
+        bed.wait(lambda: (carried(), bed.read("get", "switch/refusals/group")) == (40, {}), 30, "room is not used")
+
+    def test_what_a_killed_daemon_left_can_be_cleaned_away(self):
+        bed = self.bed
+        daemon = bed.daemon()
+        bed.station("swp1", "--talk", TALK)
+        bed.wait(self.entries, 10, "the talker's address is not filtered")
+        clean = ["ip", "netns", "exec", bed.switch, bed.build / "msrpctl", "--socket", bed.socket, "clean"]
+        self.assertEqual(subprocess.run([*clean, "--yes"], check=False, stderr=subprocess.PIPE).returncode, 1)
+        daemon.kill()
+        daemon.wait()
+        self.assertIn("br0: 1 entries", subprocess.run(clean, check=True, stdout=subprocess.PIPE, text=True).stdout)
+        self.assertEqual(len(self.entries()), 1)
+        subprocess.run([*clean, "--protocol", "9", "--yes"], check=True, stdout=subprocess.PIPE)
+        self.assertEqual(len(self.entries()), 1, "that is not ours")
+        subprocess.run([*clean, "--yes"], check=True, stdout=subprocess.PIPE)
+        self.assertEqual(self.entries(), {})
+
+    def test_without_the_right_to_change_bridges_it_does_not_start(self):
+        done = subprocess.run(["ip", "netns", "exec", self.bed.switch, "setpriv", "--bounding-set", "-net_admin",
+                               "--inh-caps", "-net_admin", *self.bed.daemon_command()], check=False, timeout=10,
+                              stderr=subprocess.PIPE, text=True)
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr, "^msrpd: cannot change the bridge: .*CAP_NET_ADMIN\\)\n$")
 
     def test_a_daemon_that_is_killed_leaves_no_gap_and_nothing_stale(self):
         bed = self.bed

@@ -49,7 +49,7 @@ class Switch(Testbed):
         groups = {}
         for entry in (json.loads(done.stdout) or [{}])[0].get("mdb", []):
             if entry["grp"].startswith("91:"):
-                groups.setdefault((entry["grp"], entry["vid"]), []).append(entry["port"])
+                groups.setdefault((entry["grp"], entry.get("vid", 0)), []).append(entry["port"])
         return groups
 
     def until_groups(self, port, why):
@@ -77,6 +77,26 @@ class Reservations(unittest.TestCase):
         bed.vlan("add", "swp2")
         bed.until_groups("swp2", "a port that came back gets no streams")
         self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
+
+    def test_filtering_may_be_switched_while_streams_run(self):
+        bed = self.bed
+
+        def filtering(on):
+            bed.switch_ip("link", "set", bed.bridge, "type", "bridge", "vlan_filtering", on)
+
+        def everywhere(port, vlan):
+            return {(mac, vlan): [port] for mac in (DESTINATION, DESTINATION_B)}
+
+        filtering("0")
+        bed.wait(lambda: bed.groups() == everywhere("swp2", 0), PATIENCE, "entries for VLANs stay without filtering")
+        filtering("1")
+        bed.until_groups("swp2", "the streams are not forwarded in their VLAN")
+        self.listener.terminate()
+        bed.until_groups("swp1", "a listener that left still gets streams")
+        # Nothing deletes them by name now, and what stays is told.
+        self.assertIn("it stays until the bridge does not filter VLANs", bed.control("audit").stdout)
+        filtering("0")
+        bed.wait(lambda: bed.groups() == everywhere("swp1", 0), PATIENCE, "a listener that left gets streams again")
 
     def test_a_restarted_daemon_knows_its_own_groups(self):
         bed = self.bed
