@@ -13,8 +13,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -251,12 +253,27 @@ int captureFrames(const Options& options) {
     return problem.empty() ? done : fail(problem);
 }
 
+/// "2026-11-21T22:56:42.123456Z"; "-" where it is not known.
+std::string wallText(const std::optional<Runtime::WallTime>& time) {
+    if (!time) return "-";
+    const auto microseconds = std::chrono::floor<std::chrono::microseconds>(*time);
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(microseconds);
+    const std::time_t whole = seconds.time_since_epoch().count();
+    std::tm utc{};
+    ::gmtime_r(&whole, &utc);
+    char day[32];
+    char text[48];
+    std::strftime(day, sizeof day, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text, sizeof text, "%s.%06dZ", day, static_cast<int>((microseconds - seconds).count()));
+    return text;
+}
+
 int ringLog(const Options& options) {
     const auto records = Runtime::RingLog::read(options.file);
     if (!records) return fail(options.file + ": not a ring log");
     for (const Runtime::RingRecord& record : *records) {
-        std::printf("%llu %.6f %s %llx %llx %llx\n", static_cast<unsigned long long>(record.sequence),
-                    Runtime::seconds(record.time), record.label.c_str(),
+        std::printf("%llu %s %.6f %s %llx %llx %llx\n", static_cast<unsigned long long>(record.sequence),
+                    wallText(record.wallTime).c_str(), Runtime::seconds(record.time), record.label.c_str(),
                     static_cast<unsigned long long>(record.arguments[0]),
                     static_cast<unsigned long long>(record.arguments[1]),
                     static_cast<unsigned long long>(record.arguments[2]));
