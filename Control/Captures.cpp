@@ -8,8 +8,9 @@ namespace Control {
 
 using State::Value;
 
-Captures::Captures(const Runtime::Loop& loop, FrameSource& source, std::function<void()> notice)
-    : loop_{loop}, source_{source}, notice_{std::move(notice)} {}
+Captures::Captures(const Runtime::Loop& loop, FrameSource& source, Budget& budget,
+                   std::function<void()> notice)
+    : loop_{loop}, source_{source}, budget_{budget}, notice_{std::move(notice)} {}
 
 Captures::Capture::Capture(Captures& owner, const std::string& port)
     : subscription{owner.source_, port,
@@ -27,13 +28,13 @@ std::string Captures::add(const std::string& port) {
 
 void Captures::clear() {
     waiting_.clear();
-    memory_ = 0;
+    budget_.giveBack(std::exchange(memory_, 0));
     captures_.clear();
 }
 
 void Captures::keep(Capture& capture, Direction direction, std::span<const std::uint8_t> frame) {
     Frame kept{capture, loop_.now(), direction, capture.dropped, {frame.begin(), frame.end()}};
-    if (memory_ + kept.memory() > waitingLimit) {
+    if (memory_ + kept.memory() > waitingLimit || !budget_.take(kept.memory())) {
         ++capture.dropped;
         return;
     }
@@ -51,6 +52,7 @@ State::Object Captures::next() {
                        {"frame", Value{hexOctets(frame.octets)}}};
     if (frame.dropped > 0) told.emplace_back("dropped", frame.dropped);
     memory_ -= frame.memory();
+    budget_.giveBack(frame.memory());
     waiting_.pop_front();
     return told;
 }

@@ -4,6 +4,7 @@
 /// of that port that found room, so that the client knows where the gap is.
 #pragma once
 
+#include "Control/Budget.h"
 #include "Control/FrameSource.h"
 #include "Runtime/Loop.h"
 #include "State/Value.h"
@@ -26,15 +27,17 @@ public:
     /// Octets of memory for frames that wait: what a peer with thousands of streams says in one go.
     static constexpr std::size_t waitingLimit = std::size_t{4} << 20;
 
-    /// `notice` is called when a frame waits and none did before; from inside a frame's way, so it should
-    /// only make a note.  Loop and source must outlive this.
-    Captures(const Runtime::Loop& loop, FrameSource& source, std::function<void()> notice);
+    /// `budget` is what all captures of all clients have together.  `notice` is called when a frame waits and
+    /// none did before; from inside a frame's way, so it should only make a note.  All must outlive this.
+    Captures(const Runtime::Loop& loop, FrameSource& source, Budget& budget, std::function<void()> notice);
+    ~Captures() { clear(); }
 
     /// Begins a capture.  Empty, or one line that says why not.
     std::string add(const std::string& port);
     /// Ends them all, and forgets what waits.
     void clear();
 
+    [[nodiscard]] bool any() const { return !captures_.empty(); }
     [[nodiscard]] bool waiting() const { return !waiting_.empty(); }
     /// Takes the oldest frame that waits, in the form in which it goes out; only while one waits.
     [[nodiscard]] State::Object next();
@@ -59,6 +62,7 @@ private:
 
     const Runtime::Loop& loop_;
     FrameSource& source_;
+    Budget& budget_;
     const std::function<void()> notice_;
     std::list<Capture> captures_;
     std::deque<Frame> waiting_;

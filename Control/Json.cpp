@@ -1,6 +1,9 @@
 #include "Control/Json.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -17,27 +20,39 @@ using State::Value;
 
 constexpr std::size_t maxDepth = 64;
 
-template <class T>
-std::string scalarText(const T& value) {
-    // An octet that is no UTF-8 must not cost the reader the whole reply.
-    return Json(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+/// Neither quotes nor escapes, nor an octet that might be no UTF-8.
+bool plain(std::string_view text) {
+    return std::ranges::all_of(text, [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
 }
 
 class Writer {
 public:
-    explicit Writer(bool lines) : lines_{lines} {}
+    Writer(std::string& out, bool lines) : out_{out}, lines_{lines} {}
 
     void write(const Value& value) {
         std::visit([this](const auto& v) { put(v); }, value.data);
     }
-    std::string take() { return std::move(out_); }
+    void put(std::string_view text) {
+        if (plain(text)) {
+            ((out_ += '"') += text) += '"';
+        } else {
+            // An octet that is no UTF-8 must not cost the reader the whole reply.
+            out_ += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+        }
+    }
 
 private:
     void put(std::monostate) { out_ += "null"; }
-    template <class T>
-    void put(const T& value) {
-        out_ += scalarText(value);
+    void put(bool value) { out_ += value ? "true" : "false"; }
+    void put(std::uint64_t value) { number(value); }
+    void put(std::int64_t value) { number(value); }
+    void put(double value) {
+        if (!std::isfinite(value)) return put(std::monostate{});
+        const std::string_view digits = number(value);
+        // So that it comes back as what it was.
+        if (digits.find_first_of(".e") == std::string_view::npos) out_ += ".0";
     }
+    void put(const std::string& text) { put(std::string_view{text}); }
     void put(const State::Object& members) {
         out_ += '{';
         ++depth_;
@@ -46,7 +61,7 @@ private:
             out_ += separator;
             separator = ",";
             newLine();
-            out_ += scalarText(name);
+            put(name);
             out_ += lines_ ? ": " : ":";
             write(value);
         }
@@ -54,15 +69,24 @@ private:
         if (!members.empty()) newLine();
         out_ += '}';
     }
+    /// Appends the shortest text that reads as the same number; gives it as it stands there.
+    template <class T>
+    std::string_view number(T value) {
+        std::array<char, 40> text{};
+        const auto end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
+        const auto length = static_cast<std::size_t>(end - text.data());
+        out_.append(text.data(), length);
+        return std::string_view{out_}.substr(out_.size() - length);
+    }
     void newLine() {
         if (!lines_) return;
         out_ += '\n';
         out_.append(2 * depth_, ' ');
     }
 
+    std::string& out_;
     const bool lines_;
     std::size_t depth_ = 0;
-    std::string out_;
 };
 
 /// Counts what the parser consumes, so that our own objections have a place too.
@@ -156,16 +180,19 @@ JsonProblem problemAt(std::string_view text, std::size_t consumed, std::string w
 }  // namespace
 
 std::string jsonText(const Value& value) {
-    Writer writer{false};
-    writer.write(value);
-    return writer.take();
+    std::string out;
+    appendJson(out, value);
+    return out;
 }
 
 std::string jsonLines(const Value& value) {
-    Writer writer{true};
-    writer.write(value);
-    return writer.take();
+    std::string out;
+    Writer{out, true}.write(value);
+    return out;
 }
+
+void appendJson(std::string& out, const Value& value) { Writer{out, false}.write(value); }
+void appendJsonString(std::string& out, std::string_view text) { Writer{out, false}.put(text); }
 
 JsonResult parseJson(std::string_view text, JsonComments comments) {
     Builder builder;

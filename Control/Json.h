@@ -15,6 +15,8 @@ namespace Control {
 
 /// On one line.
 std::string jsonText(const State::Value& value);
+void appendJson(std::string& out, const State::Value& value);
+void appendJsonString(std::string& out, std::string_view text);
 /// One member on each line, indented by two blanks; no newline at the end.
 std::string jsonLines(const State::Value& value);
 

@@ -8,16 +8,16 @@ namespace Control {
 LogFolder::LogFolder(Runtime::Loop& loop, Sink sink)
     : loop_{loop}, sink_{std::move(sink)}, timer_{loop, [this] { expire(); }} {}
 
-void LogFolder::line(int severity, const std::string& text) {
+void LogFolder::line(int severity, std::string_view port, const std::string& text) {
     if (const auto at = byText_.find(text); at != byText_.end()) {
         ++at->second->again;
         return;
     }
     if (held_.size() == capacity) closeOldest(false);
-    held_.push_back({severity, text, 0, loop_.now() + window});
+    held_.push_back({severity, std::string{port}, text, 0, loop_.now() + window});
     byText_.emplace(held_.back().text, std::prev(held_.end()));
     if (!timer_.armed()) timer_.armAt(held_.front().until);
-    sink_(severity, text);
+    sink_(severity, port, text);
 }
 
 void LogFolder::flush() {
@@ -34,7 +34,7 @@ void LogFolder::closeOldest(bool mayReopen) {
     const auto oldest = held_.begin();
     const std::uint64_t again = std::exchange(oldest->again, 0);
     if (again > 0) {
-        sink_(oldest->severity,
+        sink_(oldest->severity, oldest->port,
               oldest->text + " (again " + std::to_string(again) + (again == 1 ? " time)" : " times)"));
     }
     if (again > 0 && mayReopen) {

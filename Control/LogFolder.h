@@ -16,8 +16,8 @@ namespace Control {
 
 class LogFolder {
 public:
-    /// `severity` as in syslog.
-    using Sink = std::function<void(int severity, const std::string& line)>;
+    /// `severity` as in syslog; `port` is the one that the line is about, or empty.
+    using Sink = std::function<void(int severity, std::string_view port, const std::string& line)>;
 
     static constexpr Runtime::Duration window = std::chrono::minutes{1};
     /// Different lines that are remembered at a time.
@@ -28,13 +28,14 @@ public:
     LogFolder(const LogFolder&) = delete;
     LogFolder& operator=(const LogFolder&) = delete;
 
-    void line(int severity, const std::string& text);
+    void line(int severity, std::string_view port, const std::string& text);
     /// Tells all counts that are still held back.
     void flush();
 
 private:
     struct Held {
         int severity;
+        std::string port;
         std::string text;
         std::uint64_t again;  ///< how often it came since it was last told
         Runtime::Time until;

@@ -25,14 +25,15 @@ Value patch(std::string_view below, const Value& value) {
 
 }  // namespace
 
-Answer RecordAccess::get(std::string_view path) const {
+std::optional<State::Walk> RecordAccess::read(std::string_view path, std::string& problem) const {
     const auto [record, below] = database_.resolve(path);
-    if (!record) return {{}, noRecord(path)};
-    if (below.empty()) return {record->value(), {}};
-    const auto [field, rest] = State::splitPath(below);
-    auto value = record->fieldValue(field, rest);
-    if (!value) return {{}, "nothing at \"" + std::string{path} + '"'};
-    return {std::move(*value), {}};
+    if (!record) {
+        problem = noRecord(path);
+        return std::nullopt;
+    }
+    auto walk = State::Walk::at(record, below);
+    if (!walk) problem = "nothing at \"" + std::string{path} + '"';
+    return walk;
 }
 
 Answer RecordAccess::set(std::string_view path, const Value& value) {
@@ -40,7 +41,11 @@ Answer RecordAccess::set(std::string_view path, const Value& value) {
     if (!record) return {{}, noRecord(path)};
     const std::string name = root(path, below);
     if (!writable_.contains(name)) return {{}, name + ": cannot be written, it is not configuration"};
-    if (const auto problem = record->apply(patch(below, value))) return {{}, problem->below(name).text()};
+    const Value whole = patch(below, value);
+    if (const auto problem = record->check(whole)) return {{}, problem->below(name).text()};
+    if (std::string refusal = guard_ ? guard_(name, whole) : std::string{}; !refusal.empty())
+        return {{}, std::move(refusal)};
+    if (const auto problem = record->apply(whole)) return {{}, problem->below(name).text()};
     return {};
 }
 
@@ -59,7 +64,7 @@ std::shared_ptr<const State::Entity> RecordAccess::watchable(std::string_view pa
     if (!record) {
         problem = noRecord(path);
     } else if (const auto [field, rest] = State::splitPath(below);
-               !below.empty() && !record->fieldValue(field, {})) {
+               !below.empty() && !record->hasField(field)) {
         problem = "no field \"" + std::string{field} + "\" in " + std::string{record->typeName()};
     } else {
         return record;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "State/Database.h"
+#include "State/Walk.h"
 
 #include <functional>
 #include <optional>
@@ -23,11 +24,15 @@ public:
     RecordAccess(State::Database& database, std::set<std::string, std::less<>> writable)
         : database_{database}, writable_{std::move(writable)} {}
 
+    /// Asked before a record is written, with a patch that fits it: one line that says why not, or nothing.
+    using Guard = std::function<std::string(std::string_view record, const State::Value& patch)>;
+    void guardIs(Guard guard) { guard_ = std::move(guard); }
     /// That record is somebody else's to write from now on.
     void writableDel(const std::string& path) { writable_.erase(path); }
 
-    /// A record, or what `path` names below it ("msrp/config/intfEnable/swp1").
-    [[nodiscard]] Answer get(std::string_view path) const;
+    /// The way through a record, or through what `path` names below it ("msrp/config/intfEnable/swp1");
+    /// nothing, and why, when there is none.
+    [[nodiscard]] std::optional<State::Walk> read(std::string_view path, std::string& problem) const;
     /// Writes one field, entry or whole record; null removes an entry.
     [[nodiscard]] Answer set(std::string_view path, const State::Value& value);
     /// For each record its type and whether it may be written.
@@ -41,6 +46,7 @@ public:
 private:
     State::Database& database_;
     std::set<std::string, std::less<>> writable_;
+    Guard guard_;
 };
 
 }  // namespace Control

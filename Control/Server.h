@@ -7,15 +7,24 @@
 #include "Runtime/Loop.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
+#include <memory>
 #include <optional>
 #include <string>
 
 namespace Control {
 
+/// Work for clients is done in slices between which the rest of the switch has as long as the slice took.
+/// Whose work has cost least comes next, so that a short question waits for nobody's long answers.  When all
+/// places are taken a newcomer gets that of the connection that is quiet for longest, of those of the process
+/// that has most.
 class Server {
 public:
     static constexpr std::size_t sessionLimit = 64;
+    /// Octets that all clients together may have sent ahead, and that wait for all their captures.
+    static constexpr std::size_t requestMemory = std::size_t{4} << 20;
+    static constexpr std::size_t captureMemory = std::size_t{6} << 20;
 
     /// The loop, and what the services refer to, must outlive the server.
     Server(Runtime::FdLoop& loop, const Session::Services& services);
@@ -26,17 +35,35 @@ public:
 
     /// Opens the socket.  Empty on success, else one line that names it.
     std::string start(const std::string& path);
-    [[nodiscard]] std::size_t sessions() const { return sessions_.size(); }
+    [[nodiscard]] std::size_t sessions() const { return clients_.size(); }
 
 private:
+    struct Client {
+        Client(Server& server, Descriptor socket);
+        Session session;
+        Runtime::Duration cost{};      ///< of its work, more or less
+        std::uint64_t lastServed = 0;  ///< when, in pieces of work
+    };
+
     void listen();
     void accept();
+    void makeRoom();
+    void wake();
+    void serve();
+    [[nodiscard]] Client* next();
 
     Runtime::FdLoop& loop_;
     const Session::Services services_;
-    std::string path_;
-    Descriptor socket_;
-    std::list<Session> sessions_;
+    std::unique_ptr<ListeningSocket> socket_;
+    TextParts parts_;
+    Watches watches_;
+    Budget requests_{requestMemory};
+    Budget captures_{captureMemory};
+    std::list<Client> clients_;
+    Runtime::Duration paid_{};  ///< what the client that comes next has had: nobody is owed for idle times
+    std::uint64_t served_ = 0;
+    Runtime::Timer work_;
+    Runtime::Time notBefore_{};  ///< the rest of the switch has its time until then
     /// Sessions end inside their own functions; what is left of them is dropped from here.
     Runtime::Timer sweep_;
     Runtime::Timer listenAgain_;

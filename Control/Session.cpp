@@ -18,6 +18,7 @@ constexpr std::size_t readOctets = 65536;
 /// Served before others have their turn.
 constexpr int requestsInTurn = 64;
 constexpr int framesInTurn = 64;
+constexpr Runtime::Duration turnSpan = std::chrono::milliseconds{1};
 
 const std::string* stringMember(const Value& request, std::string_view name) {
     const Value* member = request.member(name);
@@ -32,18 +33,27 @@ std::string known(const Commands& commands) {
     return names;
 }
 
+int peerProcess(const Descriptor& socket) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    return ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+}
+
 }  // namespace
 
-Session::Session(Runtime::FdLoop& loop, const Services& services, Descriptor socket,
-                 std::function<void()> ended)
+Session::Session(Runtime::FdLoop& loop, const Services& services, const Shared& shared, Descriptor socket,
+                 Notices notices)
     : loop_{loop},
       services_{services},
+      shared_{shared},
       socket_{std::move(socket)},
-      ended_{std::move(ended)},
+      notices_{std::move(notices)},
+      process_{peerProcess(socket_)},
       // The frame is on its way: what is to be said of it waits until the protocol has had its turn.
-      captures_{loop, services.frames, [this] { nextTurn_.armIn({}); }},
-      nextTurn_{loop, [this] { serve(); }} {
-    serve();
+      captures_{loop, services.frames, shared.captures, [this] { notices_.ready(); }},
+      lastSign_{loop.now()},
+      patience_{loop, [this] { end("nothing was asked for too long"); }} {
+    settle();
 }
 
 void Session::receive() {
@@ -52,25 +62,42 @@ void Session::receive() {
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count < 0) return end();
     if (count == 0) heardAll_ = true;
+    if (!shared_.requests.take(static_cast<std::size_t>(count)))
+        return end("all clients together have sent more than can be kept");
+    const std::size_t before = in_.size();
     in_.append(piece, static_cast<std::size_t>(count));
-    serve();
+    if (!requestWaits()) newline_ = in_.find('\n', before);
+    settle();
 }
 
-void Session::serve() {
-    flush();
-    if (over()) return;
-    serveRequests();
-    serveWatches();
-    serveCaptures();
-    flush();
-    if (over()) return;
+bool Session::ready() {
+    if (over() || !out_.empty()) return false;
+    return text_ || requestWaits() || heardAll_ || in_.size() > requestLimit || captures_.waiting() ||
+           dueWatch() != watches_.end();
+}
 
-    const bool requestWaits = in_.find('\n') != std::string::npos;
-    const bool watchWaits = std::ranges::any_of(watches_, [](const auto& watch) { return watch->due; });
-    if (heardAll_ && !requestWaits && out_.empty()) return end();
-    if ((requestWaits || watchWaits || captures_.waiting()) && out_.empty()) nextTurn_.armIn({});
+void Session::turn() {
+    if (!ready()) return;
+    waitsSince_ = loop_.now();
+    if (text_) {
+        append(shared_.parts.after(*text_));
+    } else if (requestWaits() || in_.size() > requestLimit) {
+        serveRequests();
+    } else if (heardAll_) {
+        return end();
+    } else if (const auto due = dueWatch(); due != watches_.end()) {
+        if (auto text = due->take()) send({{{"watch", Value{due->topic->path()}}}, {}, std::move(text)});
+    } else {
+        serveCaptures();
+    }
+    flush();
+    settle();
+}
+
+void Session::settle() {
+    if (over()) return;
     // The descriptor stays ready while it is not read, so the loop must not ask for what is not wanted.
-    if (heardAll_ || requestWaits || out_.size() >= replyLimit) {
+    if (heardAll_ || requestWaits() || in_.size() > requestLimit) {
         readable_.reset();
     } else if (!readable_) {
         readable_ = loop_.watch(socket_.get(), Ready::readable, [this] { receive(); });
@@ -78,113 +105,148 @@ void Session::serve() {
     if (out_.empty()) {
         writable_.reset();
     } else if (!writable_) {
-        writable_ = loop_.watch(socket_.get(), Ready::writable, [this] { serve(); });
+        writable_ = loop_.watch(socket_.get(), Ready::writable, [this] {
+            flush();
+            settle();
+        });
     }
+    if (!out_.empty()) {
+        patience_.armAt(waitsSince_ + readPatience);
+    } else if (watches_.empty() && !captures_.any()) {
+        patience_.armAt(lastSign_ + askPatience);
+    } else {
+        patience_.cancel();
+    }
+    if (ready()) notices_.ready();
 }
 
 void Session::serveRequests() {
+    const Runtime::Time begun = loop_.now();
     std::size_t at = 0;
-    for (int served = 0; served < requestsInTurn && out_.size() < replyLimit; ++served) {
-        const std::size_t newline = in_.find('\n', at);
-        if (newline == std::string::npos) break;
-        serveRequest(std::string_view{in_}.substr(at, newline - at));
-        at = newline + 1;
+    for (int served = 0; served < requestsInTurn && requestWaits(); ++served) {
+        serveRequest(std::string_view{in_}.substr(at, newline_ - at));
+        at = newline_ + 1;
+        newline_ = in_.find('\n', at);
+        if (text_ || out_.size() >= replyLimit || loop_.now() - begun >= turnSpan) break;
     }
     in_.erase(0, at);
-    if (in_.size() > requestLimit && in_.find('\n') == std::string::npos) {
+    if (requestWaits()) newline_ -= at;
+    shared_.requests.giveBack(at);
+    if (in_.size() > requestLimit && !requestWaits()) {
+        shared_.requests.giveBack(in_.size());
         in_.clear();
         heardAll_ = true;  // where the next request would begin, nobody can tell
-        send({{"error", "a request is longer than " + std::to_string(requestLimit) + " octets"}});
+        send({{}, error("a request is longer than " + std::to_string(requestLimit) + " octets")});
     }
+    lastSign_ = loop_.now();
 }
 
 void Session::serveRequest(std::string_view line) {
     if (line.find_first_not_of(" \t\r") == std::string_view::npos) return;
     const auto [request, problem] = parseJson(line);
-    State::Object reply;
-    if (const Value* id = request.member("id")) reply.emplace_back("id", *id);
-    const Answer answer =
-        problem ? error("request, column " + std::to_string(problem->column) + ": " + problem->what)
-                : execute(request, reply);
-    if (answer.error.empty()) {
-        reply.emplace_back("value", answer.value);
+    Reply reply;
+    if (const Value* id = request.member("id")) reply.members.emplace_back("id", *id);
+    if (problem) {
+        reply.answer = error("request, column " + std::to_string(problem->column) + ": " + problem->what);
     } else {
-        reply.emplace_back("error", answer.error);
+        execute(request, reply);
     }
     send(std::move(reply));
 }
 
-Answer Session::execute(const Value& request, State::Object& reply) {
+void Session::execute(const Value& request, Reply& reply) {
+    const auto fail = [&reply](std::string text) { reply.answer = error(std::move(text)); };
     const std::string* op = stringMember(request, "op");
-    if (op == nullptr) return error("request: a text \"op\" is needed");
-    if (*op == "list") return services_.records.list();
-    if (const auto command = services_.commands.find(*op); command != services_.commands.end())
-        return command->second(request);
-
+    if (op == nullptr) return fail("request: a text \"op\" is needed");
+    if (*op == "list") {
+        reply.answer = services_.records.list();
+        return;
+    }
+    if (const auto command = services_.commands.find(*op); command != services_.commands.end()) {
+        reply.answer = command->second(request);
+        return;
+    }
     const std::string* path = stringMember(request, "path");
     if (*op != "get" && *op != "set" && *op != "watch" && *op != "capture")
-        return error("request: op \"" + *op + "\" is none of " + known(services_.commands));
-    if (path == nullptr) return error("request: a text \"path\" is needed");
-    if (*op == "get") return services_.records.get(*path);
+        return fail("request: op \"" + *op + "\" is none of " + known(services_.commands));
+    if (path == nullptr) return fail("request: a text \"path\" is needed");
+    if (*op == "get") return get(*path, reply);
     if (*op == "watch") return watch(*path, reply);
     if (*op == "capture") return capture(*path, reply);
 
     const Value* value = request.member("value");
-    if (value == nullptr) return error("request: a \"value\" is needed");
+    if (value == nullptr) return fail("request: a \"value\" is needed");
     const std::string* field = stringMember(request, "field");
-    return services_.records.set(field != nullptr && !field->empty() ? *path + '/' + *field : *path, *value);
+    reply.answer =
+        services_.records.set(field != nullptr && !field->empty() ? *path + '/' + *field : *path, *value);
 }
 
-Answer Session::watch(const std::string& path, State::Object& reply) {
-    if (watches_.size() == watchLimit) return error("a client has at most 32 watches");
-    std::string problem;
-    const auto record = services_.records.watchable(path, problem);
-    if (!record) return error(std::move(problem));
-
-    Answer current{services_.records.get(path).value, {}};
-    auto watch = std::make_unique<Watch>();
-    watch->path = path;
-    watch->lastHash = std::hash<std::string>{}(jsonText(current.value));
-    watch->feed = std::make_unique<State::ChangeFeed>(
-        *record, [this](std::function<void()> task) { loop_.post(std::move(task)); },
-        [this, watched = watch.get()] {
-            watched->due = true;
-            serve();
-        });
-    watches_.push_back(std::move(watch));
-    reply.emplace_back("watch", path);
-    return current;
+void Session::get(const std::string& path, Reply& reply) {
+    if (auto walk = services_.records.read(path, reply.answer.error))
+        reply.text = shared_.parts.first(RecordText{std::move(*walk)});
 }
 
-Answer Session::capture(const std::string& port, State::Object& reply) {
-    if (std::string problem = captures_.add(port); !problem.empty()) return error(std::move(problem));
-    reply.emplace_back("capture", port);
-    return {};
-}
-
-void Session::serveWatches() {
-    for (const auto& watch : watches_) {
-        // Read only when it can go out at once: what changes meanwhile is in it too.
-        if (!watch->due || !out_.empty()) continue;
-        watch->due = false;
-        Value value = services_.records.get(watch->path).value;
-        const std::size_t hash = std::hash<std::string>{}(jsonText(value));
-        if (std::exchange(watch->lastHash, hash) == hash) continue;  // something else in the record changed
-        send({{"watch", Value{watch->path}}, {"value", std::move(value)}});
-        flush();
-        if (over()) return;
+void Session::watch(const std::string& path, Reply& reply) {
+    if (watches_.size() == watchLimit) {
+        reply.answer = error("a client has at most 32 watches");
+    } else if (auto topic = shared_.watches.topic(path, reply.answer.error)) {
+        watches_.push_back({std::move(topic)});
+        reply.members.emplace_back("watch", path);
+        reply.text = watches_.back().take();
     }
 }
 
-void Session::serveCaptures() {
-    if (!out_.empty()) return;
-    for (int told = 0; told < framesInTurn && captures_.waiting(); ++told) send(captures_.next());
+void Session::capture(const std::string& port, Reply& reply) {
+    reply.answer.error = captures_.add(port);
+    if (reply.answer.error.empty()) reply.members.emplace_back("capture", port);
 }
 
-void Session::send(State::Object reply) {
-    reply.insert(reply.begin(), {"now", Value{Runtime::seconds(loop_.now())}});
-    out_ += jsonText(Value{std::move(reply)});
+std::vector<Session::Watch>::iterator Session::dueWatch() {
+    return std::ranges::find_if(watches_,
+                                [](const Watch& watch) { return watch.told != watch.topic->version(); });
+}
+
+std::shared_ptr<TextPart> Session::Watch::take() {
+    auto text = topic->text(told == 0);
+    told = topic->version();
+    const auto before = lastHash;
+    lastHash = text->last ? std::optional{std::hash<std::string>{}(text->text)} : std::nullopt;
+    // Something else in the record changed.
+    if (lastHash && lastHash == before) return nullptr;
+    return text;
+}
+
+void Session::serveCaptures() {
+    for (int told = 0; told < framesInTurn && captures_.waiting(); ++told) {
+        State::Object frame = captures_.next();
+        frame.insert(frame.begin(), {"now", Value{Runtime::seconds(loop_.now())}});
+        appendJson(out_, Value{std::move(frame)});
+        out_ += '\n';
+    }
+}
+
+void Session::send(Reply reply) {
+    State::Object& members = reply.members;
+    members.insert(members.begin(), {"now", Value{Runtime::seconds(loop_.now())}});
+    if (reply.text) {
+        appendJson(out_, Value{std::move(members)});
+        out_.back() = ',';
+        out_ += "\"value\":";
+        return append(std::move(reply.text));
+    }
+    if (reply.answer.error.empty()) {
+        members.emplace_back("value", std::move(reply.answer.value));
+    } else {
+        members.emplace_back("error", std::move(reply.answer.error));
+    }
+    appendJson(out_, Value{std::move(members)});
     out_ += '\n';
+}
+
+void Session::append(std::shared_ptr<TextPart> part) {
+    out_ += part->text;
+    if (part->last) out_ += "}\n";
+    text_ = part->last ? nullptr : std::move(part);
 }
 
 void Session::flush() {
@@ -198,17 +260,29 @@ void Session::flush() {
         if (count < 0) return end();
         sent += static_cast<std::size_t>(count);
     }
+    if (sent > 0) lastSign_ = waitsSince_ = loop_.now();
     out_.erase(0, sent);
 }
 
-void Session::end() {
+void Session::end(const std::string& reason) {
     if (over()) return;
+    if (!reason.empty() && out_.empty() && !text_) {
+        send({{}, error(reason)});
+        [[maybe_unused]] const ssize_t sent =
+            ::send(socket_.get(), out_.data(), out_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
     readable_.reset();
     writable_.reset();
-    nextTurn_.cancel();
+    patience_.cancel();
     captures_.clear();
+    watches_.clear();
+    text_.reset();
+    shared_.requests.giveBack(in_.size());
+    in_.clear();
+    newline_ = std::string::npos;
+    out_.clear();
     socket_.close();
-    ended_();
+    notices_.ended();
 }
 
 }  // namespace Control

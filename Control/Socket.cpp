@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <optional>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -49,6 +51,33 @@ std::string clearStale(const std::string& path, const sockaddr_un& to) {
     return ::unlink(path.c_str()) == 0 ? "" : failure(path, errno);
 }
 
+/// Held while a socket's file is made or removed; leaves nothing behind.  Empty when it cannot be had soon:
+/// whoever may open the directory can keep it.
+Descriptor lockDirectory(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    Descriptor fd{::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    for (int tries = 0; fd && tries < 50; ++tries) {
+        if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0) return fd;
+        ::usleep(10'000);
+    }
+    return {};
+}
+
+/// Device and number of the file; zeros when there is none.
+std::pair<std::uint64_t, std::uint64_t> fileAt(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) return {};
+    return {status.st_dev, status.st_ino};
+}
+
+/// The process that listens at the other end.
+pid_t peerOf(const Descriptor& fd) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    return ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+}
+
 void makeDirectory(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     // Where this fails, bind tells why.
@@ -70,11 +99,17 @@ Descriptor connectTo(const std::string& path, std::string& problem) {
     return {};
 }
 
-Descriptor listenOn(const std::string& path, std::string& problem) {
+std::unique_ptr<ListeningSocket> ListeningSocket::open(const std::string& path, std::string& problem) {
     const auto to = address(path);
-    problem = to ? clearStale(path, *to) : badPath(path);
-    if (!problem.empty()) return {};
+    if (!to) {
+        problem = badPath(path);
+        return nullptr;
+    }
     makeDirectory(path);
+    // Two that start at the same time must not remove each other's.
+    const Descriptor lock = lockDirectory(path);
+    problem = clearStale(path, *to);
+    if (!problem.empty()) return nullptr;
 
     Descriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     // Set before the file exists, so that there is no moment at which others could connect.
@@ -83,9 +118,19 @@ Descriptor listenOn(const std::string& path, std::string& problem) {
                        ::listen(fd.get(), backlog) == 0;
     const int error = errno;
     ::umask(before);
-    if (bound) return fd;
+    if (bound) return std::make_unique<ListeningSocket>(std::move(fd), path, fileAt(path));
     problem = failure(path, error);
-    return {};
+    return nullptr;
+}
+
+ListeningSocket::~ListeningSocket() {
+    const Descriptor lock = lockDirectory(path_);
+    if (fileAt(path_) != file_) return;
+    // The number may be that of a file which has gone, given to another server's: ask who answers there.
+    const auto to = address(path_);
+    const Descriptor probe{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    if (probe && connectSocket(probe, *to) == 0 && peerOf(probe) != ::getpid()) return;
+    ::unlink(path_.c_str());
 }
 
 }  // namespace Control

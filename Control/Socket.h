@@ -1,6 +1,8 @@
 /// Unix stream sockets, as the control server and its clients use them.
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -41,9 +43,26 @@ private:
 /// Connects (blocking).  On failure the descriptor is empty and `problem` one line that names the socket.
 Descriptor connectTo(const std::string& path, std::string& problem);
 
-/// Listens (non-blocking) on a socket that only its owner may use; makes the directory if only that is
-/// missing.  A socket that nobody serves any more is replaced; one that is served, and a file that is no
-/// socket, are left alone.
-Descriptor listenOn(const std::string& path, std::string& problem);
+/// A socket on which a server listens (non-blocking), and that only its owner may use.  Its file goes with
+/// it, unless another server's stands there by then.
+class ListeningSocket {
+public:
+    /// Makes the directory if only that is missing.  A socket that nobody serves any more is replaced; one
+    /// that is served, and a file that is no socket, are left alone.  Null on failure, and `problem` one
+    /// line that names the socket.
+    static std::unique_ptr<ListeningSocket> open(const std::string& path, std::string& problem);
+    ListeningSocket(Descriptor fd, std::string path, std::pair<std::uint64_t, std::uint64_t> file)
+        : fd_{std::move(fd)}, path_{std::move(path)}, file_{file} {}
+    ListeningSocket(const ListeningSocket&) = delete;
+    ListeningSocket& operator=(const ListeningSocket&) = delete;
+    ~ListeningSocket();
+
+    [[nodiscard]] int get() const { return fd_.get(); }
+
+private:
+    const Descriptor fd_;
+    const std::string path_;
+    const std::pair<std::uint64_t, std::uint64_t> file_;  ///< device and number
+};
 
 }  // namespace Control

@@ -37,11 +37,16 @@ EpollLoop::EpollLoop()
                      "epoll takes a timerfd");
 }
 
-Time EpollLoop::now() const {
+namespace {
+Duration readClock(clockid_t clock) {
     timespec t{};
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return Time{std::chrono::seconds{t.tv_sec} + std::chrono::nanoseconds{t.tv_nsec}};
+    clock_gettime(clock, &t);
+    return std::chrono::seconds{t.tv_sec} + std::chrono::nanoseconds{t.tv_nsec};
 }
+}  // namespace
+
+Time EpollLoop::now() const { return Time{readClock(CLOCK_MONOTONIC)}; }
+Runtime::WallTime EpollLoop::wallNow() const { return Runtime::WallTime{readClock(CLOCK_REALTIME)}; }
 
 void EpollLoop::run() {
     postedLeft_ = runPosted();

@@ -21,6 +21,7 @@ public:
 
     /// CLOCK_MONOTONIC, read anew at each call.
     [[nodiscard]] Runtime::Time now() const override;
+    [[nodiscard]] Runtime::WallTime wallNow() const override;
 
     /// A handler should do a bounded amount of work: while it runs, nobody else does.  It may end any watch,
     /// its own included, and close the descriptor after that.

@@ -5,6 +5,7 @@
 #include "State/Record.h"
 #include "Switch/IntfId.h"
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string_view>
@@ -13,8 +14,9 @@ namespace Mrp {
 
 /// Where a port's record gets its values from: the port's participant.
 struct PortView {
-    std::function<State::Value()> machines;    ///< its timers and totals
-    std::function<State::Value()> attributes;  ///< "type/key" to states, values and age
+    std::function<State::Value()> machines;  ///< its timers and totals
+    /// "type/key" to states, values and age; from there on, at most so many.
+    std::function<State::Object(const State::From& from, std::size_t most)> attributes;
 };
 
 /// One enabled port.
@@ -29,9 +31,10 @@ public:
         each(State::derived<IntfAttributes>("machines", [](const IntfAttributes& r) {
             return r.view_.machines ? r.view_.machines() : State::Value{};
         }));
-        each(State::derived<IntfAttributes>("attribute", [](const IntfAttributes& r) {
-            return r.view_.attributes ? r.view_.attributes() : State::Value{};
-        }));
+        each(State::derivedEntries<IntfAttributes>(
+            "attribute", [](const IntfAttributes& r, const State::From& from, std::size_t most) {
+                return r.view_.attributes ? r.view_.attributes(from, most) : State::Object{};
+            }));
     }
 
 private:

@@ -110,14 +110,17 @@ void MrpSm::start(IntfId intf) {
             intf, [this, intf](std::span<const std::uint8_t> pdu) { received(intf, pdu); });
     }
     status_->intfIs(intf);
-    const auto view = [weak = std::weak_ptr<const Participant>{port.participant}](auto tell) {
-        return [weak, tell] {
-            const auto shown = weak.lock();
-            return shown ? ((*shown).*tell)() : State::Value{};
-        };
-    };
-    attributes_->intfIs(intf)->viewIs(
-        {.machines = view(&Participant::machines), .attributes = view(&Participant::attributes)});
+    const std::weak_ptr<const Participant> weak = port.participant;
+    attributes_->intfIs(intf)->viewIs({.machines =
+                                           [weak] {
+                                               const auto shown = weak.lock();
+                                               return shown ? shown->machines() : State::Value{};
+                                           },
+                                       .attributes =
+                                           [weak](const State::From& from, std::size_t most) {
+                                               const auto shown = weak.lock();
+                                               return shown ? shown->attributes(from, most) : State::Object{};
+                                           }});
     periodicSm_.intfIs(intf);
 }
 

@@ -80,6 +80,10 @@ public:
         seek(key);
         return {*this, settled(finger_)};
     }
+    [[nodiscard]] const_iterator lowerBound(std::uint64_t key) const {
+        seek(key);
+        return {*this, settled(finger_)};
+    }
 
     /// Null when there is none of that key.
     [[nodiscard]] Value* find(std::uint64_t key) { return seek(key) ? at(finger_).value : nullptr; }

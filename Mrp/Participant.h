@@ -126,9 +126,9 @@ public:
             for (const auto [key, attribute] : attributes_[i]) visit(AttributeRef{i, key}, attribute);
         }
     }
-    /// For people: timers and totals, and every attribute with its states, by "type/key".
+    /// For people: timers and totals, and attributes with their states, by "type/key", at most so many.
     [[nodiscard]] State::Value machines() const;
-    [[nodiscard]] State::Value attributes() const;
+    [[nodiscard]] State::Object attributes(const State::From& from, std::size_t most) const;
     [[nodiscard]] bool registered(const AttributeRef& ref) const;
     /// The application holds the attribute: it accepted it, and will be told when it leaves.
     [[nodiscard]] bool held(const AttributeRef& ref) const;

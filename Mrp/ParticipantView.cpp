@@ -3,6 +3,9 @@
 
 #include <map>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace Mrp {
 
@@ -25,6 +28,12 @@ std::string hex(std::span<const std::uint8_t> octets) {
         out += digits[octet & 15U];
     }
     return out;
+}
+
+/// "type/key"; zeros for what is none.
+std::pair<std::uint64_t, std::uint64_t> parseName(std::string_view name) {
+    const auto [type, key] = State::splitPath(name);
+    return {State::parseDecimal(type, 255).value_or(0), State::parseHex(key).value_or(0)};
 }
 
 }  // namespace
@@ -50,24 +59,43 @@ Value Participant::machines() const {
     };
 }
 
-Value Participant::attributes() const {
+State::Object Participant::attributes(const State::From& from, std::size_t most) const {
+    const auto [first, firstKey] = parseName(from.key.value_or(""));
+    std::vector<std::pair<AttributeRef, const Attribute*>> found;
+    for (std::uint8_t i = 0; i < typeCount() && found.size() < most; ++i) {
+        if (type(i).type < first) continue;
+        const bool begun = type(i).type == first;
+        auto at = begun ? attributes_[i].lowerBound(firstKey) : attributes_[i].begin();
+        if (begun && !from.included && at != attributes_[i].end() && (*at).key == firstKey) ++at;
+        for (; at != attributes_[i].end() && found.size() < most; ++at)
+            found.emplace_back(AttributeRef{i, (*at).key}, &(*at).value);
+    }
+    // Timers are found by their number, in one walk for all of them.
+    std::map<std::uint32_t, Runtime::Time> due;
+    for (const auto& [ref, attribute] : found) {
+        if (attribute->registrar == Registrar::LV) due[attribute->leaveSequence];
+    }
+    if (!due.empty()) {
+        leaves_.each([&](const LeaveQueue::Entry& entry) {
+            if (const auto wanted = due.find(entry.sequence); wanted != due.end()) wanted->second = entry.due;
+        });
+    }
     const Runtime::Time now = env_.loop.now();
-    const double leaveTime = secondsOf(leaveTime_);
-    std::map<std::uint32_t, Runtime::Time> due;  // by the number of the timer
-    leaves_.each([&](const LeaveQueue::Entry& entry) { due[entry.sequence] = entry.due; });
     State::Object all;
-    eachAttribute([&](const AttributeRef& ref, const Attribute& attribute) {
+    for (const auto& [ref, held] : found) {
+        const Attribute& attribute = *held;
         const AttributeType& t = type(ref.typeIndex);
-        const auto said = [&](const AttributeValue& value) {
+        const auto said = [&t](bool any, const AttributeValue& value) {
+            if (!any) return Value{};
             State::Object octets{{"value", Value{hex(std::span{value.octets}.first(t.valueLength))}}};
-            if (t.fourPacked) octets.emplace_back("declaration", Value{std::uint64_t{value.declaration}});
+            if (t.fourPacked) octets.emplace_back("declaration", std::uint64_t{value.declaration});
             return Value{std::move(octets)};
         };
         Value leaveIn;
         if (attribute.registrar == Registrar::LV) {
-            const auto timer = due.find(attribute.leaveSequence);
-            leaveIn = timer == due.end() ? leaveTime
-                                         : secondsOf(std::max(timer->second - now, Runtime::Duration{0}));
+            const Runtime::Time end = due.at(attribute.leaveSequence);
+            leaveIn =
+                secondsOf(end == Runtime::Time{} ? leaveTime_ : std::max(end - now, Runtime::Duration{0}));
         }
         all.emplace_back(
             std::to_string(t.type) + '/' + State::hexText(ref.key),
@@ -77,10 +105,10 @@ Value Participant::attributes() const {
                 {"refused", Value{attribute.refused}},
                 {"age", Value{secondsOf(now - Runtime::Time{std::chrono::seconds{attribute.bornSecond}})}},
                 {"leaveIn", std::move(leaveIn)},
-                {"declared", attribute.spokenFor() ? said(attribute.own()) : Value{}},
-                {"registered", attribute.registered() ? said(attribute.heard()) : Value{}}});
-    });
-    return Value{std::move(all)};
+                {"declared", said(attribute.spokenFor(), attribute.own())},
+                {"registered", said(attribute.registered(), attribute.heard())}});
+    }
+    return all;
 }
 
 }  // namespace Mrp

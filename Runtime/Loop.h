@@ -47,6 +47,7 @@ public:
     virtual ~Loop() = default;
 
     [[nodiscard]] virtual Time now() const = 0;
+    [[nodiscard]] virtual WallTime wallNow() const = 0;
 
     /// Runs `task` after the current callback and whatever was posted before it, before time moves on.
     void post(std::function<void()> task) { posted_.push_back(std::move(task)); }

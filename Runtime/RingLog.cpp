@@ -4,11 +4,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Runtime {
 
@@ -21,6 +25,128 @@ constexpr std::size_t labelAt = 16;
 constexpr std::size_t labelOctets = 24;
 constexpr std::size_t argumentsAt = labelAt + labelOctets;
 static_assert(argumentsAt + 3 * sizeof(std::uint64_t) == slotOctets);
+
+constexpr std::size_t clocksAt = 16;
+/// What is put into the name of a file that was put aside.
+constexpr std::string_view aside = "-last";
+constexpr std::string_view extension = ".rl";
+/// Files of a directory that are looked at: a crowded one must not keep the process from starting.
+constexpr int filesLookedAt = 65536;
+
+std::string failure(const std::string& path, int error) {
+    return "ring log " + path + ": " + std::strerror(error);
+}
+
+/// A file's name in its directory.  All steps go by the open directory, so nobody can put another one in its
+/// place between two of them.
+class Location {
+public:
+    explicit Location(const std::string& path) : path_{path} {
+        const std::size_t slash = path.rfind('/');
+        name_ = slash == std::string::npos ? path : path.substr(slash + 1);
+        const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+        directory_ = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        struct stat status {};
+        if (directory_ < 0 || ::fstat(directory_, &status) != 0) {
+            problem_ = failure(path, errno);
+        } else if ((status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0) {
+            problem_ = "ring log " + path + ": anybody may replace files in this directory";
+        }
+    }
+    Location(const Location&) = delete;
+    Location& operator=(const Location&) = delete;
+    ~Location() {
+        if (directory_ >= 0) ::close(directory_);
+    }
+
+    [[nodiscard]] const std::string& problem() const { return problem_; }
+    [[nodiscard]] int create() const {
+        return ::openat(directory_, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    }
+    void remove() const { ::unlinkat(directory_, name_.c_str(), 0); }
+
+    /// Gives a ring log that has the name another one.  Empty when the name is free afterwards.
+    [[nodiscard]] std::string putAside() const {
+        if (free(name_)) return {};
+        const std::string last = stem() + std::string{aside} + std::string{extension};
+        for (const std::string& name : {name_, last}) {
+            if (!free(name) && !look(name))
+                return "ring log " + path_ + ": " + name + " is in the way, and no ring log of this user";
+        }
+        return ::renameat(directory_, name_.c_str(), directory_, last.c_str()) == 0 ? ""
+                                                                                    : failure(path_, errno);
+    }
+
+    /// Where the name carries the process number: removes the ring logs of processes that have ended, but for
+    /// the newest.
+    void clear() const {
+        const std::string number = std::to_string(::getpid());
+        if (!stem().ends_with("-" + number)) return;
+        const std::string family = stem().substr(0, stem().size() - number.size());
+        const int listing = ::openat(directory_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR* entries = listing >= 0 ? ::fdopendir(listing) : nullptr;
+        if (entries == nullptr) return;
+        std::vector<std::pair<Found, std::string>> ended;
+        for (int looked = 0; looked < filesLookedAt; ++looked) {
+            const dirent* entry = ::readdir(entries);
+            if (entry == nullptr) break;
+            if (!belongs(entry->d_name, family)) continue;
+            if (const auto found = look(entry->d_name); found && found->ended)
+                ended.emplace_back(*found, entry->d_name);
+        }
+        ::closedir(entries);
+        const auto newest = std::max_element(ended.begin(), ended.end(), [](const auto& a, const auto& b) {
+            return a.first.written < b.first.written;
+        });
+        for (auto old = ended.begin(); old != ended.end(); ++old) {
+            if (old != newest) ::unlinkat(directory_, old->second.c_str(), 0);
+        }
+    }
+
+private:
+    struct Found {
+        bool ended = false;
+        std::pair<std::int64_t, std::int64_t> written;
+    };
+
+    [[nodiscard]] std::string stem() const {
+        return name_.ends_with(extension) ? name_.substr(0, name_.size() - extension.size()) : name_;
+    }
+    /// "family", digits, perhaps what a file that was put aside has, and the extension.
+    static bool belongs(std::string_view name, std::string_view family) {
+        if (!name.starts_with(family) || !name.ends_with(extension)) return false;
+        name.remove_prefix(family.size());
+        name.remove_suffix(extension.size());
+        if (name.ends_with(aside)) name.remove_suffix(aside.size());
+        return !name.empty() && name.find_first_not_of("0123456789") == std::string_view::npos;
+    }
+    [[nodiscard]] bool free(const std::string& name) const {
+        struct stat status {};
+        return ::fstatat(directory_, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+    }
+    /// A ring log of this user under that name.
+    [[nodiscard]] std::optional<Found> look(const std::string& name) const {
+        const int fd =
+            ::openat(directory_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (fd < 0) return std::nullopt;
+        struct stat status {};
+        std::array<char, magic.size()> head{};
+        std::optional<Found> found;
+        if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ::geteuid() &&
+            status.st_nlink == 1 && ::read(fd, head.data(), head.size()) == ssize_t{head.size()} &&
+            std::string_view{head.data(), head.size()} == magic) {
+            found =
+                Found{::flock(fd, LOCK_SH | LOCK_NB) == 0, {status.st_mtim.tv_sec, status.st_mtim.tv_nsec}};
+        }
+        ::close(fd);
+        return found;
+    }
+
+    const std::string& path_;
+    std::string name_;
+    int directory_ = -1;
+    std::string problem_;
+};
 
 template <class T>
 T load(const char* from) {
@@ -46,26 +172,48 @@ std::string RingLog::initialise(const std::string& path, unsigned argumentOctets
     const std::size_t size = std::size_t{kibibytes} * 1024;
     if (files != 1 || argumentOctets > 24 || size < 2 * slotOctets)
         return "ring log: parameters out of range";
-
-    // A fresh file: the old one may be open elsewhere, and a planted link must not be followed.
-    ::unlink(path.c_str());
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) return "ring log " + path + ": " + std::strerror(errno);
-    void* mapped = MAP_FAILED;
-    // Allocated now, so that a full disk is an error here and not a fatal signal at some later record.
-    const int full = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
-    if (full == 0) mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    const int error = full != 0 ? full : errno;
-    ::close(fd);
-    if (mapped == MAP_FAILED) return "ring log " + path + ": " + std::strerror(error);
-
-    memory_ = static_cast<unsigned char*>(mapped);
+    path_ = path;
     slots_ = size / slotOctets - 1;
     argumentOctets_ = argumentOctets;
-    sequence_ = 1 + firstSlot;
+    firstSlot_ = firstSlot;
+    const Location location{path};
+    if (!location.problem().empty()) return location.problem();
+    location.clear();
+    return open();
+}
+
+std::string RingLog::reopen() {
+    if (path_.empty()) return {};
+    close();
+    return open();
+}
+
+std::string RingLog::open() {
+    const Location location{path_};
+    if (!location.problem().empty()) return location.problem();
+    if (std::string problem = location.putAside(); !problem.empty()) return problem;
+    const std::size_t size = (slots_ + 1) * slotOctets;
+    fd_ = location.create();
+    if (fd_ < 0) return failure(path_, errno);
+    void* mapped = MAP_FAILED;
+    ::flock(fd_, LOCK_EX | LOCK_NB);
+    // Allocated now, so that a full disk is an error here and not a fatal signal at some later record.
+    const int full = ::posix_fallocate(fd_, 0, static_cast<off_t>(size));
+    if (full == 0) mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+    if (mapped == MAP_FAILED) {
+        const int error = full != 0 ? full : errno;
+        location.remove();
+        close();
+        return failure(path_, error);
+    }
+    memory_ = static_cast<unsigned char*>(mapped);
+    sequence_ = 1 + firstSlot_;
     const std::uint64_t slots = slots_;
-    std::memcpy(memory_, magic.data(), magic.size());
+    const std::array<std::int64_t, 2> clocks{clocks_.loop.time_since_epoch().count(),
+                                             clocks_.wall.time_since_epoch().count()};
     std::memcpy(memory_ + magic.size(), &slots, sizeof slots);
+    std::memcpy(memory_ + clocksAt, clocks.data(), sizeof clocks);
+    std::memcpy(memory_, magic.data(), magic.size());
     return {};
 }
 
@@ -84,9 +232,8 @@ void RingLog::store(Time time, std::string_view label, const std::array<std::uin
 }
 
 void RingLog::close() {
-    if (memory_ == nullptr) return;
-    ::munmap(memory_, (slots_ + 1) * slotOctets);
-    memory_ = nullptr;
+    if (memory_ != nullptr) ::munmap(std::exchange(memory_, nullptr), (slots_ + 1) * slotOctets);
+    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
 }
 
 std::optional<std::vector<RingRecord>> RingLog::read(const std::string& path) {
@@ -94,6 +241,8 @@ std::optional<std::vector<RingRecord>> RingLog::read(const std::string& path) {
     const std::string content{std::istreambuf_iterator<char>{file}, {}};
     if (content.size() < slotOctets || !content.starts_with(magic)) return std::nullopt;
 
+    const Time loopStart{Duration{load<std::int64_t>(content.data() + clocksAt)}};
+    const WallTime wallStart{Duration{load<std::int64_t>(content.data() + clocksAt + sizeof(std::int64_t))}};
     std::vector<RingRecord> records;
     for (std::size_t at = slotOctets; at + slotOctets <= content.size(); at += slotOctets) {
         const char* slot = content.data() + at;
@@ -101,6 +250,7 @@ std::optional<std::vector<RingRecord>> RingLog::read(const std::string& path) {
         record.sequence = load<std::uint64_t>(slot);
         if (record.sequence == 0) continue;
         record.time = Time{Duration{load<std::int64_t>(slot + timeAt)}};
+        if (wallStart != WallTime{}) record.wallTime = wallStart + (record.time - loopStart);
         record.label.assign(slot + labelAt, ::strnlen(slot + labelAt, labelOctets));
         for (std::size_t i = 0; i < 3; ++i)
             record.arguments[i] = load<std::uint64_t>(slot + argumentsAt + 8 * i);

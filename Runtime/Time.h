@@ -17,6 +17,8 @@ struct LoopClock {
 
 using Duration = LoopClock::duration;
 using Time = LoopClock::time_point;
+/// The time of day, for what people lay beside other people's logs; nothing is decided by it.
+using WallTime = std::chrono::sys_time<std::chrono::nanoseconds>;
 
 /// Seconds since the clock's start, the form in which records carry times.
 constexpr double seconds(Time t) { return std::chrono::duration<double>(t.time_since_epoch()).count(); }

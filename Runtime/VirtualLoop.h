@@ -11,6 +11,8 @@ namespace Runtime {
 class VirtualLoop : public Loop {
 public:
     [[nodiscard]] Time now() const override { return now_; }
+    /// Counted from the beginning of 1970.
+    [[nodiscard]] WallTime wallNow() const override { return WallTime{now_.time_since_epoch()}; }
 
     /// Runs everything that is due within `span` and leaves the clock at its end.
     void runFor(Duration span);

@@ -58,7 +58,7 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
         vlanIs(2, port, true);
         config->intfEnableIs(IntfId{port}, true);
     }
-    systemLog_.sinkIs([this](const Runtime::LogEvent& event, const std::string& text) {
+    systemLog_.sinkIs([this](const Runtime::LogEvent& event, std::string_view, const std::string& text) {
         log_.push_back(std::string{event.name} + ' ' + text);
     });
     topologyAgent_ = std::make_unique<Bridging::TopologyAgent>(bridging, stp, phy, topology);

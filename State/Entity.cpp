@@ -60,8 +60,8 @@ Entity::~Entity() = default;
 
 Value Entity::value() const {
     struct Collector : FieldVisitor {
-        void field(std::string_view name, std::string_view, const Value& value) override {
-            members.emplace_back(std::string{name}, value);
+        void field(std::string_view name, std::string_view, Value value) override {
+            members.emplace_back(std::string{name}, std::move(value));
         }
         Object members;
     } collector;

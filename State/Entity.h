@@ -8,8 +8,12 @@
 
 #include "State/Value.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <typeinfo>
 #include <vector>
@@ -72,7 +76,30 @@ class FieldVisitor {
 public:
     virtual ~FieldVisitor() = default;
     /// `type` is "bool", "u16", "enum", "map", "collection" and so on.
-    virtual void field(std::string_view name, std::string_view type, const Value& value) = 0;
+    virtual void field(std::string_view name, std::string_view type, Value value) = 0;
+};
+
+/// Where a reader in pieces stands in one record: before a field, or behind an entry of a long one.  It stays
+/// good whatever changes meanwhile: what has gone is passed over, what has come behind it is met.
+struct Place {
+    std::size_t field = 0;             ///< in the record's own order
+    bool entered = false;              ///< that field's entries have begun
+    std::optional<std::string> key{};  ///< of the entry that was read last
+};
+
+/// What such a reader comes to next.
+struct Piece {
+    enum class Kind : std::uint8_t {
+        value,    ///< a field, or an entry of a long one, whole
+        values,   ///< some entries of a long field; `value` is their object
+        record,   ///< an entry that is a record with long fields of its own
+        entries,  ///< a long field begins
+        end,      ///< a long field ends, or the record when it has no more fields
+    };
+    Kind kind = Kind::end;
+    std::string name{};
+    Value value{};
+    std::shared_ptr<const Entity> record{};
 };
 
 class Entity {
@@ -91,6 +118,19 @@ public:
     /// Empty when there is no such field or entry.
     [[nodiscard]] virtual std::optional<Value> fieldValue(std::string_view name,
                                                           std::string_view rest) const = 0;
+
+    /// What stands at `place`, which moves on; bounded work, however long the record.  See State/Walk.h.
+    [[nodiscard]] virtual Piece next(Place& place) const = 0;
+    /// The number of a field that `next` reads entry by entry; empty for others.
+    [[nodiscard]] virtual std::optional<std::size_t> longField(std::string_view name) const = 0;
+    [[nodiscard]] virtual bool hasLongField() const = 0;
+    [[nodiscard]] virtual bool hasField(std::string_view name) const = 0;
+    /// The record under `key` in the collection `field`, or null.
+    [[nodiscard]] virtual std::shared_ptr<const Entity> child(std::string_view field,
+                                                              std::string_view key) const = 0;
+
+    /// The record whose collection holds this one, or null.
+    [[nodiscard]] const Entity* parent() const { return parent_; }
 
     /// Tells what would be wrong with writing `patch`; changes nothing.
     [[nodiscard]] virtual MaybeProblem check(const Value& patch) const = 0;

@@ -18,7 +18,9 @@
 #include "State/Maps.h"
 
 #include <concepts>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -46,12 +48,43 @@ struct Notify {
     }
 };
 
+/// A field that is read whole; see `Entity::next`.
+struct WholeField {
+    static constexpr bool isLong = false;
+    template <class Field, class R>
+    static Piece next(const Field& field, const R& record, Place& place) {
+        ++place.field;
+        return {.kind = Piece::Kind::value, .name = std::string{field.name}, .value = field.read(record)};
+    }
+    template <class R>
+    static std::shared_ptr<const Entity> child(const R&, std::string_view) {
+        return nullptr;
+    }
+};
+
+/// A field that is read entry by entry.
+struct LongField {
+    static constexpr bool isLong = true;
+    /// The opening when it has not been told yet.
+    static bool opens(std::string_view name, Place& place, Piece& piece) {
+        if (std::exchange(place.entered, true)) return false;
+        piece = {.kind = Piece::Kind::entries, .name = std::string{name}};
+        return true;
+    }
+    static Piece closed(Place& place) {
+        place = {.field = place.field + 1};
+        return {};
+    }
+};
+
 template <class R, class T>
-struct Scalar {
+struct Scalar : WholeField {
+    constexpr Scalar(std::string_view n, T R::*m, T least = T{}, T most = T{})
+        : name{n}, member{m}, min{least}, max{most} {}
     std::string_view name;
     T R::*member;
-    T min{};  ///< with `max`, the range that may be written; not used where both are equal
-    T max{};
+    T min;  ///< with `max`, the range that may be written; not used where both are equal
+    T max;
 
     [[nodiscard]] std::string_view type() const { return Codec<T>::typeName; }
     [[nodiscard]] Value read(const R& record) const { return Codec<T>::encode(record.*member); }
@@ -78,7 +111,8 @@ struct Scalar {
 };
 
 template <class R, class K, class V>
-struct MapField {
+struct MapField : WholeField {
+    constexpr MapField(std::string_view n, FlatMap<K, V> R::*m) : name{n}, member{m} {}
     std::string_view name;
     FlatMap<K, V> R::*member;
 
@@ -117,7 +151,8 @@ struct MapField {
 };
 
 template <class R, class K, class E, class Text>
-struct CollectionField {
+struct CollectionField : LongField {
+    constexpr CollectionField(std::string_view n, Collection<K, E> R::*m) : name{n}, member{m} {}
     std::string_view name;
     Collection<K, E> R::*member;
 
@@ -132,12 +167,28 @@ struct CollectionField {
     [[nodiscard]] std::optional<Value> entry(const R& record, std::string_view rest) const {
         if (rest.empty()) return read(record);
         const auto [keyText, below] = splitPath(rest);
-        const auto key = Text::parse(keyText);
-        const auto child = key ? (record.*member).get(*key) : nullptr;
-        if (!child) return std::nullopt;
-        if (below.empty()) return child->value();
+        const auto held = child(record, keyText);
+        if (!held) return std::nullopt;
+        if (below.empty()) return held->value();
         const auto [field, deeper] = splitPath(below);
-        return child->fieldValue(field, deeper);
+        return held->fieldValue(field, deeper);
+    }
+    [[nodiscard]] std::shared_ptr<const Entity> child(const R& record, std::string_view keyText) const {
+        const auto key = Text::parse(keyText);
+        return key ? (record.*member).get(*key) : nullptr;
+    }
+    [[nodiscard]] Piece next(const CollectionField&, const R& record, Place& place) const {
+        Piece piece;
+        if (opens(name, place, piece)) return piece;
+        const Collection<K, E>& held = record.*member;
+        const auto before = place.key ? Text::parse(*place.key) : std::nullopt;
+        const auto key = before ? held.nextKey(*before) : held.firstKey();
+        if (!key || (place.key && !before)) return closed(place);
+        place.key = Text::text(*key);
+        const std::shared_ptr<const E> entity = held.get(*key);
+        if (entity->hasLongField())
+            return {.kind = Piece::Kind::record, .name = *place.key, .record = entity};
+        return {.kind = Piece::Kind::value, .name = *place.key, .value = entity->value()};
     }
     [[nodiscard]] MaybeProblem check(const R& record, const Value& patch) const {
         if (patch.object() == nullptr) return badValue(patch, "an object");
@@ -173,7 +224,8 @@ struct CollectionField {
 
 /// A field that is computed from the record and can only be read.
 template <class R, class Read>
-struct Derived {
+struct Derived : WholeField {
+    Derived(std::string_view n, Read r) : name{n}, readIt{std::move(r)} {}
     std::string_view name;
     Read readIt;
 
@@ -184,6 +236,46 @@ struct Derived {
         if (rest.empty()) return all;
         const Value* one = all.member(rest);
         return one != nullptr ? std::optional<Value>{*one} : std::nullopt;
+    }
+    [[nodiscard]] MaybeProblem check(const R&, const Value&) const {
+        return Problem{"", "cannot be written"};
+    }
+    void write(R&, const Value&) const {}
+};
+
+/// Where a computed field's entries are to be read from.
+struct From {
+    std::optional<std::string> key;  ///< none: from the first one on
+    bool included = false;           ///< the entry of that key is one of them
+};
+
+/// A computed field with many entries, read some at a time.
+template <class R, class Read>
+struct DerivedEntries : LongField {
+    DerivedEntries(std::string_view n, Read r) : name{n}, readSome{std::move(r)} {}
+    /// Entries read at a time: few enough to take well below a millisecond.
+    static constexpr std::size_t some = 64;
+    std::string_view name;
+    Read readSome;
+
+    [[nodiscard]] static std::string_view type() { return "derived"; }
+    [[nodiscard]] Value read(const R& record) const {
+        return Value{readSome(record, From{}, std::numeric_limits<std::size_t>::max())};
+    }
+    [[nodiscard]] std::optional<Value> entry(const R& record, std::string_view rest) const {
+        if (rest.empty()) return read(record);
+        Object found = readSome(record, From{std::string{rest}, true}, 1);
+        if (found.empty() || found.front().first != rest) return std::nullopt;
+        return std::move(found.front().second);
+    }
+    [[nodiscard]] static std::shared_ptr<const Entity> child(const R&, std::string_view) { return nullptr; }
+    [[nodiscard]] Piece next(const DerivedEntries&, const R& record, Place& place) const {
+        Piece piece;
+        if (opens(name, place, piece)) return piece;
+        Object found = readSome(record, From{place.key, false}, some);
+        if (found.empty()) return closed(place);
+        place.key = found.back().first;
+        return {.kind = Piece::Kind::values, .value = Value{std::move(found)}};
     }
     [[nodiscard]] MaybeProblem check(const R&, const Value&) const {
         return Problem{"", "cannot be written"};
@@ -212,6 +304,11 @@ template <class R, class Read>
 constexpr Derived<R, Read> derived(std::string_view name, Read read) {
     return {name, read};
 }
+/// `read` takes the record, where to begin (`From`) and how many at most, and gives entries in their order.
+template <class R, class Read>
+constexpr DerivedEntries<R, Read> derivedEntries(std::string_view name, Read read) {
+    return {name, read};
+}
 
 template <class R>
 class Record : public Entity {
@@ -226,6 +323,42 @@ public:
         std::optional<Value> found;
         R::fields([&](const auto& field) {
             if (field.name == name) found = field.entry(self(), rest);
+        });
+        return found;
+    }
+    [[nodiscard]] Piece next(Place& place) const override {
+        Piece piece;
+        std::size_t number = 0;
+        const std::size_t wanted = place.field;
+        R::fields([&](const auto& field) {
+            if (number++ == wanted) piece = field.next(field, self(), place);
+        });
+        return piece;
+    }
+    [[nodiscard]] std::optional<std::size_t> longField(std::string_view name) const override {
+        std::optional<std::size_t> found;
+        std::size_t number = 0;
+        R::fields([&](const auto& field) {
+            if (field.isLong && field.name == name) found = number;
+            ++number;
+        });
+        return found;
+    }
+    [[nodiscard]] bool hasLongField() const override {
+        bool any = false;
+        R::fields([&](const auto& field) { any = any || field.isLong; });
+        return any;
+    }
+    [[nodiscard]] bool hasField(std::string_view name) const override {
+        bool found = false;
+        R::fields([&](const auto& field) { found = found || field.name == name; });
+        return found;
+    }
+    [[nodiscard]] std::shared_ptr<const Entity> child(std::string_view name,
+                                                      std::string_view key) const override {
+        std::shared_ptr<const Entity> found;
+        R::fields([&](const auto& field) {
+            if (field.name == name) found = field.child(self(), key);
         });
         return found;
     }

@@ -35,6 +35,9 @@ private:
     std::uint32_t number_ = 0;
 };
 
+/// A line of the system log that names a port is about that port.
+inline std::string_view logSubject(const IntfId& id) { return id.name(); }
+
 template <>
 struct std::hash<IntfId> {
     std::size_t operator()(IntfId id) const noexcept { return id.number(); }

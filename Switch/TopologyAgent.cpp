@@ -22,10 +22,16 @@ TopologyAgent::Scope TopologyAgent::scope(const State::Change& change) {
     if (vlan != nullptr && (change.field == "vlanConfig" || change.field == "vlanTopology")) {
         return {.vlan = *vlan, .intf = {}};
     }
-    if (intf == nullptr) return {};
-    if (change.field == "topoPortConfig") return {.vlan = {}, .intf = *intf};
-    const auto* members = dynamic_cast<const VlanConfig*>(&change.entity);
-    return members != nullptr ? Scope{.vlan = members->vlanId(), .intf = *intf} : Scope{};
+    if (intf != nullptr && change.field == "topoPortConfig") return {.vlan = {}, .intf = *intf};
+    Scope found{.vlan = VlanPorts::vlanOf(change), .intf = {}};
+    if (!found.vlan) return {};
+    if (intf != nullptr) found.intf = *intf;
+    if (const auto* members = dynamic_cast<const VlanConfig*>(change.entity.parent())) {
+        members->intf().each([&](IntfId id, const VlanPortConfig& member) {
+            if (&member == &change.entity) found.intf = id;
+        });
+    }
+    return found;
 }
 
 TopologyAgent::TopologyAgent(std::shared_ptr<const Config> bridging, std::shared_ptr<const Stp::Status> stp,
@@ -34,10 +40,11 @@ TopologyAgent::TopologyAgent(std::shared_ptr<const Config> bridging, std::shared
     : bridging_{std::move(bridging)},
       stp_{std::move(stp)},
       ports_{std::move(ports)},
-      topology_{std::move(topology)} {
+      topology_{std::move(topology)},
+      vlanPorts_{bridging_} {
     bridgingReactor_ = bridging_->watch([this](const State::Change& change) {
-        if (change.field != "bridgeMac" && change.field != "nativeVlan" && change.field != "switchportMode")
-            refresh(scope(change));
+        const Scope changed = scope(change);
+        if (changed.vlan) refresh(changed, vlanPorts_.refresh(*changed.vlan));
     });
     stpReactor_ = stp_->react([this](const State::Change& change) {
         if (change.field == "mode") refresh({});
@@ -49,10 +56,10 @@ TopologyAgent::TopologyAgent(std::shared_ptr<const Config> bridging, std::shared
     refresh({});
 }
 
-void TopologyAgent::refresh(const Scope& scope) {
+void TopologyAgent::refresh(const Scope& scope, bool ports) {
     if (refreshing_) return;  // a change of our own
     refreshing_ = true;
-    if (ports_) keepOwnTopology();
+    if (ports_ && ports) keepOwnTopology();
     // A VLAN that moves leaves its old topology before it enters the new one: the other way round it would
     // look blocked.
     forEachPort(scope, [&](const std::string& topo, IntfId intf, Topology::TopoPortConfig& port) {
@@ -76,9 +83,7 @@ void TopologyAgent::keepOwnTopology() {
     }
     std::set<IntfId> ports;
     ports_->intfStatus().each([&](IntfId intf, const auto&) { ports.insert(intf); });
-    bridging_->vlanConfig().each([&](VlanId, const VlanConfig& vlan) {
-        vlan.intf().each([&](IntfId intf, const auto&) { ports.insert(intf); });
-    });
+    vlanPorts_.each([&](IntfId intf) { ports.insert(intf); });
 
     const auto topo = topology_->topoConfigIs(own);
     for (auto intf = topo->topoPortConfig().firstKey(); intf; intf = topo->topoPortConfig().nextKey(*intf)) {

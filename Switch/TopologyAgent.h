@@ -7,6 +7,7 @@
 #include "Switch/BridgingTopology.h"
 #include "Switch/Interface.h"
 #include "Switch/Stp.h"
+#include "Switch/VlanPorts.h"
 
 #include <functional>
 #include <memory>
@@ -31,7 +32,8 @@ private:
         std::optional<IntfId> intf;
     };
     [[nodiscard]] static Scope scope(const State::Change& change);
-    void refresh(const Scope& scope);
+    /// `ports`: which ports there are may have changed, too.
+    void refresh(const Scope& scope, bool ports = true);
     void keepOwnTopology();
     /// How the port carries the VLAN, where that topology carries it; else null.
     [[nodiscard]] std::shared_ptr<const VlanPortConfig> member(const std::string& topo, VlanId vlan,
@@ -44,6 +46,7 @@ private:
     std::shared_ptr<const Stp::Status> stp_;
     std::shared_ptr<const Interface::AllEthPhyIntfStatusDir> ports_;
     std::shared_ptr<Topology::Config> topology_;
+    VlanPorts vlanPorts_;
     bool refreshing_ = false;
     State::Reactor bridgingReactor_;
     State::Reactor stpReactor_;

@@ -125,7 +125,7 @@ void runAgent() {
         database.entityIs<Bridging::Topology::Config>("bridging/topology/config")};
     Runtime::SystemLog systemLog;
     systemLog.sinkIs(
-        [](const Runtime::LogEvent&, const std::string&) {});  // lines are made, and nothing written
+        [](const Runtime::LogEvent&, std::string_view, const std::string&) {});  // made, and not written
     const Runtime::Trace trace;
     Runtime::RingLog ringLog;
     Msrp::Agent agent{{.database = database,

@@ -4,6 +4,7 @@
 
 #include "Msrp/types/Config.h"
 #include "Switch/Bridging.h"
+#include "Switch/VlanPorts.h"
 
 #include <functional>
 #include <memory>
@@ -20,11 +21,10 @@ public:
 
 private:
     void refresh();
-    /// Whether a port may have come or gone with a change in a VLAN's members.
-    [[nodiscard]] bool matters(const State::Change& change) const;
 
     std::shared_ptr<const Msrp::Config> msrp_;
     std::shared_ptr<const Bridging::Config> bridging_;
+    Bridging::VlanPorts vlanPorts_;
     Told added_;
     Told removed_;
     std::set<IntfId> ports_;

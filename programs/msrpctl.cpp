@@ -4,6 +4,7 @@
 /// fit for streams, 2 wrong usage.
 #include "Control/Client.h"
 #include "Control/Json.h"
+#include "Linux/Claims.h"
 #include "Linux/EpollLoop.h"
 #include "Linux/Leftovers.h"
 #include "Runtime/RingLog.h"
@@ -15,8 +16,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -256,13 +259,13 @@ int doctor(const Options& options) {
     return Show::healthy(findings) ? done : refused;
 }
 
-/// Who runs and keeps one of those bridges; empty: nobody.
-std::string keeper(const Options& options, const std::set<std::string>& bridges) {
-    Control::Client client;
-    Value reply;
-    if (!ask(options, client, request("get", "linux/config"), reply).empty()) return {};
-    const std::string bridge = Show::textOf(Show::at(reply, {"value", "bridge"}));
-    return bridges.contains(bridge) ? "the daemon behind " + options.socket + " keeps bridge " + bridge : "";
+/// Who keeps one of the bridges, or nothing.
+std::string keeper(const std::set<std::string>& bridges) {
+    for (const std::string& bridge : bridges) {
+        if (const int process = Linux::Claims::holder("bridge " + bridge); process != 0)
+            return "the daemon of process " + std::to_string(process) + " keeps bridge " + bridge;
+    }
+    return {};
 }
 
 int clean(const Options& options) {
@@ -282,7 +285,7 @@ int clean(const Options& options) {
         const Linux::Device* bridge = device->bridge != 0 ? devices.find(device->bridge) : device;
         if (bridge != nullptr) bridges.insert(bridge->name);
     }
-    if (const std::string who = keeper(options, bridges); !who.empty()) return fail(who + "; end it first");
+    if (const std::string who = keeper(bridges); !who.empty()) return fail(who + "; end it first");
     int result = done;
     for (const Linux::Leftover& leftover : found) {
         problem = options.yes ? leftover.remove(kernel) : "";
@@ -308,12 +311,27 @@ int captureFrames(const Options& options) {
     return problem.empty() ? done : fail(problem);
 }
 
+/// "2026-11-21T22:56:42.123456Z"; "-" where it is not known.
+std::string wallText(const std::optional<Runtime::WallTime>& time) {
+    if (!time) return "-";
+    const auto microseconds = std::chrono::floor<std::chrono::microseconds>(*time);
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(microseconds);
+    const std::time_t whole = seconds.time_since_epoch().count();
+    std::tm utc{};
+    ::gmtime_r(&whole, &utc);
+    char day[32];
+    char text[48];
+    std::strftime(day, sizeof day, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text, sizeof text, "%s.%06dZ", day, static_cast<int>((microseconds - seconds).count()));
+    return text;
+}
+
 int ringLog(const Options& options) {
     const auto records = Runtime::RingLog::read(options.file);
     if (!records) return fail(options.file + ": not a ring log");
     for (const Runtime::RingRecord& record : *records) {
-        std::printf("%llu %.6f %s %llx %llx %llx\n", static_cast<unsigned long long>(record.sequence),
-                    Runtime::seconds(record.time), record.label.c_str(),
+        std::printf("%llu %s %.6f %s %llx %llx %llx\n", static_cast<unsigned long long>(record.sequence),
+                    wallText(record.wallTime).c_str(), Runtime::seconds(record.time), record.label.c_str(),
                     static_cast<unsigned long long>(record.arguments[0]),
                     static_cast<unsigned long long>(record.arguments[1]),
                     static_cast<unsigned long long>(record.arguments[2]));

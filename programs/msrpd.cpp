@@ -1,12 +1,15 @@
 /// The daemon: the switch's records, the agents that keep them, and the ways in.
 ///
-/// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges, socket in use), 2 wrong usage or
-/// configuration.
+/// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges, socket in use, another daemon for the
+/// same bridge or port), 2 wrong usage or configuration.
 #include "Control/ConfigFile.h"
 #include "Control/FrameSource.h"
 #include "Control/LogFolder.h"
+#include "Control/LogLimiter.h"
+#include "Control/LogWriter.h"
 #include "Control/RecentLog.h"
 #include "Control/Server.h"
+#include "Linux/Claims.h"
 #include "Linux/Dataplane.h"
 #include "Linux/EpollLoop.h"
 #include "Linux/LinkAgent.h"
@@ -22,10 +25,9 @@
 #include "programs/PortsOfInterest.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <random>
@@ -34,6 +36,7 @@
 #include <string>
 #include <syslog.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -65,7 +68,7 @@ struct Options {
 };
 
 int fail(const std::string& problem, int code) {
-    std::cerr << "msrpd: " << problem << '\n';
+    Control::lastWords("msrpd: " + problem);
     return code;
 }
 
@@ -73,21 +76,29 @@ class Daemon {
 public:
     explicit Daemon(const Options& options) : options_{options} {
         Msrp::populate(database_);
-        if (options.useSyslog) ::openlog("msrpd", LOG_PID, LOG_DAEMON);
-        systemLog_.sinkIs([this](const Runtime::LogEvent& event, const std::string& text) {
-            // Written at the end of the turn: the frames that the event leads to need not wait for a
-            // terminal.
-            loop_.post([this, severity = event.severity, line = std::string{event.name} + ' ' + text] {
-                folder_.line(severity, line);
-            });
+        systemLog_.sinkIs(
+            [this](const Runtime::LogEvent& event, std::string_view subject, const std::string& text) {
+                const std::string_view port = subject.empty() ? portNamed(text) : subject;
+                if (!subject.empty() || limiter_.asks(port))
+                    folder_.line(event.severity, port, std::string{event.name} + ' ' + text);
+            },
+            [this](std::string_view subject) { return subject.empty() || limiter_.asks(subject); });
+        trace_.sinkIs(options.trace,
+                      [this](std::string_view line) { writer_.line(LOG_DEBUG, std::string{line}); });
+        access_.guardIs([this](std::string_view path, const State::Value& patch) {
+            return path == "msrp/config" ? claimPorts(patch.member("intfEnable")) : std::string{};
         });
-        trace_.sinkIs(options.trace, [this](std::string_view line) { print(LOG_DEBUG, std::string{line}); });
     }
 
     int run() {
         if (const std::string problem = loadConfig(); !problem.empty()) return fail(problem, usage);
         std::string problem = Linux::packetSocketProblem();
         if (problem.empty() && !onBridge().empty()) problem = Linux::netAdminProblem();
+        if (problem.empty() && !onBridge().empty()) problem = claims_.take("bridge " + onBridge());
+        if (problem.empty()) {
+            const auto enabled = config_->fieldValue("intfEnable", {});
+            problem = claimPorts(&*enabled);
+        }
         if (problem.empty()) problem = server_.start(options_.socket);
         if (problem.empty()) problem = devices_.start();
         if (problem.empty() && !onBridge().empty()) problem = startDataplane();
@@ -99,8 +110,14 @@ public:
         const PortsOfInterest interest{config_, bridging_, [this](IntfId intf) { follow(intf); },
                                        [this](IntfId intf) { forget(intf); }};
         const State::Reactor addresses = status_->watch([this](const State::Change&) { chooseBridgeMac(); });
-        const State::Reactor enabled = config_->react([this](const State::Change&) { chooseBridgeMac(); });
+        const State::Reactor enabled = config_->react([this](const State::Change& change) {
+            chooseBridgeMac();
+            if (const auto* intf = change.key<IntfId>(); intf != nullptr && !config_->intfEnable().get(*intf))
+                claims_.giveBack(portClaim(intf->name()));
+        });
         chooseBridgeMac();
+        if (std::ranges::none_of(config_->intfEnable(), [](const auto& port) { return port.second; }))
+            tell(LOG_WARNING, options_.config + ": msrp/config/intfEnable enables MSRP on no port");
         // With a bridge, the kernel decides which ports forward.
         const Bridging::TopologyAgent topology{bridging_, stp_, onBridge().empty() ? status_ : nullptr,
                                                topology_};
@@ -113,6 +130,7 @@ public:
                            .ringLogFile = true,
                            .seed = std::random_device{}()},
                           ports_};
+        ringLog_.clocksAre(loop_.now(), loop_.wallNow());
         agent.start();
         loop_.run();
         // The peers hear Leaves and need not wait for their own timers.
@@ -122,6 +140,8 @@ public:
         // One more turn: for the last lines, and for captures to tell of the Leaves.
         loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
         folder_.flush();
+        limiter_.flush();
+        writer_.finish(std::chrono::milliseconds{200});
         return stopped;
     }
 
@@ -140,6 +160,33 @@ private:
         // Read at start only.
         access_.writableDel("linux/config");
         return problem;
+    }
+
+    static std::string portClaim(const std::string& port) { return "port " + port; }
+    /// Claims the ports that `enable`, a record's `intfEnable` or a patch of it, turns on: all or none. Empty
+    /// on success.
+    std::string claimPorts(const State::Value* enable) {
+        std::vector<std::string> taken;
+        const State::Object* ports = enable != nullptr ? enable->object() : nullptr;
+        for (std::size_t i = 0; ports != nullptr && i < ports->size(); ++i) {
+            const auto& [port, on] = (*ports)[i];
+            const std::string claim = portClaim(port);
+            if (on != State::Value{true} || claims_.has(claim)) continue;
+            if (std::string problem = claims_.take(claim); !problem.empty()) {
+                for (const std::string& earlier : taken) claims_.giveBack(earlier);
+                return "msrp/config/intfEnable/" + port + ": " + problem;
+            }
+            taken.push_back(claim);
+        }
+        return {};
+    }
+
+    void signalled(int signal) {
+        if (signal != SIGHUP) return loop_.stop();
+        // Somebody has moved the files away, or started the log anew.
+        writer_.reopen();
+        ringLog_.clocksAre(loop_.now(), loop_.wallNow());
+        if (const std::string problem = ringLog_.reopen(); !problem.empty()) tell(LOG_WARNING, problem);
     }
 
     /// The bridge's name, or nothing.
@@ -180,7 +227,8 @@ private:
                                       .groupStatus = groups_,
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
-            options_.socket, [this](const std::string& line) { tell(LOG_WARNING, line); });
+            options_.socket, [this](const std::string& line) { tell(LOG_WARNING, line); },
+            [](const std::string& bridge) { return Linux::Claims::holder("bridge " + bridge) != 0; });
         return dataplane_->start();
     }
 
@@ -195,7 +243,7 @@ private:
     }
 
     void follow(IntfId intf) {
-        followed_.insert(intf);
+        portNames_.insert(intf.name());
         links_.followIs(intf);
         packets_->intfIs(intf)->sourceIs([this, intf] { return ports_.counters(intf); });
         if (!names_->intf().contains(intf))
@@ -203,10 +251,10 @@ private:
     }
 
     void forget(IntfId intf) {
-        followed_.erase(intf);
+        portNames_.erase(intf.name());
         // Later in the turn: the agent still has to withdraw what it declared there, over a link that is up.
         loop_.post([this, intf] {
-            if (followed_.contains(intf)) return;  // it was enabled again meanwhile
+            if (portNames_.contains(intf.name())) return;  // it was enabled again meanwhile
             links_.followDel(intf);
             packets_->intfDel(intf);
         });
@@ -238,27 +286,31 @@ private:
         });
     }
 
-    void tell(int severity, const std::string& text) { folder_.line(severity, text); }
-    void keep(int severity, const std::string& line) {
-        print(severity, line);
-        recent_->add(Runtime::seconds(loop_.now()), line);
+    [[nodiscard]] std::string_view portNamed(std::string_view text) const {
+        return Control::portNamed(text, [this](std::string_view name) { return portNames_.contains(name); });
     }
-    void print(int severity, const std::string& line) const {
-        if (options_.useSyslog) {
-            ::syslog(severity, "%s", line.c_str());
-        } else {
-            std::cerr << line << '\n';
-        }
+    void tell(int severity, const std::string& text) { folder_.line(severity, portNamed(text), text); }
+    void keep(int severity, const std::string& line) {
+        recent_->add(Runtime::seconds(loop_.now()), line);
+        writer_.line(severity, line);
     }
 
     const Options& options_;
     Linux::EpollLoop loop_;
     /// Blocks its signals from the start: one that comes early stops the daemon as soon as it runs.
-    Linux::Signals signals_{loop_, [this](int) { loop_.stop(); }};
+    Linux::Signals signals_{loop_, [this](int signal) { signalled(signal); }, {SIGTERM, SIGINT, SIGHUP}};
     State::Database database_;
     std::shared_ptr<Control::RecentLog> recent_ = record<Control::RecentLog>("log");
-    Control::LogFolder folder_{loop_,
-                               [this](int severity, const std::string& line) { keep(severity, line); }};
+    Control::LogWriter writer_{
+        loop_, options_.useSyslog ? Control::systemLogSocket(loop_, "msrpd") : Control::standardError(),
+        [this](const std::string& line) { recent_->add(Runtime::seconds(loop_.now()), line); }};
+    Control::LogLimiter limiter_{loop_,
+                                 [this](int severity, const std::string& line) { keep(severity, line); }};
+    Control::LogFolder folder_{loop_, [this](int severity, std::string_view port, const std::string& line) {
+                                   limiter_.line(severity, port, line);
+                               }};
+    std::set<std::string, std::less<>> portNames_;  ///< of those that are followed
+    Linux::Claims claims_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
     Runtime::SystemLog systemLog_;
     Runtime::Trace trace_;
     Runtime::RingLog ringLog_;
@@ -288,7 +340,6 @@ private:
     Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, const Linux::Place& place) {
                                 ports_.interfaceIs(intf, place);
                             }};
-    std::set<IntfId> followed_;
     std::optional<Linux::Dataplane> dataplane_;
 };
 
@@ -320,7 +371,6 @@ int main(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "msrpd: %s\n", error.what());
-        return cannotRun;
+        return fail(error.what(), cannotRun);
     }
 }

@@ -43,9 +43,11 @@ class Testbed:
         self.handlers = {}
 
     def __enter__(self):
-        # A signal must reach the end of the block as well.
-        for number in (signal.SIGTERM, signal.SIGHUP):
-            self.handlers[number] = signal.signal(number, self._end)
+        # A signal must reach the end of the block as well; an interrupt also where the shell that started this
+        # in the background has turned it off.
+        for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
+            if number == signal.SIGINT or signal.getsignal(number) != signal.SIG_IGN:
+                self.handlers[number] = signal.signal(number, self._end)
         try:
             self.directory = pathlib.Path(tempfile.mkdtemp(prefix=self.prefix))
             self.socket = self.directory / "control"
@@ -61,24 +63,32 @@ class Testbed:
         return self
 
     def __exit__(self, *_):
-        for number, handler in self.handlers.items():
-            signal.signal(number, handler)
+        self._ignore_signals()
         for process in self.processes:
             process.kill()
         for process in self.processes:
             process.wait()
         for name in [self.switch, *map(self.station_of, self.ports)]:
-            subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False)
+            subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False,
+                           start_new_session=True)
         if self.directory:
             shutil.rmtree(self.directory, ignore_errors=True)
+        for number, handler in self.handlers.items():
+            signal.signal(number, handler)
 
-    @staticmethod
-    def _end(number, _):
-        raise SystemExit(128 + number)
+    def _ignore_signals(self):
+        for number in self.handlers:
+            signal.signal(number, lambda *_: None)
+
+    def _end(self, number, _):
+        # A closed terminal says it twice, and a supervisor in several words.
+        self._ignore_signals()
+        raise KeyboardInterrupt if number == signal.SIGINT else SystemExit(128 + number)
 
     @staticmethod
     def _ip(*arguments):
-        done = subprocess.run(["ip", *arguments], stderr=subprocess.PIPE, text=True, check=False)
+        done = subprocess.run(["ip", *arguments], stderr=subprocess.PIPE, text=True, check=False,
+                              start_new_session=True)
         if done.returncode != 0:
             raise Failure(f"ip {' '.join(arguments)}: {done.stderr.strip()}")
 

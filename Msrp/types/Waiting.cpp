@@ -59,13 +59,20 @@ bool FailedStreamQueue::failedStreamDelEvery(U64 streamId) {
     return removed;
 }
 
-State::Value FailedStreamQueue::entries() const {
-    State::Object all;
-    for (const auto& [index, stream] : entry_) {
-        all.emplace_back(std::to_string(index),
-                         State::Object{{"stream", State::hexText(stream.streamId)}, {"since", stream.since}});
+State::Object FailedStreamQueue::entries(const State::From& from, std::size_t most) const {
+    State::Object some;
+    auto at = entry_.begin();
+    if (from.key) {
+        const auto key = State::KeyText<U32>::parse(*from.key);
+        if (!key) return some;
+        at = from.included ? entry_.lower_bound(*key) : entry_.upper_bound(*key);
     }
-    return State::Value{std::move(all)};
+    for (; at != entry_.end() && some.size() < most; ++at) {
+        const auto& [index, stream] = *at;
+        some.emplace_back(std::to_string(index), State::Object{{"stream", State::hexText(stream.streamId)},
+                                                               {"since", stream.since}});
+    }
+    return some;
 }
 
 }  // namespace Msrp

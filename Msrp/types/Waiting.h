@@ -60,15 +60,17 @@ public:
 
     template <class F>
     static void fields(F&& each) {
-        each(State::derived<FailedStreamQueue>("failedStream",
-                                               [](const FailedStreamQueue& q) { return q.entries(); }));
+        each(State::derivedEntries<FailedStreamQueue>(
+            "failedStream", [](const FailedStreamQueue& q, const State::From& from, std::size_t most) {
+                return q.entries(from, most);
+            }));
     }
 
 private:
     [[nodiscard]] std::optional<U32> at(std::map<U32, FailedStream>::const_iterator it) const {
         return it == entry_.end() ? std::nullopt : std::optional<U32>{it->first};
     }
-    [[nodiscard]] State::Value entries() const;
+    [[nodiscard]] State::Object entries(const State::From& from, std::size_t most) const;
 
     std::map<U32, FailedStream> entry_;  ///< by index
     std::multimap<U64, U32> index_;      ///< indices by stream, ascending for one stream

@@ -1,18 +1,20 @@
 #include "Control/Client.h"
 #include "Control/Json.h"
 #include "Control/Server.h"
-#include "Linux/EpollLoop.h"
 #include "Msrp/types/Config.h"
+#include "tests/control/SocketLoop.h"
 #include "tests/control/TemporaryDirectory.h"
 
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <vector>
 
 namespace {
@@ -26,25 +28,10 @@ std::string set(const std::string& path, const std::string& field, const std::st
 std::string capture(const std::string& port) { return R"({"op":"capture","path":")" + port + "\"}"; }
 const std::string noPorts = R"({"value":{"intfEnable":{}}})";
 
-/// Turns the loop without waiting; tells whether `condition` came true within some hundred turns.
-bool turnUntil(Linux::EpollLoop& loop, const std::function<bool()>& condition) {
-    Runtime::Timer tick{loop, [] {}};
-    int turns = 0;
-    bool holds = false;
-    loop.runUntil(
-        [&] {
-            holds = condition();
-            tick.armIn({});
-            return holds || ++turns > 500;
-        },
-        1min);
-    return holds;
-}
-
 /// A peer that speaks in lines and never blocks: the loop turns while it waits.
 class Peer {
 public:
-    Peer(Linux::EpollLoop& loop, const std::string& path) : loop_{loop} {
+    Peer(SocketLoop& loop, const std::string& path) : loop_{loop} {
         std::string problem;
         socket_ = Control::connectTo(path, problem);
         EXPECT_EQ(problem, "");
@@ -55,7 +42,7 @@ public:
         return count > 0 ? static_cast<std::size_t>(count) : 0;
     }
     void send(std::string_view octets) {
-        EXPECT_TRUE(turnUntil(loop_, [&] {
+        EXPECT_TRUE(loop_.turnUntil([&] {
             octets.remove_prefix(offer(octets));
             return octets.empty();
         }));
@@ -63,16 +50,18 @@ public:
     void finish() { ::shutdown(socket_.get(), SHUT_WR); }
     void close() { socket_.close(); }
 
+    /// Takes what has come; true when that is a line, or the end.
+    bool fetch() {
+        char piece[65536];
+        ssize_t count = 0;
+        while ((count = ::recv(socket_.get(), piece, sizeof piece, MSG_DONTWAIT)) > 0)
+            in_.append(piece, static_cast<std::size_t>(count));
+        if (count == 0) closed_ = true;
+        return closed_ || in_.find('\n') != std::string::npos;
+    }
     /// The next line without its times; "closed" at the end, "silent" when none comes.
     std::string line() {
-        turnUntil(loop_, [&] {
-            char piece[65536];
-            ssize_t count = 0;
-            while ((count = ::recv(socket_.get(), piece, sizeof piece, MSG_DONTWAIT)) > 0)
-                in_.append(piece, static_cast<std::size_t>(count));
-            if (count == 0) closed_ = true;
-            return closed_ || in_.find('\n') != std::string::npos;
-        });
+        loop_.turnUntil([&] { return fetch(); });
         const std::size_t newline = in_.find('\n');
         if (newline == std::string::npos) return closed_ ? "closed" : "silent";
         auto members = *Control::parseJson(in_.substr(0, newline)).value.object();
@@ -86,11 +75,20 @@ public:
     }
 
 private:
-    Linux::EpollLoop& loop_;
+    SocketLoop& loop_;
     Control::Descriptor socket_;
     std::string in_;
     bool closed_ = false;
 };
+
+/// As a server that was killed leaves it.
+void staleSocket(const std::string& path) {
+    const Control::Descriptor fd{::socket(AF_UNIX, SOCK_STREAM, 0)};
+    sockaddr_un to{};
+    to.sun_family = AF_UNIX;
+    path.copy(to.sun_path, sizeof to.sun_path - 1);
+    ASSERT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+}
 
 class Server : public ::testing::Test {
 protected:
@@ -98,12 +96,12 @@ protected:
 
     void settle() {
         int turns = 0;
-        turnUntil(loop, [&] { return ++turns > 5; });
+        loop.turnUntil([&] { return ++turns > 5; });
     }
 
     TemporaryDirectory directory;
     std::string path = directory.file("new/control");
-    Linux::EpollLoop loop;
+    SocketLoop loop;
     State::Database database;
     std::shared_ptr<Msrp::Config> ports = database.entityIs<Msrp::Config>("msrp/config");
     std::shared_ptr<Msrp::CliConfig> config = database.entityIs<Msrp::CliConfig>("msrp/cliConfig");
@@ -313,26 +311,109 @@ TEST_F(Server, SurvivesClientsThatGoAtAnyMoment) {
     EXPECT_EQ(server->sessions(), 0U);
 }
 
-TEST_F(Server, ServesManyClientsAndTurnsAwayTooMany) {
+TEST_F(Server, ANewcomerGetsInInPlaceOfTheClientThatIsQuietForLongest) {
     std::vector<std::unique_ptr<Peer>> peers;
     for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i) {
         peers.push_back(std::make_unique<Peer>(loop, path));
         EXPECT_EQ(peers.back()->ask(get("msrp/config")), noPorts);
     }
-    Peer tooMany{loop, path};
-    EXPECT_EQ(tooMany.line(), R"({"error":"too many clients"})");
-    EXPECT_EQ(tooMany.line(), "closed");
-    peers.pop_back();
+    EXPECT_EQ(peers[0]->ask(get("msrp/config")), noPorts);
+    Peer newcomer{loop, path};
+    EXPECT_EQ(newcomer.ask(get("msrp/config")), noPorts);
+    EXPECT_EQ(peers[1]->line(), R"({"error":"too many clients, and this one was quiet for longest"})");
+    EXPECT_EQ(peers[1]->line(), "closed");
+    EXPECT_EQ(peers[0]->ask(get("msrp/config")), noPorts);
+}
+
+TEST_F(Server, EndsAClientThatNeitherAsksNorWatchesAndOneThatDoesNotFetchWhatItAskedFor) {
+    for (int i = 0; i < 20'000; ++i) ports->intfEnableIs(IntfId{"port" + std::to_string(i)}, true);
+    Peer quiet{loop, path};
+    Peer watcher{loop, path};
+    Peer greedy{loop, path};
+    EXPECT_EQ(watcher.ask(R"({"op":"watch","path":"msrp/cliConfig/srClassAPriority"})"),
+              R"({"watch":"msrp/cliConfig/srClassAPriority","value":3})");
+    greedy.send(get("msrp/config") + '\n' + get("msrp/config") + '\n' + get("msrp/config") + '\n');
     settle();
-    Peer next{loop, path};
-    EXPECT_EQ(next.ask(get("msrp/config")), noPorts);
+    loop.sleep(Control::Session::readPatience);
+    settle();
+    EXPECT_EQ(server->sessions(), 2U);
+    loop.sleep(Control::Session::askPatience);
+    EXPECT_EQ(quiet.line(), R"({"error":"nothing was asked for too long"})");
+    EXPECT_EQ(quiet.line(), "closed");
+    config->srClassAPriorityIs(5);
+    EXPECT_EQ(watcher.line(), R"({"watch":"msrp/cliConfig/srClassAPriority","value":5})");
+}
+
+/// Entries that take as long to read as the test says.
+class Long : public State::Record<Long> {
+public:
+    static constexpr std::string_view type = "Test::Long";
+    static constexpr std::uint64_t entries = 5000;
+    void change() { changed(State::Change{*this, "entry"}); }
+    std::function<void()> read;
+
+    template <class F>
+    static void fields(F&& each) {
+        each(State::derivedEntries<Long>(
+            "entry", [](const Long& r, const State::From& from, std::size_t most) {
+                State::Object some;
+                std::uint64_t at = from.key ? *State::parseDecimal(*from.key, entries) + !from.included : 0;
+                for (; at < entries && some.size() < most; ++at) {
+                    r.read();
+                    some.emplace_back(std::to_string(at), State::Value{std::string(200, 'x')});
+                }
+                return some;
+            }));
+    }
+};
+
+TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiting) {
+    const auto record = database.entityIs<Long>("long");
+    std::uint64_t reads = 0;
+    record->read = [&] {
+        ++reads;
+        loop.took(10us);
+    };
+    std::vector<std::unique_ptr<Peer>> watchers;
+    for (int i = 0; i < 5; ++i) {
+        watchers.push_back(std::make_unique<Peer>(loop, path));
+        watchers.back()->send("{\"op\":\"watch\",\"path\":\"long\"}\n");
+    }
+    const auto tell = [&] {
+        loop.turnUntil([&] {
+            // All of them, and each in every turn.
+            return std::ranges::count_if(watchers, [](const auto& watcher) { return watcher->fetch(); }) == 5;
+        });
+        std::set<std::string> told;
+        for (const auto& watcher : watchers) told.insert(watcher->line());
+        EXPECT_EQ(told.size(), 1U);
+        EXPECT_GT(told.begin()->size(), 200 * Long::entries);
+        return std::exchange(reads, 0);
+    };
+    EXPECT_LT(tell(), 2 * Long::entries);
+    for (int i = 0; i < 1000; ++i) {
+        record->change();
+        loop.turn();
+    }
+    // Once at once, and once a second.
+    EXPECT_LT(tell() + tell(), 4 * Long::entries);
+    loop.longestTurn = {};
+    for (int i = 0; i < 60; ++i) {
+        watchers.push_back(std::make_unique<Peer>(loop, path));
+        watchers.back()->send("{\"op\":\"get\",\"path\":\"long\"}\n");
+    }
+    Peer person{loop, path};
+    const Runtime::Time asked = loop.now();
+    EXPECT_EQ(person.ask(get("msrp/cliConfig/srClassAPriority")), R"({"value":3})");
+    EXPECT_LT(loop.now() - asked, 500ms);
+    for (const auto& watcher : watchers) watcher->line();
+    EXPECT_LT(loop.longestTurn, 5ms);
 }
 
 TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     const std::string stale = directory.file("stale");
     const std::string file = directory.write("file", "precious");
-    std::string problem;
-    Control::listenOn(stale, problem).close();
+    staleSocket(stale);
     Control::Server other{loop, {records, frames, commands}};
     EXPECT_EQ(other.start(file), "socket " + file + ": a file that is no socket is in the way");
     EXPECT_EQ(other.start(std::string(200, 'x')).substr(0, 12), "socket \"xxxx");
@@ -344,6 +425,12 @@ TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
     EXPECT_EQ(Control::Client{}.connect("/nowhere/control"),
               "socket /nowhere/control: No such file or directory");
+    // Nor does it remove one that took the place of its own.
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    Control::Server third{loop, {records, frames, commands}};
+    EXPECT_EQ(third.start(path), "");
+    server.reset();
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 #include "State/Record.h"
 
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <set>
 #include <unistd.h>
 #include <vector>
 
@@ -71,30 +73,106 @@ TEST(ReviewTimer, BoundsTheRateAndHonoursAnExplicitTime) {
     EXPECT_NEAR(reviews.back(), 9.0, 1e-6);
 }
 
-TEST(RingLog, KeepsTheLastRecordsInItsFile) {
-    const std::string path = testing::TempDir() + "ring-" + std::to_string(::getpid()) + ".rl";
+struct RingFiles : testing::Test {
+    RingFiles() { std::filesystem::create_directory(directory); }
+    ~RingFiles() override { std::filesystem::remove_all(directory); }
+    [[nodiscard]] std::string file(const std::string& name) const { return directory + "/" + name; }
+    /// As a process of that number leaves it, the lines of which are all of that label.
+    void leave(const std::string& name, const std::string& label) const {
+        RingLog log;
+        ASSERT_EQ(log.initialise(file(name), 24, 0, 1, 1), "");
+        log.write(Time{}, label);
+    }
+    [[nodiscard]] std::string label(const std::string& name) const {
+        const auto records = RingLog::read(file(name));
+        return records && !records->empty() ? records->front().label : "none";
+    }
+    const std::string number = std::to_string(::getpid());
+    const std::string directory = testing::TempDir() + "ring-" + number;
+};
+
+TEST_F(RingFiles, KeepTheLastRecordsAndTellTheirTimesByBothClocks) {
     {
         RingLog log;
         log.write(Time{}, "dropped before it is open");
-        ASSERT_EQ(log.initialise(path, 24, 0, 1, 1), "");  // 15 slots
+        log.clocksAre(Time{10s}, WallTime{1'000'000s});
+        ASSERT_EQ(log.initialise(file("Msrp.rl"), 24, 0, 1, 1), "");  // 15 slots
         for (std::uint64_t i = 1; i <= 40; ++i)
             log.write(Time{std::chrono::seconds{i}}, "a label of more than 24 octets", i, i * 2);
     }
-    const auto records = RingLog::read(path);
+    const auto records = RingLog::read(file("Msrp.rl"));
     ASSERT_TRUE(records.has_value());
     ASSERT_EQ(records->size(), 15U);
     EXPECT_EQ(records->front().arguments[0], 26U);
     EXPECT_EQ(records->back().arguments[1], 80U);
     EXPECT_EQ(records->back().label, "a label of more than 24 ");
-    std::filesystem::remove(path);
-    EXPECT_FALSE(RingLog::read(path).has_value());
+    EXPECT_EQ(records->back().wallTime, WallTime{1'000'030s});
     EXPECT_NE(RingLog{}.initialise("/nonexistent/x.rl", 24, 0, 1, 512), "");
 }
 
+TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
+    for (const char* life : {"first", "second", "third"}) leave("Msrp.rl", life);
+    EXPECT_EQ(label("Msrp.rl") + ' ' + label("Msrp-last.rl"), "third second");
+
+    RingLog alive;
+    ASSERT_EQ(alive.initialise(file("Msrp-1.rl"), 24, 0, 1, 1), "");
+    alive.write(Time{}, "alive");
+    auto written = std::filesystem::file_time_type::clock::now() - 1h;
+    for (const char* process : {"Msrp-2.rl", "Msrp-4-last.rl", "Msrp-3.rl"}) {
+        leave(process, process);
+        std::filesystem::last_write_time(file(process), written -= 1h);
+    }
+    std::filesystem::last_write_time(file("Msrp-4-last.rl"), written + 3h);
+    std::ofstream{file("Msrp-5.rl")} << "precious";
+    std::filesystem::create_symlink(file("Msrp-5.rl"), file("Msrp-6.rl"));
+    RingLog log;
+    ASSERT_EQ(log.initialise(file("Msrp-" + number + ".rl"), 24, 0, 1, 1), "");
+    log.write(Time{}, "before");
+    EXPECT_EQ(log.reopen(), "");
+    std::set<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator{directory})
+        left.insert(entry.path().filename());
+    EXPECT_EQ(left,
+              (std::set<std::string>{"Msrp.rl", "Msrp-last.rl", "Msrp-1.rl", "Msrp-4-last.rl", "Msrp-5.rl",
+                                     "Msrp-6.rl", "Msrp-" + number + ".rl", "Msrp-" + number + "-last.rl"}));
+    EXPECT_EQ(label("Msrp-" + number + "-last.rl"), "before");
+
+    RingLog refused;
+    EXPECT_NE(refused.initialise(file("Msrp-5.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
+    EXPECT_NE(refused.initialise(file("Msrp-6.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
+    EXPECT_EQ(std::filesystem::file_size(file("Msrp-5.rl")), 8U);
+    std::filesystem::permissions(directory, std::filesystem::perms::all);
+    EXPECT_NE(refused.initialise(file("x.rl"), 24, 0, 1, 1).find("anybody"), std::string::npos);
+}
+
+TEST(SystemLog, MakesNoTextThatNobodyWillRead) {
+    struct Port {
+        std::string name;
+        [[nodiscard]] const std::string& text() const {
+            ++made;
+            return name;
+        }
+        int& made;
+    };
+    constexpr LogEvent event{
+        .name = "X", .severity = 6, .format = "%s", .explanation = {}, .recommendedAction = {}};
+    SystemLog log;
+    int made = 0;
+    const Port port{"p1", made};
+    bool open = true;
+    std::string told;
+    log.sinkIs([&](const LogEvent&, std::string_view, const std::string& text) { told += text; },
+               [&](std::string_view) { return open; });
+    log.log(event, format("%s is up", port));
+    open = false;
+    log.log(event, format("%s is up", port));
+    EXPECT_EQ(told + std::to_string(made), "p1 is up1");
+}
+
 TEST(SystemLog, FillsFormatsFromTheLeft) {
-    EXPECT_EQ(
-        format("%s on %s: 0x%s, %llu %d 100 % %s", "Join", std::string{"p1"}, "AB", std::uint64_t{7}, 3),
-        "Join on p1: 0xAB, 7 3 100 % %s");
+    const std::string port{"p1"};
+    EXPECT_EQ(format("%s on %s: 0x%s, %llu %d 100 % %s", "Join", port, "AB", std::uint64_t{7}, 3).text(),
+              "Join on p1: 0xAB, 7 3 100 % %s");
 }
 
 TEST(EntityManager, MountsByPathTypeAndMode) {

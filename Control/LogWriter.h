@@ -1,0 +1,77 @@
+/// The way out for log lines, which never waits for whoever reads them: lines wait in a bounded queue, and
+/// what finds no room there is dropped and counted.
+#pragma once
+
+#include "Control/Socket.h"
+#include "Runtime/Loop.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+namespace Control {
+
+/// Where lines go.  No call waits.
+class LogOutlet {
+public:
+    virtual ~LogOutlet() = default;
+    /// How many octets of the line, from `offset` on, were taken; all of them count the line's end. Negative:
+    /// the error number, EAGAIN when the reader has to catch up first.
+    virtual ssize_t write(int severity, const std::string& line, std::size_t offset) = 0;
+    /// Begins anew, as far as that can be done.
+    virtual void reopen() = 0;
+};
+
+/// Standard error, whatever that is.  A pipe or terminal is opened a second time, because our not waiting for
+/// it would else be everybody's who has it.
+std::unique_ptr<LogOutlet> standardError();
+/// The system's log: datagrams to a socket, connected again whenever it was away.
+std::unique_ptr<LogOutlet> systemLogSocket(const Runtime::Loop& loop, std::string program,
+                                           std::string path = "/dev/log");
+
+class LogWriter {
+public:
+    /// Octets of lines that wait.
+    static constexpr std::size_t capacity = std::size_t{256} << 10;
+
+    /// `trouble` takes one line when lines begin to be lost, for those who can still be told.  The loop must
+    /// outlive the writer.
+    LogWriter(Runtime::Loop& loop, std::unique_ptr<LogOutlet> outlet,
+              std::function<void(const std::string& line)> trouble);
+
+    /// Written at the end of the turn, or when that is possible; `severity` as in syslog.
+    void line(int severity, std::string text);
+    void reopen();
+    /// Writes what it can, waiting at most for so long.
+    void finish(Runtime::Duration span);
+
+private:
+    struct Line {
+        int severity;
+        std::string text;
+    };
+    void enqueue(int severity, std::string text);
+    /// True when nothing is left.
+    bool flush();
+    void lost(const std::string& reason);
+
+    Runtime::Loop& loop_;
+    const std::unique_ptr<LogOutlet> outlet_;
+    const std::function<void(const std::string&)> trouble_;
+    std::deque<Line> queue_;
+    std::size_t octets_ = 0;  ///< in the queue
+    std::size_t offset_ = 0;  ///< what of its first line has been written
+    std::uint64_t dropped_ = 0;
+    std::string reason_;  ///< why lines are not written; empty while they are
+    Runtime::Timer timer_;
+};
+
+/// A line on standard error from a process that is about to end; waits for a reader, but not long.
+void lastWords(const std::string& line);
+
+}  // namespace Control

@@ -1,0 +1,208 @@
+#include "Control/LogFolder.h"
+#include "Control/LogLimiter.h"
+#include "Control/LogWriter.h"
+#include "Control/RecentLog.h"
+#include "Runtime/VirtualLoop.h"
+#include "tests/control/TemporaryDirectory.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
+
+struct Folder : ::testing::Test {
+    Lines told() { return std::exchange(lines, {}); }
+
+    Runtime::VirtualLoop loop;
+    Lines lines;
+    Control::LogFolder folder{loop, [this](int severity, std::string_view, const std::string& line) {
+                                  lines.push_back(std::to_string(severity) + ' ' + line);
+                              }};
+};
+
+TEST_F(Folder, CountsWhatComesAgainWithinAMinuteAndPassesTheRestAtOnce) {
+    for (int i = 0; i < 5; ++i) {
+        folder.line(6, "", "Discard");
+        loop.runFor(10s);
+    }
+    folder.line(4, "swp1", "swp1 link status is up");
+    EXPECT_EQ(told(), (Lines{"6 Discard", "4 swp1 link status is up"}));
+    loop.runFor(10s);
+    EXPECT_EQ(told(), Lines{"6 Discard (again 4 times)"});
+    loop.runFor(10min);
+    EXPECT_EQ(told(), Lines{});
+}
+
+TEST_F(Folder, GoesOnFoldingWhatGoesOnAndForgetsWhatHasEnded) {
+    folder.line(6, "", "Discard");
+    folder.line(6, "", "Discard");
+    loop.runFor(1min);
+    folder.line(6, "", "Discard");  // in the second window
+    EXPECT_EQ(told(), (Lines{"6 Discard", "6 Discard (again 1 time)"}));
+    loop.runFor(1min);
+    EXPECT_EQ(told(), Lines{"6 Discard (again 1 time)"});
+    loop.runFor(1min);  // a quiet window
+    folder.line(6, "", "Discard");
+    EXPECT_EQ(told(), Lines{"6 Discard"});
+}
+
+TEST_F(Folder, FlushTellsCountsThatAreHeldBack) {
+    folder.line(6, "", "a");
+    folder.line(6, "", "b");
+    folder.line(6, "", "b");
+    folder.flush();
+    EXPECT_EQ(told(), (Lines{"6 a", "6 b", "6 b (again 1 time)"}));
+    loop.runFor(10min);
+    EXPECT_EQ(told(), Lines{});
+}
+
+TEST_F(Folder, RemembersABoundedNumberOfLines) {
+    folder.line(6, "", "first");
+    folder.line(6, "", "first");
+    for (std::size_t i = 1; i <= Control::LogFolder::capacity; ++i) folder.line(6, "", std::to_string(i));
+    const Lines all = told();
+    ASSERT_EQ(all.size(), Control::LogFolder::capacity + 2);
+    EXPECT_EQ(all[all.size() - 2], "6 first (again 1 time)");
+}
+
+TEST(LogLimiter, BoundsWhatOnePortAndAllTogetherWriteAndCountsTheRest) {
+    Runtime::VirtualLoop loop;
+    std::size_t octets = 0;
+    Lines told;
+    Control::LogLimiter limiter{loop, [&](int, const std::string& line) {
+                                    octets += line.size() + 1;
+                                    told.push_back(line);
+                                }};
+    for (int i = 0; i < 10'000; ++i) {
+        if (limiter.asks("swp3")) limiter.line(6, "swp3", "line " + std::to_string(i));
+    }
+    EXPECT_EQ(told.size(), 200U);
+    limiter.line(6, "", "no port");
+    limiter.line(6, "swp4", "innocent");
+    EXPECT_EQ(told.size(), 202U);
+    loop.runFor(1min);
+    EXPECT_EQ(told.back(), "swp3: 9,800 more lines in the last minute were left out");
+    told.clear();
+    for (int i = 0; i < 10'000; ++i) limiter.line(6, "swp3", "line");
+    EXPECT_EQ(told.size(), 100U);
+
+    for (int minutes = 0; minutes < 3; ++minutes) {
+        octets = 0;
+        for (int second = 0; second < 60; ++second) {
+            for (int port = 0; port < 6400; ++port)
+                limiter.line(6, "p" + std::to_string(port % 64), std::string(200, 'x'));
+            loop.runFor(1s);
+        }
+        EXPECT_LT(octets, std::size_t{1'000'000});
+    }
+    loop.runFor(10min);
+    told.clear();
+    loop.runFor(10min);
+    EXPECT_EQ(told, Lines{});
+}
+
+TEST(LogLimiter, FindsThePortInALine) {
+    const auto known = [](std::string_view name) { return name == "swp3" || name == "on"; };
+    EXPECT_EQ(Control::portNamed("swp3 link status is up", known), "swp3");
+    EXPECT_EQ(Control::portNamed("swp3: malformed MRPDU", known), "swp3");
+    EXPECT_EQ(Control::portNamed("Join received on vlan on swp3: StreamId", known), "swp3");
+    EXPECT_EQ(Control::portNamed("swp31 on swp4 on", known), "");
+}
+
+struct Outlet : Control::LogOutlet {
+    explicit Outlet(std::string& to) : taken{to} {}
+    ssize_t write(int, const std::string& line, std::size_t offset) override {
+        if (error != 0) return -error;
+        const std::string rest = (line + '\n').substr(offset, 7);  // never a whole line
+        taken += rest;
+        return static_cast<ssize_t>(rest.size());
+    }
+    void reopen() override { error = 0; }
+    std::string& taken;
+    int error = 0;
+};
+
+TEST(LogWriter, NeverWaitsAndDropsAndCountsAndGoesOnWhenItCan) {
+    Runtime::VirtualLoop loop;
+    std::string taken;
+    Lines troubles;
+    auto owned = std::make_unique<Outlet>(taken);
+    Outlet& outlet = *owned;
+    Control::LogWriter writer{loop, std::move(owned),
+                              [&](const std::string& line) { troubles.push_back(line); }};
+    outlet.error = EAGAIN;
+    for (int i = 0; i < 1000; ++i) writer.line(6, std::string(999, 'x'));
+    loop.runFor(1s);
+    EXPECT_EQ(troubles, Lines{"lines of the log are not written: nobody reads them"});
+    outlet.error = 0;
+    loop.runFor(1s);
+    constexpr std::size_t kept = Control::LogWriter::capacity / 999;
+    const std::string last = std::to_string(1000 - kept) + " lines were not written: nobody reads them\n";
+    ASSERT_EQ(taken.size(), kept * 1000 + last.size());
+    EXPECT_EQ(taken.substr(kept * 1000), last);
+
+    // Said once however often it is tried, and what is kept comes out whole.
+    taken.clear();
+    for (const int error : {ENOSPC, EPIPE}) {
+        outlet.error = error;
+        writer.line(6, "kept");
+        loop.runFor(1min);
+    }
+    EXPECT_EQ(troubles.back(), "lines of the log are not written: No space left on device");
+    EXPECT_EQ(troubles.size(), 2U);
+    writer.reopen();
+    EXPECT_EQ(taken, "kept\nkept\n");
+}
+
+TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {
+    Runtime::VirtualLoop loop;
+    const TemporaryDirectory directory;
+    const std::string path = directory.file("log");
+    const auto listen = [&path] {
+        Control::Descriptor fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)};
+        sockaddr_un to{};
+        to.sun_family = AF_UNIX;
+        path.copy(to.sun_path, sizeof to.sun_path - 1);
+        EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+        return fd;
+    };
+    const auto heard = [](const Control::Descriptor& fd) {
+        std::string text(2000, '\0');
+        const ssize_t count = ::recv(fd.get(), text.data(), text.size(), 0);
+        return count < 0 ? "nothing" : text.substr(0, static_cast<std::size_t>(count));
+    };
+    Control::LogWriter writer{loop, Control::systemLogSocket(loop, "msrpd", path), [](const std::string&) {}};
+    for (const char* line : {"first", "second"}) {
+        writer.line(6, line);
+        loop.runFor(1min);
+        const auto log = listen();
+        loop.runFor(2s);
+        const std::string text = heard(log);
+        EXPECT_EQ(text.substr(0, 4), "<30>");
+        EXPECT_EQ(text.substr(text.find("msrpd")), "msrpd[" + std::to_string(::getpid()) + "]: " + line);
+        ::unlink(path.c_str());
+    }
+    // Nor does one that is there and reads nothing make anybody wait.
+    const auto log = listen();
+    for (int i = 0; i < 5000; ++i) writer.line(6, "unread");
+    loop.runFor(1s);
+    EXPECT_NE(heard(log), "nothing");
+}
+
+TEST(RecentLog, KeepsTheLastLines) {
+    Control::RecentLog log;
+    for (std::size_t i = 1; i <= Control::RecentLog::capacity + 2; ++i)
+        log.add(1.5, "line " + std::to_string(i));
+    EXPECT_EQ(log.line().size(), Control::RecentLog::capacity);
+    EXPECT_EQ(log.line().get(3)->text(), "line 3");
+    EXPECT_EQ(log.line().get(2), nullptr);
+}
+
+}  // namespace
