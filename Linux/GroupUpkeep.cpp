@@ -59,7 +59,9 @@ void GroupAgent::findLeftovers() {
             if (ownerOf(index, entry) == GroupOwner::us) ours.push_back(entry.member);
         }
         if (ours.empty()) continue;
-        const auto remembered = [&](const BridgeMemory::Mark& mark) { return mark.first == index; };
+        const auto remembered = [bridge](const BridgeMemory::Mark& mark) {
+            return mark.first == bridge->ifindex;
+        };
         const bool running = served_ && served_(bridge->name);
         if (running) continue;  // another daemon's
         const bool certain = served_ || std::ranges::any_of(memory_.marks(), remembered);

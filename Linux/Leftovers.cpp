@@ -53,14 +53,10 @@ std::string findGroups(NetlinkChannel& kernel, const DeviceTable& devices,
 
 std::string findQueues(NetlinkChannel& kernel, const DeviceTable& devices,
                        const std::set<std::uint16_t>& handles, std::vector<Leftover>& found) {
-    std::set<unsigned> all;
-    for (const auto& [ifindex, device] : devices.all()) all.insert(ifindex);
-    std::map<unsigned, PortQueues> queues;
-    if (std::string problem = readQueues(kernel, all, queues); !problem.empty()) return problem;
-    for (const auto& [ifindex, have] : queues) {
-        const auto add = [&, port = ifindex](const char* what, std::vector<QueueStep> steps) {
+    for (const auto& [ifindex, device] : devices.all()) {
+        const auto add = [&found, name = device.name](const char* what, std::vector<QueueStep> steps) {
             if (steps.empty()) return;
-            found.push_back({devices.find(port)->name, what, [steps](NetlinkChannel& channel) {
+            found.push_back({name, what, [steps](NetlinkChannel& channel) {
                                  for (const QueueStep& step : steps) {
                                      const NetlinkAnswer answer = channel.carryOut(step.request);
                                      if (!answer && answer.error != ENOENT) return answer.problem();
@@ -68,7 +64,11 @@ std::string findQueues(NetlinkChannel& kernel, const DeviceTable& devices,
                                  return std::string{};
                              }});
         };
+        PortQueues have;
         for (const std::uint16_t handle : handles) {
+            const NetlinkAnswer answer = readQueues(kernel, ifindex, handle, have);
+            if (answer.error == ENODEV) break;  // gone meanwhile
+            if (!answer) return concat("cannot read the queues of ", device.name, ": ", answer.problem());
             WantedQueues nothing;
             nothing.ifindex = ifindex;
             nothing.major = handle;

@@ -288,8 +288,11 @@ void Participant::owe(const AttributeRef& ref) {
 void Participant::forget(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr) return;
-    applicantIs(ref, *attribute, Applicant::VO, ApplicantEvent::leave);
-    attribute->announced = attribute->announced && replaces_[ref.typeIndex] != ref.typeIndex;
+    // A withdrawal that is on its way is not this declaration's: the peer must still hear it.
+    if (attribute->applicant != Applicant::LA) {
+        applicantIs(ref, *attribute, Applicant::VO, ApplicantEvent::leave);
+        attribute->announced = attribute->announced && replaces_[ref.typeIndex] != ref.typeIndex;
+    }
     attribute->mtDue = false;
     if (attribute->refused) {
         attribute->held = false;

@@ -109,9 +109,9 @@ public:
     void seed(const AttributeRef& ref, const AttributeValue& value);
     /// Lv!
     void withdraw(const AttributeRef& ref);
-    /// Forgets declaration and registration at once; nothing is sent or indicated.  What was refused stays
-    /// refused.  What the peer may hold of a type that another one replaces is remembered until it hears of
-    /// that one: should this never be said, it is owed a Leave.
+    /// Forgets declaration and registration at once; nothing is sent or indicated, but for a Leave that was
+    /// asked for before.  What was refused stays refused.  What the peer may hold of a type that another one
+    /// replaces is remembered until it hears of that one: should this never be said, it is owed a Leave.
     void forget(const AttributeRef& ref);
     /// Forgets the registration without an indication, and says Mt for it.
     void purge(const AttributeRef& ref);

@@ -26,7 +26,7 @@ bool MsrpSm::rebuildStreams(U64& next, unsigned& units) {
 void MsrpSm::rebuildQueues() {
     // Who waits keeps its place in the queue, who has gone does not.
     const auto keepsSome = [this](FailedStreamQueue& queue) {
-        for (auto index = queue.head(); index; index = queue.next(*index)) {
+        for (auto index = queue.head(); index; index = queue.after(*index)) {
             if (!streamList(queue.stream(*index))) queue.failedStreamDel(*index);
         }
         return !queue.empty();
@@ -174,7 +174,8 @@ void MsrpSm::catchUpWithStream(StreamData& stream) {
     // What the other side had begun on a port and did not come to the end of; the talker's port last, since
     // without a talker nothing is withdrawn.
     std::vector<StreamPort> ports = stream.port();
-    std::ranges::partition(ports, [&](const StreamPort& port) { return port.intf != stream.ingressIntf(); });
+    std::partition(ports.begin(), ports.end(),
+                   [&](const StreamPort& port) { return port.intf != stream.ingressIntf(); });
     for (const StreamPort& port : ports) {
         if (!streamList(id)) return;
         catchUpWithStream(stream, port);

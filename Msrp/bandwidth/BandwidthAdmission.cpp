@@ -109,7 +109,7 @@ bool MsrpSm::retryPort(IntfId intf, U32& next, U32 last, unsigned& units) {
     const std::shared_ptr<BwFailedIntf> failed = bandwidthFailedIntf(intf);
     if (!failed) return true;
     // Oldest refusal first.
-    for (auto index = failed->from(next); index && *index <= last; index = failed->next(*index)) {
+    for (auto index = failed->from(next); index && *index <= last; index = failed->after(*index)) {
         next = *index;
         if (units == 0) return false;
         const unsigned before = spent_;

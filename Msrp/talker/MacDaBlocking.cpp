@@ -28,7 +28,7 @@ bool MsrpSm::retryAddress(EthAddr macDa, U32& next, U32 last, unsigned& units) {
     // Once one of them has taken the address the others only keep their places: a peer that waits with
     // thousands of streams must not cost a full attempt for each of them at each leave.  What queues up anew
     // meanwhile is not visited.
-    for (auto index = blocked->from(next); index && *index <= last; index = blocked->next(*index)) {
+    for (auto index = blocked->from(next); index && *index <= last; index = blocked->after(*index)) {
         next = *index;
         if (units == 0) return false;
         const unsigned before = spent_;

@@ -53,7 +53,7 @@ public:
     /// The first index from `index` on.
     [[nodiscard]] std::optional<U32> from(U32 index) const { return at(entry_.lower_bound(index)); }
     /// The first index above `index`.
-    [[nodiscard]] std::optional<U32> next(U32 index) const { return at(entry_.upper_bound(index)); }
+    [[nodiscard]] std::optional<U32> after(U32 index) const { return at(entry_.upper_bound(index)); }
     /// The stream under `index`, which must be there.
     [[nodiscard]] U64 stream(U32 index) const { return entry_.at(index).streamId; }
     [[nodiscard]] const std::map<U32, FailedStream>& entry() const { return entry_; }
