@@ -289,7 +289,9 @@ void Participant::forget(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr) return;
     // A withdrawal that is on its way is not this declaration's: the peer must still hear it.
-    if (attribute->applicant != Applicant::LA) {
+    if (attribute->applicant == Applicant::LA) {
+        applicantEvent(ref, *attribute, ApplicantEvent::leave);
+    } else {
         applicantIs(ref, *attribute, Applicant::VO, ApplicantEvent::leave);
         attribute->announced = attribute->announced && replaces_[ref.typeIndex] != ref.typeIndex;
     }
