@@ -142,10 +142,10 @@ void readers(benchmark::State& state) {
                                 beat.armIn(1ms);
                             }};
         for ([[maybe_unused]] auto turn : state) {
-            beat.armIn(1ms);
             const double before = residentMegabytes();
             const Bench::Child watching{[&] { crowd(path, *figures); }};
             const Bench::Child asking{[&] { person(path, *figures); }};
+            beat.armIn(1ms);
             loop.runUntil([] { return false; }, 10s);
             state.counters["memoryMB"] = residentMegabytes() - before;
             state.counters["latestTimerMs"] = 1e3 * Runtime::seconds(Runtime::Time{latest});
