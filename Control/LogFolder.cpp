@@ -17,7 +17,7 @@ void LogFolder::line(int severity, std::string_view port, const std::string& tex
     held_.push_back({severity, std::string{port}, text, 0, loop_.now() + window});
     byText_.emplace(held_.back().text, std::prev(held_.end()));
     if (!timer_.armed()) timer_.armAt(held_.front().until);
-    sink_(severity, port, text);
+    sink_(severity, port, text, 1);
 }
 
 void LogFolder::flush() {
@@ -35,7 +35,7 @@ void LogFolder::closeOldest(bool mayReopen) {
     const std::uint64_t again = std::exchange(oldest->again, 0);
     if (again > 0) {
         sink_(oldest->severity, oldest->port,
-              oldest->text + " (again " + std::to_string(again) + (again == 1 ? " time)" : " times)"));
+              oldest->text + " (again " + std::to_string(again) + (again == 1 ? " time)" : " times)"), again);
     }
     if (again > 0 && mayReopen) {
         // What went on for a minute will go on: still one line a minute.

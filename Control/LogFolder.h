@@ -16,8 +16,10 @@ namespace Control {
 
 class LogFolder {
 public:
-    /// `severity` as in syslog; `port` is the one that the line is about, or empty.
-    using Sink = std::function<void(int severity, std::string_view port, const std::string& line)>;
+    /// `severity` as in syslog; `port` is the one that the line is about, or empty; the line stands for
+    /// `count`.
+    using Sink = std::function<void(int severity, std::string_view port, const std::string& line,
+                                    std::uint64_t count)>;
 
     static constexpr Runtime::Duration window = std::chrono::minutes{1};
     /// Different lines that are remembered at a time.

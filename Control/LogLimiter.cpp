@@ -33,22 +33,22 @@ LogLimiter::Share& LogLimiter::share(std::string_view port) {
 bool LogLimiter::asks(std::string_view port) {
     Share& asked = share(port);
     if (asked.lines >= 1) return true;
-    leaveOut(asked);
+    leaveOut(asked, 1);
     return false;
 }
 
-void LogLimiter::line(int severity, std::string_view port, const std::string& text) {
+void LogLimiter::line(int severity, std::string_view port, const std::string& text, std::uint64_t count) {
     Share& asked = share(port);
     const auto octets = static_cast<double>(text.size() + 1);
-    if (asked.lines < 1 || octets_ < octets) return leaveOut(asked);
+    if (asked.lines < 1 || octets_ < octets) return leaveOut(asked, count);
     asked.lines -= 1;
     octets_ -= octets;
     if (!timer_.armed()) timer_.armIn(interval);
     sink_(severity, text);
 }
 
-void LogLimiter::leaveOut(Share& share) {
-    if (++share.leftOut != 1) return;
+void LogLimiter::leaveOut(Share& share, std::uint64_t count) {
+    if (std::exchange(share.leftOut, share.leftOut + count) > 0) return;
     if (toTell_ <= loop_.now()) toTell_ = loop_.now() + minute;
     if (!timer_.armed()) timer_.armIn(interval);
 }

@@ -38,8 +38,8 @@ public:
     /// Whether a line about the port (empty: about none) can be written now; if not, it counts as left out.
     /// Costs next to nothing.
     [[nodiscard]] bool asks(std::string_view port);
-    /// Passes the line on, or counts it.
-    void line(int severity, std::string_view port, const std::string& text);
+    /// Passes the line on, or counts it as those that it stands for.
+    void line(int severity, std::string_view port, const std::string& text, std::uint64_t count = 1);
     /// Tells all counts.
     void flush();
 
@@ -49,7 +49,7 @@ private:
         std::uint64_t leftOut = 0;
     };
     Share& share(std::string_view port);
-    void leaveOut(Share& share);
+    void leaveOut(Share& share, std::uint64_t count);
     void tick();
 
     Runtime::Loop& loop_;

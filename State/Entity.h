@@ -120,8 +120,8 @@ public:
                                                           std::string_view rest) const = 0;
 
     /// What stands at `place`, which moves on; bounded work, however long the record.  See State/Walk.h.
-    [[nodiscard]] virtual Piece next(Place& place) const = 0;
-    /// The number of a field that `next` reads entry by entry; empty for others.
+    [[nodiscard]] virtual Piece nextPiece(Place& place) const = 0;
+    /// The number of a field that `nextPiece` reads entry by entry; empty for others.
     [[nodiscard]] virtual std::optional<std::size_t> longField(std::string_view name) const = 0;
     [[nodiscard]] virtual bool hasLongField() const = 0;
     [[nodiscard]] virtual bool hasField(std::string_view name) const = 0;

@@ -48,7 +48,7 @@ struct Notify {
     }
 };
 
-/// A field that is read whole; see `Entity::next`.
+/// A field that is read whole; see `Entity::nextPiece`.
 struct WholeField {
     static constexpr bool isLong = false;
     template <class Field, class R>
@@ -326,7 +326,7 @@ public:
         });
         return found;
     }
-    [[nodiscard]] Piece next(Place& place) const override {
+    [[nodiscard]] Piece nextPiece(Place& place) const override {
         Piece piece;
         std::size_t number = 0;
         const std::size_t wanted = place.field;

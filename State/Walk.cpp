@@ -37,7 +37,7 @@ std::optional<Piece> Walk::next() {
     if (levels_.empty()) return std::nullopt;
     Level& level = levels_.back();
     const bool inField = level.place.entered;
-    Piece piece = level.record->next(level.place);
+    Piece piece = level.record->nextPiece(level.place);
     if (piece.kind == Kind::record) {
         levels_.push_back({std::move(piece.record), {}});
         return Piece{.kind = Kind::entries, .name = std::move(piece.name)};

@@ -27,7 +27,9 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <memory>
 #include <optional>
 #include <random>
@@ -35,6 +37,7 @@
 #include <span>
 #include <string>
 #include <syslog.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -306,9 +309,10 @@ private:
         [this](const std::string& line) { recent_->add(Runtime::seconds(loop_.now()), line); }};
     Control::LogLimiter limiter_{loop_,
                                  [this](int severity, const std::string& line) { keep(severity, line); }};
-    Control::LogFolder folder_{loop_, [this](int severity, std::string_view port, const std::string& line) {
-                                   limiter_.line(severity, port, line);
-                               }};
+    Control::LogFolder folder_{
+        loop_, [this](int severity, std::string_view port, const std::string& line, std::uint64_t count) {
+            limiter_.line(severity, port, line, count);
+        }};
     std::set<std::string, std::less<>> portNames_;  ///< of those that are followed
     Linux::Claims claims_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
     Runtime::SystemLog systemLog_;
@@ -343,7 +347,17 @@ private:
     std::optional<Linux::Dataplane> dataplane_;
 };
 
+/// Standard streams that were closed before the start lead nowhere: their numbers would else be given to our
+/// own sockets, and the log be written to one of those.
+void openStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // The lowest number that is free is taken, and that is this one.
+        if (::fcntl(stream, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) != stream) std::abort();
+    }
+}
+
 int run(int argc, char** argv) {
+    openStandardStreams();
     Options options;
     CLI::App app{"Stream reservation (MSRP, IEEE 802.1Q clause 35) for the ports of this switch"};
     app.add_option("--config", options.config, "Configuration file, JSON");

@@ -22,7 +22,8 @@ struct Folder : ::testing::Test {
 
     Runtime::VirtualLoop loop;
     Lines lines;
-    Control::LogFolder folder{loop, [this](int severity, std::string_view, const std::string& line) {
+    Control::LogFolder folder{loop,
+                              [this](int severity, std::string_view, const std::string& line, std::uint64_t) {
                                   lines.push_back(std::to_string(severity) + ' ' + line);
                               }};
 };

@@ -216,7 +216,7 @@ class Troubles(unittest.TestCase):
 
     def test_socket_in_use_is_named_and_stays_with_its_owner_who_removes_it(self):
         daemon = self.bed.daemon()
-        self.refused(1, [str(self.bed.socket)], *self.bed.daemon_command())
+        self.refused(1, [str(self.bed.socket)], *self.bed.daemon_command({"mrp/config": {}}))
         self.assertEqual(self.bed.control("list").returncode, 0)
         file = self.bed.directory / "none"
         for arguments, code, pieces in ((("swp9", file), 1, ["swp9"]),

@@ -1,6 +1,7 @@
 #include "State/ChangeFeed.h"
 #include "State/Database.h"
 #include "State/Record.h"
+#include "State/Walk.h"
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -71,6 +72,38 @@ TEST(Record, TellsEachChangeOnceAndNoChangeNever) {
     root.leafDel(4);
     root.leafDel(4);
     EXPECT_EQ(told, (std::vector<std::string>{"small", "flag9", "leaf4", "leaf4"}));
+}
+
+TEST(Walk, GoesOnByKeyThroughWhatIsThereWhateverComesAndGoes) {
+    using Keys = std::vector<std::uint16_t>;
+    const auto root = std::make_shared<Root>();
+    for (const std::uint16_t key : Keys{1, 3, 5, 9}) root->leafIs(key);
+    std::string told;
+    const auto step = [&told](Walk& walk) {
+        const auto piece = walk.next();
+        if (piece) told += piece->kind == Piece::Kind::end ? "end " : piece->name + ' ';
+        return piece.has_value();
+    };
+    auto walk = *Walk::at(root, "");
+    for (int i = 0; i < 6; ++i) step(walk);
+    EXPECT_EQ(std::exchange(told, {}), " small flag leaf 1 3 ");
+    Walk copy = walk;
+    for (const std::uint16_t gone : Keys{1, 3, 5}) root->leafDel(gone);
+    for (const std::uint16_t come : Keys{2, 7}) root->leafIs(come);
+    while (step(walk)) {
+    }
+    EXPECT_EQ(std::exchange(told, {}), "7 9 end twice end ");
+    while (step(copy)) {
+    }
+    EXPECT_EQ(std::exchange(told, {}), "7 9 end twice end ");
+    for (const char* part : {"leaf", "leaf/7", "leaf/7/colour", "small"}) {
+        auto some = *Walk::at(root, part);
+        while (step(some)) {
+        }
+        told += '|';
+    }
+    EXPECT_EQ(told, "leaf 2 7 9 end | colour end | | |");
+    EXPECT_FALSE(Walk::at(root, "leaf/8").has_value());
 }
 
 TEST(Record, ReactorsMayEndThemselvesAndOthersWhileTheyRun) {
