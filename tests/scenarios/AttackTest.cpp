@@ -20,6 +20,9 @@ using namespace std::chrono_literals;
 class WorkLoop : public Runtime::Loop {
 public:
     [[nodiscard]] Time now() const override { return now_; }
+    [[nodiscard]] Runtime::WallTime wallNow() const override {
+        return Runtime::WallTime{now_.time_since_epoch()};
+    }
     void work(Duration span) { now_ += span; }
     /// Asks the condition after each turn.
     bool runUntil(const std::function<bool()>& condition, Duration atMost) {
