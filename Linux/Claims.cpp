@@ -1,5 +1,7 @@
 #include "Linux/Claims.h"
 
+#include "Runtime/Text.h"
+
 #include <cerrno>
 #include <cstddef>
 #include <sys/socket.h>
@@ -58,14 +60,14 @@ std::string Claims::take(const std::string& what) {
     for (int tries = 0; ::bind(socket.get(), address.get(), address.length) != 0; ++tries) {
         if (errno != EADDRINUSE) return what + ": " + std::generic_category().message(errno);
         const ucred owner = ownerOf(address);
-        const std::string process = "process " + std::to_string(owner.pid);
         if (owner.pid != 0 && !heeded(owner)) {
-            complaint_(what + ": " + process + " of user " + std::to_string(owner.uid) +
-                       " has taken the name by which daemons find each other");
+            complaint_(Runtime::concat(what, ": process ", owner.pid, " of user ", owner.uid,
+                                       " has taken the name by which daemons find each other"));
             held_[what];
             return {};
         }
-        if (owner.pid != 0) return what + " is run by another msrpd already, " + process;
+        if (owner.pid != 0)
+            return Runtime::concat(what, " is run by another msrpd already, process ", owner.pid);
         if (tries == 10) return what + " is run by another msrpd already";
         ::usleep(10'000);
     }

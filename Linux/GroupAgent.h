@@ -175,12 +175,16 @@ private:
     State::Reactor reactor_;
 
     bool started_ = false;
-    BridgeView view_;
+    bool woken_ = false;
+    bool readDue_ = false;
     bool marksEntries_ = true;
     bool flushes_ = true;
+    bool overfilled_ = false;  ///< snooping is off because the table was full
+    bool stuck_ = false;       ///< there are entries that cannot be deleted by their names
+    bool unsettled_ = false;   ///< places are still to be given and taken
+    BridgeView view_;
     GroupDrift drift_;
     std::optional<std::size_t> fullAt_;  ///< groups that were too many, whatever the bridge's limit says
-    bool overfilled_ = false;            ///< snooping is off because the table was full
     std::map<VlanId, std::weak_ptr<const Bridging::Input::FdbConfig>> vlans_;
 
     std::set<EthAddr> marked_;                  ///< to be looked at
@@ -189,12 +193,8 @@ private:
     std::set<EthAddr> unsure_;                  ///< wait for the table to be read
     std::set<GroupMember> inherited_;           ///< from an earlier life; kept until the grace ends
     std::set<EthAddr> delayed_;                 ///< wait for the end of the grace
-    bool stuck_ = false;                        ///< there are entries that cannot be deleted by their names
-    bool unsettled_ = false;                    ///< places are still to be given and taken
     std::map<unsigned, std::vector<GroupMember>> leftovers_;  ///< ours, by bridges that are not the switch
 
-    bool woken_ = false;
-    bool readDue_ = false;
     Runtime::Time lastRead_{};
     std::set<std::string> found_;                       ///< by the last audit
     std::optional<std::set<std::string>> differences_;  ///< that turn up while an audit reads the table

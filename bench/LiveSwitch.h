@@ -154,7 +154,7 @@ public:
             bridge.vlanIs(2, names.back(), true);
             bridge.config->intfEnableIs(IntfId{names.back()}, true);
         }
-        bridge.logSinkIs([this](const Runtime::LogEvent& event, const std::string& text) {
+        bridge.logSinkIs([this](const Runtime::LogEvent& event, std::string_view, const std::string& text) {
             ++logLines;
             logOctets += event.name.size() + 1 + text.size();
             if (!event.name.ends_with("_LV")) return;

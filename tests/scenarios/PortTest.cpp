@@ -181,6 +181,31 @@ TEST_F(ReservedStream, AKindOfDeclarationThatWasTakenBackUnsentLeavesThePeer) {
     ends([this] { bridge.linkIs("p1", false); });
 }
 
+TEST_F(ReservedStream, FailsWhileTheSwitchCannotCarryItOut) {
+    const Switch::GroupId group{VlanId{2}, EthAddr::fromNumber(0x91e0f0000001)};
+    const auto failedEverywhere = "p1 Listener 0x1 AskingFailed\np2 Failed 0x1 code 12 bridge " + selfBridge +
+                                  "\np3 Failed 0x1 code 12 bridge " + selfBridge + '\n';
+    bridge.refusals->groupIs(group, "the table is full");
+    EXPECT_EQ(picture(), waiting + '\n' + failedEverywhere);
+    auto again = domains();
+    again.push_back(advertise({}));
+    p1.say(again, true);  // a repetition is no reason to try again
+    EXPECT_EQ(picture(), waiting + '\n' + failedEverywhere);
+    bridge.refusals->groupDel(group);
+    EXPECT_EQ(picture(), all);
+
+    bridge.refusals->portIs(IntfId{"p2"}, "no queues");
+    expectHears(p2, "Failed 0x1 code 2 bridge " + selfBridge);
+    EXPECT_EQ(bridge.stream(1), waiting);
+    expectNoQueues();
+    bridge.refusals->portIs(IntfId{"p3"}, "no queues");
+    bridge.refusals->portDel(IntfId{"p2"});
+    EXPECT_EQ(stream1(), reserved);
+    expectHears(p3, "Failed 0x1 code 2 ");
+    bridge.refusals->portDel(IntfId{"p3"});
+    EXPECT_EQ(picture(), all);
+}
+
 TEST_F(ReservedStream, AnInterfaceRecordGoesAndComesBack) {
     const std::shared_ptr<const Msrp::IntfStatus> p = bridge.status->intfStatus(IntfId{"p2"});
     bridge.phy->intfStatusDel(IntfId{"p2"});
