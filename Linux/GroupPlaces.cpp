@@ -57,12 +57,11 @@ std::vector<Group> GroupPlaces::settle(std::size_t capacity, std::size_t atMost)
         const std::size_t placed = tiers_[wanted].placed + tiers_[unwanted].placed;
         const Port* needs = neediest(wanted);
         const bool spare = placed < capacity;
-        if (placed > capacity && tiers_[unwanted].placed != 0) {
+        // What nobody listens to goes where there are too many, and where a place is needed.
+        if (tiers_[unwanted].placed != 0 && (placed > capacity || (needs != nullptr && !spare))) {
             take(*richest(unwanted));
         } else if (needs != nullptr && spare) {
             give(*needs);
-        } else if (needs != nullptr && tiers_[unwanted].placed != 0) {
-            take(*richest(unwanted));
         } else if (const Port* idle = neediest(unwanted); needs == nullptr && idle != nullptr && spare) {
             give(*idle);
         } else {
