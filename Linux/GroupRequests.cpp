@@ -392,6 +392,7 @@ void GroupAgent::flushStuck() {
     }
     // The table still has them, so that what is to be is asked for without a decision in between.
     std::vector<NetlinkMessage> messages;
+    messages.reserve(again.size());
     for (const GroupMember& member : again)
         messages.push_back(groupAdd(view_.bridge, member, config_->groupProtocol()));
     const auto answers = requests_.carryOut(messages);
