@@ -99,6 +99,7 @@ std::string ShaperAgent::start(Runtime::Duration settling, Runtime::Duration aud
 }
 
 void ShaperAgent::deviceChanged(const Device* before, const Device* now) {
+    if (before == nullptr && now == nullptr) return;
     const Device& device = now != nullptr ? *now : *before;
     const bool moved = before == nullptr || now == nullptr || now->name != before->name;
     const std::string& bridge = records_.config->bridge();
@@ -412,9 +413,8 @@ void ShaperAgent::applyIngressMap(Port& port, const Device& device, ClassPriorit
     const auto steps = planIngressMap(device.ifindex, mapped, port.have);
     const Abilities& abilities = records_.capabilities->abilities();
     const bool before = port.have.ingress.has_value();
-    if (steps.empty()) {
-        port.mapped = mapped;
-    } else if (abilities.clsact == Ability::absent || abilities.flower == Ability::absent) {
+    const bool lacking = abilities.clsact == Ability::absent || abilities.flower == Ability::absent;
+    if (!steps.empty() && lacking) {
         port.ingressProblem = "the kernel has no flower filters";
     } else if (const NetlinkAnswer answer = carryOut(port, steps); answer) {
         port.mapped = mapped;
