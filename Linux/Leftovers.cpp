@@ -54,7 +54,7 @@ std::string findGroups(NetlinkChannel& kernel, const DeviceTable& devices,
 std::string findQueues(NetlinkChannel& kernel, const DeviceTable& devices,
                        const std::set<std::uint16_t>& handles, std::vector<Leftover>& found) {
     for (const auto& [ifindex, device] : devices.all()) {
-        const auto add = [&found, name = device.name](const char* what, std::vector<QueueStep> steps) {
+        const auto add = [&found, name = device.name](const char* what, const std::vector<QueueStep>& steps) {
             if (steps.empty()) return;
             found.push_back({name, what, [steps](NetlinkChannel& channel) {
                                  for (const QueueStep& step : steps) {
