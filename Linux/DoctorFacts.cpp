@@ -79,7 +79,7 @@ std::string examine(const std::string& bridge, VlanId srVlan, DoctorFacts& facts
     facts.device = *found;
     if (!found->bridgeSettings) return {};
     VlanTable vlans;
-    const std::set<unsigned>& ports = devices.portsOf(found->ifindex);
+    const std::set<unsigned> ports = devices.portsOf(found->ifindex);  // learning a mode files devices anew
     std::set<unsigned> routers;
     problem = readGroups(kernel, facts, routers);
     if (problem.empty() && found->bridgeSettings->vlanFiltering) problem = readVlans(kernel, vlans);

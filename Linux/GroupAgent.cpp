@@ -80,7 +80,7 @@ std::string GroupAgent::start(Ability marks) {
     graceEnd_.armIn(grace);
     audit_.armIn(auditInterval);
     lookAtBridge();
-    routers_.giveBackBut(devices_, view_.bridge);
+    routers_.giveBackBut(devices_, config_->routerPorts() ? 0 : view_.bridge);
     findLeftovers();
     markAll();
     return {};
