@@ -94,6 +94,7 @@ void MsrpSm::beginRetries() {
     for (const EthAddr macDa : std::exchange(addressDue_, {})) {
         const auto blocked = macDaBlocked(macDa);
         const auto first = blocked ? blocked->head() : std::nullopt;
+        if (blocked && !first) macDaBlockedDel(macDa);
         if (!first || chores_.busy(addressLane(macDa))) {
             if (first) addressDue_.insert(macDa);
             continue;

@@ -49,7 +49,8 @@ void MsrpSm::reviewGroupOf(StreamData& stream) {
                               inputs_.refusals->group({VlanId{stream.vlanId()}, stream.macDa()})->why()));
         stream.failedBridgeIdIs(failureBridgeId(ingress));
         failIngress(stream, Code::cannotStoreAddress);
-    } else if (!refused && code == Code::cannotStoreAddress) {
+    } else if (!refused && code == Code::cannotStoreAddress &&
+               isActive(status()->intfStatus(ingress)->srClassState(stream.srClass()))) {
         processTalkerAdvertiseJoin(ingress, streamDataTalkerAttribute(stream.streamId()));
     }
 }

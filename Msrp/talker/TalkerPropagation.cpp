@@ -199,7 +199,8 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
         if (port == ingressIntf || (failed && !isCandidate(port))) continue;
         const SrClassState classState = status()->intfStatus(port)->srClassState(stream->srClass());
         // A port that is about to take the class's streams off may not have come to this one.
-        const bool late = !failed && busy(port) && getTalkerState(*stream, port) == TalkerState::Failed;
+        const TalkerState declared = getTalkerState(*stream, port);
+        const bool late = !failed && busy(port) && declared != TalkerState::None;
         if (!isActive(classState) && !late) {
             trace("Not propagating TalkerFailed on ", port, " since ", srClassName(stream->srClass()), " is ",
                   srState(classState));
@@ -211,7 +212,11 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
             removeListener(port, streamId, failed ? ListenerState::AskingFailed : ListenerState::Ignore);
             listenersChanged = true;
         }
-        transmitTalkerFailed(port, streamId, code, state);
+        if (late && declared == TalkerState::Advertise) {
+            transmitTalkerAdvertise(port, streamId, state);
+        } else {
+            transmitTalkerFailed(port, streamId, code, state);
+        }
     }
     if (failed && listenersChanged) {
         transmitListenerAttribute(ingressIntf, streamId, ListenerState::AskingFailed);
