@@ -80,7 +80,7 @@ public:
         const Runtime::SystemLog& systemLog;
         const Runtime::Trace& trace;
         Runtime::RingLog& ringLog;
-        /// Streams looked at, and things said of them, in one turn of the loop; 0: some thousands.
+        /// Streams looked at, and things said of them, in one turn of the loop; 0: a thousand.
         unsigned unitsPerTurn = 0;
     };
 
