@@ -177,7 +177,7 @@ private:
             if (on != State::Value{true} || claims_.has(claim)) continue;
             if (std::string problem = claims_.take(claim); !problem.empty()) {
                 for (const std::string& earlier : taken) claims_.giveBack(earlier);
-                return "msrp/config/intfEnable/" + port + ": " + problem;
+                return std::string{"msrp/config/intfEnable/"}.append(port).append(": ").append(problem);
             }
             taken.push_back(claim);
         }
