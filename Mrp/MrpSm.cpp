@@ -386,10 +386,9 @@ void MrpSm::offerDue(IntfId intf, const AttributeRef& ref) {
 
 void MrpSm::runOffers() {
     for (unsigned left = offerBudget; !paused_ && left > 0 && !(offers_.empty() && repeats_.empty());) {
-        const bool repeat = offers_.empty() || (!repeats_.empty() && *repeats_.begin() <= *offers_.begin());
-        const Offer offer = repeat ? *repeats_.begin() : *offers_.begin();
+        const Offer offer = nextOffer();
         const auto& [ref, intf] = offer;
-        repeats_.erase(offer);
+        const bool repeat = repeats_.erase(offer) != 0;
         offers_.erase(offer);
         const auto port = participant(intf);
         unsigned cost = 1;
@@ -399,7 +398,24 @@ void MrpSm::runOffers() {
         }
         left -= std::min(left, cost);
     }
-    if (!paused_ && !(offers_.empty() && repeats_.empty())) offerTimer_.armIn(Runtime::Duration{0});
+    if (offers_.empty() && repeats_.empty()) {
+        lastOffer_.reset();
+    } else if (!paused_) {
+        offerTimer_.armIn(Runtime::Duration{0});
+    }
+}
+
+MrpSm::Offer MrpSm::nextOffer() {
+    const Offer* first = nullptr;
+    for (bool again = false; first == nullptr; again = true) {
+        if (again) lastOffer_.reset();
+        for (const std::set<Offer>* due : {&repeats_, &offers_}) {
+            const auto at = lastOffer_ ? due->upper_bound(*lastOffer_) : due->begin();
+            if (at != due->end() && (first == nullptr || *at < *first)) first = &*at;
+        }
+    }
+    lastOffer_ = *first;
+    return *lastOffer_;
 }
 
 void MrpSm::later(std::function<void()> task) {

@@ -151,6 +151,9 @@ private:
     /// Runs `task` from the loop, unless the engine has ended by then.
     void later(std::function<void()> task);
     void runOffers();
+    /// The first behind the one that was made last, round and round: whoever keeps asking for offers does not
+    /// keep others from theirs.
+    Offer nextOffer();
 
     Inputs inputs_;
     MrpLib& application_;
@@ -175,6 +178,7 @@ private:
 
     std::set<Offer> offers_;                                      ///< of refused attributes
     std::set<Offer> repeats_;                                     ///< of attributes whether refused or not
+    std::optional<Offer> lastOffer_;                              ///< of this round
     Runtime::Timer offerTimer_;                                   ///< armed while anything is to be offered
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  ///< ends with the engine
     State::Reactor configReactor_;

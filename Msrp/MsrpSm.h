@@ -419,7 +419,8 @@ private:
     void dropPort(StreamData& stream, IntfId intf);
     /// Puts into effect what was configured while nobody acted.
     void catchUpWithConfig();
-    void catchUpWithVlans();
+    /// A piece of it: VLANs from `next` on.  True when all are done.
+    bool catchUpWithVlans(U16& next, unsigned& units);
     /// Removes groups and queue configurations that belong to no stream: left over, they would block
     /// addresses for ever.
     void removeLeftovers();
@@ -473,7 +474,7 @@ private:
     /// The port cannot give a stream its bandwidth, or can again.
     void reviewShaping(IntfId intf);
     void reviewShapingOf(StreamData& stream, IntfId intf);
-    [[nodiscard]] bool groupRefused(const StreamData& stream) const;
+    [[nodiscard]] bool groupRefused(const Switch::GroupId& group) const;
     [[nodiscard]] bool shapingRefused(const StreamData& stream, IntfId intf) const;
 
     template <class... Arguments>

@@ -94,6 +94,8 @@ void MsrpSm::takeOver() {
     chores_.add(switchLane, [this, next = U64{0}](unsigned& units) mutable {
         return walkStreams(0, next, units, [this](U64, StreamData& stream) { catchUpWithStream(stream); });
     });
+    chores_.add(switchLane,
+                [this, next = U16{0}](unsigned& units) mutable { return catchUpWithVlans(next, units); });
     chores_.add(switchLane, [this](unsigned&) {
         finishTakeOver();
         return true;
@@ -238,7 +240,6 @@ void MsrpSm::catchUpWithConfig() {
         const auto speed = phy ? phy->speedEnum() : Interface::Speed::speedUnknown;
         if (status()->intfStatus(*intf)->speedEnum() != speed) handleSpeed(*intf);
     }
-    catchUpWithVlans();
     doUpdateShapeRate();
     // The priority that was declared before is known by the streams that were registered under it.
     const bool priorityChanged = std::ranges::any_of(streamList_, [this](const auto& entry) {
@@ -249,18 +250,26 @@ void MsrpSm::catchUpWithConfig() {
     for (auto intf = ports.firstKey(); intf; intf = ports.nextKey(*intf)) readmitPort(*intf);
 }
 
-void MsrpSm::catchUpWithVlans() {
-    std::map<U16, U64> used;  // with one stream of each, for the report
-    for (const auto& [id, stream] : streamList_) {
-        if (stream->ingressIntf()) used.emplace(stream->vlanId(), id);
-    }
-    for (const auto& [vlan, stream] : used) {
-        for (const IntfId intf : portsWithStatus()) {
-            const TalkerFailureCode code = checkVlanConfig(intf, stream, vlan);
+bool MsrpSm::catchUpWithVlans(U16& next, unsigned& units) {
+    const std::vector<IntfId> ports = portsWithStatus();
+    const auto cost = static_cast<unsigned>(ports.size());
+    for (auto vlan = streamsByVlan_.lower_bound(next); vlan != streamsByVlan_.end();
+         vlan = streamsByVlan_.lower_bound(next)) {
+        if (units == 0) return false;
+        units -= std::min(units, 1 + cost / 4);
+        next = static_cast<U16>(vlan->first + 1);
+        // One with a talker, for the report; without one there is nothing to withdraw.
+        const auto example = std::ranges::find_if(
+            vlan->second, [this](U64 id) { return static_cast<bool>(streamList(id)->ingressIntf()); });
+        if (example == vlan->second.end()) continue;
+        for (const IntfId intf : ports) {
+            const TalkerFailureCode code = checkVlanConfig(intf, *example, vlan->first);
             if (code == TalkerFailureCode::noFailure) continue;
-            for (const SrClassId srClass : bothClasses) deregisterSrClassStreams(intf, srClass, vlan, code);
+            for (const SrClassId srClass : bothClasses)
+                deregisterSrClassStreams(intf, srClass, vlan->first, code);
         }
     }
+    return true;
 }
 
 void MsrpSm::removeLeftovers() {

@@ -8,9 +8,8 @@ namespace {
 using Code = TalkerFailureCode;
 }
 
-bool MsrpSm::groupRefused(const StreamData& stream) const {
-    return inputs_.refusals && stream.ethGroup() &&
-           inputs_.refusals->group({VlanId{stream.vlanId()}, stream.macDa()});
+bool MsrpSm::groupRefused(const Switch::GroupId& group) const {
+    return inputs_.refusals && inputs_.refusals->group(group);
 }
 
 bool MsrpSm::shapingRefused(const StreamData& stream, IntfId intf) const {
@@ -28,12 +27,16 @@ void MsrpSm::reviewGroup(const Switch::GroupId& group) {
     chores_.add(switchLane, [this, group](unsigned& units) {
         const auto sharers = streamsByMacDa_.find(group.addr);
         if (sharers == streamsByMacDa_.end()) return true;
-        const unsigned before = spent_;
-        for (const U64 id : std::set{sharers->second}) {
-            const auto stream = streamList(id);
-            if (stream && stream->vlanId() == group.vlan.value()) reviewGroupOf(*stream);
+        // One of them has the group; the others wait for it.
+        unsigned looked = 0;
+        std::shared_ptr<StreamData> holder;
+        for (auto id = sharers->second.begin(); !holder && id != sharers->second.end(); ++id, ++looked) {
+            const auto stream = streamList(*id);
+            if (stream->ethGroup() && stream->vlanId() == group.vlan.value()) holder = stream;
         }
-        units -= std::min(units, 1 + (spent_ - before));
+        const unsigned before = spent_;
+        if (holder) reviewGroupOf(*holder);
+        units -= std::min(units, 1 + looked / 8 + (spent_ - before));
         return true;
     });
 }
@@ -42,11 +45,12 @@ void MsrpSm::reviewGroupOf(StreamData& stream) {
     const IntfId ingress = stream.ingressIntf();
     if (!ingress || !stream.ethGroup() || getTalkerState(stream, ingress) != TalkerState::Advertise) return;
     const Code code = stream.talkerFailureCode(ingress);
-    const bool refused = groupRefused(stream);
+    const Switch::GroupId group{VlanId{stream.vlanId()}, stream.macDa()};
+    const bool refused = groupRefused(group);
     if (refused && code == Code::noFailure) {
         error(Runtime::format("StreamId 0x%s failed on %s because its Mac DA %s cannot be forwarded: %s",
                               HexId{stream.streamId()}, ingress, stream.macDa(),
-                              inputs_.refusals->group({VlanId{stream.vlanId()}, stream.macDa()})->why()));
+                              inputs_.refusals->group(group)->why()));
         stream.failedBridgeIdIs(failureBridgeId(ingress));
         failIngress(stream, Code::cannotStoreAddress);
     } else if (!refused && code == Code::cannotStoreAddress &&

@@ -114,17 +114,19 @@ Code MsrpSm::judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& att
         trace(": Talker Advertise's maxFrameSize is too large");
         return Code::maxFrameSizeTooLarge;
     }
-    if (known == nullptr) return checkMacDaInUse(intf, attr);
-    if (known->accumulatedLatency() != attr.accumulatedLatency()) {
+    if (known != nullptr && known->accumulatedLatency() != attr.accumulatedLatency()) {
         trace(": Talker Advertise's reported latency has changed");
         return Code::latencyChanged;
     }
-    if (firstValueDiffers(*known, attr)) {
+    if (known != nullptr && firstValueDiffers(*known, attr)) {
         trace(": Talker Advertise's FirstValue has changed");
         return Code::firstValueChanged;
     }
-    if (!known->ethGroup()) return checkMacDaInUse(intf, attr);
-    return groupRefused(*known) ? Code::cannotStoreAddress : Code::noFailure;
+    if (known == nullptr || !known->ethGroup()) {
+        const Code code = checkMacDaInUse(intf, attr);
+        if (code != Code::noFailure) return code;
+    }
+    return groupRefused({VlanId{attr.vlanId()}, attr.macDa()}) ? Code::cannotStoreAddress : Code::noFailure;
 }
 
 Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {

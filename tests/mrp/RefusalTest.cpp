@@ -27,6 +27,19 @@ TEST(Refusal, IsRetriedAfterADomainThatIsNoRepeat) {
     EXPECT_EQ(net.play("a2<*JoinIn:4/6=3"), "+a2 4/6=3\n") << "a repeat opens nothing";
 }
 
+TEST(Refusal, OffersGoRoundAlsoWhileMoreAreAskedFor) {
+    Pair net;
+    net.a.app.refusing = {"1/5=1", "1/7=1"};
+    net.play("a2<JoinIn:1/5=1,JoinIn:1/7=1");
+    int more = 2;
+    net.a.app.onJoin = [&](IntfId intf, const Sim::Say&) {
+        if (more-- > 0) net.a.app.mrpPortOpened(intf);
+        return false;
+    };
+    net.a.app.mrpPortOpened(a2);
+    EXPECT_EQ(net.play("1s"), "+a2 1/5=1\n+a2 1/7=1\n+a2 1/5=1\n+a2 1/7=1\n");
+}
+
 TEST(Refusal, ADomainIsOfferedAgainWhenThisSideDeclaresIt) {
     Pair net;
     net.a.app.refusing = {"4/6=3", "1/5=1"};

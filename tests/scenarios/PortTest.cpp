@@ -204,6 +204,13 @@ TEST_F(ReservedStream, FailsWhileTheSwitchCannotCarryItOut) {
     expectHears(p3, "Failed 0x1 code 2 ");
     bridge.refusals->portDel(IntfId{"p3"});
     EXPECT_EQ(picture(), all);
+
+    // A talker that comes while the place is refused is told at once.
+    p1.say(advertise({}, Event::Lv));
+    loop.runFor(3s);
+    bridge.refusals->groupIs(group, "the table is full");
+    p1.say(advertise({}));
+    expectHears(p2, "Failed 0x1 code 12 ");
 }
 
 TEST_F(ReservedStream, AnInterfaceRecordGoesAndComesBack) {
