@@ -7,9 +7,6 @@
 
 namespace Linux {
 
-using Bridging::Input::EthGroup;
-using Bridging::Input::FdbConfig;
-
 namespace {
 
 /// The table is read no more often.
@@ -24,14 +21,16 @@ GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
       devices_{devices},
       requests_{requests},
       config_{records.config},
-      wanted_{records.wanted},
       wake_{std::move(wake)},
       complaint_{std::move(complaint)},
       served_{std::move(served)},
       ledger_{records.status},
       refusals_{records.refusals},
+      wishes_{records.wanted},
       journal_{files + ".groups"},
       memory_{files + ".bridge"},
+      strays_{devices, requests, journal_,
+              memory_, served_,  [this](const std::string& line) { complain(line); }},
       routers_{requests, memory_, config_->routerPorts(),
                [this](const std::string& line) { complain(line); }},
       mirror_{loop,
@@ -43,7 +42,7 @@ GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
                   readDue_ = true;
                   this->wake();
               }},
-      reactor_{wanted_->watch([this](const State::Change& change) { wishChanged(change); })},
+      reactor_{records.wanted->watch([this](const State::Change& change) { wishChanged(change); })},
       again_{loop, [this] { this->wake(); }},
       read_{loop,
             [this] {
@@ -87,21 +86,9 @@ std::string GroupAgent::start(Ability marks) {
 }
 
 void GroupAgent::wishChanged(const State::Change& change) {
-    if (const auto* group = dynamic_cast<const EthGroup*>(&change.entity)) {
-        mark(group->addr());
-    } else if (const auto* mac = change.key<EthAddr>()) {
-        mark(*mac);
-    } else if (const auto* vlan = change.key<VlanId>()) {
-        // A VLAN may come and go with groups in it; one that goes can still be looked at.
-        auto& known = vlans_[*vlan];
-        const auto now = wanted_->fdbConfig(*vlan);
-        for (const auto& fdb : {std::shared_ptr<const FdbConfig>{known.lock()}, now}) {
-            if (fdb) fdb->ethGroup().each([this](EthAddr m, const EthGroup&) { mark(m); });
-        }
-        known = now;
-    } else {
-        markAll();
-    }
+    const auto concerned = wishes_.changed(change);
+    if (!concerned) return markAll();
+    for (const EthAddr mac : *concerned) mark(mac);
 }
 
 void GroupAgent::deviceChanged(const Device* before, const Device* now) {
@@ -111,7 +98,12 @@ void GroupAgent::deviceChanged(const Device* before, const Device* now) {
     const auto matters = [&](const Device* device) {
         return device != nullptr && (device->name == config_->bridge() || isOurPort(device));
     };
-    if (!started_ || (!matters(before) && !matters(now))) return;
+    if (!started_) return;
+    if (now != nullptr && strays_.has(now->ifindex)) {
+        strays_.retry();
+        wake();
+    }
+    if (!matters(before) && !matters(now)) return;
     lookAtBridge();
     if (isOurPort(now)) {
         routers_.look(*now, loop_.now());
@@ -132,7 +124,7 @@ void GroupAgent::lookAtBridge() {
         places_.clear();
         if (view_.bridge != 0) {
             // It may be back, before all was taken back that we had put there.
-            leftovers_.erase(view_.bridge);
+            strays_.drop(view_.bridge);
             memory_.markIs({view_.bridge, config_->groupProtocol()});
             enlargeTable();
             for (const auto& [name, port] : view_.ports) routers_.look(*devices_.find(port), loop_.now());
@@ -166,7 +158,7 @@ void GroupAgent::leaveBridge(const BridgeView& before) {
         return;
     }
     mirror_.drain();
-    leftovers_[before.bridge] = ours();
+    strays_.put(before.bridge, ours());
     for (const auto& [name, port] : before.ports) routers_.giveBack(port);
     complain(Runtime::concat("it is called ", device->name, " now; what was done to it is taken back"));
 }
@@ -211,7 +203,7 @@ void GroupAgent::mark(EthAddr mac) {
 }
 
 void GroupAgent::markAll() {
-    marked_.merge(wantedAddresses(*wanted_));
+    marked_.merge(wishes_.addresses());
     for (const GroupMember& member : ours()) marked_.insert(member.group.mac);
     for (const EthAddr mac : ledger_.failing()) marked_.insert(mac);
     wake();
@@ -236,7 +228,7 @@ void GroupAgent::readTable() {
             there.insert(held.member);
             if (held.owner == GroupOwner::us && graceEnd_.armed()) inherited_.insert(held.member);
         }
-        for (const auto& [bridge, members] : leftovers_) there.insert(members.begin(), members.end());
+        strays_.addTo(there);
         if (const std::string problem = journal_.keepOnly(there); !problem.empty()) complain(problem);
     }
     marked_.merge(unsure_);
@@ -273,7 +265,8 @@ void GroupAgent::withdraw() {
             }
         }
     }
-    while (!leftovers_.empty()) removeLeftovers();
+    strays_.retry();
+    while (strays_.due()) strays_.removeSome();
     routers_.giveBackBut(devices_, 0);
     writeFiles();
 }

@@ -30,6 +30,7 @@
 #include "Linux/GroupWanted.h"
 #include "Linux/Netlink.h"
 #include "Linux/RouterPorts.h"
+#include "Linux/StrayGroups.h"
 #include "Runtime/Loop.h"
 #include "Switch/BridgingInput.h"
 
@@ -59,8 +60,7 @@ public:
         std::shared_ptr<GroupStatus> status;
         std::shared_ptr<Switch::Refusals> refusals;
     };
-    /// Whether a daemon that runs has the bridge of that name.
-    using Served = std::function<bool(const std::string& bridge)>;
+    using Served = StrayGroups::Served;
 
     /// `loop`, `devices` and `requests` (of NETLINK_ROUTE) must outlive it, and `devices` is used no longer
     /// than it lives.  `wake` is called when there is something to apply, and may be called often.  `files`
@@ -129,8 +129,7 @@ private:
     void snoopAgain(const std::vector<GroupMember>& lastAdds);
     /// Deletes entries of ours; what went wrong.
     std::string remove(const std::vector<GroupMember>& members);
-    /// Deletes all entries of ours in one go, those included that cannot be named; whether the kernel has
-    /// such a way.
+    /// Deletes all entries of ours in one go, those included that cannot be named; whether that went well.
     bool flush();
     /// Deletes those that cannot be named, if it has.
     void flushStuck();
@@ -146,7 +145,6 @@ private:
     void judgeSnooping();
     /// Looks for what earlier lives left on other bridges.
     void findLeftovers();
-    void removeLeftovers();
     std::vector<GroupFinding> findings(bool repair);
     /// What is not as it should be with the bridge itself.
     std::vector<GroupFinding> bridgeFindings(const std::set<GroupMember>& leftOut);
@@ -160,14 +158,15 @@ private:
     DeviceTable& devices_;
     NetlinkChannel& requests_;
     const std::shared_ptr<const Config> config_;
-    const std::shared_ptr<const Bridging::Input::Config> wanted_;
     const std::function<void()> wake_;
     const Complaint complaint_;
     const Served served_;
     GroupLedger ledger_;
     GroupRefusals refusals_;
+    GroupWishes wishes_;
     GroupJournal journal_;
     BridgeMemory memory_;
+    StrayGroups strays_;
     RouterPorts routers_;
     std::set<std::string> fileProblems_;
     GroupMirror mirror_;
@@ -178,14 +177,13 @@ private:
     bool woken_ = false;
     bool readDue_ = false;
     bool marksEntries_ = true;
-    bool flushes_ = true;
+    bool flushes_ = true;      ///< the kernel can delete all entries of a mark
     bool overfilled_ = false;  ///< snooping is off because the table was full
     bool stuck_ = false;       ///< there are entries that cannot be deleted by their names
     bool unsettled_ = false;   ///< places are still to be given and taken
     BridgeView view_;
     GroupDrift drift_;
     std::optional<std::size_t> fullAt_;  ///< groups that were too many, whatever the bridge's limit says
-    std::map<VlanId, std::weak_ptr<const Bridging::Input::FdbConfig>> vlans_;
 
     std::set<EthAddr> marked_;                  ///< to be looked at
     std::set<EthAddr> placeless_;               ///< wait until the kernel has freed their places
@@ -193,7 +191,6 @@ private:
     std::set<EthAddr> unsure_;                  ///< wait for the table to be read
     std::set<GroupMember> inherited_;           ///< from an earlier life; kept until the grace ends
     std::set<EthAddr> delayed_;                 ///< wait for the end of the grace
-    std::map<unsigned, std::vector<GroupMember>> leftovers_;  ///< ours, by bridges that are not the switch
 
     Runtime::Time lastRead_{};
     std::set<std::string> found_;                       ///< by the last audit

@@ -15,26 +15,30 @@ std::string describedGroup(const GroupMember& member, const BridgeView& view) {
     return Runtime::concat("group ", member.group.mac, vlan, " on ", name);
 }
 
-std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, const BridgeView& view,
+std::vector<GroupFinding> groupFindings(const GroupWishes& wished, const BridgeView& view,
                                         const GroupTable& table, const GroupLedger& ledger,
-                                        const std::function<bool(EthAddr)>& underway) {
-    std::set<EthAddr> addresses = wantedAddresses(config);
+                                        const std::function<bool(EthAddr)>& underway, std::size_t described) {
+    std::set<EthAddr> addresses = wished.addresses();
     for (const HeldGroup& held : table.all()) {
         if (held.owner == GroupOwner::us) addresses.insert(held.member.group.mac);
     }
     std::vector<GroupFinding> findings;
     for (const EthAddr mac : addresses) {
         if (underway(mac)) continue;
-        const auto wishes = wantedGroups(config, mac, view);
+        const auto wishes = wished.of(mac, view);
         for (const WantedGroup& wish : wishes) {
             if (table.owner(wish.member)) continue;
-            findings.push_back(
-                {mac, describedGroup(wish.member, view) + ": missing", ledger.why(mac, failureKey(wish))});
+            findings.push_back({mac, {}, {}});
+            if (findings.size() > described) continue;
+            findings.back().text = describedGroup(wish.member, view) + ": missing";
+            findings.back().why = ledger.why(mac, failureKey(wish));
         }
         for (const GroupMember& member : difference(wishes, table.of(mac)).surplus) {
-            const bool stuck = view.vlanFiltering && member.group.vid == 0;
-            findings.push_back({mac, describedGroup(member, view) + ": ours, but not wanted",
-                                stuck ? "it stays until the bridge does not filter VLANs" : ""});
+            findings.push_back({mac, {}, {}});
+            if (findings.size() > described) continue;
+            findings.back().text = describedGroup(member, view) + ": ours, but not wanted";
+            if (view.vlanFiltering && member.group.vid == 0)
+                findings.back().why = "it stays until the bridge does not filter VLANs";
         }
     }
     return findings;

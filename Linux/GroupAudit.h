@@ -16,13 +16,13 @@ std::string describedGroup(const GroupMember& member, const BridgeView& view);
 
 struct GroupFinding {
     EthAddr mac;
-    std::string text;
-    std::string why;  ///< where it is known
+    std::string text;  ///< empty: there were others enough
+    std::string why;   ///< where it is known
 };
 
-/// Every difference but those of addresses that are `underway`.
-std::vector<GroupFinding> groupFindings(const Bridging::Input::Config& config, const BridgeView& view,
+/// Every difference but those of addresses that are `underway`; the first `described` with their texts.
+std::vector<GroupFinding> groupFindings(const GroupWishes& wished, const BridgeView& view,
                                         const GroupTable& table, const GroupLedger& ledger,
-                                        const std::function<bool(EthAddr)>& underway);
+                                        const std::function<bool(EthAddr)>& underway, std::size_t described);
 
 }  // namespace Linux

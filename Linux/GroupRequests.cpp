@@ -4,6 +4,7 @@
 #include "Runtime/Text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 #include <utility>
 
@@ -41,12 +42,12 @@ void GroupAgent::apply() {
         useFreedPlaces();
         while ((!marked_.empty() || unsettled_) && loop_.now() - begin < turnShare) carryOut(nextBatch());
         if (stuck_ && !graceEnd_.armed()) flushStuck();
-        if (!graceEnd_.armed()) removeLeftovers();
+        if (!graceEnd_.armed()) strays_.removeSome();
         writeFiles();
         publish(begin);
         if (mirror_.table().peak() >= limit() && !snooping_.armed()) snooping_.armIn(peakDelay);
     }
-    if (!upToDate || !marked_.empty() || unsettled_ || (!leftovers_.empty() && !graceEnd_.armed())) {
+    if (!upToDate || !marked_.empty() || unsettled_ || (strays_.due() && !graceEnd_.armed())) {
         again_.armIn({});
     } else if (!placeless_.empty() && !again_.armed()) {
         again_.armIn(GroupTable::linger);
@@ -76,9 +77,10 @@ void GroupAgent::publish(Runtime::Time begin) {
 GroupAgent::Batch GroupAgent::nextBatch() {
     Batch batch;
     // What needs no request costs little, but not nothing.
-    while (!marked_.empty() && batch.wishes.size() < 4 * batchSize) {
+    for (std::size_t looked = 0; !marked_.empty() && looked < 4 * batchSize; ++looked) {
         const EthAddr mac = marked_.extract(marked_.begin()).value();
-        auto& wishes = batch.wishes[mac] = wantedGroups(*wanted_, mac, view_);
+        auto& wishes = batch.wishes[mac] = wishes_.of(mac, view_);
+        looked += wishes.size();
         claim(mac, wishes);
     }
     const auto moved = places_.settle(capacity(), batchSize);
@@ -280,8 +282,7 @@ void GroupAgent::judge(EthAddr mac, const Batch& batch) {
     }
     for (const auto& [vlan, verdict] : verdicts) {
         const GroupId id{vlan, mac};
-        const auto fdb = wanted_->fdbConfig(vlan);
-        if (!fdb || !fdb->ethGroup(mac)) {
+        if (!wishes_.has(vlan, mac)) {
             refusals_.drop(id);
         } else if (verdict.problem != nullptr) {
             const bool retried = verdict.problem->kind != GroupProblem::Kind::lasting;
@@ -366,16 +367,19 @@ bool GroupAgent::flush() {
         if (index == view_.bridge) protocols.insert(protocol);
     }
     for (const std::uint8_t protocol : protocols) {
-        flushes_ = flushes_ && flushGroups(requests_, view_.bridge, *bridge->bridgeSettings, protocol);
+        const NetlinkAnswer answer = flushGroups(requests_, view_.bridge, *bridge->bridgeSettings, protocol);
+        // Kernels that do not know such a request say so, or find what it names incomplete.
+        if (answer.error == EOPNOTSUPP || answer.error == EINVAL) flushes_ = false;
+        if (!answer) return false;
     }
-    return flushes_;
+    return true;
 }
 
 void GroupAgent::flushStuck() {
     stuck_ = false;
-    const bool tried = flushes_;
+    const bool could = flushes_;
     if (!flush()) {
-        if (tried)
+        if (could && !flushes_)
             complain(
                 "groups from before it filtered VLANs stay in its table until it does not, or their ports "
                 "leave");

@@ -15,7 +15,6 @@ constexpr std::chrono::seconds snoopingInterval{1};
 constexpr std::size_t auditLines = 10;
 /// An answer for people.
 constexpr std::size_t mostLines = 1000;
-constexpr std::size_t leftoversAtOnce = 512;
 
 }  // namespace
 
@@ -67,42 +66,23 @@ void GroupAgent::findLeftovers() {
         const bool certain = served_ || std::ranges::any_of(memory_.marks(), remembered);
         complain(concat(ours.size(), " entries with our mark are on bridge ", bridge->name,
                         certain ? ", left by an earlier life; they go" : "; msrpctl clean removes them"));
-        if (certain) leftovers_[index] = std::move(ours);
+        if (!certain) continue;
+        const auto isMarked = [&](const GroupEntry& e) { return e.protocol == config_->groupProtocol(); };
+        if (std::ranges::any_of(entries, isMarked)) memory_.markIs({index, config_->groupProtocol()});
+        strays_.put(index, std::move(ours));
     }
     for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
         const auto isMarked = [&](const GroupEntry& entry) { return entry.protocol == mark.second; };
         const auto table = tables.find(mark.first);
         const bool used = table != tables.end() && std::ranges::any_of(table->second, isMarked);
         const bool current = mark == BridgeMemory::Mark{view_.bridge, config_->groupProtocol()};
-        if (!used && !current && !leftovers_.contains(mark.first)) memory_.markDel(mark);
+        if (!used && !current && !strays_.has(mark.first)) memory_.markDel(mark);
     }
-}
-
-void GroupAgent::removeLeftovers() {
-    if (leftovers_.empty()) return;
-    const auto first = leftovers_.begin();
-    auto& members = first->second;
-    const Device* bridge = devices_.find(first->first);
-    if (bridge != nullptr && bridge->bridgeSettings && !members.empty()) {
-        const std::size_t count = std::min(members.size(), leftoversAtOnce);
-        const std::vector<GroupMember> piece{members.end() - static_cast<std::ptrdiff_t>(count),
-                                             members.end()};
-        members.resize(members.size() - count);
-        std::vector<bool> done;
-        const std::string problem =
-            removeGroups(requests_, first->first, *bridge->bridgeSettings, piece, done);
-        for (const GroupMember& member : piece) journal_.erase(member);
-        if (!problem.empty()) complain(concat("cannot take back what is on ", bridge->name, ": ", problem));
-        if (!members.empty()) return;
-    }
-    for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
-        if (mark.first == first->first) memory_.markDel(mark);
-    }
-    leftovers_.erase(first);
 }
 
 std::vector<std::string> GroupAgent::audit(bool repair) {
     std::vector<std::string> lines;
+    if (!started_) return lines;
     if (repair) refusals_.retryAll();
     const auto all = findings(repair);
     for (const GroupFinding& finding : all) {
@@ -141,8 +121,8 @@ std::vector<GroupFinding> GroupAgent::findings(bool repair) {
     const std::vector<GroupEntry>& entries = tables[view_.bridge];
     GroupTable now;
     for (const GroupEntry& entry : entries) now.put(entry.member, ownerOf(view_.bridge, entry));
-    auto differences =
-        groupFindings(*wanted_, view_, now, ledger_, [&](EthAddr mac) { return underway.contains(mac); });
+    const auto isUnderway = [&](EthAddr mac) { return underway.contains(mac); };
+    auto differences = groupFindings(wishes_, view_, now, ledger_, isUnderway, mostLines);
     if (repair) {
         for (const GroupFinding& finding : differences) marked_.insert(finding.mac);
         readDue_ = true;
@@ -161,7 +141,7 @@ std::vector<GroupFinding> GroupAgent::bridgeFindings(const std::set<GroupMember>
     std::vector<GroupFinding> findings;
     std::set<std::string> keys;
     for (const GroupMember& member : leftOut) {
-        for (const WantedGroup& wish : wantedGroups(*wanted_, member.group.mac, view_)) {
+        for (const WantedGroup& wish : wishes_.of(member.group.mac, view_)) {
             if (wish.member != member) continue;
             findings.push_back({{}, describedGroup(member, view_) + ": not taken by the switch chip", {}});
             if (keys.size() < GroupStatus::listed) keys.insert(failureKey(wish));
@@ -183,6 +163,7 @@ std::vector<GroupFinding> GroupAgent::bridgeFindings(const std::set<GroupMember>
 
 void GroupAgent::auditByTimer() {
     audit_.armIn(auditInterval);
+    strays_.retry();
     drift_.review(loop_.now());
     if (view_.bridge == 0) return;
     devices_.readBridge(view_.bridge);

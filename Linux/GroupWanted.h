@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -36,13 +38,30 @@ struct WantedGroup {
     IntfId talker;          ///< the port of the group's talker; none: not known
     bool listened = false;  ///< somebody wants to hear the group, on this port or on another
 };
-/// Wishes for that address on ports that the bridge has, by VLAN and port.
-std::vector<WantedGroup> wantedGroups(const Bridging::Input::Config& config, EthAddr mac,
-                                      const BridgeView& view);
 /// Whether a member other than the talker's port is in the group.
 bool hasListeners(const Bridging::Input::EthGroup& group);
-/// Addresses for which the record has wishes.
-std::set<EthAddr> wantedAddresses(const Bridging::Input::Config& config);
+
+/// What the record wants, found by address whatever the number of VLANs.
+class GroupWishes {
+public:
+    explicit GroupWishes(std::shared_ptr<const Bridging::Input::Config> config);
+
+    /// Takes in a change of the record; the addresses that it concerns, or none for all of them.
+    std::optional<std::vector<EthAddr>> changed(const State::Change& change);
+    /// Wishes for that address on ports that the bridge has, by VLAN and port.
+    [[nodiscard]] std::vector<WantedGroup> of(EthAddr mac, const BridgeView& view) const;
+    [[nodiscard]] bool has(VlanId vlan, EthAddr mac) const;
+    /// Addresses for which there are wishes.
+    [[nodiscard]] std::set<EthAddr> addresses() const;
+
+private:
+    /// Notes whether that VLAN has a group of that address.
+    void look(VlanId vlan, EthAddr mac);
+
+    const std::shared_ptr<const Bridging::Input::Config> config_;
+    std::map<VlanId, std::weak_ptr<const Bridging::Input::FdbConfig>> known_;
+    std::map<EthAddr, std::vector<VlanId>> vlans_;  ///< in ascending order
+};
 
 struct GroupDifference {
     std::vector<GroupMember> missing;  ///< wanted, and nobody's is there

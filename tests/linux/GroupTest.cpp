@@ -75,7 +75,10 @@ TEST(GroupMessage, IsReadFromAllKernels) {
 }
 
 TEST(GroupWanted, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
-    Bridging::Input::Config config;
+    const auto record = std::make_shared<Bridging::Input::Config>();
+    auto& config = *record;
+    Linux::GroupWishes wishes{record};
+    const auto follow = config.watch([&](const State::Change& change) { wishes.changed(change); });
     const auto mac = member(1, 0, 0).group.mac;
     for (const unsigned vlan : {2U, 3U}) {
         for (const char* port : {"swp1", "swp2", "elsewhere"})
@@ -89,7 +92,7 @@ TEST(GroupWanted, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
                                              {member(1, 4, 12), Linux::GroupOwner::another}};
     const auto todo = [&] {
         std::string text;
-        const auto difference = Linux::difference(Linux::wantedGroups(config, mac, view), held);
+        const auto difference = Linux::difference(wishes.of(mac, view), held);
         for (const auto& [group, port] : difference.missing)
             text += Runtime::concat('+', group.vid, '@', port);
         for (const auto& [group, port] : difference.surplus)
@@ -101,6 +104,10 @@ TEST(GroupWanted, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
     EXPECT_EQ(todo(), "+0@12-3@12");
     view.vlanFiltering = true;
     EXPECT_EQ(todo(), "+2@11+2@12+3@11-3@12");
+    config.fdbConfigDel(VlanId{2});
+    EXPECT_EQ(todo(), "+3@11-3@12");
+    config.fdbConfig(VlanId{3})->ethGroupDel(mac);
+    EXPECT_TRUE(wishes.addresses().empty());
 }
 
 TEST(GroupPlaces, GoToListenersFirstAndThenToPortsInEqualParts) {
