@@ -409,7 +409,11 @@ TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes
     EXPECT_TABLE("01@p1 02@p1");
     // The bridge is given up.
     loop.runUntil([] { return false; }, Linux::GroupAgent::grace);
-    Namespace::ip("link set br0 name br9");
+    // Nothing can be deleted while it is down.
+    Namespace::ip("link set br0 down name br9");
+    EXPECT_TRUE(
+        loop.runUntil([&] { return complaints.find("cannot take back yet") != std::string::npos; }, 1s));
+    Namespace::ip("link set br9 up");
     const auto entries = [&] {
         Linux::GroupsByBridge all;
         EXPECT_TRUE(Linux::readAllGroups(requests.kernel, all));
