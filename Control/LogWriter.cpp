@@ -173,14 +173,20 @@ bool LogWriter::flush() {
         const Line& first = queue_.front();
         const ssize_t count = outlet_->write(first.severity, first.text, offset_);
         if (count == -EINTR) continue;
-        if (count < 0) {
+        if (count == -EMSGSIZE) {
+            // No later try will take it.
+            ++dropped_;
+            lost(std::generic_category().message(EMSGSIZE));
+            written += first.text.size() + 1;
+        } else if (count < 0) {
             if (count != -EAGAIN) lost(std::generic_category().message(static_cast<int>(-count)));
             timer_.armIn(count == -EAGAIN ? readerPause : errorPause);
             return false;
+        } else {
+            written += static_cast<std::size_t>(count);
+            offset_ += static_cast<std::size_t>(count);
+            if (offset_ <= first.text.size()) continue;  // its end is still to be written
         }
-        written += static_cast<std::size_t>(count);
-        offset_ += static_cast<std::size_t>(count);
-        if (offset_ <= first.text.size()) continue;  // its end is still to be written
         octets_ -= first.text.size();
         offset_ = 0;
         queue_.pop_front();

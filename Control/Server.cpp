@@ -23,7 +23,9 @@ Server::Client::Client(Server& server, Descriptor socket)
               server.services_,
               {server.parts_, server.watches_, server.requests_, server.captures_},
               std::move(socket),
-              {.ready = [&server] { server.wake(); }, .ended = [&server] { server.sweep_.armIn({}); }}} {}
+              {.ready = [&server] { server.wake(); },
+               .ended = [&server] { server.sweep_.armIn({}); },
+               .crowded = [&server] { server.endGreediest(); }}} {}
 
 Server::Server(Runtime::FdLoop& loop, const Session::Services& services)
     : loop_{loop},
@@ -76,6 +78,12 @@ void Server::makeRoom() {
     });
     leaves->session.end("too many clients, and this one was quiet for longest");
     clients_.erase(leaves);
+}
+
+void Server::endGreediest() {
+    std::ranges::max_element(clients_, {}, [](const Client& client) {
+        return client.session.unserved();
+    })->session.end("all clients together have sent more than can be kept, and this one most of it");
 }
 
 void Server::wake() {

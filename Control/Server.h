@@ -48,6 +48,8 @@ private:
     void listen();
     void accept();
     void makeRoom();
+    /// Ends the session that has sent most of what is not served.
+    void endGreediest();
     void wake();
     void serve();
     [[nodiscard]] Client* next();

@@ -1,6 +1,7 @@
 #include "Control/Session.h"
 
 #include "Control/Json.h"
+#include "Runtime/Text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,6 +27,20 @@ const std::string* stringMember(const Value& request, std::string_view name) {
 }
 
 Answer error(std::string text) { return {{}, std::move(text)}; }
+
+std::string cut(std::string_view text, std::size_t most) {
+    return text.size() <= most ? std::string{text} : std::string{text.substr(0, most)} + "...";
+}
+
+/// Of a request's member, in an error.
+constexpr std::size_t shownOctets = 64;
+
+/// Empty when the text is no longer than that.
+std::string tooLong(std::string_view member, std::string_view text, std::size_t most) {
+    if (text.size() <= most) return {};
+    return Runtime::concat("request: ", member, ' ', cut(text, shownOctets), " is longer than ", most,
+                           " octets");
+}
 
 std::string known(const Commands& commands) {
     std::string names = "get, set, watch, capture, list";
@@ -62,8 +77,10 @@ void Session::receive() {
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count < 0) return end();
     if (count == 0) heardAll_ = true;
-    if (!shared_.requests.take(static_cast<std::size_t>(count)))
-        return end("all clients together have sent more than can be kept");
+    while (!shared_.requests.take(static_cast<std::size_t>(count))) {
+        notices_.crowded();
+        if (over()) return;
+    }
     const std::size_t before = in_.size();
     in_.append(piece, static_cast<std::size_t>(count));
     if (!requestWaits()) newline_ = in_.find('\n', before);
@@ -130,6 +147,7 @@ void Session::serveRequests() {
         if (text_ || out_.size() >= replyLimit || loop_.now() - begun >= turnSpan) break;
     }
     in_.erase(0, at);
+    if (in_.empty()) in_.shrink_to_fit();  // what the budget gets back must be there
     if (requestWaits()) newline_ -= at;
     shared_.requests.giveBack(at);
     if (in_.size() > requestLimit && !requestWaits()) {
@@ -145,8 +163,12 @@ void Session::serveRequest(std::string_view line) {
     if (line.find_first_not_of(" \t\r") == std::string_view::npos) return;
     const auto [request, problem] = parseJson(line);
     Reply reply;
-    if (const Value* id = request.member("id")) reply.members.emplace_back("id", *id);
-    if (problem) {
+    const Value* id = request.member("id");
+    std::string idProblem = id != nullptr ? tooLong("id", jsonText(*id), idLimit) : std::string{};
+    if (id != nullptr && idProblem.empty()) reply.members.emplace_back("id", *id);
+    if (!idProblem.empty()) {
+        reply.answer = error(std::move(idProblem));
+    } else if (problem) {
         reply.answer = error("request, column " + std::to_string(problem->column) + ": " + problem->what);
     } else {
         execute(request, reply);
@@ -168,15 +190,20 @@ void Session::execute(const Value& request, Reply& reply) {
     }
     const std::string* path = stringMember(request, "path");
     if (*op != "get" && *op != "set" && *op != "watch" && *op != "capture")
-        return fail("request: op \"" + *op + "\" is none of " + known(services_.commands));
+        return fail("request: op \"" + cut(*op, shownOctets) + "\" is none of " + known(services_.commands));
     if (path == nullptr) return fail("request: a text \"path\" is needed");
+    const std::string* field = stringMember(request, "field");
+    if (std::string problem = tooLong("path", *path, pathLimit); !problem.empty())
+        return fail(std::move(problem));
+    if (std::string problem = field != nullptr ? tooLong("field", *field, pathLimit) : std::string{};
+        !problem.empty())
+        return fail(std::move(problem));
     if (*op == "get") return get(*path, reply);
     if (*op == "watch") return watch(*path, reply);
     if (*op == "capture") return capture(*path, reply);
 
     const Value* value = request.member("value");
     if (value == nullptr) return fail("request: a \"value\" is needed");
-    const std::string* field = stringMember(request, "field");
     reply.answer =
         services_.records.set(field != nullptr && !field->empty() ? *path + '/' + *field : *path, *value);
 }
@@ -237,7 +264,7 @@ void Session::send(Reply reply) {
     if (reply.answer.error.empty()) {
         members.emplace_back("value", std::move(reply.answer.value));
     } else {
-        members.emplace_back("error", std::move(reply.answer.error));
+        members.emplace_back("error", cut(reply.answer.error, errorLimit));
     }
     appendJson(out_, Value{std::move(members)});
     out_ += '\n';

@@ -25,9 +25,11 @@
 /// included, in hexadecimal.  Frames for a client that does not keep up are dropped; "dropped": 3 in the next
 /// one says how many of that port are missing before it.  Watches and captures end with the connection.
 ///
-/// Memory is bounded: no request is served while replies wait to be fetched.  A client that fetches nothing
-/// of what waits for it for `readPatience`, or neither asks, watches nor captures for `askPatience`, loses
-/// its connection.
+/// Memory is bounded: no request is served while replies wait to be fetched, and long texts are cut short in
+/// errors.  When all clients together have sent more than can be kept, the one that has sent most loses its
+/// connection, so one that has sent its share of that (64 KiB of 64 clients) never does.  A client that
+/// fetches nothing of what waits for it for `readPatience`, or neither asks, watches nor captures for
+/// `askPatience`, loses its connection.
 #pragma once
 
 #include "Control/Budget.h"
@@ -58,6 +60,10 @@ public:
     /// Octets of replies beyond which no further request is served until they were fetched.
     static constexpr std::size_t replyLimit = std::size_t{1} << 16;
     static constexpr std::size_t watchLimit = 32;
+    /// Octets of a path, of a field, and of an id as JSON; and of an error, before it is cut short.
+    static constexpr std::size_t pathLimit = 1024;
+    static constexpr std::size_t idLimit = 256;
+    static constexpr std::size_t errorLimit = 4096;
     static constexpr Runtime::Duration readPatience = std::chrono::seconds{30};
     static constexpr Runtime::Duration askPatience = std::chrono::minutes{5};
 
@@ -76,6 +82,8 @@ public:
     struct Notices {
         std::function<void()> ready;  ///< the session has something to do in a turn
         std::function<void()> ended;  ///< once; must not destroy the session at once
+        /// No memory is left for what has come in: sessions must end, perhaps this one, until some is.
+        std::function<void()> crowded;
     };
 
     /// `socket` must be connected.  The loop must outlive the session.
@@ -93,6 +101,8 @@ public:
     /// Ends it; `reason` is told to a client that has fetched everything.
     void end(const std::string& reason = {});
 
+    /// Octets that have come in and are not served.
+    [[nodiscard]] std::size_t unserved() const { return in_.size(); }
     /// When the client last asked for something or fetched something.
     [[nodiscard]] Runtime::Time lastSign() const { return lastSign_; }
     /// The process that made the connection.

@@ -20,12 +20,18 @@ public:
     Claims(Runtime::FdLoop& loop, std::function<void(const std::string& line)> complaint)
         : loop_{loop}, complaint_{std::move(complaint)} {}
 
+    /// Whether to wait some milliseconds for another daemon that is about to listen.
+    enum class Patience { none, some };
+
     /// Claims something like "bridge br0"; empty when it is ours now, or was, else one line that names the
-    /// process that has it.  Anybody may take any name, so that of another user who is not root only gives a
-    /// complaint.
-    std::string take(const std::string& what);
+    /// process that has it.  Anybody may take any name, so that of another user who is not root, or of a
+    /// process that does not listen, only gives a complaint.
+    std::string take(const std::string& what, Patience patience);
     void giveBack(const std::string& what) { held_.erase(what); }
-    /// The process that has it, this one included; 0: nobody whom we would heed.
+    /// Whether somebody has it, whoever that is: this process, one of another user or of another PID
+    /// namespace, or one that is too busy to answer.  What cannot be told counts as taken.
+    [[nodiscard]] static bool taken(const std::string& what);
+    /// The process that has it, this one included; 0 where nobody has it or the kernel does not tell.
     [[nodiscard]] static int holder(const std::string& what);
     [[nodiscard]] bool has(const std::string& what) const { return held_.contains(what); }
 

@@ -65,13 +65,17 @@ public:
     }
     void remove() const { ::unlinkat(directory_, name_.c_str(), 0); }
 
-    /// Gives a ring log that has the name another one.  Empty when the name is free afterwards.
+    /// Gives an ended process's ring log that has the name another one.  Empty when the name is free
+    /// afterwards.
     [[nodiscard]] std::string putAside() const {
         if (free(name_)) return {};
         const std::string last = stem() + std::string{aside} + std::string{extension};
         for (const std::string& name : {name_, last}) {
-            if (!free(name) && !look(name))
+            if (free(name)) continue;
+            const auto found = look(name);
+            if (!found)
                 return "ring log " + path_ + ": " + name + " is in the way, and no ring log of this user";
+            if (!found->ended) return "ring log " + path_ + ": a process that still runs writes " + name;
         }
         return ::renameat(directory_, name_.c_str(), directory_, last.c_str()) == 0 ? ""
                                                                                     : failure(path_, errno);

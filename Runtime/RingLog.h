@@ -49,11 +49,11 @@ public:
 
     /// Opens the file that later records go to.  One that an earlier process left under that name gets
     /// "-last" before its extension; where the name carries the process number, ring logs of ended processes
-    /// are removed but for the newest.  Files of other owners, files that are no ring logs and links are left
-    /// alone, and in the way where they have the name; so is a directory in which anybody may replace files.
-    /// `argumentOctets` is what a record carries beside its label (at most 24), `firstSlot` the slot that is
-    /// written first, `files` how many files take turns (only 1 is known), `kibibytes` the size.  Empty on
-    /// success, else what went wrong; until then records are dropped.
+    /// are removed but for the newest.  Files of processes that still run and of other owners, files that are
+    /// no ring logs and links are left alone, and in the way where they have the name; so is a directory in
+    /// which anybody may replace files. `argumentOctets` is what a record carries beside its label (at most
+    /// 24), `firstSlot` the slot that is written first, `files` how many files take turns (only 1 is known),
+    /// `kibibytes` the size.  Empty on success, else what went wrong; until then records are dropped.
     std::string initialise(const std::string& path, unsigned argumentOctets, unsigned firstSlot,
                            unsigned files, unsigned kibibytes);
     /// Goes on in a fresh file; what was written until now is found under "-last".  Does nothing before the

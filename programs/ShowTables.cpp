@@ -100,11 +100,23 @@ void noteWaits(Table& table, const std::vector<PortWait>& waits) {
     if (waits.size() > most) table.note("    and " + std::to_string(waits.size() - most) + " more streams");
 }
 
-/// kbit/s by queue.
+const State::Object& reservedQueues(const Snapshot& snapshot, const std::string& port) {
+    return membersOf(at(snapshot.record("qos/input/config/msrp"), {"intfConfig", port, "txQueueConfig"}));
+}
+
+/// Why a port's queues are not shaped, where something is reserved or that was refused; else nothing.
+std::string whyNotShaped(const Snapshot& snapshot, const std::string& port) {
+    const Value& shaping = at(snapshot.record("linux/capabilities"), {"shaping", port});
+    if (textOf(at(shaping, {"shaper"})) == "none" && !reservedQueues(snapshot, port).empty())
+        return textOf(at(shaping, {"why"}));
+    return textOf(at(snapshot.record("switch/refusals"), {"port", port, "why"}));
+}
+
+/// kbit/s by queue, or that they are not shaped.
 Value shapedQueues(const Snapshot& snapshot, const std::string& port) {
+    if (!whyNotShaped(snapshot, port).empty()) return Value{"none"};
     State::Object queues;
-    for (const auto& [queue, config] :
-         membersOf(at(snapshot.record("qos/input/config/msrp"), {"intfConfig", port, "txQueueConfig"})))
+    for (const auto& [queue, config] : reservedQueues(snapshot, port))
         queues.emplace_back(queue, at(config, {"shapeRate"}));
     return queues.empty() ? Value{} : Value{std::move(queues)};
 }
@@ -242,6 +254,8 @@ Table ports(const Snapshot& snapshot) {
                    at(mrp, {"txPdus"}), at(mrp, {"refusedJoins"}),
                    mrp.isNull() ? Value{} : Value{sum(at(mrp, {"malformed"}))},
                    at(mrp, {"droppedRegistrations"})});
+        if (const std::string why = whyNotShaped(snapshot, port); !why.empty())
+            table.note("    queues are not shaped: " + why);
         noteWaits(table, waits);
     }
     return table;

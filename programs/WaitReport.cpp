@@ -4,6 +4,7 @@
 #include "programs/Table.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Show {
 
@@ -105,8 +106,12 @@ Value waitValue(const WaitReport& report) {
     const auto idOrNone = [](const std::optional<U64>& id) {
         return id ? Value{State::hexText(*id)} : Value{};
     };
-    return State::Object{{"age", report.age < 0 ? Value{} : Value{report.age}},
-                         {"place", report.place == 0 ? Value{} : Value{U64{report.place}}},
+    Value age;
+    Value place;
+    if (report.age >= 0) age = Value{report.age};
+    if (report.place != 0) place = Value{U64{report.place}};
+    return State::Object{{"age", std::move(age)},
+                         {"place", std::move(place)},
                          {"behind", idOrNone(report.behind)},
                          {"heldBy", idOrNone(report.holder)},
                          {"missingKbps", Value{report.missing}}};

@@ -113,7 +113,9 @@ const std::vector<std::string> portRecords{"msrp/status",
                                            "bridging/input/config/msrp",
                                            "qos/input/config/msrp",
                                            "interface/status/eth/phy/all",
-                                           "interface/status/eth/intf"};
+                                           "interface/status/eth/intf",
+                                           "linux/capabilities",
+                                           "switch/refusals"};
 
 int showStreams(const Options& options) {
     Show::Snapshot snapshot;
@@ -262,8 +264,11 @@ int doctor(const Options& options) {
 /// Who keeps one of the bridges, or nothing.
 std::string keeper(const std::set<std::string>& bridges) {
     for (const std::string& bridge : bridges) {
-        if (const int process = Linux::Claims::holder("bridge " + bridge); process != 0)
-            return "the daemon of process " + std::to_string(process) + " keeps bridge " + bridge;
+        const std::string claim = "bridge " + bridge;
+        if (!Linux::Claims::taken(claim)) continue;
+        const int process = Linux::Claims::holder(claim);
+        return (process != 0 ? "process " + std::to_string(process) : std::string{"a daemon"}) + " keeps " +
+               claim;
     }
     return {};
 }

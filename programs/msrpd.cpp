@@ -89,7 +89,8 @@ public:
         trace_.sinkIs(options.trace,
                       [this](std::string_view line) { writer_.line(LOG_DEBUG, std::string{line}); });
         access_.guardIs([this](std::string_view path, const State::Value& patch) {
-            return path == "msrp/config" ? claimPorts(patch.member("intfEnable")) : std::string{};
+            return path == "msrp/config" ? claimPorts(patch.member("intfEnable"), Patience::none)
+                                         : std::string{};
         });
     }
 
@@ -97,10 +98,11 @@ public:
         if (const std::string problem = loadConfig(); !problem.empty()) return fail(problem, usage);
         std::string problem = Linux::packetSocketProblem();
         if (problem.empty() && !onBridge().empty()) problem = Linux::netAdminProblem();
-        if (problem.empty() && !onBridge().empty()) problem = claims_.take("bridge " + onBridge());
+        if (problem.empty() && !onBridge().empty())
+            problem = claims_.take("bridge " + onBridge(), Patience::some);
         if (problem.empty()) {
             const auto enabled = config_->fieldValue("intfEnable", {});
-            problem = claimPorts(&*enabled);
+            problem = claimPorts(&*enabled, Patience::some);
         }
         if (problem.empty()) problem = server_.start(options_.socket);
         if (problem.empty()) problem = devices_.start();
@@ -149,6 +151,8 @@ public:
     }
 
 private:
+    using Patience = Linux::Claims::Patience;
+
     template <class R>
     std::shared_ptr<R> record(std::string_view path) {
         return database_.entityIs<R>(path);
@@ -168,14 +172,14 @@ private:
     static std::string portClaim(const std::string& port) { return "port " + port; }
     /// Claims the ports that `enable`, a record's `intfEnable` or a patch of it, turns on: all or none. Empty
     /// on success.
-    std::string claimPorts(const State::Value* enable) {
+    std::string claimPorts(const State::Value* enable, Patience patience) {
         std::vector<std::string> taken;
         const State::Object* ports = enable != nullptr ? enable->object() : nullptr;
         for (std::size_t i = 0; ports != nullptr && i < ports->size(); ++i) {
             const auto& [port, on] = (*ports)[i];
             const std::string claim = portClaim(port);
             if (on != State::Value{true} || claims_.has(claim)) continue;
-            if (std::string problem = claims_.take(claim); !problem.empty()) {
+            if (std::string problem = claims_.take(claim, patience); !problem.empty()) {
                 for (const std::string& earlier : taken) claims_.giveBack(earlier);
                 return std::string{"msrp/config/intfEnable/"}.append(port).append(": ").append(problem);
             }
@@ -231,7 +235,7 @@ private:
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
             options_.socket, [this](const std::string& line) { tell(LOG_WARNING, line); },
-            [](const std::string& bridge) { return Linux::Claims::holder("bridge " + bridge) != 0; });
+            [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
         return dataplane_->start();
     }
 

@@ -7,13 +7,12 @@
 
 namespace {
 
-using Control::JsonComments;
 using Control::parseJson;
 using State::Object;
 using State::Value;
 
-std::string problem(std::string_view text, JsonComments comments = JsonComments::refused) {
-    const auto result = parseJson(text, comments);
+std::string problem(std::string_view text) {
+    const auto result = parseJson(text);
     if (!result.problem) return "";
     return std::to_string(result.problem->line) + ':' + std::to_string(result.problem->column) + ": " +
            result.problem->what;
@@ -38,7 +37,6 @@ TEST(Json, EveryKindOfValueComesBackAsItWas) {
 
 TEST(Json, MembersKeepTheirOrder) {
     const Value value{Object{{"swp2", true}, {"swp10", false}}};
-    EXPECT_EQ(Control::jsonText(value), R"({"swp2":true,"swp10":false})");
     EXPECT_EQ(Control::jsonLines(value), "{\n  \"swp2\": true,\n  \"swp10\": false\n}");
     EXPECT_EQ(Control::jsonLines(Value{Object{}}), "{}");
     EXPECT_EQ(Control::jsonText(Value{"a\xff z"}), "\"a\xef\xbf\xbd z\"") << "octets that are no text";
@@ -46,13 +44,11 @@ TEST(Json, MembersKeepTheirOrder) {
 
 TEST(Json, ProblemsHaveTheirPlace) {
     EXPECT_EQ(problem("{\n  \"a\": [1]}"), "2:8: arrays are not used here");
-    EXPECT_EQ(problem("{\"a\": 1,\n\"a\": 2}"), "2:3: \"a\" comes twice");
     EXPECT_EQ(problem("{\"a\": 1").substr(0, 5), "1:7: ");
     EXPECT_EQ(problem("{} {}").substr(0, 5), "1:4: ");
     EXPECT_EQ(problem("1e999"), "1:5: number overflow parsing '1e999'");
     EXPECT_EQ(problem("").substr(0, 5), "1:1: ");
     EXPECT_NE(problem("{} // note"), "");
-    EXPECT_EQ(problem("{ // note\n}", JsonComments::allowed), "");
     std::string deep;
     for (int i = 0; i < 100'000; ++i) deep += "{\"a\":";
     EXPECT_EQ(problem(deep), "1:321: objects are nested too deeply");

@@ -98,8 +98,11 @@ Show::Snapshot waiting() {
     s.records["msrp/cliConfig"] = json(R"({"srClassABandwidthPercent": 1, "srClassBBandwidthPercent": 0})");
     s.records["bridging/input/config/msrp"] =
         json(R"({"fdbConfig": {"2": {"ethGroup": {"91:e0:f0:00:fe:03": {"intf": {"swp2": true}}}}}})");
-    s.records["qos/input/config/msrp"] = json(R"({"intfConfig": {"swp2": {"txQueueConfig": {
+    s.records["qos/input/config/msrp"] = json(
+        R"({"intfConfig": {"swp1": {"txQueueConfig": {"unicast:5": {"shapeRate": 1}}}, "swp2": {"txQueueConfig": {
         "unicast:5": {"shapeRate": 9088}, "unicast:4": {"shapeRate": 500}}}}})");
+    s.records["linux/capabilities"] = json(R"({"shaping": {"swp1": {"shaper": "none", "why": "not wanted"},
+        "swp2": {"shaper": "htb", "why": "too few transmit queues"}}})");
     s.records["msrp/waiting"] = json(R"({
         "bandwidthFailedIntf": {
             "swp1": {"failedStream": {"7": {"stream": "0x6", "since": 960.0}}},
@@ -157,7 +160,8 @@ TEST(ShowPorts, TellsQueuesAndWhoWaitsInTheOrderInWhichTheyAreTried) {
     EXPECT_EQ(
         Show::ports(waiting()).text(),
         R"(PORT  LINK          SPEED  STATE       CLASS A  A KBPS      CLASS B         B KBPS  SHAPED KBPS                    WAITING  RX PDUS  TX PDUS  REFUSED  MALFORMED  DROPPED
-swp1  no interface  -      Forwarding  Core     0/0         Core            0/0     -                              2        -        -        -        -          -
+swp1  no interface  -      Forwarding  Core     0/0         Core            0/0     none                           2        -        -        -        -          -
+    queues are not shaped: not wanted
     00:00:00:00:00:00/7 wants its address, held by 00:00:00:00:00:00/3, waiting for 10m00s, first in line
     00:00:00:00:00:00/8 wants its address, held by 00:00:00:00:00:00/3, waiting for 1m00s at place 2 behind 00:00:00:00:00:00/7
 swp2  up            1G     Forwarding  Core     9088/10000  WaitingForPeer  0/912   unicast:5 9088, unicast:4 500  3        12       13       1        3          0

@@ -117,6 +117,7 @@ TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
     RingLog alive;
     ASSERT_EQ(alive.initialise(file("Msrp-1.rl"), 24, 0, 1, 1), "");
     alive.write(Time{}, "alive");
+    EXPECT_NE(RingLog{}.initialise(file("Msrp-1.rl"), 24, 0, 1, 1).find("still runs"), std::string::npos);
     auto written = std::filesystem::file_time_type::clock::now() - 1h;
     for (const char* process : {"Msrp-2.rl", "Msrp-4-last.rl", "Msrp-3.rl"}) {
         leave(process, process);
