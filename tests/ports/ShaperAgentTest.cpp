@@ -404,7 +404,8 @@ TEST_F(ShaperAgentTest, ARaceThatIsLostForFiltersIsRunAgainAndWithoutThemThereAr
     bool lost = false;
     kernel.refuse = [&](std::span<const std::byte> request) {
         // Somebody takes away what was made for the first filter.
-        if (FaultyKernel::typeOf(request) == RTM_NEWTFILTER && !std::exchange(lost, true)) c1.ingress.reset();
+        if (FaultyKernel::typeOf(request) == RTM_NEWTFILTER && !std::exchange(lost, true))
+            for (auto& [ifindex, queues] : kernel.have) queues.ingress.reset();
         return std::optional<Linux::NetlinkAnswer>{};
     };
     reserve(75'000, 0, "c1");
