@@ -30,21 +30,16 @@ TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
     std::string problem = "none yet";
     for (auto more = static_cast<rlim_t>(lowest.get()); !problem.empty(); ++more) {
         ASSERT_LT(more, 200U);
-        Linux::Dataplane dataplane{loop,
-                                   devices,
-                                   {.config = config,
-                                    .bridging = bridge.bridging,
-                                    .topology = bridge.topology,
-                                    .stp = bridge.stp,
-                                    .groups = std::make_shared<Bridging::Input::Config>(),
-                                    .queues = std::make_shared<Qos::Input::Config>(),
-                                    .queueMap = std::make_shared<Qos::Status>(),
-                                    .hardwareQueueMap = std::make_shared<Qos::HwStatus>(),
-                                    .groupStatus = std::make_shared<Linux::GroupStatus>(),
-                                    .refusals = std::make_shared<Switch::Refusals>(),
-                                    .capabilities = std::make_shared<Linux::CapabilityStatus>()},
-                                   "/nowhere/control",
-                                   [](const std::string&) {}};
+        Linux::Dataplane dataplane{
+            loop,
+            devices,
+            {config, bridge.bridging, bridge.topology, bridge.stp,
+             std::make_shared<Bridging::Input::Config>(), std::make_shared<Qos::Input::Config>(),
+             std::make_shared<Qos::Status>(), std::make_shared<Qos::HwStatus>(),
+             std::make_shared<Linux::GroupStatus>(), std::make_shared<Switch::Refusals>(),
+             std::make_shared<Linux::CapabilityStatus>()},
+            "/nowhere/control",
+            [](const std::string&) {}};
         const rlimit now{more, before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &now);
         problem = dataplane.start();

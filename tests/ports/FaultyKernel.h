@@ -4,6 +4,7 @@
 #include "Linux/Netlink.h"
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <span>
 #include <vector>
@@ -19,6 +20,7 @@ public:
     std::vector<Linux::NetlinkAnswer> carryOut(std::span<Linux::NetlinkMessage> requests) override {
         std::vector<Linux::NetlinkAnswer> answers;
         for (Linux::NetlinkMessage& request : requests) {
+            ++changes[typeOf(request.bytes())];
             const auto refusal = refuse ? refuse(request.bytes()) : std::nullopt;
             answers.push_back(refusal ? *refusal : kernel.carryOut(std::span{&request, 1}).front());
         }
@@ -44,6 +46,7 @@ public:
     Linux::NetlinkRequests kernel;
     /// Answers in the kernel's place, or does something on the way to it.
     std::function<std::optional<Linux::NetlinkAnswer>(std::span<const std::byte> request)> refuse;
+    std::map<std::uint16_t, int> changes;  ///< that were asked for, by type
     int refused = 0;
     int asked = 0;
 };
