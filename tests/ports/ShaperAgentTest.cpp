@@ -323,7 +323,8 @@ TEST_F(ShaperAgentTest, FiltersThatAreFlushedAreMadeAgain) {
 
 TEST_F(ShaperAgentTest, APortThatLeavesIsGivenBackAndOneThatComesIsShaped) {
     const auto rename = [](const std::string& from, const std::string& to) {
-        Namespace::ip("link set " + from + " down name " + to);
+        Namespace::ip("link set " + from + " down");
+        Namespace::ip("link set " + from + " name " + to);
         Namespace::ip("link set " + to + " up");
     };
     reserve(75'000, 0);
