@@ -19,8 +19,10 @@
 #include <linux/rtnetlink.h>
 #include <linux/veth.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <type_traits>
+#include <unistd.h>
 #include <utility>
 
 namespace Linux {
@@ -157,6 +159,18 @@ private:
 
 static_assert(std::is_trivially_copyable_v<Abilities>);
 
+/// Keeps this child from outliving its parent, and from holding anything of the parent's but the end of a
+/// pipe, which is `in` before and the result afterwards: a name or a lock that it held would stay taken when
+/// the parent is killed.
+int becomeIndependent(int in, pid_t parent) {
+    constexpr int own = STDERR_FILENO + 1;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);  // it was killed before that
+    if (dup2(in, own) != own) _exit(1);
+    close_range(own + 1, ~0U, 0);
+    return own;
+}
+
 /// A child that writes what it finds into the other end of `answer`; its number, or -1.  `flags` as for a
 /// pipe.
 pid_t startProbe(FileDescriptor& answer, int flags) {
@@ -164,11 +178,13 @@ pid_t startProbe(FileDescriptor& answer, int flags) {
     if (pipe2(ends.data(), O_CLOEXEC | flags) != 0) return -1;
     answer = FileDescriptor{ends[0]};
     const FileDescriptor in{ends[1]};
+    const pid_t self = getpid();
     const pid_t child = fork();
     if (child == 0) {
+        const int out = becomeIndependent(in.get(), self);
         Abilities found;
         if (unshare(CLONE_NEWNET) == 0) found = Probe{}.abilities();
-        const ssize_t written = write(in.get(), &found, sizeof found);
+        const ssize_t written = write(out, &found, sizeof found);
         _exit(written == sizeof found ? 0 : 1);
     }
     return child;
@@ -183,8 +199,10 @@ constexpr auto allLimitations = std::to_array<Limitation>({
     {&Abilities::cbs, "no cbs: queues cannot be shaped by credits"},
     {&Abilities::htb, "no htb: queues cannot be shaped by token buckets"},
     {&Abilities::bpf, "no bpf filters: queues cannot be shaped by token buckets"},
-    {&Abilities::clsact, "no clsact: tags of incoming frames cannot choose their queues"},
-    {&Abilities::flower, "no flower filters: tags of incoming frames cannot choose their queues"},
+    {&Abilities::clsact,
+     "no clsact: forwarded frames cannot be sorted into queues that are shaped by credits"},
+    {&Abilities::flower,
+     "no flower filters: forwarded frames cannot be sorted into queues that are shaped by credits"},
     {&Abilities::vlanFiltering, "bridges do not filter VLANs: all ports are members of all VLANs"},
     {&Abilities::groups, "bridges take no groups of MAC addresses: streams go to all ports"},
     {&Abilities::groupOwner, "bridges do not note whose a group is: a journal tells ours after a restart"},

@@ -57,6 +57,7 @@ std::string Dataplane::start() {
     problem = bridge_.start();
     if (problem.empty()) problem = groups_.start(capabilities_->abilities().groupOwner);
     if (problem.empty()) problem = queues_.start();
+    if (!problem.empty()) stop();
     return problem;
 }
 

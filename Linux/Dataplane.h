@@ -43,7 +43,7 @@ public:
               const Complaint& complaint, const GroupAgent::Served& served = {});
 
     /// To be called after the table of devices was started.  Empty on success, else why this machine cannot
-    /// be asked at all.
+    /// be asked at all; then all is as it was before.
     std::string start();
     /// Takes back what was done to the kernel.
     void stop();

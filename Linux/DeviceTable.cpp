@@ -112,7 +112,7 @@ void DeviceTable::readBridge(unsigned ifindex) {
         RTM_GETLINK, request, [&] { seen = bridge; }, keep);
     if (!answer) seen = bridge;
     for (const LinkMessage& link : seen) {
-        if (find(link.device.ifindex) != nullptr) take(link);
+        if (find(link.device.ifindex) != nullptr) take(link, true);
     }
 }
 
@@ -128,16 +128,18 @@ void DeviceTable::speedNotice(const nlmsghdr& message) {
     }
 }
 
-void DeviceTable::take(const LinkMessage& message) {
+void DeviceTable::take(const LinkMessage& message, bool keepsMode) {
     if (message.gone) return put(message.device.ifindex, nullptr);
     Device now = message.device;
+    const Device* held = find(now.ifindex);
     if (message.portOnly) {
-        const Device* held = find(now.ifindex);
         if (held == nullptr) return;  // its own message is yet to come
         now = *held;
         now.bridge = message.device.bridge;
         now.portState = message.device.portState;
         now.multicastRouter = message.device.multicastRouter;
+    } else if (keepsMode && held != nullptr && held->operational == now.operational) {
+        now.mode = held->mode;
     } else if (std::ranges::any_of(modesOf_, [&](const auto& wanted) { return wanted(now); })) {
         askMode(now);
     }
@@ -169,8 +171,10 @@ void DeviceTable::put(unsigned ifindex, const Device* now) {
     std::optional<Device> before;
     if (held != devices_.end()) before = held->second;
     if (before && now != nullptr && *before == *now) return;
-    if (before) index(*before, false);
-    if (now != nullptr) index(*now, true);
+    const bool sameIndex =
+        before && now != nullptr && before->name == now->name && before->bridge == now->bridge;
+    if (before && !sameIndex) index(*before, false);
+    if (now != nullptr && !sameIndex) index(*now, true);
     if (now == nullptr) {
         devices_.erase(ifindex);
     } else {

@@ -36,7 +36,8 @@ public:
     std::string start(int queueBytes = defaultQueueBytes);
     /// Reads everything again.
     void readAll();
-    /// For what the kernel changes without a word: reads one bridge and its ports again.
+    /// For what the kernel changes without a word: reads one bridge and its ports again, but for the modes of
+    /// their links.
     void readBridge(unsigned ifindex);
 
     /// Watchers are told in the order in which they were added, never while they are being added, and must
@@ -61,7 +62,8 @@ private:
     /// A notification of the ethtool family: somebody set how a link runs.
     void speedNotice(const nlmsghdr& message);
     std::string followSpeeds();
-    void take(const LinkMessage& message);
+    /// `keepsMode`: the link's mode is not asked for while there is the same link.
+    void take(const LinkMessage& message, bool keepsMode = false);
     void askMode(Device& device);
     /// Enters what is known of a device now; null: it is gone.
     void put(unsigned ifindex, const Device* now);

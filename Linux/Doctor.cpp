@@ -208,15 +208,11 @@ private:
     void kernel() {
         const Abilities& can = facts_.abilities;
         const ShaperChoice best = shaping(plentyOfQueues);
-        const std::string load = "modprobe -a sch_mqprio sch_cbs";
+        const std::string load = "modprobe -a sch_mqprio sch_cbs sch_ingress cls_flower act_skbedit";
         if (best.shaper == Shaper::none) {
             find({}, "shaping", Severity::fault, concat("no class gets its bandwidth: ", best.why), load);
         } else if (best.shaper == Shaper::htb) {
             find({}, "shaping", Severity::warning, concat("queues get token buckets: ", best.why), load);
-        } else if (absent(can.clsact) || absent(can.flower)) {
-            find({}, "ingressPriority", Severity::fault,
-                 "no flower or skbedit: forwarded frames do not reach their class's queue",
-                 "modprobe -a sch_ingress cls_flower act_skbedit");
         }
         if (absent(can.groups)) {
             find({}, "groups", Severity::fault,

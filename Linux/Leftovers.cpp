@@ -1,5 +1,7 @@
 #include "Linux/Leftovers.h"
 
+#include "Linux/BridgeMemory.h"
+#include "Linux/GroupMessage.h"
 #include "Linux/GroupRemoval.h"
 #include "Linux/IngressMap.h"
 #include "Linux/PortQueues.h"
@@ -8,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <utility>
 
 namespace Linux {
@@ -51,19 +54,17 @@ std::string findGroups(NetlinkChannel& kernel, const DeviceTable& devices,
     return {};
 }
 
+std::string carryOut(NetlinkChannel& kernel, const std::vector<QueueStep>& steps) {
+    for (const QueueStep& step : steps) {
+        const NetlinkAnswer answer = kernel.carryOut(step.request);
+        if (!answer && answer.error != ENOENT) return answer.problem();
+    }
+    return {};
+}
+
 std::string findQueues(NetlinkChannel& kernel, const DeviceTable& devices,
                        const std::set<std::uint16_t>& handles, std::vector<Leftover>& found) {
     for (const auto& [ifindex, device] : devices.all()) {
-        const auto add = [&found, name = device.name](const char* what, const std::vector<QueueStep>& steps) {
-            if (steps.empty()) return;
-            found.push_back({name, what, [steps](NetlinkChannel& channel) {
-                                 for (const QueueStep& step : steps) {
-                                     const NetlinkAnswer answer = channel.carryOut(step.request);
-                                     if (!answer && answer.error != ENOENT) return answer.problem();
-                                 }
-                                 return std::string{};
-                             }});
-        };
         PortQueues have;
         for (const std::uint16_t handle : handles) {
             const NetlinkAnswer answer = readQueues(kernel, ifindex, handle, have);
@@ -72,9 +73,41 @@ std::string findQueues(NetlinkChannel& kernel, const DeviceTable& devices,
             WantedQueues nothing;
             nothing.ifindex = ifindex;
             nothing.major = handle;
-            add("queues that shape classes", planQueues(nothing, have));
+            if (!madeByUs(have, handle)) continue;
+            found.push_back({device.name, "queues that shape classes",
+                             [steps = planQueues(nothing, have)](NetlinkChannel& channel) {
+                                 return carryOut(channel, steps);
+                             }});
         }
-        add("filters of incoming frames", planIngressMap(ifindex, {0, 0}, have));
+        if (!mapsIngress(have)) continue;
+        found.push_back({device.name,
+                         "filters of incoming frames, and their place (clsact) if there are no others",
+                         [port = ifindex, have](NetlinkChannel& channel) {
+                             std::string problem = carryOut(channel, planIngressMap(port, {0, 0}, have));
+                             if (problem.empty() && !hasFilters(channel, port))
+                                 problem = carryOut(channel, planIngressRemoval(have));
+                             return problem;
+                         }});
+    }
+    return {};
+}
+
+std::string findRouterPorts(const DeviceTable& devices, const std::string& files,
+                            std::vector<Leftover>& found) {
+    if (files.empty()) return {};
+    const auto memory = std::make_shared<BridgeMemory>(files + ".bridge");
+    if (std::string problem = memory->read(); !problem.empty()) return problem;
+    for (const auto& [port, was] : memory->routers()) {
+        const Device* device = devices.find(port);
+        // Who has given it a role since then wants that one.
+        if (device == nullptr || device->bridge == 0 || device->multicastRouter != 0) continue;
+        found.push_back({device->name, concat("mcast_router 0 instead of ", unsigned{was}),
+                         [memory, port = port, was = was](NetlinkChannel& channel) {
+                             const NetlinkAnswer answer = channel.carryOut(multicastRouter(port, was));
+                             if (!answer) return answer.problem();
+                             memory->routerDel(port);
+                             return memory->flush();
+                         }});
     }
     return {};
 }
@@ -84,7 +117,9 @@ std::string findQueues(NetlinkChannel& kernel, const DeviceTable& devices,
 std::string findLeftovers(NetlinkChannel& kernel, const DeviceTable& devices, const OwnMarks& marks,
                           std::vector<Leftover>& found) {
     std::string problem = findGroups(kernel, devices, marks.groupProtocols, found);
-    return problem.empty() ? findQueues(kernel, devices, marks.queueHandles, found) : problem;
+    if (problem.empty()) problem = findQueues(kernel, devices, marks.queueHandles, found);
+    if (problem.empty()) problem = findRouterPorts(devices, marks.files, found);
+    return problem;
 }
 
 }  // namespace Linux

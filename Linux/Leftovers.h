@@ -1,5 +1,8 @@
-/// What an agent like ours has left in the kernel, on whatever bridge or port, found by its marks alone and
-/// without any agent that runs.
+/// What an agent like ours has left in the kernel, on whatever bridge or port, found without any agent that
+/// runs: by our marks, and the roles of ports that we took away by the file that remembers them.
+///
+/// What has no mark of ours is another's: queues under our number that we would have made otherwise, and a
+/// place for filters of incoming frames that has none of ours.
 #pragma once
 
 #include "Linux/DeviceTable.h"
@@ -17,6 +20,8 @@ namespace Linux {
 struct OwnMarks {
     std::set<std::uint8_t> groupProtocols;
     std::set<std::uint16_t> queueHandles;
+    /// What the paths of the files begin with that a daemon kept; empty: none are looked at.
+    std::string files{};
 };
 
 struct Leftover {

@@ -301,6 +301,19 @@ bool foreignRoot(const PortQueues& have, std::uint16_t major) {
     return have.root && !ours(*have.root, major);
 }
 
+bool madeByUs(const PortQueues& have, std::uint16_t major) {
+    if (!have.root || foreignRoot(have, major)) return false;
+    if (const auto* buckets = std::get_if<TokenBuckets>(&have.root->options)) {
+        const TokenBucketClass* port = have.findClass(queueId(major, wholePort));
+        return buckets->defaultMinor == bucketRest && port != nullptr && port->overhead == uncounted;
+    }
+    // Traffic classes like ours are what everybody makes; what is below them, others leave to be numbered.
+    return std::ranges::all_of(std::array<std::uint16_t, 2>{1, 2}, [&](std::uint16_t queue) {
+        const Qdisc* held = have.child(queueId(major, queue));
+        return held != nullptr && held->handle == queueId(static_cast<std::uint16_t>(major + queue));
+    });
+}
+
 ClassRates shapedRates(const PortQueues& have, std::uint16_t major) {
     if (!have.root || foreignRoot(have, major)) return {};
     if (have.root->kind == "htb") {

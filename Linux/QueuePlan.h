@@ -40,6 +40,9 @@ struct QueueStep {
 
 /// Whether somebody else has set up the port's queues.
 bool foreignRoot(const PortQueues& have, std::uint16_t major);
+/// Whether the queues below a root with that number are such as only we make them.  While we run, the number
+/// is ours; without us it says nothing, since others choose round ones, too.
+bool madeByUs(const PortQueues& have, std::uint16_t major);
 /// The rates to which queues of ours are shaped.
 ClassRates shapedRates(const PortQueues& have, std::uint16_t major);
 

@@ -179,7 +179,7 @@ void ShaperAgent::abilitiesChanged() {
 void ShaperAgent::refresh() {
     followMembers();
     for (auto& [ifindex, port] : ports_) {
-        if (port.unread && !port.trials.failing()) read(ifindex, port);
+        if (port.unread && !port.trials.failing()) (void)read(ifindex, port);
     }
 }
 
@@ -217,10 +217,14 @@ void ShaperAgent::followMembers() {
     for (const unsigned ifindex : joined) devices_.learnMode(ifindex);
 }
 
-void ShaperAgent::read(unsigned ifindex, Port& port) {
+std::string ShaperAgent::read(unsigned ifindex, Port& port) {
     PortQueues have;
     const NetlinkAnswer answer = readQueues(kernel_, ifindex, records_.config->queueHandle(), have);
-    if (!answer) return port.trials.failed(loop_.now(), concat("cannot read the queues: ", answer.problem()));
+    if (!answer) {
+        std::string problem = concat("cannot read the queues: ", answer.problem());
+        port.trials.failed(loop_.now(), problem);
+        return problem;
+    }
     port.unread = false;
     const bool otherRoot = have.root != port.have.root;
     port.have = std::move(have);
@@ -231,13 +235,14 @@ void ShaperAgent::read(unsigned ifindex, Port& port) {
         port.trials.beginAnew();
     }
     noticeDrift(ifindex, port);
+    return {};
 }
 
 void ShaperAgent::noticeDrift(unsigned ifindex, Port& port) {
     if (!port.applied || port.trials.leftAlone()) return;
     auto steps = planQueues(*port.applied, port.have);
-    if (port.ingressProblem.empty())
-        std::ranges::move(planIngressMap(ifindex, port.mapped, port.have), std::back_inserter(steps));
+    if (port.mapped)
+        std::ranges::move(planIngressMap(ifindex, *port.mapped, port.have), std::back_inserter(steps));
     // That they are somebody else's now is told where it is put on record.
     const bool taken = foreignRoot(port.have, port.applied->major) && port.applied->shaper != Shaper::none;
     if (steps.empty() && !taken) return;
@@ -272,6 +277,7 @@ void ShaperAgent::carryOut(bool lowering) {
         const Device* device = devices_.find(ifindex);
         if (device != nullptr && !port.unread) applyIngressMap(port, *device, mapped);
     }
+    learnFromFilters();
     armRetry();
 }
 
@@ -327,7 +333,8 @@ std::optional<ShaperAgent::Decision> ShaperAgent::decide(const Port& port, const
         decision.byTrial = true;
     } else {
         ShaperChoice choice = chooseShaper(config.shaping(), records_.capabilities->abilities(),
-                                           {device.txQueues, device.inSwitchChip}, port.trials.refusals());
+                                           {device.txQueues, device.inSwitchChip, config.ingressPriority()},
+                                           port.trials.refusals());
         wanted.shaper = choice.shaper;
         decision.why = std::move(choice.why);
         decision.byTrial = choice.shaper == Shaper::none && port.trials.refusals() != ShaperRefusals{};
@@ -357,6 +364,7 @@ void ShaperAgent::applyQueues(Port& port, const Device& device, bool lowering) {
         }
     }
     if (port.trials.leftAlone()) return;
+    port.applied.reset();
     port.trials.failed(loop_.now(), problem);
     port.unread = true;
     publish(port, Shaper::none, problem);
@@ -410,25 +418,30 @@ ClassPriorities ShaperAgent::mappedPriorities() const {
 void ShaperAgent::applyIngressMap(Port& port, const Device& device, ClassPriorities mapped) {
     if (!port.ingressProblem.empty() || port.trials.leftAlone()) return;
     if (device.inSwitchChip) mapped = {0, 0};
-    const auto steps = planIngressMap(device.ifindex, mapped, port.have);
-    const Abilities& abilities = records_.capabilities->abilities();
     const bool before = port.have.ingress.has_value();
-    const bool lacking = abilities.clsact == Ability::absent || abilities.flower == Ability::absent;
-    if (!steps.empty() && lacking) {
-        port.ingressProblem = "the kernel has no flower filters";
-    } else if (const NetlinkAnswer answer = carryOut(port, steps); answer) {
-        port.mapped = mapped;
-    } else if (passing(answer.error)) {
+    const NetlinkAnswer answer = carryOut(port, planIngressMap(device.ifindex, mapped, port.have));
+    if (!before && port.have.ingress) port.madeIngress = true;
+    port.mapped = answer ? std::optional{mapped} : std::nullopt;
+    if (!answer && (passing(answer.error) || !unchanged(device.ifindex, port))) {
         port.trials.failed(loop_.now(), concat("cannot set up filters: ", answer.problem()));
         port.unread = true;
-    } else {
+    } else if (!answer) {
         port.ingressProblem = answer.problem();
     }
-    if (!before && port.have.ingress) port.madeIngress = true;
     records_.capabilities->shapingIs(IntfId{port.name})->ingressProblemIs(port.ingressProblem);
     if (!port.ingressProblem.empty())
         complain(
             concat(port.name, ": tags of incoming frames do not choose their queues: ", port.ingressProblem));
+}
+
+void ShaperAgent::learnFromFilters() {
+    Abilities abilities = records_.capabilities->abilities();
+    if (abilities.flower != Ability::unknown) return;
+    if (std::ranges::all_of(ports_, [](const auto& port) { return port.second.ingressProblem.empty(); }))
+        return;
+    abilities.flower = Ability::absent;
+    records_.capabilities->abilitiesAre(abilities);
+    abilitiesChanged();
 }
 
 std::vector<std::string> ShaperAgent::audit(bool repair) {
@@ -440,13 +453,13 @@ std::vector<std::string> ShaperAgent::audit(bool repair) {
         const Device* device = devices_.find(ifindex);
         if (device == nullptr) continue;
         port.unread = true;
-        read(ifindex, port);
+        const std::string problem = read(ifindex, port);
         if (repair) {
             if (port.trials.due()) port.trials.beginAnew(!fits(port.trials.asked(), portRate(*device)));
             port.ingressProblem.clear();
         }
-        if (port.unread) {
-            lines.push_back(concat(port.name, ": ", port.trials.problem()));
+        if (!problem.empty()) {
+            lines.push_back(concat(port.name, ": ", problem));
             continue;
         }
         const auto decision = decide(port, *device, true);
@@ -455,7 +468,8 @@ std::vector<std::string> ShaperAgent::audit(bool repair) {
         if (wanted.shaper == Shaper::none && records_.config->shaping() != Shaping::none)
             lines.push_back(concat(port.name, ": shaping not available: ", decision->why));
         std::vector<QueueStep> steps = planQueues(wanted, port.have);
-        std::ranges::move(planIngressMap(ifindex, mappedPriorities(), port.have), std::back_inserter(steps));
+        const ClassPriorities mapped = device->inSwitchChip ? ClassPriorities{0, 0} : mappedPriorities();
+        std::ranges::move(planIngressMap(ifindex, mapped, port.have), std::back_inserter(steps));
         for (const QueueStep& step : steps) {
             // Some differences take two steps.
             if (std::string line = concat(port.name, ": ", step.difference);
@@ -475,7 +489,9 @@ void ShaperAgent::stop() {
         refuse(port, {});
         giveBack(ifindex, port);
     }
+    for (auto& [ifindex, port] : departed_) giveBack(ifindex, port);
     ports_.clear();
+    departed_.clear();
 }
 
 void ShaperAgent::giveBack(unsigned ifindex, Port& port) {

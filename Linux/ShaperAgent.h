@@ -77,9 +77,9 @@ private:
         bool adopted = false;         ///< read before
         ClassRates leftOver;          ///< shaped by an earlier life of the daemon
         std::uint16_t otherQueues{};  ///< that may be used for other traffic
-        // As they were last made to be.
+        // As they were last made to be; nothing when that failed half-way.
         std::optional<WantedQueues> applied;
-        ClassPriorities mapped{0, 0};
+        std::optional<ClassPriorities> mapped;
         bool madeIngress = false;  ///< the place for filters of incoming packets is ours
         std::string ingressProblem;
         PortTrials trials;
@@ -102,7 +102,8 @@ private:
     /// Brings the ports and what the kernel has of them up to date.
     void refresh();
     void followMembers();
-    void read(unsigned ifindex, Port& port);
+    /// Empty on success; else what went wrong, and another try is on its way.
+    std::string read(unsigned ifindex, Port& port);
     /// Reads that port again; whether it is as it was.
     bool unchanged(unsigned ifindex, Port& port);
     void noticeDrift(unsigned ifindex, Port& port);
@@ -115,6 +116,9 @@ private:
     void applied(Port& port, const Decision& decision, bool operational);
     [[nodiscard]] ClassPriorities mappedPriorities() const;
     void applyIngressMap(Port& port, const Device& device, ClassPriorities mapped);
+    /// Where it was not known whether the kernel has the filters, it is now; without them no port gets
+    /// credits.
+    void learnFromFilters();
     void giveBack(unsigned ifindex, Port& port);
     /// Until one fails, whose answer it gives.
     NetlinkAnswer carryOut(Port& port, const std::vector<QueueStep>& steps);

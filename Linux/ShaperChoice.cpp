@@ -41,6 +41,11 @@ std::string objection(Shaper way, const Abilities& abilities, const PortTraits& 
     }
     if (lacks(abilities.mqprio)) return "the kernel has no mqprio";
     if (lacks(abilities.cbs)) return "the kernel has no cbs";
+    if (port.tagsChoose && !port.inSwitchChip) {
+        // Without them forwarded frames would all go through the queue of other traffic.
+        if (lacks(abilities.clsact)) return "the kernel has no clsact";
+        if (lacks(abilities.flower)) return "the kernel has no flower filters";
+    }
     if (port.txQueues < neededQueues) return concat(port.txQueues, " of 3 transmit queues");
     return {};
 }

@@ -23,6 +23,8 @@ struct PortTraits {
     unsigned txQueues = 1;
     /// A switch chip forwards its frames, which pass by all that the kernel does itself.
     bool inSwitchChip = false;
+    /// Frames are sorted into queues that are shaped by credits by filters of ours, where they come in.
+    bool tagsChoose = true;
 };
 
 ShaperChoice chooseShaper(Shaping allowed, const Abilities& abilities, const PortTraits& port,

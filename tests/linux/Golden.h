@@ -77,40 +77,4 @@ void cutAnywhere(const Bytes& whole, F&& decode) {
     }
 }
 
-/// Answers from a script, and keeps what it is asked.
-class ScriptedKernel : public Linux::NetlinkChannel {
-public:
-    Linux::NetlinkAnswer dump(std::uint16_t request, std::span<const std::byte> body,
-                              const std::function<void()>& begin,
-                              const Linux::NetlinkHandler& each) override {
-        dumped.push_back({request, Bytes{body.begin(), body.end()}});
-        begin();
-        for (const Bytes& message : entries[request]) each(header(message));
-        return dumpAnswer;
-    }
-    std::vector<Linux::NetlinkAnswer> carryOut(std::span<Linux::NetlinkMessage> requests) override {
-        std::vector<Linux::NetlinkAnswer> answers;
-        for (const auto& request : requests) {
-            asked.push_back(hex(request.bytes()));
-            answers.push_back(answer ? answer(header({request.bytes().begin(), request.bytes().end()}))
-                                     : Linux::NetlinkAnswer{});
-        }
-        return answers;
-    }
-    using NetlinkChannel::carryOut;
-    Linux::NetlinkAnswer ask(Linux::NetlinkMessage request, const Linux::NetlinkHandler& each) override {
-        asked.push_back(hex(request.bytes()));
-        for (const Bytes& message : replies) each(header(message));
-        return answer ? answer(header({request.bytes().begin(), request.bytes().end()}))
-                      : Linux::NetlinkAnswer{};
-    }
-
-    std::map<std::uint16_t, std::vector<Bytes>> entries;  ///< what dumps of a request's type give
-    Linux::NetlinkAnswer dumpAnswer;
-    std::function<Linux::NetlinkAnswer(const nlmsghdr&)> answer;
-    std::vector<Bytes> replies;
-    std::vector<std::pair<std::uint16_t, Bytes>> dumped;
-    std::vector<std::string> asked;
-};
-
 }  // namespace golden

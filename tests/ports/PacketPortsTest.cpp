@@ -133,13 +133,9 @@ TEST_F(PacketPortsTest, ATapSeesWhatWasSentAndReceivedAsItIsOnTheWire) {
     EXPECT_TRUE(until([&] { return !atB.empty(); }));
     EXPECT_EQ(seen, (std::vector{std::pair{Linux::Direction::sent, frame(ours, 9)},
                                  std::pair{Linux::Direction::received, frame(ours, 8)}}));
-
-    Namespace::ip("link set p2 down");
-    EXPECT_FALSE(port->send(Octets{9}));
-    Namespace::ip("link set p2 up");
     ports.tapIs({});
-    EXPECT_TRUE(until([&] { return port->send(Octets{9}); }));
-    EXPECT_EQ(seen.size(), 2U);  // neither what did not leave nor what nobody wants to see
+    EXPECT_TRUE(port->send(Octets{9}));
+    EXPECT_EQ(seen.size(), 2U);
 }
 
 TEST_F(PacketPortsTest, APduMayHaveWhatTheMtuLeavesItAndOneThatIsTooLongIsToldOnce) {

@@ -1,0 +1,53 @@
+#include "Linux/Dataplane.h"
+#include "Linux/EpollLoop.h"
+#include "tests/linux/BridgeText.h"
+#include "tests/ports/Namespace.h"
+
+#include <sys/resource.h>
+
+namespace {
+
+class DataplaneTest : public PortsTest {};
+
+TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
+    Namespace::ip("link add br0 up type bridge");
+    Namespace::cable("p1", "p2");
+    Namespace::ip("link set p1 master br0");
+    Linux::EpollLoop loop;
+    Linux::DeviceTable devices{loop};
+    ASSERT_EQ(devices.start(), "");
+    const auto bridge = bridgeRecords();
+    const auto config = std::make_shared<Linux::Config>();
+    config->bridgeIs("br0");
+    const auto role = [&] {
+        devices.readAll();
+        return unsigned{devices.find("p1")->multicastRouter};
+    };
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    // One socket more can be opened each time.
+    const Linux::FileDescriptor lowest{dup(0)};
+    std::string problem = "none yet";
+    for (auto more = static_cast<rlim_t>(lowest.get()); !problem.empty(); ++more) {
+        ASSERT_LT(more, 200U);
+        Linux::Dataplane dataplane{
+            loop,
+            devices,
+            {config, bridge.bridging, bridge.topology, bridge.stp,
+             std::make_shared<Bridging::Input::Config>(), std::make_shared<Qos::Input::Config>(),
+             std::make_shared<Qos::Status>(), std::make_shared<Qos::HwStatus>(),
+             std::make_shared<Linux::GroupStatus>(), std::make_shared<Switch::Refusals>(),
+             std::make_shared<Linux::CapabilityStatus>()},
+            "/nowhere/control",
+            [](const std::string&) {}};
+        const rlimit now{more, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &now);
+        problem = dataplane.start();
+        setrlimit(RLIMIT_NOFILE, &before);
+        EXPECT_EQ(role(), problem.empty() ? 0U : 1U) << more << ": " << problem;
+        dataplane.stop();
+    }
+    EXPECT_EQ(role(), 1U);
+}
+
+}  // namespace
