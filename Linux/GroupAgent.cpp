@@ -243,6 +243,7 @@ void GroupAgent::withdraw() {
     for (Runtime::Timer* timer : {&again_, &read_, &graceEnd_, &audit_, &news_, &snooping_, &retry_})
         timer->cancel();
     mirror_.drain();
+    if (!mirror_.known() && view_.bridge != 0) readTable();
     devices_.readBridge(view_.bridge);
     const Device* bridge = devices_.find(view_.bridge);
     if (bridge != nullptr && bridge->bridgeSettings) {
@@ -259,7 +260,7 @@ void GroupAgent::withdraw() {
             std::ranges::for_each(all, [&](auto& m) { forget(m); });
         if (const std::string problem = remove(ours()); !problem.empty()) {
             complain("some groups could not be deleted: " + problem);
-        } else {
+        } else if (mirror_.known()) {
             for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
                 if (mark.first == view_.bridge) memory_.markDel(mark);
             }

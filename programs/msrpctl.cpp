@@ -279,7 +279,8 @@ int clean(const Options& options) {
     Linux::NetlinkRequests kernel;
     std::vector<Linux::Leftover> found;
     const Linux::OwnMarks marks{{options.protocols.begin(), options.protocols.end()},
-                                {options.handles.begin(), options.handles.end()}};
+                                {options.handles.begin(), options.handles.end()},
+                                options.socket};
     std::string problem = devices.start();
     if (problem.empty()) problem = kernel.open();
     if (problem.empty()) problem = Linux::findLeftovers(kernel, devices, marks, found);
