@@ -1,6 +1,6 @@
 #include "Linux/Dataplane.h"
 
-#include "Linux/ShaperChoice.h"
+#include "Linux/queues/ShaperChoice.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>

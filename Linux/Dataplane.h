@@ -5,12 +5,12 @@
 /// without its bandwidth: rates that grow, then forwarding, then rates that shrink.
 #pragma once
 
-#include "Linux/BridgeAgent.h"
-#include "Linux/Capabilities.h"
-#include "Linux/GroupAgent.h"
-#include "Linux/ModuleNews.h"
-#include "Linux/Netlink.h"
-#include "Linux/ShaperAgent.h"
+#include "Linux/bridge/BridgeAgent.h"
+#include "Linux/doctor/Capabilities.h"
+#include "Linux/groups/GroupAgent.h"
+#include "Linux/kernel/ModuleNews.h"
+#include "Linux/kernel/Netlink.h"
+#include "Linux/queues/ShaperAgent.h"
 
 #include <memory>
 #include <string>

@@ -306,9 +306,25 @@ void MsrpSm::discard(const std::string& text) const {
     log(MSRP_ERROR, text);
 }
 
+bool MsrpSm::discard(IntfId intf, MsrpCounter counter, const std::string& text) {
+    discard(text);
+    counterInc(intf, Direction::Rx, counter);
+    return true;
+}
+
 void MsrpSm::error(const std::string& text) const {
     trace("ERROR: ", text);
     log(MSRP_ERROR, text);
+}
+
+void MsrpSm::send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration) {
+    MsrpLib& lib = *inputs_.msrpLib;
+    Mrp::AttributeSlot& slot = lib.outgoing(type);
+    std::copy(value.begin(), value.end(), slot.value.begin());
+    slot.declaration = declaration;
+    spend(1);
+    lib.mrpOutIntfQueueEnq(intf);
+    lib.mrpSendAttribute({.intf = intf, .attributeType = type, .request = request, .reserved = 0});
 }
 
 std::shared_ptr<StreamData> MsrpSm::streamList(U64 streamId) const {

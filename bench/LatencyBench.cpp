@@ -1,9 +1,9 @@
 /// How long a new Talker Advertise takes through the whole agent on real ports, from frame in to frame out,
 /// beside a bare forwarder that only copies the frame from one packet socket to another.  Both run at the
 /// same time on cables of their own and get their frames in turn, so that they see the same machine.
-#include "Linux/EpollLoop.h"
-#include "Linux/LinkAgent.h"
-#include "Linux/PacketPorts.h"
+#include "Linux/kernel/EpollLoop.h"
+#include "Linux/links/LinkAgent.h"
+#include "Linux/ports/PacketPorts.h"
 #include "Mrp/Decoder.h"
 #include "Mrp/Records.h"
 #include "Msrp/Database.h"

@@ -2,7 +2,7 @@
 /// socket is read, and a heartbeat tells for how long its loop was not to be had.
 #pragma once
 
-#include "Linux/EpollLoop.h"
+#include "Linux/kernel/EpollLoop.h"
 #include "Sim/Bridge.h"
 #include "Sim/Peer.h"
 #include "bench/Streams.h"

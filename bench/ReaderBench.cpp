@@ -3,7 +3,7 @@
 /// question.
 #include "Control/Client.h"
 #include "Control/Server.h"
-#include "Linux/EpollLoop.h"
+#include "Linux/kernel/EpollLoop.h"
 #include "Msrp/types/Attributes.h"
 #include "Sim/Bridge.h"
 #include "Sim/Peer.h"

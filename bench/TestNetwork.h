@@ -1,7 +1,7 @@
 /// A network of the benchmark's own, and processes at work in it.
 #pragma once
 
-#include "Linux/FileDescriptor.h"
+#include "Linux/kernel/FileDescriptor.h"
 
 #include <functional>
 #include <string>

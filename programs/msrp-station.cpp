@@ -2,13 +2,13 @@
 ///
 /// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges), 2 wrong usage.
 #include "Control/Json.h"
-#include "Linux/EpollLoop.h"
-#include "Linux/LinkAgent.h"
-#include "Linux/PacketPorts.h"
-#include "Linux/Privileges.h"
-#include "Linux/Signals.h"
+#include "Linux/doctor/Privileges.h"
+#include "Linux/kernel/EpollLoop.h"
+#include "Linux/kernel/Signals.h"
+#include "Linux/links/LinkAgent.h"
+#include "Linux/ports/PacketPorts.h"
+#include "Show/StreamReport.h"
 #include "Station/EndStation.h"
-#include "programs/StreamReport.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

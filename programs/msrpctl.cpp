@@ -4,15 +4,15 @@
 /// fit for streams, 2 wrong usage.
 #include "Control/Client.h"
 #include "Control/Json.h"
-#include "Linux/Claims.h"
-#include "Linux/EpollLoop.h"
-#include "Linux/Leftovers.h"
+#include "Linux/doctor/Leftovers.h"
+#include "Linux/kernel/Claims.h"
+#include "Linux/kernel/EpollLoop.h"
 #include "Runtime/RingLog.h"
+#include "Show/Capabilities.h"
+#include "Show/Doctor.h"
+#include "Show/Mrp.h"
+#include "Show/Reservations.h"
 #include "programs/Capture.h"
-#include "programs/ShowDoctor.h"
-#include "programs/ShowMrp.h"
-#include "programs/ShowSwitch.h"
-#include "programs/ShowTables.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -4,21 +4,21 @@
 /// same bridge or port), 2 wrong usage or configuration.
 #include "Control/ConfigFile.h"
 #include "Control/FrameSource.h"
-#include "Control/LogFolder.h"
 #include "Control/LogLimiter.h"
 #include "Control/LogWriter.h"
-#include "Control/RecentLog.h"
 #include "Control/Server.h"
-#include "Linux/Claims.h"
 #include "Linux/Dataplane.h"
-#include "Linux/EpollLoop.h"
-#include "Linux/LinkAgent.h"
-#include "Linux/PacketPorts.h"
-#include "Linux/PacketRecords.h"
-#include "Linux/Privileges.h"
-#include "Linux/Signals.h"
+#include "Linux/doctor/Privileges.h"
+#include "Linux/kernel/Claims.h"
+#include "Linux/kernel/EpollLoop.h"
+#include "Linux/kernel/Signals.h"
+#include "Linux/links/LinkAgent.h"
+#include "Linux/ports/PacketPorts.h"
+#include "Linux/ports/PacketRecords.h"
 #include "Msrp/Database.h"
 #include "Msrp/MsrpAgent.h"
+#include "Runtime/RecentLog.h"
+#include "Runtime/RepeatedLines.h"
 #include "Switch/Refusals.h"
 #include "Switch/TopologyAgent.h"
 #include "programs/GivenSpeeds.h"
@@ -307,13 +307,13 @@ private:
     /// Blocks its signals from the start: one that comes early stops the daemon as soon as it runs.
     Linux::Signals signals_{loop_, [this](int signal) { signalled(signal); }, {SIGTERM, SIGINT, SIGHUP}};
     State::Database database_;
-    std::shared_ptr<Control::RecentLog> recent_ = record<Control::RecentLog>("log");
+    std::shared_ptr<Runtime::RecentLog> recent_ = record<Runtime::RecentLog>("log");
     Control::LogWriter writer_{
         loop_, options_.useSyslog ? Control::systemLogSocket(loop_, "msrpd") : Control::standardError(),
         [this](const std::string& line) { recent_->add(Runtime::seconds(loop_.now()), line); }};
     Control::LogLimiter limiter_{loop_,
                                  [this](int severity, const std::string& line) { keep(severity, line); }};
-    Control::LogFolder folder_{
+    Runtime::RepeatedLines folder_{
         loop_, [this](int severity, std::string_view port, const std::string& line, std::uint64_t count) {
             limiter_.line(severity, port, line, count);
         }};

@@ -23,12 +23,6 @@ bool firstValueDiffers(const StreamData& stream, const MsrpTalkerAdvertiseAttrib
 
 }  // namespace
 
-bool MsrpSm::discard(IntfId intf, MsrpCounter counter, const std::string& text) {
-    discard(text);
-    counterInc(intf, Direction::Rx, counter);
-    return true;
-}
-
 template <class Attribute>
 TalkerFacts MsrpSm::talkerFacts(IntfId intf, const Attribute& attr) const {
     const auto stream = streamList(attr.streamId());

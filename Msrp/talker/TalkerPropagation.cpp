@@ -36,16 +36,6 @@ MsrpTalkerAdvertiseAttribute MsrpSm::streamDataTalkerAttribute(U64 streamId) con
     return attr;
 }
 
-void MsrpSm::send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration) {
-    MsrpLib& lib = *inputs_.msrpLib;
-    Mrp::AttributeSlot& slot = lib.outgoing(type);
-    std::copy(value.begin(), value.end(), slot.value.begin());
-    slot.declaration = declaration;
-    spend(1);
-    lib.mrpOutIntfQueueEnq(intf);
-    lib.mrpSendAttribute({.intf = intf, .attributeType = type, .request = request, .reserved = 0});
-}
-
 void MsrpSm::sendTalkerInternalLeave(IntfId intf, U64 streamId, TalkerState state) {
     const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
     if (state == TalkerState::Advertise) {

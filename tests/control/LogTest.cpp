@@ -1,7 +1,7 @@
-#include "Control/LogFolder.h"
 #include "Control/LogLimiter.h"
 #include "Control/LogWriter.h"
-#include "Control/RecentLog.h"
+#include "Runtime/RecentLog.h"
+#include "Runtime/RepeatedLines.h"
 #include "Runtime/VirtualLoop.h"
 #include "tests/control/TemporaryDirectory.h"
 
@@ -22,10 +22,10 @@ struct Folder : ::testing::Test {
 
     Runtime::VirtualLoop loop;
     Lines lines;
-    Control::LogFolder folder{loop,
-                              [this](int severity, std::string_view, const std::string& line, std::uint64_t) {
-                                  lines.push_back(std::to_string(severity) + ' ' + line);
-                              }};
+    Runtime::RepeatedLines folder{
+        loop, [this](int severity, std::string_view, const std::string& line, std::uint64_t) {
+            lines.push_back(std::to_string(severity) + ' ' + line);
+        }};
 };
 
 TEST_F(Folder, CountsWhatComesAgainWithinAMinuteAndPassesTheRestAtOnce) {
@@ -58,9 +58,9 @@ TEST_F(Folder, GoesOnFoldingWhatGoesOnAndForgetsWhatHasEnded) {
 TEST_F(Folder, RemembersABoundedNumberOfLines) {
     folder.line(6, "", "first");
     folder.line(6, "", "first");
-    for (std::size_t i = 1; i <= Control::LogFolder::capacity; ++i) folder.line(6, "", std::to_string(i));
+    for (std::size_t i = 1; i <= Runtime::RepeatedLines::capacity; ++i) folder.line(6, "", std::to_string(i));
     const Lines all = told();
-    ASSERT_EQ(all.size(), Control::LogFolder::capacity + 2);
+    ASSERT_EQ(all.size(), Runtime::RepeatedLines::capacity + 2);
     EXPECT_EQ(all[all.size() - 2], "6 first (again 1 time)");
 }
 
@@ -193,10 +193,10 @@ TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {
 }
 
 TEST(RecentLog, KeepsTheLastLines) {
-    Control::RecentLog log;
-    for (std::size_t i = 1; i <= Control::RecentLog::capacity + 2; ++i)
+    Runtime::RecentLog log;
+    for (std::size_t i = 1; i <= Runtime::RecentLog::capacity + 2; ++i)
         log.add(1.5, "line " + std::to_string(i));
-    EXPECT_EQ(log.line().size(), Control::RecentLog::capacity);
+    EXPECT_EQ(log.line().size(), Runtime::RecentLog::capacity);
     EXPECT_EQ(log.line().get(3)->text(), "line 3");
     EXPECT_EQ(log.line().get(2), nullptr);
 }

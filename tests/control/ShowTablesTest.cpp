@@ -1,5 +1,5 @@
 #include "Control/Json.h"
-#include "programs/ShowTables.h"
+#include "Show/Reservations.h"
 
 #include <gtest/gtest.h>
 #include <string>

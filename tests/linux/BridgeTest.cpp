@@ -1,4 +1,4 @@
-#include "Linux/BridgeFacts.h"
+#include "Linux/bridge/BridgeFacts.h"
 #include "Switch/TopologyAgent.h"
 #include "Switch/TopologyLibrary.h"
 #include "tests/linux/BridgeText.h"

@@ -1,7 +1,7 @@
 /// The records of bridging as one line.
 #pragma once
 
-#include "Linux/BridgeRecords.h"
+#include "Linux/bridge/BridgeRecords.h"
 #include "Runtime/Text.h"
 
 #include <map>

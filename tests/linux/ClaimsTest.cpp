@@ -1,4 +1,4 @@
-#include "Linux/Claims.h"
+#include "Linux/kernel/Claims.h"
 #include "tests/control/SocketLoop.h"
 
 #include <gtest/gtest.h>

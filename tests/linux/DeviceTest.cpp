@@ -1,5 +1,5 @@
-#include "Linux/Device.h"
-#include "Linux/EthtoolFamily.h"
+#include "Linux/kernel/EthtoolFamily.h"
+#include "Linux/links/Device.h"
 #include "tests/linux/Golden.h"
 
 #include <linux/rtnetlink.h>

@@ -1,4 +1,4 @@
-#include "Linux/Doctor.h"
+#include "Linux/doctor/Doctor.h"
 
 #include <gtest/gtest.h>
 

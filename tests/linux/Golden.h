@@ -1,7 +1,7 @@
 /// Netlink messages as kernels and the standard tools exchanged them, recorded in tests/linux/golden.
 #pragma once
 
-#include "Linux/Netlink.h"
+#include "Linux/kernel/Netlink.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

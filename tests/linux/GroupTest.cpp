@@ -1,8 +1,8 @@
-#include "Linux/GroupAnswer.h"
-#include "Linux/GroupDrift.h"
-#include "Linux/GroupJournal.h"
-#include "Linux/GroupPlaces.h"
-#include "Linux/GroupWanted.h"
+#include "Linux/groups/GroupPlaces.h"
+#include "Linux/groups/GroupReaction.h"
+#include "Linux/groups/GroupWishes.h"
+#include "Linux/groups/OwnedGroups.h"
+#include "Linux/kernel/Contention.h"
 #include "Runtime/Text.h"
 #include "tests/linux/Golden.h"
 
@@ -155,59 +155,59 @@ TEST(GroupAnswer, SaysWhatToDo) {
               GroupReaction::refused);
 }
 
-TEST(GroupDrift, LeavesAloneWhatChangesThreeTimesAMinute) {
+TEST(Contention, LeavesAloneWhatChangesThreeTimesAMinute) {
     using namespace std::chrono_literals;
-    Linux::GroupDrift drift;
+    Linux::Contentions<int> things;
     const Runtime::Time begin{100s};
-    const GroupMember often = member(1, 0, 1);
-    const GroupMember seldom = member(2, 0, 1);
-    EXPECT_FALSE(drift.changed(often, begin));
-    EXPECT_FALSE(drift.changed(often, begin + 1s));
-    EXPECT_TRUE(drift.changed(often, begin + 59s));
-    EXPECT_TRUE(drift.leftAlone(often, begin + 118s));
-    EXPECT_FALSE(drift.leftAlone(often, begin + 119s)) << "it gets another chance";
-    for (int i = 0; i < 4; ++i) EXPECT_FALSE(drift.changed(seldom, begin + i * 31s));
+    constexpr int often = 1;
+    constexpr int seldom = 2;
+    EXPECT_FALSE(things.changed(often, begin));
+    EXPECT_FALSE(things.changed(often, begin + 1s));
+    EXPECT_TRUE(things.changed(often, begin + 59s));
+    EXPECT_TRUE(things.leftAlone(often, begin + 118s));
+    EXPECT_FALSE(things.leftAlone(often, begin + 119s)) << "it gets another chance";
+    for (int i = 0; i < 4; ++i) EXPECT_FALSE(things.changed(seldom, begin + i * 31s));
 }
 
-TEST(GroupJournal, KnowsItsOwnAfterAnyEnd) {
-    std::string folder = testing::TempDir() + "group-journal-XXXXXX";
+TEST(OwnedGroups, KnowsItsOwnAfterAnyEnd) {
+    std::string folder = testing::TempDir() + "owned-groups-XXXXXX";
     ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    const std::string path = folder + "/journal";
+    const std::string path = folder + "/owned";
     const auto readAgain = [&] {
-        Linux::GroupJournal journal{path};
-        EXPECT_EQ(journal.read(), "");
-        return journal;
+        Linux::OwnedGroups owned{path};
+        EXPECT_EQ(owned.read(), "");
+        return owned;
     };
     const GroupMember kept = member(1, 2, 11);
     const GroupMember dropped = member(2, 2, 11);
     {
-        Linux::GroupJournal journal{path};
-        journal.add(kept, "swp1");
-        journal.add(dropped, "swp1");
-        EXPECT_EQ(journal.flush(), "");
-        journal.erase(dropped);
-        EXPECT_EQ(journal.flush(), "");
+        Linux::OwnedGroups owned{path};
+        owned.add(kept, "swp1");
+        owned.add(dropped, "swp1");
+        EXPECT_EQ(owned.flush(), "");
+        owned.erase(dropped);
+        EXPECT_EQ(owned.flush(), "");
     }
     {
         std::ofstream file{path, std::ios::app};
         file << "? what\n+ 11 swp1 5000 91:e0:f0:00:fe:03\n+ 12 swp2 2 91:e0:f0:00:fe:04";  // torn
     }
     {
-        const Linux::GroupJournal journal = readAgain();
-        EXPECT_TRUE(journal.lists(kept, "swp1"));
-        EXPECT_FALSE(journal.lists(kept, "swp9")) << "the index has another bearer";
-        EXPECT_FALSE(journal.lists(dropped, "swp1"));
-        EXPECT_FALSE(journal.lists(member(4, 2, 12), "swp2"));
+        const Linux::OwnedGroups owned = readAgain();
+        EXPECT_TRUE(owned.lists(kept, "swp1"));
+        EXPECT_FALSE(owned.lists(kept, "swp9")) << "the index has another bearer";
+        EXPECT_FALSE(owned.lists(dropped, "swp1"));
+        EXPECT_FALSE(owned.lists(member(4, 2, 12), "swp2"));
     }
     {
-        Linux::GroupJournal journal = readAgain();
-        journal.portNameIs(11, "swp3");
-        EXPECT_EQ(journal.flush(), "");
+        Linux::OwnedGroups owned = readAgain();
+        owned.portNameIs(11, "swp3");
+        EXPECT_EQ(owned.flush(), "");
         // History does not make the file grow without end.
         for (int i = 0; i < 3000; ++i) {
-            journal.add(dropped, "swp1");
-            journal.erase(dropped);
-            EXPECT_EQ(journal.flush(), "");
+            owned.add(dropped, "swp1");
+            owned.erase(dropped);
+            EXPECT_EQ(owned.flush(), "");
         }
     }
     EXPECT_LT(std::filesystem::file_size(path), 50'000U);
@@ -216,24 +216,23 @@ TEST(GroupJournal, KnowsItsOwnAfterAnyEnd) {
     EXPECT_EQ(std::filesystem::file_size(path), 0U);
 
     // Nothing that others may have written, or made a trap of.
-    const auto problem = [&] { return Linux::GroupJournal{path}.read().erase(0, path.size()); };
+    const auto problem = [&] { return Linux::OwnedGroups{path}.read().erase(0, path.size()); };
     namespace fs = std::filesystem;
     fs::permissions(path, fs::perms::others_write, fs::perm_options::add);
     EXPECT_EQ(problem(), " is not read: others may write it");
     fs::rename(path, folder + "/other");
     fs::permissions(folder + "/other", fs::perms::owner_all);
     fs::create_symlink("other", path);
-    EXPECT_EQ(Linux::GroupJournal{path}.read(),
-              "cannot read " + path + ": Too many levels of symbolic links");
+    EXPECT_EQ(Linux::OwnedGroups{path}.read(), "cannot read " + path + ": Too many levels of symbolic links");
     fs::remove(path);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     EXPECT_EQ(problem(), " is not read: it is no plain file");
     fs::remove(path);
     fs::permissions(folder, fs::perms::group_write, fs::perm_options::add);
     EXPECT_EQ(problem(), " is not used: others may write in its folder");
-    Linux::GroupJournal journal{path};
-    journal.add(kept, "swp1");
-    EXPECT_NE(journal.flush(), "");
+    Linux::OwnedGroups owned{path};
+    owned.add(kept, "swp1");
+    EXPECT_NE(owned.flush(), "");
     EXPECT_FALSE(fs::exists(path));
     fs::remove_all(folder);
 }

@@ -1,7 +1,7 @@
-#include "Linux/IngressMap.h"
-#include "Linux/PortTrials.h"
-#include "Linux/QueuePlan.h"
-#include "Linux/ShaperChoice.h"
+#include "Linux/queues/IngressMap.h"
+#include "Linux/queues/PortTrials.h"
+#include "Linux/queues/QueuePlan.h"
+#include "Linux/queues/ShaperChoice.h"
 #include "Runtime/Text.h"
 #include "tests/linux/Golden.h"
 

@@ -1,5 +1,5 @@
-#include "Linux/PortQueues.h"
-#include "Linux/QueuePlan.h"
+#include "Linux/queues/PortQueues.h"
+#include "Linux/queues/QueuePlan.h"
 #include "tests/linux/Golden.h"
 
 #include <linux/if_ether.h>

@@ -1,5 +1,5 @@
-#include "Linux/BridgeAgent.h"
-#include "Linux/EpollLoop.h"
+#include "Linux/bridge/BridgeAgent.h"
+#include "Linux/kernel/EpollLoop.h"
 #include "tests/linux/BridgeText.h"
 #include "tests/ports/Namespace.h"
 

@@ -1,4 +1,4 @@
-#include "Linux/EpollLoop.h"
+#include "Linux/kernel/EpollLoop.h"
 
 #include <algorithm>
 #include <array>

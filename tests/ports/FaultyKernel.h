@@ -1,7 +1,7 @@
 /// The kernel, with faults that this machine's own does not have.
 #pragma once
 
-#include "Linux/Netlink.h"
+#include "Linux/kernel/Netlink.h"
 
 #include <functional>
 #include <map>

@@ -1,6 +1,6 @@
-#include "Linux/EpollLoop.h"
-#include "Linux/GroupAgent.h"
-#include "Linux/Leftovers.h"
+#include "Linux/doctor/Leftovers.h"
+#include "Linux/groups/GroupAgent.h"
+#include "Linux/kernel/EpollLoop.h"
 #include "Runtime/Text.h"
 #include "tests/ports/FaultyKernel.h"
 #include "tests/ports/Namespace.h"
@@ -468,7 +468,7 @@ TEST_F(GroupAgentTest, WhatHappensUnheardIsReadAnew) {
     EXPECT_EQ(complaints, "");
 }
 
-TEST_F(GroupAgentTest, AKernelThatMarksNothingIsServedWithAJournal) {
+TEST_F(GroupAgentTest, AKernelThatMarksNothingIsServedWithAFile) {
     requests.refuse = [](std::span<const std::byte> request) -> std::optional<Linux::NetlinkAnswer> {
         const bool marked = request.size() == Linux::groupAdd(1, {}, 78).bytes().size();
         if (!marked) return std::nullopt;

@@ -1,7 +1,7 @@
 /// A network of the test's own.
 #pragma once
 
-#include "Linux/FileDescriptor.h"
+#include "Linux/kernel/FileDescriptor.h"
 
 #include <arpa/inet.h>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "Linux/Netlink.h"
+#include "Linux/kernel/Netlink.h"
 
 #include <array>
 #include <cerrno>

@@ -1,7 +1,7 @@
-#include "Linux/EpollLoop.h"
-#include "Linux/LinkAgent.h"
-#include "Linux/PacketPorts.h"
-#include "Linux/Privileges.h"
+#include "Linux/doctor/Privileges.h"
+#include "Linux/kernel/EpollLoop.h"
+#include "Linux/links/LinkAgent.h"
+#include "Linux/ports/PacketPorts.h"
 #include "tests/ports/Namespace.h"
 
 #include <algorithm>

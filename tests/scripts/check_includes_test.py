@@ -12,9 +12,9 @@ def check(**files):
     """The faults of a tree of files, given as Room_Name_h="included other"."""
     with tempfile.TemporaryDirectory() as top:
         for name, included in files.items():
-            room, stem, suffix = name.split("_")
-            path = pathlib.Path(top, room, f"{stem}.{suffix}")
-            path.parent.mkdir(exist_ok=True)
+            *rooms, stem, suffix = name.split("_")
+            path = pathlib.Path(top, *rooms, f"{stem}.{suffix}")
+            path.parent.mkdir(parents=True, exist_ok=True)
             lines = [f"#include {i}" if i.startswith("<") else f'#include "{i}"' for i in included.split()]
             path.write_text("\n".join(lines) + "\n", encoding="utf-8")
         done = subprocess.run([SCRIPT, top], capture_output=True, text=True, check=False)
@@ -31,6 +31,8 @@ class CheckIncludes(unittest.TestCase):
                  {"State_A_h": "", "Mrp_B_h": "State/A.h", "State_C_cpp": "Mrp/B.h"}),
                 (['Station/C.cpp: Station may not include "Msrp/A.h"'],
                  {"Msrp_A_h": "", "Msrp_B_cpp": "Msrp/A.h", "Station_C_cpp": "Msrp/A.h"}),
+                (['Linux/links/B.cpp: Linux/links may not include "Linux/queues/A.h"'],
+                 {"Linux_queues_A_h": "", "Linux_links_B_cpp": "Linux/queues/A.h", "Linux_C_cpp": "Linux/queues/A.h"}),
                 (["Mrp/A.cpp: Mrp may not include <sys/socket.h>", "Control/A.cpp: Control may not include <CLI/CLI.hpp>"],
                  {"Mrp_A_cpp": "<sys/socket.h>", "Linux_A_cpp": "<sys/socket.h> <linux/filter.h>",
                   "Control_A_cpp": "<CLI/CLI.hpp>"}),

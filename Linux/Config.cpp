@@ -1,3 +1,0 @@
-#include "Linux/Config.h"
-
-template class State::Record<Linux::Config>;

@@ -1,3 +1,0 @@
-#include "Linux/GroupStatus.h"
-
-template class State::Record<Linux::GroupStatus>;

@@ -1,0 +1,127 @@
+#include "Linux/bridge/BridgeAgent.h"
+
+#include "Runtime/Text.h"
+
+#include <chrono>
+#include <linux/rtnetlink.h>
+#include <utility>
+
+namespace Linux {
+
+namespace {
+
+constexpr std::chrono::seconds secondLook{1};
+
+bool filtersVlans(const Device& device) {
+    return device.bridgeSettings && device.bridgeSettings->vlanFiltering;
+}
+
+/// Whether the VLAN table has to be read again.  Its notifications do not tell of what was there before, and
+/// come in no promised order with those of devices.
+bool concernsVlans(const Device* before, const Device* now) {
+    return before == nullptr || now == nullptr || before->name != now->name ||
+           before->bridge != now->bridge || filtersVlans(*before) != filtersVlans(*now);
+}
+
+}  // namespace
+
+BridgeAgent::BridgeAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests,
+                         std::shared_ptr<const Config> config, std::shared_ptr<Bridging::Config> bridging,
+                         std::shared_ptr<Bridging::Topology::Config> topology,
+                         std::shared_ptr<Stp::Status> stp, Complaint complaint)
+    : devices_{devices},
+      requests_{requests},
+      config_{std::move(config)},
+      records_{std::move(bridging), std::move(topology), std::move(stp)},
+      complaint_{std::move(complaint)},
+      notices_{loop, [this](const nlmsghdr& message) { vlanNotice(message); },
+               [this] {
+                   vlansStale_ = true;
+                   settle_.armIn({});
+               }},
+      settle_{loop, [this] { settle(); }} {
+    devices.watch([this](const Device* before, const Device* now) { deviceChanged(before, now); });
+}
+
+std::string BridgeAgent::start(int queueBytes) {
+    if (std::string problem = notices_.open({RTNLGRP_BRVLAN}, queueBytes); !problem.empty()) return problem;
+    settle();
+    return {};
+}
+
+const Device* BridgeAgent::bridge() const {
+    const Device* device = devices_.find(config_->bridge());
+    return device != nullptr && device->bridgeSettings ? device : nullptr;
+}
+
+void BridgeAgent::deviceChanged(const Device* before, const Device* now) {
+    const Device* bridge = this->bridge();
+    const auto concernsUs = [&](const Device* device) {
+        return device != nullptr && (device->name == config_->bridge() ||
+                                     (bridge != nullptr && device->bridge == bridge->ifindex));
+    };
+    if (!concernsUs(before) && !concernsUs(now)) return;
+    if (concernsVlans(before, now)) vlansStale_ = true;
+    settle_.armIn({});
+}
+
+void BridgeAgent::vlanNotice(const nlmsghdr& message) {
+    const Device* bridge = this->bridge();
+    const auto vlans = decodeVlans(message);
+    if (bridge == nullptr || !filtersVlans(*bridge) || !vlans) return;
+    // One that is not our port yet has its VLANs read when it is.
+    const Device* port = devices_.find(vlans->ifindex);
+    if (port == nullptr || port->bridge != bridge->ifindex) return;
+    enter(vlans_, *vlans);
+    settle_.armIn({});
+}
+
+void BridgeAgent::settle() {
+    BridgeFacts facts;
+    std::set<std::string> wrong;
+    if (const Device* bridge = this->bridge(); bridge != nullptr) {
+        if (filtersVlans(*bridge) && vlansStale_) {
+            if (std::string problem = readVlans(); !problem.empty()) wrong.insert(std::move(problem));
+        }
+        if (bridge->bridgeSettings->multipleSpanningTrees) {
+            wrong.insert("runs several spanning trees, of which only the common one's port states count");
+        }
+        std::map<unsigned, Device> ports;
+        for (const unsigned port : devices_.portsOf(bridge->ifindex))
+            ports.emplace(port, *devices_.find(port));
+        facts = bridgeFacts(*bridge, ports, vlans_, config_->srVlan());
+    } else {
+        wrong.insert(devices_.find(config_->bridge()) != nullptr ? "is not a bridge" : "does not exist");
+    }
+    complain(std::move(wrong));
+    if (onRecord_ == facts) return;
+    onRecord_ = facts;
+    bringInLine(records_, facts);
+}
+
+std::string BridgeAgent::readVlans() {
+    notices_.discard();
+    VlanTable table;
+    const NetlinkAnswer answer = requests_.dump(
+        RTM_GETVLAN, vlanDumpBody(), [&] { table.clear(); },
+        [&](const nlmsghdr& message) {
+            if (const auto vlans = decodeVlans(message)) enter(table, *vlans);
+        });
+    if (!answer) {
+        settle_.armIn(secondLook);
+        return Runtime::concat("cannot read its VLANs: ", answer.problem());
+    }
+    vlans_ = std::move(table);
+    vlansStale_ = false;
+    return {};
+}
+
+void BridgeAgent::complain(std::set<std::string> wrong) {
+    for (const std::string& what : wrong) {
+        if (complaint_ && !complained_.contains(what))
+            complaint_(Runtime::concat("bridge ", config_->bridge(), ' ', what));
+    }
+    complained_ = std::move(wrong);
+}
+
+}  // namespace Linux

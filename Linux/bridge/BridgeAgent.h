@@ -1,0 +1,58 @@
+/// Keeps the records of bridging true: the bridge's address and priority, its ports with their states and
+/// VLANs, and whether a spanning tree decides about them.
+///
+/// A bridge that comes late, goes or returns, a port that joins, leaves or is renamed, VLAN filtering that is
+/// switched on: in every case what the kernel tells is made into one value (`BridgeFacts`), once for however
+/// many messages a turn of the loop brings, and the records are brought in line with it.
+#pragma once
+
+#include "Linux/bridge/BridgeRecords.h"
+#include "Linux/kernel/Netlink.h"
+#include "Linux/links/DeviceTable.h"
+#include "Linux/records/Config.h"
+#include "Runtime/Loop.h"
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace Linux {
+
+class BridgeAgent {
+public:
+    /// `config` names the bridge.  Loop and channel outlive the agent; `devices` is used no longer than it
+    /// lives.
+    BridgeAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests,
+                std::shared_ptr<const Config> config, std::shared_ptr<Bridging::Config> bridging,
+                std::shared_ptr<Bridging::Topology::Config> topology, std::shared_ptr<Stp::Status> stp,
+                Complaint complaint = {});
+
+    /// Has the records true when it returns, and keeps them so, if `devices` was started before.  Empty on
+    /// success.
+    std::string start(int queueBytes = DeviceTable::defaultQueueBytes);
+
+private:
+    /// Null unless a device of that name exists and is a bridge.
+    [[nodiscard]] const Device* bridge() const;
+    void deviceChanged(const Device* before, const Device* now);
+    void vlanNotice(const nlmsghdr& message);
+    void settle();
+    /// What is wrong; empty when the table is good.
+    std::string readVlans();
+    void complain(std::set<std::string> wrong);
+
+    const DeviceTable& devices_;
+    NetlinkChannel& requests_;
+    const std::shared_ptr<const Config> config_;
+    const BridgeRecords records_;
+    const Complaint complaint_;
+    NetlinkNotices notices_;
+    Runtime::Timer settle_;
+    VlanTable vlans_;  ///< of the bridge's ports, while it filters VLANs
+    bool vlansStale_ = true;
+    std::optional<BridgeFacts> onRecord_;
+    std::set<std::string> complained_;  ///< what is wrong and was said
+};
+
+}  // namespace Linux

@@ -1,0 +1,68 @@
+#include "Linux/bridge/VlanMessage.h"
+
+#include "Linux/kernel/NetlinkAttributes.h"
+#include "Switch/Ranged.h"
+
+#include <linux/if_bridge.h>
+#include <linux/rtnetlink.h>
+
+namespace Linux {
+
+namespace {
+
+std::optional<VlanRange> decodeRange(const nlattr& entry) {
+    VlanRange range;
+    eachAttribute(entry, [&](const nlattr& attribute) {
+        switch (mnl_attr_get_type(&attribute)) {
+            case BRIDGE_VLANDB_ENTRY_INFO: {
+                const auto info = number<bridge_vlan_info>(attribute);
+                range.first = info.vid;
+                range.pvid = (info.flags & BRIDGE_VLAN_INFO_PVID) != 0;
+                range.untagged = (info.flags & BRIDGE_VLAN_INFO_UNTAGGED) != 0;
+                break;
+            }
+            case BRIDGE_VLANDB_ENTRY_RANGE:
+                range.last = number<std::uint16_t>(attribute);
+                break;
+            case BRIDGE_VLANDB_ENTRY_STATE:
+                range.forwarding = number<std::uint8_t>(attribute) == BR_STATE_FORWARDING;
+                break;
+            default:
+                break;
+        }
+    });
+    if (range.last == 0) range.last = range.first;  // a single one
+    if (!VlanId::inRange(range.first) || !VlanId::inRange(range.last) || range.last < range.first) {
+        return std::nullopt;
+    }
+    return range;
+}
+
+}  // namespace
+
+std::optional<VlanMessage> decodeVlans(const nlmsghdr& message) {
+    if (message.nlmsg_type != RTM_NEWVLAN && message.nlmsg_type != RTM_DELVLAN) return std::nullopt;
+    if (mnl_nlmsg_get_payload_len(&message) < sizeof(br_vlan_msg)) return std::nullopt;
+    const auto* header = static_cast<const br_vlan_msg*>(mnl_nlmsg_get_payload(&message));
+    if (header->family != AF_BRIDGE) return std::nullopt;
+
+    VlanMessage vlans;
+    vlans.ifindex = header->ifindex;
+    vlans.gone = message.nlmsg_type == RTM_DELVLAN;
+    eachAttribute(message, sizeof(br_vlan_msg), [&](const nlattr& attribute) {
+        if (mnl_attr_get_type(&attribute) != BRIDGE_VLANDB_ENTRY) return;
+        if (const auto range = decodeRange(attribute)) vlans.ranges.push_back(*range);
+    });
+    return vlans;
+}
+
+std::vector<std::byte> vlanDumpBody() {
+    NetlinkMessage message{RTM_GETVLAN, 0};
+    br_vlan_msg header{};
+    header.family = AF_BRIDGE;
+    message.part(header).attribute(BRIDGE_VLANDB_DUMP_FLAGS, std::uint32_t{0});
+    const auto body = message.bytes().subspan(sizeof(nlmsghdr));
+    return {body.begin(), body.end()};
+}
+
+}  // namespace Linux

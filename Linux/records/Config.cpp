@@ -1,0 +1,3 @@
+#include "Linux/records/Config.h"
+
+template class State::Record<Linux::Config>;

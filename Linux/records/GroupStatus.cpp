@@ -1,0 +1,3 @@
+#include "Linux/records/GroupStatus.h"
+
+template class State::Record<Linux::GroupStatus>;

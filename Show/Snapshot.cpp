@@ -1,0 +1,46 @@
+#include "Show/Snapshot.h"
+
+namespace Show {
+
+using State::Value;
+
+namespace {
+const Value none;
+}
+
+const Value& at(const Value& value, std::initializer_list<std::string_view> names) {
+    const Value* found = &value;
+    for (const std::string_view name : names) {
+        found = found->member(name);
+        if (found == nullptr) return none;
+    }
+    return *found;
+}
+
+std::string textOf(const Value& value) {
+    const auto* text = std::get_if<std::string>(&value.data);
+    return text != nullptr ? *text : std::string{};
+}
+
+std::uint64_t numberOf(const Value& value) {
+    const auto* number = std::get_if<std::uint64_t>(&value.data);
+    return number != nullptr ? *number : 0;
+}
+
+bool isTrue(const Value& value) {
+    const auto* flag = std::get_if<bool>(&value.data);
+    return flag != nullptr && *flag;
+}
+
+const State::Object& membersOf(const Value& value) {
+    static const State::Object empty;
+    const State::Object* members = value.object();
+    return members != nullptr ? *members : empty;
+}
+
+const Value& Snapshot::record(std::string_view path) const {
+    const auto found = records.find(path);
+    return found != records.end() ? found->second : none;
+}
+
+}  // namespace Show
