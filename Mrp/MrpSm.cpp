@@ -337,8 +337,7 @@ Participant::Outcome MrpSm::joinIndication(IntfId intf, const AttributeRef& ref,
                                            const AttributeValue& value) {
     log(AttrLogRecord::What::join, intf, ref);
     // This is the offer that was due.
-    offers_.erase({ref, intf});
-    repeats_.erase({ref, intf});
+    offers_.erase(intf, ref);
     return indicate(intf, ref, value, [this](const MrpParameters& params) {
         return application_.mrpJoinIndication(params) == 0 ? Participant::Outcome::accepted
                                                            : Participant::Outcome::refused;
@@ -362,7 +361,7 @@ void MrpSm::registrationEnded(std::uint64_t key) {
         if (!port.participant || port.participant->refused().empty()) continue;
         for (std::uint8_t i = 0; i < types; ++i) {
             const AttributeRef ref{i, key};
-            if (port.participant->refused(ref)) offers_.emplace(ref, intf);
+            if (port.participant->refused(ref)) offers_.add({intf, ref});
         }
     }
     if (!offers_.empty()) offerTimer_.armIn(Runtime::Duration{0});
@@ -372,7 +371,7 @@ void MrpSm::portOpened(IntfId intf) {
     const auto port = participant(intf);
     if (!port || port->refused().empty()) return;
     // What is refused from now on was judged by how things are now.
-    for (const AttributeRef& ref : port->refused()) offers_.emplace(ref, intf);
+    for (const AttributeRef& ref : port->refused()) offers_.add({intf, ref});
     application_.mrpSpend(static_cast<unsigned>(port->refused().size()));
     offerTimer_.armIn(Runtime::Duration{0});
 }
@@ -380,42 +379,22 @@ void MrpSm::portOpened(IntfId intf) {
 void MrpSm::offerDue(IntfId intf, const AttributeRef& ref) {
     const auto port = participant(intf);
     if (!port || !port->registered(ref)) return;
-    repeats_.emplace(ref, intf);
+    offers_.add({intf, ref, true});
     offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::runOffers() {
-    for (unsigned left = offerBudget; !paused_ && left > 0 && !(offers_.empty() && repeats_.empty());) {
-        const Offer offer = nextOffer();
-        const auto& [ref, intf] = offer;
-        const bool repeat = repeats_.erase(offer) != 0;
-        offers_.erase(offer);
-        const auto port = participant(intf);
+    for (unsigned left = offerBudget; !paused_ && left > 0 && !offers_.empty();) {
+        const Offers::Offer offer = offers_.take();
+        const auto port = participant(offer.intf);
         unsigned cost = 1;
-        if (port && (repeat || port->refused(ref))) {
-            port->offerAgain(ref);
+        if (port && (offer.always || port->refused(offer.ref))) {
+            port->offerAgain(offer.ref);
             cost += Participant::indicationCost + takeCost();
         }
         left -= std::min(left, cost);
     }
-    if (offers_.empty() && repeats_.empty()) {
-        lastOffer_.reset();
-    } else if (!paused_) {
-        offerTimer_.armIn(Runtime::Duration{0});
-    }
-}
-
-MrpSm::Offer MrpSm::nextOffer() {
-    const Offer* first = nullptr;
-    for (bool again = false; first == nullptr; again = true) {
-        if (again) lastOffer_.reset();
-        for (const std::set<Offer>* due : {&repeats_, &offers_}) {
-            const auto at = lastOffer_ ? due->upper_bound(*lastOffer_) : due->begin();
-            if (at != due->end() && (first == nullptr || *at < *first)) first = &*at;
-        }
-    }
-    lastOffer_ = *first;
-    return *lastOffer_;
+    if (!paused_ && !offers_.empty()) offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::later(std::function<void()> task) {

@@ -12,6 +12,7 @@
 #include "Mrp/Inbox.h"
 #include "Mrp/MrpAttrLogSm.h"
 #include "Mrp/MrpLib.h"
+#include "Mrp/Offers.h"
 #include "Mrp/PacketPort.h"
 #include "Mrp/Participant.h"
 #include "Mrp/PeriodicSm.h"
@@ -32,7 +33,6 @@
 #include <random>
 #include <set>
 #include <string>
-#include <tuple>
 #include <utility>
 
 namespace Mrp {
@@ -106,8 +106,6 @@ private:
         Inbox inbox;
         bool inLine = false;  ///< stands in `line_`
     };
-    /// What is to be offered again, in the order in which it is.
-    using Offer = std::tuple<AttributeRef, IntfId>;
 
     Participant::Outcome joinIndication(IntfId intf, const AttributeRef& ref,
                                         const AttributeValue& value) override;
@@ -151,9 +149,6 @@ private:
     /// Runs `task` from the loop, unless the engine has ended by then.
     void later(std::function<void()> task);
     void runOffers();
-    /// The first behind the one that was made last, round and round: whoever keeps asking for offers does not
-    /// keep others from theirs.
-    Offer nextOffer();
 
     Inputs inputs_;
     MrpLib& application_;
@@ -176,9 +171,7 @@ private:
     bool indicating_ = false;
     bool paused_ = false;
 
-    std::set<Offer> offers_;                                      ///< of refused attributes
-    std::set<Offer> repeats_;                                     ///< of attributes whether refused or not
-    std::optional<Offer> lastOffer_;                              ///< of this round
+    Offers offers_;
     Runtime::Timer offerTimer_;                                   ///< armed while anything is to be offered
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  ///< ends with the engine
     State::Reactor configReactor_;

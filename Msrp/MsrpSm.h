@@ -189,6 +189,7 @@ public:
     [[nodiscard]] U8 srClassPriority(SrClassId srClass) const;
     [[nodiscard]] U16 intfSrPvid(IntfId intf) const;
     void transmitSrDomainVector(IntfId intf, SrClassId srClass, bool join);
+    [[nodiscard]] MsrpDomainAttribute domainOf(IntfId intf, SrClassId srClass) const;
     /// True when the declaration was discarded.
     bool processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& attr);
     void processDomainVectorLeave(IntfId intf, const MsrpDomainAttribute& attr);
@@ -320,6 +321,11 @@ private:
     static constexpr Runtime::Chores::Lane switchLane = 3ULL << 56U;
     /// The port has work left of what happened to it.
     [[nodiscard]] bool busy(IntfId intf) const { return chores_.busy(portLane(intf)); }
+    /// Whether it has work left for the streams of that class.
+    [[nodiscard]] bool busy(IntfId intf, SrClassId srClass) const {
+        return classWork_.contains({intf, srClass});
+    }
+    void addClassWork(IntfId intf, SrClassId srClass, Runtime::Chores::Job job);
     void laneIdle(Runtime::Chores::Lane lane);
     /// Goes on with what waited for the port's work to be done.
     void settlePort(IntfId intf);
@@ -371,6 +377,10 @@ private:
     [[nodiscard]] std::vector<IntfId> portsWithStatus() const;
     /// Stops the port and removes its status.
     void removePort(IntfId intf);
+    void removeIntfStatus(IntfId intf);
+    /// How far a port is to be taken down once its work is done, also when it is to run again by then.
+    enum class Ending : U8 { none, stop, remove };
+    void endsAfterWork(IntfId intf, Ending ending);
     /// Lets the port start over: out of both classes, nothing registered, then enabled again.
     void readmitPort(IntfId intf);
     /// Withdraws every listener that is still recorded for a port that has lost its classes.
@@ -475,6 +485,7 @@ private:
     void reviewShaping(IntfId intf);
     void reviewShapingOf(StreamData& stream, IntfId intf);
     [[nodiscard]] bool groupRefused(const Switch::GroupId& group) const;
+    void tellGroupRefused(U64 streamId, IntfId intf, const Switch::GroupId& group) const;
     [[nodiscard]] bool shapingRefused(const StreamData& stream, IntfId intf) const;
 
     template <class... Arguments>
@@ -502,9 +513,14 @@ private:
     std::map<U64, bool> deletePendingStream_;
     std::map<U64, std::shared_ptr<StreamDeleteIntfs>> deletePendingStreamIntfs_;
     std::map<IntfId, bool> bandwidthReleased_;
-    /// What a peer last said of a class while its port had work left, and whether it was a join.
+    /// Jobs that ports have left for a class.
+    std::map<std::pair<IntfId, SrClassId>, unsigned> classWork_;
+    /// What a peer last said of a class while its port had such work left, and whether it was a join.
     std::map<std::pair<IntfId, SrClassId>, std::pair<MsrpDomainAttribute, bool>> domainDue_;
-    std::set<IntfId> settleDue_;    ///< ports to be enabled or stopped when their work is done
+    /// What was declared to be taken over.
+    std::map<std::pair<IntfId, SrClassId>, MsrpDomainAttribute> seededDomains_;
+    /// Ports to be enabled or ended when their work is done, and what is due before that.
+    std::map<IntfId, Ending> settleDue_;
     std::set<IntfId> forgetDue_;    ///< ... to drop their registrations then
     std::set<IntfId> retryDue_;     ///< ports that released bandwidth
     std::set<EthAddr> addressDue_;  ///< addresses that may be free

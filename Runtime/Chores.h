@@ -4,6 +4,8 @@
 
 #include "Runtime/Loop.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -29,6 +31,8 @@ public:
     void add(Lane lane, Job job);
     [[nodiscard]] bool busy(Lane lane) const { return lanes_.contains(lane); }
     [[nodiscard]] bool busy() const { return !lanes_.empty(); }
+    /// For a job that cannot be done in pieces: it took so many units of the turn besides those it was given.
+    void spend(std::size_t units) { left_ -= static_cast<unsigned>(std::min<std::size_t>(left_, units)); }
     /// Does all that is left, however long it takes; not to be called by a job.
     void finish();
     /// Drops all that is left; nobody is told.

@@ -16,10 +16,17 @@ bool MsrpSm::shapingRefused(const StreamData& stream, IntfId intf) const {
     return inputs_.refusals && stream.bandwidth() != 0 && inputs_.refusals->port(intf);
 }
 
+void MsrpSm::tellGroupRefused(U64 streamId, IntfId intf, const Switch::GroupId& group) const {
+    error(Runtime::format("StreamId 0x%s failed on %s because its Mac DA %s cannot be forwarded: %s",
+                          HexId{streamId}, intf, group.addr, inputs_.refusals->group(group)->why()));
+}
+
 void MsrpSm::handleRefusal(const State::Change& change) {
-    if (!initialized() || standbyMode()) return;  // a take-over looks at all of them
+    if (!initialized() || standbyMode()) return;
     if (const auto* group = change.key<Switch::GroupId>()) reviewGroup(*group);
-    if (const auto* intf = change.key<IntfId>()) reviewShaping(*intf);
+    // A take-over looks at all ports when it has all streams.
+    const auto* intf = change.key<IntfId>();
+    if (intf != nullptr && !takingOver_) reviewShaping(*intf);
 }
 
 void MsrpSm::reviewGroup(const Switch::GroupId& group) {
@@ -36,7 +43,8 @@ void MsrpSm::reviewGroup(const Switch::GroupId& group) {
         }
         const unsigned before = spent_;
         if (holder) reviewGroupOf(*holder);
-        units -= std::min(units, 1 + looked / 8 + (spent_ - before));
+        units -= std::min(units, 1 + (spent_ - before));
+        chores_.spend(looked / 8);
         return true;
     });
 }
@@ -48,9 +56,7 @@ void MsrpSm::reviewGroupOf(StreamData& stream) {
     const Switch::GroupId group{VlanId{stream.vlanId()}, stream.macDa()};
     const bool refused = groupRefused(group);
     if (refused && code == Code::noFailure) {
-        error(Runtime::format("StreamId 0x%s failed on %s because its Mac DA %s cannot be forwarded: %s",
-                              HexId{stream.streamId()}, ingress, stream.macDa(),
-                              inputs_.refusals->group(group)->why()));
+        tellGroupRefused(stream.streamId(), ingress, group);
         stream.failedBridgeIdIs(failureBridgeId(ingress));
         failIngress(stream, Code::cannotStoreAddress);
     } else if (!refused && code == Code::cannotStoreAddress &&

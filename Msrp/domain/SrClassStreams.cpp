@@ -34,8 +34,18 @@ void MsrpSm::deregisterSrClassStreams(IntfId intf, SrClassId srClass, U16 vlanId
 
 void MsrpSm::walkSoon(ClassWalk walk) {
     if (!nextStream(walk.vlanId, 0)) return;
-    chores_.add(portLane(walk.intf),
-                [this, walk](unsigned& units) mutable { return walkClass(walk, units); });
+    addClassWork(walk.intf, walk.srClass,
+                 [this, walk](unsigned& units) mutable { return walkClass(walk, units); });
+}
+
+void MsrpSm::addClassWork(IntfId intf, SrClassId srClass, Runtime::Chores::Job job) {
+    ++classWork_[{intf, srClass}];
+    chores_.add(portLane(intf), [this, intf, srClass, job = std::move(job)](unsigned& units) {
+        const bool done = job(units);
+        const auto left = classWork_.find({intf, srClass});
+        if (done && left != classWork_.end() && --left->second == 0) classWork_.erase(left);
+        return done;
+    });
 }
 
 bool MsrpSm::walkClass(ClassWalk& walk, unsigned& units) {

@@ -28,8 +28,12 @@ U16 MsrpSm::intfSrPvid(IntfId intf) const {
 
 void MsrpSm::transmitSrDomainVector(IntfId intf, SrClassId srClass, bool join) {
     trace("MsrpSm::transmitSrDomainVector( ", intf, ", ", srClassName(srClass), ", ", join, " )");
-    const MsrpDomainAttribute domain{srClass, srClassPriority(srClass), intfSrPvid(intf)};
-    send(intf, typeDomain, join ? Mrp::requestDeclare : Mrp::requestWithdraw, domain.octets());
+    send(intf, typeDomain, join ? Mrp::requestDeclare : Mrp::requestWithdraw,
+         domainOf(intf, srClass).octets());
+}
+
+MsrpDomainAttribute MsrpSm::domainOf(IntfId intf, SrClassId srClass) const {
+    return {srClass, srClassPriority(srClass), intfSrPvid(intf)};
 }
 
 bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& attr) {
@@ -48,11 +52,12 @@ bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& att
                                 srClassName(srClass)));
         return true;
     }
-    if (busy(intf)) {
+    if (busy(intf, srClass)) {
         trace("DomainVectorJoin for ", srClassName(srClass), " waits for the port's streams");
         domainDue_.insert_or_assign({intf, srClass}, std::pair{attr, true});
         return false;
     }
+    domainDue_.erase({intf, srClass});
     SrClassState next = SrClassState::Boundary;
     if (attr.srClassPriority() == srClassPriority(srClass)) {
         if (state == SrClassState::Core) {
@@ -86,11 +91,12 @@ void MsrpSm::processDomainVectorLeave(IntfId intf, const MsrpDomainAttribute& at
                                 srClassName(srClass)));
         return;
     }
-    if (busy(intf)) {
+    if (busy(intf, srClass)) {
         trace("DomainVectorLeave for ", srClassName(srClass), " waits for the port's streams");
         domainDue_.insert_or_assign({intf, srClass}, std::pair{attr, false});
         return;
     }
+    domainDue_.erase({intf, srClass});
     if (state == SrClassState::WaitingForPeer) {
         trace("DomainVectorLeave for ", srClassName(srClass), " did not result in any changes");
         return;
@@ -133,7 +139,7 @@ void MsrpSm::setSrClassState(IntfId intf, SrClassId srClass, SrClassState state)
             break;
         case SrClassAction::removeAndWithdraw:
             deregisterSrClassStreams(intf, srClass, 0, TalkerFailureCode::noFailure);
-            chores_.add(portLane(intf), [this, intf, srClass](unsigned&) {
+            addClassWork(intf, srClass, [this, intf, srClass](unsigned&) {
                 transmitSrDomainVector(intf, srClass, false);
                 return true;
             });

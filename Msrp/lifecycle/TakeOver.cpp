@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <utility>
 
 namespace Msrp {
 
@@ -75,15 +76,15 @@ void MsrpSm::takeOver() {
     bandwidthReleasedDelAll();
     chores_.add(switchLane,
                 [this, next = U64{0}](unsigned& units) mutable { return rebuildStreams(next, units); });
-    chores_.add(switchLane, [this](unsigned& units) {
+    chores_.add(switchLane, [this](unsigned&) {
         rebuildQueues();
         rebuildAllocations();
-        units = 0;
+        chores_.spend(streamList_.size());
         return true;
     });
-    chores_.add(switchLane, [this](unsigned& units) {
+    chores_.add(switchLane, [this](unsigned&) {
         removeLeftovers();
-        units = 0;
+        chores_.spend(streamList_.size());
         return true;
     });
     std::vector<IntfId> ports = portsWithStatus();
@@ -94,10 +95,9 @@ void MsrpSm::takeOver() {
     chores_.add(switchLane, [this, next = U64{0}](unsigned& units) mutable {
         return walkStreams(0, next, units, [this](U64, StreamData& stream) { catchUpWithStream(stream); });
     });
-    chores_.add(switchLane,
-                [this, next = U16{0}](unsigned& units) mutable { return catchUpWithVlans(next, units); });
     chores_.add(switchLane, [this](unsigned&) {
         finishTakeOver();
+        chores_.spend(streamList_.size());
         return true;
     });
 }
@@ -125,6 +125,7 @@ bool MsrpSm::seedDomains(IntfId intf) {
         if (!active) inputs_.msrpLib->mrpInterfaceEnable(intf);
         active = true;
         transmitSrDomainVector(intf, srClass, true);
+        seededDomains_.insert_or_assign({intf, srClass}, domainOf(intf, srClass));
         if (!isActive(state)) continue;
         // What made the port a boundary is not published: any other priority stands for it until the peer
         // speaks.
@@ -162,6 +163,9 @@ void MsrpSm::finishTakeOver() {
     takingOver_ = false;
     refreshPorts();
     catchUpWithConfig();
+    // Behind the streams without a talker, which have no VLAN.
+    chores_.add(switchLane,
+                [this, next = U16{1}](unsigned& units) mutable { return catchUpWithVlans(next, units); });
     if (inputs_.refusals) {
         inputs_.refusals->port().each([this](IntfId intf, const auto&) { reviewShaping(intf); });
     }
@@ -240,6 +244,12 @@ void MsrpSm::catchUpWithConfig() {
         const auto speed = phy ? phy->speedEnum() : Interface::Speed::speedUnknown;
         if (status()->intfStatus(*intf)->speedEnum() != speed) handleSpeed(*intf);
     }
+    // Another value may have been configured since it was declared.
+    for (const auto& [key, declared] : std::exchange(seededDomains_, {})) {
+        const auto& [intf, srClass] = key;
+        if (actsOn(intf) && !std::ranges::equal(domainOf(intf, srClass).octets(), declared.octets()))
+            readmitPort(intf);
+    }
     doUpdateShapeRate();
     // The priority that was declared before is known by the streams that were registered under it.
     const bool priorityChanged = std::ranges::any_of(streamList_, [this](const auto& entry) {
@@ -256,7 +266,7 @@ bool MsrpSm::catchUpWithVlans(U16& next, unsigned& units) {
     for (auto vlan = streamsByVlan_.lower_bound(next); vlan != streamsByVlan_.end();
          vlan = streamsByVlan_.lower_bound(next)) {
         if (units == 0) return false;
-        units -= std::min(units, 1 + cost / 4);
+        const unsigned before = spent_;
         next = static_cast<U16>(vlan->first + 1);
         // One with a talker, for the report; without one there is nothing to withdraw.
         const auto example = std::ranges::find_if(
@@ -265,9 +275,11 @@ bool MsrpSm::catchUpWithVlans(U16& next, unsigned& units) {
         for (const IntfId intf : ports) {
             const TalkerFailureCode code = checkVlanConfig(intf, *example, vlan->first);
             if (code == TalkerFailureCode::noFailure) continue;
+            spend(1);
             for (const SrClassId srClass : bothClasses)
                 deregisterSrClassStreams(intf, srClass, vlan->first, code);
         }
+        units -= std::min(units, 1 + cost / 4 + (spent_ - before));
     }
     return true;
 }

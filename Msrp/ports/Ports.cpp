@@ -63,7 +63,7 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
     const bool mayRun = isLinkUp(intf) && isPortForwarding(intf) && someClass;
     if (!mayRun) stopPort(intf);
     if (busy(intf)) {
-        settleDue_.insert(intf);
+        endsAfterWork(intf, mayRun ? Ending::none : Ending::stop);
     } else if (mayRun) {
         admitPort(intf);
     } else {
@@ -74,14 +74,19 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
 
 void MsrpSm::settlePort(IntfId intf) {
     if (forgetDue_.erase(intf) != 0) inputs_.msrpLib->mrpCleanUpIntfDatabase(intf);
-    if (settleDue_.erase(intf) != 0) handleIntfEnable(intf);
+    if (const auto due = settleDue_.extract(intf)) {
+        // It ends also when it is to run again by now: what its peer had said does not count any more.
+        if (due.mapped() == Ending::remove) removeIntfStatus(intf);
+        if (due.mapped() == Ending::stop) inputs_.msrpLib->mrpInterfaceDisable(intf);
+        handleIntfEnable(intf);
+    }
     for (const SrClassId srClass : bothClasses) {
         const auto due = domainDue_.extract({intf, srClass});
         if (!due || !actsOn(intf)) continue;
         const auto& [attr, join] = due.mapped();
         if (join) {
             processDomainVectorJoin(intf, attr);
-            inputs_.msrpLib->mrpPortOpened(intf);
+            if (!domainDue_.contains({intf, srClass})) inputs_.msrpLib->mrpPortOpened(intf);
         } else {
             processDomainVectorLeave(intf, attr);
         }
@@ -144,10 +149,19 @@ void MsrpSm::refreshPort(IntfId intf) {
 void MsrpSm::removePort(IntfId intf) {
     stopPort(intf);
     if (busy(intf)) {
-        settleDue_.insert(intf);
-        return;
+        endsAfterWork(intf, Ending::remove);
+    } else {
+        removeIntfStatus(intf);
     }
-    // What was withdrawn above still goes out while the link is up.
+}
+
+void MsrpSm::endsAfterWork(IntfId intf, Ending ending) {
+    Ending& due = settleDue_.try_emplace(intf, ending).first->second;
+    due = std::max(due, ending);
+}
+
+void MsrpSm::removeIntfStatus(IntfId intf) {
+    // What was withdrawn before still goes out while the link is up.
     inputs_.msrpLib->mrpInterfaceDisable(intf);
     bandwidthFailedIntfDel(intf);
     bandwidthReleasedDel(intf);

@@ -120,7 +120,11 @@ Code MsrpSm::judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& att
         const Code code = checkMacDaInUse(intf, attr);
         if (code != Code::noFailure) return code;
     }
-    return groupRefused({VlanId{attr.vlanId()}, attr.macDa()}) ? Code::cannotStoreAddress : Code::noFailure;
+    const Switch::GroupId group{VlanId{attr.vlanId()}, attr.macDa()};
+    if (!groupRefused(group)) return Code::noFailure;
+    if (known == nullptr || known->talkerFailureCode(intf) != Code::cannotStoreAddress)
+        tellGroupRefused(attr.streamId(), intf, group);
+    return Code::cannotStoreAddress;
 }
 
 Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {

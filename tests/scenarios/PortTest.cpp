@@ -181,6 +181,43 @@ TEST_F(ReservedStream, AKindOfDeclarationThatWasTakenBackUnsentLeavesThePeer) {
     ends([this] { bridge.linkIs("p1", false); });
 }
 
+/// One turn of the loop does a small part of what a change of a port means for its streams.
+class ManyStreams : public Scenario {
+protected:
+    void SetUp() override {
+        bridge.unitsPerTurn = 10;
+        Scenario::SetUp();
+        p1.say(domains());
+        settle();
+        std::vector<Say> talkers;
+        for (std::uint64_t id = 1; id <= 60; ++id)
+            talkers.push_back(advertise({.id = id, .macDa = 0x91e0f0000000 + id, .priority = 2}));
+        p1.say(talkers);
+        settle();
+    }
+};
+
+TEST_F(ManyStreams, OfOneClassDoNotHoldUpWhatIsSaidOfTheOther) {
+    auto said = domains();
+    said.push_back(advertise({.id = 100, .macDa = 0x91e0f0000100}));
+    p2.say(said);
+    settle();
+    EXPECT_EQ(bridge.stream(100), "0x64 SrClassA 9088 p2 -> p2");
+    EXPECT_EQ(bridge.logged("Discard"), 0U);
+}
+
+TEST_F(ManyStreams, OfAPortThatGoesAndComesBackAtOnceStartItOver) {
+    for (const bool link : {false, true}) {
+        p2.say(domains());
+        settle();
+        ASSERT_EQ(bridge.classes("p2"), "p2 Core Core");
+        for (const bool on : {false, true})
+            link ? bridge.linkIs("p2", on) : bridge.config->intfEnableIs(IntfId{"p2"}, on);
+        settle();
+        EXPECT_EQ(bridge.classes("p2"), "p2 WaitingForPeer WaitingForPeer") << "its peer has not spoken yet";
+    }
+}
+
 TEST_F(ReservedStream, FailsWhileTheSwitchCannotCarryItOut) {
     const Switch::GroupId group{VlanId{2}, EthAddr::fromNumber(0x91e0f0000001)};
     const auto failedEverywhere = "p1 Listener 0x1 AskingFailed\np2 Failed 0x1 code 12 bridge " + selfBridge +
