@@ -53,11 +53,11 @@ constexpr Setup everywhere{15'900, 6, 100};
 
 class Attacked : public LiveSwitch {
 public:
-    explicit Attacked(const Setup& setup) : LiveSwitch{8, 20'000}, attackers{setup.attackers} {
+    explicit Attacked(const Setup& setup) : LiveSwitch{8, 20'000}, attackers{many(setup.attackers)} {
         bridge.speedIs("p2", setup.speed);
         ports.declare(attackListener, Sim::pdusOf(Sim::domains()));
         settle();
-        const std::size_t others = setup.others;
+        const std::size_t others = many(setup.others);
         ports.declare(talker, join(typeTalkerAdvertise, attackers, others, Spacing::scattered));
         ports.declare(listener, join(typeListener, attackers, others, Spacing::scattered));
         settle();
@@ -76,7 +76,7 @@ public:
     }
 
     /// Lets that happen on the loop, goes on for so long, and shows what it cost.
-    void run(benchmark::State& state, const std::function<void()>& attack, std::chrono::seconds lasts) {
+    void run(benchmark::State& state, const std::function<void()>& attack, Runtime::Duration lasts) {
         logLines = logOctets = 0;
         lost_ = 0;
         peakBeginsNow();
@@ -109,6 +109,7 @@ public:
             const auto stream = bridge.agent().msrpSm()->streamList(id);
             if (!stream || !stream->ethGroup() || !stream->ethGroup()->intf(listener)) ++lost_;
         }
+        if (!asked_.empty()) state.SkipWithError("a reservation of others was never made");
         state.counters["reserveMs"] = milliseconds(longest_);
         state.counters["lost"] = static_cast<double>(lost_);
         state.counters["stretchMs"] = milliseconds(heartbeat.longestWork);
@@ -201,7 +202,7 @@ void attack(benchmark::State& state, const Setup& setup, std::chrono::seconds la
         if (prepare != nullptr) prepare(device);
         device.settle();
         device.run(
-            state, [&] { act(device); }, lasts);
+            state, [&] { act(device); }, lasting(lasts));
     }
 }
 
@@ -229,7 +230,7 @@ void takeOver(benchmark::State& state) {
     for ([[maybe_unused]] auto turn : state) {
         LiveSwitch device{portCount};
         device.bridge.standbyStart();
-        device.reserve(16'000, portCount);
+        device.reserve(many(16'000), portCount);
         device.wait(2s);  // until all is published
         device.bridge.mrpConfig->leaveTimeIs(static_cast<std::uint32_t>(state.range(1)));
         const std::string before = device.bridge.streams();
@@ -238,7 +239,7 @@ void takeOver(benchmark::State& state) {
         Heartbeat heartbeat{device.loop};
         device.wait(5ms);
         device.loop.post([&] { device.bridge.standbyTakesOver(); });
-        device.wait(10s);
+        device.wait(lasting(10s));
         device.settle();
         state.counters["left"] = static_cast<double>(device.leaves);
         state.counters["sameStreams"] = device.bridge.streams() == before ? 1 : 0;

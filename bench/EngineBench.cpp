@@ -156,10 +156,10 @@ void declared(benchmark::State& state, bool leaveAll, Spacing spacing) {
             const std::string full = name + (spacing == Spacing::consecutive ? "/packed" : "/scattered");
             benchmark::RegisterBenchmark(full.c_str(), [=](benchmark::State& s) { body(s, spacing); })
                 ->RangeMultiplier(10)
-                ->Range(1, 100'000)
+                ->Range(1, Bench::isShort() ? 100 : 100'000)
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond)
-                ->MinTime(0.05);
+                ->MinTime(Bench::isShort() ? 0.001 : 0.05);
         }
     };
     add("Engine/join", [](auto& s, Spacing g) { registered(s, Stage::join, g); });

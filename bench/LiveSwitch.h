@@ -178,7 +178,7 @@ public:
     }
     void settle() {
         loop.runUntil([this] { return ports.quiet(); }, 60s);
-        wait(400ms);
+        wait(isShort() ? 30ms : 400ms);
     }
     void wait(Runtime::Duration span) {
         loop.runUntil([] { return false; }, span);

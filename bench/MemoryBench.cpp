@@ -9,7 +9,7 @@ namespace {
 
 using Bench::Spacing;
 
-constexpr std::size_t streams = 16'000;
+const std::size_t streams = Bench::many(16'000);
 
 /// The log that the simulated bridge keeps is no part of the agent.
 double heapInUse(Bench::StreamSwitch& device) {
@@ -35,7 +35,8 @@ Use use(std::size_t ports) {
     device.hear(1, listeners);
     device.settle();
     const double reserved = heapInUse(device);
-    return {(advertised - before) / streams, (reserved - advertised) / streams};
+    return {(advertised - before) / static_cast<double>(streams),
+            (reserved - advertised) / static_cast<double>(streams)};
 }
 
 void memory(benchmark::State& state) {

@@ -152,7 +152,7 @@ void readers(benchmark::State& state) {
             const Bench::Child watching{[&] { crowd(path, *figures); }};
             const Bench::Child asking{[&] { person(path, *figures); }};
             beat.armIn(1ms);
-            loop.runUntil([] { return false; }, 10s);
+            loop.runUntil([] { return false; }, Bench::lasting(10s));
             state.counters["memoryMB"] = residentMegabytes() - memory;
             state.counters["latestTimerMs"] = 1e3 * Runtime::seconds(Runtime::Time{latest});
             state.counters["longestStretchMs"] = 1e3 * stretch;

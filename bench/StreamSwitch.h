@@ -1,13 +1,17 @@
-/// A simulated switch whose ports carry streams, and whose frames nobody reads: what is measured is the
-/// agent's own work.
+/// A simulated switch whose ports carry streams, and whose frames nobody reads while it works: what is
+/// measured is the agent's own work.
 #pragma once
 
+#include "Mrp/Decoder.h"
+#include "Msrp/types/Attributes.h"
 #include "Runtime/VirtualLoop.h"
 #include "Sim/Bridge.h"
 #include "Sim/Peer.h"
 
 #include <cstddef>
+#include <span>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace Bench {
@@ -23,7 +27,9 @@ public:
         bridge_.start();
         settle();
         for (const std::string& port : ports_) Sim::Peer{bridge_, port}.say(Sim::domains());
-        for (const std::string& port : ports_) bridge_.ports().cableIs(IntfId{port}, [](const Sim::Pdu&) {});
+        for (std::size_t port = 0; port < ports; ++port)
+            bridge_.ports().cableIs(IntfId{ports_[port]},
+                                    [this, port](const Sim::Pdu& pdu) { sent_[port].push_back(pdu); });
         settle();
     }
 
@@ -31,30 +37,27 @@ public:
     void hear(std::size_t port, const std::vector<Sim::Pdu>& pdus) {
         for (const Sim::Pdu& pdu : pdus) bridge_.ports().deliver(IntfId{ports_[port]}, pdu);
     }
-    /// How many declarations the agent has sent on the port that were news to the peer.
-    [[nodiscard]] std::uint64_t joined(std::size_t port) const {
-        return bridge_.mrpStatus->intf(IntfId{ports_[port]})->txEvents(Mrp::Event::JoinMt);
-    }
-    /// Runs until every port from `first` up to (not including) `last` has sent `count` more than `before`.
-    /// False when that takes an opportunity beyond the first ones: then repetitions would be among them.
-    bool untilJoined(std::size_t first, std::size_t last, const std::vector<std::uint64_t>& before,
-                     std::size_t count) {
-        return loop_.runUntil(
-            [&] {
-                for (std::size_t port = first; port < last; ++port) {
-                    if (joined(port) < before[port] + count) return false;
-                }
-                return true;
-            },
-            std::chrono::milliseconds{50});
-    }
-    [[nodiscard]] std::vector<std::uint64_t> joined() const {
-        std::vector<std::uint64_t> counts;
-        for (std::size_t port = 0; port < ports_.size(); ++port) counts.push_back(joined(port));
-        return counts;
+    void run(Runtime::Duration span) { loop_.runFor(span); }
+    void forgetSent() { sent_ = std::vector<std::vector<Sim::Pdu>>(ports_.size()); }
+    /// How many attributes of that type the agent has declared on the port since then.
+    [[nodiscard]] std::size_t declared(std::size_t port, std::uint8_t type) const {
+        std::unordered_set<std::uint64_t> keys;
+        Mrp::DecodedPdu decoded;
+        for (const Sim::Pdu& pdu : sent_[port]) {
+            Mrp::decode(pdu, Msrp::application(), decoded);
+            for (const Mrp::DecodedEvent& event : decoded.events) {
+                const Mrp::AttributeType& kind = Msrp::application().types[event.typeIndex];
+                if (kind.type == type && Mrp::declares(event.event))
+                    keys.insert(kind.key(std::span{event.value.octets}.first(kind.valueLength)));
+            }
+        }
+        return keys.size();
     }
     /// Time for what is repeated, published and aged.
-    void settle() { loop_.runFor(std::chrono::seconds{2}); }
+    void settle() {
+        loop_.runFor(std::chrono::seconds{2});
+        forgetSent();
+    }
 
     [[nodiscard]] Sim::Bridge& bridge() { return bridge_; }
     [[nodiscard]] std::size_t ports() const { return ports_.size(); }
@@ -67,6 +70,7 @@ private:
     }
 
     std::vector<std::string> ports_;
+    std::vector<std::vector<Sim::Pdu>> sent_{ports_.size()};
     Runtime::VirtualLoop loop_;
     Sim::Bridge bridge_{loop_, ports_};
 };

@@ -4,6 +4,7 @@
 #include "Mrp/Decoder.h"
 #include "Mrp/Events.h"
 #include "Sim/Ports.h"
+#include "bench/Run.h"
 
 #include <benchmark/benchmark.h>
 #include <cstddef>

@@ -8,7 +8,7 @@ using namespace Bench;
 
 void leaveAllStretch(benchmark::State& state) {
     const auto portCount = static_cast<std::size_t>(state.range(0));
-    const auto streams = static_cast<std::size_t>(state.range(1));
+    const auto streams = many(static_cast<std::size_t>(state.range(1)));
     LiveSwitch device{portCount};
     device.reserve(streams, portCount);
     const auto last = [&] { return device.bridge.stream(streamId(streams - 1, Spacing::scattered)); };
