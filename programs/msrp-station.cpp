@@ -146,6 +146,7 @@ int run(int argc, char** argv) {
     std::vector<std::string> listens;
     CLI::App app{
         "An AVB end station: talks and listens to streams, and prints what it hears, a line for each change"};
+    app.set_version_flag("--version", "msrp-station " MSRP_VERSION);
     app.add_option("--interface", options.interface, "Its network interface")->required();
     app.add_option("--talk", talks, "Talks a stream: " + std::string{talkForm} + ", CLASS is A or B")
         ->allow_extra_args(false);
@@ -159,8 +160,8 @@ int run(int argc, char** argv) {
             throw bad("--interface", "", options.interface, State::KeyText<IntfId>::expected());
         for (const std::string& given : talks) options.talks.push_back(talker(given));
         for (const std::string& given : listens) options.listens.push_back(stream("--listen", given));
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& asked) {
+        return app.exit(asked);
     } catch (const CLI::ParseError& error) {
         return fail(error.what(), usage);
     }

@@ -349,6 +349,7 @@ int run(int argc, char** argv) {
     Options options;
     int result = done;
     CLI::App app{"Asks and changes a running msrpd"};
+    app.set_version_flag("--version", "msrpctl " MSRP_VERSION);
     app.add_option("--socket", options.socket, "Control socket of the daemon")->capture_default_str();
     app.add_flag("--json", options.json, "One JSON value on one line instead of tables and indented text");
     app.require_subcommand(0, 1);
@@ -425,8 +426,8 @@ int run(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& asked) {
+        return app.exit(asked);
     } catch (const CLI::ParseError& error) {
         return fail(error.what(), usage);
     }

@@ -364,6 +364,7 @@ int run(int argc, char** argv) {
     openStandardStreams();
     Options options;
     CLI::App app{"Stream reservation (MSRP, IEEE 802.1Q clause 35) for the ports of this switch"};
+    app.set_version_flag("--version", "msrpd " MSRP_VERSION);
     app.add_option("--config", options.config, "Configuration file, JSON");
     app.add_option("--socket", options.socket, "Control socket")->capture_default_str();
     app.add_flag("--syslog", options.useSyslog, "Log to syslog instead of standard error");
@@ -371,8 +372,8 @@ int run(int argc, char** argv) {
         ->check(CLI::Range(0, 3));
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& asked) {
+        return app.exit(asked);
     } catch (const CLI::ParseError& error) {
         return fail(error.what(), usage);
     }
