@@ -27,7 +27,7 @@ public:
     void viewIs(PortView view) { view_ = std::move(view); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::derived<IntfAttributes>("machines", [](const IntfAttributes& r) {
             return r.view_.machines ? r.view_.machines() : State::Value{};
         }));
@@ -50,7 +50,7 @@ public:
     void intfDel(IntfId id) { delChild(intf_, id, "intf"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("intf", &AttributesStatus::intf_));
     }
 

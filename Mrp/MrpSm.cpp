@@ -103,8 +103,7 @@ void MrpSm::start(IntfId intf) {
                                        .config = *config_,
                                        .random = random_,
                                        .trace = inputs_.environment.trace,
-                                       .host = *this,
-                                       .pointToPoint = true});  // full-duplex Ethernet
+                                       .host = *this});
     if (!port.packetPort) {
         port.packetPort = inputs_.environment.ports.open(
             intf, [this, intf](std::span<const std::uint8_t> pdu) { received(intf, pdu); });
@@ -408,11 +407,12 @@ void MrpSm::later(std::function<void()> task) {
 void MrpSm::count(IntfId intf, const MrpCounts& more) { status_->intfIs(intf)->add(more); }
 
 void MrpSm::configChanged(std::string_view field) {
-    if (field == "periodicEnabled") periodicSm_.enabledIs(config_->periodicEnabled());
+    if (field == State::fieldName<MrpConfig>("periodicEnabled"))
+        periodicSm_.enabledIs(config_->periodicEnabled());
     for (const auto& [intf, port] : ports_) {
         if (!port.participant) continue;
-        if (field == "leaveTime") port.participant->leaveTimeChanged();
-        if (field == "leaveAllTime") port.participant->leaveAllTimeChanged();
+        if (field == State::fieldName<MrpConfig>("leaveTime")) port.participant->leaveTimeChanged();
+        if (field == State::fieldName<MrpConfig>("leaveAllTime")) port.participant->leaveAllTimeChanged();
     }
 }
 

@@ -35,7 +35,6 @@ ApplicantEvent applicantEventOf(Event event) {
 Participant::Participant(IntfId intf, const Environment& environment)
     : intf_{intf},
       env_{environment},
-      applicantTable_{environment.pointToPoint ? applicantPointToPoint : applicantShared},
       leaveTime_{std::chrono::milliseconds{environment.config.leaveTime()}},
       opportunityTimer_{environment.loop, [this] { opportunity(); }},
       leaveTimer_{environment.loop, [this] { leaveTimerFired(); }},
@@ -348,7 +347,7 @@ void Participant::periodic() {
 
 void Participant::applicantEvent(const AttributeRef& ref, Attribute& attribute, ApplicantEvent event) {
     const Applicant before = attribute.applicant;
-    Applicant next = step(applicantTable_, before, event).next;
+    Applicant next = step(before, event).next;
     // An observer of a value that nobody registers has nothing to ask for and is deleted instead (10.7.7, the
     // standard leaves it open); otherwise each LeaveAll would make the port echo every value that it ever
     // saw.

@@ -81,7 +81,6 @@ public:
         std::mt19937_64& random;
         const Runtime::Trace& trace;
         Host& host;
-        bool pointToPoint;  ///< operPointToPointMAC of the link
     };
 
     /// Begins: nothing is declared or registered, the LeaveAll timer runs.
@@ -242,7 +241,6 @@ private:
     IntfId intf_;
     Environment env_;
     bool stopped_ = false;
-    const ApplicantTable& applicantTable_;
     Runtime::Duration leaveTime_;  ///< with which `leaves_` was filled
 
     std::array<Attributes, maxTypes> attributes_;

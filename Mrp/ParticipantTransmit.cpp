@@ -67,13 +67,6 @@ void Participant::requestOpportunity() { requestOpportunity(Runtime::Duration{0}
 
 void Participant::requestOpportunity(Runtime::Duration within) {
     if (stopped_) return;
-    if (!env_.pointToPoint) {
-        if (opportunityTimer_.armed()) return;
-        const auto longest = static_cast<std::uint64_t>(joinTime().count());
-        opportunityTimer_.armIn(
-            Runtime::Duration{static_cast<Runtime::Duration::rep>(env_.random() % (longest + 1))});
-        return;
-    }
     const Runtime::Time now = env_.loop.now();
     const Runtime::Time when = std::max(now + within, pace_.earliest(now, joinTime()));
     if (!opportunityTimer_.armed() || when < opportunityTimer_.when()) opportunityTimer_.armAt(when);
@@ -82,8 +75,7 @@ void Participant::requestOpportunity(Runtime::Duration within) {
 void Participant::opportunity() {
     const Runtime::Time now = env_.loop.now();
     const bool goesOn = leaveAllAt_.has_value();
-    if (const Runtime::Time earliest = pace_.earliest(now, joinTime());
-        env_.pointToPoint && !goesOn && earliest > now) {
+    if (const Runtime::Time earliest = pace_.earliest(now, joinTime()); !goesOn && earliest > now) {
         return opportunityTimer_.armAt(earliest);
     }
     if (!env_.host.mayTransmit(intf_)) return opportunityTimer_.armAt(now);
@@ -171,7 +163,7 @@ std::vector<Participant::Utterance> Participant::planBatch() {
         const AttributeRef& ref = batch_[i];
         const auto at = attributes_[ref.typeIndex].lowerBound(ref.key);  // there: queued ones are not deleted
         Attribute& attribute = (*at).value;
-        const ApplicantCell cell = step(applicantTable_, attribute.applicant, ApplicantEvent::tx);
+        const ApplicantCell cell = step(attribute.applicant, ApplicantEvent::tx);
         const auto event = eventOf(cell.send, attribute, mustAsk(attribute));
         if (event) bridge(plan, i, last, at);
         if (attribute.mtDue) plan.push_back({Why::purged, ref, &attribute, Event::Mt, i});
@@ -195,7 +187,7 @@ void Participant::bridge(std::vector<Utterance>& plan, std::size_t batchIndex, A
         const auto [key, gap] = *++from;
         if (!t.follows(octets(previous), octets(gap))) break;
         if (from == to) return;
-        const ApplicantCell cell = step(applicantTable_, gap.applicant, ApplicantEvent::tx);
+        const ApplicantCell cell = step(gap.applicant, ApplicantEvent::tx);
         const auto event = eventOf(cell.send, gap, true);
         if (!event || gap.queued || plan.size() - before == longestBridge) break;
         plan.push_back({Utterance::Why::bridge, {typeIndex, key}, &gap, event, batchIndex});
@@ -216,7 +208,7 @@ std::vector<Participant::Utterance> Participant::planLeaveAll() {
                 leaveAllAt_ = ref;
                 return plan;
             }
-            const ApplicantCell cell = step(applicantTable_, attribute.applicant, ApplicantEvent::txLA);
+            const ApplicantCell cell = step(attribute.applicant, ApplicantEvent::txLA);
             plan.push_back(
                 {Utterance::Why::transition, ref, &attribute, eventOf(cell.send, attribute, false)});
         }

@@ -37,7 +37,7 @@ public:
     void maxAttributesPerTypeIs(std::uint32_t v) { assign(maxAttributesPerType_, v, "maxAttributesPerType"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         using C = MrpConfig;
         each(State::scalar("joinTime", &C::joinTime_, std::uint32_t{10}, std::uint32_t{1000}));
         each(State::scalar("leaveTime", &C::leaveTime_, std::uint32_t{100}, std::uint32_t{60'000}));
@@ -111,7 +111,7 @@ public:
     }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         using C = MrpIntfStatus;
         each(State::scalar("rxPdus", &C::rxPdus_));
         each(State::scalar("txPdus", &C::txPdus_));
@@ -156,7 +156,7 @@ public:
     void intfDel(IntfId id) { delChild(intf_, id, "intf"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("intf", &MrpStatus::intf_));
     }
 

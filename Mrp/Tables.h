@@ -44,9 +44,10 @@ struct ApplicantCell {
 using ApplicantRow = std::array<ApplicantCell, 12>;
 using ApplicantTable = std::array<ApplicantRow, 12>;
 
-/// For a medium that several participants share.
+/// For a full-duplex link, which has one peer.  Notes 4 and 5 of the table: a JoinIn from the only peer says
+/// nothing about ours before we have sent it, and its In proves that it has registered ours.
 // clang-format off
-constexpr ApplicantTable applicantShared = [] {
+constexpr ApplicantTable applicantTable = [] {
     using enum Applicant;
     constexpr ApplicantCell o{};  // no change
     constexpr Send s = Send::s, sJ = Send::sJ, sN = Send::sN, sL = Send::sL, os = Send::optionalS, oJ = Send::optionalSJ;
@@ -56,8 +57,8 @@ constexpr ApplicantTable applicantShared = [] {
         /* Join!    */ {{{VP},     o,        o,        o,        o,        o,         {AA},     {AP},     {QP},     o,        o,        {VP}    }},
         /* Lv!      */ {{o,        {VO},     {LA},     {LA},     {LA},     {LA},      o,        o,        o,        {AO},     {QO},     o       }},
         /* rNew!    */ {{o,        o,        o,        o,        o,        o,         o,        o,        o,        o,        o,        o       }},
-        /* rJoinIn! */ {{{AO},     {AP},     o,        o,        {QA},     o,         o,        {QO},     o,        {QP},     o,        o       }},
-        /* rIn!     */ {{o,        o,        o,        o,        o,        o,         o,        o,        o,        o,        o,        o       }},
+        /* rJoinIn! */ {{o,        o,        o,        o,        {QA},     o,         o,        {QO},     o,        {QP},     o,        o       }},
+        /* rIn!     */ {{o,        o,        o,        o,        {QA},     o,         o,        o,        o,        o,        o,        o       }},
         /* rJoinMt! */ {{o,        o,        o,        o,        o,        {AA},      o,        {VO},     {AO},     {VP},     {AP},     {VO}    }},
         /* rLv!     */ {{{LO},     o,        o,        {VN},     {VP},     {VP},      o,        {LO},     {LO},     {VP},     {VP},     o       }},
         /* periodic!*/ {{o,        o,        o,        o,        o,        {AA},      o,        o,        o,        o,        {AP},     o       }},
@@ -66,25 +67,14 @@ constexpr ApplicantTable applicantShared = [] {
         /* txLAF!   */ {{{LO},     o,        o,        {VN},     {VP},     {VP},      {LO},     {LO},     {LO},     {VP},     {VP},     o       }},
     }};
 }();
-/// For a point-to-point link.  Notes 4 and 5 of the table: a JoinIn from the only peer says nothing about ours before
-/// we have sent it, and its In proves that it has registered ours.
-constexpr ApplicantTable applicantPointToPoint = [] {
-    using enum Applicant;
-    constexpr ApplicantCell o{};
-    ApplicantTable table = applicantShared;
-    //                                                               VO VP VN AN AA    QA LA AO    QO AP    QP LO
-    table[static_cast<std::size_t>(ApplicantEvent::rJoinIn)] =    {{ o, o, o, o, {QA}, o, o, {QO}, o, {QP}, o, o }};
-    table[static_cast<std::size_t>(ApplicantEvent::rIn)] =        {{ o, o, o, o, {QA}, o, o, o,    o, o,    o, o }};
-    return table;
-}();
 // clang-format on
 // In VP, txLA! sends the Join at once where the standard lets an In or Mt go first: a new declaration need
 // not wait because it meets a LeaveAll.  AN goes to QA after its second New (the standard's note 8 leaves a
 // choice).
 
 /// What happens; `next` is never `same`.
-constexpr ApplicantCell step(const ApplicantTable& table, Applicant state, ApplicantEvent event) {
-    ApplicantCell cell = table[static_cast<std::size_t>(event)][static_cast<std::size_t>(state)];
+constexpr ApplicantCell step(Applicant state, ApplicantEvent event) {
+    ApplicantCell cell = applicantTable[static_cast<std::size_t>(event)][static_cast<std::size_t>(state)];
     if (cell.next == Applicant::same) cell.next = state;
     return cell;
 }

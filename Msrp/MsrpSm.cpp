@@ -9,6 +9,8 @@ namespace Msrp {
 namespace {
 /// Streams looked at, and things said about them, in one turn of the loop: some milliseconds' worth.
 constexpr unsigned unitsPerTurn = 1024;
+consteval std::string_view cli(std::string_view name) { return State::fieldName<CliConfig>(name); }
+
 }  // namespace
 
 MsrpSm::MsrpSm(Inputs inputs, Platform platform)
@@ -78,7 +80,7 @@ void MsrpSm::reactToInputs() {
     }
     if (inputs_.stpStatus) {
         stpStatusReactor_ = inputs_.stpStatus->react([this](const State::Change& change) {
-            if (change.field == "mode") handleStpMode();
+            if (change.field == State::fieldName<Stp::Status>("mode")) handleStpMode();
         });
     }
     if (inputs_.topoLib) {
@@ -113,15 +115,18 @@ void MsrpSm::reactToInputs() {
 void MsrpSm::intfStatusIs(IntfId intf) {
     const auto record = inputs_.ethPhyIntfStatusDir->intfStatus(intf);
     intfReactor_[intf] = record->react([this, intf](const State::Change& change) {
-        if (change.field == "linkStatus") handleLinkStatus(intf);
-        if (change.field == "speedEnum") handleSpeed(intf);
+        if (change.field == State::fieldName<Interface::EthPhyIntfStatus>("linkStatus"))
+            handleLinkStatus(intf);
+        if (change.field == State::fieldName<Interface::EthPhyIntfStatus>("speedEnum")) handleSpeed(intf);
     });
 }
 
 void MsrpSm::switchIntfConfigIs(IntfId intf) {
     const auto record = inputs_.brConfig->switchIntfConfig(intf);
     switchIntfReactor_[intf] = record->react([this, intf](const State::Change& change) {
-        if (change.field == "switchportMode" || change.field == "nativeVlan") handleNativeVlan(intf);
+        if (change.field == State::fieldName<Bridging::SwitchIntfConfig>("switchportMode") ||
+            change.field == State::fieldName<Bridging::SwitchIntfConfig>("nativeVlan"))
+            handleNativeVlan(intf);
     });
 }
 
@@ -166,24 +171,25 @@ void MsrpSm::handleCliConfig(const State::Change& change) {
     const std::string_view field = change.field;
     trace("MsrpSm::handleCliConfig( ", field, " )");
     ringTrace("handleCliConfig");
-    if (field == "shapeRateFactor" || field == "shapingDisabled") {
+    if (field == cli("shapeRateFactor") || field == cli("shapingDisabled")) {
         doUpdateShapeRate();
-    } else if (field == "srClassASupported" || field == "srClassBSupported") {
-        const SrClassId srClass = field == "srClassASupported" ? SrClassId::SrClassA : SrClassId::SrClassB;
+    } else if (field == cli("srClassASupported") || field == cli("srClassBSupported")) {
+        const SrClassId srClass =
+            field == cli("srClassASupported") ? SrClassId::SrClassA : SrClassId::SrClassB;
         if (!srClassSupported(srClass)) {
             everyPort([&](IntfId intf) { setSrClassState(intf, srClass, SrClassState::NotSupported); });
         }
         handleIntfEnable();
-    } else if (field == "srClassAPriority" || field == "srClassBPriority") {
+    } else if (field == cli("srClassAPriority") || field == cli("srClassBPriority")) {
         everyPort([&](IntfId intf) { readmitPort(intf); });
-    } else if (field == "defaultSrPvid") {
+    } else if (field == cli("defaultSrPvid")) {
         everyPort([&](IntfId intf) {
             if (inputs_.cliConfig->srPvid().get(intf).value() == 0) readmitPort(intf);
         });
-    } else if (field == "srPvid") {
+    } else if (field == cli("srPvid")) {
         if (const auto* intf = change.key<IntfId>(); intf != nullptr && status()->intfStatus(*intf))
             readmitPort(*intf);
-    } else if (field == "srClassABandwidthPercent" || field == "srClassBBandwidthPercent") {
+    } else if (field == cli("srClassABandwidthPercent") || field == cli("srClassBBandwidthPercent")) {
         // Less binds later decisions only; more is bandwidth released on every port.
         if (!grown) return;
         everyPort([&](IntfId intf) { bandwidthReleasedIs(intf, true); });

@@ -16,7 +16,8 @@ RedundancyStatusSm::RedundancyStatusSm(std::shared_ptr<const Redundancy::Redunda
     reactor_ = status_->react([this](const State::Change& change) {
         // The event may complete after the mode was set.
         const auto* event = change.key<std::string>();
-        if (change.field == "mode" || (event != nullptr && *event == criticalServices))
+        if (change.field == State::fieldName<Redundancy::RedundancyStatus>("mode") ||
+            (event != nullptr && *event == criticalServices))
             handleRedundancyMode();
     });
     handleRedundancyMode();

@@ -22,7 +22,7 @@ public:
     [[nodiscard]] const std::string& text() const { return text_; }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("time", &LogLine::time_));
         each(State::scalar("text", &LogLine::text_));
     }
@@ -47,7 +47,7 @@ public:
     }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("line", &RecentLog::line_));
     }
 

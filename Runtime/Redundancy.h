@@ -38,7 +38,7 @@ public:
     void eventIs(const std::string& name, bool complete) { setEntry(event_, name, complete, "event"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("mode", &RedundancyStatus::mode_));
         each(State::map("event", &RedundancyStatus::event_));
     }

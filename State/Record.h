@@ -7,7 +7,8 @@
 ///         static constexpr std::string_view type = "Msrp::Config";
 ///         std::uint16_t limit() const { return limit_; }
 ///         void limitIs(std::uint16_t v) { assign(limit_, v, "limit"); }
-///         template <class F> static void fields(F&& each) { each(State::scalar("limit", &Config::limit_)); }
+///         template <class F> static constexpr void fields(F&& each) { each(State::scalar("limit",
+///         &Config::limit_)); }
 ///     private:
 ///         std::uint16_t limit_ = 0;
 ///     };
@@ -21,6 +22,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -308,6 +310,16 @@ constexpr Derived<R, Read> derived(std::string_view name, Read read) {
 template <class R, class Read>
 constexpr DerivedEntries<R, Read> derivedEntries(std::string_view name, Read read) {
     return {name, read};
+}
+
+/// The name of a field of R for those who react to its changes.  It is looked up when this is compiled, so
+/// that nobody goes on waiting for a field that has another name by now.
+template <class R>
+consteval std::string_view fieldName(std::string_view name) {
+    bool found = false;
+    R::fields([&](const auto& field) { found = found || field.name == name; });
+    if (!found) throw std::logic_error{"no such field"};
+    return name;
 }
 
 template <class R>

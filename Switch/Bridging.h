@@ -24,7 +24,7 @@ public:
     void taggedIs(bool v) { assign(tagged_, v, "tagged"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("tagged", &VlanPortConfig::tagged_));
     }
 
@@ -50,7 +50,7 @@ public:
     void intfDel(IntfId id) { delChild(intf_, id, "intf"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("intf", &VlanConfig::intf_));
     }
 
@@ -78,7 +78,7 @@ public:
     void nativeVlanIs(VlanId v) { assign(nativeVlan_, v, "nativeVlan"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("switchportMode", &SwitchIntfConfig::switchportMode_));
         each(State::scalar("nativeVlan", &SwitchIntfConfig::nativeVlan_));
     }
@@ -116,7 +116,7 @@ public:
     void switchIntfConfigDel(IntfId id) { delChild(switchIntfConfig_, id, "switchIntfConfig"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("bridgeMac", &Config::bridgeMac_));
         each(State::collection("vlanConfig", &Config::vlanConfig_));
         each(State::collection("switchIntfConfig", &Config::switchIntfConfig_));

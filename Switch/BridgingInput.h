@@ -30,7 +30,7 @@ public:
     void talkerIntfIs(IntfId v) { assign(talkerIntf_, v, "talkerIntf"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::map("intf", &EthGroup::intf_));
         each(State::scalar("talkerIntf", &EthGroup::talkerIntf_));
     }
@@ -55,7 +55,7 @@ public:
     void ethGroupDel(EthAddr addr) { delChild(ethGroup_, addr, "ethGroup"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("ethGroup", &FdbConfig::ethGroup_));
     }
 
@@ -80,7 +80,7 @@ public:
     void fdbConfigDel(VlanId id) { delChild(fdbConfig_, id, "fdbConfig"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("fdbConfigPriority", &Config::fdbConfigPriority_));
         each(State::collection("fdbConfig", &Config::fdbConfig_));
     }

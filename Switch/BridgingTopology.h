@@ -51,7 +51,7 @@ public:
     void vlanPortConfigDel(VlanId id) { delChild(vlanPortConfig_, id, "vlanPortConfig"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("state", &TopoPortConfig::state_));
         each(State::collection("vlanPortConfig", &TopoPortConfig::vlanPortConfig_));
     }
@@ -83,7 +83,7 @@ public:
     void topoPortConfigDel(IntfId id) { delChild(topoPortConfig_, id, "topoPortConfig"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("topoPortConfig", &TopoConfig::topoPortConfig_));
     }
 
@@ -117,7 +117,7 @@ public:
     void vlanTopologyDel(VlanId id) { delEntry(vlanTopology_, id, "vlanTopology"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("topoConfig", &Config::topoConfig_));
         each(State::map("vlanTopology", &Config::vlanTopology_));
     }
@@ -138,7 +138,7 @@ public:
     void topoDel(const std::string& name) { delEntry(topo_, name, "topo"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::map("topo", &Status::topo_));
     }
 

@@ -63,7 +63,7 @@ public:
     void macAddrIs(EthAddr v) { assign(macAddr_, v, "macAddr"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("linkStatus", &EthPhyIntfStatus::linkStatus_));
         each(State::scalar("speedEnum", &EthPhyIntfStatus::speedEnum_));
         each(State::scalar("macAddr", &EthPhyIntfStatus::macAddr_));
@@ -94,7 +94,7 @@ public:
     void intfStatusDel(IntfId id) { delChild(intfStatus_, id, "intfStatus"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("intfStatus", &AllEthPhyIntfStatusDir::intfStatus_));
     }
 
@@ -113,7 +113,7 @@ public:
     void intfDel(IntfId id) { this->delEntry(intf_, id, "intf"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::map("intf", &IntfDir::intf_));
     }
 

@@ -65,7 +65,7 @@ public:
     }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::map("cosToTc", &Status::cosToTc_));
         each(State::map("tcToTxQueue", &Status::tcToTxQueue_));
         each(State::map("tcToMcTxQueue", &Status::tcToMcTxQueue_));
@@ -102,7 +102,7 @@ public:
     }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("multicastQueues", &HwStatus::multicastQueues_));
         each(State::map("defaultCosToTc", &HwStatus::defaultCosToTc_));
         each(State::map("defaultTcToTxQueue", &HwStatus::defaultTcToTxQueue_));
@@ -144,7 +144,7 @@ public:
     }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("priority", &TxQueueConfig::priority_));
         each(State::scalar("percent", &TxQueueConfig::percent_));
         each(State::scalar("shapeRate", &TxQueueConfig::shapeRate_));
@@ -183,7 +183,7 @@ public:
     void txQueueConfigDel(TxQueue q) { delChild(txQueueConfig_, q, "txQueueConfig"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("txQueueConfig", &IntfConfig::txQueueConfig_));
     }
 
@@ -219,7 +219,7 @@ public:
     void intfConfigDelAll() { delChildren(intfConfig_, "intfConfig"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("agentName", &Config::agentName_));
         each(State::scalar("configPriority", &Config::configPriority_));
         each(State::scalar("intfConfigPriority", &Config::intfConfigPriority_));

@@ -36,7 +36,7 @@ public:
     void whyIs(const std::string& v) { assign(why_, v, "why"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("why", &Refusal::why_));
     }
 
@@ -62,7 +62,7 @@ public:
     void portDel(IntfId id) { delChild(port_, id, "port"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("group", &Refusals::group_));
         each(State::collection("port", &Refusals::port_));
     }

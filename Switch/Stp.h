@@ -43,7 +43,7 @@ public:
     void bridgePriorityIs(std::uint16_t v) { assign(bridgePriority_, v, "bridgePriority"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("bridgePriority", &MstInstanceStatus::bridgePriority_));
     }
 
@@ -69,7 +69,7 @@ public:
     }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("mstInstanceStatus", &InstanceStatus::mstInstanceStatus_));
     }
 
@@ -96,7 +96,7 @@ public:
     }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("mode", &Status::mode_));
         each(State::collection("stpInstanceStatus", &Status::stpInstanceStatus_));
     }

@@ -19,10 +19,12 @@ void forEachKey(std::optional<K> only, const State::Collection<K, E>& entries, F
 TopologyAgent::Scope TopologyAgent::scope(const State::Change& change) {
     const auto* vlan = change.key<VlanId>();
     const auto* intf = change.key<IntfId>();
-    if (vlan != nullptr && (change.field == "vlanConfig" || change.field == "vlanTopology")) {
+    if (vlan != nullptr && (change.field == State::fieldName<Bridging::Config>("vlanConfig") ||
+                            change.field == State::fieldName<Topology::Config>("vlanTopology"))) {
         return {.vlan = *vlan, .intf = {}};
     }
-    if (intf != nullptr && change.field == "topoPortConfig") return {.vlan = {}, .intf = *intf};
+    if (intf != nullptr && change.field == State::fieldName<Topology::TopoConfig>("topoPortConfig"))
+        return {.vlan = {}, .intf = *intf};
     Scope found{.vlan = VlanPorts::vlanOf(change), .intf = {}};
     if (!found.vlan) return {};
     if (intf != nullptr) found.intf = *intf;
@@ -47,7 +49,7 @@ TopologyAgent::TopologyAgent(std::shared_ptr<const Config> bridging, std::shared
         if (changed.vlan) refresh(changed, vlanPorts_.refresh(*changed.vlan));
     });
     stpReactor_ = stp_->react([this](const State::Change& change) {
-        if (change.field == "mode") refresh({});
+        if (change.field == State::fieldName<Stp::Status>("mode")) refresh({});
     });
     if (ports_) portsReactor_ = ports_->react([this](const State::Change&) { refresh({}); });
     topologyReactor_ = topology_->watch([this](const State::Change& change) {

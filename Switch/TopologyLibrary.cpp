@@ -45,7 +45,7 @@ TopoLibSm::TopoLibSm(std::shared_ptr<const Config> config, std::shared_ptr<const
         if (const auto* name = change.key<std::string>()) handleTopo(*name);
     });
     modeReactor_ = stpStatus_->react([this](const State::Change& change) {
-        if (change.field == "mode") refresh();
+        if (change.field == State::fieldName<Stp::Status>("mode")) refresh();
     });
     refresh();
 }
@@ -89,7 +89,7 @@ void TopoLibSm::handlePort(const std::string& topo, IntfId intf) {
         return;
     }
     follower_[topo].port[intf].reactor = port->react([this, topo, intf](const State::Change& change) {
-        if (change.field == "state") handleState(topo, intf);
+        if (change.field == State::fieldName<TopoPortConfig>("state")) handleState(topo, intf);
         if (const auto* vlan = change.key<VlanId>()) handleVlan(topo, intf, *vlan);
     });
     lib->topoPortIs(intf);

@@ -35,7 +35,7 @@ public:
     void vlanPortConfigDel(VlanId id) { delChild(vlanPortConfig_, id, "vlanPortConfig"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("state", &TopoPort::state_));
         each(State::collection("vlanPortConfig", &TopoPort::vlanPortConfig_));
     }
@@ -59,7 +59,7 @@ public:
     void topoPortDel(IntfId id) { delChild(topoPort_, id, "topoPort"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("topoPort", &Topo::topoPort_));
     }
 
@@ -79,7 +79,7 @@ public:
     void topoDel(const std::string& name) { delChild(topo_, name, "topo"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("topo", &TopoLibState::topo_));
     }
 

@@ -29,7 +29,7 @@ bool VlanPorts::refresh(VlanId vlan) {
 
 std::optional<VlanId> VlanPorts::vlanOf(const State::Change& change) {
     const auto* vlan = change.key<VlanId>();
-    if (vlan != nullptr && change.field == "vlanConfig") return *vlan;
+    if (vlan != nullptr && change.field == State::fieldName<Config>("vlanConfig")) return *vlan;
     // Of a VLAN, or of a member of one.
     for (const State::Entity* entity : {&change.entity, change.entity.parent()}) {
         if (const auto* config = dynamic_cast<const VlanConfig*>(entity)) return config->vlanId();

@@ -16,7 +16,7 @@ public:
     [[nodiscard]] Interface::Speed speedEnum() const { return speedEnum_; }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("speedEnum", &GivenSpeed::speedEnum_));
     }
 
@@ -31,7 +31,7 @@ public:
     [[nodiscard]] const State::Collection<IntfId, GivenSpeed>& intfStatus() const { return intfStatus_; }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("intfStatus", &GivenSpeeds::intfStatus_));
     }
 

@@ -18,7 +18,7 @@ public:
     void sourceIs(std::function<PortCounters()> source) { source_ = std::move(source); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         const auto counter = [](std::string_view name, std::uint64_t PortCounters::*which) {
             return State::derived<IntfPackets>(name, [which](const IntfPackets& record) {
                 return State::Value{record.source_ ? record.source_().*which : std::uint64_t{0}};
@@ -42,7 +42,7 @@ public:
     void intfDel(IntfId id) { delChild(intf_, id, "intf"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("intf", &PacketStatus::intf_));
     }
 

@@ -68,7 +68,7 @@ public:
     void ingressProblemIs(const std::string& v) { assign(ingressProblem_, v, "ingressProblem"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("shaper", &ShapingStatus::shaper_));
         each(State::scalar("why", &ShapingStatus::why_));
         each(State::scalar("ingressProblem", &ShapingStatus::ingressProblem_));
@@ -94,7 +94,7 @@ public:
     void shapingDel(IntfId id) { delChild(shaping_, id, "shaping"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         for (const auto& [name, ability] : abilityFields) {
             each(State::derived<CapabilityStatus>(name, [ability = ability](const CapabilityStatus& status) {
                 return State::Value{std::string{State::enumText(status.abilities_.*ability)}};

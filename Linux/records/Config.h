@@ -56,7 +56,7 @@ public:
     void ingressPriorityIs(bool v) { assign(ingressPriority_, v, "ingressPriority"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("bridge", &Config::bridge_));
         each(State::map("srVlan", &Config::srVlan_));
         each(State::scalar("groupProtocol", &Config::groupProtocol_, std::uint8_t{4}, std::uint8_t{255}));

@@ -54,7 +54,7 @@ public:
     void failedDel(const std::string& entry) { delEntry(failed_, entry, "failed"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("wanted", &GroupStatus::wanted_));
         each(State::scalar("programmed", &GroupStatus::programmed_));
         each(State::scalar("foreign", &GroupStatus::foreign_));

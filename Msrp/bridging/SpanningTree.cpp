@@ -85,7 +85,8 @@ void MsrpSm::topoPortIs(const std::string& name, IntfId intf) {
     TopoPortReactor& follower = topo.port[intf];
     follower.port = port;
     follower.reactor = port->react([this, name, intf](const State::Change& change) {
-        if (change.field == "state") handlePortState(name, intf);
+        if (change.field == State::fieldName<Bridging::Topology::TopoPort>("state"))
+            handlePortState(name, intf);
         if (const auto* vlan = change.key<VlanId>()) handleVlanPortConfig(name, intf, *vlan);
     });
 }

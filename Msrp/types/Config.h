@@ -22,7 +22,7 @@ public:
     void intfEnableDel(IntfId id) { delEntry(intfEnable_, id, "intfEnable"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::map("intfEnable", &Config::intfEnable_));
     }
 
@@ -81,7 +81,7 @@ public:
     void shapingDisabledIs(bool v) { assign(shapingDisabled_, v, "shapingDisabled"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         using C = CliConfig;
         each(State::map("srPvid", &C::srPvid_));
         each(State::scalar("defaultSrPvid", &C::defaultSrPvid_, U16{1}, U16{4094}));

@@ -59,7 +59,7 @@ public:
     void lvAllSentIs(bool v) { assign(lvAllSent_, v, "lvAllSent"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         using S = IntfStatus;
         each(State::scalar("creationTime", &S::creationTime_));
         each(State::scalar("linkStatus", &S::linkStatus_));
@@ -121,7 +121,7 @@ public:
     void registeredStreamsDel(U64 id) { delChild(registeredStreams_, id, "registeredStreams"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::scalar("msrpEnabled", &Status::msrpEnabled_));
         each(State::collection("intfStatus", &Status::intfStatus_));
         each(State::collection<State::HexKey>("registeredStreams", &Status::registeredStreams_));

@@ -112,7 +112,7 @@ public:
     void attributesFrom(const StreamData& other);
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         using S = StreamData;
         each(State::scalar("bandwidth", &S::bandwidth_));
         each(State::scalar("macDa", &S::macDa_));

@@ -59,7 +59,7 @@ public:
     [[nodiscard]] const std::map<U32, FailedStream>& entry() const { return entry_; }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::derivedEntries<FailedStreamQueue>(
             "failedStream", [](const FailedStreamQueue& q, const State::From& from, std::size_t most) {
                 return q.entries(from, most);
@@ -119,7 +119,7 @@ public:
     void macDaBlockedDelAll() { delChildren(macDaBlocked_, "macDaBlocked"); }
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::collection("bandwidthFailedIntf", &Waiting::bandwidthFailedIntf_));
         each(State::collection("macDaBlocked", &Waiting::macDaBlocked_));
     }

@@ -362,7 +362,7 @@ public:
     std::function<void()> read;
 
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(State::derivedEntries<Long>(
             "entry", [](const Long& r, const State::From& from, std::size_t most) {
                 State::Object some;

@@ -23,7 +23,7 @@ public:
     [[nodiscard]] Colour colour() const { return colour_; }
     void colourIs(Colour v) { assign(colour_, v, "colour"); }
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(scalar("colour", &Leaf::colour_));
     }
 
@@ -42,7 +42,7 @@ public:
     void leafDel(std::uint16_t k) { delChild(leaf_, k, "leaf"); }
     [[nodiscard]] const Collection<std::uint16_t, Leaf>& leaf() const { return leaf_; }
     template <class F>
-    static void fields(F&& each) {
+    static constexpr void fields(F&& each) {
         each(scalar("small", &Root::small_, std::uint8_t{0}, std::uint8_t{7}));
         each(map("flag", &Root::flag_));
         each(collection("leaf", &Root::leaf_));
