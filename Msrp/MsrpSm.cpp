@@ -244,6 +244,7 @@ void MsrpSm::refreshPorts() {
 void MsrpSm::dropWork() {
     chores_.clear();
     classWork_.clear();
+    seededDomains_.clear();
     domainDue_.clear();
     settleDue_.clear();
     forgetDue_.clear();

@@ -74,7 +74,7 @@ TEST(GroupMessage, IsReadFromAllKernels) {
     }
 }
 
-TEST(GroupWanted, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
+TEST(GroupWishes, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
     const auto record = std::make_shared<Bridging::Input::Config>();
     auto& config = *record;
     Linux::GroupWishes wishes{record};
@@ -147,7 +147,7 @@ TEST(GroupPlaces, GoToListenersFirstAndThenToPortsInEqualParts) {
     EXPECT_EQ(settled(0), "1 0 0 0") << "a group of others takes no place of ours";
 }
 
-TEST(GroupAnswer, SaysWhatToDo) {
+TEST(GroupReaction, SaysWhatToDo) {
     EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Bridge device is not running"}), GroupReaction::passing);
     EXPECT_EQ(Linux::reactionToAdd({ENODEV, ""}), GroupReaction::passing);
     EXPECT_EQ(Linux::reactionToDelete({EINVAL, ""}), GroupReaction::reread);
