@@ -10,6 +10,9 @@ namespace {
 class DataplaneTest : public PortsTest {};
 
 TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers need descriptors of their own, and take their absence for a wild pointer";
+#endif
     Namespace::ip("link add br0 up type bridge");
     Namespace::cable("p1", "p2");
     Namespace::ip("link set p1 master br0");
