@@ -267,10 +267,14 @@ bool MsrpSm::catchUpWithVlans(U16& next, unsigned& units) {
          vlan = streamsByVlan_.lower_bound(next)) {
         if (units == 0) return false;
         const unsigned before = spent_;
+        unsigned looked = 0;
         next = static_cast<U16>(vlan->first + 1);
         // One with a talker, for the report; without one there is nothing to withdraw.
-        const auto example = std::ranges::find_if(
-            vlan->second, [this](U64 id) { return static_cast<bool>(streamList(id)->ingressIntf()); });
+        const auto example = std::ranges::find_if(vlan->second, [&](U64 id) {
+            ++looked;
+            return static_cast<bool>(streamList(id)->ingressIntf());
+        });
+        units -= std::min(units, 1 + looked / 8);
         if (example == vlan->second.end()) continue;
         for (const IntfId intf : ports) {
             const TalkerFailureCode code = checkVlanConfig(intf, *example, vlan->first);
@@ -279,7 +283,7 @@ bool MsrpSm::catchUpWithVlans(U16& next, unsigned& units) {
             for (const SrClassId srClass : bothClasses)
                 deregisterSrClassStreams(intf, srClass, vlan->first, code);
         }
-        units -= std::min(units, 1 + cost / 4 + (spent_ - before));
+        units -= std::min(units, cost / 4 + (spent_ - before));
     }
     return true;
 }
