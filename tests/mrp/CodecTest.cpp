@@ -50,8 +50,6 @@ TEST(Codec, MalformedPartsAreLeftOutAndTheRestIsKept) {
         {"5 values, events of 1", "0004040009200506030002240000GOOD0000", "JoinIn 4/6; vectorPastEnd@5"},
         {"the same of a FourPacked type", "000308000e0004000000000000000524800000GOOD",
          "JoinIn 4/6; vectorPastEnd@5"},
-        {"good vector before that", "000404001000010502000224000406030002240000GOOD",
-         "JoinIn 4/5; JoinIn 4/6; vectorPastEnd@12"},
         {"good vector before it", "0004040012000105020002240010060300022400000000GOOD0000",
          "JoinIn 4/5; JoinIn 4/6; vectorPastEnd@12"},
         {"FourPacked missing", "000308000b0001000000000000000524GOOD", "JoinIn 4/6; vectorPastEnd@5"},

@@ -77,17 +77,3 @@ TEST(Port, CountsWhatItSendsAndReceives) {
     EXPECT_EQ(net.b.status->intf(b1)->rxPdus(), 2U);
     EXPECT_EQ(State::text(*net.b.status->fieldValue("intf", "b1/rxEvents/JoinMt")), "2");
 }
-
-TEST(Port, BaseSpanningTreeTopologyIsThatOfTheNativeVlan) {
-    Pair net;
-    auto& app = net.a.app;
-    net.a.stp->modeIs(Stp::Mode::Pvst);
-    EXPECT_EQ(app.baseSpanningTreeTopo(a1), "");
-    net.a.bridging->switchIntfConfigIs(a1)->nativeVlanIs(VlanId{10});
-    net.a.bridging->vlanConfigIs(VlanId{10});
-    EXPECT_EQ(app.baseSpanningTreeTopo(a1), "Vl10");
-    net.a.engine.reset();  // without one nothing happens
-    EXPECT_EQ(app.baseSpanningTreeTopo(a1), "");
-    EXPECT_EQ(app.periodicSm(), nullptr);
-    app.mrpSendAttribute({.intf = a1, .attributeType = 1, .request = Mrp::requestDeclare});
-}

@@ -38,10 +38,9 @@ protected:
         if (!net.made()) return;
         // Or else the hosts that live at the cables' ends would join groups of their own.
         std::ofstream{"/proc/sys/net/ipv6/conf/default/disable_ipv6"} << 1;
-        makeBridge();
         Namespace::cable("p1", "h1");
         Namespace::cable("p2", "h2");
-        join();
+        makeBridge();
         ASSERT_EQ(requests.kernel.open(), "");
         config->bridgeIs("br0");
         wanted->fdbConfigPriorityIs(1);
@@ -49,8 +48,8 @@ protected:
     }
     void TearDown() override { std::filesystem::remove_all(folder); }
 
-    static void makeBridge() { Namespace::ip("link add br0 up type bridge mcast_querier 0"); }
-    static void join() {
+    static void makeBridge() {
+        Namespace::ip("link add br0 up type bridge mcast_querier 0");
         Namespace::ip("link set p1 master br0");
         Namespace::ip("link set p2 master br0");
     }
@@ -62,11 +61,9 @@ protected:
         ASSERT_EQ(life->devices.start(), "");
         ASSERT_EQ(life->agent.start(marks), "");
     }
-    void want(unsigned n, const char* port, bool member = true) {
-        const auto group =
-            wanted->fdbConfigIs(VlanId{2})->ethGroupIs(EthAddr::fromNumber(0x91E0F0000000 + n));
-        group->intfIs(IntfId{port}, member);
-    }
+    static EthAddr address(unsigned n) { return EthAddr::fromNumber(0x91E0F0000000 + n); }
+    auto group(unsigned n) { return wanted->fdbConfigIs(VlanId{2})->ethGroupIs(address(n)); }
+    void want(unsigned n, const char* port, bool member = true) { group(n)->intfIs(IntfId{port}, member); }
     void wantMany(unsigned from, unsigned to, bool member = true) {
         for (unsigned n = from; n < to; ++n) want(n, "p1", member);
     }
@@ -90,9 +87,10 @@ protected:
         for (const auto& [name, owner] : found) text += Runtime::concat(text.empty() ? "" : " ", name, owner);
         return text;
     }
-    std::string tableUntil(const std::string& expected) {
-        loop.runUntil([&] { return table() == expected; }, 5s);
-        return table();
+    /// Runs until a text reads as expected; how it reads at last.
+    std::string until(const std::string& expected, const std::function<std::string()>& now) {
+        loop.runUntil([&] { return now() == expected; }, 8s);
+        return now();
     }
     /// As the reservation machine does: listeners are sent away on a refusal, and come again when it goes.
     void obeyRefusals() {
@@ -108,30 +106,19 @@ protected:
     }
     /// A group whose talker is behind p1, and which p2 may listen to.
     void announce(unsigned n, bool listened, const char* talker = "p1") {
-        const auto group =
-            wanted->fdbConfigIs(VlanId{2})->ethGroupIs(EthAddr::fromNumber(0x91E0F0000000 + n));
-        group->talkerIntfIs(IntfId{talker});
-        group->intfIs(IntfId{talker}, !listened);
-        group->intfIs(IntfId{"p2"}, listened);
+        group(n)->talkerIntfIs(IntfId{talker});
+        want(n, talker, !listened);
+        want(n, "p2", listened);
     }
-    /// Runs until so many groups go to listeners, and so many are refused.
-    std::string heard(std::size_t listened, std::size_t refused) {
-        std::size_t now = 0;
-        loop.runUntil(
-            [&] {
-                now = 0;
-                std::istringstream words{table()};
-                for (std::string word; words >> word;) now += word.ends_with("@p2") ? 1 : 0;
-                return now == listened && refusals->group().size() == refused;
-            },
-            8s);
-        return Runtime::concat(now, " and ", refusals->group().size());
+    /// How many groups go to listeners, and how many are refused.
+    std::string heard() {
+        std::istringstream words{table()};
+        int listened = 0;
+        for (std::string word; words >> word;) listened += word.ends_with("@p2") ? 1 : 0;
+        return Runtime::concat(listened, " and ", refusals->group().size());
     }
-    /// Runs until so many are programmed and so many failed.
-    std::string counts(std::size_t programmed, std::size_t failed) {
-        loop.runUntil([&] { return status->programmed() == programmed && status->missing() == failed; }, 5s);
-        return Runtime::concat(status->programmed(), " and ", status->missing());
-    }
+    /// How many are programmed, and how many failed.
+    std::string counts() { return Runtime::concat(status->programmed(), " and ", status->missing()); }
     [[nodiscard]] bool snooping() const {
         life->devices.readBridge(if_nametoindex("br0"));
         return life->devices.find("br0")->bridgeSettings->multicastSnooping;
@@ -140,8 +127,8 @@ protected:
         ASSERT_EQ(std::system(("bridge mdb " + arguments).c_str()), 0);
     }
     /// Lets happen what is on its way.
-    void settle() {
-        loop.runUntil([] { return false; }, 20ms);
+    void settle(Runtime::Duration span = 20ms) {
+        loop.runUntil([] { return false; }, span);
     }
 
     static std::string makeFolder() {
@@ -163,10 +150,10 @@ protected:
     std::unique_ptr<Life> life;
 };
 
-#define EXPECT_HEARD(listened, refused) EXPECT_EQ(heard(listened, refused), #listened " and " #refused)
-#define EXPECT_TABLE(text) EXPECT_EQ(tableUntil(text), text)
-#define EXPECT_COUNTS(programmed, missing) \
-    EXPECT_EQ(counts(programmed, missing), #programmed " and " #missing)
+#define EXPECT_UNTIL(text, now) EXPECT_EQ(until(text, [&] { return now; }), text)
+#define EXPECT_TABLE(text) EXPECT_UNTIL(text, table())
+#define EXPECT_HEARD(listened, refused) EXPECT_UNTIL(#listened " and " #refused, heard())
+#define EXPECT_COUNTS(made, missed) EXPECT_UNTIL(#made " and " #missed, counts())
 
 TEST_F(GroupAgentTest, TheTableFollowsTheRecordAndKeepsWhatIsAnothers) {
     mdb("add dev br0 port p2 grp 91:e0:f0:00:00:02 permanent");
@@ -187,7 +174,7 @@ TEST_F(GroupAgentTest, TheTableFollowsTheRecordAndKeepsWhatIsAnothers) {
     mdb("del dev br0 port p1 grp 91:e0:f0:00:00:02");
     mdb("add dev br0 port p1 grp 91:e0:f0:00:00:02 permanent");
     loop.runUntil([&] { return status->foreign() == 1; }, 5s);
-    loop.runUntil([] { return false; }, Linux::GroupAgent::grace);
+    settle(Linux::GroupAgent::grace);
     wanted->fdbConfigDel(VlanId{2});
     EXPECT_TABLE("02@p1/another 09@p2/another");
     want(1, "p1");
@@ -202,34 +189,18 @@ TEST_F(GroupAgentTest, TheTableFollowsTheRecordAndKeepsWhatIsAnothers) {
     EXPECT_EQ(complaints, "");
 }
 
-TEST_F(GroupAgentTest, AfterACrashWhatStaysHasNoGapAndTheRestGoes) {
+// That what stays has no gap meanwhile is for the end-to-end test to see.
+TEST_F(GroupAgentTest, AfterACrashOnlyWhatTheEarlierLifeMadeIsHeldBack) {
     want(1, "p1");
-    want(2, "p1");
-    EXPECT_COUNTS(2, 0);
+    EXPECT_COUNTS(1, 0);
     life.reset();
     wanted->fdbConfigDel(VlanId{2});
     begin();
-    bool gap = false;
-    const auto seen = [&](const std::string& expected) {
-        return loop.runUntil(
-            [&] {
-                const std::string now = table();
-                gap = gap || now.find("01@p1") == std::string::npos;
-                return now == expected;
-            },
-            Linux::GroupAgent::grace + 500ms);
-    };
-    want(3, "p1");
-    EXPECT_TRUE(seen("01@p1 02@p1 03@p1")) << table();
-    want(1, "p1");
-    // What this life made is not held back.
-    want(3, "p1", false);
-    EXPECT_TRUE(seen("01@p1 02@p1")) << table();
-    want(3, "p1");
-    EXPECT_TRUE(seen("01@p1 03@p1")) << table();
-    EXPECT_FALSE(gap);
-    life->agent.withdraw();
-    EXPECT_EQ(table(), "");
+    want(2, "p1");
+    EXPECT_TABLE("01@p1 02@p1");
+    want(2, "p1", false);
+    EXPECT_TRUE(loop.runUntil([&] { return table() == "01@p1"; }, Linux::GroupAgent::grace / 3)) << table();
+    EXPECT_TABLE("");
 }
 
 TEST_F(GroupAgentTest, WhenTheTableIsFullAllTheSameSnoopingComesBackAndRoomIsMade) {
@@ -267,16 +238,15 @@ TEST_F(GroupAgentTest, ListenersDisplaceTalkersAndWhoFindsNoRoomIsToldUntilThere
     EXPECT_HEARD(15, 0);
     for (unsigned n = 0; n < 15; ++n) announce(n, true);
     EXPECT_HEARD(20, 10);
-    EXPECT_EQ(refusals->group({VlanId{2}, EthAddr::fromNumber(0x91E0F0000005)})->why(),
-              "the bridge's multicast table is full");
+    EXPECT_EQ(refusals->group({VlanId{2}, address(5)})->why(), "the bridge's multicast table is full");
     // Another talker's port gets its share.
     for (unsigned n = 100; n < 104; ++n) announce(n, true, "p3");
     EXPECT_HEARD(20, 14);
     // Places that are freed go to those that were refused, the oldest first; one of them has gone.
-    wanted->fdbConfig(VlanId{2})->ethGroupDel(EthAddr::fromNumber(0x91E0F0000005));
+    wanted->fdbConfig(VlanId{2})->ethGroupDel(address(5));
     for (unsigned n = 100; n < 102; ++n) announce(n, false, "p3");
     EXPECT_HEARD(20, 11);
-    EXPECT_FALSE(refusals->group({VlanId{2}, EthAddr::fromNumber(0x91E0F0000006)}));
+    EXPECT_FALSE(refusals->group({VlanId{2}, address(6)}));
     Namespace::ip("link set br0 type bridge mcast_hash_max 128");
     EXPECT_HEARD(31, 0);
     EXPECT_TRUE(snooping());
@@ -284,18 +254,14 @@ TEST_F(GroupAgentTest, ListenersDisplaceTalkersAndWhoFindsNoRoomIsToldUntilThere
 
 TEST_F(GroupAgentTest, WhatTheKernelRefusesIsToldAndTriedAgain) {
     obeyRefusals();
-    int error = EPERM;
-    requests.refuse = [&](std::span<const std::byte> request) -> std::optional<Linux::NetlinkAnswer> {
-        const bool adds = reinterpret_cast<const nlmsghdr*>(request.data())->nlmsg_type == RTM_NEWMDB;
-        return adds && error != 0 ? std::optional{Linux::NetlinkAnswer{error, ""}} : std::nullopt;
-    };
+    requests.refuseAll(RTM_NEWMDB, EPERM);
     announce(1, true);
     announce(2, false);
     EXPECT_HEARD(0, 1);
-    error = 0;
+    requests.refuse = {};
     life->agent.audit(true);
     EXPECT_HEARD(1, 0);
-    error = ENOBUFS;
+    requests.refuseAll(RTM_NEWMDB, ENOBUFS);
     announce(3, true);
     EXPECT_HEARD(1, 0) << "it may pass";
     EXPECT_HEARD(1, 1) << "but it does not";
@@ -335,20 +301,14 @@ TEST_F(GroupAgentTest, AFloodOfReportsEndsSnoopingOnlyForAsLongAsItFillsTheTable
 }
 
 TEST_F(GroupAgentTest, NoPortBecomesAMulticastRoutersAndEachGetsItsRoleBack) {
-    const auto role = [&](const char* port, unsigned expected) {
-        unsigned now = 9;
-        loop.runUntil(
-            [&] {
-                life->devices.readBridge(if_nametoindex("br0"));
-                now = life->devices.find(port)->multicastRouter;
-                return now == expected;
-            },
-            1s);
-        return now;
+    const auto roles = [&] {
+        life->devices.readBridge(if_nametoindex("br0"));
+        return Runtime::concat("p1 ", life->devices.find("p1")->multicastRouter, ", p2 ",
+                               life->devices.find("p2")->multicastRouter);
     };
-    EXPECT_EQ(role("p1", 0), 0U);
+    EXPECT_UNTIL("p1 0, p2 0", roles());
     Namespace::ip("link set p1 type bridge_slave mcast_router 2");
-    EXPECT_EQ(role("p1", 0), 0U);
+    EXPECT_UNTIL("p1 0, p2 0", roles());
     begin();  // after a crash
     settle();
     std::vector<Linux::Leftover> found;
@@ -356,13 +316,12 @@ TEST_F(GroupAgentTest, NoPortBecomesAMulticastRoutersAndEachGetsItsRoleBack) {
     ASSERT_EQ(found.size(), 2U);
     EXPECT_EQ(found.front().device + ": " + found.front().what, "p1: mcast_router 0 instead of 2");
     life->agent.withdraw();
-    EXPECT_EQ(role("p1", 2), 2U);
-    EXPECT_EQ(role("p2", 1), 1U);
+    EXPECT_UNTIL("p1 2, p2 1", roles());
     EXPECT_EQ(found.back().remove(requests), "");
     config->routerPortsIs(true);
     begin();
     loop.runUntil([&] { return status->routerPorts().contains(IntfId{"p1"}); }, 5s);
-    EXPECT_EQ(role("p1", 2), 2U);
+    EXPECT_UNTIL("p1 2, p2 1", roles());
     EXPECT_EQ(status->routerPorts().size(), 1U);
 }
 
@@ -371,7 +330,7 @@ TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes
     want(2, "p1");
     EXPECT_TABLE("01@p1 02@p1");
     // The bridge is given up.
-    loop.runUntil([] { return false; }, Linux::GroupAgent::grace);
+    settle(Linux::GroupAgent::grace);
     // Nothing can be deleted while it is down.
     Namespace::ip("link set br0 down name br9");
     EXPECT_TRUE(
@@ -417,16 +376,10 @@ TEST_F(GroupAgentTest, PortsAndBridgesMayGoAndComeBack) {
     EXPECT_EQ(table(), "00@p2");
     Namespace::ip("link set p1 master br0");
     EXPECT_COUNTS(1001, 0);
-    Namespace::ip("link set p1 down name p7");
-    EXPECT_COUNTS(1, 0) << "the record knows no p7";
-    Namespace::ip("link set p7 name p1");
-    Namespace::ip("link set p1 up");
-    EXPECT_COUNTS(1001, 0);
     config->groupTableSizeIs(8192);
     Namespace::ip("link del br0");
     EXPECT_COUNTS(0, 0);
     makeBridge();
-    join();
     EXPECT_COUNTS(1001, 0);
     EXPECT_EQ(status->tableSize(), 8192U);
     EXPECT_EQ(complaints, "");
@@ -435,7 +388,7 @@ TEST_F(GroupAgentTest, PortsAndBridgesMayGoAndComeBack) {
 TEST_F(GroupAgentTest, WhatHappensUnheardIsReadAnew) {
     const auto bridge = if_nametoindex("br0");
     const auto member = [](unsigned n) {
-        return Linux::GroupMember{{EthAddr::fromNumber(0x91E0F0000000 + n), 0, {}}, if_nametoindex("p1")};
+        return Linux::GroupMember{{address(n), 0, {}}, if_nametoindex("p1")};
     };
     want(1, "p1");
     want(2, "p1");
@@ -452,7 +405,7 @@ TEST_F(GroupAgentTest, WhatHappensUnheardIsReadAnew) {
     EXPECT_TABLE("01@p1 02@p1");
 
     // Somebody is faster by a moment: adds what we add, deletes what we delete.
-    loop.runUntil([] { return false; }, Linux::GroupAgent::grace);
+    settle(Linux::GroupAgent::grace);
     bool done = false;
     requests.refuse = [&](std::span<const std::byte>) -> std::optional<Linux::NetlinkAnswer> {
         if (!std::exchange(done, true)) {
@@ -470,8 +423,7 @@ TEST_F(GroupAgentTest, WhatHappensUnheardIsReadAnew) {
 
 TEST_F(GroupAgentTest, AKernelThatMarksNothingIsServedWithAFile) {
     requests.refuse = [](std::span<const std::byte> request) -> std::optional<Linux::NetlinkAnswer> {
-        const bool marked = request.size() == Linux::groupAdd(1, {}, 78).bytes().size();
-        if (!marked) return std::nullopt;
+        if (request.size() != Linux::groupAdd(1, {}, 78).bytes().size()) return std::nullopt;
         return Linux::NetlinkAnswer{EINVAL, "Unknown attribute type"};
     };
     marks = Linux::Ability::absent;
@@ -481,7 +433,7 @@ TEST_F(GroupAgentTest, AKernelThatMarksNothingIsServedWithAFile) {
     EXPECT_COUNTS(2, 0);
     EXPECT_EQ(table(), "01@p1/another 02@p1/another 09@p2/another");
     begin();
-    wanted->fdbConfig(VlanId{2})->ethGroupDel(EthAddr::fromNumber(0x91E0F0000001));
+    wanted->fdbConfig(VlanId{2})->ethGroupDel(address(1));
     EXPECT_TABLE("02@p1/another 09@p2/another");
     life->agent.withdraw();
     EXPECT_EQ(table(), "09@p2/another");
@@ -495,11 +447,11 @@ TEST_F(GroupAgentTest, AnAuditNamesWhatDiffersAndRepairsIt) {
         ->intfIs(IntfId{"p1"}, true);
     EXPECT_COUNTS(2, 1);
     EXPECT_EQ(life->agent.audit(false).size(), 1U);
-    loop.runUntil([] { return false; }, Linux::GroupAgent::grace);
+    settle(Linux::GroupAgent::grace);
     complaints.clear();
     mdb("del dev br0 port p1 grp 91:e0:f0:00:00:01");
     // As an earlier life of ours might.
-    const Linux::GroupMember stale{{EthAddr::fromNumber(0x91E0F0000001), 0, {}}, if_nametoindex("p2")};
+    const Linux::GroupMember stale{{address(1), 0, {}}, if_nametoindex("p2")};
     EXPECT_TRUE(requests.carryOut(Linux::groupAdd(if_nametoindex("br0"), stale, 78)));
     Namespace::ip("link set br0 type bridge mcast_snooping 0");
     std::string all;
