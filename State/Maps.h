@@ -73,40 +73,15 @@ private:
     std::vector<Item> items_;
 };
 
-/// Records by key.  Constant access hands out pointers to constant records.
-template <class K, class E>
-class Collection {
+/// The records of a collection, whatever their class: compiled once for each type of key.
+template <class K>
+class Children {
 public:
-    Collection() = default;
-    Collection(const Collection&) = delete;
-    Collection& operator=(const Collection&) = delete;
-    ~Collection() {
+    Children() = default;
+    Children(const Children&) = delete;
+    Children& operator=(const Children&) = delete;
+    ~Children() {
         for (auto& [key, entity] : items_) Ownership::parentIs(*entity, nullptr);
-    }
-
-    [[nodiscard]] std::shared_ptr<const E> get(const K& key) const {
-        const auto at = items_.find(key);
-        return at == items_.end() ? nullptr : at->second;
-    }
-    [[nodiscard]] std::shared_ptr<E> get(const K& key) {
-        const auto at = items_.find(key);
-        return at == items_.end() ? nullptr : at->second;
-    }
-    /// Takes `entity` in under `key`, in place of what was there.
-    void put(const K& key, std::shared_ptr<E> entity, Entity* owner) {
-        Ownership::parentIs(*entity, owner);
-        auto& held = items_[key];
-        if (held && held != entity) Ownership::parentIs(*held, nullptr);
-        held = std::move(entity);
-    }
-    /// The removed record, or null.
-    std::shared_ptr<E> erase(const K& key) {
-        const auto at = items_.find(key);
-        if (at == items_.end()) return nullptr;
-        std::shared_ptr<E> entity = std::move(at->second);
-        items_.erase(at);
-        Ownership::parentIs(*entity, nullptr);
-        return entity;
     }
 
     [[nodiscard]] bool contains(const K& key) const { return items_.contains(key); }
@@ -124,14 +99,52 @@ public:
         const auto at = items_.upper_bound(key);
         return at == items_.end() ? std::nullopt : std::optional<K>{at->first};
     }
+
+protected:
+    [[nodiscard]] const std::shared_ptr<Entity>* find(const K& key) const {
+        const auto at = items_.find(key);
+        return at == items_.end() ? nullptr : &at->second;
+    }
+    void put(const K& key, std::shared_ptr<Entity> entity, Entity* owner) {
+        Ownership::parentIs(*entity, owner);
+        auto& held = items_[key];
+        if (held && held != entity) Ownership::parentIs(*held, nullptr);
+        held = std::move(entity);
+    }
+    std::shared_ptr<Entity> take(const K& key) {
+        const auto at = items_.find(key);
+        if (at == items_.end()) return nullptr;
+        std::shared_ptr<Entity> entity = std::move(at->second);
+        items_.erase(at);
+        Ownership::parentIs(*entity, nullptr);
+        return entity;
+    }
+    std::map<K, std::shared_ptr<Entity>> items_;
+};
+
+/// Records by key.  Constant access hands out pointers to constant records.
+template <class K, class E>
+class Collection : public Children<K> {
+public:
+    [[nodiscard]] std::shared_ptr<const E> get(const K& key) const {
+        const auto* held = this->find(key);
+        return held != nullptr ? std::static_pointer_cast<const E>(*held) : nullptr;
+    }
+    [[nodiscard]] std::shared_ptr<E> get(const K& key) {
+        const auto* held = this->find(key);
+        return held != nullptr ? std::static_pointer_cast<E>(*held) : nullptr;
+    }
+    /// Takes `entity` in under `key`, in place of what was there.
+    void put(const K& key, std::shared_ptr<E> entity, Entity* owner) {
+        Children<K>::put(key, std::move(entity), owner);
+    }
+    /// The removed record, or null.
+    std::shared_ptr<E> erase(const K& key) { return std::static_pointer_cast<E>(this->take(key)); }
     /// Calls `visit(key, record)` for all; `visit` must not add or remove entries.
     template <class F>
     void each(F&& visit) const {
-        for (const auto& [key, entity] : items_) visit(key, static_cast<const E&>(*entity));
+        for (const auto& [key, entity] : this->items_) visit(key, static_cast<const E&>(*entity));
     }
-
-private:
-    std::map<K, std::shared_ptr<E>> items_;
 };
 
 }  // namespace State

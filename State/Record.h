@@ -322,74 +322,22 @@ consteval std::string_view fieldName(std::string_view name) {
     return name;
 }
 
+/// What stands below is not `inline`: a record is compiled once, where its room says `template class
+/// State::Record<...>`, and every other source file is spared it.
 template <class R>
 class Record : public Entity {
 public:
-    [[nodiscard]] std::string_view typeName() const override { return R::type; }
-
-    void visit(FieldVisitor& visitor) const override {
-        R::fields([&](const auto& field) { visitor.field(field.name, field.type(), field.read(self())); });
-    }
+    [[nodiscard]] std::string_view typeName() const override;
+    void visit(FieldVisitor& visitor) const override;
     [[nodiscard]] std::optional<Value> fieldValue(std::string_view name,
-                                                  std::string_view rest) const override {
-        std::optional<Value> found;
-        R::fields([&](const auto& field) {
-            if (field.name == name) found = field.entry(self(), rest);
-        });
-        return found;
-    }
-    [[nodiscard]] Piece nextPiece(Place& place) const override {
-        Piece piece;
-        std::size_t number = 0;
-        const std::size_t wanted = place.field;
-        R::fields([&](const auto& field) {
-            if (number++ == wanted) piece = field.next(field, self(), place);
-        });
-        return piece;
-    }
-    [[nodiscard]] std::optional<std::size_t> longField(std::string_view name) const override {
-        std::optional<std::size_t> found;
-        std::size_t number = 0;
-        R::fields([&](const auto& field) {
-            if (field.isLong && field.name == name) found = number;
-            ++number;
-        });
-        return found;
-    }
-    [[nodiscard]] bool hasLongField() const override {
-        bool any = false;
-        R::fields([&](const auto& field) { any = any || field.isLong; });
-        return any;
-    }
-    [[nodiscard]] bool hasField(std::string_view name) const override {
-        bool found = false;
-        R::fields([&](const auto& field) { found = found || field.name == name; });
-        return found;
-    }
+                                                  std::string_view rest) const override;
+    [[nodiscard]] Piece nextPiece(Place& place) const override;
+    [[nodiscard]] std::optional<std::size_t> longField(std::string_view name) const override;
+    [[nodiscard]] bool hasLongField() const override;
+    [[nodiscard]] bool hasField(std::string_view name) const override;
     [[nodiscard]] std::shared_ptr<const Entity> child(std::string_view name,
-                                                      std::string_view key) const override {
-        std::shared_ptr<const Entity> found;
-        R::fields([&](const auto& field) {
-            if (field.name == name) found = field.child(self(), key);
-        });
-        return found;
-    }
-    [[nodiscard]] MaybeProblem check(const Value& patch) const override {
-        const Object* members = patch.object();
-        if (members == nullptr) return badValue(patch, "an object");
-        for (const auto& [name, value] : *members) {
-            bool known = false;
-            MaybeProblem problem;
-            R::fields([&, &fieldName = name, &fieldValue = value](const auto& field) {
-                if (field.name != fieldName) return;
-                known = true;
-                problem = field.check(self(), fieldValue);
-            });
-            if (!known) return Problem{"", "no field \"" + name + "\" in " + std::string{R::type}};
-            if (problem) return problem->below(name);
-        }
-        return std::nullopt;
-    }
+                                                      std::string_view key) const override;
+    [[nodiscard]] MaybeProblem check(const Value& patch) const override;
 
 protected:
     template <class K, class V>
@@ -432,15 +380,100 @@ protected:
 
 private:
     friend struct Notify;
-    void write(const Value& patch) override {
-        for (const auto& [name, value] : *patch.object()) {
-            R::fields([&, &fieldName = name, &fieldValue = value](const auto& field) {
-                if (field.name == fieldName) field.write(self(), fieldValue);
-            });
-        }
-    }
+    void write(const Value& patch) override;
     [[nodiscard]] const R& self() const { return static_cast<const R&>(*this); }
     [[nodiscard]] R& self() { return static_cast<R&>(*this); }
 };
+
+template <class R>
+std::string_view Record<R>::typeName() const {
+    return R::type;
+}
+
+template <class R>
+void Record<R>::visit(FieldVisitor& visitor) const {
+    R::fields([&](const auto& field) { visitor.field(field.name, field.type(), field.read(self())); });
+}
+
+template <class R>
+std::optional<Value> Record<R>::fieldValue(std::string_view name, std::string_view rest) const {
+    std::optional<Value> found;
+    R::fields([&](const auto& field) {
+        if (field.name == name) found = field.entry(self(), rest);
+    });
+    return found;
+}
+
+template <class R>
+Piece Record<R>::nextPiece(Place& place) const {
+    Piece piece;
+    std::size_t number = 0;
+    const std::size_t wanted = place.field;
+    R::fields([&](const auto& field) {
+        if (number++ == wanted) piece = field.next(field, self(), place);
+    });
+    return piece;
+}
+
+template <class R>
+std::optional<std::size_t> Record<R>::longField(std::string_view name) const {
+    std::optional<std::size_t> found;
+    std::size_t number = 0;
+    R::fields([&](const auto& field) {
+        if (field.isLong && field.name == name) found = number;
+        ++number;
+    });
+    return found;
+}
+
+template <class R>
+bool Record<R>::hasLongField() const {
+    bool any = false;
+    R::fields([&](const auto& field) { any = any || field.isLong; });
+    return any;
+}
+
+template <class R>
+bool Record<R>::hasField(std::string_view name) const {
+    bool found = false;
+    R::fields([&](const auto& field) { found = found || field.name == name; });
+    return found;
+}
+
+template <class R>
+std::shared_ptr<const Entity> Record<R>::child(std::string_view name, std::string_view key) const {
+    std::shared_ptr<const Entity> found;
+    R::fields([&](const auto& field) {
+        if (field.name == name) found = field.child(self(), key);
+    });
+    return found;
+}
+
+template <class R>
+MaybeProblem Record<R>::check(const Value& patch) const {
+    const Object* members = patch.object();
+    if (members == nullptr) return badValue(patch, "an object");
+    for (const auto& [name, value] : *members) {
+        bool known = false;
+        MaybeProblem problem;
+        R::fields([&, &fieldName = name, &fieldValue = value](const auto& field) {
+            if (field.name != fieldName) return;
+            known = true;
+            problem = field.check(self(), fieldValue);
+        });
+        if (!known) return Problem{"", "no field \"" + name + "\" in " + std::string{R::type}};
+        if (problem) return problem->below(name);
+    }
+    return std::nullopt;
+}
+
+template <class R>
+void Record<R>::write(const Value& patch) {
+    for (const auto& [name, value] : *patch.object()) {
+        R::fields([&, &fieldName = name, &fieldValue = value](const auto& field) {
+            if (field.name == fieldName) field.write(self(), fieldValue);
+        });
+    }
+}
 
 }  // namespace State
