@@ -3,15 +3,15 @@
 namespace Control {
 
 namespace {
-constexpr std::string_view digits = "0123456789abcdef";
+constexpr std::string_view hexDigits = "0123456789abcdef";
 }  // namespace
 
 std::string hexOctets(std::span<const std::uint8_t> octets) {
     std::string text;
     text.reserve(2 * octets.size());
     for (const std::uint8_t octet : octets) {
-        text += digits[octet >> 4U];
-        text += digits[octet & 0xFU];
+        text += hexDigits[octet >> 4U];
+        text += hexDigits[octet & 0xFU];
     }
     return text;
 }
@@ -20,8 +20,8 @@ std::optional<std::vector<std::uint8_t>> parseHexOctets(std::string_view text) {
     std::vector<std::uint8_t> octets;
     octets.reserve(text.size() / 2);
     for (; text.size() >= 2; text.remove_prefix(2)) {
-        const std::size_t high = digits.find(text[0]);
-        const std::size_t low = digits.find(text[1]);
+        const std::size_t high = hexDigits.find(text[0]);
+        const std::size_t low = hexDigits.find(text[1]);
         if (high == std::string_view::npos || low == std::string_view::npos) return std::nullopt;
         octets.push_back(static_cast<std::uint8_t>(high << 4U | low));
     }

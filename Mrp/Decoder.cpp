@@ -1,15 +1,14 @@
 #include "Mrp/Decoder.h"
 
+#include "Mrp/PduLayout.h"
+
 #include <algorithm>
 
 namespace Mrp {
 
 namespace {
 
-constexpr std::uint16_t leaveAllUnit = 8192;
 constexpr std::uint8_t threePackedLimit = 6 * 6 * 6;
-constexpr std::size_t endMarkLength = 2;
-constexpr std::size_t messageHeaderLength = 4;
 
 /// Reads big-endian fields front to back.  A read past the end gives zeros, empties the reader and clears
 /// ok(): loops end, and nothing outside the PDU is touched.

@@ -7,10 +7,6 @@
 namespace Mrp {
 
 namespace {
-constexpr std::size_t endMarkLength = 2;
-constexpr std::size_t messageHeaderLength = 4;
-constexpr std::size_t vectorHeaderLength = 2;
-constexpr std::size_t leaveAllUnit = 8192;
 constexpr std::size_t maxVectorValues = leaveAllUnit - 1;
 
 std::span<const std::uint8_t> octetsOf(const AttributeValue& value, const AttributeType& type) {

@@ -5,6 +5,7 @@
 #include "Mrp/Application.h"
 #include "Mrp/Decoder.h"
 #include "Mrp/Events.h"
+#include "Mrp/PduLayout.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,9 +13,6 @@
 #include <vector>
 
 namespace Mrp {
-
-/// Longest MRPDU; there is no fragmentation.
-inline constexpr std::size_t maxPduLength = 1500;
 
 class PduWriter {
 public:
@@ -34,7 +32,6 @@ public:
     std::span<const std::uint8_t> finish();
 
 private:
-    static constexpr std::size_t versionLength = 1;
     static constexpr std::size_t noType = SIZE_MAX;
 
     [[nodiscard]] const AttributeType& type(std::size_t index) const { return application_.types[index]; }

@@ -12,7 +12,6 @@ constexpr std::string_view agentName = "Msrp";
 constexpr std::string_view redundancyPath = "redundancy/status";
 /// Weights of the agent's requests against other agents' while it is active.
 constexpr std::uint32_t fdbPriority = 100;
-constexpr std::uint32_t qosPriority = 85;
 
 /// Writes the attribute log into the ring log, which always takes more.
 Mrp::MrpAttrLogSm::Sink ringLogSink(Runtime::RingLog& ringLog) {
@@ -159,8 +158,8 @@ void Agent::handleStandbyMode() {
     if (!standbyMode_) {
         brMsrpConfig_->fdbConfigPriorityIs(fdbPriority);
         qosMsrpConfig_->agentNameIs(std::string{agentName});
-        qosMsrpConfig_->configPriorityIs(qosPriority);
-        qosMsrpConfig_->intfConfigPriorityIs(qosPriority);
+        qosMsrpConfig_->configPriorityIs(MsrpSm::qosPriority);
+        qosMsrpConfig_->intfConfigPriorityIs(MsrpSm::qosPriority);
         msrpSm_->doSetCosToTcMap();
     }
     mrpSm_->standbyModeIs(standbyMode_);

@@ -55,6 +55,9 @@ class MsrpDeletionSm;
 
 class MsrpSm {
 public:
+    /// Weight of the agent's settings in the switch's quality of service while it runs.
+    static constexpr std::uint32_t qosPriority = 85;
+
     struct Inputs {
         std::shared_ptr<const CliConfig> cliConfig;
         std::shared_ptr<const Config> config;

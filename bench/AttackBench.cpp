@@ -397,7 +397,7 @@ constexpr Case cases[] = {
      }},
 };
 
-const bool registered = [] {
+const bool attackBenches = [] {
     const auto once = [](benchmark::internal::Benchmark* bench) {
         return bench->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
     };

@@ -50,7 +50,7 @@ void decode(benchmark::State& state, std::uint8_t type, Spacing spacing) {
     state.counters["perAttribute"] = Bench::timeEach(count);
 }
 
-[[maybe_unused]] const bool registered = [] {
+[[maybe_unused]] const bool codecBenches = [] {
     struct Named {
         const char* name;
         std::uint8_t type;

@@ -92,15 +92,15 @@ private:
                                    .standbyMode = false}};
 };
 
-constexpr std::uint8_t type = Msrp::typeTalkerAdvertise;
+constexpr std::uint8_t advertise = Msrp::typeTalkerAdvertise;
 
 /// One life of N attributes that a peer declares; each stage is measured.
 enum class Stage : std::uint8_t { join, repeat, leaveAllRound, leave };
 
 void registered(benchmark::State& state, Stage stage, Spacing spacing) {
     const auto count = static_cast<std::size_t>(state.range(0));
-    const auto joins = Bench::join(type, 0, count, spacing);
-    const auto leaves = Bench::events(type, Mrp::Event::Lv, 0, count, spacing);
+    const auto joins = Bench::join(advertise, 0, count, spacing);
+    const auto leaves = Bench::events(advertise, Mrp::Event::Lv, 0, count, spacing);
     for ([[maybe_unused]] auto turn : state) {
         Engine engine;
         std::array<double, 4> took{};
@@ -133,7 +133,7 @@ void declared(benchmark::State& state, bool leaveAll, Spacing spacing) {
     for ([[maybe_unused]] auto turn : state) {
         Engine engine;
         const double declaring = secondsOf([&] {
-            engine.declare(type, count, spacing);
+            engine.declare(advertise, count, spacing);
             engine.loop.runFor(1ms);
         });
         frames = static_cast<double>(engine.frames());
@@ -147,10 +147,10 @@ void declared(benchmark::State& state, bool leaveAll, Spacing spacing) {
     state.counters["perAttribute"] = Bench::timeEach(count);
     if (leaveAll) return;
     state.counters["frames"] = frames;
-    state.counters["least"] = static_cast<double>(Bench::leastFrames(type, count, spacing));
+    state.counters["least"] = static_cast<double>(Bench::leastFrames(advertise, count, spacing));
 }
 
-[[maybe_unused]] const bool benches = [] {
+[[maybe_unused]] const bool engineBenches = [] {
     const auto add = [](const std::string& name, auto body) {
         for (const Spacing spacing : {Spacing::consecutive, Spacing::scattered}) {
             const std::string full = name + (spacing == Spacing::consecutive ? "/packed" : "/scattered");

@@ -9,8 +9,6 @@ namespace {
 
 using Bench::Spacing;
 
-const std::size_t streams = Bench::many(16'000);
-
 /// The log that the simulated bridge keeps is no part of the agent.
 double heapInUse(Bench::StreamSwitch& device) {
     device.bridge().logClear();
@@ -25,6 +23,7 @@ struct Use {
 };
 
 Use use(std::size_t ports) {
+    const std::size_t streams = Bench::many(16'000);
     const auto talkers = Bench::join(Msrp::typeTalkerAdvertise, 0, streams, Spacing::scattered);
     const auto listeners = Bench::join(Msrp::typeListener, 0, streams, Spacing::scattered);
     Bench::StreamSwitch device{ports};

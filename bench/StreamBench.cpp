@@ -14,12 +14,12 @@ using Bench::secondsOf;
 using Bench::Spacing;
 using Bench::StreamSwitch;
 
-constexpr std::size_t portCount = 8;
+constexpr std::size_t allPorts = 8;
 constexpr std::size_t talkerPort = 0;
 constexpr std::size_t listenerPort = 1;
 
 bool advertised(const StreamSwitch& device, std::size_t count) {
-    for (std::size_t port = talkerPort + 1; port < portCount; ++port) {
+    for (std::size_t port = talkerPort + 1; port < allPorts; ++port) {
         if (device.declared(port, Msrp::typeTalkerAdvertise) != count) return false;
     }
     return true;
@@ -51,7 +51,7 @@ void propagate(benchmark::State& state, Spacing spacing) {
     const auto streams = Bench::many(static_cast<std::size_t>(state.range(0)));
     const auto pdus = Bench::join(Msrp::typeTalkerAdvertise, 0, streams, spacing);
     for ([[maybe_unused]] auto turn : state) {
-        StreamSwitch device{portCount};
+        StreamSwitch device{allPorts};
         const auto seconds = secondsUntil(device, talkerPort, pdus, advertised, streams);
         if (!seconds) return state.SkipWithError("not every stream was declared on every port");
         state.SetIterationTime(*seconds);
@@ -64,7 +64,7 @@ void settle(benchmark::State& state, Spacing spacing) {
     const auto streams = Bench::many(static_cast<std::size_t>(state.range(0)));
     const auto pdus = Bench::join(Msrp::typeTalkerAdvertise, 0, streams, spacing);
     for ([[maybe_unused]] auto turn : state) {
-        StreamSwitch device{portCount};
+        StreamSwitch device{allPorts};
         (void)secondsUntil(device, talkerPort, pdus, advertised, streams);
         state.SetIterationTime(secondsOf([&] { device.settle(); }));
         if (device.bridge().status->registeredStreams().size() != streams)
@@ -78,7 +78,7 @@ void reserve(benchmark::State& state, Spacing spacing) {
     const auto talkers = Bench::join(Msrp::typeTalkerAdvertise, 0, streams, spacing);
     const auto listeners = Bench::join(Msrp::typeListener, 0, streams, spacing);
     for ([[maybe_unused]] auto turn : state) {
-        StreamSwitch device{portCount};
+        StreamSwitch device{allPorts};
         device.hear(talkerPort, talkers);
         device.settle();
         const auto seconds = secondsUntil(device, listenerPort, listeners, listened, streams);
@@ -92,7 +92,7 @@ void reserve(benchmark::State& state, Spacing spacing) {
 /// One stream at a time, while so many are there.
 void oneMore(benchmark::State& state, Spacing spacing) {
     const auto streams = Bench::many(static_cast<std::size_t>(state.range(0)));
-    StreamSwitch device{portCount};
+    StreamSwitch device{allPorts};
     device.hear(talkerPort, Bench::join(Msrp::typeTalkerAdvertise, 0, streams, spacing));
     device.settle();
     std::size_t next = streams;
@@ -105,7 +105,7 @@ void oneMore(benchmark::State& state, Spacing spacing) {
     }
 }
 
-void many(benchmark::internal::Benchmark* bench) {
+void manyStreams(benchmark::internal::Benchmark* bench) {
     bench->Arg(1000)
         ->Arg(16'000)
         ->UseManualTime()
@@ -120,12 +120,12 @@ void single(benchmark::internal::Benchmark* bench) {
         ->Iterations(Bench::isShort() ? 3 : 300);
 }
 
-BENCHMARK_CAPTURE(propagate, consecutive, Spacing::consecutive)->Apply(many);
-BENCHMARK_CAPTURE(propagate, scattered, Spacing::scattered)->Apply(many);
-BENCHMARK_CAPTURE(settle, consecutive, Spacing::consecutive)->Apply(many);
-BENCHMARK_CAPTURE(settle, scattered, Spacing::scattered)->Apply(many);
-BENCHMARK_CAPTURE(reserve, consecutive, Spacing::consecutive)->Apply(many);
-BENCHMARK_CAPTURE(reserve, scattered, Spacing::scattered)->Apply(many);
+BENCHMARK_CAPTURE(propagate, consecutive, Spacing::consecutive)->Apply(manyStreams);
+BENCHMARK_CAPTURE(propagate, scattered, Spacing::scattered)->Apply(manyStreams);
+BENCHMARK_CAPTURE(settle, consecutive, Spacing::consecutive)->Apply(manyStreams);
+BENCHMARK_CAPTURE(settle, scattered, Spacing::scattered)->Apply(manyStreams);
+BENCHMARK_CAPTURE(reserve, consecutive, Spacing::consecutive)->Apply(manyStreams);
+BENCHMARK_CAPTURE(reserve, scattered, Spacing::scattered)->Apply(manyStreams);
 BENCHMARK_CAPTURE(oneMore, scattered, Spacing::scattered)->Apply(single);
 
 }  // namespace

@@ -10,7 +10,7 @@ namespace Linux {
 
 namespace {
 
-constexpr std::chrono::seconds secondLook{1};
+constexpr std::chrono::seconds secondReading{1};
 
 bool filtersVlans(const Device& device) {
     return device.bridgeSettings && device.bridgeSettings->vlanFiltering;
@@ -108,7 +108,7 @@ std::string BridgeAgent::readVlans() {
             if (const auto vlans = decodeVlans(message)) enter(table, *vlans);
         });
     if (!answer) {
-        settle_.armIn(secondLook);
+        settle_.armIn(secondReading);
         return Runtime::concat("cannot read its VLANs: ", answer.problem());
     }
     vlans_ = std::move(table);

@@ -11,13 +11,13 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <linux/if.h>
 #include <linux/if_bridge.h>
 #include <linux/if_ether.h>
 #include <linux/if_link.h>
 #include <linux/pkt_cls.h>
 #include <linux/rtnetlink.h>
 #include <linux/veth.h>
+#include <net/if.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -31,8 +31,8 @@ namespace {
 
 /// Of a fresh namespace: its loopback, which has one transmit queue.
 constexpr unsigned loopback = 1;
-constexpr unsigned bridge = 10;
-constexpr unsigned port = 11;
+constexpr unsigned triedBridge = 10;
+constexpr unsigned triedPort = 11;
 constexpr std::uint16_t anyMajor = 0x100;
 /// A group owner that is none of the kernel's own.
 constexpr std::uint8_t anyOwner = 78;
@@ -109,13 +109,13 @@ private:
     }
 
     void bridges(Abilities& found) {
-        if (!made("bridge", bridge, "br", 0, [](NetlinkMessage&) {})) {
+        if (!made("bridge", triedBridge, "br", 0, [](NetlinkMessage&) {})) {
             found.vlanFiltering = found.groups = found.groupOwner = Ability::absent;
             return;
         }
         // On a bridge without ports, whose groups have no VLANs afterwards either.
         found.vlanFiltering = abilityIf(vlanFiltering(1) && vlanFiltering(0));
-        const bool ready = made("veth", port, "p", bridge, [](NetlinkMessage& data) {
+        const bool ready = made("veth", triedPort, "p", triedBridge, [](NetlinkMessage& data) {
             data.nest(VETH_INFO_PEER,
                       [](NetlinkMessage& peer) { peer.part(ifinfomsg{}).text(IFLA_IFNAME, "q"); });
         });
@@ -128,9 +128,9 @@ private:
     bool group(std::uint8_t owner) {
         br_port_msg table{};
         table.family = AF_BRIDGE;
-        table.ifindex = bridge;
+        table.ifindex = triedBridge;
         br_mdb_entry entry{};
-        entry.ifindex = port;
+        entry.ifindex = triedPort;
         entry.state = MDB_PERMANENT;
         entry.addr.u.mac_addr[0] = 0x91;
         NetlinkMessage request{RTM_NEWMDB, requestAdd};
@@ -144,7 +144,7 @@ private:
 
     bool vlanFiltering(std::uint8_t on) {
         ifinfomsg info{};
-        info.ifi_index = static_cast<int>(bridge);
+        info.ifi_index = static_cast<int>(triedBridge);
         NetlinkMessage request{RTM_NEWLINK, requestAck};
         request.part(info).nest(IFLA_LINKINFO, [&](NetlinkMessage& m) {
             m.text(IFLA_INFO_KIND, "bridge").nest(IFLA_INFO_DATA, [&](NetlinkMessage& data) {

@@ -10,8 +10,8 @@ namespace Linux {
 namespace {
 
 /// What the kernel says of a port or a bridge that is just changing.
-constexpr std::array<std::string_view, 3> passing{"not a bridge port", "not running",
-                                                  "processing is disabled"};
+constexpr std::array<std::string_view, 3> passingReasons{"not a bridge port", "not running",
+                                                         "processing is disabled"};
 
 }  // namespace
 
@@ -25,7 +25,7 @@ GroupReaction reactionToAdd(const NetlinkAnswer& answer) {
             return GroupReaction::full;
         case EINVAL:
             if (answer.text == "Unknown attribute type") return GroupReaction::unmarked;
-            return std::ranges::any_of(passing,
+            return std::ranges::any_of(passingReasons,
                                        [&](auto part) { return answer.text.find(part) != answer.text.npos; })
                        ? GroupReaction::passing
                        : GroupReaction::refused;

@@ -16,7 +16,7 @@ namespace {
 
 /// For so long one call may hold the loop, and by so many requests it may miss that.
 constexpr std::chrono::milliseconds turnShare{5};
-constexpr std::size_t batchSize = 128;
+constexpr std::size_t requestsPerBatch = 128;
 /// Refusals that are told at once: each makes the reservation machine act.
 constexpr std::size_t refusalsAtOnce = 32;
 /// What does not last for so long is not worth a line.
@@ -77,20 +77,20 @@ void GroupAgent::publish(Runtime::Time begin) {
 GroupAgent::Batch GroupAgent::nextBatch() {
     Batch batch;
     // What needs no request costs little, but not nothing.
-    for (std::size_t looked = 0; !marked_.empty() && looked < 4 * batchSize; ++looked) {
+    for (std::size_t looked = 0; !marked_.empty() && looked < 4 * requestsPerBatch; ++looked) {
         const EthAddr mac = marked_.extract(marked_.begin()).value();
         auto& wishes = batch.wishes[mac] = wishes_.of(mac, view_);
         looked += wishes.size();
         claim(mac, wishes);
     }
-    const auto moved = places_.settle(capacity(), batchSize);
-    unsettled_ = moved.size() >= batchSize;
+    const auto moved = places_.settle(capacity(), requestsPerBatch);
+    unsettled_ = moved.size() >= requestsPerBatch;
     for (const Group& group : moved) {
         if (!batch.wishes.contains(group.mac)) marked_.insert(group.mac);
     }
     std::size_t places = freePlaces();
     for (auto at = batch.wishes.begin(); at != batch.wishes.end();) {
-        if (batch.adds.size() + batch.deletes.size() < batchSize) {
+        if (batch.adds.size() + batch.deletes.size() < requestsPerBatch) {
             decide(at->first, batch, places);
             ++at;
         } else {

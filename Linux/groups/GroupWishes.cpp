@@ -5,7 +5,6 @@
 
 namespace Linux {
 
-using Bridging::Input::Config;
 using Bridging::Input::EthGroup;
 using Bridging::Input::FdbConfig;
 
@@ -23,7 +22,7 @@ BridgeView bridgeView(const DeviceTable& devices, std::string_view bridge) {
     return view;
 }
 
-GroupWishes::GroupWishes(std::shared_ptr<const Config> config) : config_{std::move(config)} {
+GroupWishes::GroupWishes(std::shared_ptr<const Bridging::Input::Config> config) : config_{std::move(config)} {
     config_->fdbConfig().each([this](VlanId vlan, const FdbConfig& fdb) {
         known_[vlan] = config_->fdbConfig(vlan);
         fdb.ethGroup().each([&](EthAddr mac, const EthGroup&) { look(vlan, mac); });

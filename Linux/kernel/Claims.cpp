@@ -14,7 +14,7 @@ namespace Linux {
 
 namespace {
 
-constexpr int flags = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+constexpr int socketFlags = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
 constexpr int backlog = 64;
 /// A daemon listens some microseconds after it has taken a name.
 constexpr int triesMost = 10;
@@ -40,7 +40,7 @@ struct Listener {
 };
 
 Listener listenerAt(const Address& address) {
-    const FileDescriptor probe{::socket(AF_UNIX, flags, 0)};
+    const FileDescriptor probe{::socket(AF_UNIX, socketFlags, 0)};
     if (!probe || ::connect(probe.get(), address.get(), address.length) != 0) return {errno};
     Listener found{0};
     socklen_t length = sizeof found.owner;
@@ -64,7 +64,7 @@ int Claims::holder(const std::string& what) { return listenerAt(Address{what}).o
 std::string Claims::take(const std::string& what, Patience patience) {
     if (has(what)) return {};
     const Address address{what};
-    FileDescriptor socket{::socket(AF_UNIX, flags, 0)};
+    FileDescriptor socket{::socket(AF_UNIX, socketFlags, 0)};
     if (!socket) return what + ": " + std::generic_category().message(errno);
     for (int tries = 1; ::bind(socket.get(), address.get(), address.length) != 0; ++tries) {
         if (errno != EADDRINUSE) return what + ": " + std::generic_category().message(errno);

@@ -5,10 +5,10 @@
 
 #include <array>
 #include <cstring>
-#include <linux/if.h>
-#include <linux/if_arp.h>
 #include <linux/if_bridge.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/if_arp.h>
 #include <string_view>
 
 namespace Linux {
@@ -115,7 +115,8 @@ std::optional<LinkMessage> decodeLink(const nlmsghdr& message) {
     Device& device = link.device;
     device.ifindex = static_cast<unsigned>(info->ifi_index);
     device.up = (info->ifi_flags & IFF_UP) != 0;
-    constexpr unsigned ready = IFF_UP | IFF_RUNNING | IFF_LOWER_UP;
+    constexpr unsigned lowerUp = 1U << 16;  // IFF_LOWER_UP, which <net/if.h> does not have
+    constexpr unsigned ready = IFF_UP | IFF_RUNNING | lowerUp;
     device.operational = (info->ifi_flags & ready) == ready;
     unsigned master = 0;
     bool isBridgePort = link.portOnly;

@@ -28,7 +28,7 @@ constexpr std::size_t headerLength = 14;
 constexpr std::size_t minPayload = 46;
 constexpr std::size_t maxPayload = 1500;
 /// Frames that one port may deliver in one turn of the loop.
-constexpr std::size_t batchSize = 16;
+constexpr std::size_t framesPerRead = 16;
 /// Holds what a peer with thousands of streams sends after a LeaveAll (some 1800 full frames).
 constexpr int receiveBuffer = 4 << 20;
 /// The kernel's priority for control traffic (TC_PRIO_CONTROL): the first band of its default queue.
@@ -83,15 +83,15 @@ struct PacketPorts::Batch {
     using Frame = std::array<std::uint8_t, headerLength + maxPayload>;
 
     Batch() {
-        for (std::size_t i = 0; i < batchSize; ++i) {
+        for (std::size_t i = 0; i < framesPerRead; ++i) {
             pieces[i] = {frames[i].data(), frames[i].size()};
             messages[i].msg_hdr.msg_iov = &pieces[i];
             messages[i].msg_hdr.msg_iovlen = 1;
         }
     }
-    std::array<Frame, batchSize> frames{};
-    std::array<iovec, batchSize> pieces{};
-    std::array<mmsghdr, batchSize> messages{};
+    std::array<Frame, framesPerRead> frames{};
+    std::array<iovec, framesPerRead> pieces{};
+    std::array<mmsghdr, framesPerRead> messages{};
 };
 
 class PacketPorts::Port : public Mrp::PacketPort {
@@ -276,7 +276,8 @@ void PacketPorts::Port::countOverflow() {
 void PacketPorts::Port::read() {
     // Errors need no answer: the kernel reports once that the interface went down, and its return is told by
     // whoever follows the links.
-    const int count = recvmmsg(fd_.get(), owner_.batch_->messages.data(), batchSize, MSG_DONTWAIT, nullptr);
+    const int count =
+        recvmmsg(fd_.get(), owner_.batch_->messages.data(), framesPerRead, MSG_DONTWAIT, nullptr);
     Batch& batch = *owner_.batch_;
     PortCounters& counters = counters_;
     const std::shared_ptr<Inbox> inbox = inbox_;

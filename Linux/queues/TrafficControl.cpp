@@ -28,7 +28,7 @@ NetlinkMessage about(std::uint16_t type, std::uint16_t flags, unsigned ifindex, 
 }
 
 /// Appends the options of each kind.
-struct Options {
+struct QueueOptions {
     NetlinkMessage& message;
 
     void operator()(const std::monostate&) const {}
@@ -142,7 +142,7 @@ std::uint32_t burstTicks(std::uint64_t octets, std::uint64_t rate) {
 NetlinkMessage newQdisc(const Qdisc& qdisc, std::uint16_t flags) {
     NetlinkMessage message = about(RTM_NEWQDISC, flags, qdisc.ifindex, qdisc.handle, qdisc.parent);
     message.text(TCA_KIND, qdisc.kind);
-    std::visit(Options{message}, qdisc.options);
+    std::visit(QueueOptions{message}, qdisc.options);
     return message;
 }
 

@@ -35,7 +35,7 @@ void flowerFrame(NetlinkMessage& message, std::uint16_t protocol) {
     message.attribute(TCA_FLOWER_KEY_ETH_TYPE, htons(protocol));
 }
 
-struct Options {
+struct FilterOptions {
     NetlinkMessage& message;
     const Filter& filter;
 
@@ -122,7 +122,7 @@ void decodeOptions(const nlattr& attribute, Filter& filter) {
 
 NetlinkMessage newFilter(const Filter& filter, std::uint16_t flags) {
     NetlinkMessage message = about(RTM_NEWTFILTER, flags, filter);
-    std::visit(Options{message, filter}, filter.options);
+    std::visit(FilterOptions{message, filter}, filter.options);
     return message;
 }
 

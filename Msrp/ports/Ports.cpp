@@ -7,11 +7,6 @@
 
 namespace Msrp {
 
-namespace {
-/// Weight of the agent's settings in the switch's quality of service while it runs.
-constexpr std::uint32_t qosPriority = 85;
-}  // namespace
-
 bool MsrpSm::actsOn(IntfId intf) const { return status()->intfStatus(intf) != nullptr && acts(); }
 
 bool MsrpSm::isLinkUp(IntfId intf) const {
