@@ -18,9 +18,11 @@
 #pragma once
 
 #include "Mrp/MrpAttrLogSm.h"
+#include "Msrp/InputFollowers.h"
 #include "Msrp/MsrpEvents.h"
 #include "Msrp/MsrpLib.h"
-#include "Msrp/lifecycle/StreamDeleteIntfs.h"
+#include "Msrp/lifecycle/PendingStreams.h"
+#include "Msrp/lifecycle/StreamTable.h"
 #include "Msrp/types/Attributes.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
@@ -106,6 +108,7 @@ public:
     void hasNotificationActiveIs(bool active);
     [[nodiscard]] const std::shared_ptr<Status>& status() const { return inputs_.status; }
     [[nodiscard]] const Config& config() const { return *inputs_.config; }
+    [[nodiscard]] const Inputs& inputs() const { return inputs_; }
     [[nodiscard]] Runtime::Loop& loop() { return platform_.loop; }
     /// Seconds on the agent's clock.
     [[nodiscard]] double now() const { return Runtime::seconds(platform_.loop.now()); }
@@ -135,12 +138,16 @@ public:
 
     // Stream table
     // ------------------------------------------------------------------------------------------------
-    [[nodiscard]] std::shared_ptr<StreamData> streamList(U64 streamId) const;
-    [[nodiscard]] const std::map<U64, std::shared_ptr<StreamData>>& streamList() const { return streamList_; }
+    [[nodiscard]] std::shared_ptr<StreamData> streamList(U64 streamId) const {
+        return streams_.find(streamId);
+    }
+    [[nodiscard]] const std::map<U64, std::shared_ptr<StreamData>>& streamList() const {
+        return streams_.all();
+    }
     /// Throws std::invalid_argument for a null record.
-    void streamListIs(std::shared_ptr<StreamData> stream);
-    void streamListDel(U64 streamId);
-    void streamListDelAll();
+    void streamListIs(std::shared_ptr<StreamData> stream) { streams_.put(std::move(stream)); }
+    void streamListDel(U64 streamId) { streams_.remove(streamId); }
+    void streamListDelAll() { streams_.clear(); }
 
     // Talkers
     // -----------------------------------------------------------------------------------------------------
@@ -241,17 +248,19 @@ public:
     void removeStreamFromDeletePending(const U64& id);
     void addTalkerToDeletePending(const U64& id, IntfId intf);
     void removeTalkerFromDeletePending(const U64& id, IntfId intf);
-    std::shared_ptr<StreamDeleteIntfs> deletePendingStreamIntfsIs(const U64& id);
-    void deletePendingStreamIntfsDel(const U64& id) { deletePendingStreamIntfs_.erase(id); }
-    void deletePendingStreamIntfsDelAll() { deletePendingStreamIntfs_.clear(); }
+    std::shared_ptr<StreamDeleteIntfs> deletePendingStreamIntfsIs(const U64& id) {
+        return pending_.removeTalkerIs(id);
+    }
+    void deletePendingStreamIntfsDel(const U64& id) { pending_.removeTalker.erase(id); }
+    void deletePendingStreamIntfsDelAll() { pending_.removeTalker.clear(); }
     /// Drops what a stream without a talker no longer needs, and the stream itself when nobody asks for it.
     void cleanupStreamDataIfEmpty(const U64& id);
     /// True while reviews must not run: in standby, before initialisation, and until a take-over is done.
     [[nodiscard]] bool reviewsSuspended() const { return !acts(); }
-    [[nodiscard]] std::map<U64, bool>& addPendingStream() { return addPendingStream_; }
-    [[nodiscard]] std::map<U64, bool>& deletePendingStream() { return deletePendingStream_; }
+    [[nodiscard]] std::map<U64, bool>& addPendingStream() { return pending_.add; }
+    [[nodiscard]] std::map<U64, bool>& deletePendingStream() { return pending_.remove; }
     [[nodiscard]] std::map<U64, std::shared_ptr<StreamDeleteIntfs>>& deletePendingStreamIntfs() {
-        return deletePendingStreamIntfs_;
+        return pending_.removeTalker;
     }
 
     // Bridging
@@ -271,7 +280,30 @@ public:
     void handleVlanPortConfig(const std::string& topoName, IntfId intf);
     void handleNativeVlan(IntfId intf);
 
+    // What its followers tell of the records that it reads
+    // --------------------------------------------------------------------
+    void handleCliConfig(const State::Change& change);
+    void handleStpMode();
+    void handleVlanConfig(VlanId vlan);
+    /// The record of the switch port has come, was replaced or has gone.
+    void handleSwitchIntfConfig(IntfId intf);
+    /// A record of the interface has come or was replaced.
+    void followIntf(IntfId intf);
+    void closeTopoPort(const std::string& name, const Bridging::Topology::TopoPort& port);
+    void handleRefusal(const State::Change& change);
+
 private:
+    // A change of "msrp/cliConfig", by field
+    void shapingChanged(const State::Change&) { doUpdateShapeRate(); }
+    template <SrClassId srClass>
+    void classSupportChanged(const State::Change&);
+    void classPriorityChanged(const State::Change&);
+    void defaultSrPvidChanged(const State::Change&);
+    void srPvidChanged(const State::Change& change);
+    void bandwidthPercentChanged(const State::Change&);
+    /// It binds each stream from the next repetition of its declaration.
+    void frameSizeLimitChanged(const State::Change&) {}
+
     /// One port's entry into a class, or exit from it, for every stream of the class.
     struct ClassWalk {
         IntfId intf;
@@ -281,39 +313,11 @@ private:
         std::optional<TalkerFailureCode> code;
         U64 next = 0;  ///< the stream to go on with
     };
-    /// Follows one port of one topology.
-    struct TopoPortReactor {
-        std::shared_ptr<const Bridging::Topology::TopoPort> port;
-        State::Reactor reactor;
-    };
-    /// Follows one topology.
-    struct TopoReactor {
-        std::shared_ptr<const Bridging::Topology::Topo> topo;
-        State::Reactor reactor;
-        std::map<IntfId, TopoPortReactor> port;
-    };
 
-    // Reactors
-    void reactToInputs();
-    void handleCliConfig(const State::Change& change);
-    void handleStpMode();
-    void handleVlanConfig(VlanId vlan);
     /// Takes over the shares that are configured; true when one has grown.
     bool keepPercentages();
-    void intfStatusIs(IntfId intf);
-    void intfStatusDel(IntfId intf) { intfReactor_.erase(intf); }
-    void intfStatusDelAll() { intfReactor_.clear(); }
-    void switchIntfConfigIs(IntfId intf);
-    void switchIntfConfigDel(IntfId intf) { switchIntfReactor_.erase(intf); }
-    void switchIntfConfigDelAll() { switchIntfReactor_.clear(); }
-    void handleSwitchIntfConfig(IntfId intf);
-    void topoIs(const std::string& name);
-    void topoDel(const std::string& name);
-    void topoDelAll() { topoReactor_.clear(); }
-    void topoPortIs(const std::string& name, IntfId intf);
-    void topoPortDel(const std::string& name, IntfId intf);
-    void closeTopoPort(const std::string& name, const Bridging::Topology::TopoPort& port);
-    [[nodiscard]] const Bridging::Topology::TopoPort* topoPort(const std::string& name, IntfId intf) const;
+    template <class Act>
+    void everyPort(Act act);
 
     // Work in pieces
     [[nodiscard]] static Runtime::Chores::Lane portLane(IntfId intf) { return intf.number(); }
@@ -337,8 +341,6 @@ private:
         spent_ += units;
         inputs_.msrpLib->mrpSpend(units);
     }
-    /// The first stream from that id on, of the VLAN or of all (0).
-    [[nodiscard]] std::optional<U64> nextStream(U16 vlanId, U64 from) const;
     /// Calls `visit(id, stream)` for these streams from `next` on, as far as `units` go; true when it has
     /// come to the end.  `visit` may add and delete streams.
     template <class Visit>
@@ -390,15 +392,9 @@ private:
     void releaseListeners(IntfId intf);
     /// Drops the port's registrations in the engine, as soon as its work is done.
     void forgetRegistrations(IntfId intf);
-    /// A record of the interface has come or was replaced.
-    void followIntf(IntfId intf);
 
     // Streams
     [[nodiscard]] std::shared_ptr<StreamData> existingStream(U64 streamId) const;
-    /// Where the stream's frames go; the table finds streams by both.
-    void destinationIs(StreamData& stream, EthAddr macDa, U16 vlanId);
-    /// The lowest-numbered other stream with that address.
-    [[nodiscard]] std::optional<U64> otherStreamWith(EthAddr macDa, U64 streamId) const;
     void removeFromBandwidthQueues(U64 streamId);
     /// Forgets that the stream waits for anything.
     void removeFromQueues(U64 streamId, EthAddr macDa);
@@ -480,7 +476,6 @@ private:
     void programTxQueue(Qos::Input::IntfConfig& config, Qos::TxQueue queue, U64 bandwidth);
 
     // What could not be carried out
-    void handleRefusal(const State::Change& change);
     /// The stream's group has been refused, or there is room for it again.
     void reviewGroup(const Switch::GroupId& group);
     void reviewGroupOf(StreamData& stream);
@@ -505,16 +500,13 @@ private:
     bool initialized_ = false;
     U8 percentA_ = 0;  ///< the shares at their last change, to tell growth from shrinkage
     U8 percentB_ = 0;
+    bool grown_ = false;  ///< the last change of the configuration made a share larger
     bool takingOver_ = false;
     bool ending_ = false;  ///< all ports are being closed for good
     unsigned spent_ = 0;   ///< units of work, ever
 
-    std::map<U64, std::shared_ptr<StreamData>> streamList_;
-    std::map<EthAddr, std::set<U64>> streamsByMacDa_;
-    std::map<U16, std::set<U64>> streamsByVlan_;
-    std::map<U64, bool> addPendingStream_;
-    std::map<U64, bool> deletePendingStream_;
-    std::map<U64, std::shared_ptr<StreamDeleteIntfs>> deletePendingStreamIntfs_;
+    StreamTable streams_;
+    PendingStreams pending_;
     std::map<IntfId, bool> bandwidthReleased_;
     /// Jobs that ports have left for a class.
     std::map<std::pair<IntfId, SrClassId>, unsigned> classWork_;
@@ -532,24 +524,14 @@ private:
     std::unique_ptr<MsrpAdditionSm> msrpAdditionSm_;
     std::unique_ptr<MsrpDeletionSm> msrpDeletionSm_;
 
-    State::Reactor cliConfigReactor_;
-    State::Reactor configReactor_;
-    State::Reactor ethPhyReactor_;
-    State::Reactor brConfigReactor_;
-    State::Reactor qosStatusReactor_;
-    State::Reactor stpStatusReactor_;
-    State::Reactor topoLibReactor_;
-    State::Reactor refusalsReactor_;
-    std::map<IntfId, State::Reactor> intfReactor_;
-    std::map<IntfId, State::Reactor> switchIntfReactor_;
-    std::map<std::string, TopoReactor> topoReactor_;
+    InputFollowers followers_{*this};
     /// Behind everything that it works on.
     Runtime::Chores chores_;
 };
 
 template <class Visit>
 bool MsrpSm::walkStreams(U16 vlanId, U64& next, unsigned& units, Visit visit) {
-    while (const auto id = nextStream(vlanId, next)) {
+    while (const auto id = streams_.next(vlanId, next)) {
         next = *id;
         if (units == 0) return false;
         const std::shared_ptr<StreamData> stream = streamList(*id);

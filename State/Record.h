@@ -19,6 +19,7 @@
 #include "State/Maps.h"
 
 #include <concepts>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -320,6 +321,20 @@ consteval std::string_view fieldName(std::string_view name) {
     R::fields([&](const auto& field) { found = found || field.name == name; });
     if (!found) throw std::logic_error{"no such field"};
     return name;
+}
+
+/// Whether a table of reactions, rows with a member `field`, names every field of R once and nothing else.
+template <class R, class Table>
+consteval bool coversFields(const Table& table) {
+    std::size_t fields = 0;
+    bool once = true;
+    R::fields([&](const auto& field) {
+        std::size_t rows = 0;
+        for (const auto& row : table) rows += row.field == field.name ? 1 : 0;
+        once = once && rows == 1;
+        ++fields;
+    });
+    return once && fields == std::size(table);
 }
 
 /// What stands below is not `inline`: a record is compiled once, where its room says `template class

@@ -32,12 +32,11 @@ void MsrpSm::handleRefusal(const State::Change& change) {
 void MsrpSm::reviewGroup(const Switch::GroupId& group) {
     // Several can come at once, and each means something for every port.
     chores_.add(switchLane, [this, group](unsigned& units) {
-        const auto sharers = streamsByMacDa_.find(group.addr);
-        if (sharers == streamsByMacDa_.end()) return true;
+        const StreamTable::Ids& sharers = streams_.withAddress(group.addr);
         // One of them has the group; the others wait for it.
         unsigned looked = 0;
         std::shared_ptr<StreamData> holder;
-        for (auto id = sharers->second.begin(); !holder && id != sharers->second.end(); ++id, ++looked) {
+        for (auto id = sharers.begin(); !holder && id != sharers.end(); ++id, ++looked) {
             const auto stream = streamList(*id);
             if (stream->ethGroup() && stream->vlanId() == group.vlan.value()) holder = stream;
         }

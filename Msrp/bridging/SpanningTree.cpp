@@ -36,16 +36,9 @@ void MsrpSm::setPortState(IntfId intf) {
     }
 }
 
-const Bridging::Topology::TopoPort* MsrpSm::topoPort(const std::string& name, IntfId intf) const {
-    const auto topo = topoReactor_.find(name);
-    if (topo == topoReactor_.end()) return nullptr;
-    const auto port = topo->second.port.find(intf);
-    return port == topo->second.port.end() ? nullptr : port->second.port.get();
-}
-
 void MsrpSm::handlePortState(const std::string& topoName, IntfId intf) {
     if (!actsOn(intf)) return;
-    const auto* port = topoPort(topoName, intf);
+    const auto* port = followers_.topoPort(topoName, intf);
     if (port == nullptr || port->state() == PortState::unknown) return;
     trace("MsrpSm::handlePortState( ", topoName, ", ", intf, " )");
     ringTrace("handlePortState", intf.number());
@@ -59,51 +52,6 @@ void MsrpSm::handlePortState(const std::string& topoName, IntfId intf) {
     } else {
         handleVlanPortConfig(topoName, intf);
     }
-}
-
-void MsrpSm::topoIs(const std::string& name) {
-    const auto topo = inputs_.topoLib->topo(name);
-    TopoReactor& follower = topoReactor_[name];
-    follower.topo = topo;
-    follower.reactor = topo->react([this, name](const State::Change& change) {
-        const auto* intf = change.key<IntfId>();
-        if (intf == nullptr) return;
-        const auto held = topoReactor_.find(name);
-        if (held == topoReactor_.end()) return;
-        if (held->second.topo->topoPort(*intf)) {
-            topoPortIs(name, *intf);
-        } else {
-            topoPortDel(name, *intf);
-        }
-    });
-    topo->topoPort().each([&](IntfId intf, const auto&) { topoPortIs(name, intf); });
-}
-
-void MsrpSm::topoPortIs(const std::string& name, IntfId intf) {
-    TopoReactor& topo = topoReactor_[name];
-    const auto port = topo.topo->topoPort(intf);
-    TopoPortReactor& follower = topo.port[intf];
-    follower.port = port;
-    follower.reactor = port->react([this, name, intf](const State::Change& change) {
-        if (change.field == State::fieldName<Bridging::Topology::TopoPort>("state"))
-            handlePortState(name, intf);
-        if (const auto* vlan = change.key<VlanId>()) handleVlanPortConfig(name, intf, *vlan);
-    });
-}
-
-void MsrpSm::topoDel(const std::string& name) {
-    const auto at = topoReactor_.find(name);
-    if (at == topoReactor_.end()) return;
-    trace("Closing topology ", name);
-    while (!topoReactor_[name].port.empty()) topoPortDel(name, topoReactor_[name].port.begin()->first);
-    topoReactor_.erase(name);
-}
-
-void MsrpSm::topoPortDel(const std::string& name, IntfId intf) {
-    const auto topo = topoReactor_.find(name);
-    if (topo == topoReactor_.end()) return;
-    const auto follower = topo->second.port.extract(intf);
-    if (!follower.empty()) closeTopoPort(name, *follower.mapped().port);
 }
 
 void MsrpSm::closeTopoPort(const std::string& name, const Bridging::Topology::TopoPort& port) {

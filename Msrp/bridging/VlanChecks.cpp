@@ -55,7 +55,7 @@ Code MsrpSm::checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan) {
 }
 
 void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf) {
-    const auto* port = topoPort(topoName, intf);
+    const auto* port = followers_.topoPort(topoName, intf);
     if (port == nullptr) return;
     const auto& vlans = port->vlanPortConfig();
     for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan))
@@ -67,7 +67,7 @@ void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf, Vlan
     trace("MsrpSm::handleVlanPortConfig( ", intf, ", ", vlan, " )");
     ringTrace("handleVlanPortConfig", intf.number(), vlan.value());
     if (vlan == inputs_.msrpLib->getNativeVlanId(intf)) return;
-    const auto* port = topoPort(topoName, intf);
+    const auto* port = followers_.topoPort(topoName, intf);
     if (port == nullptr) return;
     const auto topoConfig = inputs_.bridgingTopoConfig->topoConfig(topoName);
     const auto portConfig = topoConfig ? topoConfig->topoPortConfig(intf) : nullptr;

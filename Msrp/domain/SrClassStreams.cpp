@@ -33,7 +33,7 @@ void MsrpSm::deregisterSrClassStreams(IntfId intf, SrClassId srClass, U16 vlanId
 }
 
 void MsrpSm::walkSoon(ClassWalk walk) {
-    if (!nextStream(walk.vlanId, 0)) return;
+    if (!streams_.next(walk.vlanId, 0)) return;
     addClassWork(walk.intf, walk.srClass,
                  [this, walk](unsigned& units) mutable { return walkClass(walk, units); });
 }

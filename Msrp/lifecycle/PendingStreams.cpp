@@ -8,11 +8,11 @@ namespace Msrp {
 std::shared_ptr<StreamData> MsrpSm::addStreamToAddPending(const U64& id) {
     auto published = status()->registeredStreams(id);
     if (published) {
-        if (deletePendingStream_.contains(id)) removeStreamFromDeletePending(id);
+        if (pending_.remove.contains(id)) removeStreamFromDeletePending(id);
         return published;
     }
     trace("StreamId is added to addPendingStreamList");
-    addPendingStream_[id] = true;
+    pending_.add[id] = true;
     auto stream = std::make_shared<StreamData>(id);
     streamListIs(stream);
     msrpAdditionSm_->doUpdateReviewTimer();
@@ -20,7 +20,7 @@ std::shared_ptr<StreamData> MsrpSm::addStreamToAddPending(const U64& id) {
 }
 
 void MsrpSm::removeStreamFromAddPending(const U64& id) {
-    addPendingStream_.erase(id);
+    pending_.add.erase(id);
     streamListDel(id);
 }
 
@@ -32,25 +32,19 @@ void MsrpSm::addStreamToDeletePending(const U64& id) {
     }
     const bool published = status()->registeredStreams(id) != nullptr;
     if (!published) {
-        if (addPendingStream_.contains(id)) removeStreamFromAddPending(id);
+        if (pending_.add.contains(id)) removeStreamFromAddPending(id);
         return;
     }
     trace("StreamId is added to deletePendingStreamList");
-    deletePendingStream_[id] = true;
+    pending_.remove[id] = true;
     streamListDel(id);
     removeStreamFromAddPending(id);
     msrpDeletionSm_->doUpdateReviewTimer();
 }
 
 void MsrpSm::removeStreamFromDeletePending(const U64& id) {
-    deletePendingStream_.erase(id);
+    pending_.remove.erase(id);
     streamListIs(status()->registeredStreams(id));
-}
-
-std::shared_ptr<StreamDeleteIntfs> MsrpSm::deletePendingStreamIntfsIs(const U64& id) {
-    auto& intfs = deletePendingStreamIntfs_[id];
-    if (!intfs) intfs = std::make_shared<StreamDeleteIntfs>(id);
-    return intfs;
 }
 
 void MsrpSm::addTalkerToDeletePending(const U64& id, IntfId intf) {
@@ -59,12 +53,7 @@ void MsrpSm::addTalkerToDeletePending(const U64& id, IntfId intf) {
     msrpDeletionSm_->doUpdateReviewTimer();
 }
 
-void MsrpSm::removeTalkerFromDeletePending(const U64& id, IntfId intf) {
-    const auto at = deletePendingStreamIntfs_.find(id);
-    if (at == deletePendingStreamIntfs_.end()) return;
-    at->second->deletePendingTalkerDel(intf);
-    if (at->second->deletePendingTalker().empty()) deletePendingStreamIntfs_.erase(at);
-}
+void MsrpSm::removeTalkerFromDeletePending(const U64& id, IntfId intf) { pending_.keepTalker(id, intf); }
 
 void MsrpSm::cleanupStreamDataIfEmpty(const U64& id) {
     const std::shared_ptr<StreamData> stream = streamList(id);
@@ -84,7 +73,7 @@ void MsrpSm::cleanupStreamDataIfEmpty(const U64& id) {
     for (const auto& [port, enabled] : config().intfEnable()) {
         if (port != ingress && isCandidate(port) && stream->hasListenerStateOrig(port)) {
             // Kept for its listeners, without what its talker brought.
-            destinationIs(*stream, EthAddr{}, 0);
+            streams_.destinationIs(*stream, EthAddr{}, 0);
             stream->maxFrameSizeIs(0);
             stream->maxIntervalFramesIs(0);
             stream->dataFramePriorityIs(0);

@@ -50,7 +50,7 @@ void MsrpSm::rebuildQueues() {
 void MsrpSm::rebuildAllocations() {
     // What the other side had admitted for streams that it never published is free again.
     std::map<std::pair<IntfId, SrClassId>, U64> admitted;
-    for (const auto& [id, stream] : streamList_) {
+    for (const auto& [id, stream] : streamList()) {
         if (!stream->ethGroup() || !stream->ingressIntf()) continue;
         for (const auto& [intf, member] : stream->ethGroup()->intf()) {
             if (member && intf != stream->ingressIntf())
@@ -70,8 +70,8 @@ void MsrpSm::takeOver() {
     inputs_.msrpLib->mrpPause(true);
     // What an earlier active life left here is not what is published now.
     streamListDelAll();
-    addPendingStream_.clear();
-    deletePendingStream_.clear();
+    pending_.add.clear();
+    pending_.remove.clear();
     deletePendingStreamIntfsDelAll();
     bandwidthReleasedDelAll();
     chores_.add(switchLane,
@@ -79,12 +79,12 @@ void MsrpSm::takeOver() {
     chores_.add(switchLane, [this](unsigned&) {
         rebuildQueues();
         rebuildAllocations();
-        chores_.spend(streamList_.size());
+        chores_.spend(streams_.size());
         return true;
     });
     chores_.add(switchLane, [this](unsigned&) {
         removeLeftovers();
-        chores_.spend(streamList_.size());
+        chores_.spend(streams_.size());
         return true;
     });
     std::vector<IntfId> ports = portsWithStatus();
@@ -97,7 +97,7 @@ void MsrpSm::takeOver() {
     });
     chores_.add(switchLane, [this](unsigned&) {
         finishTakeOver();
-        chores_.spend(streamList_.size());
+        chores_.spend(streams_.size());
         return true;
     });
 }
@@ -252,7 +252,7 @@ void MsrpSm::catchUpWithConfig() {
     }
     doUpdateShapeRate();
     // The priority that was declared before is known by the streams that were registered under it.
-    const bool priorityChanged = std::ranges::any_of(streamList_, [this](const auto& entry) {
+    const bool priorityChanged = std::ranges::any_of(streamList(), [this](const auto& entry) {
         const StreamData& stream = *entry.second;
         return stream.ingressIntf() && stream.dataFramePriority() != srClassPriority(stream.srClass());
     });
@@ -263,8 +263,8 @@ void MsrpSm::catchUpWithConfig() {
 bool MsrpSm::catchUpWithVlans(U16& next, unsigned& units) {
     const std::vector<IntfId> ports = portsWithStatus();
     const auto cost = static_cast<unsigned>(ports.size());
-    for (auto vlan = streamsByVlan_.lower_bound(next); vlan != streamsByVlan_.end();
-         vlan = streamsByVlan_.lower_bound(next)) {
+    const auto& vlans = streams_.byVlan();
+    for (auto vlan = vlans.lower_bound(next); vlan != vlans.end(); vlan = vlans.lower_bound(next)) {
         if (units == 0) return false;
         const unsigned before = spent_;
         unsigned looked = 0;
@@ -290,7 +290,7 @@ bool MsrpSm::catchUpWithVlans(U16& next, unsigned& units) {
 
 void MsrpSm::removeLeftovers() {
     std::set<const Bridging::Input::EthGroup*> used;
-    for (const auto& [id, stream] : streamList_) used.insert(stream->ethGroup().get());
+    for (const auto& [id, stream] : streamList()) used.insert(stream->ethGroup().get());
     const auto& vlans = inputs_.brMsrpConfig->fdbConfig();
     for (auto vlan = vlans.firstKey(); vlan; vlan = vlans.nextKey(*vlan)) {
         const auto fdb = inputs_.brMsrpConfig->fdbConfig(*vlan);

@@ -136,7 +136,7 @@ Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& at
         Runtime::format("StreamId 0x%s TalkerAdvJoin on %s with Mac DA %s already in use on Vlan %d", id,
                         intf, macDa, attr.vlanId()));
     trace(": Talker Advertise's Mac DA ", macDa, " is already in use on Vlan ", attr.vlanId());
-    if (const auto other = otherStreamWith(macDa, attr.streamId())) {
+    if (const auto other = streams_.otherWith(macDa, attr.streamId())) {
         log(MSRP_ERROR,
             Runtime::format(
                 "StreamId 0x%s TalkerAdvJoin on %s with Mac DA %s already in use by streamId 0x%s", id, intf,
@@ -147,8 +147,8 @@ Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& at
 }
 
 std::shared_ptr<StreamData> MsrpSm::newTalkerStream(U64 streamId, IntfId intf) {
-    const auto pending = deletePendingStream_.find(streamId);
-    const bool revived = pending != deletePendingStream_.end() && pending->second;
+    const auto pending = pending_.remove.find(streamId);
+    const bool revived = pending != pending_.remove.end() && pending->second;
     auto stream = addStreamToAddPending(streamId);
     if (revived) stream->statusTimeIs(intf, now());
     return stream;
@@ -158,7 +158,7 @@ template <class Attribute>
 void MsrpSm::registerTalker(StreamData& stream, IntfId intf, const Attribute& attr, SrClassId srClass,
                             U32 chargedFrames) {
     stream.ingressIntfIs(intf);
-    destinationIs(stream, attr.macDa(), attr.vlanId());
+    streams_.destinationIs(stream, attr.macDa(), attr.vlanId());
     stream.maxFrameSizeIs(attr.maxFrameSize());
     stream.maxIntervalFramesIs(recordedFrames(attr.maxIntervalFrames()));
     stream.dataFramePriorityIs(attr.dataFramePriority());

@@ -9,11 +9,7 @@ using Code = TalkerFailureCode;
 }
 
 TalkerState MsrpSm::getTalkerState(const StreamData& stream, IntfId intf) const {
-    const auto pending = deletePendingStreamIntfs_.find(stream.streamId());
-    if (pending != deletePendingStreamIntfs_.end() && pending->second->deletePendingTalker().contains(intf)) {
-        return TalkerState::None;
-    }
-    return stream.talkerState(intf);
+    return pending_.removesTalker(stream.streamId(), intf) ? TalkerState::None : stream.talkerState(intf);
 }
 
 void MsrpSm::setTalkerState(StreamData& stream, IntfId intf, TalkerState state) {
