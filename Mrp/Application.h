@@ -26,9 +26,9 @@ struct AttributeType {
     std::uint8_t replaces;
     /// The key of a value: what names the attribute; two values of one key are two states of one attribute.
     std::uint64_t (*key)(std::span<const std::uint8_t> value);
-    /// Makes value k out of the first value of a vector in place (the increments of 35.2.2.8); false when
-    /// there is no such value.
-    bool (*increment)(std::span<std::uint8_t> value, std::uint32_t k);
+    /// Makes the next value of a vector out of one, in place (the increments of 35.2.2.8); false when there
+    /// is none.
+    bool (*increment)(std::span<std::uint8_t> value);
     /// True when `next` may follow `previous` in one vector: `next` is `previous` incremented by one, without
     /// any field wrapping.
     bool (*follows)(std::span<const std::uint8_t> previous, std::span<const std::uint8_t> next);

@@ -3,12 +3,21 @@
 #include "Mrp/PduLayout.h"
 
 #include <algorithm>
+#include <array>
 
 namespace Mrp {
 
 namespace {
 
 constexpr std::uint8_t threePackedLimit = 6 * 6 * 6;
+/// The events that an octet packs.
+constexpr auto threeEvents = [] {
+    std::array<std::array<Event, 3>, threePackedLimit> events{};
+    for (std::size_t octet = 0; octet < threePackedLimit; ++octet)
+        events[octet] = {static_cast<Event>(octet / 36), static_cast<Event>(octet / 6 % 6),
+                         static_cast<Event>(octet % 6)};
+    return events;
+}();
 
 /// Reads big-endian fields front to back.  A read past the end gives zeros, empties the reader and clears
 /// ok(): loops end, and nothing outside the PDU is touched.
@@ -113,25 +122,29 @@ private:
 
         DecodedEvent decoded;
         decoded.typeIndex = index;
-        for (std::size_t k = 0; k < values; ++k) {
-            const std::uint8_t three = threePacked[k / 3];
+        std::ranges::copy(first, decoded.value.octets.begin());
+        const std::span value{decoded.value.octets.data(), type.valueLength};
+        out_.events.reserve(out_.events.size() + values);
+        for (std::size_t k = 0, octet = 0; k < values; ++octet) {
+            const std::uint8_t three = threePacked[octet];
             if (three >= threePackedLimit) {
-                flaw(Malformed::eventPastRange, eventsAt + k / 3);
+                flaw(Malformed::eventPastRange, eventsAt + octet);
                 return true;
             }
-            std::ranges::copy(first, decoded.value.octets.begin());
-            if (k > 0 && !type.increment(std::span{decoded.value.octets}.first(type.valueLength),
-                                         static_cast<std::uint32_t>(k))) {
-                flaw(Malformed::valuePastRange, eventsAt + k / 3);
-                return true;
+            for (const Event event : threeEvents[three]) {
+                if (k == values) break;
+                if (k > 0 && !type.increment(value)) {
+                    flaw(Malformed::valuePastRange, eventsAt + octet);
+                    return true;
+                }
+                decoded.event = event;
+                if (type.fourPacked) {
+                    decoded.value.declaration =
+                        static_cast<std::uint8_t>(fourPacked[k / 4] >> (6 - 2 * (k % 4)) & 3);
+                }
+                out_.events.push_back(decoded);
+                ++k;
             }
-            constexpr std::array<std::uint8_t, 3> divisor{36, 6, 1};
-            decoded.event = static_cast<Event>(three / divisor[k % 3] % 6);
-            if (type.fourPacked) {
-                decoded.value.declaration =
-                    static_cast<std::uint8_t>(fourPacked[k / 4] >> (6 - 2 * (k % 4)) & 3);
-            }
-            out_.events.push_back(decoded);
         }
         return true;
     }

@@ -190,6 +190,10 @@ public:
     void processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr);
     TalkerFailureCode addListener(IntfId intf, const U64& streamId);
     void removeListener(IntfId intf, const U64& streamId, ListenerState newState);
+    /// The doors to the two states of a listener: what counts on the port, and what was registered there.
+    /// `Ignore` for no listener.
+    void listenerStateIs(StreamData& stream, IntfId intf, ListenerState state);
+    void listenerStateOrigIs(StreamData& stream, IntfId intf, ListenerState state);
     void propagateListenerAttribute(const U64& streamId);
     void transmitListenerAttribute(IntfId intf, const U64& streamId, ListenerState state);
 
@@ -450,6 +454,8 @@ private:
                         U32 chargedFrames);
     template <class Attribute>
     [[nodiscard]] struct TalkerFacts talkerFacts(IntfId intf, const Attribute& attr) const;
+    [[nodiscard]] struct ListenerFacts listenerFacts(IntfId intf, const MsrpListenerAttribute& attr,
+                                                     const StreamData* stream) const;
     [[nodiscard]] std::shared_ptr<StreamData> newTalkerStream(U64 streamId, IntfId intf);
     void claimGroup(StreamData& stream, IntfId intf);
     [[nodiscard]] TalkerFailureCode judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr,

@@ -158,7 +158,7 @@ void MsrpSm::retryBandwidth(StreamData& stream, IntfId intf) {
     counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertise);
     transmitTalkerAdvertise(intf, streamId, TalkerState::Advertise);
     if (!wants) return;
-    stream.setListenerStateAndAge(intf, registered, now());
+    listenerStateIs(stream, intf, registered);
     propagateListenerAttribute(streamId);
 }
 

@@ -27,8 +27,10 @@ void MsrpSm::removeStreamFromAddPending(const U64& id) {
 void MsrpSm::addStreamToDeletePending(const U64& id) {
     if (const auto stream = streamList(id)) {
         // A record that is revived before it is withdrawn must not bring listeners with it that have left.
-        stream->listenerStateOrigDelAll();
-        while (const auto intf = stream->portWithListener()) stream->delListenerStateAndAge(*intf);
+        while (const auto intf = stream->portWithListener()) {
+            listenerStateOrigIs(*stream, *intf, ListenerState::Ignore);
+            listenerStateIs(*stream, *intf, ListenerState::Ignore);
+        }
     }
     const bool published = status()->registeredStreams(id) != nullptr;
     if (!published) {

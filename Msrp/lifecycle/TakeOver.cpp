@@ -226,8 +226,8 @@ void MsrpSm::dropPort(StreamData& stream, IntfId intf) {
     }
     stream.delTalkerStateAndAge(intf);
     stream.talkerFailureCodeDel(intf);
-    stream.delListenerStateAndAge(intf);
-    stream.listenerStateOrigDel(intf);
+    listenerStateIs(stream, intf, ListenerState::Ignore);
+    listenerStateOrigIs(stream, intf, ListenerState::Ignore);
 }
 
 void MsrpSm::catchUpWithConfig() {

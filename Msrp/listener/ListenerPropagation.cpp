@@ -40,11 +40,7 @@ void MsrpSm::transmitListenerAttribute(IntfId intf, const U64& streamId, Listene
     const bool declare = state != ListenerState::Ignore;
     // A withdrawal carries what was declared last.
     const ListenerState event = getEventFromState(declare ? state : recorded);
-    if (declare) {
-        stream->setListenerStateAndAge(intf, state, now());
-    } else {
-        stream->delListenerStateAndAge(intf);
-    }
+    listenerStateIs(*stream, intf, state);
     log(declare ? MSRP_LISTENER_JOIN : MSRP_LISTENER_LV, "transmitted", intf, HexId{streamId}, number(state));
     counterInc(intf, Direction::Tx, listenerCounter(state));
     const MsrpListenerAttribute attr{streamId, event};

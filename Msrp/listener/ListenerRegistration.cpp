@@ -1,8 +1,52 @@
 /// Listeners come and go: who gets a stream on which port, and at what price.
 #include "Msrp/MsrpSm.h"
+#include "Msrp/listener/ListenerValidation.h"
 #include "Msrp/types/Format.h"
 
 namespace Msrp {
+
+void MsrpSm::listenerStateIs(StreamData& stream, IntfId intf, ListenerState state) {
+    const ListenerState old = stream.listenerState(intf);
+    if (old != state) {
+        trace("StreamId 0x", HexId{stream.streamId()}, " listener on ", intf, ": ", stateName(old), " to ",
+              stateName(state));
+    }
+    if (state == ListenerState::Ignore) {
+        stream.delListenerStateAndAge(intf);
+    } else {
+        stream.setListenerStateAndAge(intf, state, now());
+    }
+}
+
+void MsrpSm::listenerStateOrigIs(StreamData& stream, IntfId intf, ListenerState state) {
+    const ListenerState old = stream.listenerStateOrig(intf);
+    if (old != state) {
+        trace("StreamId 0x", HexId{stream.streamId()}, " listener registered on ", intf, ": ", stateName(old),
+              " to ", stateName(state));
+    }
+    if (state == ListenerState::Ignore) {
+        stream.listenerStateOrigDel(intf);
+    } else {
+        stream.listenerStateOrigIs(intf, state);
+    }
+}
+
+ListenerFacts MsrpSm::listenerFacts(IntfId intf, const MsrpListenerAttribute& attr,
+                                    const StreamData* stream) const {
+    const auto intfStatus = status()->intfStatus(intf);
+    ListenerFacts facts{.intf = intf,
+                        .streamId = attr.streamId(),
+                        .declared = attr.listenerState(),
+                        .portActive = isActive(intfStatus->srClassState(SrClassId::SrClassA)) ||
+                                      isActive(intfStatus->srClassState(SrClassId::SrClassB)),
+                        .known = stream != nullptr,
+                        .ingress = {}};
+    if (stream == nullptr) return facts;
+    facts.ingress = stream->ingressIntf();
+    facts.srClass = stream->srClass();
+    facts.classState = intfStatus->srClassState(stream->srClass());
+    return facts;
+}
 
 bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr) {
     const U64 streamId = attr.streamId();
@@ -10,60 +54,40 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
     const HexId id{streamId};
     trace("processListenerJoin( ", intf, " StreamId: 0x", id, " state ", number(state), " )");
     ringTrace("listenerJoin", intf.number(), streamId, number(state));
-    if (state == ListenerState::Ignore) {
-        trace("Ignoring ListenerIgnore event");
-        return false;
-    }
-
-    const auto intfStatus = status()->intfStatus(intf);
-    const bool active = isActive(intfStatus->srClassState(SrClassId::SrClassA)) ||
-                        isActive(intfStatus->srClassState(SrClassId::SrClassB));
-    if (!active) {
-        return discard(intf, listenerDiscardCounter(state),
-                       Runtime::format("Discard streamId 0x%s ListenerJoin on %s as MSRP is inactive on port",
-                                       id, intf));
-    }
-
     std::shared_ptr<StreamData> stream = streamList(streamId);
-    if (!stream) {
-        stream = addStreamToAddPending(streamId);
-        stream->listenerStateOrigIs(intf, state);
-        counterInc(intf, Direction::Rx, listenerCounter(state));
-        return false;
+    const ListenerVerdict verdict = judgeListenerJoin(listenerFacts(intf, attr, stream.get()));
+    const bool changed = !stream || stream->listenerStateOrig(intf) != state;
+    switch (verdict.kind) {
+        using Kind = ListenerVerdict::Kind;
+        case Kind::nothing:
+            trace("Ignoring ListenerIgnore event");
+            return false;
+        case Kind::inactive:
+            return discard(intf, listenerDiscardCounter(state), verdict.discard);
+        case Kind::refused:
+            if (changed) return discard(intf, listenerDiscardCounter(state), verdict.discard);
+            discard(verdict.discard);
+            return true;
+        case Kind::unknown:
+            stream = addStreamToAddPending(streamId);
+            listenerStateOrigIs(*stream, intf, state);
+            counterInc(intf, Direction::Rx, listenerCounter(state));
+            return false;
+        case Kind::early:
+        case Kind::asks:
+            break;
     }
-    const bool changed = stream->listenerStateOrig(intf) != state;
-    const auto take = [&] {
-        stream->listenerStateOrigIs(intf, state);
-        if (!changed) return;
+    listenerStateOrigIs(*stream, intf, state);
+    if (changed) {
         log(MSRP_LISTENER_JOIN, "received", intf, id, number(state));
         counterInc(intf, Direction::Rx, listenerCounter(state));
-    };
-    // A repetition of what is discarded is told, but counted once.
-    const auto drop = [&](const std::string& text) {
-        if (changed) return discard(intf, listenerDiscardCounter(state), text);
-        discard(text);
-        return true;
-    };
-    if (!stream->ingressIntf()) {
-        take();
-        return false;
     }
-    if (stream->ingressIntf() == intf) {
-        return drop(Runtime::format(
-            "Discard streamId 0x%s ListenerJoin received on same interface %s as Talker", id, intf));
-    }
-    const SrClassState classState = intfStatus->srClassState(stream->srClass());
-    if (!isActive(classState)) {
-        return drop(Runtime::format("Discard streamId 0x%s ListenerJoin on %s as %s is %s", id, intf,
-                                    srClassName(stream->srClass()), srState(classState)));
-    }
-    take();
+    if (verdict.kind == ListenerVerdict::Kind::early) return false;
 
-    ListenerState effective = state;
-    if (classState == SrClassState::Boundary && state != ListenerState::AskingFailed) {
-        trace(": Treating ", State::enumText(state), " as ListenerAskingFailed since ", intf,
+    ListenerState effective = verdict.effective;
+    if (effective != state) {
+        trace(": Treating ", stateName(state), " as ListenerAskingFailed since ", intf,
               " is boundary port for ", srClassName(stream->srClass()));
-        effective = ListenerState::AskingFailed;
     }
     if (effective == stream->listenerState(intf)) {
         trace("ListenerJoin did not result in any change");
@@ -81,13 +105,13 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
                     counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
                     if (isBandwidthFailure(failure)) addFailedStreamToIntf(streamId, intf);
                 }
-                stream->setListenerStateAndAge(intf, effective, now());
+                listenerStateIs(*stream, intf, effective);
                 break;
             }
             case TalkerState::Failed:
-                trace(": Treating ", State::enumText(state),
+                trace(": Treating ", stateName(state),
                       " as ListenerAskingFailed since Talker is in Failed state on ", intf);
-                stream->setListenerStateAndAge(intf, ListenerState::AskingFailed, now());
+                listenerStateIs(*stream, intf, ListenerState::AskingFailed);
                 break;
             case TalkerState::None:
                 trace("Listener not honored since Talker state is not active");
@@ -114,8 +138,8 @@ void MsrpSm::processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr
             Runtime::format("Discard streamId 0x%s ListenerLv on %s as stream doesn't exist", id, intf));
     }
     if (!stream->ingressIntf()) {
-        stream->delListenerStateAndAge(intf);
-        stream->listenerStateOrigDel(intf);
+        listenerStateIs(*stream, intf, ListenerState::Ignore);
+        listenerStateOrigIs(*stream, intf, ListenerState::Ignore);
         counterInc(intf, Direction::Rx, MsrpCounter::listenerLeave);
     } else if (stream->ingressIntf() == intf) {
         return drop(Runtime::format(
@@ -129,7 +153,7 @@ void MsrpSm::processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr
         log(MSRP_LISTENER_LV, "received", intf, id, number(state));
         counterInc(intf, Direction::Rx, MsrpCounter::listenerLeave);
         removeListener(intf, streamId, ListenerState::Ignore);
-        stream->listenerStateOrigDel(intf);
+        listenerStateOrigIs(*stream, intf, ListenerState::Ignore);
         propagateListenerAttribute(streamId);
     }
     cleanupStreamDataIfEmpty(streamId);
@@ -167,11 +191,7 @@ TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
 
 void MsrpSm::removeListener(IntfId intf, const U64& streamId, ListenerState newState) {
     const auto stream = existingStream(streamId);
-    if (newState == ListenerState::Ignore) {
-        stream->delListenerStateAndAge(intf);
-    } else {
-        stream->setListenerStateAndAge(intf, newState, now());
-    }
+    listenerStateIs(*stream, intf, newState);
     const auto group = stream->ethGroup();
     if (!group || !group->intf(intf)) return;
 

@@ -91,7 +91,7 @@ void MsrpSm::clearIngress(StreamData& stream) {
     // A listener of the talker's own port whose leave was discarded meanwhile would stay for ever.
     const bool recorded = stream.listenerStateOrig(ingress) != ListenerState::Ignore;
     if (recorded && !inputs_.msrpLib->mrpHeld(ingress, typeListener, stream.streamId())) {
-        stream.listenerStateOrigDel(ingress);
+        listenerStateOrigIs(stream, ingress, ListenerState::Ignore);
     }
     // Without a talker it waits for nothing.
     removeFromQueues(stream.streamId(), stream.macDa());

@@ -162,7 +162,7 @@ void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, Intf
         }
         if (listener != ListenerState::Ignore) {
             const auto effective = code == Code::noFailure ? listener : ListenerState::AskingFailed;
-            stream->setListenerStateAndAge(port, effective, now());
+            listenerStateIs(*stream, port, effective);
             listenersChanged = true;
         }
     };

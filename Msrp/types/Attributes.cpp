@@ -11,33 +11,34 @@ U64 bigEndian(std::span<const U8> octets) {
     for (const U8 octet : octets) value = value << 8 | octet;
     return value;
 }
-void bigEndianIs(std::span<U8> octets, U64 value) {
-    for (std::size_t i = octets.size(); i-- > 0; value >>= 8) octets[i] = static_cast<U8>(value);
-}
 
 // Stream id: 48-bit address and 16-bit unique id, of which only the unique id is counted up (35.2.2.8.2).
 constexpr std::size_t uniqueIdAt = 6;
 constexpr std::size_t macDaAt = 8;
 constexpr std::size_t macDaOctets = 6;
 constexpr std::size_t afterMacDa = macDaAt + macDaOctets;
-constexpr U64 macMask = 0xffff'ffff'ffff;
 
 U64 streamKey(std::span<const U8> value) { return bigEndian(value.first(8)); }
 U64 domainKey(std::span<const U8> value) { return value[0]; }
 
-bool incrementStream(std::span<U8> value, std::uint32_t k) {
-    bigEndianIs(value.subspan(uniqueIdAt, 2), bigEndian(value.subspan(uniqueIdAt, 2)) + k);
+/// Counts up a big-endian number in place; it wraps.  Nearly always the last octet says it all, and a frame
+/// may hold thousands of values.
+void countUp(std::span<U8> octets) {
+    for (auto octet = octets.rbegin(); octet != octets.rend() && ++*octet == 0; ++octet) {
+    }
+}
+bool incrementStream(std::span<U8> value) {
+    countUp(value.subspan(uniqueIdAt, 2));
     return true;
 }
-bool incrementTalker(std::span<U8> value, std::uint32_t k) {
-    bigEndianIs(value.subspan(macDaAt, macDaOctets),
-                (bigEndian(value.subspan(macDaAt, macDaOctets)) + k) & macMask);
-    return incrementStream(value, k);
+bool incrementTalker(std::span<U8> value) {
+    countUp(value.subspan(macDaAt, macDaOctets));
+    return incrementStream(value);
 }
-bool incrementDomain(std::span<U8> value, std::uint32_t k) {
-    if (value[0] + k > 0xff || value[1] + k > 0xff) return false;
-    value[0] = static_cast<U8>(value[0] + k);
-    value[1] = static_cast<U8>(value[1] + k);
+bool incrementDomain(std::span<U8> value) {
+    if (value[0] == 0xff || value[1] == 0xff) return false;
+    ++value[0];
+    ++value[1];
     return true;
 }
 

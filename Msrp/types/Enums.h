@@ -4,6 +4,7 @@
 #include "State/Codec.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -47,6 +48,10 @@ constexpr auto listenerStateNames =
                                                    {ListenerState::Ready, "Ready"},
                                                    {ListenerState::ReadyFailed, "ReadyFailed"}});
 constexpr const auto& enumNames(ListenerState) { return listenerStateNames; }
+constexpr std::string_view stateName(ListenerState state) {
+    const auto number = static_cast<std::size_t>(state);
+    return number < listenerStateNames.size() ? listenerStateNames[number].name : "unknown";
+}
 /// True for a listener that can receive the stream, or some of whose stations can.
 constexpr bool wantsStream(ListenerState state) {
     return state == ListenerState::Ready || state == ListenerState::ReadyFailed;

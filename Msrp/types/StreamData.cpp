@@ -42,7 +42,8 @@ bool StreamData::hasTalkerFailureCode() const {
 }
 
 std::optional<IntfId> StreamData::portWithListener() const {
-    const auto at = std::ranges::find_if(ports_, [](const StreamPort& p) { return p.hasListenerState; });
+    const auto at = std::ranges::find_if(
+        ports_, [](const StreamPort& p) { return p.hasListenerState || p.hasListenerStateOrig; });
     return at == ports_.end() ? std::nullopt : std::optional<IntfId>{at->intf};
 }
 
@@ -99,14 +100,6 @@ void StreamData::listenerStateOrigDel(IntfId intf) {
     p.listenerStateOrig = ListenerState::Ignore;
     p.hasListenerStateOrig = false;
     rowChanged(intf, "listenerStateOrig");
-}
-
-void StreamData::listenerStateOrigDelAll() {
-    std::vector<IntfId> ports;
-    for (const StreamPort& p : ports_) {
-        if (p.hasListenerStateOrig) ports.push_back(p.intf);
-    }
-    for (const IntfId intf : ports) listenerStateOrigDel(intf);
 }
 
 void StreamData::talkerDelAll() {

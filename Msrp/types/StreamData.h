@@ -88,7 +88,7 @@ public:
         return row(intf).talkerFailureCode;
     }
     [[nodiscard]] bool hasTalkerFailureCode() const;
-    /// The first port with a listener state.
+    /// The first port with a listener state, registered or effective.
     [[nodiscard]] std::optional<IntfId> portWithListener() const;
     /// Seconds on the agent's clock; 0 for never.
     [[nodiscard]] double statusTime(IntfId intf) const { return row(intf).statusTime; }
@@ -101,7 +101,6 @@ public:
     void delListenerStateAndAge(IntfId intf);
     void listenerStateOrigIs(IntfId intf, ListenerState state);
     void listenerStateOrigDel(IntfId intf);
-    void listenerStateOrigDelAll();
     /// Removes the talker states and failure codes of all ports.
     void talkerDelAll();
     void talkerFailureCodeIs(IntfId intf, TalkerFailureCode code);
