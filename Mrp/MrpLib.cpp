@@ -37,11 +37,12 @@ bool MrpLib::mrpHeld(IntfId intf, std::uint8_t type, std::uint64_t key) const {
 }
 
 std::string MrpLib::baseSpanningTreeTopo(IntfId intf) const {
-    return engine_ != nullptr ? engine_->baseSpanningTreeTopo(intf) : std::string{};
+    if (engine_ == nullptr || !engine_->inputs().stpStatus) return {};
+    return Stp::baseTopology(*engine_->inputs().stpStatus, engine_->inputs().brConfig.get(), intf);
 }
 
 VlanId MrpLib::getNativeVlanId(IntfId intf) const {
-    return engine_ != nullptr ? engine_->nativeVlanId(intf) : VlanId{1};
+    return Bridging::nativeVlan(engine_ != nullptr ? engine_->inputs().brConfig.get() : nullptr, intf);
 }
 
 void MrpLib::mrpPortOpened(IntfId intf) {

@@ -9,15 +9,8 @@ namespace Mrp {
 
 namespace {
 
-/// What may be received in one turn of the loop, and of that by one port while others wait: some
-/// milliseconds of work.
-constexpr unsigned turnBudget = 128 * Participant::indicationCost;
-constexpr unsigned portBudget = turnBudget / 8;
 /// What offers may cost in one turn.
 constexpr unsigned offerBudget = turnBudget / 2;
-/// Attributes whose states are looked at for transmissions in one turn; the last port to get its turn may
-/// take more.
-constexpr std::size_t turnTransmissions = 4096;
 /// Reasons of reports behind those of malformed frames.
 constexpr std::uint32_t rangeErrorReason = 100;
 constexpr std::uint32_t floodReason = 150;
@@ -49,9 +42,7 @@ MrpSm::MrpSm(Inputs inputs)
                        [this](IntfId intf) {
                            if (auto p = participant(intf)) p->leaveAll();
                        }}},
-      receiveBudget_{turnBudget},
-      transmitBudget_{turnTransmissions},
-      turnTimer_{loop_, [this] { serveLine(); }},
+      turns_{loop_, [this](IntfId intf, unsigned most) { servePort(intf, most); }},
       offerTimer_{loop_, [this] { runOffers(); }},
       configReactor_{config_->react([this](const State::Change& change) { configChanged(change.field); })} {
     Runtime::require(application_.application().types.size() <= maxTypes, "too many attribute types");
@@ -149,29 +140,28 @@ void MrpSm::received(IntfId intf, std::span<const std::uint8_t> pdu) {
     const auto at = ports_.find(intf);
     if (at == ports_.end() || !at->second.participant) return;
     Port& port = at->second;
-    if (paused_ || receiveBudget_ == 0 || !port.inbox.empty()) return keep(intf, port, pdu);
+    if (turns_.mayReceive() == 0 || !port.inbox.empty()) return keep(intf, port, pdu);
     const auto receiver = port.participant;
     decode(pdu, application_.application(), direct_.pdu);
     direct_.begun = false;
     direct_.firstTypes = true;
     direct_.firstRefs.clear();
     direct_.nextEvent = 0;
-    if (receive(*receiver, direct_, receiveBudget_)) return;
+    if (receive(*receiver, direct_, turns_.mayReceive()).done) return;
     direct_.arrived = loop_.now();
     port.inbox.putBack(std::make_unique<Reception>(std::exchange(direct_, {})));
-    standInLine(intf, port);
+    turns_.standInLine(intf);
 }
 
-bool MrpSm::receive(Participant& receiver, Reception& in, unsigned most) {
+MrpSm::Received MrpSm::receive(Participant& receiver, Reception& in, unsigned most) {
     unsigned left = most;
     const bool done = receiver.receive(in, left);
-    receiveBudget_ -= most - left;
-    if (!turnTimer_.armed()) turnTimer_.armIn(Runtime::Duration{0});
-    return done;
+    turns_.received(most - left);
+    return {done, most - left};
 }
 
 void MrpSm::keep(IntfId intf, Port& port, std::span<const std::uint8_t> pdu) {
-    if (port.inbox.push(loop_.now(), pdu)) return standInLine(intf, port);
+    if (port.inbox.push(loop_.now(), pdu)) return turns_.standInLine(intf);
     MrpCounts lost;
     lost.droppedPdus = 1;
     count(intf, lost);
@@ -180,55 +170,37 @@ void MrpSm::keep(IntfId intf, Port& port, std::span<const std::uint8_t> pdu) {
     });
 }
 
-void MrpSm::standInLine(IntfId intf, Port& port) {
-    if (std::exchange(port.inLine, true)) return;
-    line_.push_back(intf);
-    if (!turnTimer_.armed()) turnTimer_.armIn(Runtime::Duration{0});
-}
-
-void MrpSm::serveLine() {
-    receiveBudget_ = turnBudget;
-    transmitBudget_ = turnTransmissions;
-    while (!paused_ && !line_.empty() && receiveBudget_ > 0) {
-        const IntfId intf = line_.front();
-        line_.pop_front();
-        const auto at = ports_.find(intf);
-        if (at == ports_.end()) continue;
-        at->second.inLine = false;
-        servePort(intf, at->second);
-    }
-    if (!paused_ && !line_.empty()) turnTimer_.armIn(Runtime::Duration{0});
-}
-
 void MrpSm::pausedIs(bool paused) {
-    if (std::exchange(paused_, paused) == paused || paused) return;
-    turnTimer_.armIn(Runtime::Duration{0});
+    const bool before = turns_.paused();
+    turns_.pausedIs(paused);
+    if (before == paused || paused) return;
     offerTimer_.armIn(Runtime::Duration{0});
     for (const auto& [intf, port] : ports_) {
         if (port.participant) port.participant->requestOpportunity();
     }
 }
 
-void MrpSm::servePort(IntfId intf, Port& port) {
-    const unsigned reserve = receiveBudget_ - std::min(receiveBudget_, portBudget);
+void MrpSm::servePort(IntfId intf, unsigned most) {
+    const auto at = ports_.find(intf);
+    if (at == ports_.end()) return;
+    Port& port = at->second;
     // A handler may stop the port, and start it again.
-    while (port.participant && !port.inbox.empty() && receiveBudget_ > reserve) {
+    while (port.participant && !port.inbox.empty() && most > 0) {
         const auto receiver = port.participant;
         auto next = port.inbox.take(application_.application());
-        if (!receive(*receiver, *next, receiveBudget_ - reserve)) port.inbox.putBack(std::move(next));
+        const Received received = receive(*receiver, *next, most);
+        if (!received.done) port.inbox.putBack(std::move(next));
+        most -= std::min(most, received.cost);
     }
-    if (!port.inbox.empty()) standInLine(intf, port);
+    if (!port.inbox.empty()) turns_.standInLine(intf);
 }
 
 bool MrpSm::mayTransmit(IntfId intf) {
     const auto at = ports_.find(intf);
-    return !paused_ && transmitBudget_ > 0 && (at == ports_.end() || !at->second.inbox.begun());
+    return turns_.mayTransmit() && (at == ports_.end() || !at->second.inbox.begun());
 }
 
-void MrpSm::transmitted(std::size_t attributes) {
-    transmitBudget_ -= std::min(transmitBudget_, attributes);
-    if (!turnTimer_.armed()) turnTimer_.armIn(Runtime::Duration{0});
-}
+void MrpSm::transmitted(std::size_t attributes) { turns_.transmitted(attributes); }
 
 std::optional<Runtime::Time> MrpSm::backlogSince(IntfId intf) const {
     const auto at = ports_.find(intf);
@@ -383,17 +355,17 @@ void MrpSm::offerDue(IntfId intf, const AttributeRef& ref) {
 }
 
 void MrpSm::runOffers() {
-    for (unsigned left = offerBudget; !paused_ && left > 0 && !offers_.empty();) {
+    for (unsigned left = offerBudget; !turns_.paused() && left > 0 && !offers_.empty();) {
         const Offers::Offer offer = offers_.take();
         const auto port = participant(offer.intf);
         unsigned cost = 1;
         if (port && (offer.always || port->refused(offer.ref))) {
             port->offerAgain(offer.ref);
-            cost += Participant::indicationCost + takeCost();
+            cost += indicationCost + takeCost();
         }
         left -= std::min(left, cost);
     }
-    if (!paused_ && !offers_.empty()) offerTimer_.armIn(Runtime::Duration{0});
+    if (!turns_.paused() && !offers_.empty()) offerTimer_.armIn(Runtime::Duration{0});
 }
 
 void MrpSm::later(std::function<void()> task) {
@@ -438,28 +410,6 @@ void MrpSm::reportLimit(IntfId intf, std::uint8_t type, bool reached) {
                            reached ? ": no more are registered, the limit of "
                                    : ": registered again, fewer than the limit of ",
                            config_->maxAttributesPerType(), reached ? " is reached" : ""));
-}
-
-std::string MrpSm::baseSpanningTreeTopo(IntfId intf) const {
-    if (!inputs_.stpStatus) return {};
-    switch (inputs_.stpStatus->mode()) {
-        case Stp::Mode::None:
-            return std::string{Stp::noStpName};
-        case Stp::Mode::Rstp:
-        case Stp::Mode::Mstp:
-            return std::string{Stp::cistName};
-        case Stp::Mode::Pvst: {
-            const auto vlan = inputs_.brConfig ? inputs_.brConfig->vlanConfig(nativeVlanId(intf)) : nullptr;
-            return vlan ? Stp::pvstInstanceName(*vlan) : std::string{};
-        }
-        default:
-            return {};
-    }
-}
-
-VlanId MrpSm::nativeVlanId(IntfId intf) const {
-    const auto port = inputs_.brConfig ? inputs_.brConfig->switchIntfConfig(intf) : nullptr;
-    return port ? port->nativeVlan() : VlanId{1};
 }
 
 }  // namespace Mrp

@@ -18,6 +18,7 @@
 #include "Mrp/PeriodicSm.h"
 #include "Mrp/Records.h"
 #include "Mrp/ReportLimiter.h"
+#include "Mrp/Turns.h"
 #include "Runtime/Loop.h"
 #include "Runtime/Trace.h"
 #include "Switch/Bridging.h"
@@ -26,7 +27,6 @@
 #include "Switch/Stp.h"
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -94,8 +94,7 @@ public:
     /// What is known of the attributes of an enabled port, in the order of type and key; nothing for others.
     void eachAttribute(IntfId intf,
                        const std::function<void(const AttributeRef&, const Attribute&)>& visit) const;
-    [[nodiscard]] std::string baseSpanningTreeTopo(IntfId intf) const;
-    [[nodiscard]] VlanId nativeVlanId(IntfId intf) const;
+    [[nodiscard]] const Inputs& inputs() const { return inputs_; }
     [[nodiscard]] PeriodicSm& periodicSm() { return periodicSm_; }
 
 private:
@@ -104,7 +103,6 @@ private:
         std::shared_ptr<Participant>
             participant;  ///< null between its end and the closing of the packet port
         Inbox inbox;
-        bool inLine = false;  ///< stands in `line_`
     };
 
     Participant::Outcome joinIndication(IntfId intf, const AttributeRef& ref,
@@ -137,12 +135,14 @@ private:
     void received(IntfId intf, std::span<const std::uint8_t> pdu);
     /// Keeps a PDU until the port has its turn.
     void keep(IntfId intf, Port& port, std::span<const std::uint8_t> pdu);
-    void standInLine(IntfId intf, Port& port);
-    /// Lets the ports in line have their turns.
-    void serveLine();
-    void servePort(IntfId intf, Port& port);
+    /// The port's turn, which may cost that much.
+    void servePort(IntfId intf, unsigned most);
+    struct Received {
+        bool done;  ///< the whole PDU
+        unsigned cost;
+    };
     /// Takes what was done off this turn's budget.
-    bool receive(Participant& receiver, Reception& in, unsigned most);
+    Received receive(Participant& receiver, Reception& in, unsigned most);
     void log(AttrLogRecord::What what, IntfId intf, const AttributeRef& ref);
     void report(IntfId intf, std::uint32_t reason, const std::string& line);
     void configChanged(std::string_view field);
@@ -163,13 +163,9 @@ private:
     PeriodicSm periodicSm_;
     std::set<IntfId> enabled_;
     std::map<IntfId, Port> ports_;
-    unsigned receiveBudget_;      ///< what may still be received in this turn of the loop
-    std::size_t transmitBudget_;  ///< attributes that may still be looked at for transmissions in it
-    Runtime::Timer turnTimer_;    ///< armed while the budget is touched or ports stand in line
-    std::deque<IntfId> line_;     ///< ports with full inboxes, each once
-    Reception direct_;            ///< of a PDU that need not wait; kept for its memory
+    Turns turns_;
+    Reception direct_;  ///< of a PDU that need not wait; kept for its memory
     bool indicating_ = false;
-    bool paused_ = false;
 
     Offers offers_;
     Runtime::Timer offerTimer_;                                   ///< armed while anything is to be offered

@@ -1,5 +1,7 @@
 #include "Mrp/Participant.h"
 
+#include "Mrp/Turns.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -237,11 +239,8 @@ bool Participant::declare(const AttributeRef& ref, const AttributeValue& value) 
     Attribute& attribute = findOrMake(ref);
     const bool declared = isMember(attribute.applicant);
     const bool changed = attribute.spokenFor() && attribute.own() != value;
-    applicantEvent(ref, attribute, ApplicantEvent::join);
-    if (changed) {
-        applicantIs(ref, attribute, Applicant::VP, ApplicantEvent::join);
-        queue(ref, attribute, Runtime::Duration{0});
-    }
+    applicantEvent(ref, attribute, changed ? ApplicantEvent::newValue : ApplicantEvent::join);
+    if (changed) queue(ref, attribute, Runtime::Duration{0});
     attribute.ownIs(value);
     return !declared || changed;
 }
@@ -259,14 +258,7 @@ void Participant::seed(const AttributeRef& ref, const AttributeValue& value) {
 void Participant::withdraw(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr || !isMember(attribute->applicant)) return;
-    if (attribute->applicant == Applicant::VP && attribute->announced) {
-        // The table takes it that nothing has been sent in VP.  Here the peer knows a value that was to be
-        // replaced.
-        applicantIs(ref, *attribute, Applicant::LA, ApplicantEvent::leave);
-        queue(ref, *attribute, Runtime::Duration{0});
-    } else {
-        applicantEvent(ref, *attribute, ApplicantEvent::leave);
-    }
+    applicantEvent(ref, *attribute, attribute->announced ? ApplicantEvent::leaveTold : ApplicantEvent::leave);
     if (attribute->applicant == Applicant::LA) {
         attribute->ownIs(attribute->told());
     } else {
@@ -279,21 +271,17 @@ void Participant::withdraw(const AttributeRef& ref) {
 void Participant::owe(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr || !attribute->announced || attribute->spokenFor()) return;
-    applicantIs(ref, *attribute, Applicant::LA, ApplicantEvent::leave);
+    applicantEvent(ref, *attribute, ApplicantEvent::takeBack);
     attribute->ownIs(attribute->told());
-    queue(ref, *attribute, Runtime::Duration{0});
 }
 
 void Participant::forget(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr) return;
     // A withdrawal that is on its way is not this declaration's: the peer must still hear it.
-    if (attribute->applicant == Applicant::LA) {
-        applicantEvent(ref, *attribute, ApplicantEvent::leave);
-    } else {
-        applicantIs(ref, *attribute, Applicant::VO, ApplicantEvent::leave);
+    applicantEvent(ref, *attribute, ApplicantEvent::forget);
+    if (attribute->applicant != Applicant::LA)
         attribute->announced = attribute->announced && replaces_[ref.typeIndex] != ref.typeIndex;
-    }
     attribute->mtDue = false;
     if (attribute->refused) {
         attribute->held = false;
@@ -347,26 +335,16 @@ void Participant::periodic() {
 
 void Participant::applicantEvent(const AttributeRef& ref, Attribute& attribute, ApplicantEvent event) {
     const Applicant before = attribute.applicant;
-    Applicant next = step(before, event).next;
-    // An observer of a value that nobody registers has nothing to ask for and is deleted instead (10.7.7, the
-    // standard leaves it open); otherwise each LeaveAll would make the port echo every value that it ever
-    // saw.
-    if (next == Applicant::LO && before != next && !attribute.registered()) next = Applicant::VO;
-    applicantIs(ref, attribute, next, event);
-    if (next != before && hasToSpeak(next)) queue(ref, attribute, patience(next, event));
-}
-
-void Participant::applicantIs(const AttributeRef& ref, Attribute& attribute, Applicant next,
-                              ApplicantEvent why) {
+    const Applicant next = step(before, event, attribute.registered()).next;
     // Also what changes nothing: whoever reads the trace asks why.
     if (env_.trace.on(Runtime::TraceLevel::detail)) {
         env_.trace(Runtime::TraceLevel::detail, intf_, " type ", unsigned{type(ref.typeIndex).type}, " key ",
-                   State::hexText(ref.key),
-                   " applicant: ", applicantNames[static_cast<std::size_t>(attribute.applicant)], " -> ",
-                   applicantNames[static_cast<std::size_t>(next)], " (",
-                   applicantEventNames[static_cast<std::size_t>(why)], ')');
+                   State::hexText(ref.key), " applicant: ", applicantNames[static_cast<std::size_t>(before)],
+                   " -> ", applicantNames[static_cast<std::size_t>(next)], " (",
+                   applicantEventNames[static_cast<std::size_t>(event)], ')');
     }
     attribute.applicant = next;
+    if (next != before && hasToSpeak(next)) queue(ref, attribute, patience(next, event));
 }
 
 void Participant::registrarEvent(const AttributeRef& ref, Attribute& attribute, RegistrarEvent event) {

@@ -99,7 +99,6 @@ public:
     /// Of several joins of one key, of a type that is delivered first, only the last one is indicated: these
     /// decide over all that the port carries, and what a PDU says in between it has taken back itself.
     bool receive(Reception& in, unsigned& budget);
-    static constexpr unsigned indicationCost = 16;
 
     /// Join! of a value.  True when that is news: the value was not declared before.
     bool declare(const AttributeRef& ref, const AttributeValue& value);
@@ -200,7 +199,6 @@ private:
     [[nodiscard]] bool mayRegister(std::uint8_t typeIndex);
 
     void applicantEvent(const AttributeRef& ref, Attribute& attribute, ApplicantEvent event);
-    void applicantIs(const AttributeRef& ref, Attribute& attribute, Applicant next, ApplicantEvent why);
     void registrarEvent(const AttributeRef& ref, Attribute& attribute, RegistrarEvent event);
     /// Flush! without its indication.
     void unregister(const AttributeRef& ref, Attribute& attribute);

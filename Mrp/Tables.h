@@ -30,9 +30,15 @@ enum class ApplicantEvent : std::uint8_t {
     tx,
     txLA,
     txLAF,
+    // Where the standard's table knows nothing of values that a peer was told before
+    newValue,   ///< Join! of another value than was declared
+    leaveTold,  ///< Lv! of a value that the peer knows, in VP too
+    takeBack,   ///< the peer knows a value that nobody declares any more
+    forget,     ///< ends without a word, but for a withdrawal that is on its way
 };
-constexpr std::array<std::string_view, 12> applicantEventNames{
-    "New", "Join", "Lv", "rNew", "rJoinIn", "rIn", "rJoinMt", "rLv", "periodic", "tx", "txLA", "txLAF"};
+constexpr std::array<std::string_view, 16> applicantEventNames{
+    "New",      "Join", "Lv",   "rNew",  "rJoinIn",  "rIn",       "rJoinMt",  "rLv",
+    "periodic", "tx",   "txLA", "txLAF", "newValue", "leaveTold", "takeBack", "forget"};
 
 /// What a transmit opportunity sends.  With sJ and s the registrar decides between In and Mt; the optional
 /// ones are sent only where they are free.
@@ -42,7 +48,7 @@ struct ApplicantCell {
     Send send = Send::none;
 };
 using ApplicantRow = std::array<ApplicantCell, 12>;
-using ApplicantTable = std::array<ApplicantRow, 12>;
+using ApplicantTable = std::array<ApplicantRow, applicantEventNames.size()>;
 
 /// For a full-duplex link, which has one peer.  Notes 4 and 5 of the table: a JoinIn from the only peer says
 /// nothing about ours before we have sent it, and its In proves that it has registered ours.
@@ -65,6 +71,10 @@ constexpr ApplicantTable applicantTable = [] {
         /* tx!      */ {{{same,os},{AA,sJ},  {AN,sN},  {QA,sN},  {QA,sJ},  {same,oJ}, {VO,sL},  {same,os},{same,os},{QA,sJ},  {same,os},{VO,s}  }},
         /* txLA!    */ {{{LO,os},  {AA,sJ},  {AN,sN},  {QA,sN},  {QA,sJ},  {same,sJ}, {LO,os},  {LO,os},  {LO,os},  {QA,sJ},  {QA,sJ},  {same,os}}},
         /* txLAF!   */ {{{LO},     o,        o,        {VN},     {VP},     {VP},      {LO},     {LO},     {LO},     {VP},     {VP},     o       }},
+        /* newValue */ {{{VP},     {VP},     {VP},     {VP},     {VP},     {VP},      {VP},     {VP},     {VP},     {VP},     {VP},     {VP}    }},
+        /* leaveTold*/ {{o,        {LA},     {LA},     {LA},     {LA},     {LA},      o,        o,        o,        {AO},     {QO},     o       }},
+        /* takeBack */ {{{LA},     o,        o,        o,        o,        o,         o,        {LA},     {LA},     o,        o,        {LA}    }},
+        /* forget   */ {{o,        {VO},     {VO},     {VO},     {VO},     {VO},      o,        {VO},     {VO},     {VO},     {VO},     {VO}    }},
     }};
 }();
 // clang-format on
@@ -72,9 +82,12 @@ constexpr ApplicantTable applicantTable = [] {
 // not wait because it meets a LeaveAll.  AN goes to QA after its second New (the standard's note 8 leaves a
 // choice).
 
-/// What happens; `next` is never `same`.
-constexpr ApplicantCell step(Applicant state, ApplicantEvent event) {
+/// What happens; `next` is never `same`.  An observer of a value that is not registered has nothing to ask
+/// for and is deleted instead of coming to LO (10.7.7, the standard leaves it open); otherwise each LeaveAll
+/// would make the port echo every value that it ever saw.
+constexpr ApplicantCell step(Applicant state, ApplicantEvent event, bool registered = true) {
     ApplicantCell cell = applicantTable[static_cast<std::size_t>(event)][static_cast<std::size_t>(state)];
+    if (cell.next == Applicant::LO && !registered) cell.next = Applicant::VO;
     if (cell.next == Applicant::same) cell.next = state;
     return cell;
 }

@@ -128,6 +128,9 @@ private:
     State::Collection<IntfId, SwitchIntfConfig> switchIntfConfig_;
 };
 
+/// The VLAN of the port's untagged frames: its switch configuration's, else 1.
+VlanId nativeVlan(const Config* config, IntfId intf);
+
 }  // namespace Bridging
 
 // Made once, in the source file beside this header.

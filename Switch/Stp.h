@@ -106,6 +106,10 @@ private:
     State::Collection<std::string, InstanceStatus> stpInstanceStatus_;
 };
 
+/// The topology that a port's untagged frames follow; empty when the port has none.  Where every VLAN has a
+/// tree of its own it is that of the native VLAN, once that is configured.
+std::string baseTopology(const Status& status, const Bridging::Config* config, IntfId intf);
+
 }  // namespace Stp
 
 // Made once, in the source file beside this header.
