@@ -139,9 +139,13 @@ std::unique_ptr<LogOutlet> systemLogSocket(const Runtime::Loop& loop, std::strin
 
 LogWriter::LogWriter(Runtime::Loop& loop, std::unique_ptr<LogOutlet> outlet,
                      std::function<void(const std::string& line)> trouble)
-    : loop_{loop}, outlet_{std::move(outlet)}, trouble_{std::move(trouble)}, timer_{loop, [this] {
-                                                                                        flush();
-                                                                                    }} {}
+    : loop_{loop},
+      outlet_{std::move(outlet)},
+      trouble_{std::move(trouble)},
+      timer_{loop, [this] {
+                 if (std::exchange(letOthersPass_, false)) return timer_.armIn({});
+                 flush();
+             }} {}
 
 void LogWriter::line(int severity, std::string text) {
     if (octets_ + text.size() > capacity) {
@@ -149,7 +153,9 @@ void LogWriter::line(int severity, std::string text) {
         return lost("nobody reads them");
     }
     enqueue(severity, std::move(text));
-    if (!timer_.armed()) timer_.armIn({});
+    if (timer_.armed()) return;
+    letOthersPass_ = true;
+    timer_.armIn({});
 }
 
 void LogWriter::enqueue(int severity, std::string text) {

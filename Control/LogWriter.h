@@ -44,7 +44,8 @@ public:
     LogWriter(Runtime::Loop& loop, std::unique_ptr<LogOutlet> outlet,
               std::function<void(const std::string& line)> trouble);
 
-    /// Written at the end of the turn, or when that is possible; `severity` as in syslog.
+    /// Written behind what is due already, the frames that it is about among them, or when that is possible;
+    /// `severity` as in syslog.
     void line(int severity, std::string text);
     void reopen();
     /// Writes what it can, waiting at most for so long.
@@ -67,7 +68,8 @@ private:
     std::size_t octets_ = 0;  ///< in the queue
     std::size_t offset_ = 0;  ///< what of its first line has been written
     std::uint64_t dropped_ = 0;
-    std::string reason_;  ///< why lines are not written; empty while they are
+    bool letOthersPass_ = false;  ///< at the next firing of the timer
+    std::string reason_;          ///< why lines are not written; empty while they are
     Runtime::Timer timer_;
 };
 

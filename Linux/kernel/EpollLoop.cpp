@@ -2,12 +2,13 @@
 
 #include "Runtime/Assert.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <limits>
 #include <sys/epoll.h>
-#include <sys/timerfd.h>
 
 namespace Linux {
 
@@ -16,8 +17,6 @@ using Runtime::Time;
 
 namespace {
 
-/// The alarm's mark in epoll's events; watches count from 1.
-constexpr std::uint64_t alarmSerial = 0;
 /// Descriptors served in one turn.  epoll moves the served ones to the end of its list, so nobody is left
 /// out.
 constexpr std::size_t batch = 64;
@@ -26,15 +25,8 @@ constexpr Duration timersSpan = std::chrono::milliseconds{3};
 
 }  // namespace
 
-EpollLoop::EpollLoop()
-    : epoll_{epoll_create1(EPOLL_CLOEXEC)},
-      alarm_{timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)} {
-    Runtime::require(epoll_ && alarm_, "no descriptors left for the event loop");
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = alarmSerial;
-    Runtime::require(epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, alarm_.get(), &event) == 0,
-                     "epoll takes a timerfd");
+EpollLoop::EpollLoop() : epoll_{epoll_create1(EPOLL_CLOEXEC)} {
+    Runtime::require(bool{epoll_}, "no descriptors left for the event loop");
 }
 
 namespace {
@@ -67,7 +59,7 @@ bool EpollLoop::runUntil(const std::function<bool()>& condition, Duration span) 
 
 void EpollLoop::turn() {
     std::array<epoll_event, batch> events{};
-    const int count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), timeout());
+    const int count = wait(events);
     // Interrupted by a signal, count is negative and the turn goes on without events.
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
@@ -76,27 +68,39 @@ void EpollLoop::turn() {
         if ((event.events & (EPOLLIN | broken)) != 0) call(serial, Ready::readable);
         if ((event.events & (EPOLLOUT | broken)) != 0) call(serial, Ready::writable);
     }
-    fireDue(now(), timersSpan);
+    fireTimers();
     postedLeft_ = runPosted();
 }
 
-int EpollLoop::timeout() {
-    if (postedLeft_ || (timerArmed() && nextDue() <= now())) return 0;
-    alarmAt(timerArmed() ? nextDue() : Time{});
-    return -1;
+void EpollLoop::fireTimers() {
+    const Time begun = now();
+    Time here = begun;
+    do {
+        fireDue(here, timersSpan - (here - begun));
+        here = now();
+    } while (timerArmed() && nextDue() <= here && here - begun < timersSpan);
 }
 
-void EpollLoop::alarmAt(Time due) {
-    // An alarm that went off stays readable until it is set anew.  It always is before the loop waits: the
-    // timer that it went off for is no longer the next one.
-    if (due == alarmTime_) return;
-    alarmTime_ = due;
-    const auto sinceStart = due.time_since_epoch();
-    const auto whole = std::chrono::duration_cast<std::chrono::seconds>(sinceStart);
-    itimerspec when{};
-    when.it_value.tv_sec = whole.count();
-    when.it_value.tv_nsec = (sinceStart - whole).count();
-    timerfd_settime(alarm_.get(), TFD_TIMER_ABSTIME, &when, nullptr);
+std::optional<Duration> EpollLoop::timeout() const {
+    if (postedLeft_) return Duration{0};
+    if (!timerArmed()) return std::nullopt;
+    return std::max(nextDue() - now(), Duration{0});
+}
+
+int EpollLoop::wait(std::span<epoll_event> events) const {
+    const auto span = timeout();
+    const auto whole = std::chrono::duration_cast<std::chrono::seconds>(span.value_or(Duration{0}));
+    timespec until{};
+    until.tv_sec = whole.count();
+    until.tv_nsec = (span.value_or(Duration{0}) - whole).count();
+    const int most = static_cast<int>(events.size());
+    const int count = epoll_pwait2(epoll_.get(), events.data(), most, span ? &until : nullptr, nullptr);
+    if (count >= 0 || errno != ENOSYS) return count;
+    // Before Linux 5.11: whole milliseconds, never too early.
+    const auto rounded = std::chrono::ceil<std::chrono::milliseconds>(span.value_or(Duration{0}));
+    constexpr std::chrono::milliseconds longest{std::numeric_limits<int>::max()};
+    return epoll_wait(epoll_.get(), events.data(), most,
+                      span ? static_cast<int>(std::min(rounded, longest).count()) : -1);
 }
 
 void EpollLoop::call(std::uint64_t serial, Ready kind) {

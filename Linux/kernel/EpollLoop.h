@@ -1,8 +1,9 @@
 /// The event loop on a real machine: epoll for descriptors, the monotonic clock for timers.
 ///
 /// A turn waits until something is ready, calls the handler of each ready descriptor once, then fires the due
-/// timers. What a handler posts runs right after it, so that a received frame is answered without another
-/// wait.  A descriptor that still has more comes again in the next turn: the others have theirs in between.
+/// timers, also those that are armed for at once meanwhile: a received frame is answered, and what was said
+/// of it logged, without another look at the descriptors. What a handler posts runs right after it.  A
+/// descriptor that still has more comes again in the next turn: the others have theirs in between.
 #pragma once
 
 #include "Linux/kernel/FileDescriptor.h"
@@ -11,6 +12,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <span>
+#include <sys/epoll.h>
 #include <unordered_map>
 
 namespace Linux {
@@ -44,17 +48,16 @@ private:
     };
 
     void turn();
-    /// Sets the alarm for the next timer; how long epoll shall wait (ms, -1: for ever).
-    int timeout();
-    void alarmAt(Runtime::Time due);
+    /// How long epoll shall wait; none: for ever.
+    [[nodiscard]] std::optional<Runtime::Duration> timeout() const;
+    /// How many events it has got.
+    int wait(std::span<epoll_event> events) const;
+    void fireTimers();
     void call(std::uint64_t serial, Ready kind);
     void end(std::uint64_t serial, Ready kind);
     void control(int operation, std::uint64_t serial, const Watched& watched) const;
 
     FileDescriptor epoll_;
-    /// epoll's own timeouts may be late by a thousandth of the wait; a timerfd is not.
-    FileDescriptor alarm_;
-    Runtime::Time alarmTime_{};  ///< zero: not set
     /// By a number that is never used again: an event that was fetched before its watch ended finds nobody,
     /// even if the descriptor's number has a new owner by then.
     std::unordered_map<std::uint64_t, Watched> watched_;
