@@ -173,11 +173,11 @@ int becomeIndependent(int in, pid_t parent) {
 
 /// A child that writes what it finds into the other end of `answer`; its number, or -1.  `flags` as for a
 /// pipe.
-pid_t startProbe(FileDescriptor& answer, int flags) {
+pid_t startProbe(Runtime::FileDescriptor& answer, int flags) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC | flags) != 0) return -1;
-    answer = FileDescriptor{ends[0]};
-    const FileDescriptor in{ends[1]};
+    answer = Runtime::FileDescriptor{ends[0]};
+    const Runtime::FileDescriptor in{ends[1]};
     const pid_t self = getpid();
     const pid_t child = fork();
     if (child == 0) {
@@ -213,7 +213,7 @@ constexpr auto allLimitations = std::to_array<Limitation>({
 
 Abilities probeAbilities() {
     Abilities found;
-    FileDescriptor answer;
+    Runtime::FileDescriptor answer;
     const pid_t child = startProbe(answer, 0);
     Abilities told;
     if (child > 0 && read(answer.get(), &told, sizeof told) == sizeof told) found = told;
@@ -246,7 +246,7 @@ void AbilityProbe::hear() {
     if (size != 0) return;
     // The child has closed its end, and with that it is gone but for its exit code.
     watch_ = {};
-    answer_ = FileDescriptor{};
+    answer_ = Runtime::FileDescriptor{};
     waitpid(std::exchange(child_, 0), nullptr, 0);
     found_(abilities_);
 }

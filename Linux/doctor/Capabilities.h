@@ -1,8 +1,8 @@
 /// Finds out at start what the kernel can do, without touching anything that is in use.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
 #include "Linux/records/CapabilityStatus.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <functional>
@@ -35,7 +35,7 @@ private:
     Runtime::FdLoop& loop_;
     const std::function<void(const Abilities&)> found_;
     pid_t child_ = 0;  ///< 0: none is under way
-    FileDescriptor answer_;
+    Runtime::FileDescriptor answer_;
     Abilities abilities_;
     Runtime::FdLoop::Watch watch_;
 };

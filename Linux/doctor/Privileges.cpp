@@ -1,8 +1,8 @@
 #include "Linux/doctor/Privileges.h"
 
 #include "Linux/groups/GroupMessage.h"
-#include "Linux/kernel/FileDescriptor.h"
 #include "Linux/kernel/Netlink.h"
+#include "Runtime/FileDescriptor.h"
 
 #include <cerrno>
 #include <sys/socket.h>
@@ -11,7 +11,7 @@
 namespace Linux {
 
 std::string packetSocketProblem() {
-    const FileDescriptor probe{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)};
+    const Runtime::FileDescriptor probe{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)};
     if (probe) return {};
     const int error = errno;
     std::string text = "cannot open packet sockets: " + std::generic_category().message(error);

@@ -5,7 +5,7 @@
 /// wait.  A descriptor that still has more comes again in the next turn: the others have theirs in between.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <cstdint>
@@ -51,9 +51,9 @@ private:
     void end(std::uint64_t serial, Ready kind);
     void control(int operation, std::uint64_t serial, const Watched& watched) const;
 
-    FileDescriptor epoll_;
+    Runtime::FileDescriptor epoll_;
     /// epoll's own timeouts may be late by a thousandth of the wait; a timerfd is not.
-    FileDescriptor alarm_;
+    Runtime::FileDescriptor alarm_;
     Runtime::Time alarmTime_{};  ///< zero: not set
     /// By a number that is never used again: an event that was fetched before its watch ended finds nobody,
     /// even if the descriptor's number has a new owner by then.

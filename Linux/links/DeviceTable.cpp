@@ -4,6 +4,7 @@
 #include "Linux/links/LinkSpeed.h"
 #include "Runtime/Text.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <chrono>

@@ -1,6 +1,6 @@
 #include "Linux/links/LinkSpeed.h"
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 
 #include <algorithm>
 #include <array>
@@ -21,7 +21,7 @@ namespace {
 
 /// Has the kernel fill in `answer`, which begins with the number of the question.
 bool askEthtool(const std::string& name, void* answer) {
-    const FileDescriptor fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    const Runtime::FileDescriptor fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     ifreq request{};
     std::copy_n(name.begin(), std::min(name.size(), sizeof request.ifr_name - 1), request.ifr_name);
     request.ifr_data = static_cast<char*>(answer);

@@ -1,8 +1,8 @@
 #include "Linux/ports/PacketPorts.h"
 
-#include "Linux/kernel/FileDescriptor.h"
 #include "Linux/ports/PacketRecords.h"
 #include "Runtime/Assert.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
@@ -41,7 +41,7 @@ std::string failed(IntfId intf, std::string_view what) {
 }
 
 template <class T>
-bool setOption(const FileDescriptor& fd, int level, int name, const T& value) {
+bool setOption(const Runtime::FileDescriptor& fd, int level, int name, const T& value) {
     return setsockopt(fd.get(), level, name, &value, sizeof value) == 0;
 }
 
@@ -141,7 +141,7 @@ private:
     std::shared_ptr<Inbox> inbox_;
     Place place_;
     bool saidTooLong_ = false;  ///< of the present MTU
-    FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
     Runtime::FdLoop::Watch watch_;  ///< after `fd_`: ends before it closes
 };
 
@@ -216,7 +216,7 @@ void PacketPorts::Port::placeIs(const Place& place) {
 
 std::string PacketPorts::Port::openSocket() {
     // Protocol 0: hears nothing until it is bound, so that the filter is there first.
-    fd_ = FileDescriptor{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    fd_ = Runtime::FileDescriptor{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     if (!fd_) return failed(intf_, "cannot open a packet socket");
 
     auto filter = frameFilter(owner_.protocol_);

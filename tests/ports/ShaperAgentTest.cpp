@@ -390,7 +390,7 @@ TEST_F(ShaperAgentTest, ARaceThatIsLostForFiltersIsRunAgainAndWithoutThemThereAr
 }
 
 TEST_F(ShaperAgentTest, ANewSpeedIsTakenIntoAccountAndHalfDuplexIsNotShaped) {
-    const Linux::FileDescriptor tap{open("/dev/net/tun", O_RDWR | O_CLOEXEC)};
+    const Runtime::FileDescriptor tap{open("/dev/net/tun", O_RDWR | O_CLOEXEC)};
     ifreq request{};
     std::string{"t1"}.copy(request.ifr_name, sizeof request.ifr_name);
     request.ifr_flags = IFF_TAP | IFF_NO_PI;
