@@ -2,6 +2,7 @@
 
 #include "Linux/ports/PacketRecords.h"
 #include "Runtime/Assert.h"
+#include "Runtime/BigEndian.h"
 #include "Runtime/FileDescriptor.h"
 #include "Runtime/Text.h"
 
@@ -157,8 +158,7 @@ bool PacketPorts::Port::send(std::span<const std::uint8_t> pdu) {
     std::array<std::uint8_t, headerLength + minPayload> edges{};
     std::ranges::copy(group, edges.begin());
     std::ranges::copy(place_.mac.octets(), edges.begin() + 6);
-    edges[12] = static_cast<std::uint8_t>(etherType >> 8);
-    edges[13] = static_cast<std::uint8_t>(etherType);
+    Runtime::bigEndianIs(std::span{edges}.subspan(12, 2), etherType);
     const std::size_t missing = pdu.size() < minPayload ? minPayload - pdu.size() : 0;
     // The kernel only reads what is to be sent; its interface has one form for both directions.
     std::array<iovec, 3> pieces{{{edges.data(), headerLength},
