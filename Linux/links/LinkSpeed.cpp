@@ -11,11 +11,8 @@
 #include <new>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <utility>
 
 namespace Linux {
-
-using Interface::Speed;
 
 namespace {
 
@@ -29,24 +26,6 @@ bool askEthtool(const std::string& name, void* answer) {
 }
 
 }  // namespace
-
-Speed namedSpeed(std::uint32_t megabitsPerSecond) {
-    constexpr auto ladder = std::to_array<std::pair<std::uint32_t, Speed>>({{400'000, Speed::speed400Gbps},
-                                                                            {200'000, Speed::speed200Gbps},
-                                                                            {100'000, Speed::speed100Gbps},
-                                                                            {50'000, Speed::speed50Gbps},
-                                                                            {40'000, Speed::speed40Gbps},
-                                                                            {25'000, Speed::speed25Gbps},
-                                                                            {10'000, Speed::speed10Gbps},
-                                                                            {5'000, Speed::speed5Gbps},
-                                                                            {2'500, Speed::speed2500Mbps},
-                                                                            {1'000, Speed::speed1Gbps},
-                                                                            {100, Speed::speed100Mbps},
-                                                                            {10, Speed::speed10Mbps}});
-    const auto* step =
-        std::ranges::find_if(ladder, [=](const auto& s) { return s.first <= megabitsPerSecond; });
-    return step != ladder.end() ? step->second : Speed::speedUnknown;
-}
 
 LinkMode linkMode(const std::string& name) {
     // The settings are followed by three sets of link modes, whose size in words the first call tells.
