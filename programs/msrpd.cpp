@@ -8,7 +8,7 @@
 #include "Control/LogWriter.h"
 #include "Control/Server.h"
 #include "Linux/Dataplane.h"
-#include "Linux/doctor/Privileges.h"
+#include "Linux/doctor/Capabilities.h"
 #include "Linux/kernel/Claims.h"
 #include "Linux/kernel/EpollLoop.h"
 #include "Linux/kernel/Signals.h"

@@ -1,8 +1,9 @@
 #include "Linux/doctor/Capabilities.h"
 
-#include "Linux/kernel/EthtoolFamily.h"
+#include "Linux/groups/GroupMessage.h"
 #include "Linux/kernel/Netlink.h"
 #include "Linux/kernel/NewerKernel.h"
+#include "Linux/links/Ethtool.h"
 #include "Linux/queues/TrafficControl.h"
 #include "Linux/queues/TrafficFilters.h"
 #include "Runtime/Text.h"
@@ -20,7 +21,9 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <type_traits>
 #include <unistd.h>
 #include <utility>
@@ -258,6 +261,26 @@ std::vector<std::string> limitations(const Abilities& abilities) {
             lines.push_back(Runtime::concat("this kernel has limits: ", line));
     }
     return lines;
+}
+
+std::string packetSocketProblem() {
+    const Runtime::FileDescriptor probe{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)};
+    if (probe) return {};
+    const int error = errno;
+    std::string text = "cannot open packet sockets: " + std::generic_category().message(error);
+    if (error == EPERM) text += " (run as root or with CAP_NET_RAW and CAP_NET_ADMIN)";
+    if (error == EAFNOSUPPORT) text += " (the kernel lacks CONFIG_PACKET)";
+    return text;
+}
+
+std::string netAdminProblem() {
+    NetlinkRequests kernel;
+    std::string problem = kernel.open();
+    if (!problem.empty()) return problem;
+    // Of no bridge: whoever may ask at all is told so.
+    const NetlinkAnswer answer = kernel.carryOut(groupDelete(0, {}));
+    if (answer.error != EPERM) return {};
+    return "cannot change the bridge: " + answer.problem() + " (run as root or with CAP_NET_ADMIN)";
 }
 
 }  // namespace Linux

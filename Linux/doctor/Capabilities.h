@@ -1,4 +1,4 @@
-/// Finds out at start what the kernel can do, without touching anything that is in use.
+/// Finds out what the kernel can do and the process may do, without touching anything that is in use.
 #pragma once
 
 #include "Linux/records/CapabilityStatus.h"
@@ -42,5 +42,10 @@ private:
 
 /// What is not possible on this machine, a line for each ability that is absent.
 std::vector<std::string> limitations(const Abilities& abilities);
+
+/// Empty when packet sockets can be opened, else a line that says why not and what would help.
+std::string packetSocketProblem();
+/// The same for changes of bridges and queues.
+std::string netAdminProblem();
 
 }  // namespace Linux

@@ -1,7 +1,7 @@
 /// What is to be known of a bridge before it is trusted with streams.
 #pragma once
 
-#include "Linux/bridge/VlanTable.h"
+#include "Linux/bridge/VlanMessage.h"
 #include "Linux/links/Device.h"
 #include "Linux/records/CapabilityStatus.h"
 #include "Linux/records/Config.h"

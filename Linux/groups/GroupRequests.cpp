@@ -1,6 +1,5 @@
 // What a group agent asks of the kernel, and what it makes of the answers.
 #include "Linux/groups/GroupAgent.h"
-#include "Linux/groups/GroupReaction.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>

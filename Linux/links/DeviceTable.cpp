@@ -1,7 +1,6 @@
 #include "Linux/links/DeviceTable.h"
 
-#include "Linux/kernel/EthtoolFamily.h"
-#include "Linux/links/LinkSpeed.h"
+#include "Linux/links/Ethtool.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "Linux/links/LinkAgent.h"
 
-#include "Linux/links/LinkSpeed.h"
+#include "Linux/links/Ethtool.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,6 +1,6 @@
 #include "Linux/queues/QueuePlan.h"
 
-#include "Linux/queues/ClassProgram.h"
+#include "Linux/queues/TrafficFilters.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>

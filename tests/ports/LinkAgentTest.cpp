@@ -1,6 +1,6 @@
 #include "Linux/kernel/EpollLoop.h"
+#include "Linux/links/Ethtool.h"
 #include "Linux/links/LinkAgent.h"
-#include "Linux/links/LinkSpeed.h"
 #include "Runtime/Text.h"
 #include "tests/ports/Namespace.h"
 
