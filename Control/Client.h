@@ -28,7 +28,7 @@ private:
     }
 
     std::string path_;
-    Descriptor socket_;
+    Runtime::FileDescriptor socket_;
     std::string in_;
 };
 

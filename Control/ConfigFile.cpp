@@ -17,7 +17,7 @@ constexpr std::size_t maxFileOctets = std::size_t{64} << 20;
 
 /// Empty on success, else why not.
 std::string readFile(const std::string& file, std::string& content) {
-    const Descriptor fd{::open(file.c_str(), O_RDONLY | O_CLOEXEC)};
+    const Runtime::FileDescriptor fd{::open(file.c_str(), O_RDONLY | O_CLOEXEC)};
     char piece[65536];
     for (;;) {
         const ssize_t count = fd ? ::read(fd.get(), piece, sizeof piece) : -1;

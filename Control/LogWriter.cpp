@@ -62,7 +62,8 @@ public:
         } else if (S_ISSOCK(status.st_mode)) {
             kind_ = Kind::socket;
         } else {
-            own_ = Descriptor{::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+            own_ = Runtime::FileDescriptor{
+                ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
             kind_ = own_ ? Kind::own : Kind::shared;
         }
     }
@@ -75,7 +76,7 @@ private:
         shared,  ///< could not be
     };
     Kind kind_ = Kind::file;
-    Descriptor own_;
+    Runtime::FileDescriptor own_;
 };
 
 class SystemLogSocket : public LogOutlet {
@@ -102,7 +103,7 @@ private:
         sockaddr_un to{};
         to.sun_family = AF_UNIX;
         path_.copy(to.sun_path, sizeof to.sun_path - 1);
-        socket_ = Descriptor{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+        socket_ = Runtime::FileDescriptor{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
         if (socket_ && ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0)
             return true;
         const int error = errno;
@@ -126,7 +127,7 @@ private:
     const Runtime::Loop& loop_;
     const std::string program_;
     const std::string path_;
-    Descriptor socket_;
+    Runtime::FileDescriptor socket_;
 };
 
 }  // namespace

@@ -18,7 +18,7 @@ constexpr int pieces = 64;
 constexpr Runtime::Duration leastCost = std::chrono::microseconds{10};
 }  // namespace
 
-Server::Client::Client(Server& server, Descriptor socket)
+Server::Client::Client(Server& server, Runtime::FileDescriptor socket)
     : session{server.loop_,
               server.services_,
               {server.parts_, server.watches_, server.requests_, server.captures_},
@@ -53,7 +53,7 @@ void Server::listen() {
 }
 
 void Server::accept() {
-    Descriptor client{::accept4(socket_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)};
+    Runtime::FileDescriptor client{::accept4(socket_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)};
     if (!client) {
         // The newcomer stays in the queue and would wake the loop for ever.
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {

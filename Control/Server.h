@@ -39,7 +39,7 @@ public:
 
 private:
     struct Client {
-        Client(Server& server, Descriptor socket);
+        Client(Server& server, Runtime::FileDescriptor socket);
         Session session;
         Runtime::Duration cost{};      ///< of its work, more or less
         std::uint64_t lastServed = 0;  ///< when, in pieces of work

@@ -48,7 +48,7 @@ std::string known(const Commands& commands) {
     return names;
 }
 
-int peerProcess(const Descriptor& socket) {
+int peerProcess(const Runtime::FileDescriptor& socket) {
     ucred peer{};
     socklen_t length = sizeof peer;
     return ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
@@ -56,8 +56,8 @@ int peerProcess(const Descriptor& socket) {
 
 }  // namespace
 
-Session::Session(Runtime::FdLoop& loop, const Services& services, const Shared& shared, Descriptor socket,
-                 Notices notices)
+Session::Session(Runtime::FdLoop& loop, const Services& services, const Shared& shared,
+                 Runtime::FileDescriptor socket, Notices notices)
     : loop_{loop},
       services_{services},
       shared_{shared},

@@ -87,8 +87,8 @@ public:
     };
 
     /// `socket` must be connected.  The loop must outlive the session.
-    Session(Runtime::FdLoop& loop, const Services& services, const Shared& shared, Descriptor socket,
-            Notices notices);
+    Session(Runtime::FdLoop& loop, const Services& services, const Shared& shared,
+            Runtime::FileDescriptor socket, Notices notices);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session() { end(); }
@@ -144,7 +144,7 @@ private:
     Runtime::FdLoop& loop_;
     const Services services_;
     const Shared shared_;
-    Descriptor socket_;
+    Runtime::FileDescriptor socket_;
     const Notices notices_;
     const int process_;
     std::string in_;

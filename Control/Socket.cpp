@@ -34,7 +34,7 @@ std::string failure(const std::string& path, int error) {
 }
 
 /// 0 or the error number.
-int connectSocket(const Descriptor& fd, const sockaddr_un& to) {
+int connectSocket(const Runtime::FileDescriptor& fd, const sockaddr_un& to) {
     return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0 ? 0 : errno;
 }
 
@@ -43,7 +43,7 @@ std::string clearStale(const std::string& path, const sockaddr_un& to) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? "" : failure(path, errno);
     if (!S_ISSOCK(status.st_mode)) return "socket " + path + ": a file that is no socket is in the way";
-    const Descriptor probe{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    const Runtime::FileDescriptor probe{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     const int error = probe ? connectSocket(probe, to) : errno;
     // A full queue of a busy server.
     if (error == 0 || error == EAGAIN) return "socket " + path + ": in use";
@@ -53,10 +53,10 @@ std::string clearStale(const std::string& path, const sockaddr_un& to) {
 
 /// Held while a socket's file is made or removed; leaves nothing behind.  Empty when it cannot be had soon:
 /// whoever may open the directory can keep it.
-Descriptor lockDirectory(const std::string& path) {
+Runtime::FileDescriptor lockDirectory(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    Descriptor fd{::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    Runtime::FileDescriptor fd{::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     for (int tries = 0; fd && tries < 50; ++tries) {
         if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0) return fd;
         ::usleep(10'000);
@@ -72,7 +72,7 @@ std::pair<std::uint64_t, std::uint64_t> fileAt(const std::string& path) {
 }
 
 /// The process that listens at the other end.
-pid_t peerOf(const Descriptor& fd) {
+pid_t peerOf(const Runtime::FileDescriptor& fd) {
     ucred peer{};
     socklen_t length = sizeof peer;
     return ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
@@ -86,13 +86,13 @@ void makeDirectory(const std::string& path) {
 
 }  // namespace
 
-Descriptor connectTo(const std::string& path, std::string& problem) {
+Runtime::FileDescriptor connectTo(const std::string& path, std::string& problem) {
     const auto to = address(path);
     if (!to) {
         problem = badPath(path);
         return {};
     }
-    Descriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    Runtime::FileDescriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     const int error = fd ? connectSocket(fd, *to) : errno;
     if (error == 0) return fd;
     problem = failure(path, error);
@@ -107,11 +107,11 @@ std::unique_ptr<ListeningSocket> ListeningSocket::open(const std::string& path, 
     }
     makeDirectory(path);
     // Two that start at the same time must not remove each other's.
-    const Descriptor lock = lockDirectory(path);
+    const Runtime::FileDescriptor lock = lockDirectory(path);
     problem = clearStale(path, *to);
     if (!problem.empty()) return nullptr;
 
-    Descriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    Runtime::FileDescriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     // Set before the file exists, so that there is no moment at which others could connect.
     const mode_t before = ::umask(0177);
     const bool bound = fd && ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&*to), sizeof *to) == 0 &&
@@ -124,11 +124,11 @@ std::unique_ptr<ListeningSocket> ListeningSocket::open(const std::string& path, 
 }
 
 ListeningSocket::~ListeningSocket() {
-    const Descriptor lock = lockDirectory(path_);
+    const Runtime::FileDescriptor lock = lockDirectory(path_);
     if (fileAt(path_) != file_) return;
     // The number may be that of a file which has gone, given to another server's: ask who answers there.
     const auto to = address(path_);
-    const Descriptor probe{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    const Runtime::FileDescriptor probe{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     if (probe && connectSocket(probe, *to) == 0 && peerOf(probe) != ::getpid()) return;
     ::unlink(path_.c_str());
 }

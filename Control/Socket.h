@@ -1,6 +1,8 @@
 /// Unix stream sockets, as the control server and its clients use them.
 #pragma once
 
+#include "Runtime/FileDescriptor.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -13,35 +15,8 @@ namespace Control {
 /// Where `msrpd` listens unless told otherwise.
 inline constexpr std::string_view defaultSocket = "/run/msrpd/control";
 
-/// A file descriptor with one owner.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_{fd} {}
-    Descriptor(Descriptor&& other) noexcept : fd_{std::exchange(other.fd_, -1)} {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        if (this != &other) {
-            close();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(); }
-
-    [[nodiscard]] int get() const { return fd_; }
-    [[nodiscard]] explicit operator bool() const { return fd_ >= 0; }
-    void close() {
-        if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-    }
-
-private:
-    int fd_ = -1;
-};
-
 /// Connects (blocking).  On failure the descriptor is empty and `problem` one line that names the socket.
-Descriptor connectTo(const std::string& path, std::string& problem);
+Runtime::FileDescriptor connectTo(const std::string& path, std::string& problem);
 
 /// A socket on which a server listens (non-blocking), and that only its owner may use.  Its file goes with
 /// it, unless another server's stands there by then.
@@ -51,7 +26,8 @@ public:
     /// that is served, and a file that is no socket, are left alone.  Null on failure, and `problem` one
     /// line that names the socket.
     static std::unique_ptr<ListeningSocket> open(const std::string& path, std::string& problem);
-    ListeningSocket(Descriptor fd, std::string path, std::pair<std::uint64_t, std::uint64_t> file)
+    ListeningSocket(Runtime::FileDescriptor fd, std::string path,
+                    std::pair<std::uint64_t, std::uint64_t> file)
         : fd_{std::move(fd)}, path_{std::move(path)}, file_{file} {}
     ListeningSocket(const ListeningSocket&) = delete;
     ListeningSocket& operator=(const ListeningSocket&) = delete;
@@ -60,7 +36,7 @@ public:
     [[nodiscard]] int get() const { return fd_.get(); }
 
 private:
-    const Descriptor fd_;
+    const Runtime::FileDescriptor fd_;
     const std::string path_;
     const std::pair<std::uint64_t, std::uint64_t> file_;  ///< device and number
 };

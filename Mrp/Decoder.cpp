@@ -1,6 +1,7 @@
 #include "Mrp/Decoder.h"
 
 #include "Mrp/PduLayout.h"
+#include "Runtime/BigEndian.h"
 
 #include <algorithm>
 #include <array>
@@ -30,10 +31,7 @@ public:
         const auto octets = bytes(1);
         return octets.empty() ? std::uint8_t{0} : octets[0];
     }
-    std::uint16_t u16() {
-        const std::uint8_t high = u8();
-        return static_cast<std::uint16_t>(high << 8 | u8());
-    }
+    std::uint16_t u16() { return static_cast<std::uint16_t>(Runtime::bigEndian(bytes(2))); }
     Reader record(std::size_t length) {
         const std::size_t start = offset_;
         return Reader{bytes(length), start};

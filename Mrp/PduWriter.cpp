@@ -1,6 +1,7 @@
 #include "Mrp/PduWriter.h"
 
 #include "Runtime/Assert.h"
+#include "Runtime/BigEndian.h"
 
 #include <algorithm>
 
@@ -132,8 +133,7 @@ void PduWriter::closeMessage() {
     }
     u16(0);
     const std::size_t listLength = octets_.size() - messageAt_ - messageHeaderLength;
-    octets_[messageAt_ + 2] = static_cast<std::uint8_t>(listLength >> 8);
-    octets_[messageAt_ + 3] = static_cast<std::uint8_t>(listLength);
+    Runtime::bigEndianIs(std::span{octets_}.subspan(messageAt_ + 2, 2), listLength);
     openType_ = noType;
 }
 

@@ -45,25 +45,21 @@ public:
         const std::size_t slash = path.rfind('/');
         name_ = slash == std::string::npos ? path : path.substr(slash + 1);
         const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-        directory_ = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        directory_ = FileDescriptor{::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
         struct stat status {};
-        if (directory_ < 0 || ::fstat(directory_, &status) != 0) {
+        if (!directory_ || ::fstat(directory_.get(), &status) != 0) {
             problem_ = failure(path, errno);
         } else if ((status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0) {
             problem_ = "ring log " + path + ": anybody may replace files in this directory";
         }
     }
-    Location(const Location&) = delete;
-    Location& operator=(const Location&) = delete;
-    ~Location() {
-        if (directory_ >= 0) ::close(directory_);
-    }
 
     [[nodiscard]] const std::string& problem() const { return problem_; }
-    [[nodiscard]] int create() const {
-        return ::openat(directory_, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    [[nodiscard]] FileDescriptor create() const {
+        constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        return FileDescriptor{::openat(directory_.get(), name_.c_str(), flags, 0600)};
     }
-    void remove() const { ::unlinkat(directory_, name_.c_str(), 0); }
+    void remove() const { ::unlinkat(directory_.get(), name_.c_str(), 0); }
 
     /// Gives an ended process's ring log that has the name another one.  Empty when the name is free
     /// afterwards.
@@ -77,8 +73,9 @@ public:
                 return "ring log " + path_ + ": " + name + " is in the way, and no ring log of this user";
             if (!found->ended) return "ring log " + path_ + ": a process that still runs writes " + name;
         }
-        return ::renameat(directory_, name_.c_str(), directory_, last.c_str()) == 0 ? ""
-                                                                                    : failure(path_, errno);
+        return ::renameat(directory_.get(), name_.c_str(), directory_.get(), last.c_str()) == 0
+                   ? ""
+                   : failure(path_, errno);
     }
 
     /// Where the name carries the process number: removes the ring logs of processes that have ended, but for
@@ -87,7 +84,7 @@ public:
         const std::string number = std::to_string(::getpid());
         if (!stem().ends_with("-" + number)) return;
         const std::string family = stem().substr(0, stem().size() - number.size());
-        const int listing = ::openat(directory_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int listing = ::openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         DIR* entries = listing >= 0 ? ::fdopendir(listing) : nullptr;
         if (entries == nullptr) return;
         std::vector<std::pair<Found, std::string>> ended;
@@ -103,7 +100,7 @@ public:
             return a.first.written < b.first.written;
         });
         for (auto old = ended.begin(); old != ended.end(); ++old) {
-            if (old != newest) ::unlinkat(directory_, old->second.c_str(), 0);
+            if (old != newest) ::unlinkat(directory_.get(), old->second.c_str(), 0);
         }
     }
 
@@ -126,29 +123,28 @@ private:
     }
     [[nodiscard]] bool free(const std::string& name) const {
         struct stat status {};
-        return ::fstatat(directory_, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+        return ::fstatat(directory_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 &&
+               errno == ENOENT;
     }
     /// A ring log of this user under that name.
     [[nodiscard]] std::optional<Found> look(const std::string& name) const {
-        const int fd =
-            ::openat(directory_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-        if (fd < 0) return std::nullopt;
+        constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        const FileDescriptor fd{::openat(directory_.get(), name.c_str(), flags)};
         struct stat status {};
         std::array<char, magic.size()> head{};
-        std::optional<Found> found;
-        if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ::geteuid() &&
-            status.st_nlink == 1 && ::read(fd, head.data(), head.size()) == ssize_t{head.size()} &&
-            std::string_view{head.data(), head.size()} == magic) {
-            found =
-                Found{::flock(fd, LOCK_SH | LOCK_NB) == 0, {status.st_mtim.tv_sec, status.st_mtim.tv_nsec}};
+        if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+            status.st_uid != ::geteuid() || status.st_nlink != 1 ||
+            ::read(fd.get(), head.data(), head.size()) != ssize_t{head.size()} ||
+            std::string_view{head.data(), head.size()} != magic) {
+            return std::nullopt;
         }
-        ::close(fd);
-        return found;
+        return Found{::flock(fd.get(), LOCK_SH | LOCK_NB) == 0,
+                     {status.st_mtim.tv_sec, status.st_mtim.tv_nsec}};
     }
 
     const std::string& path_;
     std::string name_;
-    int directory_ = -1;
+    FileDescriptor directory_;
     std::string problem_;
 };
 
@@ -198,12 +194,12 @@ std::string RingLog::open() {
     if (std::string problem = location.putAside(); !problem.empty()) return problem;
     const std::size_t size = (slots_ + 1) * slotOctets;
     fd_ = location.create();
-    if (fd_ < 0) return failure(path_, errno);
+    if (!fd_) return failure(path_, errno);
     void* mapped = MAP_FAILED;
-    ::flock(fd_, LOCK_EX | LOCK_NB);
+    ::flock(fd_.get(), LOCK_EX | LOCK_NB);
     // Allocated now, so that a full disk is an error here and not a fatal signal at some later record.
-    const int full = ::posix_fallocate(fd_, 0, static_cast<off_t>(size));
-    if (full == 0) mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+    const int full = ::posix_fallocate(fd_.get(), 0, static_cast<off_t>(size));
+    if (full == 0) mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(), 0);
     if (mapped == MAP_FAILED) {
         const int error = full != 0 ? full : errno;
         location.remove();
@@ -237,7 +233,7 @@ void RingLog::store(Time time, std::string_view label, const std::array<std::uin
 
 void RingLog::close() {
     if (memory_ != nullptr) ::munmap(std::exchange(memory_, nullptr), (slots_ + 1) * slotOctets);
-    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+    fd_.close();
 }
 
 std::optional<std::vector<RingRecord>> RingLog::read(const std::string& path) {

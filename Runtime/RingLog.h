@@ -12,6 +12,7 @@
 /// crashed; the others go.
 #pragma once
 
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Time.h"
 
 #include <array>
@@ -80,7 +81,7 @@ private:
     Clocks clocks_;
     std::string path_;
     unsigned firstSlot_ = 0;
-    int fd_ = -1;  ///< holds the lock
+    FileDescriptor fd_;  ///< holds the lock
     unsigned char* memory_ = nullptr;
     std::size_t slots_ = 0;
     std::size_t argumentOctets_ = 0;

@@ -1,6 +1,7 @@
 /// 48-bit MAC address.
 #pragma once
 
+#include "Runtime/BigEndian.h"
 #include "State/Codec.h"
 
 #include <array>
@@ -17,17 +18,13 @@ public:
     /// From the low 48 bits; the first octet on the wire is the most significant.
     static constexpr EthAddr fromNumber(std::uint64_t number) {
         EthAddr a;
-        for (std::size_t i = 0; i < 6; ++i) a.octets_[5 - i] = static_cast<std::uint8_t>(number >> (8 * i));
+        Runtime::bigEndianIs(a.octets_, number);
         return a;
     }
     /// Six pairs of hexadecimal digits joined by colons.
     static std::optional<EthAddr> parse(std::string_view text);
 
-    [[nodiscard]] constexpr std::uint64_t number() const {
-        std::uint64_t n = 0;
-        for (const std::uint8_t octet : octets_) n = n << 8 | octet;
-        return n;
-    }
+    [[nodiscard]] constexpr std::uint64_t number() const { return Runtime::bigEndian(octets_); }
     [[nodiscard]] constexpr const std::array<std::uint8_t, 6>& octets() const { return octets_; }
     /// The group bit: the lowest bit of the first octet.
     [[nodiscard]] constexpr bool isMulticast() const { return (octets_[0] & 1U) != 0; }

@@ -32,20 +32,45 @@ enum class Speed : std::uint8_t {
     speed200Gbps = 11,
     speed400Gbps = 12,
 };
-constexpr auto speedNames = std::to_array<State::EnumName<Speed>>({{Speed::speedUnknown, "unknown"},
-                                                                   {Speed::speed10Mbps, "10M"},
-                                                                   {Speed::speed100Mbps, "100M"},
-                                                                   {Speed::speed1Gbps, "1G"},
-                                                                   {Speed::speed2500Mbps, "2.5G"},
-                                                                   {Speed::speed5Gbps, "5G"},
-                                                                   {Speed::speed10Gbps, "10G"},
-                                                                   {Speed::speed25Gbps, "25G"},
-                                                                   {Speed::speed40Gbps, "40G"},
-                                                                   {Speed::speed50Gbps, "50G"},
-                                                                   {Speed::speed100Gbps, "100G"},
-                                                                   {Speed::speed200Gbps, "200G"},
-                                                                   {Speed::speed400Gbps, "400G"}});
+struct SpeedInfo {
+    State::EnumName<Speed> name;
+    std::uint32_t megabitsPerSecond;
+};
+/// In the order of their numbers, which is that of the speeds.
+constexpr auto speeds = std::to_array<SpeedInfo>({{{Speed::speedUnknown, "unknown"}, 0},
+                                                  {{Speed::speed10Mbps, "10M"}, 10},
+                                                  {{Speed::speed100Mbps, "100M"}, 100},
+                                                  {{Speed::speed1Gbps, "1G"}, 1'000},
+                                                  {{Speed::speed2500Mbps, "2.5G"}, 2'500},
+                                                  {{Speed::speed5Gbps, "5G"}, 5'000},
+                                                  {{Speed::speed10Gbps, "10G"}, 10'000},
+                                                  {{Speed::speed25Gbps, "25G"}, 25'000},
+                                                  {{Speed::speed40Gbps, "40G"}, 40'000},
+                                                  {{Speed::speed50Gbps, "50G"}, 50'000},
+                                                  {{Speed::speed100Gbps, "100G"}, 100'000},
+                                                  {{Speed::speed200Gbps, "200G"}, 200'000},
+                                                  {{Speed::speed400Gbps, "400G"}, 400'000}});
+constexpr auto speedNames = [] {
+    std::array<State::EnumName<Speed>, speeds.size()> names{};
+    for (std::size_t i = 0; i < speeds.size(); ++i) names[i] = speeds[i].name;
+    return names;
+}();
 constexpr const auto& enumNames(Speed) { return speedNames; }
+
+/// 0 for an unknown speed.
+constexpr std::uint32_t megabitsPerSecond(Speed speed) {
+    const auto index = static_cast<std::size_t>(speed);
+    return index < speeds.size() ? speeds[index].megabitsPerSecond : 0;
+}
+/// The named speed that a link of so many Mbit/s can keep: the highest that is not above it.  Unknown below
+/// 10 Mbit/s and for 0, which is unknown.
+constexpr Speed namedSpeed(std::uint32_t megabitsPerSecond) {
+    Speed named = Speed::speedUnknown;
+    for (const SpeedInfo& speed : speeds) {
+        if (speed.megabitsPerSecond <= megabitsPerSecond) named = speed.name.value;
+    }
+    return named;
+}
 
 /// One port's physical status.
 class EthPhyIntfStatus : public State::Record<EthPhyIntfStatus> {

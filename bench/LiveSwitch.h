@@ -81,7 +81,7 @@ private:
         std::vector<Sim::Pdu> declared;
         std::deque<Sim::Pdu> toSay;
         std::function<void(std::span<const std::uint8_t>)> listener;
-        Linux::FileDescriptor event;
+        Runtime::FileDescriptor event;
         Runtime::FdLoop::Watch watch;
     };
     struct Port : Mrp::PacketPort {
@@ -134,7 +134,7 @@ private:
     }
     Linux::EpollLoop& loop_;
     Runtime::Timer timer_;
-    Linux::FileDescriptor event_;
+    Runtime::FileDescriptor event_;
     Runtime::FdLoop::Watch watch_;
     Runtime::Time read_{};
     Runtime::Duration worked_{};

@@ -37,19 +37,19 @@ struct Figures {
     std::atomic<std::uint64_t> octetsWatched{0};
 };
 
-void ask(const Control::Descriptor& fd, const std::string& request) {
+void ask(const Runtime::FileDescriptor& fd, const std::string& request) {
     if (::send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) std::abort();
 }
 
 /// Five watchers that read all, sixty clients that read nothing.
 void crowd(const std::string& path, Figures& figures) {
     std::string problem;
-    std::vector<Control::Descriptor> greedy;
+    std::vector<Runtime::FileDescriptor> greedy;
     for (int i = 0; i < 58; ++i) {
         greedy.push_back(Control::connectTo(path, problem));
         for (int n = 0; n < 100; ++n) ask(greedy.back(), "{\"op\":\"get\",\"path\":\"mrp/attributes\"}\n");
     }
-    std::vector<Control::Descriptor> watchers;
+    std::vector<Runtime::FileDescriptor> watchers;
     std::vector<pollfd> waiting;
     for (int i = 0; i < 5; ++i) {
         watchers.push_back(Control::connectTo(path, problem));

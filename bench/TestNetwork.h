@@ -1,7 +1,7 @@
 /// A network of the benchmark's own, and processes at work in it.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 
 #include <functional>
 #include <string>
@@ -24,7 +24,7 @@ public:
     [[nodiscard]] static bool cable(const std::string& a, const std::string& b);
 
 private:
-    Linux::FileDescriptor before_;
+    Runtime::FileDescriptor before_;
     bool made_ = false;
 };
 
@@ -47,7 +47,7 @@ public:
     [[nodiscard]] int get() const { return fd_.get(); }
 
 private:
-    Linux::FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
 };
 
 }  // namespace Bench

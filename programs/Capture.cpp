@@ -47,7 +47,7 @@ void hangUpOnSignals(const Control::Client& client) {
 class OutputFile {
 public:
     explicit OutputFile(const std::string& path) : name_{path == "-" ? "standard output" : path} {
-        if (path != "-") opened_ = Control::Descriptor{::open(path.c_str(), flags, mode)};
+        if (path != "-") opened_ = Runtime::FileDescriptor{::open(path.c_str(), flags, mode)};
         fd_ = path == "-" ? STDOUT_FILENO : opened_.get();
         if (fd_ < 0) note();
     }
@@ -70,7 +70,7 @@ private:
     void note() { problem_ = name_ + ": " + std::generic_category().message(errno); }
 
     const std::string name_;
-    Control::Descriptor opened_;
+    Runtime::FileDescriptor opened_;
     int fd_ = -1;
     std::string problem_;
 };

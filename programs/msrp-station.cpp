@@ -2,7 +2,7 @@
 ///
 /// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges), 2 wrong usage.
 #include "Control/Json.h"
-#include "Linux/doctor/Privileges.h"
+#include "Linux/doctor/Capabilities.h"
 #include "Linux/kernel/EpollLoop.h"
 #include "Linux/kernel/Signals.h"
 #include "Linux/links/LinkAgent.h"

@@ -8,7 +8,7 @@
 #include "Control/LogWriter.h"
 #include "Control/Server.h"
 #include "Linux/Dataplane.h"
-#include "Linux/doctor/Privileges.h"
+#include "Linux/doctor/Capabilities.h"
 #include "Linux/kernel/Claims.h"
 #include "Linux/kernel/EpollLoop.h"
 #include "Linux/kernel/Signals.h"
@@ -234,7 +234,10 @@ private:
                                       .groupStatus = groups_,
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
-            options_.socket, [this](const std::string& line) { tell(LOG_WARNING, line); },
+            options_.socket,
+            [this](Linux::Tone tone, const std::string& line) {
+                tell(static_cast<int>(tone), line);
+            },
             [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
         return dataplane_->start();
     }

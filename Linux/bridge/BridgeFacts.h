@@ -2,7 +2,7 @@
 /// put on record.
 #pragma once
 
-#include "Linux/bridge/VlanTable.h"
+#include "Linux/bridge/VlanMessage.h"
 #include "Linux/links/Device.h"
 #include "Switch/BridgingTopology.h"
 #include "Switch/IntfId.h"

@@ -1,7 +1,6 @@
 #include "Linux/bridge/VlanMessage.h"
 
 #include "Linux/kernel/NetlinkAttributes.h"
-#include "Switch/Ranged.h"
 
 #include <linux/if_bridge.h>
 #include <linux/rtnetlink.h>
@@ -63,6 +62,23 @@ std::vector<std::byte> vlanDumpBody() {
     message.part(header).attribute(BRIDGE_VLANDB_DUMP_FLAGS, std::uint32_t{0});
     const auto body = message.bytes().subspan(sizeof(nlmsghdr));
     return {body.begin(), body.end()};
+}
+
+void enter(VlanTable& table, const VlanMessage& message) {
+    PortVlans& port = table[message.ifindex];
+    for (const VlanRange& range : message.ranges) {
+        const bool member = !message.gone && range.forwarding;
+        for (unsigned id = range.first; id <= range.last; ++id) {
+            port.member.set(id, member);
+            port.tagged.set(id, member && !range.untagged);
+        }
+        // A port has one such VLAN at most.  When another becomes it, the kernel tells of that one only.
+        if (!message.gone && range.pvid) {
+            port.pvid = VlanId{range.first};
+        } else if (port.pvid && port.pvid->value() >= range.first && port.pvid->value() <= range.last) {
+            port.pvid.reset();
+        }
+    }
 }
 
 }  // namespace Linux

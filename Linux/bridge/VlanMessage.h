@@ -1,11 +1,14 @@
-/// What the kernel tells of the VLANs of a bridge's ports.
+/// What the kernel tells of the VLANs of a bridge's ports, and the table that its messages make.
 #pragma once
 
 #include "Linux/kernel/NetlinkMessage.h"
+#include "Switch/Ranged.h"
 
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <linux/netlink.h>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -35,5 +38,21 @@ std::optional<VlanMessage> decodeVlans(const nlmsghdr& message);
 
 /// What a request for the VLANs of all bridges (RTM_GETVLAN) carries behind its header.
 std::vector<std::byte> vlanDumpBody();
+
+/// One bit for each VLAN, at its number.  A trunk may well have all of them.
+using VlanSet = std::bitset<VlanId::max + 1>;
+
+struct PortVlans {
+    VlanSet member;              ///< those whose frames pass
+    VlanSet tagged;              ///< those of them whose frames leave with a tag
+    std::optional<VlanId> pvid;  ///< the one of frames without a tag
+    bool operator==(const PortVlans&) const = default;
+};
+
+/// By the port's index.
+using VlanTable = std::map<unsigned, PortVlans>;
+
+/// Takes in what one more message says.
+void enter(VlanTable& table, const VlanMessage& message);
 
 }  // namespace Linux

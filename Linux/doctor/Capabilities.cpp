@@ -1,8 +1,9 @@
 #include "Linux/doctor/Capabilities.h"
 
-#include "Linux/kernel/EthtoolFamily.h"
+#include "Linux/groups/GroupMessage.h"
 #include "Linux/kernel/Netlink.h"
 #include "Linux/kernel/NewerKernel.h"
+#include "Linux/links/Ethtool.h"
 #include "Linux/queues/TrafficControl.h"
 #include "Linux/queues/TrafficFilters.h"
 #include "Runtime/Text.h"
@@ -20,7 +21,9 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <type_traits>
 #include <unistd.h>
 #include <utility>
@@ -173,11 +176,11 @@ int becomeIndependent(int in, pid_t parent) {
 
 /// A child that writes what it finds into the other end of `answer`; its number, or -1.  `flags` as for a
 /// pipe.
-pid_t startProbe(FileDescriptor& answer, int flags) {
+pid_t startProbe(Runtime::FileDescriptor& answer, int flags) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC | flags) != 0) return -1;
-    answer = FileDescriptor{ends[0]};
-    const FileDescriptor in{ends[1]};
+    answer = Runtime::FileDescriptor{ends[0]};
+    const Runtime::FileDescriptor in{ends[1]};
     const pid_t self = getpid();
     const pid_t child = fork();
     if (child == 0) {
@@ -213,7 +216,7 @@ constexpr auto allLimitations = std::to_array<Limitation>({
 
 Abilities probeAbilities() {
     Abilities found;
-    FileDescriptor answer;
+    Runtime::FileDescriptor answer;
     const pid_t child = startProbe(answer, 0);
     Abilities told;
     if (child > 0 && read(answer.get(), &told, sizeof told) == sizeof told) found = told;
@@ -246,7 +249,7 @@ void AbilityProbe::hear() {
     if (size != 0) return;
     // The child has closed its end, and with that it is gone but for its exit code.
     watch_ = {};
-    answer_ = FileDescriptor{};
+    answer_ = Runtime::FileDescriptor{};
     waitpid(std::exchange(child_, 0), nullptr, 0);
     found_(abilities_);
 }
@@ -258,6 +261,26 @@ std::vector<std::string> limitations(const Abilities& abilities) {
             lines.push_back(Runtime::concat("this kernel has limits: ", line));
     }
     return lines;
+}
+
+std::string packetSocketProblem() {
+    const Runtime::FileDescriptor probe{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)};
+    if (probe) return {};
+    const int error = errno;
+    std::string text = "cannot open packet sockets: " + std::generic_category().message(error);
+    if (error == EPERM) text += " (run as root or with CAP_NET_RAW and CAP_NET_ADMIN)";
+    if (error == EAFNOSUPPORT) text += " (the kernel lacks CONFIG_PACKET)";
+    return text;
+}
+
+std::string netAdminProblem() {
+    NetlinkRequests kernel;
+    std::string problem = kernel.open();
+    if (!problem.empty()) return problem;
+    // Of no bridge: whoever may ask at all is told so.
+    const NetlinkAnswer answer = kernel.carryOut(groupDelete(0, {}));
+    if (answer.error != EPERM) return {};
+    return "cannot change the bridge: " + answer.problem() + " (run as root or with CAP_NET_ADMIN)";
 }
 
 }  // namespace Linux

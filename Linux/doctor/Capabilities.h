@@ -1,8 +1,8 @@
-/// Finds out at start what the kernel can do, without touching anything that is in use.
+/// Finds out what the kernel can do and the process may do, without touching anything that is in use.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
 #include "Linux/records/CapabilityStatus.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <functional>
@@ -35,12 +35,17 @@ private:
     Runtime::FdLoop& loop_;
     const std::function<void(const Abilities&)> found_;
     pid_t child_ = 0;  ///< 0: none is under way
-    FileDescriptor answer_;
+    Runtime::FileDescriptor answer_;
     Abilities abilities_;
     Runtime::FdLoop::Watch watch_;
 };
 
 /// What is not possible on this machine, a line for each ability that is absent.
 std::vector<std::string> limitations(const Abilities& abilities);
+
+/// Empty when packet sockets can be opened, else a line that says why not and what would help.
+std::string packetSocketProblem();
+/// The same for changes of bridges and queues.
+std::string netAdminProblem();
 
 }  // namespace Linux

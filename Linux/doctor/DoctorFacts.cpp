@@ -4,7 +4,7 @@
 #include "Linux/groups/GroupMessage.h"
 #include "Linux/kernel/EpollLoop.h"
 #include "Linux/links/DeviceTable.h"
-#include "Linux/links/LinkSpeed.h"
+#include "Linux/links/Ethtool.h"
 #include "Linux/queues/PortQueues.h"
 #include "Runtime/Text.h"
 

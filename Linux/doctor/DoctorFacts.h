@@ -1,7 +1,7 @@
 /// What is to be known of a bridge before it is trusted with streams.
 #pragma once
 
-#include "Linux/bridge/VlanTable.h"
+#include "Linux/bridge/VlanMessage.h"
 #include "Linux/links/Device.h"
 #include "Linux/records/CapabilityStatus.h"
 #include "Linux/records/Config.h"
@@ -17,8 +17,8 @@ namespace Linux {
 struct DoctorFacts {
     struct Port {
         Device device;
-        bool flowControl =
-            false;            ///< it stops sending when the peer asks for a pause, or asks for one itself
+        /// It stops sending when the peer asks for a pause, or asks for one itself.
+        bool flowControl = false;
         bool router = false;  ///< the kernel takes a multicast router to be behind it
         PortVlans vlans;      ///< only where the bridge filters VLANs
         /// Kind and major number of the root queueing discipline; empty and 0 for what the kernel put there.

@@ -4,11 +4,14 @@
 #include "Linux/kernel/NewerKernel.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
+#include <cerrno>
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <optional>
+#include <string_view>
 #include <sys/socket.h>
 
 namespace Linux {
@@ -85,6 +88,10 @@ std::optional<GroupEntry> decodeEntry(const nlattr& info) {
         sizeof(MdbEntry));
     return entry;
 }
+
+/// What the kernel says of a port or a bridge that is just changing.
+constexpr std::array<std::string_view, 3> passingReasons{"not a bridge port", "not running",
+                                                         "processing is disabled"};
 
 }  // namespace
 
@@ -182,6 +189,45 @@ std::set<GroupMember> notOffloaded(std::span<const GroupEntry> entries) {
         if (hasChip && !entry.offloaded) found.insert(entry.member);
     }
     return found;
+}
+
+GroupReaction reactionToAdd(const NetlinkAnswer& answer) {
+    switch (answer.error) {
+        case 0:
+            return GroupReaction::done;
+        case EEXIST:
+            return GroupReaction::reread;
+        case E2BIG:
+            return GroupReaction::full;
+        case EINVAL:
+            if (answer.text == "Unknown attribute type") return GroupReaction::unmarked;
+            return std::ranges::any_of(passingReasons,
+                                       [&](auto part) { return answer.text.find(part) != answer.text.npos; })
+                       ? GroupReaction::passing
+                       : GroupReaction::refused;
+        case EAGAIN:
+        case EINTR:
+        case ENOBUFS:
+        case ENODEV:
+            return GroupReaction::passing;
+        default:
+            return GroupReaction::refused;
+    }
+}
+
+GroupReaction reactionToDelete(const NetlinkAnswer& answer) {
+    switch (answer.error) {
+        case 0:
+            return GroupReaction::done;
+        case EINVAL:
+            // Silent, it means that there is no such group, port or VLAN.
+            return answer.text.empty() ? GroupReaction::reread : GroupReaction::refused;
+        case ENODEV:
+        case ENOENT:
+            return GroupReaction::reread;
+        default:
+            return GroupReaction::refused;
+    }
 }
 
 }  // namespace Linux

@@ -2,7 +2,7 @@
 /// group's address goes to the ports that are in the group, and to no other.
 #pragma once
 
-#include "Linux/kernel/NetlinkMessage.h"
+#include "Linux/kernel/Netlink.h"
 #include "Switch/EthAddr.h"
 
 #include <array>
@@ -70,5 +70,18 @@ std::vector<unsigned> decodeRouters(const nlmsghdr& message, unsigned bridge);
 
 /// Of the entries of one bridge, those that its switch chip has not, while it has others.
 std::set<GroupMember> notOffloaded(std::span<const GroupEntry> entries);
+
+/// What the kernel's answer to a request about a group calls for.
+enum class GroupReaction {
+    done,      ///< it is as we asked
+    unmarked,  ///< this kernel cannot mark entries: ask again without
+    full,      ///< the table is full, and the kernel stopped snooping on the whole bridge because of it
+    reread,    ///< the table is not what we took it for
+    passing,   ///< not now: what is in the way goes by itself, or will be heard of
+    refused,   ///< the answer says why
+};
+
+GroupReaction reactionToAdd(const NetlinkAnswer& answer);
+GroupReaction reactionToDelete(const NetlinkAnswer& answer);
 
 }  // namespace Linux

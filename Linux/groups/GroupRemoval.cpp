@@ -1,7 +1,5 @@
 #include "Linux/groups/GroupRemoval.h"
 
-#include "Linux/groups/GroupReaction.h"
-
 #include <linux/rtnetlink.h>
 #include <utility>
 

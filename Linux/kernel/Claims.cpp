@@ -40,7 +40,7 @@ struct Listener {
 };
 
 Listener listenerAt(const Address& address) {
-    const FileDescriptor probe{::socket(AF_UNIX, socketFlags, 0)};
+    const Runtime::FileDescriptor probe{::socket(AF_UNIX, socketFlags, 0)};
     if (!probe || ::connect(probe.get(), address.get(), address.length) != 0) return {errno};
     Listener found{0};
     socklen_t length = sizeof found.owner;
@@ -64,7 +64,7 @@ int Claims::holder(const std::string& what) { return listenerAt(Address{what}).o
 std::string Claims::take(const std::string& what, Patience patience) {
     if (has(what)) return {};
     const Address address{what};
-    FileDescriptor socket{::socket(AF_UNIX, socketFlags, 0)};
+    Runtime::FileDescriptor socket{::socket(AF_UNIX, socketFlags, 0)};
     if (!socket) return what + ": " + std::generic_category().message(errno);
     for (int tries = 1; ::bind(socket.get(), address.get(), address.length) != 0; ++tries) {
         if (errno != EADDRINUSE) return what + ": " + std::generic_category().message(errno);
@@ -88,7 +88,7 @@ std::string Claims::take(const std::string& what, Patience patience) {
     }
     if (::listen(socket.get(), backlog) != 0) return what + ": " + std::generic_category().message(errno);
     auto asked = loop_.watch(socket.get(), Runtime::FdLoop::Ready::readable, [fd = socket.get()] {
-        const FileDescriptor gone{::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC)};
+        const Runtime::FileDescriptor gone{::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC)};
     });
     held_[what] = {std::move(socket), std::move(asked)};
     return {};

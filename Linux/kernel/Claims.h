@@ -4,7 +4,7 @@
 /// with the process, however that ends.  No file has to be cleaned up, and none can be removed.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <functional>
@@ -37,7 +37,7 @@ public:
 
 private:
     struct Claim {
-        FileDescriptor socket;
+        Runtime::FileDescriptor socket;
         Runtime::FdLoop::Watch asked;
     };
 

@@ -6,7 +6,7 @@
 /// descriptor that still has more comes again in the next turn: the others have theirs in between.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <cstdint>
@@ -57,7 +57,7 @@ private:
     void end(std::uint64_t serial, Ready kind);
     void control(int operation, std::uint64_t serial, const Watched& watched) const;
 
-    FileDescriptor epoll_;
+    Runtime::FileDescriptor epoll_;
     /// By a number that is never used again: an event that was fetched before its watch ended finds nobody,
     /// even if the descriptor's number has a new owner by then.
     std::unordered_map<std::uint64_t, Watched> watched_;

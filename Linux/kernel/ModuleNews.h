@@ -5,7 +5,7 @@
 /// tell.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <functional>
@@ -18,7 +18,7 @@ public:
     ModuleNews(Runtime::FdLoop& loop, std::function<void()> loaded);
 
 private:
-    FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
     Runtime::FdLoop::Watch watch_;  ///< after `fd_`: ends before it closes
 };
 

@@ -37,7 +37,7 @@ struct Datagram {
     int error = 0;
 };
 
-Datagram receive(const FileDescriptor& fd, std::vector<std::byte>& buffer, int flags) {
+Datagram receive(const Runtime::FileDescriptor& fd, std::vector<std::byte>& buffer, int flags) {
     sockaddr_nl from{};
     iovec piece{buffer.data(), buffer.size()};
     msghdr message{};
@@ -120,7 +120,7 @@ NetlinkAnswer NetlinkChannel::carryOut(NetlinkMessage request) {
 }
 
 std::string NetlinkRequests::open(int family) {
-    fd_ = FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, family)};
+    fd_ = Runtime::FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, family)};
     if (!fd_) return failed("cannot open a netlink socket", errno);
     // Short errors (the request not repeated in them) with explanations.
     for (const int option : {NETLINK_CAP_ACK, NETLINK_EXT_ACK}) {
@@ -231,7 +231,7 @@ NetlinkNotices::NetlinkNotices(Runtime::FdLoop& loop, NetlinkHandler each, std::
     : loop_{loop}, each_{std::move(each)}, lost_{std::move(lost)} {}
 
 std::string NetlinkNotices::open(std::initializer_list<unsigned> groups, int bufferBytes, int family) {
-    fd_ = FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family)};
+    fd_ = Runtime::FileDescriptor{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family)};
     if (!fd_) return failed("cannot open a netlink socket", errno);
     if (setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &bufferBytes, sizeof bufferBytes) != 0) {
         setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &bufferBytes, sizeof bufferBytes);

@@ -4,8 +4,8 @@
 /// message is handed on as the kernel's own header with its payload behind it, its length checked.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
 #include "Linux/kernel/NetlinkMessage.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <cstddef>
@@ -98,7 +98,7 @@ private:
     void exchange(std::span<const std::byte> datagram, std::uint32_t first, std::span<NetlinkAnswer> answers,
                   const NetlinkHandler& each);
 
-    FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
     std::vector<std::byte> buffer_;
     std::uint32_t sequence_ = 0;
 };
@@ -125,7 +125,7 @@ private:
     Runtime::FdLoop& loop_;
     const NetlinkHandler each_;
     const std::function<void()> lost_;
-    FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
     std::vector<std::byte> buffer_;
     Runtime::FdLoop::Watch watch_;
 };

@@ -41,7 +41,8 @@ public:
     /// An attribute that holds what `inside` appends to this message.
     template <class F>
     NetlinkMessage& nest(std::uint16_t type, F&& inside) {
-        const std::size_t at = beginNest(type);
+        const std::size_t at = bytes_.size();
+        octets(type, {});
         inside(*this);
         endNest(at);
         return *this;
@@ -52,9 +53,10 @@ public:
     [[nodiscard]] std::span<const std::byte> bytes() const { return bytes_; }
 
 private:
-    std::size_t beginNest(std::uint16_t type);
+    /// The header, with so many octets more for what is put behind the message.
+    nlmsghdr& withRoom(std::size_t octets);
+    /// The attribute that begins there holds all that came since.
     void endNest(std::size_t at);
-    void finish();
 
     std::vector<std::byte> bytes_;
 };

@@ -43,10 +43,10 @@ std::string OwnFile::name() const {
     return slash == std::string::npos ? path_ : path_.substr(slash + 1);
 }
 
-FileDescriptor OwnFile::folder(std::string& problem) const {
+Runtime::FileDescriptor OwnFile::folder(std::string& problem) const {
     const std::size_t slash = path_.rfind('/');
     const std::string where = slash == std::string::npos ? "." : path_.substr(0, slash + 1);
-    FileDescriptor fd{open(where.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    Runtime::FileDescriptor fd{open(where.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     struct stat about {};
     if (!fd || fstat(fd.get(), &about) != 0) {
         problem = cannot("use", errno);
@@ -62,10 +62,10 @@ FileDescriptor OwnFile::folder(std::string& problem) const {
 std::string OwnFile::read(std::string& text) const {
     text.clear();
     std::string problem;
-    const FileDescriptor in = folder(problem);
+    const Runtime::FileDescriptor in = folder(problem);
     if (!in) return problem;
     // Without waiting: what is no plain file could make us.
-    const FileDescriptor fd{
+    const Runtime::FileDescriptor fd{
         openat(in.get(), name().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     if (!fd) return errno == ENOENT ? std::string{} : cannot("read", errno);
     struct stat about {};
@@ -84,15 +84,15 @@ std::string OwnFile::read(std::string& text) const {
 }
 
 std::string OwnFile::replace(std::string_view text) {
-    fd_ = FileDescriptor{};
+    fd_ = Runtime::FileDescriptor{};
     std::string problem;
-    const FileDescriptor in = folder(problem);
+    const Runtime::FileDescriptor in = folder(problem);
     if (!in) return problem;
     const std::string fresh = name() + ".new";
     // Whatever lies there is a leftover: nobody else writes here.
     unlinkat(in.get(), fresh.c_str(), 0);
-    FileDescriptor fd{openat(in.get(), fresh.c_str(),
-                             O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600)};
+    Runtime::FileDescriptor fd{openat(in.get(), fresh.c_str(),
+                                      O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600)};
     if (!fd || !writeAll(fd.get(), text) ||
         renameat(in.get(), fresh.c_str(), in.get(), name().c_str()) != 0) {
         return cannot("write", errno);
@@ -104,14 +104,14 @@ std::string OwnFile::replace(std::string_view text) {
 std::string OwnFile::append(std::string_view text) {
     if (writeAll(fd_.get(), text)) return {};
     const int error = errno;
-    fd_ = FileDescriptor{};  // what stands in it now is unknown
+    fd_ = Runtime::FileDescriptor{};  // what stands in it now is unknown
     return cannot("write", error);
 }
 
 void OwnFile::remove() {
-    fd_ = FileDescriptor{};
+    fd_ = Runtime::FileDescriptor{};
     std::string problem;
-    if (const FileDescriptor in = folder(problem)) unlinkat(in.get(), name().c_str(), 0);
+    if (const Runtime::FileDescriptor in = folder(problem)) unlinkat(in.get(), name().c_str(), 0);
 }
 
 }  // namespace Linux

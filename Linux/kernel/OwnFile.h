@@ -4,7 +4,7 @@
 /// written where others may write it or its folder.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 
 #include <string>
 #include <string_view>
@@ -29,12 +29,12 @@ public:
 
 private:
     /// The folder, if only we and root write there.
-    FileDescriptor folder(std::string& problem) const;
+    Runtime::FileDescriptor folder(std::string& problem) const;
     [[nodiscard]] std::string name() const;
     [[nodiscard]] std::string cannot(std::string_view what, int error) const;
 
     const std::string path_;
-    FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
 };
 
 }  // namespace Linux

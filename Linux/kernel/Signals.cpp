@@ -13,7 +13,7 @@ Signals::Signals(Runtime::FdLoop& loop, std::function<void(int signal)> handler,
     sigemptyset(&mask);
     for (const int signal : signals) sigaddset(&mask, signal);
     sigprocmask(SIG_BLOCK, &mask, &maskBefore_);
-    fd_ = FileDescriptor{signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK)};
+    fd_ = Runtime::FileDescriptor{signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK)};
     Runtime::require(static_cast<bool>(fd_), "no descriptor left for signals");
     watch_ = loop.watch(fd_.get(), Runtime::FdLoop::Ready::readable,
                         [fd = fd_.get(), handler = std::move(handler)] {

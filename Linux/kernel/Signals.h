@@ -1,7 +1,7 @@
 /// Signals as events of the loop.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
 #include <csignal>
@@ -22,7 +22,7 @@ public:
 
 private:
     sigset_t maskBefore_{};
-    FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
     Runtime::FdLoop::Watch watch_;
 };
 

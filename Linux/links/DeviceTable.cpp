@@ -1,9 +1,9 @@
 #include "Linux/links/DeviceTable.h"
 
-#include "Linux/kernel/EthtoolFamily.h"
-#include "Linux/links/LinkSpeed.h"
+#include "Linux/links/Ethtool.h"
 #include "Runtime/Text.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <chrono>

@@ -1,6 +1,6 @@
 #include "Linux/links/LinkAgent.h"
 
-#include "Linux/links/LinkSpeed.h"
+#include "Linux/links/Ethtool.h"
 
 #include <algorithm>
 #include <utility>
@@ -60,7 +60,8 @@ void LinkAgent::publishAbsent(IntfId intf) {
 Speed LinkAgent::speed(IntfId intf, const Device& device) const {
     if (const auto given = configuredSpeed_.find(intf); given != configuredSpeed_.end()) return given->second;
     // On a half-duplex link nobody can promise a stream its share.
-    return device.mode.halfDuplex ? Speed::speedUnknown : namedSpeed(device.mode.megabitsPerSecond);
+    return device.mode.halfDuplex ? Speed::speedUnknown
+                                  : Interface::namedSpeed(device.mode.megabitsPerSecond);
 }
 
 void LinkAgent::followIs(IntfId intf) {

@@ -1,8 +1,9 @@
 #include "Linux/ports/PacketPorts.h"
 
-#include "Linux/kernel/FileDescriptor.h"
 #include "Linux/ports/PacketRecords.h"
 #include "Runtime/Assert.h"
+#include "Runtime/BigEndian.h"
+#include "Runtime/FileDescriptor.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
@@ -41,7 +42,7 @@ std::string failed(IntfId intf, std::string_view what) {
 }
 
 template <class T>
-bool setOption(const FileDescriptor& fd, int level, int name, const T& value) {
+bool setOption(const Runtime::FileDescriptor& fd, int level, int name, const T& value) {
     return setsockopt(fd.get(), level, name, &value, sizeof value) == 0;
 }
 
@@ -141,7 +142,7 @@ private:
     std::shared_ptr<Inbox> inbox_;
     Place place_;
     bool saidTooLong_ = false;  ///< of the present MTU
-    FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
     Runtime::FdLoop::Watch watch_;  ///< after `fd_`: ends before it closes
 };
 
@@ -157,8 +158,7 @@ bool PacketPorts::Port::send(std::span<const std::uint8_t> pdu) {
     std::array<std::uint8_t, headerLength + minPayload> edges{};
     std::ranges::copy(group, edges.begin());
     std::ranges::copy(place_.mac.octets(), edges.begin() + 6);
-    edges[12] = static_cast<std::uint8_t>(etherType >> 8);
-    edges[13] = static_cast<std::uint8_t>(etherType);
+    Runtime::bigEndianIs(std::span{edges}.subspan(12, 2), etherType);
     const std::size_t missing = pdu.size() < minPayload ? minPayload - pdu.size() : 0;
     // The kernel only reads what is to be sent; its interface has one form for both directions.
     std::array<iovec, 3> pieces{{{edges.data(), headerLength},
@@ -216,7 +216,7 @@ void PacketPorts::Port::placeIs(const Place& place) {
 
 std::string PacketPorts::Port::openSocket() {
     // Protocol 0: hears nothing until it is bound, so that the filter is there first.
-    fd_ = FileDescriptor{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    fd_ = Runtime::FileDescriptor{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     if (!fd_) return failed(intf_, "cannot open a packet socket");
 
     auto filter = frameFilter(owner_.protocol_);

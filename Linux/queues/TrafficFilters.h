@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Linux/kernel/NetlinkMessage.h"
+#include "Linux/queues/SrQueues.h"
 
 #include <cstdint>
 #include <linux/filter.h>
@@ -27,6 +28,10 @@ struct ClassProgram {
     std::vector<FilterInstruction> instructions;
     bool operator==(const ClassProgram&) const = default;
 };
+
+/// Sorts frames into the SR classes by the priority in the tag that they will leave with: the result is
+/// `classA`, `classB`, or 0 for frames of other priorities and for those without a tag.
+ClassProgram classProgram(ClassPriorities priorities, std::uint32_t classA, std::uint32_t classB);
 
 /// "flower": a packet whose tag has one priority gets a priority in this machine.
 struct TagPriorityRule {

@@ -21,11 +21,9 @@ constexpr U64 streamBandwidth(SrClassId srClass, U32 maxIntervalFrames, U32 maxF
 
 /// kbit/s of a link; 0 for unknown speeds and for those (2.5G and 5G) on which no stream is admitted.
 constexpr U64 linkSpeedKbps(Interface::Speed speed) {
-    constexpr std::array<U64, 13> kbps{0,           10'000,      100'000,    1'000'000,  0,
-                                       0,           10'000'000,  25'000'000, 40'000'000, 50'000'000,
-                                       100'000'000, 200'000'000, 400'000'000};
-    const auto index = static_cast<std::size_t>(speed);
-    return index < kbps.size() ? kbps[index] : 0;
+    using enum Interface::Speed;
+    const bool admitting = speed != speed2500Mbps && speed != speed5Gbps;
+    return admitting ? U64{1000} * Interface::megabitsPerSecond(speed) : 0;
 }
 
 /// What the decision rests on.  Bandwidths in kbit/s, shares in per cent of the link.

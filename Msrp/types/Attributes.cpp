@@ -6,11 +6,7 @@ namespace Msrp {
 
 namespace {
 
-U64 bigEndian(std::span<const U8> octets) {
-    U64 value = 0;
-    for (const U8 octet : octets) value = value << 8 | octet;
-    return value;
-}
+using Runtime::bigEndian;
 
 // Stream id: 48-bit address and 16-bit unique id, of which only the unique id is counted up (35.2.2.8.2).
 constexpr std::size_t uniqueIdAt = 6;

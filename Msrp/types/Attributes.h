@@ -4,6 +4,7 @@
 
 #include "Mrp/Application.h"
 #include "Msrp/types/Enums.h"
+#include "Runtime/BigEndian.h"
 #include "Switch/EthAddr.h"
 
 #include <array>
@@ -44,13 +45,10 @@ public:
 
 protected:
     [[nodiscard]] U64 get(std::size_t offset, std::size_t width) const {
-        U64 value = 0;
-        for (std::size_t i = 0; i < width; ++i) value = value << 8 | octets_[offset + i];
-        return value;
+        return Runtime::bigEndian(std::span{octets_}.subspan(offset, width));
     }
     void put(std::size_t offset, std::size_t width, U64 value) {
-        for (std::size_t i = 0; i < width; ++i)
-            octets_[offset + width - 1 - i] = static_cast<U8>(value >> (8 * i));
+        Runtime::bigEndianIs(std::span{octets_}.subspan(offset, width), value);
     }
 
 private:

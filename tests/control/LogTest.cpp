@@ -162,14 +162,14 @@ TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {
     const TemporaryDirectory directory;
     const std::string path = directory.file("log");
     const auto listen = [&path] {
-        Control::Descriptor fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)};
+        Runtime::FileDescriptor fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)};
         sockaddr_un to{};
         to.sun_family = AF_UNIX;
         path.copy(to.sun_path, sizeof to.sun_path - 1);
         EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
         return fd;
     };
-    const auto heard = [](const Control::Descriptor& fd) {
+    const auto heard = [](const Runtime::FileDescriptor& fd) {
         std::string text(2000, '\0');
         const ssize_t count = ::recv(fd.get(), text.data(), text.size(), 0);
         return count < 0 ? "nothing" : text.substr(0, static_cast<std::size_t>(count));

@@ -77,14 +77,14 @@ public:
 
 private:
     SocketLoop& loop_;
-    Control::Descriptor socket_;
+    Runtime::FileDescriptor socket_;
     std::string in_;
     bool closed_ = false;
 };
 
 /// As a server that was killed leaves it.
 void staleSocket(const std::string& path) {
-    const Control::Descriptor fd{::socket(AF_UNIX, SOCK_STREAM, 0)};
+    const Runtime::FileDescriptor fd{::socket(AF_UNIX, SOCK_STREAM, 0)};
     sockaddr_un to{};
     to.sun_family = AF_UNIX;
     path.copy(to.sun_path, sizeof to.sun_path - 1);

@@ -20,7 +20,7 @@ TEST(Claims, KeepAnotherDaemonAwayAndLetNobodyElseDoSo) {
     const std::string number = std::to_string(::getpid());
     const std::string port = "port of " + number;
     const auto socketWith = [&](auto bindOrConnect) {
-        Linux::FileDescriptor socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)};
+        Runtime::FileDescriptor socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)};
         sockaddr_un to{AF_UNIX, {}};
         const auto length = static_cast<socklen_t>(3 + ("msrpd " + port).copy(to.sun_path + 1, 100));
         if (bindOrConnect(socket.get(), reinterpret_cast<const sockaddr*>(&to), length) != 0) socket = {};
@@ -30,7 +30,7 @@ TEST(Claims, KeepAnotherDaemonAwayAndLetNobodyElseDoSo) {
     EXPECT_EQ(one.take(port, none), "");
     EXPECT_TRUE(Claims::taken(port));
     EXPECT_EQ(other.take(port, none), port + " is run by another msrpd already, process " + number);
-    std::list<Linux::FileDescriptor> callers;  // more than it answers in one turn
+    std::list<Runtime::FileDescriptor> callers;  // more than it answers in one turn
     while (callers.emplace_back(socketWith(::connect))) {
     }
     EXPECT_TRUE(Claims::taken(port));

@@ -1,5 +1,5 @@
-#include "Linux/kernel/EthtoolFamily.h"
 #include "Linux/links/Device.h"
+#include "Linux/links/Ethtool.h"
 #include "tests/linux/Golden.h"
 
 #include <linux/rtnetlink.h>

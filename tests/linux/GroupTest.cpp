@@ -1,5 +1,5 @@
+#include "Linux/groups/GroupMessage.h"
 #include "Linux/groups/GroupPlaces.h"
-#include "Linux/groups/GroupReaction.h"
 #include "Linux/groups/GroupWishes.h"
 #include "Linux/groups/OwnedGroups.h"
 #include "Linux/kernel/Contention.h"

@@ -29,7 +29,7 @@ TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     // One socket more can be opened each time.
-    const Linux::FileDescriptor lowest{dup(0)};
+    const Runtime::FileDescriptor lowest{dup(0)};
     std::string problem = "none yet";
     for (auto more = static_cast<rlim_t>(lowest.get()); !problem.empty(); ++more) {
         ASSERT_LT(more, 200U);
@@ -42,7 +42,7 @@ TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
              std::make_shared<Linux::GroupStatus>(), std::make_shared<Switch::Refusals>(),
              std::make_shared<Linux::CapabilityStatus>()},
             "/nowhere/control",
-            [](const std::string&) {}};
+            [](Linux::Tone, const std::string&) {}};
         const rlimit now{more, before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &now);
         problem = dataplane.start();

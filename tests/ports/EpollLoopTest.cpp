@@ -18,8 +18,8 @@ struct FullPipe {
     FullPipe() {
         std::array<int, 2> ends{};
         EXPECT_EQ(pipe(ends.data()), 0);
-        out = Linux::FileDescriptor{ends[0]};
-        in = Linux::FileDescriptor{ends[1]};
+        out = Runtime::FileDescriptor{ends[0]};
+        in = Runtime::FileDescriptor{ends[1]};
         fill();
     }
     void fill() const { EXPECT_EQ(write(in.get(), "x", 1), 1); }
@@ -27,8 +27,8 @@ struct FullPipe {
         char octet = 0;
         EXPECT_EQ(read(out.get(), &octet, 1), 1);
     }
-    Linux::FileDescriptor out;
-    Linux::FileDescriptor in;
+    Runtime::FileDescriptor out;
+    Runtime::FileDescriptor in;
 };
 
 TEST(EpollLoop, TimersAreNeverEarlyAndKeepTimeBelowTheMillisecond) {

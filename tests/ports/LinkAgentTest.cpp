@@ -1,6 +1,6 @@
 #include "Linux/kernel/EpollLoop.h"
+#include "Linux/links/Ethtool.h"
 #include "Linux/links/LinkAgent.h"
-#include "Linux/links/LinkSpeed.h"
 #include "Runtime/Text.h"
 #include "tests/ports/Namespace.h"
 
@@ -119,9 +119,9 @@ TEST_F(LinkAgentTest, LostNotificationsAreMadeGoodByReadingAnew) {
 }
 
 TEST(LinkSpeed, IsNamedByWhatTheLinkCanKeep) {
-    EXPECT_EQ(Linux::namedSpeed(9), Speed::speedUnknown);
-    EXPECT_EQ(Linux::namedSpeed(56'000), Speed::speed50Gbps);
-    EXPECT_EQ(Linux::namedSpeed(800'000), Speed::speed400Gbps);
+    EXPECT_EQ(Interface::namedSpeed(9), Speed::speedUnknown);
+    EXPECT_EQ(Interface::namedSpeed(56'000), Speed::speed50Gbps);
+    EXPECT_EQ(Interface::namedSpeed(800'000), Speed::speed400Gbps);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 /// A network of the test's own.
 #pragma once
 
-#include "Linux/kernel/FileDescriptor.h"
+#include "Runtime/FileDescriptor.h"
 
 #include <arpa/inet.h>
 #include <cstdint>
@@ -46,7 +46,7 @@ public:
     }
 
 private:
-    Linux::FileDescriptor before_;
+    Runtime::FileDescriptor before_;
     bool made_ = false;
 };
 
@@ -87,6 +87,6 @@ public:
     }
 
 private:
-    Linux::FileDescriptor fd_;
+    Runtime::FileDescriptor fd_;
     sockaddr_ll where_{};
 };

@@ -1,4 +1,4 @@
-#include "Linux/doctor/Privileges.h"
+#include "Linux/doctor/Capabilities.h"
 #include "Linux/kernel/EpollLoop.h"
 #include "Linux/links/LinkAgent.h"
 #include "Linux/ports/PacketPorts.h"

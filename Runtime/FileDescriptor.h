@@ -4,7 +4,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace Linux {
+namespace Runtime {
 
 /// Closes with its destruction.  A negative number stands for none.
 class FileDescriptor {
@@ -14,22 +14,23 @@ public:
     FileDescriptor(FileDescriptor&& other) noexcept : fd_{std::exchange(other.fd_, -1)} {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         if (this != &other) {
-            if (fd_ >= 0) ::close(fd_);
+            close();
             fd_ = std::exchange(other.fd_, -1);
         }
         return *this;
     }
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
+    ~FileDescriptor() { close(); }
 
     [[nodiscard]] int get() const { return fd_; }
     [[nodiscard]] explicit operator bool() const { return fd_ >= 0; }
+    void close() {
+        if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+    }
 
 private:
     int fd_ = -1;
 };
 
-}  // namespace Linux
+}  // namespace Runtime

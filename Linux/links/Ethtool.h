@@ -1,11 +1,21 @@
-/// The kernel's messages about how links run: a family of generic netlink, whose numbers differ from boot to
-/// boot.
+/// How links run, by what the kernel's two interfaces for that say: calls that ask for one device, and
+/// messages that tell of changes.
 #pragma once
 
 #include "Linux/kernel/Netlink.h"
+#include "Linux/links/Device.h"
+
+#include <string>
 
 namespace Linux {
 
+/// How the device of that name runs; nothing known where the kernel does not say.
+LinkMode linkMode(const std::string& name);
+
+/// Whether the device of that name heeds or sends pause frames; false where the kernel does not say.
+bool flowControl(const std::string& name);
+
+/// The family of generic netlink that tells of changes; its numbers differ from boot to boot.
 class EthtoolFamily {
 public:
     /// Asks for the numbers; `generic` is open for NETLINK_GENERIC.
