@@ -59,6 +59,7 @@ private:
 
 /// ", 120 kbps missing, waiting for 12s behind 00:11:22:33:44:55/1"
 std::string waitText(const WaitReport& report);
-State::Value waitValue(const WaitReport& report);
+/// Null for who does not wait.
+State::Value waitValue(const std::optional<WaitReport>& report);
 
 }  // namespace Show
