@@ -51,13 +51,7 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
     refusals = database_.entityIs<Switch::Refusals>("switch/refusals");
 
     bridging->bridgeMacIs(EthAddr::fromNumber(0x02'00'00'00'00'01));
-    for (const std::string& port : ports) {
-        const auto intf = phy->intfStatusIs(IntfId{port});
-        intf->speedEnumIs(Interface::Speed::speed1Gbps);
-        intf->linkStatusIs(Interface::LinkStatus::linkUp);
-        vlanIs(2, port, true);
-        config->intfEnableIs(IntfId{port}, true);
-    }
+    for (const std::string& port : ports) portIs(port);
     systemLog_.sinkIs([this](const Runtime::LogEvent& event, std::string_view, const std::string& text) {
         log_.push_back(std::string{event.name} + ' ' + text);
     });
@@ -99,6 +93,13 @@ void Bridge::standbyTakesOver() {
 void Bridge::stop() {
     agent_->withdraw();
     agent_->stop();
+}
+
+void Bridge::portIs(const std::string& port) {
+    speedIs(port, Interface::Speed::speed1Gbps);
+    linkIs(port, true);
+    vlanIs(2, port, true);
+    config->intfEnableIs(IntfId{port}, true);
 }
 
 void Bridge::linkIs(const std::string& port, bool up) {

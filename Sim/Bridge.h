@@ -29,9 +29,9 @@ namespace Sim {
 
 class Bridge {
 public:
-    /// A bridge with address 02:00:00:00:00:01, VLAN 2 tagged on all ports, links up at 1 Gbit/s, no spanning
-    /// tree and MSRP enabled on every port.  The agent is not started yet.  With `realPorts`, which must
-    /// outlive the bridge, it speaks through these and not through `ports()`.
+    /// A bridge with address 02:00:00:00:00:01, those ports (see `portIs`) and no spanning tree.  The agent
+    /// is not started yet.  With `realPorts`, which must outlive the bridge, it speaks through these and not
+    /// through `ports()`.
     Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed = 1,
            Mrp::PacketPortProvider* realPorts = nullptr);
     ~Bridge();
@@ -51,6 +51,8 @@ public:
     [[nodiscard]] Msrp::Agent& agent() { return *agent_; }
     [[nodiscard]] State::Database& database() { return database_; }
 
+    /// A port is there, in VLAN 2 with a tag, its link up at 1 Gbit/s and MSRP enabled.
+    void portIs(const std::string& port);
     void linkIs(const std::string& port, bool up);
     void speedIs(const std::string& port, Interface::Speed speed);
     /// Adds the port to the VLAN.

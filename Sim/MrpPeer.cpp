@@ -13,12 +13,7 @@ std::pair<std::uint8_t, std::uint64_t> nameOf(std::uint8_t type, const Mrp::Attr
 
 MrpPeer::MrpPeer(Runtime::Loop& loop, Bridge& bridge, const std::string& port, std::uint64_t seed)
     : Mrp::MrpLib{Msrp::application()}, ports_{loop}, intf_{port} {
-    bridge.ports().cableIs(intf_, [this](const Pdu& pdu) {
-        if (up_) ports_.deliver(intf_, pdu);
-    });
-    ports_.cableIs(intf_, [this, &bridge](const Pdu& pdu) {
-        if (up_) bridge.ports().deliver(intf_, pdu);
-    });
+    moveTo(bridge, port);
     engine_ = std::make_unique<Mrp::MrpSm>(Mrp::Inputs{
         .brConfig = nullptr,
         .application = *this,
@@ -34,6 +29,16 @@ MrpPeer::MrpPeer(Runtime::Loop& loop, Bridge& bridge, const std::string& port, s
 }
 
 MrpPeer::~MrpPeer() = default;
+
+void MrpPeer::moveTo(Bridge& bridge, const std::string& port) {
+    bridge_ = &bridge;
+    bridge.ports().cableIs(IntfId{port}, [this, &bridge](const Pdu& pdu) {
+        if (up_ && bridge_ == &bridge) ports_.deliver(intf_, pdu);
+    });
+    ports_.cableIs(intf_, [this, &bridge, far = IntfId{port}](const Pdu& pdu) {
+        if (up_) bridge.ports().deliver(far, pdu);
+    });
+}
 
 void MrpPeer::request(const Say& what, std::uint8_t kind) {
     const Mrp::AttributeValue value = valueOf(what);

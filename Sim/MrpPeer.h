@@ -23,6 +23,9 @@ public:
     MrpPeer(Runtime::Loop& loop, Bridge& bridge, const std::string& port, std::uint64_t seed);
     ~MrpPeer() override;
 
+    /// Puts its end of the cable into another port, maybe of another bridge; neither side sees its link fall.
+    void moveTo(Bridge& bridge, const std::string& port);
+
     /// Declares or withdraws the value; the event of `what` plays no part.
     void declare(const Say& what) { request(what, Mrp::requestDeclare); }
     void withdraw(const Say& what) { request(what, Mrp::requestWithdraw); }
@@ -47,6 +50,7 @@ private:
     Ports ports_;
     IntfId intf_;
     bool up_ = true;
+    const Bridge* bridge_ = nullptr;  ///< whose frames count
     std::size_t leaves_ = 0;
     Attributes declared_;
     Attributes registered_;

@@ -26,17 +26,24 @@ std::vector<std::uint8_t> octets(const Attribute& attr) {
     return {attr.octets().begin(), attr.octets().end()};
 }
 
+/// Where a talker has named one: " latency 500".
+std::string latency(std::uint32_t nanoseconds) {
+    return nanoseconds == 0 ? std::string{} : " latency " + std::to_string(nanoseconds);
+}
+
 }  // namespace
 
 std::string describe(std::uint8_t type, const Mrp::AttributeValue& value) {
     switch (type) {
-        case Msrp::typeTalkerAdvertise:
-            return "Advertise 0x" + Msrp::hexStr(Msrp::MsrpTalkerAdvertiseAttribute{value.octets}.streamId());
+        case Msrp::typeTalkerAdvertise: {
+            const Msrp::MsrpTalkerAdvertiseAttribute attr{value.octets};
+            return "Advertise 0x" + Msrp::hexStr(attr.streamId()) + latency(attr.accumulatedLatency());
+        }
         case Msrp::typeTalkerFailed: {
             const Msrp::MsrpTalkerFailedAttribute attr{value.octets};
             return "Failed 0x" + Msrp::hexStr(attr.streamId()) + " code " +
                    std::to_string(Msrp::number(attr.failureCode())) + " bridge 0x" +
-                   Msrp::hexStr(attr.failedBridgeId());
+                   Msrp::hexStr(attr.failedBridgeId()) + latency(attr.accumulatedLatency());
         }
         case Msrp::typeListener: {
             const Msrp::MsrpListenerAttribute attr{value.octets, value.declaration};

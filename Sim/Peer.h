@@ -26,8 +26,8 @@ struct Talker {
     std::uint32_t latency = 0;
 };
 
-/// What was declared, in words: "Advertise 0x1", "Failed 0x1 code 8 bridge 0x8000020000000001", "Listener 0x1
-/// Ready", "Domain 6 priority 3 vid 2".
+/// What was declared, in words: "Advertise 0x1" (with " latency 500" behind it when there is one), "Failed
+/// 0x1 code 8 bridge 0x8000020000000001", "Listener 0x1 Ready", "Domain 6 priority 3 vid 2".
 std::string describe(std::uint8_t type, const Mrp::AttributeValue& value);
 
 /// One attribute event of an MRPDU.
