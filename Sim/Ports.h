@@ -28,6 +28,8 @@ public:
     void capacityIs(IntfId intf, std::size_t octets) { capacity_[intf] = octets; }
     /// Hands a PDU to the device; lost when the port is not open by the time it arrives.
     void deliver(IntfId intf, const Pdu& pdu);
+    /// Whether the device listens there.
+    [[nodiscard]] bool isOpen(IntfId intf) const { return open_.contains(intf); }
 
     std::unique_ptr<Mrp::PacketPort> open(IntfId intf, Receiver receiver) override;
 

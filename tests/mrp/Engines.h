@@ -9,7 +9,6 @@
 #include "Sim/Peer.h"
 
 #include <algorithm>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -184,57 +183,26 @@ private:
     }
 };
 
-/// Ports in memory.  A frame arrives at `peer` of its port a little later, unless `lose` says otherwise.
-class Wire : public Mrp::PacketPortProvider {
-public:
-    explicit Wire(Runtime::Loop& loop) : loop_{loop} {}
-
-    std::unique_ptr<Mrp::PacketPort> open(IntfId intf, Receiver receiver) override {
-        receivers_[intf] = std::move(receiver);
-        return std::make_unique<Port>(*this, intf);
-    }
-    void deliver(IntfId intf, const Pdu& pdu) {
-        // A copy of just its size: reading past its end is then seen by the sanitizer.
-        const Pdu exact{pdu.begin(), pdu.end()};
-        if (const auto at = receivers_.find(intf); at != receivers_.end()) {
-            ++delivered[intf];
-            at->second(exact);
-        }
-    }
-    [[nodiscard]] bool isOpen(IntfId intf) const { return receivers_.contains(intf); }
-
-    std::map<IntfId, IntfId> peer;
-    std::function<bool(std::size_t number)> lose;  ///< counting all frames
-    std::function<Runtime::Duration(std::size_t number)> delay;
-    std::vector<std::pair<IntfId, Pdu>> frames;
-    std::vector<Runtime::Time> times;
-    std::map<IntfId, std::size_t> delivered;
-
-private:
-    struct Port : Mrp::PacketPort {
-        Port(Wire& owner, IntfId intf) : wire{owner}, name{intf} {}
-        ~Port() override { wire.receivers_.erase(name); }
-        bool send(std::span<const std::uint8_t> pdu) override {
-            const bool lost = wire.lose && wire.lose(wire.frames.size());
-            wire.frames.emplace_back(name, Pdu{pdu.begin(), pdu.end()});
-            wire.times.push_back(wire.loop_.now());
-            if (lost || !wire.peer.contains(name)) return !lost;
-            // What has landed need not be kept.
-            while (!wire.flights_.empty() && !wire.flights_.front()->armed()) wire.flights_.pop_front();
-            auto& flight = wire.flights_.emplace_back();
-            flight = std::make_unique<Runtime::Timer>(
-                wire.loop_, [&w = wire, to = wire.peer.at(name), frame = wire.frames.back().second] {
-                    w.deliver(to, frame);
-                });
-            flight->armIn(wire.delay ? wire.delay(wire.frames.size()) : 10us);
-            return true;
-        }
-        Wire& wire;
-        IntfId name;
+/// Cables in memory, and all that was sent over them.
+struct Wire {
+    struct Frame {
+        IntfId from;
+        Runtime::Time when;
+        Pdu pdu;
     };
-    Runtime::Loop& loop_;
-    std::map<IntfId, Receiver> receivers_;
-    std::deque<std::unique_ptr<Runtime::Timer>> flights_;
+
+    explicit Wire(Runtime::Loop& on) : loop{on}, ports{on} {}
+    /// What the port sends arrives at its peer, if it has one, unless `lose` says otherwise.
+    void cableIs(IntfId port, IntfId peer = {}) {
+        ports.cableIs(port, [this, port, peer](const Pdu& pdu) {
+            frames.push_back({port, loop.now(), pdu});
+            if ((!lose || !lose(frames.size() - 1)) && peer) ports.deliver(peer, pdu);
+        });
+    }
+    Runtime::Loop& loop;
+    Sim::Ports ports;
+    std::function<bool(std::size_t number)> lose;  ///< counting all frames
+    std::vector<Frame> frames;
 };
 
 /// One switch with some ports.
@@ -251,11 +219,12 @@ struct Bridge {
               .stpStatus = stp,
               .topoConfig = nullptr,
               .ethPhyIntfStatusDir = links,
-              .environment = {loop, wire, trace,
+              .environment = {loop, wire.ports, trace,
                               [this](IntfId, const std::string& line) { reports.push_back(line); }, seed},
               .standbyMode = standby})} {
         app.engine = engine.get();
         for (const IntfId port : ports) {
+            wire.cableIs(port);
             linkIs(port, true);
             app.enable(port);
         }
@@ -285,7 +254,8 @@ struct Bridge {
 /// "a1" and "b1" joined by a link; frames can also be played to "a2", which has no peer.
 struct Pair {
     explicit Pair(std::uint64_t seed = 1) : a{loop, wire, {a1, a2}, seed}, b{loop, wire, {b1}, seed + 1} {
-        wire.peer = {{a1, b1}, {b1, a1}};
+        wire.cableIs(a1, b1);
+        wire.cableIs(b1, a1);
     }
     /// Lets happen what the words say, and tells what both applications have heard since the last call, as
     /// "+b1 1/5=100\n" (joined) and "-b1 1/5=100\n" (left).  "50ms" and "2s" pass; and at a port:
@@ -303,7 +273,7 @@ struct Pair {
         std::string out;
         auto& from = taken_[intf];
         for (; from < wire.frames.size(); ++from) {
-            if (wire.frames[from].first == intf) out += text(wire.frames[from].second) + '\n';
+            if (wire.frames[from].from == intf) out += text(wire.frames[from].pdu) + '\n';
         }
         return out;
     }
@@ -353,7 +323,8 @@ private:
             said.push_back(say(word.substr(colon + 1),
                                *State::Codec<Mrp::Event>::decode(State::Value{word.substr(0, colon)})));
         }
-        for (const Pdu& pdu : Sim::pdusOf(said, leaveAll)) wire.deliver(intf, pdu);
+        for (const Pdu& pdu : Sim::pdusOf(said, leaveAll)) wire.ports.deliver(intf, pdu);
+        loop.settle();
     }
 
     std::map<IntfId, std::size_t> taken_;

@@ -51,6 +51,9 @@ TEST_F(Scenario, ATakenAddressFailsWithCode5) {
     EXPECT_EQ(bridge.rx("p2", 2), 1U);
     EXPECT_EQ(bridge.rx("p2", 5), 0U);
 
+    EXPECT_EQ(shown(bridge.waiting->value()),
+              "{macDaBlocked {91:e0:f0:00:00:01 {failedStream {0 {stream 0x2}}}}}");
+
     p1.say(advertise({.id = 1}, Event::Lv));
     quiet();
     EXPECT_EQ(picture(), "0x2 SrClassA 9088 p2 -> p2\np1 Advertise 0x2\np3 Advertise 0x2\n");

@@ -53,11 +53,6 @@ TEST_F(Scenario, AListenerKeepsTheRecordOfATalkerThatLeftOrMoves) {
     reserve();
     p1.say(advertise({}, Event::Lv));
     quiet();
-    const auto stream = bridge.agent().msrpSm()->streamList(1);
-    ASSERT_NE(stream, nullptr);
-    EXPECT_EQ(stream->bandwidth(), 0U);
-    EXPECT_EQ(stream->macDa(), EthAddr{});
-    EXPECT_EQ(stream->port().size(), 1U) << "only the listener is left";
     EXPECT_EQ(picture(), "0x1 no talker\n");
     p3.say(advertise({}));  // comes back behind another port
     EXPECT_EQ(stream1(), "0x1 SrClassA 9088 p3 -> p2");
@@ -67,6 +62,61 @@ TEST_F(Scenario, AListenerKeepsTheRecordOfATalkerThatLeftOrMoves) {
     quiet();
     EXPECT_EQ(picture(), all);
     EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 9088U);
+}
+
+TEST_F(Scenario, RecordsTellAllOfAStreamAndNothingOfATalkerThatLeft) {
+    core();
+    const Talker talker{.id = 0xab, .macDa = 0x91e0f00000ab, .maxFrameSize = 200, .frames = 3, .latency = 77};
+    p1.say(advertise(talker));
+    settle();
+    EXPECT_EQ(p3.pdus().back(), pdusOf({advertise(talker)})[0]) << "passed on with all its values";
+    p2.say(listener(0xab, ListenerState::Ready));
+    p3.say(listener(0xab, ListenerState::AskingFailed));
+    quiet();
+    const auto stream = [this] { return shown(*bridge.status->fieldValue("registeredStreams", "0xAB")); };
+    const std::string first =
+        "{bandwidth 46464, macDa 91:e0:f0:00:00:ab, vlanId 2, srClass SrClassA, rank 1, dataFramePriority 3, "
+        "maxFrameSize 200, maxIntervalFrames 3, accumulatedLatency 77, failedBridgeId ";
+    EXPECT_EQ(stream(), first +
+                            "0x0, ingressIntf p1, ethGroup 91:e0:f0:00:00:ab, "
+                            "talkerState {p1 Advertise, p2 Advertise, p3 Advertise}, "
+                            "listenerState {p1 ReadyFailed, p2 Ready, p3 AskingFailed}, "
+                            "listenerStateOrig {p2 Ready, p3 AskingFailed}}");
+    EXPECT_EQ(
+        shown(*bridge.status->fieldValue("intfStatus", "p2")),
+        "{linkStatus up, speedEnum 1G, portState Forwarding, srClassState {SrClassB Core, SrClassA "
+        "Core}, classBandwidthAllocated {SrClassA 46464}, lvAllSent true, rxCounters {listenerReady 1}, "
+        "txCounters {talkerAdvertise 1}}");
+    EXPECT_EQ(shown(bridge.queues->value()),
+              "{agentName Msrp, configPriority 85, intfConfigPriority 85, cosToTcMap {2 4, 3 5, 4 1, 5 1, 6 "
+              "2, 7 3}, intfConfig {p2 {txQueueConfig {unicast:7 {priority 2, percent 101, shapeRate 46464, "
+              "guaranteedBw 535822337}}}}}");
+    p1.say(failed(talker, 9, 0x1234));
+    quiet();
+    EXPECT_EQ(stream(), first +
+                            "0x1234, ingressIntf p1, ethGroup 91:e0:f0:00:00:ab, "
+                            "talkerState {p1 Failed, p2 Failed, p3 Failed}, "
+                            "listenerState {p1 AskingFailed, p2 AskingFailed, p3 AskingFailed}, "
+                            "listenerStateOrig {p2 Ready, p3 AskingFailed}, "
+                            "talkerFailureCode {p1 9, p2 9, p3 9}}");
+    p1.say(failed(talker, 9, 0x1234, Event::Lv));
+    quiet();
+    EXPECT_EQ(stream(),
+              "{macDa 00:00:00:00:00:00, srClass SrClassA, failedBridgeId 0x0, "
+              "listenerStateOrig {p2 Ready, p3 AskingFailed}}");
+    for (Peer* peer : {&p2, &p3}) peer->say(listener(0xab, ListenerState::Ready, Event::Lv));
+    quiet();
+    p1.say(advertise(talker));
+    settle();
+    p1.say(advertise(talker, Event::Lv));
+    quiet();
+    const std::string declared =
+        "talkerAdvertise 2, talkerFailed 1, talkerAdvertiseLeave 1, talkerFailedLeave 1}";
+    EXPECT_EQ(counted(), "p1 rx {" + declared +
+                             " tx {listenerLeave 1, listenerAskingFailed 1, listenerReady 1, "
+                             "listenerReadyFailed 1}\np2 rx {listenerLeave 1, listenerReady 1} tx {" +
+                             declared + "\np3 rx {listenerLeave 1, listenerAskingFailed 1} tx {" + declared +
+                             "\n");
 }
 
 TEST_F(Scenario, AListenerOfTheTalkersOwnPortLeavesNoGhost) {
@@ -108,6 +158,8 @@ TEST_F(Scenario, ReleasedBandwidthGoesToTheOldestStreamThatFits) {
         settle();
     }
     EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 672'000U);  // 1 and 4
+    EXPECT_EQ(shown(bridge.waiting->value()),
+              "{bandwidthFailedIntf {p2 {failedStream {0 {stream 0x2}, 1 {stream 0x3}}}}}");
     p2.say(listener(4, ListenerState::Ready, Event::Lv));
     quiet();
     EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 576'000U);  // neither 2 nor 3 fits beside 1
@@ -115,6 +167,13 @@ TEST_F(Scenario, ReleasedBandwidthGoesToTheOldestStreamThatFits) {
     quiet();
     EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 672'000U);  // 2, then 3
     expectHears(p1, "Listener 0x2 Ready\nListener 0x3 Ready\n");
+    // Who leaves while it waits gives up its place.
+    p2.say(listener(1, ListenerState::Ready));
+    settle();
+    EXPECT_EQ(shown(bridge.waiting->value()), "{bandwidthFailedIntf {p2 {failedStream {0 {stream 0x1}}}}}");
+    p1.say(advertise({.id = 1, .macDa = 0x91e0f0000001, .maxFrameSize = 1458, .frames = 6}, Event::Lv));
+    quiet();
+    EXPECT_EQ(shown(bridge.waiting->value()), "");
 }
 
 TEST_F(Scenario, QueuesFollowTheAllocation) {

@@ -322,6 +322,20 @@ TEST_F(ReservedStream, EverySpanningTreeModeCanBeEnteredAndLeft) {
     bridge.topology->vlanTopologyIs(VlanId{2}, "Vl2");
     loop.runFor(1s);
     reserve();
+    // A port's native VLAN says which tree counts; VLAN 7 is not configured.
+    for (const std::uint16_t vlan : std::initializer_list<std::uint16_t>{7, 1}) {
+        bridge.bridging->switchIntfConfigIs(IntfId{"p2"})->nativeVlanIs(VlanId{vlan});
+        settle();
+        EXPECT_EQ(bridge.stream(1), waiting);
+        EXPECT_EQ(bridge.classes("p2"),
+                  vlan == 7 ? "p2 NotSupported NotSupported" : "p2 WaitingForPeer WaitingForPeer");
+    }
+    bridge.bridging->switchIntfConfigDel(IntfId{"p2"});
+    settle();
+    EXPECT_EQ(bridge.classes("p2"), "p2 NotSupported NotSupported") << "no switched port any more";
+    bridge.bridging->switchIntfConfigIs(IntfId{"p2"});
+    listenAgain();
+    EXPECT_EQ(bridge.stream(1), reserved);
     bridge.stp->modeIs(Stp::Mode::Disabled);
     quiet();
     EXPECT_EQ(bridge.classes("p2"), "p2 NotSupported NotSupported");
@@ -393,6 +407,7 @@ TEST_F(ReservedStream, AnEndedProcessWithdrawsWhatItDeclared) {
     settle();
     EXPECT_EQ(p1.registered() + p2.registered() + bridge.groups(), "");
     EXPECT_EQ(bridge.groupConfig->fdbConfigPriority(), 0U);
+    EXPECT_EQ(bridge.agent().msrpSm(), nullptr);
 }
 
 }  // namespace

@@ -17,6 +17,21 @@ using namespace std::chrono_literals;
 
 inline const std::string selfBridge = "0x8000020000000001";
 
+/// A record in one line, without what says nothing (0, false, empty) and without times.
+inline std::string shown(const State::Value& value) {
+    if (value.object() == nullptr) {
+        if (const auto* text = std::get_if<std::string>(&value.data)) return *text;
+        const std::string text = std::holds_alternative<double>(value.data) ? "" : State::text(value);
+        return text == "0" || text == "false" || text == "null" ? "" : text;
+    }
+    std::string out;
+    for (const auto& [name, member] : *value.object()) {
+        if (const std::string text = shown(member); !text.empty())
+            out.append(out.empty() ? "" : ", ").append(name + ' ' + text);
+    }
+    return out.empty() ? out : '{' + out + '}';
+}
+
 class Scenario : public testing::Test {
 protected:
     void SetUp() override {
@@ -59,6 +74,15 @@ protected:
     void expectHears(const Peer& peer, const std::string& declared) {
         settle();
         EXPECT_NE(peer.registered().find(declared), std::string::npos) << peer.registered();
+    }
+    /// What has been counted on each port so far, one line each.
+    [[nodiscard]] std::string counted() {
+        std::string out;
+        bridge.status->intfStatus().each([&](IntfId intf, const Msrp::IntfStatus& port) {
+            out += intf.name() + " rx " + shown(*port.fieldValue("rxCounters", "")) + " tx " +
+                   shown(*port.fieldValue("txCounters", "")) + '\n';
+        });
+        return out;
     }
     void expectLogged(const std::vector<std::string>& texts, std::size_t times = 1) {
         settle();
