@@ -94,13 +94,13 @@ TEST(Network, EachDomainHasItsOwnStreamsUntilTheyBecomeOne) {
     net.station("talker").declare(advertise({}));
     net.station("far").declare(advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 4}));
     listen(net, {"near", "far"});
-    EXPECT_EQ(later(net), R"(
+    EXPECT_EQ(later(net).append(net["sw2"].classes("sw3")), R"(
 sw1: 0x1 SrClassA 9088 talker -> sw2
 sw2: 0x1 SrClassA 9088 sw1 -> near
 sw3: 0x1 no talker, 0x2 SrClassA 9088 far -> far
 near: Advertise 0x1
 talker: Listener 0x1 Ready
-)");
+sw3 Boundary Core)");
 
     net["sw3"].cliConfig->srClassAPriorityIs(3);
     net.station("far").declare(domain(Msrp::SrClassId::SrClassA, 3));
@@ -162,7 +162,7 @@ westEnd: Advertise 0x1, Advertise 0x2
 )");
     const auto leaves = [&net](const char* who) { return std::to_string(net.station(who).leaves()) + '\n'; };
     net.restart("sw2", 0s);  // its agent is back before anybody has missed it
-    EXPECT_EQ(later(net) + leaves("westEnd") + leaves("east"), before + "0\n0\n");
+    EXPECT_EQ(later(net).append(leaves("westEnd") + leaves("east")), before + "0\n0\n");
 
     net.restart("sw2", 5s);
     EXPECT_EQ('\n' + net.picture(), R"(
@@ -175,7 +175,7 @@ westEnd: Advertise 0x1
 )") << "each side has kept what is its own";
     EXPECT_EQ(later(net), before);
     net.loop.runFor(60s);  // LeaveAlls of everybody
-    EXPECT_EQ(later(net) + leaves("westEnd") + leaves("east"), before + "1\n1\n")
+    EXPECT_EQ(later(net).append(leaves("westEnd") + leaves("east")), before + "1\n1\n")
         << "the other side's talker";
 }
 
