@@ -80,16 +80,16 @@ public:
     /// A port, a type and a key.
     using Name = std::tuple<IntfId, std::uint8_t, std::uint64_t>;
     using Books = std::map<Name, Mrp::AttributeValue>;
-    /// May make requests, throw, or refuse the join by returning true.
-    using Hook = std::function<bool(IntfId, const Sim::Say&)>;
+    /// May make requests.
+    using Hook = std::function<void(IntfId, const Sim::Say&)>;
 
     App() : MrpLib{Msrp::application()} {}
 
     void request(IntfId intf, const Sim::Say& what, std::uint8_t kind) {
         const Mrp::AttributeValue value = Sim::valueOf(what);
         const Name name = nameOf(intf, what);
-        if (kind == Mrp::requestDeclare && active(intf)) declared[name] = value;
-        if (kind == Mrp::requestSeed && active(intf) && !registered(name)) held[name] = value;
+        if (kind == Mrp::requestDeclare && !engine->standbyMode() && enabled.contains(intf))
+            declared[name] = value;
         if (kind == Mrp::requestWithdraw || kind == Mrp::requestInternalLeave) declared.erase(name);
         if (kind == Mrp::requestInternalLeave) held.erase(name);
         outgoing(what.type) = {.value = value.octets, .declaration = value.declaration};
@@ -124,18 +124,10 @@ public:
     static Name nameOf(IntfId intf, const Sim::Say& what) {
         return {intf, what.type, typeOf(what.type).key(what.value)};
     }
-    [[nodiscard]] bool active(IntfId intf) const { return !engine->standbyMode() && enabled.contains(intf); }
-    /// Visits what the engine knows of a port.
-    template <class Visit>
-    void each(IntfId intf, Visit&& visit) const {
-        engine->eachAttribute(intf, [&](const Mrp::AttributeRef& ref, const Mrp::Attribute& attribute) {
-            visit(Name{intf, static_cast<std::uint8_t>(ref.typeIndex + 1), ref.key}, attribute);
-        });
-    }
-    [[nodiscard]] bool registered(const Name& name) const {
+    [[nodiscard]] bool registered(IntfId intf, const Sim::Say& what) const {
         bool found = false;
-        each(std::get<0>(name), [&](const Name& other, const Mrp::Attribute& attribute) {
-            if (other == name) found = attribute.registered();
+        engine->eachAttribute(intf, [&](const Mrp::AttributeRef& ref, const Mrp::Attribute& attribute) {
+            if (Name{intf, ref.typeIndex + 1, ref.key} == nameOf(intf, what)) found = attribute.registered();
         });
         return found;
     }
@@ -155,12 +147,11 @@ private:
     [[nodiscard]] const std::type_info& fwkType() const override { return typeid(App); }
     std::uint8_t mrpJoinIndication(const Mrp::MrpParameters& params) override {
         const Sim::Say what = indicated('+', params);
-        const std::string name = describe(what);
-        const Name at = nameOf(params.intf, what);
-        if (onJoin && onJoin(params.intf, what)) return 1;
-        if (outOfRange.contains(name)) throw std::range_error("value out of range");
-        if (refusing.contains(name)) return 1;
-        if (!onJoin || registered(at)) held[at] = Sim::valueOf(what);  // unless the hook has ended it
+        if (onJoin) onJoin(params.intf, what);
+        if (outOfRange.contains(describe(what))) throw std::range_error("value out of range");
+        if (refusing.contains(describe(what))) return 1;
+        // Unless the hook has ended it.
+        if (!onJoin || registered(params.intf, what)) held[nameOf(params.intf, what)] = Sim::valueOf(what);
         return 0;
     }
     void mrpLeaveIndication(const Mrp::MrpParameters& params) override {
@@ -211,12 +202,12 @@ struct Bridge {
            bool standby = false)
         : ports{std::move(names)},
           engine{std::make_unique<Mrp::MrpSm>(Mrp::Inputs{
-              .brConfig = bridging,
+              .brConfig = nullptr,
               .application = app,
               .mrpConfig = config,
               .mrpStatus = status,
               .attributes = nullptr,
-              .stpStatus = stp,
+              .stpStatus = nullptr,
               .topoConfig = nullptr,
               .ethPhyIntfStatusDir = links,
               .environment = {loop, wire.ports, trace,
@@ -242,8 +233,6 @@ struct Bridge {
     App app;
     std::shared_ptr<Mrp::MrpConfig> config = std::make_shared<Mrp::MrpConfig>();
     std::shared_ptr<Mrp::MrpStatus> status = std::make_shared<Mrp::MrpStatus>();
-    std::shared_ptr<Bridging::Config> bridging = std::make_shared<Bridging::Config>();
-    std::shared_ptr<Stp::Status> stp = std::make_shared<Stp::Status>();
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> links =
         std::make_shared<Interface::AllEthPhyIntfStatusDir>();
     Runtime::Trace trace;

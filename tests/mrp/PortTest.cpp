@@ -27,12 +27,11 @@ TEST(Port, HandlersMayDisableItOrPurgeItWhileItIsIndicated) {
         App& app = net.a.app;
         int indications = 0;
         const App::Hook act = [&](IntfId intf, const Sim::Say& what) {
-            if (++indications != 2) return false;
+            if (++indications != 2) return;
             if (deed == 1) app.purgeAll(intf);
             if (deed == 2) app.purge(intf, what.type, 6);
             if (deed == 0 || deed == 3) app.disable(intf);
             if (deed == 3) app.enable(intf);
-            return false;
         };
         app.onJoin = act;
         const bool ended = deed == 0 || deed == 3;

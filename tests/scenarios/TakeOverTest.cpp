@@ -90,8 +90,8 @@ TEST_F(TakeOverOf, AStreamThatWasNeverPublishedHoldsNothing) {
     ASSERT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 9088U);
     ASSERT_TRUE(bridge.status->registeredStreams().empty()) << "the review is yet to come";
     takeOver();
+    EXPECT_EQ(forwardingFault(bridge), "");
     EXPECT_EQ(bridge.groups(), "");
-    expectNoQueues();
     p1.say(advertise({}));
     p2.say(listener(1, ListenerState::Ready));
     EXPECT_EQ(stream1(), reserved);
@@ -142,6 +142,23 @@ TEST_F(TakeOverOf, TwoChangesInATurnLeaveThePortsOpen) {
     EXPECT_EQ(bridge.stream(1), reserved);
 }
 
+TEST_F(TakeOverOf, OneThatDiedByItsOwnRestartLosesNothing) {
+    reserve();
+    quiet();
+    p2.heard();
+    bridge.agent().stop();  // without a word to anybody
+    EXPECT_FALSE(bridge.ports().isOpen(IntfId{"p1"}));
+    bridge.start();
+    loop.runFor(100ms);  // the LeaveAll
+    for (Peer* peer : {&p1, &p2, &p3}) peer->say(domains());
+    p1.say(advertise({}));
+    p2.say(listener(1, ListenerState::Ready));
+    quiet();
+    EXPECT_EQ(picture(), all);
+    const std::string heard = p2.heard();
+    EXPECT_EQ(heard.find("Lv "), std::string::npos) << heard;
+}
+
 TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
     reserve();
     quiet();
@@ -163,13 +180,12 @@ TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
     }
     meanwhile([&] { bridge.vlanDel(2, "p2"); });
     EXPECT_EQ(bridge.stream(1), waiting);
-    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
+    EXPECT_EQ(forwardingFault(bridge), "");
     meanwhile([&] { bridge.speedIs("p2", Interface::Speed::speed100Mbps); });
     EXPECT_EQ(bridge.classes("p2"), "p2 WaitingForPeer NotSupported") << "admitted anew";
     meanwhile([&] { bridge.cliConfig->srClassAPriorityIs(4); });
     quiet();
     EXPECT_EQ(bridge.groups(), "") << "the stream has the priority of no class any more";
-    expectNoQueues();
 }
 
 }  // namespace
