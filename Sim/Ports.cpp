@@ -33,7 +33,10 @@ void Ports::deliver(IntfId intf, const Pdu& pdu) {
     loop_.post([this, intf, pdu] {
         // A receiver may open and close ports.
         const auto [first, last] = open_.equal_range(intf);
-        for (const auto& [name, receiver] : std::vector(first, last)) (*receiver)(pdu);
+        for (const auto& [name, receiver] : std::vector(first, last)) {
+            ++delivered_[intf];
+            (*receiver)(pdu);
+        }
     });
 }
 

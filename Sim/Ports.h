@@ -28,6 +28,11 @@ public:
     void capacityIs(IntfId intf, std::size_t octets) { capacity_[intf] = octets; }
     /// Hands a PDU to the device; lost when the port is not open by the time it arrives.
     void deliver(IntfId intf, const Pdu& pdu);
+    /// How many the device has received there.
+    [[nodiscard]] std::size_t delivered(IntfId intf) const {
+        const auto at = delivered_.find(intf);
+        return at == delivered_.end() ? 0 : at->second;
+    }
     /// Whether the device listens there.
     [[nodiscard]] bool isOpen(IntfId intf) const { return open_.contains(intf); }
 
@@ -38,6 +43,7 @@ private:
     Runtime::Loop& loop_;
     std::map<IntfId, Handler> farEnd_;
     std::map<IntfId, std::size_t> capacity_;
+    std::map<IntfId, std::size_t> delivered_;
     /// As with the sockets of a real interface, several may be open at once, and each gets every frame.
     std::multimap<IntfId, std::shared_ptr<Receiver>> open_;
 };

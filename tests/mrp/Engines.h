@@ -88,8 +88,7 @@ public:
     void request(IntfId intf, const Sim::Say& what, std::uint8_t kind) {
         const Mrp::AttributeValue value = Sim::valueOf(what);
         const Name name = nameOf(intf, what);
-        if (kind == Mrp::requestDeclare && !engine->standbyMode() && enabled.contains(intf))
-            declared[name] = value;
+        if (kind == Mrp::requestDeclare && active(intf)) declared[name] = value;
         if (kind == Mrp::requestWithdraw || kind == Mrp::requestInternalLeave) declared.erase(name);
         if (kind == Mrp::requestInternalLeave) held.erase(name);
         outgoing(what.type) = {.value = value.octets, .declaration = value.declaration};
@@ -126,11 +125,19 @@ public:
     }
     [[nodiscard]] bool registered(IntfId intf, const Sim::Say& what) const {
         bool found = false;
-        engine->eachAttribute(intf, [&](const Mrp::AttributeRef& ref, const Mrp::Attribute& attribute) {
-            if (Name{intf, ref.typeIndex + 1, ref.key} == nameOf(intf, what)) found = attribute.registered();
+        each(intf, [&](const Name& name, const Mrp::Attribute& attribute) {
+            if (name == nameOf(intf, what)) found = attribute.registered();
         });
         return found;
     }
+    /// Visits what the engine knows of a port.
+    template <class Visit>
+    void each(IntfId intf, Visit&& visit) const {
+        engine->eachAttribute(intf, [&](const Mrp::AttributeRef& ref, const Mrp::Attribute& attribute) {
+            visit(Name{intf, static_cast<std::uint8_t>(ref.typeIndex + 1), ref.key}, attribute);
+        });
+    }
+    [[nodiscard]] bool active(IntfId intf) const { return !engine->standbyMode() && enabled.contains(intf); }
     std::string take() { return std::exchange(heard, {}); }
 
     Mrp::MrpSm* engine = nullptr;

@@ -1,5 +1,6 @@
 #include "Linux/doctor/Leftovers.h"
 #include "Linux/groups/GroupAgent.h"
+#include "Linux/groups/GroupRemoval.h"
 #include "Linux/kernel/EpollLoop.h"
 #include "Runtime/Text.h"
 #include "tests/ports/FaultyKernel.h"
