@@ -18,9 +18,9 @@ constexpr std::chrono::hours lastProbe{1};
 }  // namespace
 
 Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records,
-                     const std::string& files, const Complaint& complaint, const GroupAgent::Served& served)
+                     const std::string& files, const Report& report, const GroupAgent::Served& served)
     : loop_{loop},
-      complaint_{complaint},
+      report_{report},
       config_{records.config},
       capabilities_{records.capabilities},
       probe_{loop, [this](const Abilities& abilities) { probed(abilities); }},
@@ -29,14 +29,20 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
                    if (lacking()) probe();
                }},
       probeAgain_{loop, [this] { probe(); }},
-      bridge_{loop,        devices,  requests_, records.config, records.bridging, records.topology,
-              records.stp, complaint},
+      bridge_{loop,
+              devices,
+              requests_,
+              records.config,
+              records.bridging,
+              records.topology,
+              records.stp,
+              [report](const std::string& line) { report(Tone::warning, line); }},
       groups_{loop,
               devices,
               requests_,
               {records.config, records.groups, records.groupStatus, records.refusals},
               [this] { wake(); },
-              complaint,
+              report,
               files,
               served},
       queues_{loop,
@@ -45,13 +51,13 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
               {records.config, records.queues, records.queueMap, records.hardwareQueueMap,
                records.capabilities, records.refusals},
               [this] { wake(); },
-              complaint} {}
+              report} {}
 
 std::string Dataplane::start() {
     std::string problem = requests_.open();
     if (!problem.empty()) return problem;
     capabilities_->abilitiesAre(probeAbilities());
-    for (const std::string& line : limitations(capabilities_->abilities())) complaint_(line);
+    for (const std::string& line : limitations(capabilities_->abilities())) report_(Tone::warning, line);
     patience_ = firstProbe;
     if (lacking()) probeAgain_.armIn(patience_);
     problem = bridge_.start();
@@ -85,9 +91,11 @@ void Dataplane::probed(const Abilities& abilities) {
     if (abilities != Abilities{} && abilities != before) {
         capabilities_->abilitiesAre(abilities);
         for (const auto& [name, ability] : CapabilityStatus::abilityFields) {
-            if (abilities.*ability != before.*ability)
-                complaint_(Runtime::concat("this kernel: ", name, " is ", State::enumText(abilities.*ability),
-                                           " now"));
+            if (abilities.*ability == before.*ability) continue;
+            const bool gained = abilities.*ability == Ability::present;
+            report_(
+                gained ? Tone::informational : Tone::warning,
+                Runtime::concat("this kernel: ", name, " is ", State::enumText(abilities.*ability), " now"));
         }
         patience_ = firstProbe;
         queues_.abilitiesChanged();

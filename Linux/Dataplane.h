@@ -40,7 +40,7 @@ public:
     /// Loop and devices must outlive it; `files` is what the paths of files begin with that it may keep.
     /// `served` as for `GroupAgent`.
     Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records& records, const std::string& files,
-              const Complaint& complaint, const GroupAgent::Served& served = {});
+              const Report& report, const GroupAgent::Served& served = {});
 
     /// To be called after the table of devices was started.  Empty on success, else why this machine cannot
     /// be asked at all; then all is as it was before.
@@ -62,7 +62,7 @@ private:
 
     Runtime::FdLoop& loop_;
     NetlinkRequests requests_;
-    const Complaint complaint_;
+    const Report report_;
     const std::shared_ptr<const Config> config_;
     const std::shared_ptr<CapabilityStatus> capabilities_;
     AbilityProbe probe_;

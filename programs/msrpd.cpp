@@ -234,7 +234,8 @@ private:
                                       .groupStatus = groups_,
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
-            options_.socket, [this](const std::string& line) { tell(LOG_WARNING, line); },
+            options_.socket,
+            [this](Linux::Tone tone, const std::string& line) { tell(static_cast<int>(tone), line); },
             [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
         return dataplane_->start();
     }

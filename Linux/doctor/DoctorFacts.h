@@ -17,8 +17,8 @@ namespace Linux {
 struct DoctorFacts {
     struct Port {
         Device device;
-        bool flowControl =
-            false;            ///< it stops sending when the peer asks for a pause, or asks for one itself
+        /// It stops sending when the peer asks for a pause, or asks for one itself.
+        bool flowControl = false;
         bool router = false;  ///< the kernel takes a multicast router to be behind it
         PortVlans vlans;      ///< only where the bridge filters VLANs
         /// Kind and major number of the root queueing discipline; empty and 0 for what the kernel put there.

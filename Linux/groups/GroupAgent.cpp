@@ -15,14 +15,14 @@ constexpr std::chrono::seconds readInterval{1};
 }  // namespace
 
 GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests,
-                       const Records& records, std::function<void()> wake, Complaint complaint,
+                       const Records& records, std::function<void()> wake, Report report,
                        const std::string& files, Served served)
     : loop_{loop},
       devices_{devices},
       requests_{requests},
       config_{records.config},
       wake_{std::move(wake)},
-      complaint_{std::move(complaint)},
+      report_{std::move(report)},
       served_{std::move(served)},
       outcomes_{records.status},
       refusals_{records.refusals},
@@ -138,7 +138,7 @@ void GroupAgent::lookAtBridge() {
             "multicast snooping is off: all multicast frames are flooded, and no group can be changed",
             overfilled_ ? "; the table was full, it is switched on again when there is room" : ""));
     } else if (view_.snooping && !before.snooping && before.bridge == view_.bridge) {
-        complain("multicast snooping is on again");
+        tell(Tone::informational, "multicast snooping is on again");
     }
     for (const auto& [name, port] : view_.ports) {
         const auto sameIndex = [&, index = port](const auto& p) { return p.second == index; };
@@ -161,7 +161,8 @@ void GroupAgent::leaveBridge(const BridgeView& before) {
     kernelGroups_.drain();
     strays_.put(before.bridge, ours());
     for (const auto& [name, port] : before.ports) routers_.giveBack(port);
-    complain(Runtime::concat("it is called ", device->name, " now; what was done to it is taken back"));
+    complain(Runtime::concat("the bridge is called ", device->name,
+                             " now, and no longer the switch: its groups are removed"));
 }
 
 void GroupAgent::tableChanged(const GroupMember& member, std::optional<GroupOwner> before,
@@ -282,8 +283,8 @@ void GroupAgent::writeFiles() {
     if (!problems.empty()) fileProblems_ = std::move(problems);
 }
 
-void GroupAgent::complain(const std::string& line) const {
-    if (complaint_) complaint_(Runtime::concat("bridge ", config_->bridge(), ": ", line));
+void GroupAgent::tell(Tone tone, const std::string& line) const {
+    if (report_) report_(tone, Runtime::concat("bridge ", config_->bridge(), ": ", line));
 }
 
 std::string GroupAgent::portName(unsigned port) const {

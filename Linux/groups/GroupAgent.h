@@ -67,7 +67,7 @@ public:
     /// is what the paths of two files of this agent's own begin with.  Without `served`, nobody can tell
     /// whose the marked entries of another bridge are: they are told of and stay.
     GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests, const Records& records,
-               std::function<void()> wake, Complaint complaint, const std::string& files, Served served = {});
+               std::function<void()> wake, Report report, const std::string& files, Served served = {});
 
     /// Begins to follow the bridge, after `devices` was started.  `marks`: whether the kernel notes whose an
     /// entry is.  Empty on success.
@@ -151,7 +151,8 @@ private:
     void auditByTimer();
     void writeFiles();
 
-    void complain(const std::string& line) const;
+    void complain(const std::string& line) const { tell(Tone::warning, line); }
+    void tell(Tone tone, const std::string& line) const;
     [[nodiscard]] std::string portName(unsigned port) const;
 
     Runtime::FdLoop& loop_;
@@ -159,7 +160,7 @@ private:
     NetlinkChannel& requests_;
     const std::shared_ptr<const Config> config_;
     const std::function<void()> wake_;
-    const Complaint complaint_;
+    const Report report_;
     const Served served_;
     GroupOutcomes outcomes_;
     GroupRefusals refusals_;

@@ -13,16 +13,16 @@ using Switch::GroupId;
 
 namespace {
 
-/// For so long one call may hold the loop, and by so many requests it may miss that.
+/// One call begins no further batch after this time, so that others on the loop have their turn.
 constexpr std::chrono::milliseconds turnShare{5};
 constexpr std::size_t requestsPerBatch = 128;
-/// Refusals that are told at once: each makes the reservation machine act.
+/// Refusals that are published before the time is looked at again: each makes the reservation machine act.
 constexpr std::size_t refusalsAtOnce = 32;
 /// What does not last for so long is not worth a line.
 constexpr std::chrono::seconds newsDelay{2};
-/// What should go by itself is no excuse for longer.
+/// What is expected to pass by itself is told as a failure once it has lasted for so long.
 constexpr std::chrono::seconds patience{5};
-/// A table that is full is looked at no more often.
+/// How soon after the table seems full it is looked at whether the kernel still snoops.
 constexpr std::chrono::milliseconds peakDelay{100};
 
 const GroupProblem tableFull{"the bridge's multicast table is full", GroupProblem::Kind::lasting};

@@ -14,7 +14,8 @@
 
 namespace Linux {
 
-/// Whose an entry is.  Another's is never touched.
+/// Who made an entry: this agent (in this life or an earlier one), or anybody else, whose entries are left as
+/// they are and fulfil our wishes as well.
 enum class GroupOwner : std::uint8_t { us, another };
 
 /// An entry in the table.

@@ -64,8 +64,9 @@ void GroupAgent::findLeftovers() {
         const bool running = served_ && served_(bridge->name);
         if (running) continue;  // another daemon's
         const bool certain = served_ || std::ranges::any_of(memory_.marks(), remembered);
-        complain(concat(ours.size(), " entries with our mark are on bridge ", bridge->name,
-                        certain ? ", left by an earlier life; they go" : "; msrpctl clean removes them"));
+        tell(certain ? Tone::informational : Tone::warning,
+             concat("bridge ", bridge->name, " has groups with our mark (", ours.size(), ')',
+                    certain ? ", left by an earlier run: they are removed" : "; msrpctl clean removes them"));
         if (!certain) continue;
         const auto isMarked = [&](const GroupEntry& e) { return e.protocol == config_->groupProtocol(); };
         if (std::ranges::any_of(entries, isMarked)) memory_.markIs({index, config_->groupProtocol()});
@@ -111,7 +112,7 @@ std::vector<GroupFinding> GroupAgent::findings(bool repair) {
             entries, [&, b = index](const auto& entry) { return ownerOf(b, entry) == GroupOwner::us; });
         if (count != 0)
             findings.push_back({{},
-                                concat("bridge ", bridge->name, ": ", count, " entries with our mark"),
+                                concat("bridge ", bridge->name, " has groups with our mark (", count, ')'),
                                 "msrpctl clean removes them"});
     }
     if (view_.bridge == 0) {

@@ -46,7 +46,8 @@ class GroupWishes {
 public:
     explicit GroupWishes(std::shared_ptr<const Bridging::Input::Config> config);
 
-    /// Takes in a change of the record; the addresses that it concerns, or none for all of them.
+    /// Takes in a change of the record, and tells the addresses that it concerns.  No value (unlike an empty
+    /// list): it may concern any.
     std::optional<std::vector<EthAddr>> changed(const State::Change& change);
     /// Wishes for that address on ports that the bridge has, by VLAN and port.
     [[nodiscard]] std::vector<WantedGroup> of(EthAddr mac, const BridgeView& view) const;

@@ -17,7 +17,8 @@ namespace Linux {
 class KernelGroups {
 public:
     using OwnerOf = std::function<GroupOwner(unsigned bridge, const GroupEntry& entry)>;
-    /// The kernel's table differs from what this held; it is in line already.
+    /// An entry came, went (no `now`) or changed hands, and not by a request of ours.  Called when `table`
+    /// has taken it in.
     using Changed = std::function<void(const GroupMember& member, std::optional<GroupOwner> before,
                                        std::optional<GroupOwner> now)>;
 

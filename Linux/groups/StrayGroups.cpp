@@ -77,7 +77,7 @@ void StrayGroups::removeSome(const Device& device, Bridge& bridge) {
         }
     }
     if (!problem.empty() && !std::exchange(bridge.told, true))
-        complaint_(Runtime::concat("cannot take back yet what is on ", device.name, ": ", problem));
+        complaint_(Runtime::concat("cannot remove our groups from bridge ", device.name, " yet: ", problem));
 }
 
 void StrayGroups::forget(unsigned index) {

@@ -20,6 +20,10 @@ namespace Linux {
 
 /// Takes one line about something that an operator should know.
 using Complaint = std::function<void(const std::string& line)>;
+/// How such a line is to be taken, by syslog's numbers: what is wrong, and what is well.
+enum class Tone : std::uint8_t { warning = 4, informational = 6 };
+/// The same for those who tell of both.
+using Report = std::function<void(Tone tone, const std::string& line)>;
 
 class DeviceTable {
 public:

@@ -145,8 +145,8 @@ NetlinkAnswer readQueues(NetlinkChannel& kernel, unsigned ifindex, std::uint16_t
         if (root.kind == "htb") {
             dump(RTM_GETTCLASS, 0, 0);
             std::vector<TokenBucketClass> classes = read.classes;
-            classes.resize(
-                std::min(classes.size(), ownClasses));  // more are not ours, and make it another root
+            // Where there are more they are not ours, and the root is another one than we made.
+            classes.resize(std::min(classes.size(), ownClasses));
             for (const TokenBucketClass& held : classes) get(held.id);
             dump(RTM_GETTFILTER, root.handle, placeOf(queuePreference, ETH_P_ALL));
         } else if (const auto* byPriority = std::get_if<PriorityQueues>(&root.options)) {

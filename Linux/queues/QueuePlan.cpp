@@ -119,6 +119,13 @@ std::uint32_t kilobits(const Qdisc& held) {
     return shaper != nullptr ? static_cast<std::uint32_t>(std::max(shaper->credits.idleSlope, 0)) : 0;
 }
 
+/// What is wrong with something that is shaped, but otherwise; `detail` is what it is when the rate is right.
+std::string otherRate(std::string_view name, std::uint64_t held, std::uint64_t wanted,
+                      std::string_view detail) {
+    return held != wanted ? concat(name, " is shaped to ", held, " kbit/s instead of ", wanted)
+                          : concat(name, " is shaped to ", held, " kbit/s as it should be, but its ", detail);
+}
+
 class Plan {
 public:
     Plan(const WantedQueues& wanted, const PortQueues& have) : wanted_{wanted}, have_{have} {}
@@ -192,7 +199,8 @@ private:
         if (srClass.rate != 0) {
             CreditShaper shaper{credits, wanted_.shaper == Shaper::hardware};
             if (!shaper.hardware) {
-                // Of what was not credited in time, nothing would be made good.
+                // The kernel's timer may be late, and credit above the limit is lost: the limit leaves room
+                // for what gathers meanwhile.
                 shaper.credits.hiCredit += static_cast<std::int32_t>(largestFrame + lateTimer(srClass.rate));
             }
             wanted.kind = "cbs";
@@ -205,8 +213,7 @@ private:
         const Qdisc* held = have_.child(wanted.parent);
         if (held != nullptr && *held == wanted) return;
         if (held != nullptr && held->handle == wanted.handle && held->kind == wanted.kind) {
-            return step(concat(srClass.name, " is shaped to ", kilobits(*held), " kbit/s instead of ",
-                               srClass.rate, kilobits(*held) == srClass.rate ? ", with other credits" : ""),
+            return step(otherRate(srClass.name, kilobits(*held), srClass.rate, "credits differ"),
                         newQdisc(wanted, requestReplace));
         }
         std::string difference = srClass.rate != 0
@@ -241,10 +248,8 @@ private:
         const TokenBucketClass* held = have_.findClass(wanted.id);
         if (held != nullptr && *held == wanted) return;
         std::string difference =
-            held == nullptr
-                ? concat(name, " has no class of its own")
-                : concat(name, " is shaped to ", kilobits(*held), " kbit/s instead of ", kilobits(wanted),
-                         kilobits(*held) == kilobits(wanted) ? ", with another burst" : "");
+            held == nullptr ? concat(name, " has no class of its own")
+                            : otherRate(name, kilobits(*held), kilobits(wanted), "other settings differ");
         step(std::move(difference), newClass(wanted, held == nullptr ? requestAdd : requestAck));
     }
 

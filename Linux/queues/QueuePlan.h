@@ -21,8 +21,9 @@ namespace Linux {
 /// One port's queues as they should be.
 struct WantedQueues {
     unsigned ifindex = 0;
-    std::uint16_t major =
-        0;  ///< of the root's handle, which marks it as ours; class A's child has the next, then B
+    /// Of the root's handle, which marks it as ours.  Class A's child has the next number, class B's the one
+    /// after that.
+    std::uint16_t major = 0;
     Shaper shaper = Shaper::none;
     std::uint64_t portRate = 0;  ///< kbit/s as the kernel has it, which also counts by it; above both rates
     ClassRates rates;

@@ -63,13 +63,13 @@ const std::string nothingReserved = "nothing is reserved";
 }  // namespace
 
 ShaperAgent::ShaperAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
-                         std::function<void()> wake, Complaint complaint)
+                         std::function<void()> wake, Report report)
     : loop_{loop},
       devices_{devices},
       kernel_{kernel},
       records_{std::move(records)},
       wake_{std::move(wake)},
-      complaint_{std::move(complaint)},
+      report_{std::move(report)},
       notices_{loop, [this](const nlmsghdr& message) { notice(message); }, [this] { readEverything(); }},
       settled_{loop,
                [this] {
@@ -514,9 +514,9 @@ void ShaperAgent::publish(const Port& port, Shaper shaper, const std::string& wh
     if (record->shaper() == shaper && record->why() == why) return;
     record->shaperIs(shaper);
     record->whyIs(why);
-    complain(why == nothingReserved ? concat(port.name, ": shaping available")
-                                    : concat(port.name, ": ", shapedBy(shaper), why.empty() ? "" : " (", why,
-                                             why.empty() ? "" : ")"));
+    if (why == nothingReserved) return tell(Tone::informational, concat(port.name, ": shaping available"));
+    tell(shaper == Shaper::none ? Tone::warning : Tone::informational,
+         concat(port.name, ": ", shapedBy(shaper), why.empty() ? "" : concat(" (", why, ')')));
 }
 
 void ShaperAgent::refuse(const Port& port, const std::string& why) {
@@ -528,8 +528,8 @@ void ShaperAgent::refuse(const Port& port, const std::string& why) {
     }
 }
 
-void ShaperAgent::complain(const std::string& line) const {
-    if (complaint_) complaint_(line);
+void ShaperAgent::tell(Tone tone, const std::string& line) const {
+    if (report_) report_(tone, line);
 }
 
 }  // namespace Linux

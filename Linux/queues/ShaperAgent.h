@@ -53,7 +53,7 @@ public:
     /// `wake` is called when there is something to carry out: call `raise` and `lower` soon.  Loop, devices
     /// and kernel must outlive the agent; the devices are used no longer than it lives.
     ShaperAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
-                std::function<void()> wake, Complaint complaint = {});
+                std::function<void()> wake, Report report = {});
 
     /// For `settling`, ports keep at least the bandwidth that an earlier life of the daemon left them.  Empty
     /// on success.
@@ -127,7 +127,8 @@ private:
     /// Puts on record why the port cannot be relied upon; empty: it can.
     void refuse(const Port& port, const std::string& why);
     void armRetry();
-    void complain(const std::string& line) const;
+    void complain(const std::string& line) const { tell(Tone::warning, line); }
+    void tell(Tone tone, const std::string& line) const;
     [[nodiscard]] QueueTables tables() const { return {*records_.status, *records_.hardware}; }
 
     Runtime::FdLoop& loop_;
@@ -135,7 +136,7 @@ private:
     NetlinkChannel& kernel_;
     const Records records_;
     const std::function<void()> wake_;
-    const Complaint complaint_;
+    const Report report_;
     NetlinkNotices notices_;
     Ports ports_;
     Ports departed_;       ///< that left the bridge with queues of ours

@@ -80,17 +80,17 @@ TEST(QueuePlan, ChangesCreditsInPlaceAndInTheOrderThatKeepsPromises) {
               "class B is not shaped to 20000 kbit/s\n");
     EXPECT_EQ(port.settle(Shaper::software, {150'000, 20'000}),
               "class A is shaped to 75000 kbit/s instead of 150000\n"
-              "class B is shaped to 20000 kbit/s instead of 20000, with other credits\n");
+              "class B is shaped to 20000 kbit/s as it should be, but its credits differ\n");
     EXPECT_EQ(port.settle(Shaper::software, {75'000, 10'000}),
               "class B is shaped to 20000 kbit/s instead of 10000\nclass A is shaped to 150000 kbit/s "
               "instead of 75000\n");
     EXPECT_EQ(port.settle(Shaper::software, {75'000, 10'000}, 10'000'000),
-              "class B is shaped to 10000 kbit/s instead of 10000, with other credits\n"
-              "class A is shaped to 75000 kbit/s instead of 75000, with other credits\n")
+              "class B is shaped to 10000 kbit/s as it should be, but its credits differ\n"
+              "class A is shaped to 75000 kbit/s as it should be, but its credits differ\n")
         << "another speed";
     EXPECT_EQ(
         port.settle(Shaper::software, {0, 10'000}, 10'000'000),
-        "class B is shaped to 10000 kbit/s instead of 10000, with other credits\nclass A is still shaped\n"
+        "class B is shaped to 10000 kbit/s as it should be, but its credits differ\nclass A is still shaped\n"
         "class A is still shaped\n");
     EXPECT_EQ(port.settle(Shaper::software, {}), "class B is still shaped\nclass B is still shaped\n")
         << "the root stays";

@@ -42,7 +42,7 @@ TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
              std::make_shared<Linux::GroupStatus>(), std::make_shared<Switch::Refusals>(),
              std::make_shared<Linux::CapabilityStatus>()},
             "/nowhere/control",
-            [](const std::string&) {}};
+            [](Linux::Tone, const std::string&) {}};
         const rlimit now{more, before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &now);
         problem = dataplane.start();

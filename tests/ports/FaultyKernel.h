@@ -2,12 +2,19 @@
 #pragma once
 
 #include "Linux/kernel/Netlink.h"
+#include "Linux/links/DeviceTable.h"
 
 #include <functional>
 #include <map>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
+
+/// A line as an agent tells it: good news can be told from bad.
+inline std::string told(Linux::Tone tone, const std::string& line) {
+    return (tone == Linux::Tone::informational ? "good: " : "") + line + '\n';
+}
 
 class FaultyKernel : public Linux::NetlinkChannel {
 public:

@@ -84,7 +84,7 @@ protected:
                             agent.lower();
                         });
                     },
-                    [&t](const std::string& line) { t.said += line + '\n'; }} {
+                    [&t](auto tone, auto& line) { t.said += told(tone, line); }} {
             EXPECT_EQ(agent.start(settling, audit), "");
             EXPECT_EQ(devices.start(), "");
         }
@@ -165,7 +165,7 @@ TEST_F(ShaperAgentTest, FollowsTheReservationsInPlaceAndGivesBackAllInTheEnd) {
     EXPECT_FALSE(loop.runUntil([&] { return shaped() != "none"; }, 50ms)) << "nothing is reserved";
     reserve(75'000, 20'000);
     EXPECT_SHAPED("htb 75000 20000");
-    EXPECT_EQ(said, "p1: queues shaped by token buckets\n");
+    EXPECT_EQ(said, "good: p1: queues shaped by token buckets\n");
     EXPECT_TRUE(life.agent.audit(false).empty());
 
     kernel.changes.clear();
@@ -368,7 +368,7 @@ TEST_F(ShaperAgentTest, ARaceThatIsLostForFiltersIsRunAgainAndWithoutThemThereAr
         EXPECT_TRUE(loop.runUntil([&] { return p1.filters.size() + c1.filters.size() == 4; }, 5s)) << said;
         EXPECT_EQ(shaper(), Linux::Shaper::hardware);
         EXPECT_LT(kernel.asked, 40) << "not over and over";
-        EXPECT_EQ(said, "c1: queues shaped by credits in hardware\n");
+        EXPECT_EQ(said, "good: c1: queues shaped by credits in hardware\n");
     }
     const std::string filtersLeft =
         ": filters of incoming frames, and their place (clsact) if there are no others\n";
