@@ -33,6 +33,10 @@ public:
     }
     void markIs(Mark mark) { changed_ = marks_.insert(mark).second || changed_; }
     void markDel(Mark mark) { changed_ = marks_.erase(mark) != 0 || changed_; }
+    /// All marks on that bridge.
+    void marksDel(unsigned bridge) {
+        changed_ = std::erase_if(marks_, [=](const Mark& m) { return m.first == bridge; }) != 0 || changed_;
+    }
 
     /// What IFLA_BRPORT_MULTICAST_ROUTER was on ports from which we took that role, by index.
     [[nodiscard]] const std::map<unsigned, std::uint8_t>& routers() const { return routers_; }

@@ -27,22 +27,22 @@ GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
       outcomes_{records.status},
       refusals_{records.refusals},
       wishes_{records.wanted},
-      owned_{files + ".groups"},
-      memory_{files + ".bridge"},
-      strays_{devices, requests, owned_,
-              memory_, served_,  [this](const std::string& line) { complain(line); }},
-      routers_{requests, memory_, config_->routerPorts(),
-               [this](const std::string& line) { complain(line); }},
+      ownership_{devices, config_->groupProtocol(), files,
+                 [this](const std::string& line) { complain(line); }},
       kernelGroups_{
           loop,
           requests,
-          [this](unsigned bridge, const GroupEntry& entry) { return ownerOf(bridge, entry); },
+          [this](unsigned bridge, const GroupEntry& entry) { return ownership_.ownerOf(bridge, entry); },
           [this](const GroupMember& member, auto before, auto now) { tableChanged(member, before, now); },
           [this] { this->wake(); },
           [this] {
               readDue_ = true;
               this->wake();
           }},
+      writer_{loop, devices, requests, kernelGroups_, ownership_},
+      strays_{devices, requests, ownership_, served_, [this](const std::string& line) { complain(line); }},
+      routers_{requests, ownership_.memory(), config_->routerPorts(),
+               [this](const std::string& line) { complain(line); }},
       reactor_{records.wanted->watch([this](const State::Change& change) { wishChanged(change); })},
       again_{loop, [this] { this->wake(); }},
       read_{loop,
@@ -68,12 +68,7 @@ GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
 }
 
 std::string GroupAgent::start(Ability marks) {
-    // Where the kernel marks entries, nothing else is to be believed.
-    std::set<std::string> problems{memory_.read()};
-    if (marks != Ability::present) problems.insert(owned_.read());
-    for (const std::string& problem : problems) {
-        if (!problem.empty()) complain(problem);
-    }
+    ownership_.read(marks);
     // Followed before it is read, so that nothing falls between.
     if (std::string problem = kernelGroups_.start(); !problem.empty()) return problem;
     started_ = true;
@@ -122,11 +117,12 @@ void GroupAgent::lookAtBridge() {
     if (before.bridge != view_.bridge) {
         if (before.bridge != 0) leaveBridge(before);
         kernelGroups_.bridgeIs(view_.bridge);
+        writer_.bridgeIs(view_.bridge);
         places_.clear();
         if (view_.bridge != 0) {
             // It may be back, before all was taken back that we had put there.
             strays_.drop(view_.bridge);
-            memory_.markIs({view_.bridge, config_->groupProtocol()});
+            ownership_.marked(view_.bridge);
             enlargeTable();
             for (const auto& [name, port] : view_.ports) routers_.look(*devices_.find(port), loop_.now());
             readDue_ = true;
@@ -143,7 +139,7 @@ void GroupAgent::lookAtBridge() {
     for (const auto& [name, port] : view_.ports) {
         const auto sameIndex = [&, index = port](const auto& p) { return p.second == index; };
         const auto old = std::ranges::find_if(before.ports, sameIndex);
-        if (old != before.ports.end() && old->first != name) owned_.portNameIs(port, name);
+        if (old != before.ports.end() && old->first != name) ownership_.portNameIs(port, name);
     }
     refusals_.retryAll();
     markAll();
@@ -152,14 +148,11 @@ void GroupAgent::lookAtBridge() {
 void GroupAgent::leaveBridge(const BridgeView& before) {
     const Device* device = devices_.find(before.bridge);
     if (device == nullptr || !device->bridgeSettings) {
-        // With all its entries.
-        for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
-            if (mark.first == before.bridge) memory_.markDel(mark);
-        }
-        return;
+        // Gone with all its entries.
+        return ownership_.bridgeDel(before.bridge);
     }
     kernelGroups_.drain();
-    strays_.put(before.bridge, ours());
+    strays_.put(before.bridge, writer_.ours());
     for (const auto& [name, port] : before.ports) routers_.giveBack(port);
     complain(Runtime::concat("the bridge is called ", device->name,
                              " now, and no longer the switch: its groups are removed"));
@@ -168,7 +161,7 @@ void GroupAgent::leaveBridge(const BridgeView& before) {
 void GroupAgent::tableChanged(const GroupMember& member, std::optional<GroupOwner> before,
                               std::optional<GroupOwner> now) {
     if (!now) {
-        owned_.erase(member);
+        ownership_.gone(member);
         if (!placeless_.empty()) wake();
     }
     if (!member.group.ip.empty()) return wake();
@@ -183,22 +176,6 @@ void GroupAgent::tableChanged(const GroupMember& member, std::optional<GroupOwne
     mark(member.group.mac);
 }
 
-GroupOwner GroupAgent::ownerOf(unsigned bridge, const GroupEntry& entry) const {
-    if (!entry.member.group.ip.empty() || !entry.permanent) return GroupOwner::another;
-    const bool isOurs = entry.protocol == config_->groupProtocol() ||
-                        memory_.marked(bridge, entry.protocol) ||
-                        owned_.lists(entry.member, portName(entry.member.port));
-    return isOurs ? GroupOwner::us : GroupOwner::another;
-}
-
-std::vector<GroupMember> GroupAgent::ours() const {
-    std::vector<GroupMember> members;
-    for (const HeldGroup& held : kernelGroups_.table().all()) {
-        if (held.owner == GroupOwner::us) members.push_back(held.member);
-    }
-    return members;
-}
-
 void GroupAgent::mark(EthAddr mac) {
     marked_.insert(mac);
     wake();
@@ -206,7 +183,7 @@ void GroupAgent::mark(EthAddr mac) {
 
 void GroupAgent::markAll() {
     marked_.merge(wishes_.addresses());
-    for (const GroupMember& member : ours()) marked_.insert(member.group.mac);
+    for (const GroupMember& member : writer_.ours()) marked_.insert(member.group.mac);
     for (const EthAddr mac : outcomes_.failing()) marked_.insert(mac);
     wake();
 }
@@ -231,7 +208,7 @@ void GroupAgent::readTable() {
             if (held.owner == GroupOwner::us && graceEnd_.armed()) inherited_.insert(held.member);
         }
         strays_.addTo(there);
-        if (const std::string problem = owned_.keepOnly(there); !problem.empty()) complain(problem);
+        ownership_.keepOnly(there);
     }
     marked_.merge(unsure_);
 }
@@ -247,40 +224,17 @@ void GroupAgent::withdraw() {
     kernelGroups_.drain();
     if (!kernelGroups_.known() && view_.bridge != 0) readTable();
     devices_.readBridge(view_.bridge);
+    // Snooping that a full table switched off may stay on, now that there is room.
     const Device* bridge = devices_.find(view_.bridge);
-    if (bridge != nullptr && bridge->bridgeSettings) {
-        // Snooping that a full table switched off may stay on, now that there is room.
-        if (overfilled_ && !bridge->bridgeSettings->multicastSnooping) {
-            (void)requests_.carryOut(multicastSnooping(view_.bridge, true));
-            devices_.readBridge(view_.bridge);
-        }
-        const std::vector<GroupMember> all = ours();
-        const auto stuck = [&](const GroupMember& member) {
-            return isStuck(member, *bridge->bridgeSettings);
-        };
-        if (std::ranges::any_of(all, stuck) && flush())
-            std::ranges::for_each(all, [&](auto& m) { forget(m); });
-        if (const std::string problem = remove(ours()); !problem.empty()) {
-            complain("some groups could not be deleted: " + problem);
-        } else if (kernelGroups_.known()) {
-            for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
-                if (mark.first == view_.bridge) memory_.markDel(mark);
-            }
-        }
-    }
+    if (overfilled_ && bridge != nullptr && bridge->bridgeSettings &&
+        !bridge->bridgeSettings->multicastSnooping)
+        (void)writer_.snoop();
+    if (const std::string problem = writer_.removeAll(); !problem.empty())
+        complain("some groups could not be deleted: " + problem);
     strays_.retry();
     while (strays_.due()) strays_.removeSome();
     routers_.giveBackBut(devices_, 0);
-    writeFiles();
-}
-
-void GroupAgent::writeFiles() {
-    std::set<std::string> problems{owned_.flush(), memory_.flush()};
-    problems.erase("");
-    for (const std::string& problem : problems) {
-        if (!fileProblems_.contains(problem)) complain(problem);
-    }
-    if (!problems.empty()) fileProblems_ = std::move(problems);
+    ownership_.flush();
 }
 
 void GroupAgent::tell(Tone tone, const std::string& line) const {

@@ -2,10 +2,10 @@
 /// that "linux/config" names, and takes out of it what it put in and nobody wants any more.
 ///
 /// It holds the table as it was read from the kernel, and follows the notifications of its changes.  A
-/// change, of the record or of the table, marks an address; `apply` looks at the marked ones only, and asks
-/// the kernel for the difference.  What the kernel refuses, or answers otherwise than the table foretold,
-/// makes it read the table again.  Entries of others are never touched; one that is there already fulfils a
-/// wish.
+/// change, of the record or of the table, marks an address; `apply` looks at the marked ones only, decides
+/// what is to be different, and has that carried out (GroupWriter.h).  What the kernel refuses, or answers
+/// otherwise than the table foretold, makes it read the table again.  Entries of others are never touched;
+/// one that is there already fulfils a wish.
 ///
 /// The kernel's table has a limit, and when it is exceeded the kernel stops snooping: every multicast frame
 /// of the bridge is flooded from then on.  So entries that would come near to the limit are not even asked
@@ -14,15 +14,14 @@
 /// "switch/refusals".
 #pragma once
 
-#include "Linux/groups/BridgeMemory.h"
 #include "Linux/groups/GroupAudit.h"
 #include "Linux/groups/GroupOutcomes.h"
+#include "Linux/groups/GroupOwnership.h"
 #include "Linux/groups/GroupPlaces.h"
 #include "Linux/groups/GroupRefusals.h"
-#include "Linux/groups/GroupRemoval.h"
 #include "Linux/groups/GroupWishes.h"
+#include "Linux/groups/GroupWriter.h"
 #include "Linux/groups/KernelGroups.h"
-#include "Linux/groups/OwnedGroups.h"
 #include "Linux/groups/RouterPorts.h"
 #include "Linux/groups/StrayGroups.h"
 #include "Linux/kernel/Contention.h"
@@ -111,9 +110,9 @@ private:
     /// Why that entry cannot be asked for now.
     [[nodiscard]] std::optional<GroupProblem> obstacle(const WantedGroup& wish) const;
     void carryOut(Batch batch);
-    std::optional<GroupProblem> added(const GroupMember& member, const NetlinkAnswer& answer, bool& full);
-    void deleted(const GroupMember& member, const NetlinkAnswer& answer);
-    void forget(const GroupMember& member);
+    /// What follows from the kernel's answer; why the entry is not there, if it is not.
+    std::optional<GroupProblem> added(const GroupMember& member, const GroupWriter::Result& result);
+    void deleted(const GroupMember& member, GroupReaction reaction);
     /// Tells listeners of that address whether they get what they want.
     void judge(EthAddr mac, const Batch& batch);
     void publish(Runtime::Time begin);
@@ -127,17 +126,11 @@ private:
     /// After our request overfilled the table: has the kernel snoop again, and takes back what was added
     /// last.
     void snoopAgain(const std::vector<GroupMember>& lastAdds);
-    /// Deletes entries of ours; what went wrong.
-    std::string remove(const std::vector<GroupMember>& members);
-    /// Deletes all entries of ours in one go, those included that cannot be named; whether that went well.
-    bool flush();
-    /// Deletes those that cannot be named, if it has.
+    /// Deletes entries that cannot be named, if the kernel can.
     void flushStuck();
     void enlargeTable();
 
     // What is really there.
-    [[nodiscard]] GroupOwner ownerOf(unsigned bridge, const GroupEntry& entry) const;
-    [[nodiscard]] std::vector<GroupMember> ours() const;
     void readTable();
     void readSoon();
     /// The kernel stops snooping without a word: looks whether it has, and whether it can begin again.
@@ -149,7 +142,6 @@ private:
     /// What is not as it should be with the bridge itself.
     std::vector<GroupFinding> bridgeFindings(const std::set<GroupMember>& leftOut);
     void auditByTimer();
-    void writeFiles();
 
     void complain(const std::string& line) const { tell(Tone::warning, line); }
     void tell(Tone tone, const std::string& line) const;
@@ -165,20 +157,17 @@ private:
     GroupOutcomes outcomes_;
     GroupRefusals refusals_;
     GroupWishes wishes_;
-    OwnedGroups owned_;
-    BridgeMemory memory_;
+    GroupOwnership ownership_;
+    KernelGroups kernelGroups_;
+    GroupWriter writer_;
     StrayGroups strays_;
     RouterPorts routers_;
-    std::set<std::string> fileProblems_;
-    KernelGroups kernelGroups_;
     GroupPlaces places_;
     State::Reactor reactor_;
 
     bool started_ = false;
     bool woken_ = false;
     bool readDue_ = false;
-    bool marksEntries_ = true;
-    bool flushes_ = true;      ///< the kernel can delete all entries of a mark
     bool overfilled_ = false;  ///< snooping is off because the table was full
     bool stuck_ = false;       ///< there are entries that cannot be deleted by their names
     bool unsettled_ = false;   ///< places are still to be given and taken

@@ -1,5 +1,6 @@
 // What a group agent does from time to time: looks whether all is as it should be, and mends it.
 #include "Linux/groups/GroupAgent.h"
+#include "Linux/groups/GroupRemoval.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
@@ -27,7 +28,7 @@ void GroupAgent::watchSnooping() {
         table.forgetPeak();
     } else if (overfilled_ && table.groups() + margin <= limit() + places_.idle()) {
         // What nobody listens to can make the room.
-        if (requests_.carryOut(multicastSnooping(view_.bridge, true))) devices_.readBridge(view_.bridge);
+        (void)writer_.snoop();
     }
     if (overfilled_ || table.peak() >= limit()) snooping_.armIn(snoopingInterval);
 }
@@ -55,7 +56,7 @@ void GroupAgent::findLeftovers() {
         if (index == view_.bridge || bridge == nullptr) continue;
         std::vector<GroupMember> ours;
         for (const GroupEntry& entry : entries) {
-            if (ownerOf(index, entry) == GroupOwner::us) ours.push_back(entry.member);
+            if (ownership_.ownerOf(index, entry) == GroupOwner::us) ours.push_back(entry.member);
         }
         if (ours.empty()) continue;
         const auto remembered = [bridge](const BridgeMemory::Mark& mark) {
@@ -63,21 +64,21 @@ void GroupAgent::findLeftovers() {
         };
         const bool running = served_ && served_(bridge->name);
         if (running) continue;  // another daemon's
-        const bool certain = served_ || std::ranges::any_of(memory_.marks(), remembered);
+        const bool certain = served_ || std::ranges::any_of(ownership_.memory().marks(), remembered);
         tell(certain ? Tone::informational : Tone::warning,
              concat("bridge ", bridge->name, " has groups with our mark (", ours.size(), ')',
                     certain ? ", left by an earlier run: they are removed" : "; msrpctl clean removes them"));
         if (!certain) continue;
         const auto isMarked = [&](const GroupEntry& e) { return e.protocol == config_->groupProtocol(); };
-        if (std::ranges::any_of(entries, isMarked)) memory_.markIs({index, config_->groupProtocol()});
+        if (std::ranges::any_of(entries, isMarked)) ownership_.marked(index);
         strays_.put(index, std::move(ours));
     }
-    for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
+    for (const BridgeMemory::Mark& mark : std::set{ownership_.memory().marks()}) {
         const auto isMarked = [&](const GroupEntry& entry) { return entry.protocol == mark.second; };
         const auto table = tables.find(mark.first);
         const bool used = table != tables.end() && std::ranges::any_of(table->second, isMarked);
         const bool current = mark == BridgeMemory::Mark{view_.bridge, config_->groupProtocol()};
-        if (!used && !current && !strays_.has(mark.first)) memory_.markDel(mark);
+        if (!used && !current && !strays_.has(mark.first)) ownership_.memory().markDel(mark);
     }
 }
 
@@ -108,8 +109,9 @@ std::vector<GroupFinding> GroupAgent::findings(bool repair) {
     for (const auto& [index, entries] : tables) {
         const Device* bridge = devices_.find(index);
         if (index == view_.bridge || bridge == nullptr || (served_ && served_(bridge->name))) continue;
-        const auto count = std::ranges::count_if(
-            entries, [&, b = index](const auto& entry) { return ownerOf(b, entry) == GroupOwner::us; });
+        const auto count = std::ranges::count_if(entries, [&, b = index](const auto& entry) {
+            return ownership_.ownerOf(b, entry) == GroupOwner::us;
+        });
         if (count != 0)
             findings.push_back({{},
                                 concat("bridge ", bridge->name, " has groups with our mark (", count, ')'),
@@ -121,7 +123,7 @@ std::vector<GroupFinding> GroupAgent::findings(bool repair) {
     }
     const std::vector<GroupEntry>& entries = tables[view_.bridge];
     GroupTable now;
-    for (const GroupEntry& entry : entries) now.put(entry.member, ownerOf(view_.bridge, entry));
+    for (const GroupEntry& entry : entries) now.put(entry.member, ownership_.ownerOf(view_.bridge, entry));
     const auto isUnderway = [&](EthAddr mac) { return underway.contains(mac); };
     auto differences = groupFindings(wishes_, view_, now, outcomes_, isUnderway, mostLines);
     if (repair) {

@@ -57,9 +57,8 @@ void StrayGroups::removeSome(const Device& device, Bridge& bridge) {
     if (!bridge.flushed && std::ranges::any_of(bridge.due, stuck)) {
         bridge.flushed = true;
         bool all = true;
-        for (const auto& [index, protocol] : memory_.marks()) {
-            if (index == device.ifindex) all = flushGroups(kernel_, index, settings, protocol) && all;
-        }
+        for (const std::uint8_t mark : ownership_.marksOn(device.ifindex))
+            all = flushGroups(kernel_, device.ifindex, settings, mark) && all;
         // The others are asked for by their names all the same, and found to be gone.
         if (all) std::erase_if(bridge.due, stuck);
     }
@@ -71,7 +70,7 @@ void StrayGroups::removeSome(const Device& device, Bridge& bridge) {
     const std::string problem = removeGroups(kernel_, device.ifindex, settings, piece, deleted);
     for (std::size_t i = 0; i < piece.size(); ++i) {
         if (deleted[i]) {
-            owned_.erase(piece[i]);
+            ownership_.gone(piece[i]);
         } else {
             bridge.failed.push_back(piece[i]);
         }
@@ -82,9 +81,7 @@ void StrayGroups::removeSome(const Device& device, Bridge& bridge) {
 
 void StrayGroups::forget(unsigned index) {
     bridges_.erase(index);
-    for (const BridgeMemory::Mark& mark : std::set{memory_.marks()}) {
-        if (mark.first == index) memory_.markDel(mark);
-    }
+    ownership_.bridgeDel(index);
 }
 
 }  // namespace Linux

@@ -4,9 +4,8 @@
 /// is kept, with the mark by which it is known, and tried again.
 #pragma once
 
-#include "Linux/groups/BridgeMemory.h"
 #include "Linux/groups/GroupMessage.h"
-#include "Linux/groups/OwnedGroups.h"
+#include "Linux/groups/GroupOwnership.h"
 #include "Linux/kernel/Netlink.h"
 #include "Linux/links/DeviceTable.h"
 
@@ -25,12 +24,11 @@ public:
     using Served = std::function<bool(const std::string& bridge)>;
 
     /// All references must outlive it.
-    StrayGroups(const DeviceTable& devices, NetlinkChannel& kernel, OwnedGroups& owned, BridgeMemory& memory,
+    StrayGroups(const DeviceTable& devices, NetlinkChannel& kernel, GroupOwnership& ownership,
                 const Served& served, Complaint complaint)
         : devices_{devices},
           kernel_{kernel},
-          owned_{owned},
-          memory_{memory},
+          ownership_{ownership},
           served_{served},
           complaint_{std::move(complaint)} {}
 
@@ -60,8 +58,7 @@ private:
 
     const DeviceTable& devices_;
     NetlinkChannel& kernel_;
-    OwnedGroups& owned_;
-    BridgeMemory& memory_;
+    GroupOwnership& ownership_;
     const Served& served_;
     const Complaint complaint_;
     std::map<unsigned, Bridge> bridges_;

@@ -1,9 +1,8 @@
-// What a group agent asks of the kernel, and what it makes of the answers.
+// What a group agent decides, and what it makes of the kernel's answers.
 #include "Linux/groups/GroupAgent.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <limits>
 #include <utility>
 
@@ -42,7 +41,7 @@ void GroupAgent::apply() {
         while ((!marked_.empty() || unsettled_) && loop_.now() - begin < turnShare) carryOut(nextBatch());
         if (stuck_ && !graceEnd_.armed()) flushStuck();
         if (!graceEnd_.armed()) strays_.removeSome();
-        writeFiles();
+        ownership_.flush();
         publish(begin);
         if (kernelGroups_.table().peak() >= limit() && !snooping_.armed()) snooping_.armIn(peakDelay);
     }
@@ -178,22 +177,13 @@ std::optional<GroupProblem> GroupAgent::obstacle(const WantedGroup& wish) const 
 }
 
 void GroupAgent::carryOut(Batch batch) {
-    std::vector<NetlinkMessage> messages;
-    // What comes goes before what leaves: a group that moves to another port has one all the time.
-    for (const GroupMember& member : batch.adds) {
-        if (!marksEntries_) owned_.add(member, portName(member.port));
-        messages.push_back(groupAdd(view_.bridge, member, marksEntries_ ? config_->groupProtocol() : 0));
-    }
-    for (const GroupMember& member : batch.deletes) messages.push_back(groupDelete(view_.bridge, member));
-    writeFiles();
-
-    std::vector<NetlinkAnswer> answers;
-    if (!messages.empty()) answers = requests_.carryOut(messages);
+    const auto results = writer_.carryOut(batch.adds, batch.deletes);
     bool full = false;
-    for (std::size_t i = 0; i < answers.size(); ++i) {
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        full = full || results[i].reaction == GroupReaction::full;
         if (i >= batch.adds.size()) {
-            deleted(batch.deletes[i - batch.adds.size()], answers[i]);
-        } else if (auto problem = added(batch.adds[i], answers[i], full)) {
+            deleted(batch.deletes[i - batch.adds.size()], results[i].reaction);
+        } else if (auto problem = added(batch.adds[i], results[i])) {
             batch.why.emplace(batch.adds[i], std::move(*problem));
         }
     }
@@ -210,23 +200,15 @@ void GroupAgent::carryOut(Batch batch) {
     if (!outcomes_.failing().empty() && !news_.armed()) news_.armIn(newsDelay);
 }
 
-std::optional<GroupProblem> GroupAgent::added(const GroupMember& member, const NetlinkAnswer& answer,
-                                              bool& full) {
+std::optional<GroupProblem> GroupAgent::added(const GroupMember& member, const GroupWriter::Result& result) {
     using enum GroupProblem::Kind;
-    const GroupReaction reaction = reactionToAdd(answer);
-    if (reaction == GroupReaction::done) {
-        kernelGroups_.table().put(member, GroupOwner::us);
-        return std::nullopt;
-    }
-    owned_.erase(member);
-    switch (reaction) {
+    switch (result.reaction) {
+        case GroupReaction::done:
+            return std::nullopt;
         case GroupReaction::unmarked:
-            if (std::exchange(marksEntries_, false))
-                complain("this kernel does not mark entries; a file remembers which are ours");
             marked_.insert(member.group.mac);
-            return GroupProblem{answer.problem(), passing};
+            return GroupProblem{result.problem, passing};
         case GroupReaction::full:
-            full = true;
             return tableFull;
         case GroupReaction::reread:
             contested_.changed(member, loop_.now());
@@ -235,17 +217,16 @@ std::optional<GroupProblem> GroupAgent::added(const GroupMember& member, const N
             // The kernel may have stopped snooping without a word.
             if (!snooping_.armed()) snooping_.armIn({});
             break;
-        default:
-            return GroupProblem{answer.problem(), retried};
+        case GroupReaction::refused:
+            return GroupProblem{result.problem, retried};
     }
     unsure_.insert(member.group.mac);
     readSoon();
-    return GroupProblem{answer.problem(), passing};
+    return GroupProblem{result.problem, passing};
 }
 
-void GroupAgent::deleted(const GroupMember& member, const NetlinkAnswer& answer) {
-    const GroupReaction reaction = reactionToDelete(answer);
-    if (reaction == GroupReaction::done) return forget(member);
+void GroupAgent::deleted(const GroupMember& member, GroupReaction reaction) {
+    if (reaction == GroupReaction::done) return;
     if (reaction == GroupReaction::reread) {
         unsure_.insert(member.group.mac);
         contested_.changed(member, loop_.now());
@@ -321,8 +302,7 @@ void GroupAgent::useFreedPlaces() {
 }
 
 void GroupAgent::snoopAgain(const std::vector<GroupMember>& lastAdds) {
-    const NetlinkAnswer answer = requests_.carryOut(multicastSnooping(view_.bridge, true));
-    devices_.readBridge(view_.bridge);
+    const NetlinkAnswer answer = writer_.snoop();
     readTable();
     // Whatever limit the bridge claims, this much is certain.
     fullAt_ = kernelGroups_.table().groups();
@@ -338,75 +318,25 @@ void GroupAgent::snoopAgain(const std::vector<GroupMember>& lastAdds) {
         if (kernelGroups_.table().owner(member) == GroupOwner::us) back.push_back(member);
         places_.putBack(member.group);
     }
-    (void)remove(back);
+    (void)writer_.remove(back);
 }
 
 void GroupAgent::enlargeTable() {
     if (config_->groupTableSize() <= view_.tableSize) return;
-    const auto answer = requests_.carryOut(multicastTableSize(view_.bridge, config_->groupTableSize()));
+    const auto answer = writer_.tableSizeIs(config_->groupTableSize());
     if (!answer) complain("cannot enlarge the multicast table: " + answer.problem());
-}
-
-std::string GroupAgent::remove(const std::vector<GroupMember>& members) {
-    const Device* bridge = devices_.find(view_.bridge);
-    if (members.empty() || bridge == nullptr || !bridge->bridgeSettings) return {};
-    std::vector<bool> done;
-    std::string problem = removeGroups(requests_, view_.bridge, *bridge->bridgeSettings, members, done);
-    for (std::size_t i = 0; i < members.size(); ++i) {
-        if (done[i]) forget(members[i]);
-    }
-    return problem;
-}
-
-bool GroupAgent::flush() {
-    const Device* bridge = devices_.find(view_.bridge);
-    if (!flushes_ || !marksEntries_ || bridge == nullptr || !bridge->bridgeSettings) return false;
-    std::set<std::uint8_t> protocols{config_->groupProtocol()};
-    for (const auto& [index, protocol] : memory_.marks()) {
-        if (index == view_.bridge) protocols.insert(protocol);
-    }
-    for (const std::uint8_t protocol : protocols) {
-        const NetlinkAnswer answer = flushGroups(requests_, view_.bridge, *bridge->bridgeSettings, protocol);
-        // Kernels that do not know such a request say so, or find what it names incomplete.
-        if (answer.error == EOPNOTSUPP || answer.error == EINVAL) flushes_ = false;
-        if (!answer) return false;
-    }
-    return true;
 }
 
 void GroupAgent::flushStuck() {
     stuck_ = false;
-    const bool could = flushes_;
-    if (!flush()) {
-        if (could && !flushes_)
-            complain(
-                "groups from before it filtered VLANs stay in its table until it does not, or their ports "
-                "leave");
-        return;
+    const bool could = writer_.flushes();
+    const std::vector<GroupMember> concerned = writer_.ours();
+    if (writer_.flushStuck()) {
+        for (const GroupMember& member : concerned) marked_.insert(member.group.mac);
+    } else if (could && !writer_.flushes()) {
+        complain(
+            "groups from before it filtered VLANs stay in its table until it does not, or their ports leave");
     }
-    std::vector<GroupMember> again;
-    for (const GroupMember& member : ours()) {
-        marked_.insert(member.group.mac);
-        if (member.group.vid == 0) {
-            forget(member);
-        } else {
-            again.push_back(member);
-        }
-    }
-    // The table still has them, so that what is to be is asked for without a decision in between.
-    std::vector<NetlinkMessage> messages;
-    messages.reserve(again.size());
-    for (const GroupMember& member : again)
-        messages.push_back(groupAdd(view_.bridge, member, config_->groupProtocol()));
-    const auto answers = requests_.carryOut(messages);
-    for (std::size_t i = 0; i < answers.size(); ++i) {
-        if (!answers[i]) forget(again[i]);
-    }
-}
-
-void GroupAgent::forget(const GroupMember& member) {
-    kernelGroups_.table().erase(member, loop_.now());
-    owned_.erase(member);
 }
 
 }  // namespace Linux
