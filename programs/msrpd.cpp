@@ -161,9 +161,7 @@ private:
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
             options_.socket,
-            [this](Linux::Tone tone, const std::string& line) {
-                tell(static_cast<int>(tone), line);
-            },
+            [this](Linux::Tone tone, const std::string& line) { tell(static_cast<int>(tone), line); },
             [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
         return dataplane_->start();
     }

@@ -128,6 +128,12 @@ class Testbed:
                               stdout=subprocess.PIPE, check=True)
         return json.loads(done.stdout)[0]["stats64"]["rx"]["packets"]
 
+    def multicast_entries(self, begin):
+        """The entries of the kernel's multicast table whose addresses begin like that."""
+        done = subprocess.run(["bridge", "-n", self.switch, "-j", "mdb", "show"], text=True, check=True,
+                              stdout=subprocess.PIPE)
+        return [entry for entry in (json.loads(done.stdout) or [{}])[0].get("mdb", []) if entry["grp"].startswith(begin)]
+
     def config(self):
         """A small configuration.  The kernel's idea of a virtual cable's speed is fiction, so it is given."""
         if self.bridge:
@@ -206,12 +212,13 @@ class Testbed:
         return [port for port, state in stream["ports"].items() if state["carried"]] if stream else []
 
     def wait(self, condition, seconds, what):
-        """Until the condition holds; a failure that says `what` after so many seconds."""
-        deadline = time.monotonic() + seconds
+        """Until the condition holds, and how long that took; a failure that says `what` after so many seconds."""
+        begun = time.monotonic()
         while not condition():
-            if time.monotonic() > deadline:
+            if time.monotonic() > begun + seconds:
                 raise Failure(f"{what} after {seconds} s")
             time.sleep(0.05)
+        return time.monotonic() - begun
 
 
 def main(*programs):

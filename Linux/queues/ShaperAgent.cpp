@@ -514,8 +514,7 @@ void ShaperAgent::publish(const Port& port, Shaper shaper, const std::string& wh
     if (record->shaper() == shaper && record->why() == why) return;
     record->shaperIs(shaper);
     record->whyIs(why);
-    if (why == nothingReserved)
-        return tell(Tone::informational, concat(port.name, ": shaping available"));
+    if (why == nothingReserved) return tell(Tone::informational, concat(port.name, ": shaping available"));
     tell(shaper == Shaper::none ? Tone::warning : Tone::informational,
          concat(port.name, ": ", shapedBy(shaper), why.empty() ? "" : concat(" (", why, ')')));
 }

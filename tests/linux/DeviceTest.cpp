@@ -1,5 +1,6 @@
 #include "Linux/links/Device.h"
 #include "Linux/links/Ethtool.h"
+#include "Runtime/Text.h"
 #include "tests/linux/Golden.h"
 
 #include <linux/rtnetlink.h>
@@ -62,15 +63,12 @@ TEST(Device, KnowsTheSettingsOfABridge) {
         const auto link = decodeLink(golden::header(message));
         if (!link || !link->device.bridgeSettings) continue;
         const auto& bridge = *link->device.bridgeSettings;
-        all += link->device.name;
-        EXPECT_EQ(bridge.mac, EthAddr::fromNumber(0x02000000000a));
-        EXPECT_EQ(bridge.priority, 0x8000);
-        EXPECT_TRUE(bridge.multicastSnooping);
         EXPECT_FALSE(bridge.spanningTree || bridge.vlanFiltering || bridge.multipleSpanningTrees);
-        EXPECT_EQ(bridge.multicastTableSize, 4096U);
-        EXPECT_EQ(bridge.groupForwardingMask, 0U);
+        all += Runtime::concat(link->device.name, ' ', bridge.mac, ' ', bridge.priority, ' ',
+                               bridge.multicastSnooping, ' ', bridge.multicastTableSize, ' ',
+                               bridge.groupForwardingMask);
     }
-    EXPECT_EQ(all, "br0") << described(dump);
+    EXPECT_EQ(all, "br0 02:00:00:00:00:0a 32768 true 4096 0") << described(dump);
 }
 
 TEST(Device, IsFollowedThroughTheNotificationsOfAllKernels) {

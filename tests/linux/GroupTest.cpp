@@ -180,35 +180,26 @@ TEST(OwnedGroups, KnowsItsOwnAfterAnyEnd) {
     };
     const GroupMember kept = member(1, 2, 11);
     const GroupMember dropped = member(2, 2, 11);
-    {
-        Linux::OwnedGroups owned{path};
-        owned.add(kept, "swp1");
+    Linux::OwnedGroups earlier = readAgain();
+    earlier.add(kept, "swp1");
+    earlier.add(dropped, "swp1");
+    EXPECT_EQ(earlier.flush(), "");
+    earlier.erase(dropped);
+    EXPECT_EQ(earlier.flush(), "");
+    std::ofstream{path, std::ios::app}
+        << "? what\n+ 11 swp1 5000 91:e0:f0:00:fe:03\n+ 12 swp2 2 91:e0:f0:00:fe:04";  // torn
+    Linux::OwnedGroups owned = readAgain();
+    EXPECT_TRUE(owned.lists(kept, "swp1"));
+    EXPECT_FALSE(owned.lists(kept, "swp9")) << "the index has another bearer";
+    EXPECT_FALSE(owned.lists(dropped, "swp1"));
+    EXPECT_FALSE(owned.lists(member(4, 2, 12), "swp2"));
+    owned.portNameIs(11, "swp3");
+    EXPECT_EQ(owned.flush(), "");
+    // History does not make the file grow without end.
+    for (int i = 0; i < 3000; ++i) {
         owned.add(dropped, "swp1");
-        EXPECT_EQ(owned.flush(), "");
         owned.erase(dropped);
         EXPECT_EQ(owned.flush(), "");
-    }
-    {
-        std::ofstream file{path, std::ios::app};
-        file << "? what\n+ 11 swp1 5000 91:e0:f0:00:fe:03\n+ 12 swp2 2 91:e0:f0:00:fe:04";  // torn
-    }
-    {
-        const Linux::OwnedGroups owned = readAgain();
-        EXPECT_TRUE(owned.lists(kept, "swp1"));
-        EXPECT_FALSE(owned.lists(kept, "swp9")) << "the index has another bearer";
-        EXPECT_FALSE(owned.lists(dropped, "swp1"));
-        EXPECT_FALSE(owned.lists(member(4, 2, 12), "swp2"));
-    }
-    {
-        Linux::OwnedGroups owned = readAgain();
-        owned.portNameIs(11, "swp3");
-        EXPECT_EQ(owned.flush(), "");
-        // History does not make the file grow without end.
-        for (int i = 0; i < 3000; ++i) {
-            owned.add(dropped, "swp1");
-            owned.erase(dropped);
-            EXPECT_EQ(owned.flush(), "");
-        }
     }
     EXPECT_LT(std::filesystem::file_size(path), 50'000U);
     EXPECT_TRUE(readAgain().lists(kept, "swp3"));
@@ -230,9 +221,9 @@ TEST(OwnedGroups, KnowsItsOwnAfterAnyEnd) {
     fs::remove(path);
     fs::permissions(folder, fs::perms::group_write, fs::perm_options::add);
     EXPECT_EQ(problem(), " is not used: others may write in its folder");
-    Linux::OwnedGroups owned{path};
-    owned.add(kept, "swp1");
-    EXPECT_NE(owned.flush(), "");
+    Linux::OwnedGroups trapped{path};
+    trapped.add(kept, "swp1");
+    EXPECT_NE(trapped.flush(), "");
     EXPECT_FALSE(fs::exists(path));
     fs::remove_all(folder);
 }

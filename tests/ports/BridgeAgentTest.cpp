@@ -1,17 +1,12 @@
 #include "Linux/bridge/BridgeAgent.h"
-#include "Linux/kernel/EpollLoop.h"
 #include "tests/linux/BridgeText.h"
 #include "tests/ports/Namespace.h"
-
-using namespace std::chrono_literals;
 
 namespace {
 
 class BridgeAgentTest : public PortsTest {
 protected:
-    void SetUp() override {
-        PortsTest::SetUp();
-        if (IsSkipped()) return;
+    void make() override {
         config->bridgeIs("br0");
         for (const char* port : {"p1", "p2", "p3"}) Namespace::cable(port, std::string{"far"} + port);
     }
@@ -26,13 +21,7 @@ protected:
     static void join(std::initializer_list<const char*> ports) {
         for (const std::string port : ports) Namespace::ip("link set " + port + " master br0");
     }
-    /// Runs until the records read like that; what they read at last.
-    std::string until(const std::string& text) {
-        loop.runUntil([&] { return described(records) == text; }, 5s);
-        return described(records);
-    }
 
-    Linux::EpollLoop loop;
     Linux::DeviceTable devices{loop};
     Linux::NetlinkRequests requests;
     std::shared_ptr<Linux::Config> config = std::make_shared<Linux::Config>();
@@ -48,7 +37,7 @@ protected:
                              [this](const std::string& line) { complaints.push_back(line); }};
 };
 
-#define EXPECT_RECORDS(text) EXPECT_EQ(until(text), text)
+#define EXPECT_RECORDS(text) EXPECT_UNTIL(text, described(records))
 
 constexpr auto noBridge = "None; NoStp";
 constexpr auto twoPorts = "None; NoStp p1 forwarding p2 forwarding; 2 p1+ p2+; native p1 1 p2 1";

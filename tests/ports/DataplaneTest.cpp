@@ -1,5 +1,4 @@
 #include "Linux/Dataplane.h"
-#include "Linux/kernel/EpollLoop.h"
 #include "tests/linux/BridgeText.h"
 #include "tests/ports/Namespace.h"
 
@@ -16,7 +15,6 @@ TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
     Namespace::ip("link add br0 up type bridge");
     Namespace::cable("p1", "p2");
     Namespace::ip("link set p1 master br0");
-    Linux::EpollLoop loop;
     Linux::DeviceTable devices{loop};
     ASSERT_EQ(devices.start(), "");
     const auto bridge = bridgeRecords();

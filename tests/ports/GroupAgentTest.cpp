@@ -1,7 +1,6 @@
 #include "Linux/doctor/Leftovers.h"
 #include "Linux/groups/GroupAgent.h"
 #include "Linux/groups/GroupRemoval.h"
-#include "Linux/kernel/EpollLoop.h"
 #include "Runtime/Text.h"
 #include "tests/ports/FaultyKernel.h"
 #include "tests/ports/Namespace.h"
@@ -34,9 +33,7 @@ protected:
         Linux::GroupAgent agent;
     };
 
-    void SetUp() override {
-        PortsTest::SetUp();
-        if (!net.made()) return;
+    void make() override {
         // Or else the hosts that live at the cables' ends would join groups of their own.
         std::ofstream{"/proc/sys/net/ipv6/conf/default/disable_ipv6"} << 1;
         Namespace::cable("p1", "h1");
@@ -70,28 +67,19 @@ protected:
     }
     /// "01@p1 02@p2/another", as the kernel has it.
     std::string table() {
+        Linux::GroupsByBridge all;
+        EXPECT_TRUE(Linux::readAllGroups(requests.kernel, all));
         std::map<std::string, std::string> found;
-        const auto answer = requests.kernel.dump(
-            RTM_GETMDB, Linux::groupDumpBody(), [&] { found.clear(); },
-            [&](const nlmsghdr& message) {
-                for (const auto& entry : Linux::decodeGroups(message, if_nametoindex("br0"))) {
-                    std::array<char, IF_NAMESIZE> port{};
-                    if_indextoname(entry.member.port, port.data());
-                    if (entry.member.group.ip.empty())
-                        found.emplace(
-                            Runtime::concat(entry.member.group.mac.text().substr(15), '@', port.data()),
-                            entry.protocol == 78 ? "" : "/another");
-                }
-            });
-        EXPECT_TRUE(answer) << answer.problem();
+        for (const auto& entry : all[if_nametoindex("br0")]) {
+            std::array<char, IF_NAMESIZE> port{};
+            if_indextoname(entry.member.port, port.data());
+            if (entry.member.group.ip.empty())
+                found.emplace(Runtime::concat(entry.member.group.mac.text().substr(15), '@', port.data()),
+                              entry.protocol == 78 ? "" : "/another");
+        }
         std::string text;
         for (const auto& [name, owner] : found) text += Runtime::concat(text.empty() ? "" : " ", name, owner);
         return text;
-    }
-    /// Runs until a text reads as expected; how it reads at last.
-    std::string until(const std::string& expected, const std::function<std::string()>& now) {
-        loop.runUntil([&] { return now() == expected; }, 8s);
-        return now();
     }
     /// As the reservation machine does: listeners are sent away on a refusal, and come again when it goes.
     void obeyRefusals() {
@@ -127,10 +115,6 @@ protected:
     static void mdb(const std::string& arguments) {
         ASSERT_EQ(std::system(("bridge mdb " + arguments).c_str()), 0);
     }
-    /// Lets happen what is on its way.
-    void settle(Runtime::Duration span = 20ms) {
-        loop.runUntil([] { return false; }, span);
-    }
 
     static std::string makeFolder() {
         std::string path = testing::TempDir() + "groups-XXXXXX";
@@ -141,7 +125,6 @@ protected:
     Linux::Ability marks = Linux::Ability::present;
     bool served = false;
     std::string complaints;
-    Linux::EpollLoop loop;
     FaultyKernel requests;
     std::shared_ptr<Linux::Config> config = std::make_shared<Linux::Config>();
     std::shared_ptr<Bridging::Input::Config> wanted = std::make_shared<Bridging::Input::Config>();
@@ -151,7 +134,6 @@ protected:
     std::unique_ptr<Life> life;
 };
 
-#define EXPECT_UNTIL(text, now) EXPECT_EQ(until(text, [&] { return now; }), text)
 #define EXPECT_TABLE(text) EXPECT_UNTIL(text, table())
 #define EXPECT_HEARD(listened, refused) EXPECT_UNTIL(#listened " and " #refused, heard())
 #define EXPECT_COUNTS(made, missed) EXPECT_UNTIL(#made " and " #missed, counts())

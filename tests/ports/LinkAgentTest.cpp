@@ -1,10 +1,7 @@
-#include "Linux/kernel/EpollLoop.h"
-#include "Linux/links/Ethtool.h"
 #include "Linux/links/LinkAgent.h"
 #include "Runtime/Text.h"
 #include "tests/ports/Namespace.h"
 
-using namespace std::chrono_literals;
 using Interface::Speed;
 
 namespace {
@@ -18,15 +15,9 @@ protected:
         return Runtime::concat(intf, ' ', State::enumText(r->linkStatus()), ' ',
                                State::enumText(r->speedEnum()), ' ', r->macAddr());
     }
-    /// Runs until the record reads like that; what it reads at last.
-    std::string until(IntfId intf, const std::string& text) {
-        loop.runUntil([&] { return record(intf) == text; }, 5s);
-        return record(intf);
-    }
 
     const IntfId a{"p1"};
     const IntfId c{"p3"};
-    Linux::EpollLoop loop;
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status =
         std::make_shared<Interface::AllEthPhyIntfStatusDir>();
     std::shared_ptr<Interface::EthIntfStatusDir> names = std::make_shared<Interface::EthIntfStatusDir>();
@@ -37,7 +28,7 @@ protected:
                            }};
 };
 
-#define EXPECT_RECORD(intf, text) EXPECT_EQ(until(intf, text), text)
+#define EXPECT_RECORD(intf, text) EXPECT_UNTIL(text, record(intf))
 
 TEST_F(LinkAgentTest, TheRecordFollowsLinkAddressAndExistence) {
     Namespace::cable("p1", "p2");
@@ -105,7 +96,7 @@ TEST_F(LinkAgentTest, LostNotificationsAreMadeGoodByReadingAnew) {
     const auto reactor = status->intfStatus(a)->react([&](const State::Change& change) {
         if (change.field == "linkStatus") ++downs;
     });
-    until(a, "p1 up 10G 02:00:00:00:00:0a");
+    EXPECT_RECORD(a, "p1 up 10G 02:00:00:00:00:0a");
     downs = 0;
     for (int i = 0; i < 10; ++i) {
         Namespace::ip("link set p1 down");

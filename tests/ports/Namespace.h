@@ -1,12 +1,14 @@
 /// A network of the test's own.
 #pragma once
 
+#include "Linux/kernel/EpollLoop.h"
 #include "Runtime/FileDescriptor.h"
 
 #include <arpa/inet.h>
 #include <cstdint>
 #include <cstdlib>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
@@ -50,13 +52,29 @@ private:
     bool made_ = false;
 };
 
+/// A test with a network and a loop of its own.
 class PortsTest : public testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() final {
         if (!net.made()) GTEST_SKIP() << "no permission to make a network namespace";
+        make();
     }
+    /// What each test begins with.
+    virtual void make() {}
+    /// Runs until a text reads as expected; how it reads at last.
+    std::string until(const std::string& expected, const std::function<std::string()>& now) {
+        loop.runUntil([&] { return now() == expected; }, std::chrono::seconds{8});
+        return now();
+    }
+    /// Lets happen what is on its way.
+    void settle(Runtime::Duration span = std::chrono::milliseconds{20}) {
+        loop.runUntil([] { return false; }, span);
+    }
+
     Namespace net;
+    Linux::EpollLoop loop;
 };
+#define EXPECT_UNTIL(text, now) EXPECT_EQ(until(text, [&] { return now; }), text)
 
 /// Sends and hears whole frames on one interface, as they are on the wire.
 class RawEnd {

@@ -1,6 +1,5 @@
 #include "Linux/doctor/Capabilities.h"
 #include "Linux/doctor/Leftovers.h"
-#include "Linux/kernel/EpollLoop.h"
 #include "Linux/queues/ShaperAgent.h"
 #include "Runtime/Text.h"
 #include "tests/ports/FaultyKernel.h"
@@ -93,9 +92,7 @@ protected:
         Linux::ShaperAgent agent;
     };
 
-    void SetUp() override {
-        PortsTest::SetUp();
-        if (IsSkipped()) return;
+    void make() override {
         Namespace::ip("link add br0 up type bridge");
         Namespace::cable("p1", "p2");
         Namespace::ip("link set p1 master br0");
@@ -128,8 +125,7 @@ protected:
     }
     /// Runs until the port is shaped like that; how it is at last.
     std::string until(const std::string& text, const std::string& port = "p1") {
-        loop.runUntil([&] { return shaped(port) == text; }, 5s);
-        return shaped(port);
+        return PortsTest::until(text, [&] { return shaped(port); });
     }
 
     /// What a crash has left: "p1: queues that shape classes\n", and with `remove` takes it away.
@@ -145,11 +141,7 @@ protected:
         }
         return text;
     }
-    void runFor(Runtime::Duration span) {
-        loop.runUntil([] { return false; }, span);
-    }
 
-    Linux::EpollLoop loop;
     PretendingKernel kernel;
     std::shared_ptr<Linux::Config> config = std::make_shared<Linux::Config>();
     std::shared_ptr<Qos::Input::Config> wanted = std::make_shared<Qos::Input::Config>();
@@ -177,7 +169,7 @@ TEST_F(ShaperAgentTest, FollowsTheReservationsInPlaceAndGivesBackAllInTheEnd) {
     reserve(6'000'000, 5'000'000);
     EXPECT_SHAPED("none, refused: the reserved 6000000 and 5000000 kbit/s do not fit into 10000000 kbit/s");
     reserve(0, 5000);
-    runFor(50ms);
+    settle(50ms);
     EXPECT_EQ(shaped().substr(0, 15), "none, refused: ") << "else they would come again";
     (void)life.agent.audit(true);
     EXPECT_SHAPED("htb 0 5000");
@@ -200,13 +192,13 @@ TEST_F(ShaperAgentTest, ARestartChangesNothingThatIsRightAndKeepsWhatMayBeAskedF
     kernel.changes.clear();
     {
         Life life{*this};
-        runFor(50ms);
+        settle(50ms);
         EXPECT_TRUE(life.agent.audit(true).empty());
     }
     wanted->intfConfigDelAll();
     {
         const Life life{*this, 300ms};
-        runFor(100ms);
+        settle(100ms);
         EXPECT_TRUE(kernel.changes.empty());
         EXPECT_SHAPED("htb 0 0") << "nobody asked again";
     }
@@ -269,13 +261,13 @@ TEST_F(ShaperAgentTest, WhatTheKernelRefusedIsKeptUntilItIsTriedAgainWithWhatWas
     Life life{*this};
     kernel.refuseAll(RTM_NEWQDISC, EOPNOTSUPP);
     const auto* const why = "none, refused: no token buckets: Operation not supported";
-    runFor(50ms);
+    settle(50ms);
     EXPECT_EQ(shaped(), "none") << "not known yet";
     EXPECT_TRUE(capabilities->shaping(IntfId{"p1"}));
     reserve(75'000, 0);
     EXPECT_SHAPED(why);
     wanted->intfConfigDelAll();
-    runFor(50ms);
+    settle(50ms);
     EXPECT_EQ(shaped(), why) << "though nobody asks any more";
     EXPECT_EQ(kernel.refused, 1);
     int changed = 0;
@@ -321,7 +313,7 @@ TEST_F(ShaperAgentTest, APortThatLeavesIsGivenBackAndOneThatComesIsShaped) {
         EXPECT_SHAPED("htb 75000 0");
     }
     Life life{*this, 1h};
-    runFor(50ms);
+    settle(50ms);
     rename("p1", "p9");
     EXPECT_EQ(until("htb 0 0", "p9"), "htb 0 0") << "nothing is reserved under this name";
     EXPECT_FALSE(capabilities->shaping(IntfId{"p1"}));

@@ -3,69 +3,51 @@
 
 Needs root; exit code 77 without.
 """
-import json
-import os
+import collections
+import contextlib
 import pathlib
+import socket
 import subprocess
 import sys
 import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import DESTINATION, STREAM, TALK, VLAN, Testbed  # noqa: E402
+from testbed import DESTINATION, STREAM, TALK, VLAN, Testbed, main  # noqa: E402
+from traffic import inside, tagged_frame  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 MANY = range(1, 1001)
-
-# Sends and counts stream data behind a port, by words on its standard input: "send ADDRESS FIRST COUNT",
-# "count ADDRESS" (frames so far), "gaps ADDRESS" (numbers that are missing).
-TRAFFIC = """
-import socket, struct, sys
-VLAN = %d
-mac = lambda text: bytes.fromhex(text.replace(":", ""))
-wire = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
-wire.bind(("eth0", 0))
-ear = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
-ear.setsockopt(socket.SOL_SOCKET, 33, 64 << 20)  # SO_RCVBUFFORCE
-ear.bind(("eth0", 3))
-ear.setblocking(False)
-heard = {}
-def listen():
-    while True:
-        try: frame, (_, _, kind, _, _) = ear.recvfrom(2048)
-        except BlockingIOError: return
-        at = frame.find(b"DATA")  # the kernel has taken the tag out, or has not
-        if kind != 4 and at > 0:
-            heard.setdefault(frame[:6], set()).add(struct.unpack(">I", frame[at + 4:at + 8])[0])
-for line in sys.stdin:
-    word, address, *numbers = line.split()
-    if word == "send":
-        first, count = map(int, numbers)
-        head = mac(address) + bytes.fromhex("020000000201") + struct.pack(">HHH", 0x8100, 3 << 13 | VLAN, 0x22F0)
-        for number in range(first, first + count):
-            wire.send(head + bytes(28) + b"DATA" + struct.pack(">I", number) + bytes(40))
-        print(count, flush=True)
-    elif word == "raw":
-        print(wire.send(bytes.fromhex(address)), flush=True)
-    else:
-        listen()
-        numbers = heard.get(mac(address), set())
-        print(len(numbers) if word == "count" else max(numbers, default=0) - min(numbers, default=1) + 1 - len(numbers), flush=True)
-""" % VLAN
-
 
 class Traffic:
     """Stream data at the station behind a port."""
 
     def __init__(self, bed, port):
-        self.process = subprocess.Popen(
-            ["ip", "netns", "exec", bed.station_of(port), "python3", "-c", TRAFFIC], text=True,
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        bed.processes.append(self.process)
+        self.heard = collections.Counter()
+        with inside(bed.station_of(port)):
+            self.wire, self.ear = (socket.socket(socket.AF_PACKET, socket.SOCK_RAW) for _ in range(2))
+        self.wire.bind(("eth0", 0))
+        self.ear.setsockopt(socket.SOL_SOCKET, 33, 64 << 20)  # SO_RCVBUFFORCE
+        self.ear.bind(("eth0", 3))
+        self.ear.setblocking(False)
 
-    def say(self, *words):
-        print(*words, file=self.process.stdin, flush=True)
-        return int(self.process.stdout.readline())
+    def close(self):
+        self.wire.close()
+        self.ear.close()
+
+    def send(self, address, count):
+        for _ in range(count):
+            self.wire.send(tagged_frame(address, 3, VLAN, 100))
+
+    def count(self, address):
+        """Frames so far."""
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                frame, (_, _, kind, _, _) = self.ear.recvfrom(18)
+                # The kernel has taken the tag out, or has not.
+                if kind != socket.PACKET_OUTGOING and b"\x22\xf0" in frame[12:]:
+                    self.heard[frame[:6].hex(":")] += 1
+        return self.heard[address]
 
 
 class OnABridge(unittest.TestCase):
@@ -73,36 +55,29 @@ class OnABridge(unittest.TestCase):
         bed = self.bed = self.enterContext(Testbed(BUILD, bridge="br0"))
         self.traffic = {port: Traffic(bed, port) for port in bed.ports}
         for traffic in self.traffic.values():
-            self.addCleanup(traffic.process.communicate)
-        self.sent = 0
+            self.addCleanup(traffic.close)
+        self.rounds = 0
 
-    def arrived(self, *addresses):
+    def arrived(self):
         """Sends a hundred frames of the stream from behind swp1; how many came in at swp2 and swp3."""
-        address = addresses[0] if addresses else DESTINATION
-        before = self.heard(address)
-        self.traffic["swp1"].say("send", address, self.sent, 100)
+        listeners = [self.traffic[port] for port in ("swp2", "swp3")]
+        before = [traffic.count(DESTINATION) for traffic in listeners]
+        self.traffic["swp1"].send(DESTINATION, 100)
         # Broadcast reaches everybody, and nothing that was sent before it comes later.
-        self.traffic["swp1"].say("send", "ff:ff:ff:ff:ff:ff", self.sent, 1)
-        self.sent += 100
-        rounds = self.sent // 100
-        self.bed.wait(lambda: all(self.traffic[port].say("count", "ff:ff:ff:ff:ff:ff") >= rounds
-                                  for port in ("swp2", "swp3")), 5, "a broadcast does not arrive")
-        return tuple(now - then for now, then in zip(self.heard(address), before))
-
-    def heard(self, address):
-        return [self.traffic[port].say("count", address) for port in ("swp2", "swp3")]
+        self.traffic["swp1"].send("ff:ff:ff:ff:ff:ff", 1)
+        self.rounds += 1
+        self.bed.wait(lambda: all(traffic.count("ff:ff:ff:ff:ff:ff") == self.rounds for traffic in listeners), 5,
+                      "a broadcast does not arrive")
+        return tuple(traffic.count(DESTINATION) - then for traffic, then in zip(listeners, before))
 
     def until_carried(self, *ports):
         self.bed.wait(lambda: self.bed.carriers() == list(ports), 10, f"the stream is not carried to {ports}")
 
     def entries(self):
         """Where the kernel forwards stream addresses: {address: {port, ...}}."""
-        done = subprocess.run(["bridge", "-n", self.bed.switch, "-j", "mdb", "show"], text=True, check=True,
-                              stdout=subprocess.PIPE)
-        groups = {}
-        for entry in (json.loads(done.stdout) or [{}])[0].get("mdb", []):
-            if entry["grp"].startswith("91:e0:"):
-                groups.setdefault(entry["grp"], set()).add(entry["port"])
+        groups = collections.defaultdict(set)
+        for entry in self.bed.multicast_entries("91:e0:"):
+            groups[entry["grp"]].add(entry["port"])
         return groups
 
     def test_data_goes_where_listeners_are_and_nowhere_else(self):
@@ -113,7 +88,11 @@ class OnABridge(unittest.TestCase):
         self.assertEqual(self.arrived(), (0, 0), "nobody is Ready")
         first = bed.station("swp2", "--listen", STREAM)
         self.until_carried("swp2")
+        # A host that asks who listens to IP multicasts (IGMP, general query) does not get the stream for that.
+        self.traffic["swp3"].wire.send(bytes.fromhex(
+            "01005e000001 020000000202 0800 46c00020000100000102 3a14 0a000002e0000001 94040000 1164ee9b00000000"))
         self.assertEqual(self.arrived(), (100, 0))
+        self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
         second = bed.station("swp3", "--listen", STREAM)
         self.until_carried("swp2", "swp3")
         self.assertEqual(self.arrived(), (100, 100))
@@ -152,27 +131,13 @@ class OnABridge(unittest.TestCase):
         subprocess.run(["bridge", "-n", bed.switch, "link", "set", "dev", "swp2", "state", "3"], check=True)
         self.until_carried("swp2")
 
-    def test_nobody_else_gets_a_stream_by_asking_for_routers_packets(self):
-        bed = self.bed
-        bed.daemon()
-        bed.station("swp1", "--talk", TALK)
-        bed.station("swp2", "--listen", STREAM)
-        self.until_carried("swp2")
-        # A host asks who listens to IP multicasts: IGMP, general query.
-        query = bytes.fromhex("01005e000001 020000000202 0800 46c00020000100000102 3a14 0a000002e0000001 94040000"
-                              "1164ee9b00000000")
-        self.traffic["swp3"].say("raw", query.hex(), 1, 1)
-        self.assertEqual(self.arrived(), (100, 0), "a port without listener gets the stream")
-        self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
-
     def test_what_finds_no_room_is_told_and_comes_when_there_is(self):
         bed = self.bed
         bed.switch_ip("link", "set", "br0", "type", "bridge", "mcast_hash_max", "48")
         bed.daemon()
-        streams = [f"0x{0x200000002020000 + number:X}" for number in range(1, 41)]
-        bed.station("swp1", *(word for number, stream in enumerate(streams, 1)
-                              for word in ("--talk", f"{stream},91:e0:f0:00:02:{number:02x},{VLAN},A,1,1")))
-        bed.station("swp2", *(word for stream in streams for word in ("--listen", stream)))
+        streams = [f"0x{0x200000002020000 + number:x}" for number in range(1, 41)]
+        bed.station("swp1", *(f"--talk={stream},91:e0:f0:00:02:{stream[-2:]},{VLAN},A,1,1" for stream in streams))
+        bed.station("swp2", *(f"--listen={stream}" for stream in streams))
 
         def carried():
             return sum("swp2" in ports for ports in self.entries().values())
@@ -220,11 +185,8 @@ class OnABridge(unittest.TestCase):
         daemon = bed.daemon()
         streams = [f"0x{0x200000002010000 + number:X}" for number in MANY]
         address = [f"91:e0:f0:00:{number >> 8:02x}:{number & 255:02x}" for number in MANY]
-        bed.station("swp1", *(word for stream, da in zip(streams, address)
-                              for word in ("--talk", f"{stream},{da},{VLAN},A,1,1")))
-        listen = [word for stream in streams for word in ("--listen", stream)]
-        bed.station("swp2", *listen[:200])
-        other = bed.station("swp3", *listen[:200])
+        bed.station("swp1", *(f"--talk={stream},{da},{VLAN},A,1,1" for stream, da in zip(streams, address)))
+        _, other = (bed.station(port, *(f"--listen={stream}" for stream in streams[:100])) for port in ("swp2", "swp3"))
 
         def forwarded(port):
             return sum(port in ports for ports in self.entries().values())
@@ -237,21 +199,18 @@ class OnABridge(unittest.TestCase):
         begun = time.monotonic()
         bed.daemon()
         answers = time.monotonic() - begun
-        stale = None
+        stale, sent = None, 0
         while time.monotonic() < begun + answers + 2.0:
-            self.traffic["swp1"].say("send", address[0], self.sent, 20)
-            self.sent += 20
+            self.traffic["swp1"].send(address[0], 20)
+            sent += 20
             if stale is None and forwarded("swp3") == 0:
                 stale = time.monotonic() - begun
         print(f"1,000 groups: stale entries gone {stale or -1:.1f} s after the restart, which took {answers:.1f} s; "
-              f"{self.sent} frames sent meanwhile")
+              f"{sent} frames sent meanwhile")
         self.assertIsNotNone(stale, "stale entries stay")
-        self.assertEqual(self.traffic["swp2"].say("count", address[0]), self.sent, "frames are missing")
+        self.assertEqual(self.traffic["swp2"].count(address[0]), sent, "frames are missing")
         self.assertEqual(forwarded("swp2"), 100)
 
 
 if __name__ == "__main__":
-    if os.geteuid() != 0:
-        print("skipped: needs root")
-        sys.exit(77)
-    unittest.main(argv=sys.argv[:1] + sys.argv[2:])
+    main()

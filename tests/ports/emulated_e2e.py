@@ -18,7 +18,7 @@ from testbed import DESTINATION, STREAM, VLAN, Testbed  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 STREAM_B, DESTINATION_B = f"0x{int(STREAM, 16) + 1:X}", "91:e0:f0:00:00:02"
-TALK = [f"{STREAM},{DESTINATION},{VLAN},A,1,1", f"{STREAM_B},{DESTINATION_B},{VLAN},B,1,1"]
+TALK = [f"--talk={STREAM},{DESTINATION},{VLAN},A,1,1", f"--talk={STREAM_B},{DESTINATION_B},{VLAN},B,1,1"]
 OTHERS = "91:e0:f0:00:00:77"
 PATIENCE = 60  # seconds
 
@@ -44,12 +44,9 @@ class Switch(Testbed):
 
     def groups(self):
         """{(address, VLAN): [port, ...]}, as the kernel has them."""
-        done = subprocess.run(["bridge", "-n", self.switch, "-j", "mdb", "show"], text=True, check=True,
-                              stdout=subprocess.PIPE)
         groups = {}
-        for entry in (json.loads(done.stdout) or [{}])[0].get("mdb", []):
-            if entry["grp"].startswith("91:"):
-                groups.setdefault((entry["grp"], entry.get("vid", 0)), []).append(entry["port"])
+        for entry in self.multicast_entries("91:"):
+            groups.setdefault((entry["grp"], entry.get("vid", 0)), []).append(entry["port"])
         return groups
 
     def until_groups(self, port, why):
@@ -62,7 +59,7 @@ class Reservations(unittest.TestCase):
     def setUp(self):
         bed = self.bed = self.enterContext(Switch())
         self.daemon = bed.daemon()
-        bed.station("swp1", *(word for talk in TALK for word in ("--talk", talk)))
+        bed.station("swp1", *TALK)
         self.listener = bed.station("swp2", "--listen", STREAM, "--listen", STREAM_B)
         bed.until_groups("swp2", "the streams are not forwarded")
 

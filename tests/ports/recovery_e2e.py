@@ -13,11 +13,9 @@ from testbed import VLAN, Testbed, main  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 STREAMS = [f"0x{0x200000002010000 + number:X}" for number in range(1, 51)]
+TALK = [f"--talk={stream},91:e0:f0:00:01:{int(stream, 16) & 0xff:02x},{VLAN},A,100,1" for stream in STREAMS]
+LISTEN = [f"--listen={stream}" for stream in STREAMS]
 LEAVE_ALL, LEAVE = 2.0, 0.6  # seconds
-
-
-def talk(stream):
-    return f"{stream},91:e0:f0:00:01:{int(stream, 16) & 0xff:02x},{VLAN},A,100,1"
 
 
 class Recovery(unittest.TestCase):
@@ -26,19 +24,13 @@ class Recovery(unittest.TestCase):
     def setUp(self):
         bed = self.bed = self.enterContext(Testbed(BUILD))
         self.daemon = self.start()
-        self.talker = bed.station("swp1", *(word for stream in STREAMS for word in ("--talk", talk(stream))))
-        self.listeners = {port: bed.station(port, *(word for stream in STREAMS for word in ("--listen", stream)))
-                          for port in ("swp2", "swp3")}
-        self.until(self.all_reserved, 10, "not all streams are reserved")
+        self.talker = bed.station("swp1", *TALK)
+        self.listeners = {port: bed.station(port, *LISTEN) for port in ("swp2", "swp3")}
+        self.bed.wait(self.all_reserved, 10, "not all streams are reserved")
 
     def start(self):
         return self.bed.daemon(self.bed.config() | {"mrp/config": {"leaveAllTime": int(1000 * LEAVE_ALL),
                                                                    "leaveTime": int(1000 * LEAVE)}})
-
-    def until(self, condition, seconds, what):
-        begun = time.monotonic()
-        self.bed.wait(condition, seconds, what)
-        return time.monotonic() - begun
 
     def carriers(self):
         return {stream: [port for port, state in report["ports"].items() if state["carried"]]
@@ -49,11 +41,11 @@ class Recovery(unittest.TestCase):
 
     def test_a_talker_that_is_killed_disappears_within_a_leave_all_round(self):
         self.talker.kill()
-        took = self.until(lambda: all(not stream["from"] for stream in self.bed.read("show", "streams").values()),
+        took = self.bed.wait(lambda: all(not stream["from"] for stream in self.bed.read("show", "streams").values()),
                           1.5 * LEAVE_ALL + LEAVE + 1, "the dead talker's streams stay")
         for listener in self.listeners.values():
             listener.kill()
-        gone = self.until(lambda: self.bed.read("show", "streams") == {}, 1.5 * LEAVE_ALL + LEAVE + 1,
+        gone = self.bed.wait(lambda: self.bed.read("show", "streams") == {}, 1.5 * LEAVE_ALL + LEAVE + 1,
                           "streams stay that nobody wants")
         print(f"dead talker gone after {took:.1f} s, dead listeners after another {gone:.1f} s")
         # A quarter of a second is for msrpctl itself and the reviews.
@@ -64,9 +56,9 @@ class Recovery(unittest.TestCase):
     def test_a_link_flap_brings_all_streams_back(self):
         for port in ("swp2", "swp1"):
             self.bed.link(port, "down")
-            self.until(lambda: not self.all_reserved(), 5, "nobody notices the link")
+            self.bed.wait(lambda: not self.all_reserved(), 5, "nobody notices the link")
             self.bed.link(port, "up")
-            took = self.until(self.all_reserved, 10, "not all streams come back")
+            took = self.bed.wait(self.all_reserved, 10, "not all streams come back")
             print(f"{port}: reserved again {took:.1f} s after the link came back")
 
     def test_a_daemon_that_is_killed_and_started_again_finds_everything(self):
@@ -76,7 +68,7 @@ class Recovery(unittest.TestCase):
         self.listeners["swp3"].kill()
         self.start()
         # The daemon's first words on a port are a LeaveAll, which the peers answer.
-        took = self.until(lambda: self.all_reserved(["swp2"]), 1.5 * LEAVE_ALL, "not all streams come back")
+        took = self.bed.wait(lambda: self.all_reserved(["swp2"]), 1.5 * LEAVE_ALL, "not all streams come back")
         print(f"reserved again {took:.1f} s after the restart")
         groups = self.bed.read("get", "bridging/input/config/msrp/fdbConfig")[str(VLAN)]["ethGroup"]
         self.assertEqual({tuple(group["intf"]) for group in groups.values()}, {("swp2",)})
@@ -129,9 +121,9 @@ class Flood(unittest.TestCase):
         bed.wait(lambda: bed.received("swp4") > 20000, 30, "no flood")
         before = bed.received("swp4")
         begun = time.monotonic()
-        bed.station("swp1", *(word for stream in STREAMS for word in ("--talk", talk(stream))))
+        bed.station("swp1", *TALK)
         for port in ("swp2", "swp3"):
-            bed.station(port, *(word for stream in STREAMS for word in ("--listen", stream)))
+            bed.station(port, *LISTEN)
         bed.wait(lambda: all(f"listener {stream} Ready\n" in bed.said("swp1") for stream in STREAMS), 10,
                  "not all streams are reserved")
         took = time.monotonic() - begun

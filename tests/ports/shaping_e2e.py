@@ -4,14 +4,13 @@
 The shaper is the best one that this machine has: credits where its kernel knows them, else token buckets.  Needs
 root; exit code 77 without.
 """
-import os
 import pathlib
 import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import DESTINATION, STREAM, VLAN, Testbed  # noqa: E402
+from testbed import DESTINATION, STREAM, VLAN, Testbed, main  # noqa: E402
 from traffic import Counter, Sender, measure  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
@@ -19,7 +18,7 @@ STREAM_B, DESTINATION_B = f"0x{int(STREAM, 16) + 1:X}", "91:e0:f0:00:00:02"
 A, B, REST = 3, 2, 0
 # One octet in each interval, 42 around it: (1 + 42) * 8 * 8000 bit/s, and half of that.  Little enough for an
 # emulated machine to offer more.
-TALK = [f"{STREAM},{DESTINATION},{VLAN},A,1,1", f"{STREAM_B},{DESTINATION_B},{VLAN},B,1,1"]
+TALK = [f"--talk={STREAM},{DESTINATION},{VLAN},A,1,1", f"--talk={STREAM_B},{DESTINATION_B},{VLAN},B,1,1"]
 RESERVED = {A: 2_752_000, B: 1_376_000}
 OFFERED = {A: 6e6, B: 4e6, REST: 4e6}
 OCTETS = 500
@@ -35,7 +34,7 @@ class Shaping(unittest.TestCase):
         # Credits need the real speed of a port, 10 Gbit/s; so none is given.
         config = bed.config() | {"msrp/cliConfig": {"srClassBBandwidthPercent": 25}}
         bed.daemon({path: fields for path, fields in config.items() if not path.startswith("interface/")})
-        bed.station("swp1", *(word for talk in TALK for word in ("--talk", talk)))
+        bed.station("swp1", *TALK)
         listener = bed.station("swp2", "--listen", STREAM, "--listen", STREAM_B)
         self.until_carried(bed, [True, True])
         counted = COUNTED[bed.read("get", "linux/capabilities/shaping/swp2/shaper")]
@@ -80,7 +79,4 @@ class Shaping(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if os.geteuid() != 0:
-        print("needs root")
-        sys.exit(77)
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    main()
