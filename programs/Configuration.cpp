@@ -20,8 +20,8 @@ std::string bridgeProblem(const std::string& file, State::Database& database) {
     const auto topology = database.entityIs<Bridging::Topology::Config>("bridging/topology/config");
     const auto stp = database.entityIs<Stp::Status>("stp/status");
     const auto refuse = [&](std::string_view field) {
-        return Runtime::concat(file, ": ", field, ": bridge \"", bridge,
-                               "\" of linux/config tells, it cannot be given");
+        return Runtime::concat(file, ": ", field, ": cannot be given, it comes from bridge \"", bridge,
+                               "\" (linux/config)");
     };
     if (bridging->bridgeMac() != EthAddr{}) return refuse("bridging/config/bridgeMac");
     if (!bridging->vlanConfig().empty()) return refuse("bridging/config/vlanConfig");
@@ -54,7 +54,7 @@ std::string Configuration::load(const std::string& file, State::Database& databa
     for (const std::string& path : paths()) targets.emplace(path, database.entity(path));
     std::string problem = Control::loadConfig(file, targets);
     if (problem.empty()) problem = bridgeProblem(file, database);
-    // Read at start only.
+    // A later change would not be carried out.
     access.writableDel("linux/config");
     if (!database.entityIs<Linux::Config>("linux/config")->bridge().empty()) {
         for (const char* path : {"bridging/config", "bridging/topology/config", "stp/status"})

@@ -144,7 +144,7 @@ private:
 };
 
 ExitCode run(const Options& options) {
-    // Who reads our lines may go before we do.
+    // That the reader of our lines goes away must not end the station without its Leaves.
     std::signal(SIGPIPE, SIG_IGN);
     StationProgram{options}.run();
     return done;

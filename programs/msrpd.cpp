@@ -84,7 +84,7 @@ public:
         chooseBridgeMac();
         if (std::ranges::none_of(config_->intfEnable(), [](const auto& port) { return port.second; }))
             tell(LOG_WARNING, options_.config + ": msrp/config/intfEnable enables MSRP on no port");
-        // With a bridge, the kernel decides which ports forward.
+        // On a bridge the data plane tells which ports forward; elsewhere, without a spanning tree, all do.
         const Bridging::TopologyAgent topology{bridging_, stp_, onBridge().empty() ? status_ : nullptr,
                                                topology_};
 
@@ -99,11 +99,11 @@ public:
         ringLog_.clocksAre(loop_.now(), loop_.wallNow());
         agent.start();
         loop_.run();
-        // The peers hear Leaves and need not wait for their own timers.
+        // Peers that hear a Leave need not wait for their own timers.
         agent.withdraw();
         agent.stop();
         if (dataplane_) dataplane_->stop();
-        // One more turn: for the last lines, and for captures to tell of the Leaves.
+        // The loop turns once more, so that log and captures get the Leaves that were just sent.
         loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
         folder_.flush();
         limiter_.flush();
@@ -146,7 +146,7 @@ private:
     [[nodiscard]] const std::string& onBridge() const { return linux_->bridge(); }
 
     std::string startDataplane() {
-        // Beside the socket, of which each daemon has one of its own.
+        // Its files lie beside the control socket: two daemons have two sockets, so none reads another's.
         dataplane_.emplace(
             loop_, devices_,
             Linux::Dataplane::Records{.config = linux_,
@@ -290,7 +290,7 @@ void openStandardStreams() {
 
 ExitCode run(const Options& options) {
     if (options.config.empty()) throw Failure{"--config FILE is needed", usage};
-    // Who reads our log may go before we do.
+    // That the reader of our log goes away must not end the daemon.
     std::signal(SIGPIPE, SIG_IGN);
     Daemon{options}.run();
     return done;

@@ -1,4 +1,5 @@
 #include "Control/Client.h"
+#include "Control/HexOctets.h"
 #include "Control/Json.h"
 #include "Control/Server.h"
 #include "Msrp/types/Config.h"
@@ -13,20 +14,22 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
 
-std::string get(const std::string& path) { return R"({"op":"get","path":")" + path + "\"}"; }
+std::string request(const std::string& op, const std::string& path) {
+    return R"({"op":")" + op + R"(","path":")" + path + "\"}";
+}
+std::string get(const std::string& path) { return request("get", path); }
+std::string watch(const std::string& path) { return request("watch", path); }
 std::string set(const std::string& path, const std::string& field, const std::string& value) {
     return R"({"op":"set","path":")" + path + R"(","field":")" + field + R"(","value":)" + value + '}';
 }
-std::string capture(const std::string& port) { return R"({"op":"capture","path":")" + port + "\"}"; }
+std::string capture(const std::string& port) { return request("capture", port); }
 const std::string noPorts = R"({"value":{"intfEnable":{}}})";
 
 /// A peer that speaks in lines and never blocks: the loop turns while it waits.
@@ -77,19 +80,10 @@ public:
 
 private:
     SocketLoop& loop_;
-    Runtime::FileDescriptor socket_;
+    Control::Descriptor socket_;
     std::string in_;
     bool closed_ = false;
 };
-
-/// As a server that was killed leaves it.
-void staleSocket(const std::string& path) {
-    const Runtime::FileDescriptor fd{::socket(AF_UNIX, SOCK_STREAM, 0)};
-    sockaddr_un to{};
-    to.sun_family = AF_UNIX;
-    path.copy(to.sun_path, sizeof to.sun_path - 1);
-    ASSERT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
-}
 
 class Server : public ::testing::Test {
 protected:
@@ -171,8 +165,7 @@ TEST_F(Server, EndsAClientWhoseRequestDoesNotEndOrThatStopsTalking) {
 
 TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurn) {
     Peer peer{loop, path};
-    EXPECT_EQ(peer.ask(R"({"op":"watch","path":"msrp/config/intfEnable"})"),
-              R"({"watch":"msrp/config/intfEnable","value":{}})");
+    EXPECT_EQ(peer.ask(watch("msrp/config/intfEnable")), R"({"watch":"msrp/config/intfEnable","value":{}})");
     ports->intfEnableIs(IntfId{"swp1"}, true);
     ports->intfEnableIs(IntfId{"swp2"}, false);
     EXPECT_EQ(peer.line(), R"({"watch":"msrp/config/intfEnable","value":{"swp1":true,"swp2":false}})");
@@ -182,31 +175,26 @@ TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurn) {
 
     // What is not there yet may be watched, what cannot be may not.
     Peer other{loop, path};
-    EXPECT_EQ(other.ask(R"({"op":"watch","path":"msrp/config/intfEnable/swp3"})"),
+    EXPECT_EQ(other.ask(watch("msrp/config/intfEnable/swp3")),
               R"({"watch":"msrp/config/intfEnable/swp3","value":null})");
     ports->intfEnableIs(IntfId{"swp2"}, true);  // another entry
     ports->intfEnableIs(IntfId{"swp3"}, true);
     EXPECT_EQ(other.line(), R"({"watch":"msrp/config/intfEnable/swp3","value":true})");
-    EXPECT_EQ(other.ask(R"({"op":"watch","path":"msrp/config/colour"})"),
-              R"({"error":"no field \"colour\" in Msrp::Config"})");
+    EXPECT_EQ(other.ask(watch("msrp/config/colour")), R"({"error":"no field \"colour\" in Msrp::Config"})");
 }
 
 TEST_F(Server, AWatcherThatDoesNotReadGetsTheLatestValueWhenItDoes) {
     for (int i = 0; i < 5000; ++i) ports->intfEnableIs(IntfId{"port" + std::to_string(i)}, true);
     Peer slow{loop, path};
-    slow.send("{\"op\":\"watch\",\"path\":\"msrp/config\"}\n");
+    slow.send(watch("msrp/config") + '\n');
     for (int i = 0; i < 100; ++i) {  // each notice is 100 kB, more than a socket holds in the end
         ports->intfEnableIs(IntfId{"swp1"}, i % 2 == 0);
         settle();
     }
-    int notices = 0;
-    std::string last;
-    for (std::string line = slow.line(); line != "silent"; line = slow.line()) {
-        last = line;
-        ++notices;
-    }
-    EXPECT_LT(notices, 50);
-    EXPECT_NE(last.find("\"swp1\":false"), std::string::npos);
+    std::vector<std::string> notices;
+    for (std::string line = slow.line(); line != "silent"; line = slow.line()) notices.push_back(line);
+    EXPECT_LT(notices.size(), 50U);
+    EXPECT_NE(notices.back().find("\"swp1\":false"), std::string::npos);
 }
 
 TEST_F(Server, TellsTheFramesOfAPortToAllWhoCaptureThem) {
@@ -241,10 +229,13 @@ TEST_F(Server, TellsTheFramesOfAPortToAllWhoCaptureThem) {
 TEST_F(Server, ACaptureThatIsNotReadLosesFramesAndTellsHowManyAndWhere) {
     constexpr std::size_t many = 20'000;
     std::vector<std::uint8_t> frame(1500);
-    const auto pass = [&](std::size_t number) {
+    const auto numbered = [&](std::size_t number) {
         frame[0] = static_cast<std::uint8_t>(number >> 8);
         frame[1] = static_cast<std::uint8_t>(number);
-        frames.pass("swp1", Control::Direction::sent, frame);
+        return frame;
+    };
+    const auto pass = [&](std::size_t number) {
+        frames.pass("swp1", Control::Direction::sent, numbered(number));
     };
     Peer slow{loop, path};
     EXPECT_EQ(slow.ask(capture("swp1")), R"({"capture":"swp1","value":null})");
@@ -256,23 +247,18 @@ TEST_F(Server, ACaptureThatIsNotReadLosesFramesAndTellsHowManyAndWhere) {
     EXPECT_EQ(idle.ask(get("msrp/config")), noPorts);
 
     // What was kept comes without a gap, and the frame after the gap says how wide it was.
-    const auto told = [&slow]() -> std::string {
-        std::string line = slow.line();
-        const State::Value value = Control::parseJson(line).value;
-        const State::Value* hex = value.member("frame");
-        if (hex == nullptr) return line;
-        const auto number = std::stoul(std::get<std::string>(hex->data).substr(0, 4), nullptr, 16);
-        const State::Value* dropped = value.member("dropped");
-        return std::to_string(number) + (dropped != nullptr ? " dropped " + State::text(*dropped) : "");
+    const auto line = [&](std::size_t number, const std::string& dropped = {}) {
+        return R"({"capture":"swp1","direction":"sent","frame":")" + Control::hexOctets(numbered(number)) +
+               '"' + dropped + '}';
     };
     std::size_t kept = 0;
-    for (std::string line = told(); line != "silent"; line = told()) ASSERT_EQ(line, std::to_string(kept++));
+    for (std::string told = slow.line(); told != "silent"; told = slow.line()) ASSERT_EQ(told, line(kept++));
     EXPECT_GT(kept, Control::Captures::waitingLimit / 2000);
     EXPECT_LT(kept, Control::Captures::waitingLimit / 1500 + 1000);  // and what the sockets hold
     pass(many);
-    EXPECT_EQ(told(), std::to_string(many) + " dropped " + std::to_string(many - kept));
+    EXPECT_EQ(slow.line(), line(many, ",\"dropped\":" + std::to_string(many - kept)));
     pass(many + 1);
-    EXPECT_EQ(told(), std::to_string(many + 1));
+    EXPECT_EQ(slow.line(), line(many + 1));
 }
 
 TEST_F(Server, DoesNotServeAClientThatFetchesNothing) {
@@ -295,7 +281,7 @@ TEST_F(Server, DoesNotServeAClientThatFetchesNothing) {
 }
 
 TEST_F(Server, SurvivesClientsThatGoAtAnyMoment) {
-    const std::string talk = "{\"op\":\"watch\",\"path\":\"msrp/config\"}\n" + get("msrp/config") + '\n';
+    const std::string talk = watch("msrp/config") + '\n' + get("msrp/config") + '\n';
     for (std::size_t length = 0; length <= talk.size(); ++length) {
         Peer peer{loop, path};
         peer.send(talk.substr(0, length));
@@ -339,7 +325,7 @@ TEST_F(Server, EndsAClientThatNeitherAsksNorWatchesAndOneThatDoesNotFetchWhatItA
     Peer quiet{loop, path};
     Peer watcher{loop, path};
     Peer greedy{loop, path};
-    EXPECT_EQ(watcher.ask(R"({"op":"watch","path":"msrp/cliConfig/srClassAPriority"})"),
+    EXPECT_EQ(watcher.ask(watch("msrp/cliConfig/srClassAPriority")),
               R"({"watch":"msrp/cliConfig/srClassAPriority","value":3})");
     greedy.send(get("msrp/config") + '\n' + get("msrp/config") + '\n' + get("msrp/config") + '\n');
     settle();
@@ -386,7 +372,7 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
     std::vector<std::unique_ptr<Peer>> watchers;
     for (int i = 0; i < 5; ++i) {
         watchers.push_back(std::make_unique<Peer>(loop, path));
-        watchers.back()->send("{\"op\":\"watch\",\"path\":\"long\"}\n");
+        watchers.back()->send(watch("long") + '\n');
     }
     const auto tell = [&] {
         loop.turnUntil([&] {
@@ -409,7 +395,7 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
     loop.longestTurn = {};
     for (int i = 0; i < 60; ++i) {
         watchers.push_back(std::make_unique<Peer>(loop, path));
-        watchers.back()->send("{\"op\":\"get\",\"path\":\"long\"}\n");
+        watchers.back()->send(get("long") + '\n');
     }
     Peer person{loop, path};
     const Runtime::Time asked = loop.now();
@@ -422,7 +408,7 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
 TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     const std::string stale = directory.file("stale");
     const std::string file = directory.write("file", "precious");
-    staleSocket(stale);
+    ::close(directory.boundSocket("stale", SOCK_STREAM));  // as a server that was killed leaves it
     Control::Server other{loop, {records, frames, commands}};
     EXPECT_EQ(other.start(file), "socket " + file + ": a file that is no socket is in the way");
     EXPECT_EQ(other.start(std::string(200, 'x')).substr(0, 12), "socket \"xxxx");

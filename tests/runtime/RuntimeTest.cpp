@@ -2,6 +2,7 @@
 #include "Runtime/ReviewTimer.h"
 #include "Runtime/VirtualLoop.h"
 #include "State/Record.h"
+#include "tests/control/TemporaryDirectory.h"
 
 #include <filesystem>
 #include <fstream>
@@ -74,9 +75,7 @@ TEST(ReviewTimer, BoundsTheRateAndHonoursAnExplicitTime) {
 }
 
 struct RingFiles : testing::Test {
-    RingFiles() { std::filesystem::create_directory(directory); }
-    ~RingFiles() override { std::filesystem::remove_all(directory); }
-    [[nodiscard]] std::string file(const std::string& name) const { return directory + "/" + name; }
+    [[nodiscard]] std::string file(const std::string& name) const { return directory.file(name); }
     /// As a process of that number leaves it, the lines of which are all of that label.
     void leave(const std::string& name, const std::string& label) const {
         RingLog log;
@@ -88,7 +87,7 @@ struct RingFiles : testing::Test {
         return records && !records->empty() ? records->front().label : "none";
     }
     const std::string number = std::to_string(::getpid());
-    const std::string directory = testing::TempDir() + "ring-" + number;
+    const TemporaryDirectory directory;
 };
 
 TEST_F(RingFiles, KeepTheLastRecordsAndTellTheirTimesByBothClocks) {
@@ -131,7 +130,7 @@ TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
     log.write(Time{}, "before");
     EXPECT_EQ(log.reopen(), "");
     std::set<std::string> left;
-    for (const auto& entry : std::filesystem::directory_iterator{directory})
+    for (const auto& entry : std::filesystem::directory_iterator{file("")})
         left.insert(entry.path().filename());
     EXPECT_EQ(left,
               (std::set<std::string>{"Msrp.rl", "Msrp-last.rl", "Msrp-1.rl", "Msrp-4-last.rl", "Msrp-5.rl",
@@ -142,7 +141,7 @@ TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
     EXPECT_NE(refused.initialise(file("Msrp-5.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
     EXPECT_NE(refused.initialise(file("Msrp-6.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
     EXPECT_EQ(std::filesystem::file_size(file("Msrp-5.rl")), 8U);
-    std::filesystem::permissions(directory, std::filesystem::perms::all);
+    std::filesystem::permissions(file(""), std::filesystem::perms::all);
     EXPECT_NE(refused.initialise(file("x.rl"), 24, 0, 1, 1).find("anybody"), std::string::npos);
 }
 
