@@ -58,7 +58,7 @@ TEST(Transmission, ThreeOpportunitiesInOneAndAHalfJoinTimes) {
         net.loop.runFor(5ms);
     }
     net.loop.runFor(1s);
-    EXPECT_EQ(net.b.app.held.size(), 400U);
+    EXPECT_EQ(net.b.app.held[b1].size(), 400U);
     std::vector<Runtime::Time> times;
     for (const auto& frame : net.wire.frames) times.push_back(frame.when);
     times.erase(std::unique(times.begin(), times.end()), times.end());  // PDUs of one opportunity
@@ -75,9 +75,9 @@ TEST(Transmission, OnePduPerOpportunityServesEveryAttributeInTurn) {
         for (std::uint64_t key = 0; key < 200; ++key) net.a.app.declare(a1, say(1, key * 3, i));
         net.play(i == 0 ? "1s a1+3/7=2" : "50ms");
     }
-    EXPECT_EQ(net.b.app.held.size(), 201U);
+    EXPECT_EQ(net.b.app.held[b1].size(), 201U);
     net.play("a1* 3s");
-    EXPECT_EQ(net.b.app.held.size(), 201U);
+    EXPECT_EQ(net.b.app.held[b1].size(), 201U);
     for (const auto& frame : net.wire.frames) EXPECT_LE(frame.pdu.size(), 1500U);
 }
 
@@ -87,7 +87,7 @@ TEST(Transmission, ALeaveAllOfManyKeepsThemAllAndTakesInWhatHappensMeanwhile) {
     for (const auto& side : {&net.a, &net.b}) side->config->maxAttributesPerTypeIs(100'000);
     for (std::uint64_t key = 1; key <= count; ++key) net.a.app.declare(a1, say(1, key * 3));
     net.play("1s");
-    ASSERT_EQ(net.b.app.held.size(), count);
+    ASSERT_EQ(net.b.app.held[b1].size(), count);
     std::uint64_t round = 0;
     for (const char* leaveAll : {"a1*", "b1*"}) {
         ++round;
@@ -102,7 +102,7 @@ TEST(Transmission, ALeaveAllOfManyKeepsThemAllAndTakesInWhatHappensMeanwhile) {
         during.armIn({});
         const std::string heard = net.play("2s");
         EXPECT_EQ(std::count(heard.begin(), heard.end(), '-'), 2);
-        EXPECT_EQ(net.b.app.held.size(), count);
+        EXPECT_EQ(net.b.app.held[b1].size(), count);
     }
 }
 

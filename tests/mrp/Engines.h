@@ -16,7 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace MrpTest {
@@ -77,9 +77,9 @@ inline std::string text(std::span<const std::uint8_t> pdu) {
 /// The application of one engine.  Its books say at any time what the engine must have.
 class App : public Mrp::MrpLib {
 public:
-    /// A port, a type and a key.
-    using Name = std::tuple<IntfId, std::uint8_t, std::uint64_t>;
-    using Books = std::map<Name, Mrp::AttributeValue>;
+    /// A type and a key.
+    using Name = std::pair<std::uint8_t, std::uint64_t>;
+    using Books = std::map<IntfId, std::map<Name, Mrp::AttributeValue>>;
     /// May make requests.
     using Hook = std::function<void(IntfId, const Sim::Say&)>;
 
@@ -87,11 +87,10 @@ public:
 
     void request(IntfId intf, const Sim::Say& what, std::uint8_t kind) {
         const Mrp::AttributeValue value = Sim::valueOf(what);
-        const Name name = nameOf(intf, what);
         if (kind == Mrp::requestDeclare && !engine->standbyMode() && enabled.contains(intf))
-            declared[name] = value;
-        if (kind == Mrp::requestWithdraw || kind == Mrp::requestInternalLeave) declared.erase(name);
-        if (kind == Mrp::requestInternalLeave) held.erase(name);
+            declared[intf][nameOf(what)] = value;
+        if (kind != Mrp::requestDeclare) declared[intf].erase(nameOf(what));
+        if (kind == Mrp::requestInternalLeave) held[intf].erase(nameOf(what));
         outgoing(what.type) = {.value = value.octets, .declaration = value.declaration};
         mrpOutIntfQueueEnq(intf);
         mrpSendAttribute({.intf = intf, .attributeType = what.type, .request = kind});
@@ -99,11 +98,11 @@ public:
     void declare(IntfId intf, const Sim::Say& what) { request(intf, what, Mrp::requestDeclare); }
     void withdraw(IntfId intf, const Sim::Say& what) { request(intf, what, Mrp::requestWithdraw); }
     void purge(IntfId intf, std::uint8_t type, std::uint64_t key) {
-        held.erase({intf, type, key});
+        held[intf].erase({type, key});
         mrpCleanUpIntfDatabaseAttribute(intf, type, key);
     }
     void purgeAll(IntfId intf) {
-        drop(held, intf);
+        held.erase(intf);
         mrpCleanUpIntfDatabase(intf);
     }
     void enable(IntfId intf) {
@@ -112,22 +111,19 @@ public:
     }
     void disable(IntfId intf) {
         enabled.erase(intf);
-        drop(held, intf);
-        drop(declared, intf);
+        held.erase(intf);
+        declared.erase(intf);
         mrpInterfaceDisable(intf);
     }
     void leaveAll(IntfId intf) { periodicSm()->transmitAllLeaveAll(intf); }
 
-    static const Mrp::AttributeType& typeOf(std::uint8_t type) {
-        return Msrp::application().types[type - 1U];
-    }
-    static Name nameOf(IntfId intf, const Sim::Say& what) {
-        return {intf, what.type, typeOf(what.type).key(what.value)};
+    static Name nameOf(const Sim::Say& what) {
+        return {what.type, Msrp::application().types[what.type - 1U].key(what.value)};
     }
     [[nodiscard]] bool registered(IntfId intf, const Sim::Say& what) const {
         bool found = false;
         engine->eachAttribute(intf, [&](const Mrp::AttributeRef& ref, const Mrp::Attribute& attribute) {
-            if (Name{intf, ref.typeIndex + 1, ref.key} == nameOf(intf, what)) found = attribute.registered();
+            if (Name{ref.typeIndex + 1, ref.key} == nameOf(what)) found = attribute.registered();
         });
         return found;
     }
@@ -151,26 +147,24 @@ private:
         if (outOfRange.contains(describe(what))) throw std::range_error("value out of range");
         if (refusing.contains(describe(what))) return 1;
         // Unless the hook has ended it.
-        if (!onJoin || registered(params.intf, what)) held[nameOf(params.intf, what)] = Sim::valueOf(what);
+        if (!onJoin || registered(params.intf, what)) held[params.intf][nameOf(what)] = Sim::valueOf(what);
         return 0;
     }
     void mrpLeaveIndication(const Mrp::MrpParameters& params) override {
         const Sim::Say what = indicated('-', params);
-        Runtime::require(held.erase(nameOf(params.intf, what)) == 1, "a leave of what is held");
+        Runtime::require(held[params.intf].erase(nameOf(what)) == 1, "a leave of what is held");
         if (onLeave) onLeave(params.intf, what);
     }
     /// Writes down what is indicated.
     Sim::Say indicated(char sign, const Mrp::MrpParameters& params) {
         const auto& [value, declaration] = incoming(params.attributeType);
-        const Sim::Say what{Mrp::Event::JoinMt,
-                            params.attributeType,
-                            {value.begin(), value.begin() + typeOf(params.attributeType).valueLength},
-                            static_cast<std::uint8_t>(declaration)};
+        const Sim::Say what{
+            Mrp::Event::JoinMt,
+            params.attributeType,
+            {value.begin(), value.begin() + Msrp::application().types[params.attributeType - 1U].valueLength},
+            static_cast<std::uint8_t>(declaration)};
         heard += sign + params.intf.name() + ' ' + describe(what) + '\n';
         return what;
-    }
-    static void drop(Books& books, IntfId intf) {
-        std::erase_if(books, [intf](const auto& entry) { return std::get<0>(entry.first) == intf; });
     }
 };
 
@@ -198,10 +192,9 @@ struct Wire {
 
 /// One switch with some ports.
 struct Bridge {
-    Bridge(Runtime::Loop& loop, Wire& wire, std::vector<IntfId> names, std::uint64_t seed,
+    Bridge(Runtime::Loop& loop, Wire& wire, const std::vector<IntfId>& ports, std::uint64_t seed,
            bool standby = false)
-        : ports{std::move(names)},
-          engine{std::make_unique<Mrp::MrpSm>(Mrp::Inputs{
+        : engine{std::make_unique<Mrp::MrpSm>(Mrp::Inputs{
               .brConfig = nullptr,
               .application = app,
               .mrpConfig = config,
@@ -229,7 +222,6 @@ struct Bridge {
         engine->standbyModeIs(standby);
         engine->handleStandbyMode();
     }
-    std::vector<IntfId> ports;
     App app;
     std::shared_ptr<Mrp::MrpConfig> config = std::make_shared<Mrp::MrpConfig>();
     std::shared_ptr<Mrp::MrpStatus> status = std::make_shared<Mrp::MrpStatus>();
@@ -267,8 +259,8 @@ struct Pair {
         return out;
     }
     /// Whether each of the two has registered what the other one declares on the link.
-    [[nodiscard]] bool agree() const {
-        return of(a.app.declared, a1) == of(b.app.held, b1) && of(b.app.declared, b1) == of(a.app.held, a1);
+    [[nodiscard]] bool agree() {
+        return a.app.declared[a1] == b.app.held[b1] && b.app.declared[b1] == a.app.held[a1];
     }
     Runtime::VirtualLoop loop;
     Wire wire{loop};
@@ -276,14 +268,6 @@ struct Pair {
     Bridge b;
 
 private:
-    /// The part of one port.
-    static App::Books of(const App::Books& books, IntfId port) {
-        App::Books out;
-        for (const auto& [name, value] : books) {
-            if (std::get<0>(name) == port) out[{IntfId{}, std::get<1>(name), std::get<2>(name)}] = value;
-        }
-        return out;
-    }
     void step(const std::string& word) {
         if (word.ends_with('s')) {
             const std::chrono::milliseconds span{std::stoi(word)};
@@ -301,7 +285,7 @@ private:
         if (what == '+') app.declare(intf, said);
         if (what == '-') app.withdraw(intf, said);
         if (what == '!') app.request(intf, said, Mrp::requestInternalLeave);
-        if (what == '^') app.purge(intf, said.type, std::get<2>(App::nameOf(intf, said)));
+        if (what == '^') app.purge(intf, said.type, App::nameOf(said).second);
     }
     void hear(IntfId intf, const std::string& events) {
         const bool leaveAll = events.starts_with('*');

@@ -65,7 +65,7 @@ TEST(Refusal, ARangeErrorOfAHandlerIsOne) {
     Pair net;
     net.a.app.outOfRange = {"1/5=1"};
     net.play("a2<JoinIn:1/5=1,JoinIn:1/6=1");
-    EXPECT_EQ(net.a.app.held.size(), 1U);
+    EXPECT_EQ(net.a.app.held[a2].size(), 1U);
     const auto status = net.a.status->intf(a2);
     EXPECT_EQ(status->rangeErrors(), 1U);
     EXPECT_EQ(status->refusedJoins(), 1U);
@@ -105,12 +105,12 @@ TEST(Limit, BoundsTheRegistrationsOfAPort) {
     net.a.app.refusing = {"1/0=1", "1/2=1"};
     for (int key = 0; key < 24; key += 2)
         net.play("a2<JoinIn:1/" + std::to_string(key) + "=1,JoinIn:3/" + std::to_string(key) + "=1");
-    EXPECT_EQ(net.a.app.held.size(), 8U + 10U);
+    EXPECT_EQ(net.a.app.held[a2].size(), 8U + 10U);
     EXPECT_EQ(net.a.status->intf(a2)->droppedRegistrations(), 4U);
     net.play("a2<* 1s");
-    EXPECT_TRUE(net.a.app.held.empty());
+    EXPECT_TRUE(net.a.app.held[a2].empty());
     net.play("a2<JoinIn:1/22=1");
-    EXPECT_EQ(net.a.app.held.size(), 1U);
+    EXPECT_EQ(net.a.app.held[a2].size(), 1U);
     const std::vector<std::string> reports{
         "a2: MRP attributes of type 1: no more are registered, the limit of 10 is reached",
         "a2: MRP attributes of type 3: no more are registered, the limit of 10 is reached",
