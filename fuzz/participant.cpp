@@ -63,7 +63,7 @@ private:
         App& app = side.app;
         const IntfId intf = what >= 192 ? b1 : what < 128 ? a2 : a1;
         const int op = what % 32;
-        if (op == 0 || op > 21) return net_.wire.ports.deliver(intf, frame(in_));
+        if (op == 0 || op > 21) return net_.wire.deliver(intf, frame(in_));
         if (op < 4) return app.declare(intf, say(in_));
         if (op < 6) return app.withdraw(intf, say(in_));
         if (op == 6) return purge(app, intf, say(in_));
@@ -150,7 +150,7 @@ private:
         for (Bridge* side : sides_) checkBooks(*side);
         seeds_ = 0;
         for (; judged_ < net_.wire.frames.size(); ++judged_) {
-            const auto& [intf, when, pdu] = net_.wire.frames[judged_];
+            const auto& [intf, pdu] = net_.wire.frames[judged_];
             checkSent(pdu);
             ++sent_[intf];
         }
@@ -192,8 +192,8 @@ private:
     }
     /// Nothing is counted backwards, and every frame is counted once.
     void checkCounters(const Mrp::MrpIntfStatus& counts, IntfId port) {
-        check(counts.rxPdus() == net_.wire.ports.delivered(port), counts.rxPdus(), " frames counted of ",
-              net_.wire.ports.delivered(port), " received");
+        check(counts.rxPdus() == net_.wire.delivered[port], counts.rxPdus(), " frames counted of ",
+              net_.wire.delivered[port], " received");
         check(counts.txPdus() == sent_[port], counts.txPdus(), " frames counted of ", sent_[port], " sent");
         std::vector<std::uint64_t> now{counts.refusedJoins(), counts.rangeErrors(),
                                        counts.droppedRegistrations()};

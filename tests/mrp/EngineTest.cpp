@@ -48,7 +48,7 @@ TEST(Transmission, ConsecutiveValuesPackAndGapsAreBridged) {
         net.sent(a1),
         "JoinMt 1/1; JoinMt 1/2; JoinMt 1/3; JoinMt 1/4\nJoinMt 1/1; JoinMt 1/2; JoinMt 1/3; JoinMt 1/4\n"
         "Lv 1/1; JoinMt 1/2; JoinMt 1/3; Lv 1/4\n");
-    EXPECT_EQ(net.wire.frames.back().pdu.size(), 1U + 4 + 2 + 25 + 2 + 2 + 2);  // one vector
+    EXPECT_EQ(net.wire.frames.back().second.size(), 1U + 4 + 2 + 25 + 2 + 2 + 2);  // one vector
 }
 
 TEST(Transmission, ThreeOpportunitiesInOneAndAHalfJoinTimes) {
@@ -59,8 +59,7 @@ TEST(Transmission, ThreeOpportunitiesInOneAndAHalfJoinTimes) {
     }
     net.loop.runFor(1s);
     EXPECT_EQ(net.b.app.held.size(), 400U);
-    std::vector<Runtime::Time> times;
-    for (const auto& frame : net.wire.frames) times.push_back(frame.when);
+    auto times = net.wire.times;
     times.erase(std::unique(times.begin(), times.end()), times.end());  // PDUs of one opportunity
     ASSERT_GT(times.size(), 15U);
     EXPECT_EQ(times[0], Runtime::Time{1000s});
@@ -78,7 +77,7 @@ TEST(Transmission, OnePduPerOpportunityServesEveryAttributeInTurn) {
     EXPECT_EQ(net.b.app.held.size(), 201U);
     net.play("a1* 3s");
     EXPECT_EQ(net.b.app.held.size(), 201U);
-    for (const auto& frame : net.wire.frames) EXPECT_LE(frame.pdu.size(), 1500U);
+    for (const auto& [intf, pdu] : net.wire.frames) EXPECT_LE(pdu.size(), 1500U);
 }
 
 TEST(Transmission, ALeaveAllOfManyKeepsThemAllAndTakesInWhatHappensMeanwhile) {
@@ -149,8 +148,8 @@ TEST(Timers, LeaveAllComesBetweenOnceAndOneAndAHalfTimesItsTime) {
     Pair net;
     net.play("100s");
     std::vector<Runtime::Time> at;
-    for (const auto& frame : net.wire.frames) {
-        if (frame.from == a2) at.push_back(frame.when);
+    for (std::size_t i = 0; i < net.wire.frames.size(); ++i) {
+        if (net.wire.frames[i].first == a2) at.push_back(net.wire.times[i]);
     }
     ASSERT_GE(at.size(), 6U);
     for (std::size_t i = 1; i < at.size(); ++i) {

@@ -9,6 +9,7 @@
 #include "Sim/Peer.h"
 
 #include <algorithm>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -80,8 +81,8 @@ public:
     /// A port, a type and a key.
     using Name = std::tuple<IntfId, std::uint8_t, std::uint64_t>;
     using Books = std::map<Name, Mrp::AttributeValue>;
-    /// May make requests.
-    using Hook = std::function<void(IntfId, const Sim::Say&)>;
+    /// May make requests, throw, or refuse the join by returning true.
+    using Hook = std::function<bool(IntfId, const Sim::Say&)>;
 
     App() : MrpLib{Msrp::application()} {}
 
@@ -89,6 +90,7 @@ public:
         const Mrp::AttributeValue value = Sim::valueOf(what);
         const Name name = nameOf(intf, what);
         if (kind == Mrp::requestDeclare && active(intf)) declared[name] = value;
+        if (kind == Mrp::requestSeed && active(intf) && !registered(name)) held[name] = value;
         if (kind == Mrp::requestWithdraw || kind == Mrp::requestInternalLeave) declared.erase(name);
         if (kind == Mrp::requestInternalLeave) held.erase(name);
         outgoing(what.type) = {.value = value.octets, .declaration = value.declaration};
@@ -123,13 +125,7 @@ public:
     static Name nameOf(IntfId intf, const Sim::Say& what) {
         return {intf, what.type, typeOf(what.type).key(what.value)};
     }
-    [[nodiscard]] bool registered(IntfId intf, const Sim::Say& what) const {
-        bool found = false;
-        each(intf, [&](const Name& name, const Mrp::Attribute& attribute) {
-            if (name == nameOf(intf, what)) found = attribute.registered();
-        });
-        return found;
-    }
+    [[nodiscard]] bool active(IntfId intf) const { return !engine->standbyMode() && enabled.contains(intf); }
     /// Visits what the engine knows of a port.
     template <class Visit>
     void each(IntfId intf, Visit&& visit) const {
@@ -137,7 +133,13 @@ public:
             visit(Name{intf, static_cast<std::uint8_t>(ref.typeIndex + 1), ref.key}, attribute);
         });
     }
-    [[nodiscard]] bool active(IntfId intf) const { return !engine->standbyMode() && enabled.contains(intf); }
+    [[nodiscard]] bool registered(const Name& name) const {
+        bool found = false;
+        each(std::get<0>(name), [&](const Name& other, const Mrp::Attribute& attribute) {
+            if (other == name) found = attribute.registered();
+        });
+        return found;
+    }
     std::string take() { return std::exchange(heard, {}); }
 
     Mrp::MrpSm* engine = nullptr;
@@ -154,11 +156,12 @@ private:
     [[nodiscard]] const std::type_info& fwkType() const override { return typeid(App); }
     std::uint8_t mrpJoinIndication(const Mrp::MrpParameters& params) override {
         const Sim::Say what = indicated('+', params);
-        if (onJoin) onJoin(params.intf, what);
-        if (outOfRange.contains(describe(what))) throw std::range_error("value out of range");
-        if (refusing.contains(describe(what))) return 1;
-        // Unless the hook has ended it.
-        if (!onJoin || registered(params.intf, what)) held[nameOf(params.intf, what)] = Sim::valueOf(what);
+        const std::string name = describe(what);
+        const Name at = nameOf(params.intf, what);
+        if (onJoin && onJoin(params.intf, what)) return 1;
+        if (outOfRange.contains(name)) throw std::range_error("value out of range");
+        if (refusing.contains(name)) return 1;
+        if (!onJoin || registered(at)) held[at] = Sim::valueOf(what);  // unless the hook has ended it
         return 0;
     }
     void mrpLeaveIndication(const Mrp::MrpParameters& params) override {
@@ -181,26 +184,57 @@ private:
     }
 };
 
-/// Cables in memory, and all that was sent over them.
-struct Wire {
-    struct Frame {
-        IntfId from;
-        Runtime::Time when;
-        Pdu pdu;
-    };
+/// Ports in memory.  A frame arrives at `peer` of its port a little later, unless `lose` says otherwise.
+class Wire : public Mrp::PacketPortProvider {
+public:
+    explicit Wire(Runtime::Loop& loop) : loop_{loop} {}
 
-    explicit Wire(Runtime::Loop& on) : loop{on}, ports{on} {}
-    /// What the port sends arrives at its peer, if it has one, unless `lose` says otherwise.
-    void cableIs(IntfId port, IntfId peer = {}) {
-        ports.cableIs(port, [this, port, peer](const Pdu& pdu) {
-            frames.push_back({port, loop.now(), pdu});
-            if ((!lose || !lose(frames.size() - 1)) && peer) ports.deliver(peer, pdu);
-        });
+    std::unique_ptr<Mrp::PacketPort> open(IntfId intf, Receiver receiver) override {
+        receivers_[intf] = std::move(receiver);
+        return std::make_unique<Port>(*this, intf);
     }
-    Runtime::Loop& loop;
-    Sim::Ports ports;
+    void deliver(IntfId intf, const Pdu& pdu) {
+        // A copy of just its size: reading past its end is then seen by the sanitizer.
+        const Pdu exact{pdu.begin(), pdu.end()};
+        if (const auto at = receivers_.find(intf); at != receivers_.end()) {
+            ++delivered[intf];
+            at->second(exact);
+        }
+    }
+    [[nodiscard]] bool isOpen(IntfId intf) const { return receivers_.contains(intf); }
+
+    std::map<IntfId, IntfId> peer;
     std::function<bool(std::size_t number)> lose;  ///< counting all frames
-    std::vector<Frame> frames;
+    std::function<Runtime::Duration(std::size_t number)> delay;
+    std::vector<std::pair<IntfId, Pdu>> frames;
+    std::vector<Runtime::Time> times;
+    std::map<IntfId, std::size_t> delivered;
+
+private:
+    struct Port : Mrp::PacketPort {
+        Port(Wire& owner, IntfId intf) : wire{owner}, name{intf} {}
+        ~Port() override { wire.receivers_.erase(name); }
+        bool send(std::span<const std::uint8_t> pdu) override {
+            const bool lost = wire.lose && wire.lose(wire.frames.size());
+            wire.frames.emplace_back(name, Pdu{pdu.begin(), pdu.end()});
+            wire.times.push_back(wire.loop_.now());
+            if (lost || !wire.peer.contains(name)) return !lost;
+            // What has landed need not be kept.
+            while (!wire.flights_.empty() && !wire.flights_.front()->armed()) wire.flights_.pop_front();
+            auto& flight = wire.flights_.emplace_back();
+            flight = std::make_unique<Runtime::Timer>(
+                wire.loop_, [&w = wire, to = wire.peer.at(name), frame = wire.frames.back().second] {
+                    w.deliver(to, frame);
+                });
+            flight->armIn(wire.delay ? wire.delay(wire.frames.size()) : 10us);
+            return true;
+        }
+        Wire& wire;
+        IntfId name;
+    };
+    Runtime::Loop& loop_;
+    std::map<IntfId, Receiver> receivers_;
+    std::deque<std::unique_ptr<Runtime::Timer>> flights_;
 };
 
 /// One switch with some ports.
@@ -209,20 +243,19 @@ struct Bridge {
            bool standby = false)
         : ports{std::move(names)},
           engine{std::make_unique<Mrp::MrpSm>(Mrp::Inputs{
-              .brConfig = nullptr,
+              .brConfig = bridging,
               .application = app,
               .mrpConfig = config,
               .mrpStatus = status,
               .attributes = nullptr,
-              .stpStatus = nullptr,
+              .stpStatus = stp,
               .topoConfig = nullptr,
               .ethPhyIntfStatusDir = links,
-              .environment = {loop, wire.ports, trace,
+              .environment = {loop, wire, trace,
                               [this](IntfId, const std::string& line) { reports.push_back(line); }, seed},
               .standbyMode = standby})} {
         app.engine = engine.get();
         for (const IntfId port : ports) {
-            wire.cableIs(port);
             linkIs(port, true);
             app.enable(port);
         }
@@ -240,6 +273,8 @@ struct Bridge {
     App app;
     std::shared_ptr<Mrp::MrpConfig> config = std::make_shared<Mrp::MrpConfig>();
     std::shared_ptr<Mrp::MrpStatus> status = std::make_shared<Mrp::MrpStatus>();
+    std::shared_ptr<Bridging::Config> bridging = std::make_shared<Bridging::Config>();
+    std::shared_ptr<Stp::Status> stp = std::make_shared<Stp::Status>();
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> links =
         std::make_shared<Interface::AllEthPhyIntfStatusDir>();
     Runtime::Trace trace;
@@ -250,8 +285,7 @@ struct Bridge {
 /// "a1" and "b1" joined by a link; frames can also be played to "a2", which has no peer.
 struct Pair {
     explicit Pair(std::uint64_t seed = 1) : a{loop, wire, {a1, a2}, seed}, b{loop, wire, {b1}, seed + 1} {
-        wire.cableIs(a1, b1);
-        wire.cableIs(b1, a1);
+        wire.peer = {{a1, b1}, {b1, a1}};
     }
     /// Lets happen what the words say, and tells what both applications have heard since the last call, as
     /// "+b1 1/5=100\n" (joined) and "-b1 1/5=100\n" (left).  "50ms" and "2s" pass; and at a port:
@@ -269,7 +303,7 @@ struct Pair {
         std::string out;
         auto& from = taken_[intf];
         for (; from < wire.frames.size(); ++from) {
-            if (wire.frames[from].from == intf) out += text(wire.frames[from].pdu) + '\n';
+            if (wire.frames[from].first == intf) out += text(wire.frames[from].second) + '\n';
         }
         return out;
     }
@@ -319,8 +353,7 @@ private:
             said.push_back(say(word.substr(colon + 1),
                                *State::Codec<Mrp::Event>::decode(State::Value{word.substr(0, colon)})));
         }
-        for (const Pdu& pdu : Sim::pdusOf(said, leaveAll)) wire.ports.deliver(intf, pdu);
-        loop.settle();
+        for (const Pdu& pdu : Sim::pdusOf(said, leaveAll)) wire.deliver(intf, pdu);
     }
 
     std::map<IntfId, std::size_t> taken_;

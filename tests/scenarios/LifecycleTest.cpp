@@ -38,17 +38,6 @@ TEST_F(Scenario, ReviewsWaitForACloggedLog) {
     EXPECT_EQ(bridge.streams(), "0x1 SrClassA 9088 p1 -> p1\n");
 }
 
-TEST_F(Scenario, AStreamThatEndsBeforeItsReviewIsNeverPublished) {
-    core();
-    p2.say(listener(1, ListenerState::Ready));
-    loop.runFor(1ms);
-    EXPECT_EQ(bridge.streams(), "0x1 no talker\n");
-    bridge.linkIs("p2", false);
-    EXPECT_EQ(bridge.streams(), "");
-    quiet();
-    EXPECT_TRUE(bridge.status->registeredStreams().empty());
-}
-
 TEST_F(Scenario, AListenerKeepsTheRecordOfATalkerThatLeftOrMoves) {
     reserve();
     p1.say(advertise({}, Event::Lv));
@@ -116,22 +105,6 @@ TEST_F(Scenario, RecordsTellAllOfAStreamAndNothingOfATalkerThatLeft) {
                              "listenerReadyFailed 1}\np2 rx {listenerLeave 1, listenerReady 1} tx {" +
                              declared + "\np3 rx {listenerLeave 1, listenerAskingFailed 1} tx {" + declared +
                              "\n");
-}
-
-TEST_F(Scenario, AListenerOfTheTalkersOwnPortLeavesNoGhost) {
-    core();
-    p1.say(listener(1, ListenerState::Ready));
-    settle();
-    p1.say(advertise({}));
-    settle();
-    p1.say(listener(1, ListenerState::Ready, Event::Lv));  // discarded: the talker stands on the same port
-    quiet();
-    p1.say(listener(1, ListenerState::Ready));  // refused
-    settle();
-    // The peer goes silent; what it had declared ages out.
-    loop.runFor(30s);
-    EXPECT_EQ(bridge.streams(), "");
-    EXPECT_TRUE(bridge.status->registeredStreams().empty());
 }
 
 TEST_F(Scenario, ATalkerThatChangedItsAddressFreesTheOneItHeld) {

@@ -156,6 +156,7 @@ TEST_F(TakeOverOf, OneThatDiedByItsOwnRestartLosesNothing) {
     quiet();
     EXPECT_EQ(picture(), all);
     const std::string heard = p2.heard();
+    EXPECT_TRUE(heard.starts_with("LeaveAll\n")) << heard;
     EXPECT_EQ(heard.find("Lv "), std::string::npos) << heard;
 }
 
