@@ -80,7 +80,7 @@ public:
 
 private:
     SocketLoop& loop_;
-    Control::Descriptor socket_;
+    Runtime::FileDescriptor socket_;
     std::string in_;
     bool closed_ = false;
 };
