@@ -48,7 +48,14 @@ std::string Client::receive(State::Value& reply, unsigned seconds) {
     in_.erase(0, newline + 1);
     if (problem) return failure("an answer that is no JSON: " + problem->what);
     reply = std::move(value);
-    return {};
+    const State::Value* error = reply.member("error");
+    const auto* text = error != nullptr ? std::get_if<std::string>(&error->data) : nullptr;
+    return text != nullptr ? *text : std::string{};
+}
+
+std::string Client::ask(const State::Value& request, State::Value& reply) {
+    std::string problem = send(request);
+    return problem.empty() ? receive(reply) : problem;
 }
 
 void Client::hangUp() const { ::shutdown(socket_.get(), SHUT_RDWR); }

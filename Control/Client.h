@@ -11,13 +11,19 @@ namespace Control {
 
 class Client {
 public:
+    /// Seconds within which a daemon that is alive answers.
+    static constexpr unsigned patience = 10;
+
     /// Empty on success, else one line that names the socket.
     std::string connect(const std::string& path);
 
     /// Sends one request.  Empty on success, else one line that names the socket.
     std::string send(const State::Value& request);
-    /// Waits for the next reply, at most `seconds` (0: for ever).
-    std::string receive(State::Value& reply, unsigned seconds);
+    /// Waits for the next reply, at most `seconds` (0: for ever).  Empty on success, else one line: what the
+    /// daemon refuses, or one that names the socket.
+    std::string receive(State::Value& reply, unsigned seconds = patience);
+    /// Sends one request and waits for its reply.
+    std::string ask(const State::Value& request, State::Value& reply);
     /// Hangs up.  Replies that have come in are still received, and then it is as if the other side had
     /// closed the socket.  May be called from a signal handler.
     void hangUp() const;

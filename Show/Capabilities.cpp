@@ -1,6 +1,7 @@
 #include "Show/Capabilities.h"
 
 #include "Show/Table.h"
+#include "Show/Views.h"
 
 #include <array>
 #include <utility>
@@ -24,7 +25,64 @@ constexpr auto meanings = std::to_array<std::pair<std::string_view, std::string_
     {"ethtool", "changes of a link's speed"},
 });
 
+using Meaning = std::pair<std::string_view, std::string_view>;
+struct AbilityRow {
+    const Value& capabilities;
+    Meaning ability;
+};
+
+// For people; programs get the record itself.
+const Column<AbilityRow> abilityColumns[]{
+    {"KERNEL", "", [](const auto& r) { return r.ability.first; }},
+    {"STATE", "", [](const auto& r) { return at(r.capabilities, {r.ability.first}); }},
+    {"WHAT FOR", "", [](const auto& r) { return r.ability.second; }},
+};
+
+using ShapingRow = std::pair<std::string, Value>;
+const Column<ShapingRow> shapingColumns[]{
+    {"PORT", "", [](const auto& r) { return r.first; }},
+    {"SHAPER", "", [](const auto& r) { return at(r.second, {"shaper"}); }},
+    {"WHY NO BETTER", "", [](const auto& r) { return at(r.second, {"why"}); }},
+    {"INCOMING PRIORITIES", "",
+     [](const auto& r) {
+         const std::string problem = textOf(at(r.second, {"ingressProblem"}));
+         return problem.empty() ? std::string{"choose the queue"} : problem;
+     }},
+};
+
+constexpr std::string_view capabilitiesPath = "linux/capabilities";
+constexpr std::string_view groupsPath = "linux/groups";
+
+std::string groupsText(const Value& groups) {
+    const auto number = [&](std::string_view field) { return std::to_string(numberOf(at(groups, {field}))); };
+    std::string out = "Groups: " + number("programmed") + " of " + number("wanted") + " programmed, " +
+                      number("foreign") + " of them by others; the table holds " + number("tableUsed") +
+                      " of " + number("tableSize") + ".\n";
+    const auto& failed = membersOf(at(groups, {"failed"}));
+    for (const auto& [entry, why] : failed) out += "    not " + entry + ": " + textOf(why) + '\n';
+    if (const auto missing = numberOf(at(groups, {"missing"})); missing > failed.size())
+        out += "    and " + std::to_string(missing - failed.size()) + " others\n";
+    return out;
+}
+
+std::string capabilitiesText(const Snapshot& snapshot) {
+    const Value& capabilities = snapshot.record(capabilitiesPath);
+    std::vector<AbilityRow> abilities;
+    for (const Meaning& meaning : meanings) abilities.push_back({capabilities, meaning});
+    const State::Object& ports = membersOf(at(capabilities, {"shaping"}));
+    return Table{abilityColumns, 0, abilities}.text() + '\n' +
+           (ports.empty() ? "" : Table{shapingColumns, 0, ports}.text() + '\n') +
+           groupsText(snapshot.record(groupsPath)) + floodText(snapshot);
+}
+
 }  // namespace
+
+const View& capabilities() {
+    static const View view{{std::string{capabilitiesPath}, std::string{groupsPath}},
+                           capabilitiesText,
+                           [](const Snapshot& s) { return s.record(capabilitiesPath); }};
+    return view;
+}
 
 std::string floodText(const Snapshot& snapshot) {
     const Value& groups = snapshot.record(groupsPath);
@@ -34,31 +92,6 @@ std::string floodText(const Snapshot& snapshot) {
     for (const auto& [port, all] : membersOf(at(groups, {"routerPorts"})))
         out += "Every stream goes to " + port + " as well: a multicast router is taken to be there.\n";
     return out;
-}
-
-std::string capabilitiesText(const Snapshot& snapshot) {
-    const Value& capabilities = snapshot.record(capabilitiesPath);
-    Table kernel{{{"KERNEL", ""}, {"STATE", ""}, {"WHAT FOR", ""}}, 0};
-    for (const auto& [name, meaning] : meanings)
-        kernel.row({name, at(capabilities, {name}), Value{std::string{meaning}}});
-    Table ports{{{"PORT", ""}, {"SHAPER", ""}, {"WHY NO BETTER", ""}, {"INCOMING PRIORITIES", ""}}, 0};
-    for (const auto& [port, shaping] : membersOf(at(capabilities, {"shaping"}))) {
-        const std::string problem = textOf(at(shaping, {"ingressProblem"}));
-        ports.row({port, at(shaping, {"shaper"}), at(shaping, {"why"}),
-                   Value{problem.empty() ? std::string{"choose the queue"} : problem}});
-    }
-    const Value& groups = snapshot.record(groupsPath);
-    const auto number = [&](std::string_view field) { return std::to_string(numberOf(at(groups, {field}))); };
-    std::string out = kernel.text();
-    if (!ports.empty()) out += '\n' + ports.text();
-    out += "\nGroups: " + number("programmed") + " of " + number("wanted") + " programmed, " +
-           number("foreign") + " of them by others; the table holds " + number("tableUsed") + " of " +
-           number("tableSize") + ".\n";
-    const auto& failed = membersOf(at(groups, {"failed"}));
-    for (const auto& [entry, why] : failed) out += "    not " + entry + ": " + textOf(why) + '\n';
-    if (const auto missing = numberOf(at(groups, {"missing"})); missing > failed.size())
-        out += "    and " + std::to_string(missing - failed.size()) + " others\n";
-    return out + floodText(snapshot);
 }
 
 }  // namespace Show

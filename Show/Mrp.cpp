@@ -2,9 +2,10 @@
 
 #include "Msrp/types/Attributes.h"
 #include "Show/StreamReport.h"
+#include "Show/Table.h"
+#include "Show/Views.h"
 
 #include <array>
-#include <cstdio>
 
 namespace Show {
 
@@ -18,15 +19,6 @@ constexpr std::array<std::string_view, 4> typeNames{"Talker Advertise", "Talker 
 
 std::string typeName(U64 type) {
     return type >= 1 && type <= typeNames.size() ? std::string{typeNames[type - 1]} : std::to_string(type);
-}
-
-/// "7.3 s"; null for a timer that does not run.
-Value spanValue(const Value& seconds) {
-    const auto known = State::Codec<double>::decode(seconds);
-    if (!known) return {};
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f s", *known);
-    return Value{text};
 }
 
 std::string attributeName(U64 type, U64 key) {
@@ -62,12 +54,6 @@ std::string countsText(const Value& counts) {
     return out.empty() ? "none" : out;
 }
 
-U64 total(const Value& counts) {
-    U64 sum = 0;
-    for (const auto& [name, count] : membersOf(counts)) sum += numberOf(count);
-    return sum;
-}
-
 /// "JoinIn 5, Lv 1"
 std::string eventsText(const Value& counts) {
     std::string out;
@@ -78,86 +64,107 @@ std::string eventsText(const Value& counts) {
     return out.empty() ? "none" : out;
 }
 
-std::string spanText(const Value& seconds) {
-    const Value span = spanValue(seconds);
-    return span.isNull() ? "not running" : "in " + textOf(span);
+std::string timerText(const Value& seconds) {
+    return seconds.isNull() ? "not running" : "in " + spanCell(seconds);
 }
+
+struct EngineRow {
+    std::string port;
+    const Value& machines;
+    const Value& counters;
+};
+
+const Column<EngineRow> engineColumns[]{
+    {"PORT", "port", [](const auto& r) { return r.port; }},
+    {"REGISTERED", "registered", [](const auto& r) { return sumOf(at(r.machines, {"registered"})); }},
+    {"DECLARED", "declared", [](const auto& r) { return sumOf(at(r.machines, {"declared"})); }},
+    {"REFUSED", "refused", [](const auto& r) { return at(r.machines, {"refused"}); }},
+    {"LEAVEALL IN", "leaveAllIn", [](const auto& r) { return at(r.machines, {"leaveAllIn"}); }, spanCell},
+    {"RX FRAMES", "rxPdus", [](const auto& r) { return at(r.counters, {"rxPdus"}); }},
+    {"TX FRAMES", "txPdus", [](const auto& r) { return at(r.counters, {"txPdus"}); }},
+    {"MALFORMED", "malformed", [](const auto& r) { return sumOf(at(r.counters, {"malformed"})); }},
+    {"DROPPED", "droppedPdus", [](const auto& r) { return at(r.counters, {"droppedPdus"}); }},
+};
+
+std::string machinesPath(const std::string& port) { return mrpPath(port) + "/machines"; }
+
+Table engineTable(const Snapshot& snapshot) {
+    std::vector<EngineRow> rows;
+    for (const auto& [port, counters] : membersOf(at(snapshot.record("mrp/status"), {"intf"}))) {
+        const Value& machines = snapshot.record(machinesPath(port));
+        if (!machines.isNull()) rows.push_back({port, machines, counters});
+    }
+    return {engineColumns, 1, rows};
+}
+
+std::vector<std::string> machinesOfPorts(const Snapshot& snapshot) {
+    std::vector<std::string> paths;
+    for (const auto& [port, counters] : membersOf(at(snapshot.record("mrp/status"), {"intf"})))
+        paths.push_back(machinesPath(port));
+    return paths;
+}
+
+struct AttributeRow {
+    U64 type;
+    U64 key;
+    const Value& attribute;
+};
+
+/// For people; programs get the record itself.
+const Column<AttributeRow> attributeColumns[]{
+    {"TYPE", "", [](const auto& r) { return typeName(r.type); }},
+    {"ATTRIBUTE", "", [](const auto& r) { return attributeName(r.type, r.key); }},
+    {"APPLICANT", "", [](const auto& r) { return at(r.attribute, {"applicant"}); }},
+    {"REGISTRAR", "", [](const auto& r) { return at(r.attribute, {"registrar"}); }},
+    {"DECLARED", "", [](const auto& r) { return valueText(r.type, at(r.attribute, {"declared"})); }},
+    {"REGISTERED", "", [](const auto& r) { return valueText(r.type, at(r.attribute, {"registered"})); }},
+    {"REFUSED", "", [](const auto& r) { return at(r.attribute, {"refused"}); }},
+    {"AGE", "", [](const auto& r) { return at(r.attribute, {"age"}); }, ageCell},
+    {"LEAVE IN", "", [](const auto& r) { return at(r.attribute, {"leaveIn"}); }, spanCell},
+};
 
 }  // namespace
 
+const View& engines() {
+    static const View view{{"mrp/status", "linux/packets"},
+                           [](const Snapshot& s) { return engineTable(s).text(); },
+                           [](const Snapshot& s) { return engineTable(s).value(); },
+                           machinesOfPorts};
+    return view;
+}
+
 std::string mrpPath(const std::string& port) { return "mrp/attributes/intf/" + port; }
-
-Table mrpPorts(const Snapshot& snapshot) {
-    Table table{{{"PORT", "port"},
-                 {"REGISTERED", "registered"},
-                 {"DECLARED", "declared"},
-                 {"REFUSED", "refused"},
-                 {"LEAVEALL IN", "leaveAllIn"},
-                 {"RX FRAMES", "rxPdus"},
-                 {"TX FRAMES", "txPdus"},
-                 {"MALFORMED", "malformed"},
-                 {"DROPPED", "droppedPdus"}},
-                1};
-    for (const auto& [port, counters] : membersOf(at(snapshot.record("mrp/status"), {"intf"}))) {
-        const Value& machines = snapshot.record(mrpPath(port) + "/machines");
-        if (machines.isNull()) continue;
-        table.row({port, Value{total(at(machines, {"registered"}))}, Value{total(at(machines, {"declared"}))},
-                   at(machines, {"refused"}), spanValue(at(machines, {"leaveAllIn"})),
-                   at(counters, {"rxPdus"}), at(counters, {"txPdus"}),
-                   Value{total(at(counters, {"malformed"}))}, at(counters, {"droppedPdus"})});
-    }
-    return table;
-}
-
-Table mrpAttributes(const Value& record) {
-    Table table{{{"TYPE", "type"},
-                 {"ATTRIBUTE", "attribute"},
-                 {"APPLICANT", "applicant"},
-                 {"REGISTRAR", "registrar"},
-                 {"DECLARED", "declared"},
-                 {"REGISTERED", "registered"},
-                 {"REFUSED", "refused"},
-                 {"AGE", "age"},
-                 {"LEAVE IN", "leaveIn"}},
-                2};
-    for (const auto& [name, attribute] : membersOf(at(record, {"attribute"}))) {
-        const std::size_t slash = name.find('/');
-        const U64 type = State::parseDecimal(name.substr(0, slash), 255).value_or(0);
-        const U64 key = State::parseHex(name.substr(slash + 1)).value_or(0);
-        table.row({typeName(type), attributeName(type, key), at(attribute, {"applicant"}),
-                   at(attribute, {"registrar"}), valueText(type, at(attribute, {"declared"})),
-                   valueText(type, at(attribute, {"registered"})), at(attribute, {"refused"}),
-                   ageText(State::Codec<double>::decode(at(attribute, {"age"})).value_or(-1.0)),
-                   spanValue(at(attribute, {"leaveIn"}))});
-    }
-    return table;
-}
 
 std::string mrpText(const Snapshot& snapshot, const std::string& port) {
     const Value& record = snapshot.record(mrpPath(port));
     const Value& machines = at(record, {"machines"});
     const Value& counters = at(snapshot.record("mrp/status"), {"intf", port});
-    const auto number = [&](std::string_view field) {
-        return std::to_string(numberOf(at(counters, {field})));
-    };
-    std::string out;
-    out += "LeaveAll     " + textOf(at(machines, {"leaveAll"})) + ", next " +
-           spanText(at(machines, {"leaveAllIn"})) + '\n';
-    out += "opportunity  " + spanText(at(machines, {"opportunityIn"})) + '\n';
-    out += "leave timer  " + spanText(at(machines, {"leaveIn"})) + '\n';
-    out += "registered   " + countsText(at(machines, {"registered"})) + '\n';
-    out += "declared     " + countsText(at(machines, {"declared"})) + '\n';
-    out += "frames       " + number("rxPdus") + " received, " + number("txPdus") + " sent, " +
-           number("droppedPdus") + " dropped";
     const Value& socket = at(snapshot.record("linux/packets"), {"intf", port});
-    out += ", " + std::to_string(numberOf(at(socket, {"receiveDropped"}))) + " by the kernel\n";
-    out += "received     " + eventsText(at(counters, {"rxEvents"})) + '\n';
-    out += "sent         " + eventsText(at(counters, {"txEvents"})) + '\n';
-    out += "malformed    " + eventsText(at(counters, {"malformed"})) + '\n';
-    out += "refused      " + number("refusedJoins") + " joins, " + number("rangeErrors") + " out of range, " +
-           number("droppedRegistrations") + " over the limit\n";
-    const Table table = mrpAttributes(record);
-    return table.empty() ? out : out + table.text();
+    const auto number = [](const Value& value, std::string_view field) {
+        return std::to_string(numberOf(at(value, {field})));
+    };
+    std::vector<AttributeRow> rows;
+    for (const auto& [name, attribute] : membersOf(at(record, {"attribute"}))) {
+        const std::size_t slash = name.find('/');
+        rows.push_back({State::parseDecimal(name.substr(0, slash), 255).value_or(0),
+                        State::parseHex(name.substr(slash + 1)).value_or(0), attribute});
+    }
+    return facts({{"LeaveAll",
+                   textOf(at(machines, {"leaveAll"})) + ", next " + timerText(at(machines, {"leaveAllIn"}))},
+                  {"opportunity", timerText(at(machines, {"opportunityIn"}))},
+                  {"leave timer", timerText(at(machines, {"leaveIn"}))},
+                  {"registered", countsText(at(machines, {"registered"}))},
+                  {"declared", countsText(at(machines, {"declared"}))},
+                  {"frames", number(counters, "rxPdus") + " received, " + number(counters, "txPdus") +
+                                 " sent, " + number(counters, "droppedPdus") + " dropped, " +
+                                 number(socket, "receiveDropped") + " by the kernel"},
+                  {"received", eventsText(at(counters, {"rxEvents"}))},
+                  {"sent", eventsText(at(counters, {"txEvents"}))},
+                  {"malformed", eventsText(at(counters, {"malformed"}))},
+                  {"refused", number(counters, "refusedJoins") + " joins, " +
+                                  number(counters, "rangeErrors") + " out of range, " +
+                                  number(counters, "droppedRegistrations") + " over the limit"}}) +
+           (rows.empty() ? "" : Table{attributeColumns, 2, rows}.text());
 }
 
 }  // namespace Show

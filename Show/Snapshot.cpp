@@ -27,6 +27,12 @@ std::uint64_t numberOf(const Value& value) {
     return number != nullptr ? *number : 0;
 }
 
+std::uint64_t sumOf(const Value& value) {
+    std::uint64_t sum = 0;
+    for (const auto& [name, number] : membersOf(value)) sum += numberOf(number);
+    return sum;
+}
+
 bool isTrue(const Value& value) {
     const auto* flag = std::get_if<bool>(&value.data);
     return flag != nullptr && *flag;
@@ -41,6 +47,14 @@ const State::Object& membersOf(const Value& value) {
 const Value& Snapshot::record(std::string_view path) const {
     const auto found = records.find(path);
     return found != records.end() ? found->second : none;
+}
+
+std::vector<std::string> enabledPorts(const Snapshot& snapshot) {
+    std::vector<std::string> all;
+    for (const auto& [port, enabled] : membersOf(at(snapshot.record("msrp/config"), {"intfEnable"}))) {
+        if (isTrue(enabled)) all.push_back(port);
+    }
+    return all;
 }
 
 }  // namespace Show

@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Show {
 
@@ -18,6 +19,8 @@ const State::Value& at(const State::Value& value, std::initializer_list<std::str
 std::string textOf(const State::Value& value);
 /// 0 for anything but a whole number.
 std::uint64_t numberOf(const State::Value& value);
+/// All members' numbers together.
+std::uint64_t sumOf(const State::Value& value);
 bool isTrue(const State::Value& value);
 /// The members of an object; none for anything else.
 const State::Object& membersOf(const State::Value& value);
@@ -30,5 +33,8 @@ struct Snapshot {
     /// A null value when there is no such record.
     [[nodiscard]] const State::Value& record(std::string_view path) const;
 };
+
+/// Those on which MSRP is configured to run.
+std::vector<std::string> enabledPorts(const Snapshot& snapshot);
 
 }  // namespace Show

@@ -67,8 +67,8 @@ public:
             r.wait = lines_.forAddress(id, stream);
             r.failure += waitText(*r.wait);
         }
-        for (const auto& [port, enabled] : membersOf(at(snapshot_.record("msrp/config"), {"intfEnable"}))) {
-            if (isTrue(enabled) && port != r.from) r.ports.push_back(portReport(r, stream, port));
+        for (const std::string& port : enabledPorts(snapshot_)) {
+            if (port != r.from) r.ports.push_back(portReport(r, stream, port));
         }
         return r;
     }

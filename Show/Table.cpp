@@ -1,5 +1,7 @@
 #include "Show/Table.h"
 
+#include "State/Codec.h"
+
 #include <algorithm>
 #include <cstdio>
 
@@ -9,23 +11,15 @@ using State::Value;
 
 namespace {
 
-std::string cellText(const Value& cell) {
-    if (cell.isNull()) return "-";
-    if (const auto* flag = std::get_if<bool>(&cell.data)) return *flag ? "yes" : "no";
-    if (const auto* text = std::get_if<std::string>(&cell.data)) return text->empty() ? "-" : *text;
-    if (cell.object() != nullptr) {
-        std::string all;
-        for (const auto& [name, value] : *cell.object())
-            all += (all.empty() ? "" : ", ") + name + ' ' + cellText(value);
-        return all;
-    }
-    return State::text(cell);
-}
-
 /// The object under the key, made when there is none.
 State::Object& below(State::Object& members, const std::string& key) {
     if (members.empty() || members.back().first != key) members.emplace_back(key, Value{State::Object{}});
     return std::get<State::Object>(members.back().second.data);
+}
+
+std::string padded(std::string text, std::size_t width) {
+    text.resize(std::max(width, text.size()), ' ');
+    return text;
 }
 
 }  // namespace
@@ -49,43 +43,70 @@ std::string ageText(double seconds) {
     return text;
 }
 
-void Table::row(std::vector<Value> cells) { rows_.push_back({std::move(cells), {}}); }
+std::string spanText(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f s", seconds);
+    return text;
+}
 
-void Table::note(std::string line) { rows_.back().notes += std::move(line) + '\n'; }
+std::string cellText(const Value& cell) {
+    if (cell.isNull()) return "-";
+    if (const auto* flag = std::get_if<bool>(&cell.data)) return *flag ? "yes" : "no";
+    if (const auto* text = std::get_if<std::string>(&cell.data)) return text->empty() ? "-" : *text;
+    if (const State::Object* members = cell.object()) {
+        std::string all;
+        for (const auto& [name, value] : *members)
+            all += (all.empty() ? "" : ", ") + name + ' ' + cellText(value);
+        return all.empty() ? "-" : all;
+    }
+    return State::text(cell);
+}
+
+std::string ageCell(const Value& cell) { return ageText(State::Codec<double>::decode(cell).value_or(-1.0)); }
+
+std::string spanCell(const Value& cell) {
+    const auto seconds = State::Codec<double>::decode(cell);
+    return seconds ? spanText(*seconds) : "-";
+}
+
+Value textOrNone(const std::string& text) { return text.empty() ? Value{} : Value{text}; }
+Value ageOrNone(double seconds) { return seconds < 0 ? Value{} : Value{seconds}; }
 
 std::string Table::text() const {
-    std::vector<std::size_t> width;
-    for (std::size_t i = 0; i < columns_.size(); ++i) {
-        width.push_back(columns_[i].title.size());
-        for (const Row& row : rows_) width[i] = std::max(width[i], cellText(row.cells[i]).size());
+    std::vector<std::string> lines(lines_.size() + 1);
+    for (std::size_t i = 0; i < heads_.size(); ++i) {
+        if (heads_[i].heading.empty()) continue;
+        std::vector<std::string> column{std::string{heads_[i].heading}};
+        for (const Line& line : lines_) column.push_back(heads_[i].text(line.cells[i]));
+        const std::size_t width = std::ranges::max_element(column, {}, &std::string::size)->size() + 2;
+        for (std::size_t k = 0; k < column.size(); ++k) lines[k] += padded(std::move(column[k]), width);
     }
     std::string out;
-    const auto line = [&](auto&& cell) {
-        std::string all;
-        for (std::size_t i = 0; i < columns_.size(); ++i) {
-            all += cell(i);
-            all.append(width[i] - cell(i).size() + 2, ' ');
-        }
-        all.erase(all.find_last_not_of(' ') + 1);
-        out += all + '\n';
-    };
-    line([&](std::size_t i) { return std::string{columns_[i].title}; });
-    for (const Row& row : rows_) {
-        line([&](std::size_t i) { return cellText(row.cells[i]); });
-        out += row.notes;
+    for (std::size_t k = 0; k < lines.size(); ++k) {
+        lines[k].erase(lines[k].find_last_not_of(' ') + 1);
+        out += lines[k] + '\n';
+        if (k > 0) out += lines_[k - 1].notes;
     }
     return out;
 }
 
 Value Table::value() const {
     State::Object all;
-    for (const Row& row : rows_) {
+    for (const Line& line : lines_) {
         State::Object* members = &all;
-        for (std::size_t i = 0; i < keys_; ++i) members = &below(*members, cellText(row.cells[i]));
-        for (std::size_t i = keys_; i < columns_.size(); ++i)
-            members->emplace_back(std::string{columns_[i].key}, row.cells[i]);
+        for (std::size_t i = 0; i < keys_; ++i) members = &below(*members, cellText(line.cells[i]));
+        for (std::size_t i = keys_; i < heads_.size(); ++i) {
+            if (!heads_[i].name.empty()) members->emplace_back(std::string{heads_[i].name}, line.cells[i]);
+        }
     }
     return Value{std::move(all)};
+}
+
+std::string facts(const std::vector<std::pair<std::string_view, std::string>>& lines) {
+    constexpr std::size_t width = 13;
+    std::string out;
+    for (const auto& [name, text] : lines) out += padded(std::string{name}, width) + text + '\n';
+    return out;
 }
 
 }  // namespace Show

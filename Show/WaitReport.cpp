@@ -102,19 +102,18 @@ std::string waitText(const WaitReport& report) {
     return out;
 }
 
-Value waitValue(const WaitReport& report) {
+Value waitValue(const std::optional<WaitReport>& report) {
+    if (!report) return {};
+    Value place;
+    if (report->place != 0) place = Value{U64{report->place}};
     const auto idOrNone = [](const std::optional<U64>& id) {
         return id ? Value{State::hexText(*id)} : Value{};
     };
-    Value age;
-    Value place;
-    if (report.age >= 0) age = Value{report.age};
-    if (report.place != 0) place = Value{U64{report.place}};
-    return State::Object{{"age", std::move(age)},
+    return State::Object{{"age", ageOrNone(report->age)},
                          {"place", std::move(place)},
-                         {"behind", idOrNone(report.behind)},
-                         {"heldBy", idOrNone(report.holder)},
-                         {"missingKbps", Value{report.missing}}};
+                         {"behind", idOrNone(report->behind)},
+                         {"heldBy", idOrNone(report->holder)},
+                         {"missingKbps", Value{report->missing}}};
 }
 
 }  // namespace Show

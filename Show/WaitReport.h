@@ -14,9 +14,9 @@ namespace Show {
 
 /// One stream's place in one line.
 struct WaitReport {
-    double age = -1.0;      ///< seconds; negative: not known
-    std::size_t place = 0;  ///< 1 for the one that is tried first; 0: looked at only when its talker
-                            ///< repeats its declaration
+    double age = -1.0;  ///< seconds; negative: not known
+    /// 1 for the one that is tried first; 0: looked at only when its talker repeats its declaration.
+    std::size_t place = 0;
     std::optional<Msrp::U64> behind;  ///< the stream right before it
     std::optional<Msrp::U64> holder;  ///< the stream that has the address; bandwidth has none
     Msrp::U64 missing = 0;            ///< kbit/s that the port lacks; 0 for an address
@@ -59,6 +59,7 @@ private:
 
 /// ", 120 kbps missing, waiting for 12s behind 00:11:22:33:44:55/1"
 std::string waitText(const WaitReport& report);
-State::Value waitValue(const WaitReport& report);
+/// Null for who does not wait.
+State::Value waitValue(const std::optional<WaitReport>& report);
 
 }  // namespace Show

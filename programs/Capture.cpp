@@ -20,9 +20,6 @@ namespace {
 
 using State::Value;
 
-/// Seconds within which a daemon that is alive agrees.
-constexpr unsigned patience = 10;
-
 /// What the first signal ends.  A handler has no other way to it.
 const Control::Client* conversation = nullptr;
 volatile std::sig_atomic_t interrupted = 0;
@@ -87,18 +84,11 @@ Runtime::Duration timeOf(const Value& reply, std::string_view member) {
     return Runtime::secondsDuration(State::Codec<double>::decode(Show::at(reply, {member})).value_or(0.0));
 }
 
-/// A reply without an error in it; empty on success.
-std::string answer(Control::Client& client, Value& reply, unsigned seconds) {
-    if (std::string problem = client.receive(reply, seconds); !problem.empty()) return problem;
-    return Show::textOf(Show::at(reply, {"error"}));
-}
-
 std::string begin(Control::Client& client, const CaptureOptions& options, Clocks& clocks) {
     Value reply;
     std::string problem = client.connect(options.socket);
     if (problem.empty())
-        problem = client.send(State::Object{{"op", "capture"}, {"path", Value{options.port}}});
-    if (problem.empty()) problem = answer(client, reply, patience);
+        problem = client.ask(State::Object{{"op", "capture"}, {"path", Value{options.port}}}, reply);
     clocks = {std::chrono::system_clock::now(), timeOf(reply, "now")};
     return problem;
 }
@@ -122,7 +112,7 @@ std::string capture(const CaptureOptions& options) {
     std::string problem = file.problem();
     while (problem.empty() && (options.count == 0 || frames < options.count)) {
         Value told;
-        problem = answer(client, told, 0);
+        problem = client.receive(told, 0);
         if (!problem.empty()) break;
         const auto frame = Control::parseHexOctets(Show::textOf(Show::at(told, {"frame"})));
         if (!frame) return "the daemon sent a frame that is none";

@@ -9,11 +9,10 @@
 #include "Linux/ports/PacketPorts.h"
 #include "Show/StreamReport.h"
 #include "Station/EndStation.h"
+#include "programs/CommandLine.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -24,10 +23,6 @@ namespace {
 
 using Msrp::U16;
 using Msrp::U64;
-
-constexpr int stopped = 0;
-constexpr int cannotRun = 1;
-constexpr int usage = 2;
 
 constexpr std::string_view streamForm = "0x... or like 00:11:22:33:44:55/1";
 constexpr std::string_view talkForm = "STREAM,DA,VLAN,CLASS,MAXFRAME,FRAMES";
@@ -40,19 +35,15 @@ struct Options {
     bool json = false;
 };
 
-int fail(const std::string& problem, int code) {
-    std::cerr << "msrp-station: " << problem << '\n';
-    return code;
-}
-
 /// A bad part of an argument: which, what was given, what is expected.
-CLI::ValidationError bad(const std::string& option, std::string_view part, std::string_view given,
-                         std::string_view expected) {
-    const std::string_view blank = part.empty() ? "" : " ";
-    return CLI::ValidationError{option, Runtime::concat(part, blank, '"', given, "\" is not ", expected)};
+Failure bad(std::string_view option, std::string_view part, std::string_view given,
+            std::string_view expected) {
+    return Failure{
+        Runtime::concat(option, ": ", part, part.empty() ? "" : " ", '"', given, "\" is not ", expected),
+        usage};
 }
 
-U64 stream(const std::string& option, std::string_view given) {
+U64 stream(std::string_view option, std::string_view given) {
     const auto id = Show::parseStream(given);
     if (!id) throw bad(option, "STREAM", given, streamForm);
     return *id;
@@ -65,8 +56,21 @@ U16 wholeNumber(std::string_view part, std::string_view given, U16 min, U16 max)
     return static_cast<U16>(*number);
 }
 
+/// The parts between commas.
+std::vector<std::string> split(const std::string& text) {
+    std::vector<std::string> parts{""};
+    for (const char c : text) {
+        if (c == ',') {
+            parts.emplace_back();
+        } else {
+            parts.back() += c;
+        }
+    }
+    return parts;
+}
+
 Station::TalkerSpec talker(const std::string& given) {
-    const std::vector<std::string> parts = CLI::detail::split(given, ',');
+    const std::vector<std::string> parts = split(given);
     if (parts.size() != 6) throw bad("--talk", "", given, talkForm);
     Station::TalkerSpec spec;
     spec.streamId = stream("--talk", parts[0]);
@@ -81,14 +85,14 @@ Station::TalkerSpec talker(const std::string& given) {
     return spec;
 }
 
-class Program {
+class StationProgram {
 public:
-    explicit Program(const Options& options) : options_{options} {}
+    explicit StationProgram(const Options& options) : options_{options} {}
 
-    int run() {
+    void run() {
         std::string problem = Linux::packetSocketProblem();
         if (problem.empty()) problem = devices_.start();
-        if (!problem.empty()) return fail(problem, cannotRun);
+        demand(problem);
         const IntfId intf{options_.interface};
         links_.followIs(intf);
         if (status_->intfStatus(intf)->macAddr() == EthAddr{})
@@ -105,7 +109,6 @@ public:
         for (const U64 id : options_.listens) station.listen(id);
         loop_.run();
         station.leave();
-        return stopped;
     }
 
 private:
@@ -140,46 +143,34 @@ private:
                             }};
 };
 
-int run(int argc, char** argv) {
-    Options options;
-    std::vector<std::string> talks;
-    std::vector<std::string> listens;
-    CLI::App app{
-        "An AVB end station: talks and listens to streams, and prints what it hears, a line for each change"};
-    app.set_version_flag("--version", "msrp-station " MSRP_VERSION);
-    app.add_option("--interface", options.interface, "Its network interface")->required();
-    app.add_option("--talk", talks, "Talks a stream: " + std::string{talkForm} + ", CLASS is A or B")
-        ->allow_extra_args(false);
-    app.add_option("--listen", listens, "Listens to a stream: " + std::string{streamForm})
-        ->allow_extra_args(false);
-    app.add_flag("--watch", options.watch, "Prints what it hears of others' streams, too");
-    app.add_flag("--json", options.json, "One JSON object on each line");
-    try {
-        app.parse(argc, argv);
-        if (!IntfId::validName(options.interface))
-            throw bad("--interface", "", options.interface, State::KeyText<IntfId>::expected());
-        for (const std::string& given : talks) options.talks.push_back(talker(given));
-        for (const std::string& given : listens) options.listens.push_back(stream("--listen", given));
-    } catch (const CLI::Success& asked) {
-        return app.exit(asked);
-    } catch (const CLI::ParseError& error) {
-        return fail(error.what(), usage);
-    }
-    if (options.talks.empty() && options.listens.empty() && !options.watch)
-        return fail("nothing to do: give --talk, --listen or --watch", usage);
-    // Who reads our lines may go before we do.
+ExitCode run(const Options& options) {
+    // That the reader of our lines goes away must not end the station without its Leaves.
     std::signal(SIGPIPE, SIG_IGN);
-    Program program{options};
-    return program.run();
+    StationProgram{options}.run();
+    return done;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "msrp-station: %s\n", error.what());
-        return cannotRun;
-    }
+    Options options;
+    std::vector<std::string> talks;
+    std::vector<std::string> listens;
+    Program program{
+        "msrp-station",
+        "An AVB end station: talks and listens to streams, and prints what it hears, a line for each change"};
+    program.text("--interface", "Its network interface", options.interface, Words::Need::required)
+        .texts("--talk", "Talks a stream: " + std::string{talkForm} + ", CLASS is A or B", talks)
+        .texts("--listen", "Listens to a stream: " + std::string{streamForm}, listens)
+        .flag("--watch", "Prints what it hears of others' streams, too", options.watch)
+        .flag("--json", "One JSON object on each line", options.json);
+    return program.run(argc, argv, [&] {
+        if (!IntfId::validName(options.interface))
+            throw bad("--interface", "", options.interface, State::KeyText<IntfId>::expected());
+        for (const std::string& given : talks) options.talks.push_back(talker(given));
+        for (const std::string& given : listens) options.listens.push_back(stream("--listen", given));
+        if (options.talks.empty() && options.listens.empty() && !options.watch)
+            throw Failure{"nothing to do: give --talk, --listen or --watch", usage};
+        return run(options);
+    });
 }

@@ -2,7 +2,6 @@
 ///
 /// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges, socket in use, another daemon for the
 /// same bridge or port), 2 wrong usage or configuration.
-#include "Control/ConfigFile.h"
 #include "Control/FrameSource.h"
 #include "Control/LogLimiter.h"
 #include "Control/LogWriter.h"
@@ -21,14 +20,14 @@
 #include "Runtime/RepeatedLines.h"
 #include "Switch/Refusals.h"
 #include "Switch/TopologyAgent.h"
-#include "programs/GivenSpeeds.h"
+#include "programs/CommandLine.h"
+#include "programs/Configuration.h"
+#include "programs/PortClaims.h"
 #include "programs/PortsOfInterest.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <exception>
 #include <fcntl.h>
 #include <memory>
 #include <optional>
@@ -43,37 +42,12 @@
 
 namespace {
 
-constexpr int stopped = 0;
-constexpr int cannotRun = 1;
-constexpr int usage = 2;
-
-constexpr std::string_view linksPath = "interface/status/eth/phy/all";
-
-/// What a configuration file may write, and an operator at run time.
-const std::set<std::string, std::less<>>& writablePaths() {
-    static const std::set<std::string, std::less<>> paths{"msrp/config",
-                                                          "msrp/cliConfig",
-                                                          "mrp/config",
-                                                          "bridging/config",
-                                                          "bridging/topology/config",
-                                                          "stp/status",
-                                                          "linux/config",
-                                                          "qos/status",
-                                                          "qos/hardware/status/global"};
-    return paths;
-}
-
 struct Options {
     std::string config;
     std::string socket{Control::defaultSocket};
     bool useSyslog = false;
-    Runtime::TraceLevel trace = Runtime::TraceLevel::off;
+    std::uint64_t trace = 0;  ///< a Runtime::TraceLevel
 };
-
-int fail(const std::string& problem, int code) {
-    Control::lastWords("msrpd: " + problem);
-    return code;
-}
 
 class Daemon {
 public:
@@ -86,44 +60,31 @@ public:
                     folder_.line(event.severity, port, std::string{event.name} + ' ' + text);
             },
             [this](std::string_view subject) { return subject.empty() || limiter_.asks(subject); });
-        trace_.sinkIs(options.trace,
+        trace_.sinkIs(static_cast<Runtime::TraceLevel>(options.trace),
                       [this](std::string_view line) { writer_.line(LOG_DEBUG, std::string{line}); });
         access_.guardIs([this](std::string_view path, const State::Value& patch) {
-            return path == "msrp/config" ? claimPorts(patch.member("intfEnable"), Patience::none)
+            return path == "msrp/config" ? portClaims_.take(patch.member("intfEnable"), Patience::none)
                                          : std::string{};
         });
     }
 
-    int run() {
-        if (const std::string problem = loadConfig(); !problem.empty()) return fail(problem, usage);
-        std::string problem = Linux::packetSocketProblem();
-        if (problem.empty() && !onBridge().empty()) problem = Linux::netAdminProblem();
-        if (problem.empty() && !onBridge().empty())
-            problem = claims_.take("bridge " + onBridge(), Patience::some);
-        if (problem.empty()) {
-            const auto enabled = config_->fieldValue("intfEnable", {});
-            problem = claimPorts(&*enabled, Patience::some);
-        }
-        if (problem.empty()) problem = server_.start(options_.socket);
-        if (problem.empty()) problem = devices_.start();
-        if (problem.empty() && !onBridge().empty()) problem = startDataplane();
-        if (!problem.empty()) return fail(problem, cannotRun);
-
-        given_->intfStatus().each([this](IntfId intf, const GivenSpeed& given) {
-            links_.configuredSpeedIs(intf, given.speedEnum());
-        });
+    void run() {
+        demand(configuration_.load(options_.config, database_, access_), usage);
+        demand(start());
+        configuration_.eachSpeed(
+            [this](IntfId intf, Interface::Speed speed) { links_.configuredSpeedIs(intf, speed); });
         const PortsOfInterest interest{config_, bridging_, [this](IntfId intf) { follow(intf); },
                                        [this](IntfId intf) { forget(intf); }};
         const State::Reactor addresses = status_->watch([this](const State::Change&) { chooseBridgeMac(); });
         const State::Reactor enabled = config_->react([this](const State::Change& change) {
             chooseBridgeMac();
             if (const auto* intf = change.key<IntfId>(); intf != nullptr && !config_->intfEnable().get(*intf))
-                claims_.giveBack(portClaim(intf->name()));
+                portClaims_.giveBack(intf->name());
         });
         chooseBridgeMac();
         if (std::ranges::none_of(config_->intfEnable(), [](const auto& port) { return port.second; }))
             tell(LOG_WARNING, options_.config + ": msrp/config/intfEnable enables MSRP on no port");
-        // With a bridge, the kernel decides which ports forward.
+        // On a bridge the data plane tells which ports forward; elsewhere, without a spanning tree, all do.
         const Bridging::TopologyAgent topology{bridging_, stp_, onBridge().empty() ? status_ : nullptr,
                                                topology_};
 
@@ -138,16 +99,15 @@ public:
         ringLog_.clocksAre(loop_.now(), loop_.wallNow());
         agent.start();
         loop_.run();
-        // The peers hear Leaves and need not wait for their own timers.
+        // Peers that hear a Leave need not wait for their own timers.
         agent.withdraw();
         agent.stop();
         if (dataplane_) dataplane_->stop();
-        // One more turn: for the last lines, and for captures to tell of the Leaves.
+        // The loop turns once more, so that log and captures get the Leaves that were just sent.
         loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
         folder_.flush();
         limiter_.flush();
         writer_.finish(std::chrono::milliseconds{200});
-        return stopped;
     }
 
 private:
@@ -158,34 +118,20 @@ private:
         return database_.entityIs<R>(path);
     }
 
-    std::string loadConfig() {
-        Control::ConfigTargets targets;
-        for (const std::string& path : writablePaths()) targets.emplace(path, database_.entity(path));
-        targets.emplace(linksPath, given_);
-        std::string problem = Control::loadConfig(options_.config, targets);
-        if (problem.empty()) problem = bridgeProblem();
-        // Read at start only.
-        access_.writableDel("linux/config");
-        return problem;
-    }
-
-    static std::string portClaim(const std::string& port) { return "port " + port; }
-    /// Claims the ports that `enable`, a record's `intfEnable` or a patch of it, turns on: all or none. Empty
-    /// on success.
-    std::string claimPorts(const State::Value* enable, Patience patience) {
-        std::vector<std::string> taken;
-        const State::Object* ports = enable != nullptr ? enable->object() : nullptr;
-        for (std::size_t i = 0; ports != nullptr && i < ports->size(); ++i) {
-            const auto& [port, on] = (*ports)[i];
-            const std::string claim = portClaim(port);
-            if (on != State::Value{true} || claims_.has(claim)) continue;
-            if (std::string problem = claims_.take(claim, patience); !problem.empty()) {
-                for (const std::string& earlier : taken) claims_.giveBack(earlier);
-                return std::string{"msrp/config/intfEnable/"}.append(port).append(": ").append(problem);
-            }
-            taken.push_back(claim);
+    /// All that can keep the daemon from running here.  Empty on success, else why.
+    std::string start() {
+        std::string problem = Linux::packetSocketProblem();
+        if (problem.empty() && !onBridge().empty()) problem = Linux::netAdminProblem();
+        if (problem.empty() && !onBridge().empty())
+            problem = claims_.take("bridge " + onBridge(), Patience::some);
+        if (problem.empty()) {
+            const auto enabled = config_->fieldValue("intfEnable", {});
+            problem = portClaims_.take(&*enabled, Patience::some);
         }
-        return {};
+        if (problem.empty()) problem = server_.start(options_.socket);
+        if (problem.empty()) problem = devices_.start();
+        if (problem.empty() && !onBridge().empty()) problem = startDataplane();
+        return problem;
     }
 
     void signalled(int signal) {
@@ -199,28 +145,8 @@ private:
     /// The bridge's name, or nothing.
     [[nodiscard]] const std::string& onBridge() const { return linux_->bridge(); }
 
-    /// What a configuration says of the bridge's own business.
-    std::string bridgeProblem() {
-        if (onBridge().empty()) return {};
-        const auto refuse = [this](std::string_view field) {
-            return Runtime::concat(options_.config, ": ", field, ": bridge \"", onBridge(),
-                                   "\" of linux/config tells, it cannot be given");
-        };
-        if (!IntfId::validName(onBridge()))
-            return Runtime::concat(options_.config, ": linux/config/bridge: \"", onBridge(),
-                                   "\" is no name of an interface");
-        if (bridging_->bridgeMac() != EthAddr{}) return refuse("bridging/config/bridgeMac");
-        if (!bridging_->vlanConfig().empty()) return refuse("bridging/config/vlanConfig");
-        if (!bridging_->switchIntfConfig().empty()) return refuse("bridging/config/switchIntfConfig");
-        if (!topology_->topoConfig().empty()) return refuse("bridging/topology/config/topoConfig");
-        if (stp_->mode() != Stp::Mode::None) return refuse("stp/status/mode");
-        for (const char* path : {"bridging/config", "bridging/topology/config", "stp/status"})
-            access_.writableDel(path);
-        return {};
-    }
-
     std::string startDataplane() {
-        // Beside the socket, of which each daemon has one of its own.
+        // Its files lie beside the control socket: two daemons have two sockets, so none reads another's.
         dataplane_.emplace(
             loop_, devices_,
             Linux::Dataplane::Records{.config = linux_,
@@ -319,10 +245,11 @@ private:
         }};
     std::set<std::string, std::less<>> portNames_;  ///< of those that are followed
     Linux::Claims claims_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    PortClaims portClaims_{claims_};
     Runtime::SystemLog systemLog_;
     Runtime::Trace trace_;
     Runtime::RingLog ringLog_;
-    Control::RecordAccess access_{database_, writablePaths()};
+    Control::RecordAccess access_{database_, Configuration::paths()};
     Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { tell(LOG_WARNING, line); }};
     std::shared_ptr<Linux::PacketStatus> packets_ = record<Linux::PacketStatus>("linux/packets");
     Control::FrameSource frames_{[this](std::string_view port) { return knowsPort(port); },
@@ -330,7 +257,7 @@ private:
     const Control::Commands commands_{
         {"audit", [this](const State::Value& request) { return audit(request); }}};
     Control::Server server_{loop_, {access_, frames_, commands_}};
-    std::shared_ptr<GivenSpeeds> given_ = std::make_shared<GivenSpeeds>();
+    Configuration configuration_;
     std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
     std::shared_ptr<Bridging::Topology::Config> topology_ =
@@ -341,7 +268,7 @@ private:
     std::shared_ptr<Linux::CapabilityStatus> capabilities_ =
         record<Linux::CapabilityStatus>("linux/capabilities");
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_ =
-        record<Interface::AllEthPhyIntfStatusDir>(linksPath);
+        record<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =
         record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
     Linux::DeviceTable devices_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
@@ -360,36 +287,23 @@ void openStandardStreams() {
     }
 }
 
-int run(int argc, char** argv) {
-    openStandardStreams();
-    Options options;
-    CLI::App app{"Stream reservation (MSRP, IEEE 802.1Q clause 35) for the ports of this switch"};
-    app.set_version_flag("--version", "msrpd " MSRP_VERSION);
-    app.add_option("--config", options.config, "Configuration file, JSON");
-    app.add_option("--socket", options.socket, "Control socket")->capture_default_str();
-    app.add_flag("--syslog", options.useSyslog, "Log to syslog instead of standard error");
-    app.add_option("--trace", options.trace, "Debug trace: 0 off, 1 notices, 2 handlers, 3 everything")
-        ->check(CLI::Range(0, 3));
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& asked) {
-        return app.exit(asked);
-    } catch (const CLI::ParseError& error) {
-        return fail(error.what(), usage);
-    }
-    if (options.config.empty()) return fail("--config FILE is needed", usage);
-    // Who reads our log may go before we do.
+ExitCode run(const Options& options) {
+    if (options.config.empty()) throw Failure{"--config FILE is needed", usage};
+    // That the reader of our log goes away must not end the daemon.
     std::signal(SIGPIPE, SIG_IGN);
-    Daemon daemon{options};
-    return daemon.run();
+    Daemon{options}.run();
+    return done;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {
-        return fail(error.what(), cannotRun);
-    }
+    openStandardStreams();
+    Options options;
+    Program program{"msrpd", "Stream reservation (MSRP, IEEE 802.1Q clause 35) for the ports of this switch"};
+    program.text("--config", "Configuration file, JSON", options.config)
+        .text("--socket", "Control socket", options.socket)
+        .flag("--syslog", "Log to syslog instead of standard error", options.useSyslog)
+        .number("--trace", "Debug trace: 0 off, 1 notices, 2 handlers, 3 everything", options.trace, {0, 3});
+    return program.run(argc, argv, [&] { return run(options); });
 }
