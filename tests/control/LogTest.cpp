@@ -1,6 +1,5 @@
 #include "Control/LogLimiter.h"
 #include "Control/LogWriter.h"
-#include "Runtime/RecentLog.h"
 #include "Runtime/RepeatedLines.h"
 #include "Runtime/VirtualLoop.h"
 #include "tests/control/TemporaryDirectory.h"
@@ -8,8 +7,6 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <vector>
 
 namespace {
@@ -17,18 +14,14 @@ namespace {
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
-struct Folder : ::testing::Test {
-    Lines told() { return std::exchange(lines, {}); }
-
+TEST(RepeatedLines, ArePassedOnceAndCountedForAsLongAsTheyComeAgain) {
     Runtime::VirtualLoop loop;
     Lines lines;
     Runtime::RepeatedLines folder{
-        loop, [this](int severity, std::string_view, const std::string& line, std::uint64_t) {
+        loop, [&](int severity, std::string_view, const std::string& line, std::uint64_t) {
             lines.push_back(std::to_string(severity) + ' ' + line);
         }};
-};
-
-TEST_F(Folder, CountsWhatComesAgainWithinAMinuteAndPassesTheRestAtOnce) {
+    const auto told = [&] { return std::exchange(lines, {}); };
     for (int i = 0; i < 5; ++i) {
         folder.line(6, "", "Discard");
         loop.runFor(10s);
@@ -37,31 +30,20 @@ TEST_F(Folder, CountsWhatComesAgainWithinAMinuteAndPassesTheRestAtOnce) {
     EXPECT_EQ(told(), (Lines{"6 Discard", "4 swp1 link status is up"}));
     loop.runFor(10s);
     EXPECT_EQ(told(), Lines{"6 Discard (again 4 times)"});
-}
-
-TEST_F(Folder, GoesOnFoldingWhatGoesOnAndForgetsWhatHasEnded) {
-    folder.line(6, "", "Discard");
-    folder.line(6, "", "Discard");
-    loop.runFor(1min);
     folder.line(6, "", "Discard");  // in the second window
-    EXPECT_EQ(told(), (Lines{"6 Discard", "6 Discard (again 1 time)"}));
+    EXPECT_EQ(told(), Lines{});
     loop.runFor(1min);
     EXPECT_EQ(told(), Lines{"6 Discard (again 1 time)"});
     loop.runFor(1min);  // a quiet window
-    folder.line(6, "", "Discard");
-    folder.line(6, "", "Discard");
+    for (int i = 0; i < 2; ++i) folder.line(6, "", "Discard");
     EXPECT_EQ(told(), Lines{"6 Discard"});
     folder.flush();
     EXPECT_EQ(told(), Lines{"6 Discard (again 1 time)"});
-}
 
-TEST_F(Folder, RemembersABoundedNumberOfLines) {
-    folder.line(6, "", "first");
-    folder.line(6, "", "first");
+    for (int i = 0; i < 2; ++i) folder.line(6, "", "Discard");
     for (std::size_t i = 1; i <= Runtime::RepeatedLines::capacity; ++i) folder.line(6, "", std::to_string(i));
-    const Lines all = told();
-    ASSERT_EQ(all.size(), Runtime::RepeatedLines::capacity + 2);
-    EXPECT_EQ(all[all.size() - 2], "6 first (again 1 time)");
+    ASSERT_EQ(lines.size(), Runtime::RepeatedLines::capacity + 2);
+    EXPECT_EQ(lines[lines.size() - 2], "6 Discard (again 1 time)") << "so many lines are remembered";
 }
 
 TEST(LogLimiter, BoundsWhatOnePortAndAllTogetherWriteAndCountsTheRest) {
@@ -102,9 +84,9 @@ TEST(LogLimiter, BoundsWhatOnePortAndAllTogetherWriteAndCountsTheRest) {
 
 TEST(LogLimiter, FindsThePortInALine) {
     const auto known = [](std::string_view name) { return name == "swp3" || name == "on"; };
-    EXPECT_EQ(Control::portNamed("swp3 link status is up", known), "swp3");
-    EXPECT_EQ(Control::portNamed("swp3: malformed MRPDU", known), "swp3");
-    EXPECT_EQ(Control::portNamed("Join received on vlan on swp3: StreamId", known), "swp3");
+    for (const char* line :
+         {"swp3 link status is up", "swp3: malformed MRPDU", "Join on vlan on swp3: StreamId"})
+        EXPECT_EQ(Control::portNamed(line, known), "swp3") << line;
     EXPECT_EQ(Control::portNamed("swp31 on swp4 on", known), "");
 }
 
@@ -161,14 +143,7 @@ TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {
     Runtime::VirtualLoop loop;
     const TemporaryDirectory directory;
     const std::string path = directory.file("log");
-    const auto listen = [&path] {
-        Control::Descriptor fd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)};
-        sockaddr_un to{};
-        to.sun_family = AF_UNIX;
-        path.copy(to.sun_path, sizeof to.sun_path - 1);
-        EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
-        return fd;
-    };
+    const auto listen = [&] { return Control::Descriptor{directory.boundSocket("log", SOCK_DGRAM)}; };
     const auto heard = [](const Control::Descriptor& fd) {
         std::string text(2000, '\0');
         const ssize_t count = ::recv(fd.get(), text.data(), text.size(), 0);
@@ -190,15 +165,6 @@ TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {
     for (int i = 0; i < 5000; ++i) writer.line(6, "unread");
     loop.runFor(1s);
     EXPECT_NE(heard(log), "nothing");
-}
-
-TEST(RecentLog, KeepsTheLastLines) {
-    Runtime::RecentLog log;
-    for (std::size_t i = 1; i <= Runtime::RecentLog::capacity + 2; ++i)
-        log.add(1.5, "line " + std::to_string(i));
-    EXPECT_EQ(log.line().size(), Runtime::RecentLog::capacity);
-    EXPECT_EQ(log.line().get(3)->text(), "line 3");
-    EXPECT_EQ(log.line().get(2), nullptr);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "Control/Client.h"
+#include "Control/HexOctets.h"
 #include "Control/Json.h"
 #include "Control/Server.h"
 #include "Msrp/types/Config.h"
@@ -6,27 +7,29 @@
 #include "tests/control/TemporaryDirectory.h"
 
 #include <algorithm>
+#include <deque>
 #include <functional>
 #include <gtest/gtest.h>
-#include <list>
 #include <memory>
 #include <set>
 #include <string>
 #include <string_view>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
 
-std::string get(const std::string& path) { return R"({"op":"get","path":")" + path + "\"}"; }
+std::string request(const std::string& op, const std::string& path) {
+    return R"({"op":")" + op + R"(","path":")" + path + "\"}";
+}
+std::string get(const std::string& path) { return request("get", path); }
+std::string watch(const std::string& path) { return request("watch", path); }
 std::string set(const std::string& path, const std::string& field, const std::string& value) {
     return R"({"op":"set","path":")" + path + R"(","field":")" + field + R"(","value":)" + value + '}';
 }
-std::string capture(const std::string& port) { return R"({"op":"capture","path":")" + port + "\"}"; }
+std::string capture(const std::string& port) { return request("capture", port); }
 const std::string noPorts = R"({"value":{"intfEnable":{}}})";
 
 /// A peer that speaks in lines and never blocks: the loop turns while it waits.
@@ -82,22 +85,12 @@ private:
     bool closed_ = false;
 };
 
-/// As a server that was killed leaves it.
-void staleSocket(const std::string& path) {
-    const Control::Descriptor fd{::socket(AF_UNIX, SOCK_STREAM, 0)};
-    sockaddr_un to{};
-    to.sun_family = AF_UNIX;
-    path.copy(to.sun_path, sizeof to.sun_path - 1);
-    ASSERT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
-}
-
 class Server : public ::testing::Test {
 protected:
     Server() { EXPECT_EQ(server->start(path), ""); }
 
     void settle() {
-        int turns = 0;
-        loop.turnUntil([&] { return ++turns > 5; });
+        for (int turns = 0; turns < 6; ++turns) loop.turn();
     }
 
     TemporaryDirectory directory;
@@ -155,24 +148,16 @@ TEST_F(Server, AnswersEveryRequestInOneLine) {
         EXPECT_EQ(peer.ask(request), reply) << request;
     }
     EXPECT_EQ(peer.ask("{\"op\": [").substr(0, 26), R"({"error":"request, column )");
-}
-
-TEST_F(Server, EndsAClientWhoseRequestDoesNotEndOrThatStopsTalking) {
-    Peer quiet{loop, path};
-    quiet.send(get("msrp/config") + '\n');
-    quiet.finish();
-    EXPECT_EQ(quiet.line(), noPorts);
-    EXPECT_EQ(quiet.line(), "closed");
-    Peer peer{loop, path};
-    peer.send(std::string(Control::Session::requestLimit + 1, ' '));
-    EXPECT_EQ(peer.line(), R"({"error":"a request is longer than 1048576 octets"})");
+    // Also when no more will be asked.
+    peer.send(get("msrp/config") + '\n');
+    peer.finish();
+    EXPECT_EQ(peer.line(), noPorts);
     EXPECT_EQ(peer.line(), "closed");
 }
 
 TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurn) {
     Peer peer{loop, path};
-    EXPECT_EQ(peer.ask(R"({"op":"watch","path":"msrp/config/intfEnable"})"),
-              R"({"watch":"msrp/config/intfEnable","value":{}})");
+    EXPECT_EQ(peer.ask(watch("msrp/config/intfEnable")), R"({"watch":"msrp/config/intfEnable","value":{}})");
     ports->intfEnableIs(IntfId{"swp1"}, true);
     ports->intfEnableIs(IntfId{"swp2"}, false);
     EXPECT_EQ(peer.line(), R"({"watch":"msrp/config/intfEnable","value":{"swp1":true,"swp2":false}})");
@@ -182,53 +167,47 @@ TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurn) {
 
     // What is not there yet may be watched, what cannot be may not.
     Peer other{loop, path};
-    EXPECT_EQ(other.ask(R"({"op":"watch","path":"msrp/config/intfEnable/swp3"})"),
+    EXPECT_EQ(other.ask(watch("msrp/config/intfEnable/swp3")),
               R"({"watch":"msrp/config/intfEnable/swp3","value":null})");
     ports->intfEnableIs(IntfId{"swp2"}, true);  // another entry
     ports->intfEnableIs(IntfId{"swp3"}, true);
     EXPECT_EQ(other.line(), R"({"watch":"msrp/config/intfEnable/swp3","value":true})");
-    EXPECT_EQ(other.ask(R"({"op":"watch","path":"msrp/config/colour"})"),
-              R"({"error":"no field \"colour\" in Msrp::Config"})");
+    EXPECT_EQ(other.ask(watch("msrp/config/colour")), R"({"error":"no field \"colour\" in Msrp::Config"})");
 }
 
 TEST_F(Server, AWatcherThatDoesNotReadGetsTheLatestValueWhenItDoes) {
     for (int i = 0; i < 5000; ++i) ports->intfEnableIs(IntfId{"port" + std::to_string(i)}, true);
     Peer slow{loop, path};
-    slow.send("{\"op\":\"watch\",\"path\":\"msrp/config\"}\n");
+    slow.send(watch("msrp/config") + '\n');
     for (int i = 0; i < 100; ++i) {  // each notice is 100 kB, more than a socket holds in the end
         ports->intfEnableIs(IntfId{"swp1"}, i % 2 == 0);
         settle();
     }
-    int notices = 0;
-    std::string last;
-    for (std::string line = slow.line(); line != "silent"; line = slow.line()) {
-        last = line;
-        ++notices;
-    }
-    EXPECT_LT(notices, 50);
-    EXPECT_NE(last.find("\"swp1\":false"), std::string::npos);
+    std::vector<std::string> notices;
+    for (std::string line = slow.line(); line != "silent"; line = slow.line()) notices.push_back(line);
+    EXPECT_LT(notices.size(), 50U);
+    EXPECT_NE(notices.back().find("\"swp1\":false"), std::string::npos);
 }
 
 TEST_F(Server, TellsTheFramesOfAPortToAllWhoCaptureThem) {
     using enum Control::Direction;
     Peer one{loop, path};
-    auto other = std::make_unique<Peer>(loop, path);
+    Peer other{loop, path};
     EXPECT_EQ(one.ask(capture("swp9")), R"({"error":"no port \"swp9\""})");
     EXPECT_FALSE(wanted);
-    EXPECT_EQ(one.ask(capture("swp1")), R"({"capture":"swp1","value":null})");
-    EXPECT_EQ(other->ask(capture("swp1")), R"({"capture":"swp1","value":null})");
-    EXPECT_EQ(other->ask(capture("swp2")), R"({"capture":"swp2","value":null})");
+    for (Peer* peer : {&one, &other})
+        EXPECT_EQ(peer->ask(capture("swp1")), R"({"capture":"swp1","value":null})");
+    EXPECT_EQ(other.ask(capture("swp2")), R"({"capture":"swp2","value":null})");
     EXPECT_TRUE(wanted);
 
     frames.pass("swp1", received, std::vector<std::uint8_t>{0x01, 0x80, 0xc2, 0xff});
     frames.pass("swp2", sent, std::vector<std::uint8_t>{0x00});
-    const std::string first = R"({"capture":"swp1","direction":"received","frame":"0180c2ff"})";
-    EXPECT_EQ(one.line(), first);
+    for (Peer* peer : {&one, &other})
+        EXPECT_EQ(peer->line(), R"({"capture":"swp1","direction":"received","frame":"0180c2ff"})");
     EXPECT_EQ(one.line(), "silent");
-    EXPECT_EQ(other->line(), first);
-    EXPECT_EQ(other->line(), R"({"capture":"swp2","direction":"sent","frame":"00"})");
+    EXPECT_EQ(other.line(), R"({"capture":"swp2","direction":"sent","frame":"00"})");
 
-    other->close();
+    other.close();
     settle();
     EXPECT_TRUE(wanted);
     frames.pass("swp1", sent, {});
@@ -241,38 +220,33 @@ TEST_F(Server, TellsTheFramesOfAPortToAllWhoCaptureThem) {
 TEST_F(Server, ACaptureThatIsNotReadLosesFramesAndTellsHowManyAndWhere) {
     constexpr std::size_t many = 20'000;
     std::vector<std::uint8_t> frame(1500);
-    const auto pass = [&](std::size_t number) {
+    const auto numbered = [&](std::size_t number) {
         frame[0] = static_cast<std::uint8_t>(number >> 8);
         frame[1] = static_cast<std::uint8_t>(number);
-        frames.pass("swp1", Control::Direction::sent, frame);
+        return frame;
     };
     Peer slow{loop, path};
     EXPECT_EQ(slow.ask(capture("swp1")), R"({"capture":"swp1","value":null})");
     for (std::size_t i = 0; i < many; ++i) {
-        pass(i);
+        frames.pass("swp1", Control::Direction::sent, numbered(i));
         if (i % 100 == 0) settle();
     }
     Peer idle{loop, path};
     EXPECT_EQ(idle.ask(get("msrp/config")), noPorts);
 
     // What was kept comes without a gap, and the frame after the gap says how wide it was.
-    const auto told = [&slow]() -> std::string {
-        std::string line = slow.line();
-        const State::Value value = Control::parseJson(line).value;
-        const State::Value* hex = value.member("frame");
-        if (hex == nullptr) return line;
-        const auto number = std::stoul(std::get<std::string>(hex->data).substr(0, 4), nullptr, 16);
-        const State::Value* dropped = value.member("dropped");
-        return std::to_string(number) + (dropped != nullptr ? " dropped " + State::text(*dropped) : "");
+    const auto line = [&](std::size_t number, const std::string& dropped = {}) {
+        return R"({"capture":"swp1","direction":"sent","frame":")" + Control::hexOctets(numbered(number)) +
+               '"' + dropped + '}';
     };
     std::size_t kept = 0;
-    for (std::string line = told(); line != "silent"; line = told()) ASSERT_EQ(line, std::to_string(kept++));
+    for (std::string told = slow.line(); told != "silent"; told = slow.line()) ASSERT_EQ(told, line(kept++));
     EXPECT_GT(kept, Control::Captures::waitingLimit / 2000);
     EXPECT_LT(kept, Control::Captures::waitingLimit / 1500 + 1000);  // and what the sockets hold
-    pass(many);
-    EXPECT_EQ(told(), std::to_string(many) + " dropped " + std::to_string(many - kept));
-    pass(many + 1);
-    EXPECT_EQ(told(), std::to_string(many + 1));
+    frames.pass("swp1", Control::Direction::sent, numbered(many));
+    EXPECT_EQ(slow.line(), line(many, ",\"dropped\":" + std::to_string(many - kept)));
+    frames.pass("swp1", Control::Direction::sent, numbered(many + 1));
+    EXPECT_EQ(slow.line(), line(many + 1));
 }
 
 TEST_F(Server, DoesNotServeAClientThatFetchesNothing) {
@@ -295,7 +269,7 @@ TEST_F(Server, DoesNotServeAClientThatFetchesNothing) {
 }
 
 TEST_F(Server, SurvivesClientsThatGoAtAnyMoment) {
-    const std::string talk = "{\"op\":\"watch\",\"path\":\"msrp/config\"}\n" + get("msrp/config") + '\n';
+    const std::string talk = watch("msrp/config") + '\n' + get("msrp/config") + '\n';
     for (std::size_t length = 0; length <= talk.size(); ++length) {
         Peer peer{loop, path};
         peer.send(talk.substr(0, length));
@@ -308,22 +282,24 @@ TEST_F(Server, SurvivesClientsThatGoAtAnyMoment) {
 }
 
 TEST_F(Server, ANewcomerGetsInInPlaceOfTheClientThatIsQuietForLongest) {
-    std::vector<std::unique_ptr<Peer>> peers;
-    for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i) {
-        peers.push_back(std::make_unique<Peer>(loop, path));
-        EXPECT_EQ(peers.back()->ask(get("msrp/config")), noPorts);
-    }
-    EXPECT_EQ(peers[0]->ask(get("msrp/config")), noPorts);
+    std::deque<Peer> peers;
+    for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i)
+        EXPECT_EQ(peers.emplace_back(loop, path).ask(get("msrp/config")), noPorts);
+    EXPECT_EQ(peers[0].ask(get("msrp/config")), noPorts);
     Peer newcomer{loop, path};
     EXPECT_EQ(newcomer.ask(get("msrp/config")), noPorts);
-    EXPECT_EQ(peers[1]->line(), R"({"error":"too many clients, and this one was quiet for longest"})");
-    EXPECT_EQ(peers[1]->line(), "closed");
-    EXPECT_EQ(peers[0]->ask(get("msrp/config")), noPorts);
+    EXPECT_EQ(peers[1].line(), R"({"error":"too many clients, and this one was quiet for longest"})");
+    EXPECT_EQ(peers[1].line(), "closed");
+    EXPECT_EQ(peers[0].ask(get("msrp/config")), noPorts);
 }
 
 TEST_F(Server, ClientsThatSendMuchAndFinishNothingKeepNobodyOut) {
+    Peer endless{loop, path};
+    endless.send(std::string(Control::Session::requestLimit + 1, ' '));
+    EXPECT_EQ(endless.line(), R"({"error":"a request is longer than 1048576 octets"})");
+    EXPECT_EQ(endless.line(), "closed");
     for (const std::size_t each : {Control::Session::requestLimit, std::size_t{70'000}}) {
-        std::list<Peer> hostile;
+        std::deque<Peer> hostile;
         for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i)
             hostile.emplace_back(loop, path).send(std::string(each, ' '));
         EXPECT_EQ(hostile.front().line(),
@@ -339,7 +315,7 @@ TEST_F(Server, EndsAClientThatNeitherAsksNorWatchesAndOneThatDoesNotFetchWhatItA
     Peer quiet{loop, path};
     Peer watcher{loop, path};
     Peer greedy{loop, path};
-    EXPECT_EQ(watcher.ask(R"({"op":"watch","path":"msrp/cliConfig/srClassAPriority"})"),
+    EXPECT_EQ(watcher.ask(watch("msrp/cliConfig/srClassAPriority")),
               R"({"watch":"msrp/cliConfig/srClassAPriority","value":3})");
     greedy.send(get("msrp/config") + '\n' + get("msrp/config") + '\n' + get("msrp/config") + '\n');
     settle();
@@ -383,18 +359,15 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
         ++reads;
         loop.took(10us);
     };
-    std::vector<std::unique_ptr<Peer>> watchers;
-    for (int i = 0; i < 5; ++i) {
-        watchers.push_back(std::make_unique<Peer>(loop, path));
-        watchers.back()->send("{\"op\":\"watch\",\"path\":\"long\"}\n");
-    }
+    std::deque<Peer> watchers;
+    for (int i = 0; i < 5; ++i) watchers.emplace_back(loop, path).send(watch("long") + '\n');
     const auto tell = [&] {
         loop.turnUntil([&] {
             // All of them, and each in every turn.
-            return std::ranges::count_if(watchers, [](const auto& watcher) { return watcher->fetch(); }) == 5;
+            return std::ranges::count_if(watchers, &Peer::fetch) == 5;
         });
         std::set<std::string> told;
-        for (const auto& watcher : watchers) told.insert(watcher->line());
+        for (Peer& watcher : watchers) told.insert(watcher.line());
         EXPECT_EQ(told.size(), 1U);
         EXPECT_GT(told.begin()->size(), 200 * Long::entries);
         return std::exchange(reads, 0);
@@ -407,22 +380,19 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
     // Once at once, and once a second.
     EXPECT_LT(tell() + tell(), 4 * Long::entries);
     loop.longestTurn = {};
-    for (int i = 0; i < 60; ++i) {
-        watchers.push_back(std::make_unique<Peer>(loop, path));
-        watchers.back()->send("{\"op\":\"get\",\"path\":\"long\"}\n");
-    }
+    for (int i = 0; i < 60; ++i) watchers.emplace_back(loop, path).send(get("long") + '\n');
     Peer person{loop, path};
     const Runtime::Time asked = loop.now();
     EXPECT_EQ(person.ask(get("msrp/cliConfig/srClassAPriority")), R"({"value":3})");
     EXPECT_LT(loop.now() - asked, 500ms);
-    for (const auto& watcher : watchers) watcher->line();
+    for (Peer& watcher : watchers) watcher.line();
     EXPECT_LT(loop.longestTurn, 5ms);
 }
 
 TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     const std::string stale = directory.file("stale");
     const std::string file = directory.write("file", "precious");
-    staleSocket(stale);
+    ::close(directory.boundSocket("stale", SOCK_STREAM));  // as a server that was killed leaves it
     Control::Server other{loop, {records, frames, commands}};
     EXPECT_EQ(other.start(file), "socket " + file + ": a file that is no socket is in the way");
     EXPECT_EQ(other.start(std::string(200, 'x')).substr(0, 12), "socket \"xxxx");

@@ -18,7 +18,10 @@ public:
         return Runtime::WallTime{now_.time_since_epoch()};
     }
     [[nodiscard]] Watch watch(int fd, Ready kind, std::function<void()> handler) override {
-        watched_[++serial_] = {fd, kind, std::move(handler)};
+        watched_[++serial_] = [fd, kind, handler = std::move(handler)] {
+            pollfd ready{fd, static_cast<short>(kind == Ready::readable ? POLLIN : POLLOUT), 0};
+            if (::poll(&ready, 1, 0) == 1) handler();
+        };
         return Watch{[this, serial = serial_] { watched_.erase(serial); }};
     }
     /// Something took so long.
@@ -38,10 +41,8 @@ public:
     void turn() {
         now_ += std::chrono::milliseconds{1};
         const Runtime::Time begun = now_;
-        for (const auto& [serial, watched] : std::map{watched_}) {
-            pollfd ready{watched.fd, static_cast<short>(watched.kind == Ready::readable ? POLLIN : POLLOUT),
-                         0};
-            if (watched_.contains(serial) && ::poll(&ready, 1, 0) == 1) watched.handler();
+        for (const auto& [serial, look] : std::map{watched_}) {
+            if (watched_.contains(serial)) look();
             runPosted();
         }
         fireDue(now_);
@@ -52,12 +53,7 @@ public:
     Runtime::Duration longestTurn{};
 
 private:
-    struct Watched {
-        int fd;
-        Ready kind;
-        std::function<void()> handler;
-    };
     Runtime::Time now_{std::chrono::hours{1}};
-    std::map<int, Watched> watched_;
+    std::map<int, std::function<void()>> watched_;  ///< calls the handler of what is ready
     int serial_ = 0;
 };

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 class TemporaryDirectory {
 public:
@@ -20,6 +22,14 @@ public:
     std::string write(const std::string& name, const std::string& content) const {
         std::ofstream{file(name)} << content;
         return file(name);
+    }
+    /// A socket of that name, for its caller to close.
+    [[nodiscard]] int boundSocket(const std::string& name, int kind) const {
+        const int fd = ::socket(AF_UNIX, kind | SOCK_NONBLOCK, 0);
+        sockaddr_un to{};
+        to.sun_family = AF_UNIX;
+        file(name).copy(to.sun_path, sizeof to.sun_path - 1);
+        return ::bind(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0 ? fd : -1;
     }
 
 private:

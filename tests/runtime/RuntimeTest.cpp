@@ -2,6 +2,7 @@
 #include "Runtime/ReviewTimer.h"
 #include "Runtime/VirtualLoop.h"
 #include "State/Record.h"
+#include "tests/control/TemporaryDirectory.h"
 
 #include <filesystem>
 #include <fstream>
@@ -74,9 +75,7 @@ TEST(ReviewTimer, BoundsTheRateAndHonoursAnExplicitTime) {
 }
 
 struct RingFiles : testing::Test {
-    RingFiles() { std::filesystem::create_directory(directory); }
-    ~RingFiles() override { std::filesystem::remove_all(directory); }
-    [[nodiscard]] std::string file(const std::string& name) const { return directory + "/" + name; }
+    [[nodiscard]] std::string file(const std::string& name) const { return directory.file(name); }
     /// As a process of that number leaves it, the lines of which are all of that label.
     void leave(const std::string& name, const std::string& label) const {
         RingLog log;
@@ -88,7 +87,7 @@ struct RingFiles : testing::Test {
         return records && !records->empty() ? records->front().label : "none";
     }
     const std::string number = std::to_string(::getpid());
-    const std::string directory = testing::TempDir() + "ring-" + number;
+    const TemporaryDirectory directory;
 };
 
 TEST_F(RingFiles, KeepTheLastRecordsAndTellTheirTimesByBothClocks) {
@@ -101,8 +100,7 @@ TEST_F(RingFiles, KeepTheLastRecordsAndTellTheirTimesByBothClocks) {
             log.write(Time{std::chrono::seconds{i}}, "a label of more than 24 octets", i, i * 2);
     }
     const auto records = RingLog::read(file("Msrp.rl"));
-    ASSERT_TRUE(records.has_value());
-    ASSERT_EQ(records->size(), 15U);
+    ASSERT_EQ(records ? records->size() : 0, 15U);
     EXPECT_EQ(records->front().arguments[0], 26U);
     EXPECT_EQ(records->back().arguments[1], 80U);
     EXPECT_EQ(records->back().label, "a label of more than 24 ");
@@ -131,7 +129,7 @@ TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
     log.write(Time{}, "before");
     EXPECT_EQ(log.reopen(), "");
     std::set<std::string> left;
-    for (const auto& entry : std::filesystem::directory_iterator{directory})
+    for (const auto& entry : std::filesystem::directory_iterator{file("")})
         left.insert(entry.path().filename());
     EXPECT_EQ(left,
               (std::set<std::string>{"Msrp.rl", "Msrp-last.rl", "Msrp-1.rl", "Msrp-4-last.rl", "Msrp-5.rl",
@@ -142,11 +140,11 @@ TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
     EXPECT_NE(refused.initialise(file("Msrp-5.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
     EXPECT_NE(refused.initialise(file("Msrp-6.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
     EXPECT_EQ(std::filesystem::file_size(file("Msrp-5.rl")), 8U);
-    std::filesystem::permissions(directory, std::filesystem::perms::all);
+    std::filesystem::permissions(file(""), std::filesystem::perms::all);
     EXPECT_NE(refused.initialise(file("x.rl"), 24, 0, 1, 1).find("anybody"), std::string::npos);
 }
 
-TEST(SystemLog, MakesNoTextThatNobodyWillRead) {
+TEST(SystemLog, FillsFormatsFromTheLeftAndMakesNoTextThatNobodyWillRead) {
     struct Port {
         std::string name;
         [[nodiscard]] const std::string& text() const {
@@ -168,11 +166,7 @@ TEST(SystemLog, MakesNoTextThatNobodyWillRead) {
     open = false;
     log.log(event, format("%s is up", port));
     EXPECT_EQ(told + std::to_string(made), "p1 is up1");
-}
-
-TEST(SystemLog, FillsFormatsFromTheLeft) {
-    const std::string port{"p1"};
-    EXPECT_EQ(format("%s on %s: 0x%s, %llu %d 100 % %s", "Join", port, "AB", std::uint64_t{7}, 3).text(),
+    EXPECT_EQ(format("%s on %s: 0x%s, %llu %d 100 % %s", "Join", "p1", "AB", std::uint64_t{7}, 3).text(),
               "Join on p1: 0xAB, 7 3 100 % %s");
 }
 
