@@ -52,9 +52,6 @@ TEST_F(ConfigFile, SaysInOneLineWhatIsWrongAndWhere) {
     EXPECT_TRUE(msrp->intfEnable().empty());
     EXPECT_EQ(load(enable + '}'), "");
     EXPECT_TRUE(msrp->intfEnable(IntfId{"swp1"}));
-}
-
-TEST_F(ConfigFile, ThatCannotBeReadIsNamed) {
     const std::string absent = directory.file("absent");
     EXPECT_EQ(Control::loadConfig(absent, targets), absent + ": No such file or directory");
     EXPECT_EQ(Control::loadConfig(directory.file(""), targets), directory.file("") + ": Is a directory");

@@ -84,9 +84,9 @@ TEST(LogLimiter, BoundsWhatOnePortAndAllTogetherWriteAndCountsTheRest) {
 
 TEST(LogLimiter, FindsThePortInALine) {
     const auto known = [](std::string_view name) { return name == "swp3" || name == "on"; };
-    EXPECT_EQ(Control::portNamed("swp3 link status is up", known), "swp3");
-    EXPECT_EQ(Control::portNamed("swp3: malformed MRPDU", known), "swp3");
-    EXPECT_EQ(Control::portNamed("Join received on vlan on swp3: StreamId", known), "swp3");
+    for (const char* line :
+         {"swp3 link status is up", "swp3: malformed MRPDU", "Join on vlan on swp3: StreamId"})
+        EXPECT_EQ(Control::portNamed(line, known), "swp3") << line;
     EXPECT_EQ(Control::portNamed("swp31 on swp4 on", known), "");
 }
 
@@ -143,8 +143,8 @@ TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {
     Runtime::VirtualLoop loop;
     const TemporaryDirectory directory;
     const std::string path = directory.file("log");
-    const auto listen = [&] { return Runtime::FileDescriptor{directory.boundSocket("log", SOCK_DGRAM)}; };
-    const auto heard = [](const Runtime::FileDescriptor& fd) {
+    const auto listen = [&] { return Control::Descriptor{directory.boundSocket("log", SOCK_DGRAM)}; };
+    const auto heard = [](const Control::Descriptor& fd) {
         std::string text(2000, '\0');
         const ssize_t count = ::recv(fd.get(), text.data(), text.size(), 0);
         return count < 0 ? "nothing" : text.substr(0, static_cast<std::size_t>(count));

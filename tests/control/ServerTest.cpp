@@ -7,9 +7,9 @@
 #include "tests/control/TemporaryDirectory.h"
 
 #include <algorithm>
+#include <deque>
 #include <functional>
 #include <gtest/gtest.h>
-#include <list>
 #include <memory>
 #include <set>
 #include <string>
@@ -90,8 +90,7 @@ protected:
     Server() { EXPECT_EQ(server->start(path), ""); }
 
     void settle() {
-        int turns = 0;
-        loop.turnUntil([&] { return ++turns > 5; });
+        for (int turns = 0; turns < 6; ++turns) loop.turn();
     }
 
     TemporaryDirectory directory;
@@ -149,17 +148,10 @@ TEST_F(Server, AnswersEveryRequestInOneLine) {
         EXPECT_EQ(peer.ask(request), reply) << request;
     }
     EXPECT_EQ(peer.ask("{\"op\": [").substr(0, 26), R"({"error":"request, column )");
-}
-
-TEST_F(Server, EndsAClientWhoseRequestDoesNotEndOrThatStopsTalking) {
-    Peer quiet{loop, path};
-    quiet.send(get("msrp/config") + '\n');
-    quiet.finish();
-    EXPECT_EQ(quiet.line(), noPorts);
-    EXPECT_EQ(quiet.line(), "closed");
-    Peer peer{loop, path};
-    peer.send(std::string(Control::Session::requestLimit + 1, ' '));
-    EXPECT_EQ(peer.line(), R"({"error":"a request is longer than 1048576 octets"})");
+    // Also when no more will be asked.
+    peer.send(get("msrp/config") + '\n');
+    peer.finish();
+    EXPECT_EQ(peer.line(), noPorts);
     EXPECT_EQ(peer.line(), "closed");
 }
 
@@ -200,23 +192,22 @@ TEST_F(Server, AWatcherThatDoesNotReadGetsTheLatestValueWhenItDoes) {
 TEST_F(Server, TellsTheFramesOfAPortToAllWhoCaptureThem) {
     using enum Control::Direction;
     Peer one{loop, path};
-    auto other = std::make_unique<Peer>(loop, path);
+    Peer other{loop, path};
     EXPECT_EQ(one.ask(capture("swp9")), R"({"error":"no port \"swp9\""})");
     EXPECT_FALSE(wanted);
-    EXPECT_EQ(one.ask(capture("swp1")), R"({"capture":"swp1","value":null})");
-    EXPECT_EQ(other->ask(capture("swp1")), R"({"capture":"swp1","value":null})");
-    EXPECT_EQ(other->ask(capture("swp2")), R"({"capture":"swp2","value":null})");
+    for (Peer* peer : {&one, &other})
+        EXPECT_EQ(peer->ask(capture("swp1")), R"({"capture":"swp1","value":null})");
+    EXPECT_EQ(other.ask(capture("swp2")), R"({"capture":"swp2","value":null})");
     EXPECT_TRUE(wanted);
 
     frames.pass("swp1", received, std::vector<std::uint8_t>{0x01, 0x80, 0xc2, 0xff});
     frames.pass("swp2", sent, std::vector<std::uint8_t>{0x00});
-    const std::string first = R"({"capture":"swp1","direction":"received","frame":"0180c2ff"})";
-    EXPECT_EQ(one.line(), first);
+    for (Peer* peer : {&one, &other})
+        EXPECT_EQ(peer->line(), R"({"capture":"swp1","direction":"received","frame":"0180c2ff"})");
     EXPECT_EQ(one.line(), "silent");
-    EXPECT_EQ(other->line(), first);
-    EXPECT_EQ(other->line(), R"({"capture":"swp2","direction":"sent","frame":"00"})");
+    EXPECT_EQ(other.line(), R"({"capture":"swp2","direction":"sent","frame":"00"})");
 
-    other->close();
+    other.close();
     settle();
     EXPECT_TRUE(wanted);
     frames.pass("swp1", sent, {});
@@ -234,13 +225,10 @@ TEST_F(Server, ACaptureThatIsNotReadLosesFramesAndTellsHowManyAndWhere) {
         frame[1] = static_cast<std::uint8_t>(number);
         return frame;
     };
-    const auto pass = [&](std::size_t number) {
-        frames.pass("swp1", Control::Direction::sent, numbered(number));
-    };
     Peer slow{loop, path};
     EXPECT_EQ(slow.ask(capture("swp1")), R"({"capture":"swp1","value":null})");
     for (std::size_t i = 0; i < many; ++i) {
-        pass(i);
+        frames.pass("swp1", Control::Direction::sent, numbered(i));
         if (i % 100 == 0) settle();
     }
     Peer idle{loop, path};
@@ -255,9 +243,9 @@ TEST_F(Server, ACaptureThatIsNotReadLosesFramesAndTellsHowManyAndWhere) {
     for (std::string told = slow.line(); told != "silent"; told = slow.line()) ASSERT_EQ(told, line(kept++));
     EXPECT_GT(kept, Control::Captures::waitingLimit / 2000);
     EXPECT_LT(kept, Control::Captures::waitingLimit / 1500 + 1000);  // and what the sockets hold
-    pass(many);
+    frames.pass("swp1", Control::Direction::sent, numbered(many));
     EXPECT_EQ(slow.line(), line(many, ",\"dropped\":" + std::to_string(many - kept)));
-    pass(many + 1);
+    frames.pass("swp1", Control::Direction::sent, numbered(many + 1));
     EXPECT_EQ(slow.line(), line(many + 1));
 }
 
@@ -294,22 +282,24 @@ TEST_F(Server, SurvivesClientsThatGoAtAnyMoment) {
 }
 
 TEST_F(Server, ANewcomerGetsInInPlaceOfTheClientThatIsQuietForLongest) {
-    std::vector<std::unique_ptr<Peer>> peers;
-    for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i) {
-        peers.push_back(std::make_unique<Peer>(loop, path));
-        EXPECT_EQ(peers.back()->ask(get("msrp/config")), noPorts);
-    }
-    EXPECT_EQ(peers[0]->ask(get("msrp/config")), noPorts);
+    std::deque<Peer> peers;
+    for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i)
+        EXPECT_EQ(peers.emplace_back(loop, path).ask(get("msrp/config")), noPorts);
+    EXPECT_EQ(peers[0].ask(get("msrp/config")), noPorts);
     Peer newcomer{loop, path};
     EXPECT_EQ(newcomer.ask(get("msrp/config")), noPorts);
-    EXPECT_EQ(peers[1]->line(), R"({"error":"too many clients, and this one was quiet for longest"})");
-    EXPECT_EQ(peers[1]->line(), "closed");
-    EXPECT_EQ(peers[0]->ask(get("msrp/config")), noPorts);
+    EXPECT_EQ(peers[1].line(), R"({"error":"too many clients, and this one was quiet for longest"})");
+    EXPECT_EQ(peers[1].line(), "closed");
+    EXPECT_EQ(peers[0].ask(get("msrp/config")), noPorts);
 }
 
 TEST_F(Server, ClientsThatSendMuchAndFinishNothingKeepNobodyOut) {
+    Peer endless{loop, path};
+    endless.send(std::string(Control::Session::requestLimit + 1, ' '));
+    EXPECT_EQ(endless.line(), R"({"error":"a request is longer than 1048576 octets"})");
+    EXPECT_EQ(endless.line(), "closed");
     for (const std::size_t each : {Control::Session::requestLimit, std::size_t{70'000}}) {
-        std::list<Peer> hostile;
+        std::deque<Peer> hostile;
         for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i)
             hostile.emplace_back(loop, path).send(std::string(each, ' '));
         EXPECT_EQ(hostile.front().line(),
@@ -369,18 +359,15 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
         ++reads;
         loop.took(10us);
     };
-    std::vector<std::unique_ptr<Peer>> watchers;
-    for (int i = 0; i < 5; ++i) {
-        watchers.push_back(std::make_unique<Peer>(loop, path));
-        watchers.back()->send(watch("long") + '\n');
-    }
+    std::deque<Peer> watchers;
+    for (int i = 0; i < 5; ++i) watchers.emplace_back(loop, path).send(watch("long") + '\n');
     const auto tell = [&] {
         loop.turnUntil([&] {
             // All of them, and each in every turn.
-            return std::ranges::count_if(watchers, [](const auto& watcher) { return watcher->fetch(); }) == 5;
+            return std::ranges::count_if(watchers, &Peer::fetch) == 5;
         });
         std::set<std::string> told;
-        for (const auto& watcher : watchers) told.insert(watcher->line());
+        for (Peer& watcher : watchers) told.insert(watcher.line());
         EXPECT_EQ(told.size(), 1U);
         EXPECT_GT(told.begin()->size(), 200 * Long::entries);
         return std::exchange(reads, 0);
@@ -393,15 +380,12 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
     // Once at once, and once a second.
     EXPECT_LT(tell() + tell(), 4 * Long::entries);
     loop.longestTurn = {};
-    for (int i = 0; i < 60; ++i) {
-        watchers.push_back(std::make_unique<Peer>(loop, path));
-        watchers.back()->send(get("long") + '\n');
-    }
+    for (int i = 0; i < 60; ++i) watchers.emplace_back(loop, path).send(get("long") + '\n');
     Peer person{loop, path};
     const Runtime::Time asked = loop.now();
     EXPECT_EQ(person.ask(get("msrp/cliConfig/srClassAPriority")), R"({"value":3})");
     EXPECT_LT(loop.now() - asked, 500ms);
-    for (const auto& watcher : watchers) watcher->line();
+    for (Peer& watcher : watchers) watcher.line();
     EXPECT_LT(loop.longestTurn, 5ms);
 }
 
