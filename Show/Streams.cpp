@@ -13,7 +13,7 @@ using State::Value;
 
 namespace {
 
-const Column<StreamPortReport> portColumns[]{
+const Column<StreamPortReport> streamPortColumns[]{
     {"PORT", "port", [](const auto& p) { return p.name; }},
     {"CARRIED", "carried", [](const auto& p) { return p.carried; }},
     {"TALKER", "talker", [](const auto& p) { return textOrNone(p.talker); }},
@@ -23,7 +23,7 @@ const Column<StreamPortReport> portColumns[]{
     {"", "waiting", [](const auto& p) { return waitValue(p.wait); }},
 };
 
-Table portsOf(const StreamReport& stream) { return {portColumns, 1, stream.ports}; }
+Table portsOf(const StreamReport& stream) { return {streamPortColumns, 1, stream.ports}; }
 
 const Column<StreamReport> streamColumns[]{
     {"", "id", [](const auto& s) { return State::hexText(s.id); }},

@@ -143,8 +143,8 @@ TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {
     Runtime::VirtualLoop loop;
     const TemporaryDirectory directory;
     const std::string path = directory.file("log");
-    const auto listen = [&] { return Control::Descriptor{directory.boundSocket("log", SOCK_DGRAM)}; };
-    const auto heard = [](const Control::Descriptor& fd) {
+    const auto listen = [&] { return Runtime::FileDescriptor{directory.boundSocket("log", SOCK_DGRAM)}; };
+    const auto heard = [](const Runtime::FileDescriptor& fd) {
         std::string text(2000, '\0');
         const ssize_t count = ::recv(fd.get(), text.data(), text.size(), 0);
         return count < 0 ? "nothing" : text.substr(0, static_cast<std::size_t>(count));
