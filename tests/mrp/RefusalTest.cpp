@@ -15,6 +15,9 @@ TEST(Refusal, IsOfferedAgainAfterALeaveAllOrAnotherValueOnly) {
     // Of a change it leaves the accepted value registered.
     EXPECT_EQ(net.play("a1+1/5=300 1s a1+1/5=200 1s a1-1/5=200 1s"),
               "+b1 1/5=300\n+b1 1/5=200\n-b1 1/5=300\n");
+    // The other type of the key ends it, what the application still holds of it included.
+    EXPECT_EQ(net.play("a1+1/5=300 1s a1+1/5=200 1s a1!1/5 a1+2/5=7 2s"),
+              "+b1 1/5=300\n+b1 1/5=200\n+b1 2/5=7\n-b1 1/5=300\n");
 }
 
 TEST(Refusal, IsRetriedAfterADomainThatIsNoRepeat) {
