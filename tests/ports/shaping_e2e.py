@@ -40,12 +40,12 @@ class Shaping(unittest.TestCase):
         counted = COUNTED[bed.read("get", "linux/capabilities/shaping/swp2/shaper")]
         with Sender(bed.station_of("swp1"), "eth0", DESTINATION, OFFERED, octets=OCTETS) as sender, \
                 Counter(bed.station_of("swp2"), "eth0", OFFERED) as counter:
-            self.check(measure(sender, counter, seconds=4), RESERVED, counted)
+            self.check(sender, counter, RESERVED, counted)
             listener.terminate()
             self.until_carried(bed, [False, False])
             bed.station("swp2", "--listen", STREAM)
             self.until_carried(bed, [True, False])
-            self.check(measure(sender, counter, seconds=4), {A: RESERVED[A]}, counted)
+            self.check(sender, counter, {A: RESERVED[A]}, counted)
 
     def test_what_somebody_else_does_to_the_queues_is_told_and_mended(self):
         bed = self.enterContext(Testbed(BUILD, ports=2, bridge="br0", queues=4))
@@ -68,14 +68,20 @@ class Shaping(unittest.TestCase):
         bed.wait(lambda: [stream["ports"].get("swp2", {}).get("carried")
                           for stream in bed.read("show", "streams").values()] == carried, 60, f"not {carried}")
 
-    def check(self, rates, reserved, counted):
-        print({priority: f"{rates.arrived[priority] / 1e6:.3f} of {rates.offered[priority] / 1e6:.3f} Mbit/s"
-               for priority in OFFERED})
-        for priority, offered in rates.offered.items():
-            if offered < 1.2 * RESERVED.get(priority, 0):
-                self.skipTest("this machine is too slow to keep a port busy")
-            expected = reserved[priority] * OCTETS / counted if priority in reserved else offered
-            self.assertAlmostEqual(rates.arrived[priority], expected, delta=0.05 * expected)
+    def check(self, sender, counter, reserved, counted):
+        # A machine that is busy with something else serves sender and queues late: it gets three tries.
+        for _ in range(3):
+            rates = measure(sender, counter, seconds=4)
+            told = {priority: f"{rates.arrived[priority] / 1e6:.3f} of {rates.offered[priority] / 1e6:.3f} Mbit/s"
+                    for priority in OFFERED}
+            if any(rates.offered[priority] < 1.2 * rate for priority, rate in reserved.items()):
+                self.skipTest(f"this machine is too slow to keep a port busy: {told}")
+            expected = {priority: reserved[priority] * OCTETS / counted if priority in reserved else offered
+                        for priority, offered in rates.offered.items()}
+            if all(abs(rates.arrived[priority] - rate) <= 0.05 * rate for priority, rate in expected.items()):
+                return
+        self.fail(f"{told}, expected {expected}")
+
 
 
 if __name__ == "__main__":
