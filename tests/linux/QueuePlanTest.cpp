@@ -16,30 +16,25 @@ using Linux::Shaping;
 namespace {
 
 TEST(Credits, AreThoseOfTheStandardsFormulas) {
-    struct Case {
-        std::uint64_t portRate;
-        ClassRates rates;
-        Linux::LargestFrames frames;
-        Linux::Credits a, b;
-    };
-    const auto cases = std::to_array<Case>({
-        {100'000, {30'000, 10'000}, {342, 542}, {30'000, -70'000, 463, -240}, {10'000, -90'000, 255, -488}},
-        {1'000'000,
-         {75'000, 20'000},
-         {342, 542},
-         {75'000, -925'000, 116, -317},
-         {20'000, -980'000, 41, -532}},
-        {1'000'000, {450'000, 300'000}, {}, {450'000, -550'000, 694, -849}, {300'000, -700'000, 1304, -1080}},
-        // The most that records and links can hold: nothing overflows.
-        {2'147'483'647,
-         {600'000'000, 600'000'000},
-         {},
-         {600'000'000, -1'547'483'647, 431, -1112},
-         {600'000'000, -1'547'483'647, 1029, -1112}},
-    });
-    for (const Case& c : cases) {
-        EXPECT_EQ(Linux::classACredits(c.portRate, c.rates, c.frames), c.a) << c.portRate;
-        EXPECT_EQ(Linux::classBCredits(c.portRate, c.rates, c.frames), c.b) << c.portRate;
+    using Case = std::tuple<std::uint64_t, ClassRates, Linux::LargestFrames, Linux::Credits, Linux::Credits>;
+    const Linux::LargestFrames some{342, 542};
+    for (const auto& [portRate, rates, frames, a, b] : std::to_array<Case>({
+             {100'000, {30'000, 10'000}, some, {30'000, -70'000, 463, -240}, {10'000, -90'000, 255, -488}},
+             {1'000'000, {75'000, 20'000}, some, {75'000, -925'000, 116, -317}, {20'000, -980'000, 41, -532}},
+             {1'000'000,
+              {450'000, 300'000},
+              {},
+              {450'000, -550'000, 694, -849},
+              {300'000, -700'000, 1304, -1080}},
+             // The most that records and links can hold: nothing overflows.
+             {2'147'483'647,
+              {600'000'000, 600'000'000},
+              {},
+              {600'000'000, -1'547'483'647, 431, -1112},
+              {600'000'000, -1'547'483'647, 1029, -1112}},
+         })) {
+        EXPECT_EQ(Linux::classACredits(portRate, rates, frames), a) << portRate;
+        EXPECT_EQ(Linux::classBCredits(portRate, rates, frames), b) << portRate;
     }
 }
 

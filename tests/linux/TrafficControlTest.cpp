@@ -1,5 +1,6 @@
 #include "Linux/queues/PortQueues.h"
 #include "Linux/queues/QueuePlan.h"
+#include "Runtime/Text.h"
 #include "tests/linux/Golden.h"
 
 #include <linux/if_ether.h>
@@ -12,6 +13,9 @@ using Linux::newQdisc;
 using Linux::queueId;
 
 namespace {
+
+Linux::NetlinkMessage add(const Linux::Qdisc& qdisc) { return newQdisc(qdisc, Linux::requestAdd); }
+Linux::NetlinkMessage add(const Linux::Filter& filter) { return newFilter(filter, Linux::requestAdd); }
 
 const golden::Recording& queues() {
     static const golden::Recording recording{"queues"};
@@ -37,19 +41,17 @@ const Linux::Filter marked{
 TEST(TrafficControl, RequestsAreThoseOfTheStandardTool) {
     const Linux::Credits a{75'000, -925'000, 116, -317};
     const std::vector<std::pair<std::string, Linux::NetlinkMessage>> cases{
-        {"mqprio, 3 traffic classes", newQdisc(byPriority, Linux::requestAdd)},
-        {"cbs add class A, software", newQdisc(credits(1, a), Linux::requestAdd)},
-        {"cbs add class A, hardware", newQdisc(credits(1, a, true), Linux::requestAdd)},
-        {"cbs add class B, software", newQdisc(credits(2, {20'000, -980'000, 41, -336}), Linux::requestAdd)},
+        {"mqprio, 3 traffic classes", add(byPriority)},
+        {"cbs add class A, software", add(credits(1, a))},
+        {"cbs add class A, hardware", add(credits(1, a, true))},
+        {"cbs add class B, software", add(credits(2, {20'000, -980'000, 41, -336}))},
         {"cbs replace class A", newQdisc(credits(1, {150'000, -850'000, 232, -291}), Linux::requestReplace)},
-        {"htb root",
-         newQdisc({p2, queueId(0x100), TC_H_ROOT, "htb", Linux::TokenBuckets{0x30}}, Linux::requestAdd)},
+        {"htb root", add(Linux::Qdisc{p2, queueId(0x100), TC_H_ROOT, "htb", Linux::TokenBuckets{0x30}})},
         {"htb class del", Linux::deleteClass(p2, queueId(0x100, 0x20), queueId(0x100, 1))},
-        {"clsact", newQdisc(clsact, Linux::requestAdd)},
+        {"clsact", add(clsact)},
         {"clsact del", deleteQdisc(clsact)},
-        {"ingress: tag priority 3 to packet priority 3", newFilter(priority3, Linux::requestAdd)},
-        {"ingress: tag priority 3 to packet priority 3, cookie 6d73727064",
-         newFilter(marked, Linux::requestAdd)},
+        {"ingress: tag priority 3 to packet priority 3", add(priority3)},
+        {"ingress: tag priority 3 to packet priority 3, cookie 6d73727064", add(marked)},
         {"ingress filter del", deleteFilter(priority3)},
     };
     for (const auto& [name, message] : cases)
@@ -129,29 +131,62 @@ TEST(PortQueues, FollowNotifications) {
     }
 }
 
-TEST(PortQueues, KnowTheirOwnFiltersAndThatAFlushTakesThem) {
-    const Linux::Filter sorting{
-        p1, 1, queueId(0x100), 1, ETH_P_ALL, "bpf", Linux::ClassProgram{{{6, 0, 0, 0}}}};
-    auto elsewhere = priority3;
-    elsewhere.preference = 7;
+TEST(PortQueues, FollowEveryChangeAndKnowWhatGoesWithWhat) {
     Linux::PortQueues have;
-    for (const Linux::Filter& filter : {priority3, marked, sorting, elsewhere}) {
-        const auto request = newFilter(filter, Linux::requestAdd);
-        have.take(*reinterpret_cast<const nlmsghdr*>(request.bytes().data()));
-        if (filter == elsewhere) continue;
-        EXPECT_EQ(have.filters.back(), filter);
+    /// How it reads after these: the root, then the numbers of children, classes and filters.
+    const auto after = [&](const std::vector<Linux::NetlinkMessage>& messages) {
+        for (const auto& message : messages)
+            have.take(*reinterpret_cast<const nlmsghdr*>(message.bytes().data()));
+        return Runtime::concat(have.root ? have.root->kind : "none", ' ', have.children.size(), ' ',
+                               have.classes.size(), ' ', have.filters.size());
+    };
+    const Linux::Qdisc root{p1, queueId(0x100), TC_H_ROOT, "htb", Linux::TokenBuckets{0x30}};
+    const Linux::Qdisc leaf{p1, queueId(0x101), queueId(0x100, 0x10), "pfifo", Linux::FrameFifo{9}};
+    const Linux::TokenBucketClass bucket{
+        .ifindex = p1, .id = leaf.parent, .parent = queueId(0x100), .rate = 9};
+    const Linux::Filter sorting{
+        p1, 3, queueId(0x100), 1, ETH_P_ALL, "bpf", Linux::ClassProgram{{{6, 0, 0, 0}}}};
+    const std::vector<Linux::NetlinkMessage> below{newClass(bucket, 0), add(leaf), add(sorting)};
+    EXPECT_EQ(after({add(root), add(clsact), add(priority3), add(marked)}), "htb 0 0 1") << "one handle";
+    EXPECT_EQ(have.filters.back(), marked);
+    EXPECT_EQ(after(below), "htb 1 1 2") << "one handle, at another place";
+    // Filters where ours would not be are not even looked at.
+    for (const auto spoil : std::to_array<void (*)(Linux::Filter&)>(
+             {[](auto& f) { f.preference = 7; }, [](auto& f) { f.protocol = ETH_P_ALL; },
+              [](auto& f) { f.parent = Linux::egressFilters; },
+              [](auto& f) { f.parent = queueId(0x100); }})) {
+        Linux::Filter elsewhere = marked;
+        elsewhere.handle = 9;
+        spoil(elsewhere);
+        EXPECT_EQ(after({add(elsewhere)}), "htb 1 1 2");
     }
-    EXPECT_EQ(have.filters.size(), 2U) << "two have one handle, and one is at another's place";
+    EXPECT_EQ(after({add(root)}), "htb 1 1 2") << "as it was";
+    EXPECT_EQ(after({Linux::deleteClass(p1, bucket.id, bucket.parent)}), "htb 0 0 2")
+        << "its queue goes, too";
+    auto all = marked;
+    all.handle = 0;
+    after({deleteFilter(all)});
+    EXPECT_EQ(have.filters, std::vector{sorting});
     for (const auto& message : queues().notifications("6.18 filters flushed"))
         have.take(golden::header(message));
-    EXPECT_TRUE(have.filters.empty());
+    EXPECT_EQ(after({}), "htb 0 0 0");
+    after({add(marked)});
+    after(below);
+    // With a root goes what is below it, whether or not its end was told, and when.
+    auto another = root;
+    another.handle = queueId(0x200);
+    EXPECT_EQ(after({add(another)}), "htb 0 0 1");
+    EXPECT_EQ(after({deleteQdisc(root)}), "htb 0 0 1");
+    after(below);
+    another.kind = "mqprio";
+    another.options = byPriority.options;
+    EXPECT_EQ(after({add(another)}), "mqprio 0 0 1");
     // Of a queue that was replaced, the end is told after the beginning of the new one.
     auto before = credits(1, {});
     before.handle = queueId(0x999);
-    for (const auto& request : {newQdisc(before, Linux::requestAdd),
-                                newQdisc(credits(1, {}), Linux::requestAdd), deleteQdisc(before)})
-        have.take(*reinterpret_cast<const nlmsghdr*>(request.bytes().data()));
+    EXPECT_EQ(after({add(before), add(credits(1, {})), deleteQdisc(before)}), "mqprio 1 0 1");
     EXPECT_EQ(have.children, std::vector{credits(1, {})});
+    EXPECT_EQ(after({deleteQdisc(clsact), deleteQdisc(another)}), "none 0 0 0");
 }
 
 TEST(PortQueues, SurviveMessagesThatAreCutAnywhere) {
@@ -160,7 +195,7 @@ TEST(PortQueues, SurviveMessagesThatAreCutAnywhere) {
             golden::cutAnywhere(message, [](const nlmsghdr& cut) { Linux::PortQueues{}.take(cut); });
         }
     }
-    const auto request = newFilter(marked, Linux::requestAdd);
+    const auto request = add(marked);
     golden::cutAnywhere({request.bytes().begin(), request.bytes().end()},
                         [](const nlmsghdr& cut) { Linux::PortQueues{}.take(cut); });
 }

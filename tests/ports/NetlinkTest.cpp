@@ -2,9 +2,7 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <gtest/gtest.h>
-#include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
 
 using Linux::DumpReader;
@@ -17,12 +15,9 @@ constexpr std::uint32_t sequence = 7;
 /// A message of that type and flags with `payload`, as it follows others in a datagram.
 template <class T>
 Bytes message(std::uint16_t type, unsigned flags, const T& payload, std::uint32_t number = sequence) {
-    Bytes bytes(MNL_ALIGN(sizeof(nlmsghdr) + sizeof payload));
-    const nlmsghdr header{sizeof(nlmsghdr) + sizeof payload, type, static_cast<std::uint16_t>(flags), number,
-                          0};
-    std::memcpy(bytes.data(), &header, sizeof header);
-    std::memcpy(bytes.data() + sizeof header, &payload, sizeof payload);
-    return bytes;
+    Linux::NetlinkMessage made{type, static_cast<std::uint16_t>(flags)};
+    made.part(payload).sequenceIs(number);
+    return {made.bytes().begin(), made.bytes().end()};
 }
 
 Bytes operator+(Bytes a, const Bytes& b) {

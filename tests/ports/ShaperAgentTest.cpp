@@ -161,20 +161,38 @@ TEST_F(ShaperAgentTest, FollowsTheReservationsInPlaceAndGivesBackAllInTheEnd) {
     EXPECT_TRUE(life.agent.audit(false).empty());
 
     kernel.changes.clear();
+    settle();
+    const int before = kernel.asked;
     reserve(150'000, 20'000);
+    settle();
+    EXPECT_EQ(kernel.asked, before) << "our own doing is no news";
     EXPECT_SHAPED("htb 150000 20000");
     EXPECT_EQ(kernel.changes, (std::map<std::uint16_t, int>{{RTM_NEWTCLASS, 1}})) << "no queue is emptied";
     reserve(150'000, 0);
+    life.agent.raise();
+    EXPECT_EQ(shaped(), "htb 150000 20000") << "nothing is taken away before all has its new way";
     EXPECT_SHAPED("htb 150000 0");
-    reserve(6'000'000, 5'000'000);
-    EXPECT_SHAPED("none, refused: the reserved 6000000 and 5000000 kbit/s do not fit into 10000000 kbit/s");
+    Namespace::ip("link set p2 down");
+    settle();
+    EXPECT_EQ(shaped(), "htb 150000 0") << "without a link nothing changes";
+    Namespace::ip("link set p2 up");
+    reserve(6'000'000, 0);
+    EXPECT_SHAPED("htb 6000000 0");
+    reserve(0, 6'000'000);
+    EXPECT_SHAPED("htb 0 6000000") << "though the two did not fit beside each other";
+    reserve(6'000'000, 4'000'000);
+    EXPECT_SHAPED("none, refused: the reserved 6000000 and 4000000 kbit/s do not fit into 10000000 kbit/s");
     reserve(0, 5000);
     settle(50ms);
     EXPECT_EQ(shaped().substr(0, 15), "none, refused: ") << "else they would come again";
     (void)life.agent.audit(true);
     EXPECT_SHAPED("htb 0 5000");
-    // More news than the socket holds.
-    ASSERT_EQ(std::system("seq -f 'class change dev p1 classid 100:20 htb rate %gkbit' 8000 | tc -b - 2>&-"),
+    // More news of another port than the socket holds, and then one of ours.
+    Namespace::cable("x1", "x2");
+    tc("qdisc add dev x1 root handle 1: htb");
+    tc("class add dev x1 classid 1:1 htb rate 1mbit");
+    ASSERT_EQ(std::system("{ seq -f 'class change dev x1 classid 1:1 htb rate %gkbit' 8000;"
+                          "echo class change dev p1 classid 100:20 htb rate 1mbit; } | tc -b - 2>&-"),
               0);
     EXPECT_SHAPED("htb 0 5000");
     life.agent.stop();
@@ -232,17 +250,20 @@ TEST_F(ShaperAgentTest, APortThatCannotBeShapedIsLeftAloneAndOnRecordBeforeAnybo
     const auto* const foreign = "pfifo 0 0, refused: somebody else has set up the queues (pfifo)";
     {
         config->shapingIs(Linux::Shaping::none);
-        const Life accepted{*this};
+        Life accepted{*this};
         loop.runUntil([&] { return !said.empty(); }, 5s);
         EXPECT_EQ(shaped(), "pfifo 0 0") << said;
+        EXPECT_TRUE(accepted.agent.audit(false).empty());
     }
     config->shapingIs(Linux::Shaping::htb);
     Life life{*this};
     EXPECT_SHAPED(foreign);
-    Namespace::ip("link set p2 down");
-    EXPECT_SHAPED("pfifo 0 0") << "without a link there is nothing to rely on";
-    Namespace::ip("link set p2 up");
-    EXPECT_SHAPED(foreign);
+    for (const auto& [away, back] : {std::pair{"p2 down", "p2 up"}, {"p1 nomaster", "p1 master br0"}}) {
+        Namespace::ip(std::string{"link set "} + away);
+        EXPECT_SHAPED("pfifo 0 0") << "there is nothing to rely on";
+        Namespace::ip(std::string{"link set "} + back);
+        EXPECT_SHAPED(foreign);
+    }
     EXPECT_EQ(life.agent.audit(true).size(), 1U);
     EXPECT_EQ(shaped(), foreign);
     tc("qdisc del dev p1 root");
@@ -255,6 +276,10 @@ TEST_F(ShaperAgentTest, APortThatCannotBeShapedIsLeftAloneAndOnRecordBeforeAnybo
     capabilities->abilitiesAre({});
     life.agent.abilitiesChanged();
     EXPECT_SHAPED("none") << "nothing is reserved";
+    tc("qdisc add dev p1 root handle 7: pfifo");
+    EXPECT_SHAPED(foreign);
+    life.agent.stop();
+    EXPECT_EQ(shaped(), "pfifo 0 0") << "nobody is told anything any more";
 }
 
 TEST_F(ShaperAgentTest, WhatTheKernelRefusedIsKeptUntilItIsTriedAgainWithWhatWasAskedFor) {
@@ -267,6 +292,7 @@ TEST_F(ShaperAgentTest, WhatTheKernelRefusedIsKeptUntilItIsTriedAgainWithWhatWas
     reserve(75'000, 0);
     EXPECT_SHAPED(why);
     wanted->intfConfigDelAll();
+    Namespace::ip("link set p1 mtu 1400");  // no reason to try again
     settle(50ms);
     EXPECT_EQ(shaped(), why) << "though nobody asks any more";
     EXPECT_EQ(kernel.refused, 1);
@@ -276,7 +302,7 @@ TEST_F(ShaperAgentTest, WhatTheKernelRefusedIsKeptUntilItIsTriedAgainWithWhatWas
     EXPECT_EQ(kernel.refused, 2);
     EXPECT_EQ(changed, 0) << "another try tells nobody that it may work";
     kernel.refuse = {};
-    (void)life.agent.audit(true);
+    life.agent.abilitiesChanged();
     EXPECT_SHAPED("htb 0 0") << "nobody asked again";
 
     kernel.refuseAll(RTM_NEWQDISC, EBUSY);
@@ -284,6 +310,8 @@ TEST_F(ShaperAgentTest, WhatTheKernelRefusedIsKeptUntilItIsTriedAgainWithWhatWas
     reserve(75'000, 0);
     loop.runUntil([&] { return kernel.refused > 2; }, 5s);
     EXPECT_EQ(shaped(), "none") << "it may pass";
+    EXPECT_EQ(capabilities->shaping(IntfId{"p1"})->why(),
+              "cannot set up the queues: Device or resource busy");
     kernel.refuseAll(RTM_GETQDISC, ENOBUFS);
     EXPECT_EQ(life.agent.audit(true),
               std::vector<std::string>{"p1: cannot read the queues: No buffer space available"});
@@ -295,10 +323,22 @@ TEST_F(ShaperAgentTest, TheTimedAuditLooksEvenWhereNobodyToldOfAnythingButNotAtF
     reserve(75'000, 0);
     const Life life{*this, 0s, 100ms};
     EXPECT_SHAPED("htb 75000 0");
-    const int before = kernel.asked;
+    // More ports than are looked at in one turn.
+    std::set<unsigned> ports{if_nametoindex("p1")};
+    for (std::string name = "q0"; ports.size() < 10; ++name.back()) {
+        Namespace::ip("link add " + name + " master br0 type veth peer name r" + name);
+        ports.insert(if_nametoindex(name.c_str()));
+    }
     Namespace::cable("x1", "x2");
-    EXPECT_TRUE(loop.runUntil([&] { return kernel.asked >= before + 8; }, 5s));
-    EXPECT_LE(kernel.asked, before + 8 + 4);
+    settle();
+    std::set<unsigned> looked;
+    kernel.refuse = [&](std::span<const std::byte> request) -> std::optional<Linux::NetlinkAnswer> {
+        const auto* about = reinterpret_cast<const tcmsg*>(request.data() + sizeof(nlmsghdr));
+        looked.insert(static_cast<unsigned>(about->tcm_ifindex));
+        return std::nullopt;
+    };
+    EXPECT_TRUE(loop.runUntil([&] { return looked.size() >= ports.size(); }, 5s));
+    EXPECT_EQ(looked, ports);
 }
 
 TEST_F(ShaperAgentTest, APortThatLeavesIsGivenBackAndOneThatComesIsShaped) {
@@ -348,20 +388,46 @@ TEST_F(ShaperAgentTest, ARaceThatIsLostForFiltersIsRunAgainAndWithoutThemThereAr
         return record ? record->shaper() : Linux::Shaper::none;
     };
     bool lost = false;
-    kernel.refuse = [&](std::span<const std::byte> request) {
+    std::uint16_t otherQueues = 0;
+    kernel.refuse = [&](std::span<const std::byte> request) -> std::optional<Linux::NetlinkAnswer> {
         // Somebody takes away what was made for the first filter.
         if (FaultyKernel::typeOf(request) == RTM_NEWTFILTER && !std::exchange(lost, true))
             for (auto& [ifindex, queues] : kernel.have) queues.ingress.reset();
-        return std::optional<Linux::NetlinkAnswer>{};
+        // Not all of the port's queues can be used.
+        const auto qdisc = Linux::decodeQdisc(*reinterpret_cast<const nlmsghdr*>(request.data()));
+        const auto* queues = qdisc ? std::get_if<Linux::PriorityQueues>(&qdisc->options) : nullptr;
+        if (queues == nullptr || queues->queues.back().count == 1) return std::nullopt;
+        otherQueues = queues->queues.back().count;
+        return Linux::NetlinkAnswer{EINVAL, {}};
     };
     reserve(75'000, 0, "c1");
     {
-        const Life life{*this};
+        Life life{*this};
         EXPECT_TRUE(loop.runUntil([&] { return p1.filters.size() + c1.filters.size() == 4; }, 5s)) << said;
         EXPECT_EQ(shaper(), Linux::Shaper::hardware);
+        EXPECT_EQ(otherQueues, 2);
         EXPECT_LT(kernel.asked, 40) << "not over and over";
         EXPECT_EQ(said, "good: c1: queues shaped by credits in hardware\n");
+        said.clear();
+        kernel.have[static_cast<int>(if_nametoindex("c1"))].filters.pop_back();
+        (void)life.agent.audit(true);
+        EXPECT_EQ(said,
+                  "c1: priority 3 of incoming frames is not mapped; somebody else changed the queues\n");
+        EXPECT_EQ(c1.filters.size(), 2U);
     }
+    const auto crashed = kernel.have;
+    {
+        Life life{*this};
+        auto others = c1.filters.front();
+        others.parent = Linux::egressFilters;
+        c1.filters.push_back(others);
+        settle(50ms);
+        life.agent.stop();
+        EXPECT_EQ(p1, Linux::PortQueues{}) << "the place for filters goes as well";
+        EXPECT_TRUE(c1.ingress) << "where there are others'";
+        EXPECT_EQ(c1.filters, std::vector{others});
+    }
+    for (auto& [ifindex, queues] : kernel.have) queues = crashed.at(ifindex);
     const std::string filtersLeft =
         ": filters of incoming frames, and their place (clsact) if there are no others\n";
     EXPECT_EQ(leftovers(), "p1" + filtersLeft + "c1: queues that shape classes\nc1" + filtersLeft);
