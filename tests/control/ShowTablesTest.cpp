@@ -116,12 +116,12 @@ TEST(ShowPorts, TellsWhoWaitsForWhatInTheOrderInWhichTheyAreTried) {
         return Sim::advertise({.id = id, .macDa = 0x91'e0'f0'00'00'00 + address});
     };
     b.says("swp1", {talk(3, 3), talk(4, 4), talk(5, 5)});
-    for (const std::uint64_t id : {3, 5, 4, 6}) {
+    for (const std::uint64_t id : {3U, 5U, 4U, 6U}) {
         b.says("swp2", {Sim::listener(id, ListenerState::Ready)});
         b.loop.runFor(10s);
     }
     // 6 is refused when it is declared; 7 and 8 want the address of 3.
-    for (const std::uint64_t id : {6, 7, 8}) {
+    for (const std::uint64_t id : {6U, 7U, 8U}) {
         b.says("swp1", {talk(id, id == 6 ? 6 : 3)});
         b.loop.runFor(30s);
     }
