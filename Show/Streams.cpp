@@ -52,11 +52,13 @@ std::string others(const StreamReport& stream) {
         if (found == byReason.end()) {
             byReason.emplace_back(port.reason, port.name);
         } else {
-            found->second += ", " + port.name;
+            found->second.append(", ").append(port.name);
         }
     }
     std::string out;
-    for (const auto& [reason, names] : byReason) out += "    not to " + names + ": " + reason + '\n';
+    for (const auto& [reason, names] : byReason) {
+        out.append("    not to ").append(names).append(": ").append(reason).append("\n");
+    }
     return out;
 }
 

@@ -107,7 +107,7 @@ protected:
     }
     void put(const K& key, std::shared_ptr<Entity> entity, Entity* owner) {
         Ownership::parentIs(*entity, owner);
-        auto& held = items_[key];
+        std::shared_ptr<Entity>& held = items_[key];
         if (held && held != entity) Ownership::parentIs(*held, nullptr);
         held = std::move(entity);
     }
