@@ -26,9 +26,10 @@ struct AttributeType {
     std::uint8_t replaces;
     /// The key of a value: what names the attribute; two values of one key are two states of one attribute.
     std::uint64_t (*key)(std::span<const std::uint8_t> value);
-    /// Makes the next value of a vector out of one, in place (the increments of 35.2.2.8); false when there
-    /// is none.
-    bool (*increment)(std::span<std::uint8_t> value);
+    /// How many values can follow that one in a vector.
+    std::size_t (*successors)(std::span<const std::uint8_t> value);
+    /// Makes the next of them out of it, in place (the increments of 35.2.2.8).
+    void (*increment)(std::span<std::uint8_t> value);
     /// True when `next` may follow `previous` in one vector: `next` is `previous` incremented by one, without
     /// any field wrapping.
     bool (*follows)(std::span<const std::uint8_t> previous, std::span<const std::uint8_t> next);

@@ -11,12 +11,12 @@ namespace Mrp {
 namespace {
 
 constexpr std::uint8_t threePackedLimit = 6 * 6 * 6;
-/// The events that an octet packs.
+/// The events that an octet packs, as numbers.
 constexpr auto threeEvents = [] {
-    std::array<std::array<Event, 3>, threePackedLimit> events{};
-    for (std::size_t octet = 0; octet < threePackedLimit; ++octet)
-        events[octet] = {static_cast<Event>(octet / 36), static_cast<Event>(octet / 6 % 6),
-                         static_cast<Event>(octet % 6)};
+    std::array<std::array<std::uint8_t, 3>, threePackedLimit> events{};
+    for (std::uint8_t octet = 0; octet < threePackedLimit; ++octet)
+        events[octet] = {static_cast<std::uint8_t>(octet / 36), static_cast<std::uint8_t>(octet / 6 % 6),
+                         static_cast<std::uint8_t>(octet % 6)};
     return events;
 }();
 
@@ -118,32 +118,25 @@ private:
         if (!list.ok() || tornEndMark(list)) return false;
         if (leaveAll) out_.leaveAll.set(index);
 
-        DecodedEvent decoded;
-        decoded.typeIndex = index;
-        std::ranges::copy(first, decoded.value.octets.begin());
-        const std::span value{decoded.value.octets.data(), type.valueLength};
-        out_.events.reserve(out_.events.size() + values);
-        for (std::size_t k = 0, octet = 0; k < values; ++octet) {
-            const std::uint8_t three = threePacked[octet];
-            if (three >= threePackedLimit) {
-                flaw(Malformed::eventPastRange, eventsAt + octet);
-                return true;
-            }
-            for (const Event event : threeEvents[three]) {
-                if (k == values) break;
-                if (k > 0 && !type.increment(value)) {
-                    flaw(Malformed::valuePastRange, eventsAt + octet);
-                    return true;
-                }
-                decoded.event = event;
-                if (type.fourPacked) {
-                    decoded.value.declaration =
-                        static_cast<std::uint8_t>(fourPacked[k / 4] >> (6 - 2 * (k % 4)) & 3);
-                }
-                out_.events.push_back(decoded);
-                ++k;
-            }
+        // A flaw takes the values from its place on.
+        std::size_t good = std::min(values - 1, type.successors(first)) + 1;
+        const auto readable = threePacked.first(good < values ? good / 3 + 1 : threePacked.size());
+        const auto broken = std::ranges::find_if(readable, [](auto o) { return o >= threePackedLimit; });
+        if (broken != readable.end()) {
+            const auto octet = static_cast<std::size_t>(broken - readable.begin());
+            good = 3 * octet;
+            flaw(Malformed::eventPastRange, eventsAt + octet);
+        } else if (good < values) {
+            flaw(Malformed::valuePastRange, eventsAt + good / 3);
         }
+        if (good == 0) return true;
+        const std::span<std::uint8_t> said = out_.events.add(type, index, first, good);
+        auto next = said.begin();
+        for (const std::uint8_t three : threePacked.first(good / 3))
+            next = std::copy_n(threeEvents[three].begin(), 3, next);
+        if (good % 3 > 0) std::copy_n(threeEvents[threePacked[good / 3]].begin(), good % 3, next);
+        for (std::size_t k = 0; k < (type.fourPacked ? good : 0); ++k)
+            said[k] |= static_cast<std::uint8_t>((fourPacked[k / 4] >> (6 - 2 * (k % 4)) & 3) << 3);
         return true;
     }
 
@@ -157,6 +150,14 @@ private:
 };
 
 }  // namespace
+
+std::span<std::uint8_t> DecodedEvents::add(const AttributeType& type, std::uint8_t typeIndex,
+                                           std::span<const std::uint8_t> first, std::size_t values) {
+    Vector& vector = vectors_.emplace_back(Vector{&type, typeIndex, values, {}});
+    std::ranges::copy(first, vector.first.begin());
+    said_.resize(said_.size() + values);
+    return std::span{said_}.last(values);
+}
 
 void decode(std::span<const std::uint8_t> pdu, const ApplicationInfo& application, DecodedPdu& out) {
     out.events.clear();

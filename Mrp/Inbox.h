@@ -24,7 +24,7 @@ struct Reception {
     bool begun = false;      ///< counted, and its LeaveAlls applied
     bool firstTypes = true;  ///< still at the types that are delivered first
     std::set<std::pair<std::uint8_t, std::uint64_t>> firstRefs;  ///< of these: type and key, to be offered
-    std::size_t nextEvent = 0;                                   ///< of `pdu`
+    DecodedEvents::Iterator next;                                ///< of `pdu`, once begun
 };
 
 class Inbox {

@@ -146,7 +146,6 @@ void MrpSm::received(IntfId intf, std::span<const std::uint8_t> pdu) {
     direct_.begun = false;
     direct_.firstTypes = true;
     direct_.firstRefs.clear();
-    direct_.nextEvent = 0;
     if (receive(*receiver, direct_, turns_.mayReceive()).done) return;
     direct_.arrived = loop_.now();
     port.inbox.putBack(std::make_unique<Reception>(std::exchange(direct_, {})));

@@ -64,31 +64,34 @@ bool Participant::receive(Reception& in, unsigned& budget) {
     };
     if (!std::exchange(in.begun, true)) {
         beginReception(in.pdu);
+        in.next = in.pdu.events.begin();
         std::size_t touched = 0;
         for (std::uint8_t i = 0; i < typeCount(); ++i) {
             if (in.pdu.leaveAll.test(i)) touched += attributes_[i].size();
         }
         spend(1 + touched / leaveAllShare);
     }
-    const std::vector<DecodedEvent>& events = in.pdu.events;
     bool done = false;
     while (!stopped_ && !done && budget > 0) {
-        if (in.nextEvent == events.size()) {
+        if (in.next == in.pdu.events.end()) {
             if (in.firstTypes && !in.firstRefs.empty()) {
                 spend(offerFirst(in));
                 continue;
             }
             done = !std::exchange(in.firstTypes, false);
-            in.nextEvent = 0;
+            in.next = in.pdu.events.begin();
             continue;
         }
-        const DecodedEvent& event = events[in.nextEvent++];
-        const AttributeType& t = type(event.typeIndex);
-        if (t.deliverFirst != in.firstTypes) continue;
-        const Asks asks = receiveEvent(event);
+        const AttributeType& t = type(in.next->typeIndex);
+        if (t.deliverFirst != in.firstTypes) {
+            in.next.leaveVector();
+            continue;
+        }
+        const Asks asks = receiveEvent(*in.next);
+        const AttributeRef ref{in.next->typeIndex, keyOf(*in.next)};
+        ++in.next;
         spend(1);
         if (asks == Asks::nothing) continue;
-        const AttributeRef ref{event.typeIndex, keyOf(event)};
         if (t.deliverFirst) {
             in.firstRefs.insert({ref.typeIndex, ref.key});
         } else {

@@ -190,7 +190,8 @@ private:
         Mrp::decode(std::span{frame_}.first(static_cast<std::size_t>(length_)).subspan(header.size()),
                     Msrp::application(), decoded_);
         const auto wanted = Bench::value(Msrp::typeTalkerAdvertise, number, Spacing::scattered);
-        return std::ranges::any_of(decoded_.events, [&](const Mrp::DecodedEvent& event) {
+        const auto& events = decoded_.events;
+        return std::any_of(events.begin(), events.end(), [&](const Mrp::DecodedEvent& event) {
             return event.typeIndex == Msrp::typeTalkerAdvertise - 1 &&
                    std::equal(wanted.octets.begin(), wanted.octets.begin() + 8, event.value.octets.begin());
         });

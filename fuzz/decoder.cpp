@@ -55,7 +55,7 @@ void checkCut(Octets pdu, const Mrp::DecodedPdu& whole) {
 void checkWritten(const Mrp::DecodedPdu& read) {
     const bool leaveAll = read.leaveAll.any();
     if (read.events.empty() && !leaveAll) return;
-    std::vector<Mrp::DecodedEvent> events = read.events;
+    std::vector<Mrp::DecodedEvent> events{read.events.begin(), read.events.end()};
     std::ranges::stable_sort(events, {}, &Mrp::DecodedEvent::typeIndex);
     std::vector<Sim::Say> said;
     for (const auto& [typeIndex, event, value] : events) {

@@ -23,19 +23,16 @@ void countUp(std::span<U8> octets) {
     for (auto octet = octets.rbegin(); octet != octets.rend() && ++*octet == 0; ++octet) {
     }
 }
-bool incrementStream(std::span<U8> value) {
-    countUp(value.subspan(uniqueIdAt, 2));
-    return true;
-}
-bool incrementTalker(std::span<U8> value) {
+std::size_t streamSuccessors(std::span<const U8>) { return SIZE_MAX; }
+void incrementStream(std::span<U8> value) { countUp(value.subspan(uniqueIdAt, 2)); }
+void incrementTalker(std::span<U8> value) {
     countUp(value.subspan(macDaAt, macDaOctets));
-    return incrementStream(value);
+    incrementStream(value);
 }
-bool incrementDomain(std::span<U8> value) {
-    if (value[0] == 0xff || value[1] == 0xff) return false;
+std::size_t domainSuccessors(std::span<const U8> value) { return std::min(0xff - value[0], 0xff - value[1]); }
+void incrementDomain(std::span<U8> value) {
     ++value[0];
     ++value[1];
-    return true;
 }
 
 bool streamFollows(std::span<const U8> previous, std::span<const U8> next) {
@@ -62,6 +59,7 @@ constexpr std::array<Mrp::AttributeType, 4> types{{
      .retriesPort = false,
      .replaces = typeTalkerFailed,
      .key = streamKey,
+     .successors = streamSuccessors,
      .increment = incrementTalker,
      .follows = talkerFollows},
     {.type = typeTalkerFailed,
@@ -71,6 +69,7 @@ constexpr std::array<Mrp::AttributeType, 4> types{{
      .retriesPort = false,
      .replaces = typeTalkerAdvertise,
      .key = streamKey,
+     .successors = streamSuccessors,
      .increment = incrementTalker,
      .follows = talkerFollows},
     {.type = typeListener,
@@ -80,6 +79,7 @@ constexpr std::array<Mrp::AttributeType, 4> types{{
      .retriesPort = false,
      .replaces = 0,
      .key = streamKey,
+     .successors = streamSuccessors,
      .increment = incrementStream,
      .follows = streamFollows},
     {.type = typeDomain,
@@ -89,6 +89,7 @@ constexpr std::array<Mrp::AttributeType, 4> types{{
      .retriesPort = true,
      .replaces = 0,
      .key = domainKey,
+     .successors = domainSuccessors,
      .increment = incrementDomain,
      .follows = domainFollows},
 }};
