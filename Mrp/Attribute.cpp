@@ -3,12 +3,22 @@
 namespace Mrp {
 
 void Attribute::ownIs(const AttributeValue& value) {
+    const bool alone = spokenFor() && !registered() && !mtDue && !announced && !held;
+    if (!apart_ && alone) {
+        value_ = value;
+        return;
+    }
     AttributeValues all = values();
     all.own = value;
     valuesAre(all);
 }
 
 void Attribute::heardIs(const AttributeValue& value) {
+    const bool alone = registered() && !spokenFor() && !announced && !held;
+    if (!apart_ && alone) {
+        value_ = value;
+        return;
+    }
     AttributeValues all = values();
     all.heard = value;
     valuesAre(all);

@@ -22,10 +22,8 @@ class OrderedChunks {
         std::uint64_t key;
         Value* value;  ///< owned; a plain address, since many entries are moved for each new one
     };
-    struct Chunk {
-        std::uint64_t lowest;        ///< no key of the chunk is lower, and those of the chunks before it are
-        std::vector<Entry> entries;  ///< never empty, never more than `capacity`
-    };
+    /// Never empty, never more than `capacity`.
+    using Chunk = std::vector<Entry>;
     struct Place {
         std::size_t chunk = 0;
         std::size_t entry = 0;
@@ -96,9 +94,9 @@ public:
         if (seek(key)) return {*at(finger_).value, false};
         finger_ = makeRoom(finger_, key);
         Chunk& chunk = chunks_[finger_.chunk];
-        chunk.lowest = std::min(chunk.lowest, key);
-        const auto before = chunk.entries.begin() + static_cast<std::ptrdiff_t>(finger_.entry);
-        Value& made = *chunk.entries.insert(before, Entry{key, new Value})->value;
+        lowest_[finger_.chunk] = std::min(lowest_[finger_.chunk], key);
+        const auto before = chunk.begin() + static_cast<std::ptrdiff_t>(finger_.entry);
+        Value& made = *chunk.insert(before, Entry{key, new Value})->value;
         ++size_;
         return {made, true};
     }
@@ -106,12 +104,12 @@ public:
     /// Nothing when there is none of that key.
     void erase(std::uint64_t key) {
         if (!seek(key)) return;
-        std::vector<Entry>& entries = chunks_[finger_.chunk].entries;
+        Chunk& entries = chunks_[finger_.chunk];
         delete at(finger_).value;
         entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(finger_.entry));
         --size_;
         if (entries.empty()) {
-            chunks_.erase(chunkAt(finger_.chunk));
+            dropChunk(finger_.chunk);
         } else {
             mergeWithNext(finger_.chunk);
             if (finger_.chunk > 0) mergeWithNext(finger_.chunk - 1);
@@ -119,38 +117,44 @@ public:
     }
 
 private:
-    [[nodiscard]] auto chunkAt(std::size_t index) {
-        return chunks_.begin() + static_cast<std::ptrdiff_t>(index);
+    void insertChunk(std::size_t index, std::uint64_t lowest, Chunk chunk) {
+        lowest_.insert(lowest_.begin() + static_cast<std::ptrdiff_t>(index), lowest);
+        chunks_.insert(chunks_.begin() + static_cast<std::ptrdiff_t>(index), std::move(chunk));
     }
-    [[nodiscard]] const Entry& at(Place place) const { return chunks_[place.chunk].entries[place.entry]; }
+    void dropChunk(std::size_t index) {
+        lowest_.erase(lowest_.begin() + static_cast<std::ptrdiff_t>(index));
+        chunks_.erase(chunks_.begin() + static_cast<std::ptrdiff_t>(index));
+    }
+    [[nodiscard]] const Entry& at(Place place) const { return chunks_[place.chunk][place.entry]; }
     [[nodiscard]] Place endPlace() const { return {chunks_.size(), 0}; }
     /// The same place; the end of a chunk is the beginning of the next one.
     [[nodiscard]] Place settled(Place place) const {
-        const bool past = place.chunk < chunks_.size() && place.entry >= chunks_[place.chunk].entries.size();
+        const bool past = place.chunk < chunks_.size() && place.entry >= chunks_[place.chunk].size();
         return past ? Place{place.chunk + 1, 0} : place;
     }
     [[nodiscard]] Place after(Place place) const {
         constexpr std::size_t ahead = 8;  // so far in advance that memory has answered
-        if (place.chunk < chunks_.size() && place.entry + ahead < chunks_[place.chunk].entries.size()) {
+        if (place.chunk < chunks_.size() && place.entry + ahead < chunks_[place.chunk].size()) {
             __builtin_prefetch(at({place.chunk, place.entry + ahead}).value);
         }
         return settled({place.chunk, place.entry + 1});
     }
     [[nodiscard]] bool holds(Place place, std::uint64_t key) const {
-        return place.chunk < chunks_.size() && place.entry < chunks_[place.chunk].entries.size() &&
+        return place.chunk < chunks_.size() && place.entry < chunks_[place.chunk].size() &&
                at(place).key == key;
     }
 
     /// Where the key is or belongs, which may be the end of a chunk.
     [[nodiscard]] Place search(std::uint64_t key) const {
-        const auto next = std::ranges::upper_bound(chunks_, key, {}, &Chunk::lowest);
-        if (next == chunks_.begin()) return {};
-        const std::vector<Entry>& entries = std::prev(next)->entries;
+        const auto next = std::ranges::upper_bound(lowest_, key);
+        if (next == lowest_.begin()) return {};
+        const auto chunk = static_cast<std::size_t>(next - lowest_.begin()) - 1;
+        const Chunk& entries = chunks_[chunk];
         // One after the other, which memory serves faster than jumps; from behind, where most new keys
         // belong.
         std::size_t entry = entries.size();
         while (entry > 0 && entries[entry - 1].key >= key) --entry;
-        return {static_cast<std::size_t>(next - chunks_.begin()) - 1, entry};
+        return {chunk, entry};
     }
     /// Lets the finger point to where the key is or belongs; false when it is not there.
     bool seek(std::uint64_t key) const {
@@ -162,30 +166,33 @@ private:
 
     /// Where the key is to be inserted, that its chunk may take one more.
     Place makeRoom(Place place, std::uint64_t key) {
-        if (chunks_.empty()) chunks_.push_back({key, {}});
-        std::vector<Entry>& full = chunks_[place.chunk].entries;
+        if (chunks_.empty()) insertChunk(0, key, {});
+        Chunk& full = chunks_[place.chunk];
         if (full.size() < capacity) return place;
         // Keys that come in order leave full chunks behind, others half full ones.
         const bool behindAll = place.entry == capacity && place.chunk + 1 == chunks_.size();
         const std::size_t kept = behindAll ? capacity : capacity / 2;
         const auto split = full.begin() + static_cast<std::ptrdiff_t>(kept);
-        std::vector<Entry> upper{split, full.end()};
+        Chunk upper{split, full.end()};
         full.erase(split, full.end());
         const std::uint64_t lowest = upper.empty() ? key : upper.front().key;
-        chunks_.insert(chunkAt(place.chunk + 1), {lowest, std::move(upper)});
+        insertChunk(place.chunk + 1, lowest, std::move(upper));
         return place.entry < kept ? place : Place{place.chunk + 1, place.entry - kept};
     }
 
     /// Neighbours that have become small, so that few entries never lie in many chunks.
     void mergeWithNext(std::size_t index) {
         if (index + 1 >= chunks_.size()) return;
-        std::vector<Entry>& into = chunks_[index].entries;
-        std::vector<Entry>& from = chunks_[index + 1].entries;
+        Chunk& into = chunks_[index];
+        const Chunk& from = chunks_[index + 1];
         if (into.size() + from.size() > capacity / 2) return;
         into.insert(into.end(), from.begin(), from.end());
-        chunks_.erase(chunkAt(index + 1));
+        dropChunk(index + 1);
     }
 
+    /// No key of the chunk at that position is lower, and those of the chunks before it are: a directory
+    /// apart, since a search reads it at many places.
+    std::vector<std::uint64_t> lowest_;
     std::vector<Chunk> chunks_;
     std::size_t size_ = 0;
     /// Where something was last sought: mostly it or its neighbour is sought next.  May lie outside after an

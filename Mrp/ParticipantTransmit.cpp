@@ -182,6 +182,7 @@ void Participant::bridge(std::vector<Utterance>& plan, std::size_t batchIndex, A
         return std::span{attribute.own().octets}.first(t.valueLength);
     };
     const std::size_t before = plan.size();
+    if (auto next = from; ++next == to) return;
     while (true) {
         const Attribute& previous = (*from).value;
         const auto [key, gap] = *++from;
