@@ -206,8 +206,8 @@ bool MsrpSm::isAttrLogOutClogged() {
 }
 
 void MsrpSm::counterInc(IntfId intf, Direction direction, MsrpCounter counter) {
-    const auto intfStatus = status()->intfStatus(intf);
-    if (!intfStatus) return;
+    IntfStatus* const intfStatus = status()->peekIntfStatus(intf);
+    if (intfStatus == nullptr) return;
     if (direction == Direction::Rx) {
         intfStatus->rxCountersIs(counter, intfStatus->rxCounters().get(counter) + 1);
     } else {

@@ -380,7 +380,7 @@ private:
     void refreshPort(IntfId intf);
     /// True for a port that declarations are propagated to: enabled, and with a status.
     [[nodiscard]] bool isCandidate(IntfId intf) const {
-        return config().intfEnable(intf) && inputs_.status->intfStatus(intf);
+        return config().intfEnable(intf) && inputs_.status->intfStatus().contains(intf);
     }
     /// A withdrawal goes to all of these: a port that was disabled while nobody acted still has declarations.
     [[nodiscard]] std::vector<IntfId> portsWithStatus() const;
@@ -468,6 +468,7 @@ private:
     void dropFailureCode(StreamData& stream, IntfId intf);
     /// What ends with a failure code of a port.
     void failureCodeGone(StreamData& stream, IntfId intf, TalkerFailureCode old);
+    void transmitTalkerAdvertise(IntfId intf, StreamData& stream, TalkerState state);
     void send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration = 0);
 
     // Bandwidth

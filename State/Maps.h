@@ -134,6 +134,11 @@ public:
         const auto* held = this->find(key);
         return held != nullptr ? std::static_pointer_cast<E>(*held) : nullptr;
     }
+    /// The same without a share of it: not for longer than it surely stays in the collection.
+    [[nodiscard]] E* peek(const K& key) {
+        const auto* held = this->find(key);
+        return held != nullptr ? static_cast<E*>(held->get()) : nullptr;
+    }
     /// Takes `entity` in under `key`, in place of what was there.
     void put(const K& key, std::shared_ptr<E> entity, Entity* owner) {
         Children<K>::put(key, std::move(entity), owner);

@@ -30,7 +30,8 @@ public:
     [[nodiscard]] constexpr bool isMulticast() const { return (octets_[0] & 1U) != 0; }
     /// "91:e0:f0:00:fe:01"
     [[nodiscard]] std::string text() const;
-    auto operator<=>(const EthAddr&) const = default;
+    bool operator==(const EthAddr&) const = default;
+    constexpr auto operator<=>(const EthAddr& other) const { return number() <=> other.number(); }
 
 private:
     std::array<std::uint8_t, 6> octets_{};

@@ -78,7 +78,6 @@ void MsrpAdditionSm::doReview() {
             const auto published = status.registeredStreamsIs(id);
             published->attributesFrom(*working);
             published->ethGroupIs(working->ethGroup());
-            msrpSm_.streamListDel(id);
             msrpSm_.streamListIs(published);
         }
         pending.erase(id);

@@ -19,39 +19,58 @@ void forget(Index& index, const Key& key, U64 streamId) {
 }  // namespace
 
 std::shared_ptr<StreamData> StreamTable::find(U64 streamId) const {
-    const auto at = streams_.find(streamId);
-    return at == streams_.end() ? nullptr : at->second;
+    if (!sought_ || sought_->id != streamId) {
+        const auto at = streams_.find(streamId);
+        sought_ = {streamId, at == streams_.end() ? nullptr : &at->second};
+    }
+    return sought_->held == nullptr ? nullptr : *sought_->held;
 }
 
 void StreamTable::put(std::shared_ptr<StreamData> stream) {
     if (!stream) throw std::invalid_argument("streamListIs: null stream");
     const U64 id = stream->streamId();
-    remove(id);
-    byMacDa_[stream->macDa()].insert(id);
-    byVlan_[stream->vlanId()].insert(id);
-    streams_.emplace(id, std::move(stream));
+    const auto [at, fresh] = streams_.try_emplace(id);
+    std::shared_ptr<StreamData>& held = at->second;
+    const bool moves = fresh || held->macDa() != stream->macDa() || held->vlanId() != stream->vlanId();
+    if (moves && !fresh) forgetDestination(*held);
+    if (moves) learnDestination(*stream);
+    held = std::move(stream);
+    sought_ = {id, &held};
 }
 
 void StreamTable::remove(U64 streamId) {
     const auto at = streams_.find(streamId);
     if (at == streams_.end()) return;
-    forget(byMacDa_, at->second->macDa(), streamId);
-    forget(byVlan_, at->second->vlanId(), streamId);
+    forgetDestination(*at->second);
+    sought_.reset();
     streams_.erase(at);
 }
 
 void StreamTable::clear() {
+    sought_.reset();
     streams_.clear();
     byMacDa_.clear();
     byVlan_.clear();
 }
 
 void StreamTable::destinationIs(StreamData& stream, EthAddr macDa, U16 vlanId) {
-    const std::shared_ptr<StreamData> held = find(stream.streamId());
-    remove(stream.streamId());
+    const bool held = find(stream.streamId()).get() == &stream;
+    if (held) forgetDestination(stream);
     stream.macDaIs(macDa);
     stream.vlanIdIs(vlanId);
-    if (held) put(held);
+    if (held) learnDestination(stream);
+}
+
+void StreamTable::learnDestination(const StreamData& stream) {
+    if (stream.vlanId() == 0) return;
+    byMacDa_[stream.macDa()].insert(stream.streamId());
+    byVlan_[stream.vlanId()].insert(stream.streamId());
+}
+
+void StreamTable::forgetDestination(const StreamData& stream) {
+    if (stream.vlanId() == 0) return;
+    forget(byMacDa_, stream.macDa(), stream.streamId());
+    forget(byVlan_, stream.vlanId(), stream.streamId());
 }
 
 const StreamTable::Ids& StreamTable::withAddress(EthAddr macDa) const {

@@ -26,17 +26,27 @@ public:
     /// Changes where the stream's frames go, also of one that is not in the table.
     void destinationIs(StreamData& stream, EthAddr macDa, U16 vlanId);
 
-    /// The streams with that destination address, or none.
+    /// The streams whose talkers send to that address, or none.
     [[nodiscard]] const Ids& withAddress(EthAddr macDa) const;
     /// The lowest-numbered other stream with that address.
     [[nodiscard]] std::optional<U64> otherWith(EthAddr macDa, U64 streamId) const;
-    /// The streams of each VLAN that has some.
+    /// The streams that have a talker, of each VLAN that has some.
     [[nodiscard]] const std::map<U16, Ids>& byVlan() const { return byVlan_; }
-    /// The first stream from that id on, of the VLAN or of all (0).
+    /// The first stream from that id on, of the VLAN's that have a talker or of all (0).
     [[nodiscard]] std::optional<U64> next(U16 vlanId, U64 from) const;
 
 private:
+    struct Sought {
+        U64 id;
+        const std::shared_ptr<StreamData>* held;  ///< null when there is none of that id
+    };
+    void learnDestination(const StreamData& stream);
+    void forgetDestination(const StreamData& stream);
+
     std::map<U64, std::shared_ptr<StreamData>> streams_;
+    /// The last look-up: whoever handles a stream looks for it again and again.
+    mutable std::optional<Sought> sought_;
+    // Without those that have no talker.
     std::map<EthAddr, Ids> byMacDa_;
     std::map<U16, Ids> byVlan_;
 };

@@ -5,8 +5,22 @@
 namespace Msrp {
 
 namespace {
+
 using Code = TalkerFailureCode;
+
+MsrpTalkerAdvertiseAttribute talkerAttribute(const StreamData& stream) {
+    MsrpTalkerAdvertiseAttribute attr;
+    attr.streamIdIs(stream.streamId());
+    attr.macDaIs(stream.macDa());
+    attr.vlanIdIs(stream.vlanId());
+    attr.maxFrameSizeIs(stream.maxFrameSize());
+    attr.maxIntervalFramesIs(stream.maxIntervalFrames());
+    attr.priorityAndRankIs(PriorityAndRank::create(stream.dataFramePriority(), stream.rank()));
+    attr.accumulatedLatencyIs(stream.accumulatedLatency());
+    return attr;
 }
+
+}  // namespace
 
 TalkerState MsrpSm::getTalkerState(const StreamData& stream, IntfId intf) const {
     return pending_.removesTalker(stream.streamId(), intf) ? TalkerState::None : stream.talkerState(intf);
@@ -21,15 +35,7 @@ void MsrpSm::setTalkerState(StreamData& stream, IntfId intf, TalkerState state) 
 MsrpTalkerAdvertiseAttribute MsrpSm::streamDataTalkerAttribute(U64 streamId) const {
     const auto stream = streamList(streamId);
     Runtime::require(stream && stream->ingressIntf(), "streamData && streamData->ingressIntf()");
-    MsrpTalkerAdvertiseAttribute attr;
-    attr.streamIdIs(streamId);
-    attr.macDaIs(stream->macDa());
-    attr.vlanIdIs(stream->vlanId());
-    attr.maxFrameSizeIs(stream->maxFrameSize());
-    attr.maxIntervalFramesIs(stream->maxIntervalFrames());
-    attr.priorityAndRankIs(PriorityAndRank::create(stream->dataFramePriority(), stream->rank()));
-    attr.accumulatedLatencyIs(stream->accumulatedLatency());
-    return attr;
+    return talkerAttribute(*stream);
 }
 
 void MsrpSm::sendTalkerInternalLeave(IntfId intf, U64 streamId, TalkerState state) {
@@ -54,13 +60,18 @@ void MsrpSm::dropFailureCode(StreamData& stream, IntfId intf) {
 }
 
 void MsrpSm::transmitTalkerAdvertise(IntfId intf, U64 streamId, TalkerState state) {
-    const auto stream = existingStream(streamId);
-    const TalkerState current = getTalkerState(*stream, intf);
+    transmitTalkerAdvertise(intf, *existingStream(streamId), state);
+}
+
+void MsrpSm::transmitTalkerAdvertise(IntfId intf, StreamData& stream, TalkerState state) {
+    const U64 streamId = stream.streamId();
+    const TalkerState current = getTalkerState(stream, intf);
     if (current == state) {
         trace("Not transmitting duplicate TalkerAdvertise");
         return;
     }
-    const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
+    Runtime::require(static_cast<bool>(stream.ingressIntf()), "streamData && streamData->ingressIntf()");
+    const MsrpTalkerAdvertiseAttribute attr = talkerAttribute(stream);
     const bool declare = state == TalkerState::Advertise;
     if (!declare) {
         addTalkerToDeletePending(streamId, intf);
@@ -70,12 +81,12 @@ void MsrpSm::transmitTalkerAdvertise(IntfId intf, U64 streamId, TalkerState stat
             sendTalkerInternalLeave(intf, streamId, TalkerState::Failed);
             log(MSRP_TALKER_ADV_JOIN, "transmitted", intf, HexId{streamId}, number(Code::noFailure));
         }
-        setTalkerState(*stream, intf, TalkerState::Advertise);
+        setTalkerState(stream, intf, TalkerState::Advertise);
         counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertise);
     }
-    const Code old = stream->talkerFailureCode(intf);
-    dropFailureCode(*stream, intf);
-    failureCodeGone(*stream, intf, old);
+    const Code old = stream.talkerFailureCode(intf);
+    dropFailureCode(stream, intf);
+    failureCodeGone(stream, intf, old);
     send(intf, typeTalkerAdvertise, declare ? Mrp::requestDeclare : Mrp::requestWithdraw, attr.octets());
 }
 
@@ -113,7 +124,7 @@ void MsrpSm::transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode c
 
 Code MsrpSm::judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf) {
     const U64 streamId = stream.streamId();
-    const SrClassState state = status()->intfStatus(port)->srClassState(stream.srClass());
+    const SrClassState state = status()->peekIntfStatus(port)->srClassState(stream.srClass());
     if (state == SrClassState::Boundary) {
         trace("ERROR: StreamId 0x", HexId{streamId}, ": Talker Failed on ", port, " since it is ",
               srClassName(stream.srClass()), " Boundary port");
@@ -139,7 +150,7 @@ void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, Intf
     const auto stream = existingStream(streamId);
     bool listenersChanged = false;
     const auto propagateTo = [&](IntfId port) {
-        const auto intfStatus = status()->intfStatus(port);
+        const IntfStatus* const intfStatus = status()->peekIntfStatus(port);
         Runtime::require(intfStatus != nullptr, "intfStatus");
         const SrClassState state = intfStatus->srClassState(stream->srClass());
         if (!isActive(state)) {
@@ -151,7 +162,7 @@ void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, Intf
         const ListenerState listener = stream->listenerStateOrig(port);
         const Code code = judgeEgress(port, *stream, ingressIntf);
         if (code == Code::noFailure) {
-            transmitTalkerAdvertise(port, streamId, TalkerState::Advertise);
+            transmitTalkerAdvertise(port, *stream, TalkerState::Advertise);
         } else {
             if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(failureBridgeId(port));
             counterInc(port, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
@@ -183,7 +194,7 @@ void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailu
     bool listenersChanged = false;
     for (const IntfId port : portsWithStatus()) {
         if (port == ingressIntf || (failed && !isCandidate(port))) continue;
-        const SrClassState classState = status()->intfStatus(port)->srClassState(stream->srClass());
+        const SrClassState classState = status()->peekIntfStatus(port)->srClassState(stream->srClass());
         // A port that is about to take the class's streams off may not have come to this one.
         const TalkerState declared = getTalkerState(*stream, port);
         const bool late = !failed && busy(port) && declared != TalkerState::None;

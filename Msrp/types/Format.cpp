@@ -1,15 +1,19 @@
 #include "Msrp/types/Format.h"
 
-#include <cstdio>
+#include <cstddef>
 
 namespace Msrp {
 
 bool isAvbEthAddr(const EthAddr& address) { return address.number() >> 24 == 0x91e0f0; }
 
 std::string hexStr(U64 id) {
-    char digits[17];
-    std::snprintf(digits, sizeof digits, "%llX", static_cast<unsigned long long>(id));
-    return digits;
+    char digits[16];
+    std::size_t first = sizeof digits;
+    do {
+        digits[--first] = "0123456789ABCDEF"[id & 0xfU];
+        id >>= 4U;
+    } while (id != 0);
+    return {digits + first, sizeof digits - first};
 }
 
 std::string_view srClassName(SrClassId srClass) {

@@ -95,6 +95,7 @@ public:
 
     [[nodiscard]] const State::Collection<IntfId, IntfStatus>& intfStatus() const { return intfStatus_; }
     [[nodiscard]] std::shared_ptr<IntfStatus> intfStatus(IntfId id) { return intfStatus_.get(id); }
+    [[nodiscard]] IntfStatus* peekIntfStatus(IntfId id) { return intfStatus_.peek(id); }
     [[nodiscard]] std::shared_ptr<const IntfStatus> intfStatus(IntfId id) const {
         return intfStatus_.get(id);
     }
