@@ -13,6 +13,8 @@ constexpr std::size_t longestBridge = 8;
 /// Attributes that are looked at before what they have to say is sent: what many have to say is worked off in
 /// pieces, each while the processor still has it at hand.
 constexpr std::size_t piece = 8192;
+/// Attributes for which an empty queue keeps room.
+constexpr std::size_t keptRoom = 256;
 
 /// What a transmission is on the wire.  An In or JoinIn tells the peer that its own declaration of the same
 /// value is registered here.
@@ -85,6 +87,8 @@ void Participant::opportunity() {
     if (leaveAllAt_) {
         opportunityTimer_.armAt(now);
     } else {
+        // The room that a burst has taken, several times what the attributes of a port take otherwise.
+        if (batch_.empty() && batch_.capacity() > keptRoom) std::vector<AttributeRef>{}.swap(batch_);
         if (!batch_.empty()) requestOpportunity(Runtime::Duration{0});
         if (!pending_.empty()) requestOpportunity(joinTime() / 2);
     }

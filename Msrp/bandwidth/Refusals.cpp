@@ -32,13 +32,15 @@ void MsrpSm::handleRefusal(const State::Change& change) {
 void MsrpSm::reviewGroup(const Switch::GroupId& group) {
     // Several can come at once, and each means something for every port.
     chores_.add(switchLane, [this, group](unsigned& units) {
-        const StreamTable::Ids& sharers = streams_.withAddress(group.addr);
         // One of them has the group; the others wait for it.
         unsigned looked = 0;
         std::shared_ptr<StreamData> holder;
-        for (auto id = sharers.begin(); !holder && id != sharers.end(); ++id, ++looked) {
-            const auto stream = streamList(*id);
-            if (stream->ethGroup() && stream->vlanId() == group.vlan.value()) holder = stream;
+        for (const auto& [address, id] : streams_.withAddress(group.addr)) {
+            ++looked;
+            const auto stream = streamList(id);
+            if (!stream->ethGroup() || stream->vlanId() != group.vlan.value()) continue;
+            holder = stream;
+            break;
         }
         const unsigned before = spent_;
         if (holder) reviewGroupOf(*holder);

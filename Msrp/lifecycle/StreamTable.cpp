@@ -1,22 +1,9 @@
 #include "Msrp/lifecycle/StreamTable.h"
 
-#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
 namespace Msrp {
-
-namespace {
-
-template <class Index, class Key>
-void forget(Index& index, const Key& key, U64 streamId) {
-    const auto entry = index.find(key);
-    if (entry == index.end()) return;
-    entry->second.erase(streamId);
-    if (entry->second.empty()) index.erase(entry);
-}
-
-}  // namespace
 
 std::shared_ptr<StreamData> StreamTable::find(U64 streamId) const {
     if (!sought_ || sought_->id != streamId) {
@@ -63,26 +50,24 @@ void StreamTable::destinationIs(StreamData& stream, EthAddr macDa, U16 vlanId) {
 
 void StreamTable::learnDestination(const StreamData& stream) {
     if (stream.vlanId() == 0) return;
-    byMacDa_[stream.macDa()].insert(stream.streamId());
+    byMacDa_.emplace(stream.macDa(), stream.streamId());
     byVlan_[stream.vlanId()].insert(stream.streamId());
 }
 
 void StreamTable::forgetDestination(const StreamData& stream) {
     if (stream.vlanId() == 0) return;
-    forget(byMacDa_, stream.macDa(), stream.streamId());
-    forget(byVlan_, stream.vlanId(), stream.streamId());
-}
-
-const StreamTable::Ids& StreamTable::withAddress(EthAddr macDa) const {
-    static const Ids none;
-    const auto at = byMacDa_.find(macDa);
-    return at == byMacDa_.end() ? none : at->second;
+    byMacDa_.erase({stream.macDa(), stream.streamId()});
+    const auto vlan = byVlan_.find(stream.vlanId());
+    if (vlan == byVlan_.end()) return;
+    vlan->second.erase(stream.streamId());
+    if (vlan->second.empty()) byVlan_.erase(vlan);
 }
 
 std::optional<U64> StreamTable::otherWith(EthAddr macDa, U64 streamId) const {
-    const Ids& sharers = withAddress(macDa);
-    const auto other = std::ranges::find_if(sharers, [&](U64 id) { return id != streamId; });
-    return other == sharers.end() ? std::nullopt : std::optional<U64>{*other};
+    for (const auto& [address, id] : withAddress(macDa)) {
+        if (id != streamId) return id;
+    }
+    return std::nullopt;
 }
 
 std::optional<U64> StreamTable::next(U16 vlanId, U64 from) const {

@@ -8,12 +8,20 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <utility>
 
 namespace Msrp {
 
 class StreamTable {
 public:
     using Ids = std::set<U64>;
+    using Addresses = std::set<std::pair<EthAddr, U64>>;
+    struct Sharers {
+        Addresses::const_iterator first;
+        Addresses::const_iterator last;
+        [[nodiscard]] auto begin() const { return first; }
+        [[nodiscard]] auto end() const { return last; }
+    };
 
     /// Null when there is none.
     [[nodiscard]] std::shared_ptr<StreamData> find(U64 streamId) const;
@@ -26,8 +34,10 @@ public:
     /// Changes where the stream's frames go, also of one that is not in the table.
     void destinationIs(StreamData& stream, EthAddr macDa, U16 vlanId);
 
-    /// The streams whose talkers send to that address, or none.
-    [[nodiscard]] const Ids& withAddress(EthAddr macDa) const;
+    /// The streams whose talkers send to that address: pairs of address and id.
+    [[nodiscard]] Sharers withAddress(EthAddr macDa) const {
+        return {byMacDa_.lower_bound({macDa, 0}), byMacDa_.upper_bound({macDa, ~U64{0}})};
+    }
     /// The lowest-numbered other stream with that address.
     [[nodiscard]] std::optional<U64> otherWith(EthAddr macDa, U64 streamId) const;
     /// The streams that have a talker, of each VLAN that has some.
@@ -47,7 +57,7 @@ private:
     /// The last look-up: whoever handles a stream looks for it again and again.
     mutable std::optional<Sought> sought_;
     // Without those that have no talker.
-    std::map<EthAddr, Ids> byMacDa_;
+    Addresses byMacDa_;
     std::map<U16, Ids> byVlan_;
 };
 
