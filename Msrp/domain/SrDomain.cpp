@@ -36,6 +36,9 @@ MsrpDomainAttribute MsrpSm::domainOf(IntfId intf, SrClassId srClass) const {
     return {srClass, srClassPriority(srClass), intfSrPvid(intf)};
 }
 
+// 35.2.2.9.  Both ends of a link must give a class the same priority, or the frames of its streams would
+// arrive in another queue: then the port is the domain's boundary.  A different VLAN only makes talkers
+// choose another one.
 bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& attr) {
     const SrClassId srClass = attr.srClassId();
     trace("MsrpSm::processDomainVectorJoin( ", intf, ", class ", number(srClass), " )");
@@ -52,6 +55,7 @@ bool MsrpSm::processDomainVectorJoin(IntfId intf, const MsrpDomainAttribute& att
                                 srClassName(srClass)));
         return true;
     }
+    // The port's streams are still under way to the state before: the last word is kept for then.
     if (busy(intf, srClass)) {
         trace("DomainVectorJoin for ", srClassName(srClass), " waits for the port's streams");
         domainDue_.insert_or_assign({intf, srClass}, std::pair{attr, true});

@@ -5,6 +5,7 @@
 
 namespace Msrp {
 
+// 35.2.4.4.  The talker's port hears one declaration for all listeners behind the others.
 void MsrpSm::propagateListenerAttribute(const U64& streamId) {
     const auto stream = existingStream(streamId);
     const IntfId ingress = stream->ingressIntf();

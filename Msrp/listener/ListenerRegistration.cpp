@@ -48,6 +48,8 @@ ListenerFacts MsrpSm::listenerFacts(IntfId intf, const MsrpListenerAttribute& at
     return facts;
 }
 
+// 35.2.4.4.  What was registered is kept beside what it came to: when the talker, the port's domain or the
+// bandwidth change, the listener need not ask again.
 bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr) {
     const U64 streamId = attr.streamId();
     const ListenerState state = attr.listenerState();
@@ -69,6 +71,7 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
             discard(verdict.discard);
             return true;
         case Kind::unknown:
+            // It asks before its talker has spoken; the talker will find it.
             stream = addStreamToAddPending(streamId);
             listenerStateOrigIs(*stream, intf, state);
             counterInc(intf, Direction::Rx, listenerCounter(state));
@@ -100,6 +103,7 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
             case TalkerState::Advertise: {
                 const TalkerFailureCode failure = addListener(intf, streamId);
                 if (failure != TalkerFailureCode::noFailure) {
+                    // The listener's own side hears why, as well as the talker that somebody got nothing.
                     effective = ListenerState::AskingFailed;
                     transmitTalkerFailed(intf, streamId, failure, TalkerState::Failed);
                     counterInc(intf, Direction::Tx, MsrpCounter::talkerAdvertiseFailedHere);
@@ -119,10 +123,12 @@ bool MsrpSm::processListenerJoin(IntfId intf, const MsrpListenerAttribute& attr)
         }
     }
     propagateListenerAttribute(streamId);
+    // An AskingFailed gives back what a Ready held.
     reprocessBandwidthFailedStreams(intf);
     return false;
 }
 
+// 35.2.4.4.
 void MsrpSm::processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr) {
     const U64 streamId = attr.streamId();
     const HexId id{streamId};
@@ -160,6 +166,8 @@ void MsrpSm::processListenerLeave(IntfId intf, const MsrpListenerAttribute& attr
     reprocessBandwidthFailedStreams(intf);
 }
 
+// The reservation itself (34.3, 35.2.4.2): bandwidth is taken before frames may flow, and the port joins the
+// group only with it.
 TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
     const auto stream = existingStream(streamId);
     const auto group = stream->ethGroup();
@@ -189,6 +197,7 @@ TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
     return TalkerFailureCode::noFailure;
 }
 
+// In the other order: no frame passes any more when the bandwidth is given back.
 void MsrpSm::removeListener(IntfId intf, const U64& streamId, ListenerState newState) {
     const auto stream = existingStream(streamId);
     listenerStateIs(*stream, intf, newState);

@@ -44,6 +44,8 @@ TalkerFacts MsrpSm::talkerFacts(IntfId intf, const Attribute& attr) const {
 template TalkerFacts MsrpSm::talkerFacts(IntfId, const MsrpTalkerAdvertiseAttribute&) const;
 template TalkerFacts MsrpSm::talkerFacts(IntfId, const MsrpTalkerFailedAttribute&) const;
 
+// 35.2.4.3.  Who declares a stream first has it, on one port; what the same port says later is judged against
+// the first value, since listeners have reserved for that (35.2.2.8.7, codes 7 and 16).
 bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
     const U64 streamId = attr.streamId();
     trace("processTalkerAdvertiseJoin( ", intf, " vlan ", attr.vlanId(), " StreamId: 0x", HexId{streamId},
@@ -73,9 +75,11 @@ bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAt
         if (!stream) stream = newTalkerStream(streamId, intf);
         registerTalker(*stream, intf, attr, verdict.srClass, recordedFrames(attr.maxIntervalFrames()));
     }
+    // Also of a stream that fails here: its frames must not be flooded while it waits.
     claimGroup(*stream, intf);
 
     if (getTalkerState(*stream, intf) == TalkerState::Failed) {
+        // The other type of the key has ended without a Leave (35.2.6).
         sendTalkerInternalLeave(intf, streamId, TalkerState::Failed);
     }
     setTalkerState(*stream, intf, TalkerState::Advertise);
@@ -96,6 +100,8 @@ bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAt
     return false;
 }
 
+// In the order in which an operator can do something about it: the port's VLAN and domain first, then what
+// the talker says, then what another stream has taken (the codes of 35.2.2.8.7).
 Code MsrpSm::judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr, const StreamData* known,
                             SrClassId srClass) {
     const Code vlanCode = checkVlanConfig(intf, attr.streamId(), attr.vlanId());
@@ -142,6 +148,7 @@ Code MsrpSm::checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& at
                 "StreamId 0x%s TalkerAdvJoin on %s with Mac DA %s already in use by streamId 0x%s", id, intf,
                 macDa, HexId{*other}));
     }
+    // It is tried again when the address is free.
     addMacDaBlockedStream(macDa, attr.streamId());
     return Code::destinationAddressInUse;
 }

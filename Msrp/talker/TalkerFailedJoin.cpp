@@ -5,6 +5,8 @@
 
 namespace Msrp {
 
+// 35.2.4.3.  The first bridge that fails a stream names itself and its reason; all behind it pass both on
+// unchanged, that listeners learn what is to be mended, and where.
 bool MsrpSm::processTalkerFailedJoin(IntfId intf, const MsrpTalkerFailedAttribute& attr) {
     const U64 streamId = attr.streamId();
     const TalkerFailureCode code = attr.failureCode();
@@ -44,6 +46,7 @@ bool MsrpSm::processTalkerFailedJoin(IntfId intf, const MsrpTalkerFailedAttribut
     stream->failedBridgeIdIs(attr.failedBridgeId());
     stream->talkerFailureCodeIs(intf, code);
     propagateTalkerFailed(intf, streamId, code, TalkerState::Failed);
+    // A failed stream gives back what its listeners held.
     reprocessBandwidthFailedStreams();
     return false;
 }

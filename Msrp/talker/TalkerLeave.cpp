@@ -4,6 +4,8 @@
 
 namespace Msrp {
 
+// 35.2.4.3.  Only the declaration that counts can be withdrawn: a Leave of the other type, or on another
+// port, is late news of something that was replaced long ago.
 void MsrpSm::processTalkerAdvertiseLeave(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr) {
     const U64 streamId = attr.streamId();
     trace("processTalkerAdvertiseLeave( ", intf, " StreamId: 0x", HexId{streamId}, " )");
@@ -42,12 +44,14 @@ void MsrpSm::processTalkerAdvertiseLeave(IntfId intf, const MsrpTalkerAdvertiseA
     const EthAddr held = stream->macDa();
     clearIngress(*stream);
     cleanupStreamDataIfEmpty(streamId);
+    // What it held, bandwidth and address, may be what others wait for.
     reprocessBandwidthFailedStreams();
     reprocessMacDaFailedStreams(attr.macDa());
     // A talker that changed its address meanwhile has still held the one that it registered.
     if (held != attr.macDa()) reprocessMacDaFailedStreams(held);
 }
 
+// A failed stream held no bandwidth, so nobody can have waited for that.
 void MsrpSm::processTalkerFailedLeave(IntfId intf, const MsrpTalkerFailedAttribute& attr) {
     const U64 streamId = attr.streamId();
     trace("processTalkerFailedLeave( ", intf, " StreamId: 0x", HexId{streamId}, " )");

@@ -38,6 +38,7 @@ MsrpTalkerAdvertiseAttribute MsrpSm::streamDataTalkerAttribute(U64 streamId) con
     return talkerAttribute(*stream);
 }
 
+// The declaration of the other type replaces this one on the wire (35.2.6): it is forgotten, not withdrawn.
 void MsrpSm::sendTalkerInternalLeave(IntfId intf, U64 streamId, TalkerState state) {
     const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
     if (state == TalkerState::Advertise) {
@@ -122,6 +123,8 @@ void MsrpSm::transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode c
     send(intf, typeTalkerFailed, declare ? Mrp::requestDeclare : Mrp::requestWithdraw, failed.octets());
 }
 
+// What a listener would find behind this port: each port fails a stream for itself, and the others go on
+// (35.2.4.3).
 Code MsrpSm::judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf) {
     const U64 streamId = stream.streamId();
     const SrClassState state = status()->peekIntfStatus(port)->srClassState(stream.srClass());
@@ -187,6 +190,8 @@ void MsrpSm::propagateTalkerAdvertiseJoin(IntfId ingressIntf, U64 streamId, Intf
     if (listenersChanged) propagateListenerAttribute(streamId);
 }
 
+// 35.2.4.3.  `Failed` declares it, `None` withdraws it; listeners of a failed stream keep their registration
+// and lose their bandwidth (35.2.4.4).
 void MsrpSm::propagateTalkerFailed(IntfId ingressIntf, U64 streamId, TalkerFailureCode code,
                                    TalkerState state) {
     const auto stream = existingStream(streamId);
