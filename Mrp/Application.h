@@ -21,6 +21,8 @@ struct AttributeType {
     /// port are offered again; and a registered or refused attribute of this type is offered again whenever
     /// this side declares the same key.
     bool retriesPort;
+    /// A New is indicated as such, and also when the attribute is registered already.
+    bool tellsNew = false;
     /// The type that declares the same thing otherwise, or 0: of the two types only the one that was declared
     /// last counts for a key and a direction (35.2.6).
     std::uint8_t replaces;
@@ -37,6 +39,8 @@ struct AttributeType {
 
 struct ApplicationInfo {
     std::uint8_t protocolVersion;
+    /// Each message tells the length of its list (10.8.1.2); without it, only its EndMark ends it.
+    bool listLength = true;
     std::span<const AttributeType> types;  ///< in ascending order of type
 };
 

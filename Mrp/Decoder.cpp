@@ -66,13 +66,18 @@ public:
     PduDecoder(const ApplicationInfo& application, DecodedPdu& out) : application_{application}, out_{out} {}
 
     void pdu(Reader in) {
-        if (in.left() < 1 + messageHeaderLength) return flaw(Malformed::tooShort, in.left());
+        if (in.left() < versionLength + messageHeaderLength(application_.listLength))
+            return flaw(Malformed::tooShort, in.left());
         in.u8();  // a higher version is read as ours; what it has that we do not know is skipped below
         while (in.left() > 0) {
             const std::size_t start = in.offset();
             const std::uint8_t type = in.u8();
             if (type == 0) return;  // the EndMark
             const std::uint8_t length = in.u8();
+            if (!application_.listLength) {
+                if (!endMarkedMessage(type, length, in, start)) return;
+                continue;
+            }
             const std::uint16_t listLength = in.u16();
             if (!in.ok() || listLength > in.left()) return flaw(Malformed::listPastEnd, start);
             const Reader list = in.record(listLength);
@@ -98,6 +103,27 @@ private:
         }
         // The end of the PDU stands for the EndMark of its last list.
         if (list.left() > 0 || !last) flaw(Malformed::listLengthMismatch, list.offset());
+    }
+
+    /// A message that only its EndMark ends: one that cannot be read takes the rest of the PDU with it, which
+    /// is told by false.
+    bool endMarkedMessage(std::uint8_t type, std::uint8_t length, Reader& in, std::size_t start) {
+        const auto& types = application_.types;
+        const auto known = std::ranges::find(types, type, &AttributeType::type);
+        const bool readable = known != types.end() && length == known->valueLength;
+        if (known != types.end() && !readable) flaw(Malformed::wrongLength, start + 1);
+        const auto index = static_cast<std::uint8_t>(known - types.begin());
+        while (in.left() >= endMarkLength) {
+            const std::size_t vectorStart = in.offset();
+            const std::uint16_t header = in.u16();
+            if (header == 0) return true;
+            if (readable && !vector(index, *known, header, in)) {
+                flaw(Malformed::vectorPastEnd, vectorStart);
+                return false;
+            }
+            if (!readable) in.bytes(length + (header % leaveAllUnit + 2U) / 3);
+        }
+        return in.left() > 0 || in.ok();
     }
 
     /// False when the list has no room for it.

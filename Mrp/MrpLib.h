@@ -24,6 +24,7 @@ class MrpSm;
 class PeriodicSm;
 
 /// Request kinds.
+inline constexpr std::uint8_t requestNew = 1;            ///< New!
 inline constexpr std::uint8_t requestDeclare = 3;        ///< Join!
 inline constexpr std::uint8_t requestWithdraw = 5;       ///< Lv!
 inline constexpr std::uint8_t requestInternalLeave = 7;  ///< forget declaration and registration, silently
@@ -41,6 +42,7 @@ struct MrpParameters {
 struct AttributeSlot {
     std::array<std::uint8_t, maxValueLength> value{};
     std::uint32_t declaration = 0;
+    bool isNew = false;  ///< of an indication: the peer said New, and the type tells it
 };
 
 class MrpLib {

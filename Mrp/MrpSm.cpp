@@ -229,9 +229,10 @@ void MrpSm::sendAttribute(const MrpParameters& params) {
     if (t.fourPacked) value.declaration = static_cast<std::uint8_t>(slot.declaration & 3U);
     ref.key = t.key(std::span{value.octets}.first(t.valueLength));
     switch (params.request) {
+        case requestNew:
         case requestDeclare: {
             log(AttrLogRecord::What::declare, params.intf, ref);
-            const bool news = sender->declare(ref, value);
+            const bool news = sender->declare(ref, value, params.request == requestNew);
             // A handler that answers each join with the same declaration must not be called for ever.
             if (t.retriesPort && (news || !indicating_)) offerDue(params.intf, ref);
             break;
@@ -285,10 +286,10 @@ std::uint8_t MrpSm::typeIndex(std::uint8_t type) const {
 
 template <class F>
 Participant::Outcome MrpSm::indicate(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
-                                     F&& handler) {
+                                     bool isNew, F&& handler) {
     const AttributeType& t = type(ref);
     AttributeSlot& slot = application_.incoming(t.type);
-    slot = {.value = value.octets, .declaration = value.declaration};
+    slot = {.value = value.octets, .declaration = value.declaration, .isNew = isNew};
     const bool outer = std::exchange(indicating_, true);
     if (!outer) (void)takeCost();  // what was done before is not this indication's
     Participant::Outcome outcome = Participant::Outcome::rangeError;
@@ -303,12 +304,12 @@ Participant::Outcome MrpSm::indicate(IntfId intf, const AttributeRef& ref, const
     return outcome;
 }
 
-Participant::Outcome MrpSm::joinIndication(IntfId intf, const AttributeRef& ref,
-                                           const AttributeValue& value) {
+Participant::Outcome MrpSm::joinIndication(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
+                                           bool isNew) {
     log(AttrLogRecord::What::join, intf, ref);
     // This is the offer that was due.
     offers_.erase(intf, ref);
-    return indicate(intf, ref, value, [this](const MrpParameters& params) {
+    return indicate(intf, ref, value, isNew, [this](const MrpParameters& params) {
         return application_.mrpJoinIndication(params) == 0 ? Participant::Outcome::accepted
                                                            : Participant::Outcome::refused;
     });
@@ -317,7 +318,7 @@ Participant::Outcome MrpSm::joinIndication(IntfId intf, const AttributeRef& ref,
 Participant::Outcome MrpSm::leaveIndication(IntfId intf, const AttributeRef& ref,
                                             const AttributeValue& value) {
     log(AttrLogRecord::What::leave, intf, ref);
-    return indicate(intf, ref, value, [this](const MrpParameters& params) {
+    return indicate(intf, ref, value, false, [this](const MrpParameters& params) {
         application_.mrpLeaveIndication(params);
         return Participant::Outcome::accepted;
     });

@@ -105,8 +105,8 @@ private:
         Inbox inbox;
     };
 
-    Participant::Outcome joinIndication(IntfId intf, const AttributeRef& ref,
-                                        const AttributeValue& value) override;
+    Participant::Outcome joinIndication(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
+                                        bool isNew) override;
     Participant::Outcome leaveIndication(IntfId intf, const AttributeRef& ref,
                                          const AttributeValue& value) override;
     [[nodiscard]] unsigned takeCost() override { return std::exchange(application_.spent_, 0U); }
@@ -124,7 +124,7 @@ private:
 
     template <class F>
     Participant::Outcome indicate(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
-                                  F&& handler);
+                                  bool isNew, F&& handler);
     [[nodiscard]] const AttributeType& type(const AttributeRef& ref) const {
         return application_.application().types[ref.typeIndex];
     }

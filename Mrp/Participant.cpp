@@ -95,7 +95,7 @@ bool Participant::receive(Reception& in, unsigned& budget) {
         if (t.deliverFirst) {
             in.firstRefs.insert({ref.typeIndex, ref.key});
         } else {
-            offer(ref, asks == Asks::news);
+            offer(ref, asks == Asks::news, asks == Asks::isNew);
             spend(indicationCost + env_.host.takeCost());
         }
     }
@@ -160,10 +160,12 @@ Participant::Asks Participant::receiveEvent(const DecodedEvent& in) {
         const Registrar before = attribute->registrar;
         if (before == Registrar::MT && !mayRegister(ref.typeIndex)) return Asks::nothing;
         const bool changed = before == Registrar::MT || attribute->heard() != in.value;
+        const bool isNew = in.event == Event::New && type(ref.typeIndex).tellsNew;
         registrarEvent(ref, *attribute, RegistrarEvent::rJoin);
-        if (before == Registrar::IN && !changed) return Asks::nothing;
+        if (before == Registrar::IN && !changed) return isNew ? Asks::isNew : Asks::nothing;
         attribute->mtDue = false;
         attribute->heardIs(in.value);
+        if (isNew) return Asks::isNew;
         return changed ? Asks::news : Asks::again;
     }
     if (in.event == Event::Lv && attribute->heard().octets == in.value.octets) {
@@ -198,11 +200,11 @@ bool Participant::mayRegister(std::uint8_t typeIndex) {
     return false;
 }
 
-void Participant::offer(const AttributeRef& ref, bool news) {
+void Participant::offer(const AttributeRef& ref, bool news, bool isNew) {
     const Attribute* attribute = find(ref);
     const AttributeValue offered = attribute->heard();
     const bool wasHeld = attribute->held && !attribute->refused;
-    const Outcome outcome = env_.host.joinIndication(intf_, ref, offered);
+    const Outcome outcome = env_.host.joinIndication(intf_, ref, offered, isNew);
     if (outcome == Outcome::rangeError) ++counts_.rangeErrors;
     if (outcome != Outcome::accepted) ++counts_.refusedJoins;
     if (stopped_) return;
@@ -238,11 +240,14 @@ bool Participant::registered(const AttributeRef& ref) const {
 
 // --- What the application asks -------------------------------------------------------------------
 
-bool Participant::declare(const AttributeRef& ref, const AttributeValue& value) {
+bool Participant::declare(const AttributeRef& ref, const AttributeValue& value, bool asNew) {
     Attribute& attribute = findOrMake(ref);
     const bool declared = isMember(attribute.applicant);
     const bool changed = attribute.spokenFor() && attribute.own() != value;
-    applicantEvent(ref, attribute, changed ? ApplicantEvent::newValue : ApplicantEvent::join);
+    applicantEvent(ref, attribute,
+                   asNew     ? ApplicantEvent::newRequest
+                   : changed ? ApplicantEvent::newValue
+                             : ApplicantEvent::join);
     if (changed) queue(ref, attribute, Runtime::Duration{0});
     attribute.ownIs(value);
     return !declared || changed;

@@ -44,7 +44,8 @@ public:
     /// What a participant asks of the engine.  Only the indications may call back.
     class Host {
     public:
-        virtual Outcome joinIndication(IntfId intf, const AttributeRef& ref, const AttributeValue& value) = 0;
+        virtual Outcome joinIndication(IntfId intf, const AttributeRef& ref, const AttributeValue& value,
+                                       bool isNew) = 0;
         virtual Outcome leaveIndication(IntfId intf, const AttributeRef& ref,
                                         const AttributeValue& value) = 0;
         /// What the indications since the last call cost beyond the ordinary, in events' worth.
@@ -100,8 +101,8 @@ public:
     /// decide over all that the port carries, and what a PDU says in between it has taken back itself.
     bool receive(Reception& in, unsigned& budget);
 
-    /// Join! of a value.  True when that is news: the value was not declared before.
-    bool declare(const AttributeRef& ref, const AttributeValue& value);
+    /// Join! of a value, or New!.  True when that is news: the value was not declared before.
+    bool declare(const AttributeRef& ref, const AttributeValue& value, bool asNew = false);
     /// Takes over a registration from an earlier life of the port: the application holds it, and it leaves
     /// when the peer does not answer the LeaveAll that is to follow with it.  Nothing is indicated.
     void seed(const AttributeRef& ref, const AttributeValue& value);
@@ -182,11 +183,11 @@ private:
     void receiveLeaveAll(std::uint8_t typeIndex);
     void beginReception(const DecodedPdu& pdu);
     /// What an event gives the application to decide.
-    enum class Asks : std::uint8_t { nothing, again, news };
+    enum class Asks : std::uint8_t { nothing, again, news, isNew };
     Asks receiveEvent(const DecodedEvent& in);
     /// Offers what the messages that are delivered first came to.
     unsigned offerFirst(Reception& in);
-    void offer(const AttributeRef& ref, bool news);
+    void offer(const AttributeRef& ref, bool news, bool isNew = false);
     /// The attribute that declares the same key by the other type, or null.
     [[nodiscard]] Attribute* replaced(const AttributeRef& ref) {
         const AttributeRef other{replaces_[ref.typeIndex], ref.key};

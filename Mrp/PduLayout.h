@@ -7,8 +7,8 @@
 namespace Mrp {
 
 inline constexpr std::size_t versionLength = 1;
-/// Attribute type and length, then the length of the attribute list.
-inline constexpr std::size_t messageHeaderLength = 4;
+/// Attribute type and length, then the length of the attribute list where it is told.
+constexpr std::size_t messageHeaderLength(bool listLength) { return listLength ? 4 : 2; }
 inline constexpr std::size_t vectorHeaderLength = 2;
 inline constexpr std::size_t endMarkLength = 2;
 /// What a LeaveAll adds to a vector header, beside the number of values, which is below it (10.8.2.6).

@@ -35,7 +35,7 @@ bool PduWriter::add(std::uint8_t typeIndex, Event event, const AttributeValue& v
     } else {
         length += vectorLength(t, 1) + endMarkLength;
         if (!sameMessage) {
-            length += messageHeaderLength;
+            length += headerLength();
             if (openType_ != noType) length += endMarkLength;
             if (leaveAll_) length += leaveAllLength(nextType_) - leaveAllLength(typeIndex);
         }
@@ -72,7 +72,7 @@ std::size_t PduWriter::vectorLength(const AttributeType& type, std::size_t value
 std::size_t PduWriter::leaveAllLength(std::size_t index) const {
     std::size_t length = 0;
     for (; index < application_.types.size(); ++index) {
-        length += messageHeaderLength + vectorLength(type(index), 0) + endMarkLength;
+        length += headerLength() + vectorLength(type(index), 0) + endMarkLength;
     }
     return length;
 }
@@ -80,7 +80,7 @@ std::size_t PduWriter::leaveAllLength(std::size_t index) const {
 std::size_t PduWriter::leastCapacity() const {
     std::size_t longest = leaveAllLength(0);
     for (const AttributeType& t : application_.types)
-        longest = std::max(longest, messageHeaderLength + vectorLength(t, 1) + endMarkLength);
+        longest = std::max(longest, headerLength() + vectorLength(t, 1) + endMarkLength);
     return versionLength + longest + endMarkLength;
 }
 
@@ -93,7 +93,7 @@ void PduWriter::openMessage(std::size_t index) {
     messageAt_ = octets_.size();
     octets_.push_back(type(index).type);
     octets_.push_back(type(index).valueLength);
-    u16(0);  // AttributeListLength, known at the end
+    if (application_.listLength) u16(0);  // known at the end
     openType_ = index;
     nextType_ = index + 1;
     leaveAllDue_ = leaveAll_;
@@ -132,9 +132,10 @@ void PduWriter::closeMessage() {
         leaveAllDue_ = false;
     }
     u16(0);
-    const std::size_t listLength = octets_.size() - messageAt_ - messageHeaderLength;
-    Runtime::bigEndianIs(std::span{octets_}.subspan(messageAt_ + 2, 2), listLength);
     openType_ = noType;
+    if (!application_.listLength) return;
+    Runtime::bigEndianIs(std::span{octets_}.subspan(messageAt_ + 2, 2),
+                         octets_.size() - messageAt_ - headerLength());
 }
 
 void PduWriter::advanceTo(std::size_t index) {

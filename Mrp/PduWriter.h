@@ -35,6 +35,7 @@ private:
     static constexpr std::size_t noType = SIZE_MAX;
 
     [[nodiscard]] const AttributeType& type(std::size_t index) const { return application_.types[index]; }
+    [[nodiscard]] std::size_t headerLength() const { return messageHeaderLength(application_.listLength); }
     /// Octets of a vector of that many values.
     [[nodiscard]] static std::size_t vectorLength(const AttributeType& type, std::size_t values);
     /// Octets of the LeaveAll messages of the types from `index` on.

@@ -32,8 +32,13 @@ std::string line(const Msrp::StreamData& stream) {
 
 Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::uint64_t seed,
                Mrp::PacketPortProvider* realPorts)
-    : loop_{loop}, seed_{seed}, ports_{loop}, provider_{realPorts != nullptr ? *realPorts : ports_} {
+    : loop_{loop},
+      seed_{seed},
+      ports_{loop},
+      mvrpPorts_{loop},
+      provider_{realPorts != nullptr ? *realPorts : ports_} {
     Msrp::populate(database_);
+    Mvrp::populate(database_);
     cliConfig = database_.entityIs<Msrp::CliConfig>("msrp/cliConfig");
     config = database_.entityIs<Msrp::Config>("msrp/config");
     status = database_.entityIs<Msrp::Status>("msrp/status");
@@ -49,6 +54,10 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
     qosHwStatus = database_.entityIs<Qos::HwStatus>("qos/hardware/status/global");
     phy = database_.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     refusals = database_.entityIs<Switch::Refusals>("switch/refusals");
+    mvrpConfig = database_.entityIs<Mvrp::Config>("mvrp/config");
+    mvrpStatus = database_.entityIs<Mvrp::Status>("mvrp/status");
+    vlanRequests = database_.entityIs<Bridging::VlanRequests>("bridging/input/vlans/mvrp");
+    vlanMembers = database_.entityIs<Bridging::VlanMembers>("bridging/vlans");
 
     bridging->bridgeMacIs(EthAddr::fromNumber(0x02'00'00'00'00'01));
     for (const std::string& port : ports) portIs(port);
@@ -60,21 +69,32 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
 
 Bridge::~Bridge() = default;
 
+Runtime::AgentEnvironment Bridge::environment() {
+    return {.database = database_,
+            .loop = loop_,
+            .systemLog = systemLog_,
+            .trace = trace_,
+            .ringLog = ringLog_,
+            .ringLogFile = false,
+            .seed = seed_,
+            .unitsPerTurn = unitsPerTurn};
+}
+
 std::unique_ptr<Msrp::Agent> Bridge::makeAgent() {
-    return std::make_unique<Msrp::Agent>(Runtime::AgentEnvironment{.database = database_,
-                                                                   .loop = loop_,
-                                                                   .systemLog = systemLog_,
-                                                                   .trace = trace_,
-                                                                   .ringLog = ringLog_,
-                                                                   .ringLogFile = false,
-                                                                   .seed = seed_,
-                                                                   .unitsPerTurn = unitsPerTurn},
-                                         provider_);
+    return std::make_unique<Msrp::Agent>(environment(), provider_);
 }
 
 void Bridge::start() {
     agent_ = makeAgent();
     agent_->start();
+}
+
+void Bridge::mvrpStart() {
+    for (const auto& [intf, enabled] : config->intfEnable()) mvrpConfig->intfEnableIs(intf, enabled);
+    vlanKernel_ = std::make_unique<VlanKernel>(vlanRequests, vlanMembers, bridging);
+    mvrp_ = std::make_unique<Mvrp::Agent>(
+        environment(), mvrpPorts_, [this](IntfId intf) { return VlanId{cliConfig->streamVlan(intf)}; });
+    mvrp_->start();
 }
 
 void Bridge::standbyStart() {

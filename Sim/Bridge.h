@@ -7,9 +7,11 @@
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
 #include "Msrp/types/Waiting.h"
+#include "Mvrp/MvrpAgent.h"
 #include "Runtime/Loop.h"
 #include "Runtime/Redundancy.h"
 #include "Sim/Ports.h"
+#include "Sim/VlanKernel.h"
 #include "State/Database.h"
 #include "Switch/Bridging.h"
 #include "Switch/BridgingInput.h"
@@ -47,7 +49,13 @@ public:
     void activeStops() { agent_->standbyModeIs(true); }
     void standbyTakesOver();
 
+    /// Starts MVRP as well, on all of its ports, which gives them the VLANs that are asked for.
+    void mvrpStart();
+    void mvrpStop() { mvrp_.reset(); }
+
     [[nodiscard]] Ports& ports() { return ports_; }
+    [[nodiscard]] Ports& mvrpPorts() { return mvrpPorts_; }
+    [[nodiscard]] Mvrp::Agent& mvrp() { return *mvrp_; }
     [[nodiscard]] Msrp::Agent& agent() { return *agent_; }
     [[nodiscard]] State::Database& database() { return database_; }
 
@@ -83,6 +91,7 @@ public:
     }
 
 private:
+    [[nodiscard]] Runtime::AgentEnvironment environment();
     [[nodiscard]] std::unique_ptr<Msrp::Agent> makeAgent();
     State::Database database_;
 
@@ -103,6 +112,10 @@ public:
     std::shared_ptr<Qos::HwStatus> qosHwStatus;
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> phy;
     std::shared_ptr<Switch::Refusals> refusals;
+    std::shared_ptr<Mvrp::Config> mvrpConfig;
+    std::shared_ptr<Mvrp::Status> mvrpStatus;
+    std::shared_ptr<Bridging::VlanRequests> vlanRequests;
+    std::shared_ptr<Bridging::VlanMembers> vlanMembers;
     /// Of the agents that are started from now on: `AgentEnvironment`'s.
     unsigned unitsPerTurn = 0;
 
@@ -110,12 +123,15 @@ private:
     Runtime::Loop& loop_;
     std::uint64_t seed_;
     Ports ports_;
+    Ports mvrpPorts_;
     Mrp::PacketPortProvider& provider_;
     std::vector<std::string> log_;
     Runtime::SystemLog systemLog_;
     Runtime::Trace trace_;
     Runtime::RingLog ringLog_;
     std::unique_ptr<Bridging::TopologyAgent> topologyAgent_;
+    std::unique_ptr<VlanKernel> vlanKernel_;
+    std::unique_ptr<Mvrp::Agent> mvrp_;
     std::unique_ptr<Msrp::Agent> agent_;
     std::unique_ptr<Msrp::Agent> standby_;
 };

@@ -2,9 +2,8 @@
 #pragma once
 
 #include "Linux/kernel/NetlinkMessage.h"
-#include "Switch/Ranged.h"
+#include "Switch/VlanSet.h"
 
-#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <linux/netlink.h>
@@ -38,9 +37,6 @@ std::optional<VlanMessage> decodeVlans(const nlmsghdr& message);
 
 /// What a request for the VLANs of all bridges (RTM_GETVLAN) carries behind its header.
 std::vector<std::byte> vlanDumpBody();
-
-/// One bit for each VLAN, at its number.  A trunk may well have all of them.
-using VlanSet = std::bitset<VlanId::max + 1>;
 
 struct PortVlans {
     VlanSet member;              ///< those whose frames pass

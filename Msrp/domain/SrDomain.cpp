@@ -22,8 +22,7 @@ U8 MsrpSm::srClassPriority(SrClassId srClass) const {
 }
 
 U16 MsrpSm::intfSrPvid(IntfId intf) const {
-    const U16 own = inputs_.cliConfig->srPvid().get(intf).value();
-    return own != 0 ? own : inputs_.cliConfig->defaultSrPvid();
+    return inputs_.cliConfig->streamVlan(intf);
 }
 
 void MsrpSm::transmitSrDomainVector(IntfId intf, SrClassId srClass, bool join) {

@@ -47,6 +47,11 @@ public:
     void srPvidDel(IntfId id) { delEntry(srPvid_, id, "srPvid"); }
     /// The same for ports without an entry of their own, 1 to 4094.
     [[nodiscard]] U16 defaultSrPvid() const { return defaultSrPvid_; }
+    /// The VLAN that streams use on the port.
+    [[nodiscard]] U16 streamVlan(IntfId id) const {
+        const U16 own = srPvid_.get(id).value();
+        return own != 0 ? own : defaultSrPvid_;
+    }
     void defaultSrPvidIs(U16 v) { assign(defaultSrPvid_, v, "defaultSrPvid"); }
 
     /// Whether the class is offered at all.

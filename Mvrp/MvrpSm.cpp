@@ -1,0 +1,285 @@
+#include "Mvrp/MvrpSm.h"
+
+#include "Mvrp/Application.h"
+#include "Mvrp/MvrpEvents.h"
+#include "Runtime/BigEndian.h"
+#include "Switch/VlanPorts.h"
+
+#include <utility>
+
+namespace Mvrp {
+
+namespace {
+
+using Bridging::Topology::PortState;
+
+VlanSet allVlans() {
+    VlanSet all;
+    all.set();
+    all.reset(0);
+    return all;
+}
+
+}  // namespace
+
+MvrpSm::MvrpSm(Inputs inputs, Runtime::Loop& loop, const Runtime::SystemLog& systemLog)
+    : MrpLib{Mvrp::application()},
+      inputs_{std::move(inputs)},
+      loop_{loop},
+      systemLog_{systemLog},
+      refresh_{loop, [this] { refresh(); }},
+      publish_{loop, [this] { publish(); }} {}
+
+MvrpSm::~MvrpSm() = default;
+
+void MvrpSm::begin() {
+    running_ = true;
+    const auto follow = [this](const auto& record, auto&& note) {
+        reactors_.push_back(record->watch([this, note](const State::Change& change) {
+            note(change);
+            refreshSoon();
+        }));
+    };
+    const auto nothing = [](const State::Change&) {};
+    const auto topology = [this](const State::Change&) { topologyStale_ = true; };
+    follow(inputs_.config, nothing);
+    follow(inputs_.links, nothing);
+    follow(inputs_.members, nothing);
+    follow(inputs_.stp, topology);
+    follow(inputs_.topology, topology);
+    follow(inputs_.bridging, [this](const State::Change& change) {
+        if (const auto vlan = Bridging::VlanPorts::vlanOf(change)) {
+            stale_.set(vlan->value());
+        } else {
+            topologyStale_ = true;  // another native VLAN may have another tree
+        }
+    });
+    inputs_.requests->runningIs(true);
+    refresh();
+}
+
+void MvrpSm::end() {
+    running_ = false;
+    reactors_.clear();
+    refresh_.cancel();
+    while (!ports_.empty()) stopPort(ports_.begin()->first);
+    publish();
+    inputs_.requests->runningIs(false);
+}
+
+// --- What the records say ------------------------------------------------------------------------
+
+bool MvrpSm::mayRun(IntfId intf) const {
+    const auto link = inputs_.links->intfStatus(intf);
+    return inputs_.config->intfEnable().get(intf, false) && link &&
+           link->linkStatus() == Interface::LinkStatus::linkUp;
+}
+
+VlanSet MvrpSm::allowed(IntfId intf) const {
+    if (const VlanSet* own = inputs_.config->allowed().find(intf)) return *own;
+    VlanSet streams;
+    streams.set(inputs_.streamVlan(intf).value());
+    return streams;
+}
+
+VlanSet MvrpSm::forwarding(IntfId intf) const {
+    const auto forwards = [&](const std::string& topology) {
+        const auto topo = inputs_.topology->topoConfig(topology);
+        const auto port = topo ? topo->topoPortConfig(intf) : nullptr;
+        return port && port->state() == PortState::forwarding;
+    };
+    VlanSet out;
+    // VLANs without a tree of their own go by the common one (11.2.1).
+    if (forwards(Stp::baseTopology(*inputs_.stp, inputs_.bridging.get(), intf))) out = allVlans();
+    std::map<std::string, bool> known;
+    for (const auto& [vlan, topology] : inputs_.topology->vlanTopology()) {
+        const auto [at, fresh] = known.try_emplace(topology);
+        if (fresh) at->second = forwards(topology);
+        out.set(vlan.value(), at->second);
+    }
+    return out;
+}
+
+void MvrpSm::refreshSoon() {
+    if (running_ && !refresh_.armed()) refresh_.armIn({});
+}
+
+void MvrpSm::refresh() {
+    std::set<IntfId> gone;
+    for (const auto& [intf, port] : ports_) {
+        if (!mayRun(intf)) gone.insert(intf);
+    }
+    for (const IntfId intf : gone) stopPort(intf);
+    for (const auto& [intf, enabled] : inputs_.config->intfEnable()) {
+        if (mayRun(intf) && !ports_.contains(intf)) startPort(intf);
+    }
+    refreshFixed();
+    std::set<IntfId> opened;
+    for (auto& [intf, port] : ports_) {
+        PortVlans& vlans = vlans_[intf];
+        const bool closed = vlans.forwarding.none();
+        if (topologyStale_) vlans.forwarding = forwarding(intf);
+        if (closed && vlans.forwarding.any()) opened.insert(intf);
+        allowedChanged(intf, port, allowed(intf));
+    }
+    topologyStale_ = false;
+    declareAll(opened);
+}
+
+void MvrpSm::refreshFixed() {
+    for (auto& [intf, port] : ports_) {
+        const auto record = inputs_.members->port(intf);
+        const VlanSet given = record ? record->member() : VlanSet{};
+        stale_ |= given ^ std::exchange(port.given, given);
+    }
+    eachVlan(std::exchange(stale_, {}), [this](VlanId vlan) {
+        const auto config = inputs_.bridging->vlanConfig(vlan);
+        for (auto& [intf, port] : ports_) {
+            const bool fixed = config && config->intf(intf) && !port.given.test(vlan.value());
+            if (fixed == vlans_[intf].fixed.test(vlan.value())) continue;
+            vlans_[intf].fixed.set(vlan.value(), fixed);
+            publishSoon(intf);
+        }
+    });
+}
+
+void MvrpSm::startPort(IntfId intf) {
+    ports_[intf].allowed = allowed(intf);
+    vlans_[intf] = {};
+    stale_ = allVlans();
+    topologyStale_ = true;
+    mrpInterfaceEnable(intf);
+    publishSoon(intf);
+}
+
+void MvrpSm::stopPort(IntfId intf) {
+    eachVlan(ports_[intf].declared, [&](VlanId vlan) { declare(intf, vlan, Mrp::requestWithdraw); });
+    ports_.erase(intf);
+    vlans_.erase(intf);
+    mrpInterfaceDisable(intf);
+    publishSoon(intf);
+    if (running_) refreshSoon();
+}
+
+void MvrpSm::allowedChanged(IntfId intf, Port& port, const VlanSet& now) {
+    const VlanSet before = std::exchange(port.allowed, now);
+    if (before == now) return;
+    // The peer is made to declare anew what it may have no more, and is then refused.
+    eachVlan(vlans_[intf].registered & ~now, [&](VlanId vlan) {
+        vlans_[intf].registered.reset(vlan.value());
+        mrpCleanUpIntfDatabaseAttribute(intf, typeVid, vlan.value());
+    });
+    if ((port.refused & now).any()) mrpPortOpened(intf);
+    port.refused &= ~now;
+    publishSoon(intf);
+}
+
+// --- What peers say ------------------------------------------------------------------------------
+
+VlanId MvrpSm::incomingVlan() const {
+    return VlanId{Runtime::bigEndian(std::span{incoming(typeVid).value}.first(2))};
+}
+
+std::uint8_t MvrpSm::mrpJoinIndication(const Mrp::MrpParameters& params) {
+    const VlanId vlan = incomingVlan();
+    const auto at = ports_.find(params.intf);
+    if (at == ports_.end()) return 1;
+    Port& port = at->second;
+    PortVlans& vlans = vlans_[params.intf];
+    publishSoon(params.intf);
+    if (!port.allowed.test(vlan.value())) {
+        if (!port.refused.test(vlan.value())) {
+            systemLog_.log(MVRP_REFUSED, vlan, params.intf);
+            inputs_.status->intfStatusIs(params.intf)->failedRegistrationsInc();
+        }
+        port.refused.set(vlan.value());
+        return 1;
+    }
+    if (!vlans.registered.test(vlan.value())) systemLog_.log(MVRP_JOIN, vlan, params.intf);
+    vlans.registered.set(vlan.value());
+    const bool isNew = incoming(typeVid).isNew;
+    // Where the peer's network has changed, stations are found behind other ports than they were (11.2.5).
+    if (isNew) flush(params.intf, vlan);
+    declareOne(vlan, isNew ? params.intf : IntfId{});
+    return 0;
+}
+
+void MvrpSm::mrpLeaveIndication(const Mrp::MrpParameters& params) {
+    const VlanId vlan = incomingVlan();
+    const auto at = vlans_.find(params.intf);
+    if (at == vlans_.end()) return;
+    systemLog_.log(MVRP_LV, vlan, params.intf);
+    at->second.registered.reset(vlan.value());
+    publishSoon(params.intf);
+    declareOne(vlan, IntfId{});
+}
+
+// --- What is said to peers -----------------------------------------------------------------------
+
+void MvrpSm::declareAll(const std::set<IntfId>& opened) {
+    for (const auto& [intf, wanted] : declarations(vlans_)) {
+        VlanSet& declared = ports_[intf].declared;
+        if (declared == wanted) continue;
+        // A port that begins to forward has another part of the network behind it.
+        const std::uint8_t join = opened.contains(intf) ? Mrp::requestNew : Mrp::requestDeclare;
+        eachVlan(declared & ~wanted, [&](VlanId vlan) { declare(intf, vlan, Mrp::requestWithdraw); });
+        eachVlan(wanted & ~declared, [&](VlanId vlan) {
+            declare(intf, vlan, join);
+            if (join == Mrp::requestNew) flush(intf, vlan);
+        });
+        declared = wanted;
+        publishSoon(intf);
+    }
+}
+
+void MvrpSm::declareOne(VlanId vlan, IntfId from) {
+    for (auto& [intf, port] : ports_) {
+        const bool wanted = declares(vlans_, intf, vlan);
+        const bool declared = port.declared.test(vlan.value());
+        const bool again = wanted && from && from != intf;
+        if (again) {
+            declare(intf, vlan, Mrp::requestNew);
+            flush(intf, vlan);
+        } else if (wanted != declared) {
+            declare(intf, vlan, wanted ? Mrp::requestDeclare : Mrp::requestWithdraw);
+        } else {
+            continue;
+        }
+        port.declared.set(vlan.value(), wanted);
+        publishSoon(intf);
+    }
+}
+
+void MvrpSm::declare(IntfId intf, VlanId vlan, std::uint8_t request) {
+    Runtime::bigEndianIs(std::span{outgoing(typeVid).value}.first(2), vlan.value());
+    mrpSpend(1);
+    mrpOutIntfQueueEnq(intf);
+    mrpSendAttribute({.intf = intf, .attributeType = typeVid, .request = request});
+}
+
+// --- What is told ----------------------------------------------------------------------------------
+
+void MvrpSm::publishSoon(IntfId intf) {
+    unpublished_.insert(intf);
+    if (!publish_.armed()) publish_.armIn({});
+}
+
+void MvrpSm::publish() {
+    for (const IntfId intf : std::exchange(unpublished_, {})) {
+        const auto at = ports_.find(intf);
+        if (at == ports_.end()) {
+            inputs_.status->intfStatusDel(intf);
+            inputs_.requests->portDel(intf);
+            continue;
+        }
+        const PortVlans& vlans = vlans_[intf];
+        const auto status = inputs_.status->intfStatusIs(intf);
+        status->registeredIs(vlans.registered);
+        status->refusedIs(at->second.refused);
+        status->declaredIs(at->second.declared);
+        status->fixedIs(vlans.fixed);
+        inputs_.requests->portIs(intf)->memberIs(vlans.registered & ~vlans.fixed);
+    }
+}
+
+}  // namespace Mvrp
