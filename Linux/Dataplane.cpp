@@ -37,6 +37,7 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
               records.topology,
               records.stp,
               [report](const std::string& line) { report(Tone::warning, line); }},
+      vlans_{loop, devices, requests_, bridge_, records.vlans, records.vlanMembers, report, files},
       groups_{loop,
               devices,
               requests_,
@@ -63,12 +64,14 @@ std::string Dataplane::start() {
     problem = bridge_.start();
     if (problem.empty()) problem = groups_.start(capabilities_->abilities().groupOwner);
     if (problem.empty()) problem = queues_.start();
+    if (problem.empty()) vlans_.start();
     if (!problem.empty()) stop();
     return problem;
 }
 
 void Dataplane::stop() {
     probeAgain_.cancel();
+    vlans_.stop();
     groups_.withdraw();
     queues_.stop();
 }
@@ -76,8 +79,8 @@ void Dataplane::stop() {
 std::vector<std::string> Dataplane::audit(bool repair) {
     if (repair) probe();
     std::vector<std::string> differences = groups_.audit(repair);
-    const std::vector<std::string> more = queues_.audit(repair);
-    differences.insert(differences.end(), more.begin(), more.end());
+    for (const auto& more : {queues_.audit(repair), vlans_.audit(repair)})
+        differences.insert(differences.end(), more.begin(), more.end());
     return differences;
 }
 

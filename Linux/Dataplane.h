@@ -11,6 +11,7 @@
 #include "Linux/kernel/ModuleNews.h"
 #include "Linux/kernel/Netlink.h"
 #include "Linux/queues/ShaperAgent.h"
+#include "Linux/vlans/VlanAgent.h"
 
 #include <memory>
 #include <string>
@@ -28,11 +29,13 @@ public:
         std::shared_ptr<Stp::Status> stp;
         // What it is asked to do.
         std::shared_ptr<const Bridging::Input::Config> groups;
+        std::shared_ptr<const Bridging::VlanRequests> vlans;
         std::shared_ptr<const Qos::Input::Config> queues;
         std::shared_ptr<const Qos::Status> queueMap;
         std::shared_ptr<const Qos::HwStatus> hardwareQueueMap;
         // How that goes.
         std::shared_ptr<GroupStatus> groupStatus;
+        std::shared_ptr<Bridging::VlanMembers> vlanMembers;
         std::shared_ptr<Switch::Refusals> refusals;
         std::shared_ptr<CapabilityStatus> capabilities;
     };
@@ -71,6 +74,7 @@ private:
     Runtime::Duration patience_{};
     bool woken_ = false;
     BridgeAgent bridge_;
+    VlanAgent vlans_;
     GroupAgent groups_;
     ShaperAgent queues_;
 };

@@ -5,6 +5,7 @@
 #include "Runtime/BigEndian.h"
 #include "Switch/VlanPorts.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Mvrp {
@@ -54,7 +55,6 @@ void MvrpSm::begin() {
             topologyStale_ = true;  // another native VLAN may have another tree
         }
     });
-    inputs_.requests->runningIs(true);
     refresh();
 }
 
@@ -105,12 +105,15 @@ void MvrpSm::refreshSoon() {
 }
 
 void MvrpSm::refresh() {
+    const auto& configured = inputs_.config->intfEnable();
+    inputs_.requests->runningIs(
+        std::any_of(configured.begin(), configured.end(), [](const auto& entry) { return entry.second; }));
     std::set<IntfId> gone;
     for (const auto& [intf, port] : ports_) {
         if (!mayRun(intf)) gone.insert(intf);
     }
     for (const IntfId intf : gone) stopPort(intf);
-    for (const auto& [intf, enabled] : inputs_.config->intfEnable()) {
+    for (const auto& [intf, enabled] : configured) {
         if (mayRun(intf) && !ports_.contains(intf)) startPort(intf);
     }
     refreshFixed();

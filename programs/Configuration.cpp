@@ -39,6 +39,8 @@ const std::set<std::string, std::less<>>& Configuration::paths() {
     static const std::set<std::string, std::less<>> paths{"msrp/config",
                                                           "msrp/cliConfig",
                                                           "mrp/config",
+                                                          "mvrp/config",
+                                                          "mvrp/mrp/config",
                                                           "bridging/config",
                                                           "bridging/topology/config",
                                                           "stp/status",

@@ -16,6 +16,7 @@
 #include "Linux/ports/PacketRecords.h"
 #include "Msrp/Database.h"
 #include "Msrp/MsrpAgent.h"
+#include "Mvrp/MvrpAgent.h"
 #include "Runtime/RecentLog.h"
 #include "Runtime/RepeatedLines.h"
 #include "Switch/Refusals.h"
@@ -53,6 +54,7 @@ class Daemon {
 public:
     explicit Daemon(const Options& options) : options_{options} {
         Msrp::populate(database_);
+        Mvrp::populate(database_);
         systemLog_.sinkIs(
             [this](const Runtime::LogEvent& event, std::string_view subject, const std::string& text) {
                 const std::string_view port = subject.empty() ? portNamed(text) : subject;
@@ -73,7 +75,7 @@ public:
         demand(start());
         configuration_.eachSpeed(
             [this](IntfId intf, Interface::Speed speed) { links_.configuredSpeedIs(intf, speed); });
-        const PortsOfInterest interest{config_, bridging_, [this](IntfId intf) { follow(intf); },
+        const PortsOfInterest interest{config_, mvrp_, bridging_, [this](IntfId intf) { follow(intf); },
                                        [this](IntfId intf) { forget(intf); }};
         const State::Reactor addresses = status_->watch([this](const State::Change&) { chooseBridgeMac(); });
         const State::Reactor enabled = config_->react([this](const State::Change& change) {
@@ -88,20 +90,20 @@ public:
         const Bridging::TopologyAgent topology{bridging_, stp_, onBridge().empty() ? status_ : nullptr,
                                                topology_};
 
-        Msrp::Agent agent{{.database = database_,
-                           .loop = loop_,
-                           .systemLog = systemLog_,
-                           .trace = trace_,
-                           .ringLog = ringLog_,
-                           .ringLogFile = true,
-                           .seed = std::random_device{}()},
-                          ports_};
+        Msrp::Agent agent{agentEnvironment(), ports_};
+        const auto cli = record<Msrp::CliConfig>("msrp/cliConfig");
+        Mvrp::Agent vlans{agentEnvironment(), mvrpPorts_,
+                          [cli](IntfId intf) { return VlanId{cli->streamVlan(intf)}; }};
+        const State::Reactor streamVlans =
+            cli->react([&vlans](const State::Change&) { vlans.streamVlansChanged(); });
         ringLog_.clocksAre(loop_.now(), loop_.wallNow());
         agent.start();
+        vlans.start();
         loop_.run();
         // Peers that hear a Leave need not wait for their own timers.
         agent.withdraw();
         agent.stop();
+        vlans.stop();
         if (dataplane_) dataplane_->stop();
         // The loop turns once more, so that log and captures get the Leaves that were just sent.
         loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
@@ -112,6 +114,16 @@ public:
 
 private:
     using Patience = Linux::Claims::Patience;
+
+    Runtime::AgentEnvironment agentEnvironment() {
+        return {.database = database_,
+                .loop = loop_,
+                .systemLog = systemLog_,
+                .trace = trace_,
+                .ringLog = ringLog_,
+                .ringLogFile = true,
+                .seed = std::random_device{}()};
+    }
 
     template <class R>
     std::shared_ptr<R> record(std::string_view path) {
@@ -154,10 +166,12 @@ private:
                                       .topology = topology_,
                                       .stp = stp_,
                                       .groups = record<Bridging::Input::Config>("bridging/input/config/msrp"),
+                                      .vlans = record<Bridging::VlanRequests>("bridging/input/vlans/mvrp"),
                                       .queues = record<Qos::Input::Config>("qos/input/config/msrp"),
                                       .queueMap = record<Qos::Status>("qos/status"),
                                       .hardwareQueueMap = record<Qos::HwStatus>("qos/hardware/status/global"),
                                       .groupStatus = groups_,
+                                      .vlanMembers = record<Bridging::VlanMembers>("bridging/vlans"),
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_},
             options_.socket,
@@ -213,11 +227,16 @@ private:
     }
 
     void tapPorts(bool wanted) {
-        if (!wanted) return ports_.tapIs({});
-        ports_.tapIs([this](IntfId intf, Linux::Direction direction, std::span<const std::uint8_t> frame) {
-            const bool sent = direction == Linux::Direction::sent;
-            frames_.pass(intf.name(), sent ? Control::Direction::sent : Control::Direction::received, frame);
-        });
+        Linux::PacketPorts::Tap tap;
+        if (wanted) {
+            tap = [this](IntfId intf, Linux::Direction direction, std::span<const std::uint8_t> frame) {
+                const bool sent = direction == Linux::Direction::sent;
+                frames_.pass(intf.name(), sent ? Control::Direction::sent : Control::Direction::received,
+                             frame);
+            };
+        }
+        mvrpPorts_.tapIs(tap);
+        ports_.tapIs(std::move(tap));
     }
 
     [[nodiscard]] std::string_view portNamed(std::string_view text) const {
@@ -252,6 +271,8 @@ private:
     Runtime::RingLog ringLog_;
     Control::RecordAccess access_{database_, Configuration::paths()};
     Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    Linux::PacketPorts mvrpPorts_{loop_, Linux::mvrpProtocol,
+                                  [this](const std::string& line) { tell(LOG_WARNING, line); }};
     std::shared_ptr<Linux::PacketStatus> packets_ = record<Linux::PacketStatus>("linux/packets");
     Control::FrameSource frames_{[this](std::string_view port) { return knowsPort(port); },
                                  [this](bool wanted) { tapPorts(wanted); }};
@@ -260,6 +281,7 @@ private:
     Control::Server server_{loop_, {access_, frames_, commands_}};
     Configuration configuration_;
     std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
+    std::shared_ptr<Mvrp::Config> mvrp_ = record<Mvrp::Config>("mvrp/config");
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
     std::shared_ptr<Bridging::Topology::Config> topology_ =
         record<Bridging::Topology::Config>("bridging/topology/config");
@@ -275,6 +297,7 @@ private:
     Linux::DeviceTable devices_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
     Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, const Linux::Place& place) {
                                 ports_.interfaceIs(intf, place);
+                                mvrpPorts_.interfaceIs(intf, place);
                             }};
     std::optional<Linux::Dataplane> dataplane_;
 };

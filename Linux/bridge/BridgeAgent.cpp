@@ -12,10 +12,6 @@ namespace {
 
 constexpr std::chrono::seconds secondReading{1};
 
-bool filtersVlans(const Device& device) {
-    return device.bridgeSettings && device.bridgeSettings->vlanFiltering;
-}
-
 /// Whether the VLAN table has to be read again.  Its notifications do not tell of what was there before, and
 /// come in no promised order with those of devices.
 bool concernsVlans(const Device* before, const Device* now) {
@@ -24,6 +20,10 @@ bool concernsVlans(const Device* before, const Device* now) {
 }
 
 }  // namespace
+
+bool filtersVlans(const Device& device) {
+    return device.bridgeSettings && device.bridgeSettings->vlanFiltering;
+}
 
 BridgeAgent::BridgeAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& requests,
                          std::shared_ptr<const Config> config, std::shared_ptr<Bridging::Config> bridging,
@@ -74,6 +74,7 @@ void BridgeAgent::vlanNotice(const nlmsghdr& message) {
     if (port == nullptr || port->bridge != bridge->ifindex) return;
     enter(vlans_, *vlans);
     settle_.armIn({});
+    if (changed_) changed_();
 }
 
 void BridgeAgent::settle() {
@@ -94,6 +95,7 @@ void BridgeAgent::settle() {
         wrong.insert(devices_.find(config_->bridge()) != nullptr ? "is not a bridge" : "does not exist");
     }
     complain(std::move(wrong));
+    if (changed_) changed_();
     if (onRecord_ == facts) return;
     onRecord_ = facts;
     bringInLine(records_, facts);

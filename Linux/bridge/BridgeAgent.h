@@ -12,12 +12,16 @@
 #include "Linux/records/Config.h"
 #include "Runtime/Loop.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 
 namespace Linux {
+
+/// `bridge` has settings by which each port carries only its VLANs.
+[[nodiscard]] bool filtersVlans(const Device& bridge);
 
 class BridgeAgent {
 public:
@@ -32,9 +36,16 @@ public:
     /// success.
     std::string start(int queueBytes = DeviceTable::defaultQueueBytes);
 
-private:
     /// Null unless a device of that name exists and is a bridge.
     [[nodiscard]] const Device* bridge() const;
+    /// What the kernel has told of the ports' VLANs, while the bridge filters them.
+    [[nodiscard]] const VlanTable& vlans() const { return vlans_; }
+    /// Takes in what the kernel has told until now; false when there is more than can be taken in at once.
+    bool catchUp() { return notices_.drain(); }
+    /// `changed` is called when the bridge, its ports or their VLANs have changed.
+    void onVlans(std::function<void()> changed) { changed_ = std::move(changed); }
+
+private:
     void deviceChanged(const Device* before, const Device* now);
     void vlanNotice(const nlmsghdr& message);
     void settle();
@@ -47,6 +58,7 @@ private:
     const std::shared_ptr<const Config> config_;
     const BridgeRecords records_;
     const Complaint complaint_;
+    std::function<void()> changed_;
     NetlinkNotices notices_;
     Runtime::Timer settle_;
     VlanTable vlans_;  ///< of the bridge's ports, while it filters VLANs

@@ -69,6 +69,7 @@ void enter(VlanTable& table, const VlanMessage& message) {
     for (const VlanRange& range : message.ranges) {
         const bool member = !message.gone && range.forwarding;
         for (unsigned id = range.first; id <= range.last; ++id) {
+            port.present.set(id, !message.gone);
             port.member.set(id, member);
             port.tagged.set(id, member && !range.untagged);
         }

@@ -39,8 +39,9 @@ std::optional<VlanMessage> decodeVlans(const nlmsghdr& message);
 std::vector<std::byte> vlanDumpBody();
 
 struct PortVlans {
-    VlanSet member;              ///< those whose frames pass
-    VlanSet tagged;              ///< those of them whose frames leave with a tag
+    VlanSet present;             ///< those that it is a member of
+    VlanSet member;              ///< those of them whose frames pass
+    VlanSet tagged;              ///< those of these whose frames leave with a tag
     std::optional<VlanId> pvid;  ///< the one of frames without a tag
     bool operator==(const PortVlans&) const = default;
 };

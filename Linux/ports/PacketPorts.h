@@ -28,6 +28,9 @@ struct PacketProtocol {
     EthAddr group = EthAddr::fromNumber(0x0180C200000E);
 };
 
+/// IEEE 802.1Q 11.2.3.1.2
+inline constexpr PacketProtocol mvrpProtocol{0x88F5, EthAddr::fromNumber(0x0180C2000021)};
+
 /// What passed through one interface's ports since the provider was made.
 struct PortCounters {
     std::uint64_t sent = 0;

@@ -35,9 +35,10 @@ TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
             loop,
             devices,
             {config, bridge.bridging, bridge.topology, bridge.stp,
-             std::make_shared<Bridging::Input::Config>(), std::make_shared<Qos::Input::Config>(),
-             std::make_shared<Qos::Status>(), std::make_shared<Qos::HwStatus>(),
-             std::make_shared<Linux::GroupStatus>(), std::make_shared<Switch::Refusals>(),
+             std::make_shared<Bridging::Input::Config>(), std::make_shared<Bridging::VlanRequests>(),
+             std::make_shared<Qos::Input::Config>(), std::make_shared<Qos::Status>(),
+             std::make_shared<Qos::HwStatus>(), std::make_shared<Linux::GroupStatus>(),
+             std::make_shared<Bridging::VlanMembers>(), std::make_shared<Switch::Refusals>(),
              std::make_shared<Linux::CapabilityStatus>()},
             "/nowhere/control",
             [](Linux::Tone, const std::string&) {}};
