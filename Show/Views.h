@@ -23,6 +23,8 @@ const View& streams();
 const View& ports();
 /// What each port is to each class, and the Domain that it declares.
 const View& domain();
+/// What VLANs each port carries, and which of them MVRP has brought.
+const View& vlans();
 /// The counters of each port; in words, those that are not zero.
 const View& counters();
 /// One row for each enabled port whose protocol engine runs.

@@ -233,6 +233,7 @@ int main(int argc, char** argv) {
          "Links, classes, bandwidth in use and allowed, queues, who waits, and the protocol's health",
          Show::ports);
     view("domain", "What each port is to each class", Show::domain);
+    view("vlans", "VLANs of each port, configured and asked for", Show::vlans);
     view("counters", "Counters that are not zero; with --json, all of them", Show::counters);
     view("log", "Recent lines of the system log", Show::log);
     view("capabilities", "What the kernel can do for reservations, and how each port is shaped",

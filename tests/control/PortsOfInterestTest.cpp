@@ -11,13 +11,13 @@ TEST(PortsOfInterest, AreEnabledPortsAndVlanMembersForAsLongAsSomebodyNamesThem)
     const auto msrp = std::make_shared<Msrp::Config>();
     const auto mvrp = std::make_shared<Mvrp::Config>();
     const auto bridging = std::make_shared<Bridging::Config>();
-    mvrp->intfEnableIs(IntfId{"swp4"}, false);
     msrp->intfEnableIs(IntfId{"swp1"}, true);
     bridging->vlanConfigIs(VlanId{2})->intfIs(IntfId{"swp2"});
+    mvrp->intfEnableIs(IntfId{"swp9"}, false);
     std::string told;
     const PortsOfInterest ports{msrp, mvrp, bridging, [&](IntfId intf) { told += '+' + intf.name() + ' '; },
                                 [&](IntfId intf) { told += '-' + intf.name() + ' '; }};
-    EXPECT_EQ(std::exchange(told, {}), "+swp1 +swp2 +swp4 ");
+    EXPECT_EQ(std::exchange(told, {}), "+swp1 +swp2 +swp9 ");
 
     bridging->vlanConfigIs(VlanId{2})->intfIs(IntfId{"swp1"});
     msrp->intfEnableIs(IntfId{"swp1"}, false);

@@ -165,6 +165,28 @@ swp9  no interface  -      Blocked     NotSupported  0/0         NotSupported  0
         R"("txPdus":null,"refusedJoins":null,"malformed":null,"droppedRegistrations":null})");
 }
 
+TEST(ShowVlans, TellsWhatIsConfiguredAndWhatIsAskedFor) {
+    ShownBridge b{{"swp1", "swp2", "swp3"}};
+    b.bridge.vlanDel(2, "swp2");
+    b.bridge.vlanDel(2, "swp3");
+    b.bridge.start();
+    b.bridge.mvrpStart();
+    b.bridge.mvrpConfig->intfEnableIs(IntfId{"swp3"}, false);
+    // JoinMt of VLANs 2 and 3.
+    b.bridge.mvrpPorts().deliver(IntfId{"swp2"}, {0, 1, 2, 0, 2, 0, 2, 0x81, 0, 0, 0, 0});
+    b.loop.runFor(1s);
+    b.bridge.vlanMembers->portIs(IntfId{"swp2"})->problemIs("cannot join VLAN 7: no room");
+    EXPECT_EQ(b.text(Show::vlans()), R"(PORT  CARRIES  MVRP  CONFIGURED  ASKED FOR  REFUSED  DECLARED
+swp1  2        on    2           -          -        2
+swp2  2        on    -           2          3        2
+    cannot join VLAN 7: no room
+swp3  -        off   -           -          -        -
+)");
+    EXPECT_EQ(
+        json(b.value(Show::vlans()), {"swp1"}),
+        R"({"carries":"2","mvrp":"on","fixed":"2","registered":null,"refused":null,"declared":"2","problem":null})");
+}
+
 TEST(ShowPorts, TellsDomainsAndCounters) {
     ShownBridge b{{"swp1", "swp2"}};
     b.bridge.cliConfig->srPvidIs(IntfId{"swp2"}, 7);
