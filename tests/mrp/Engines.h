@@ -171,7 +171,7 @@ private:
     }
     /// Writes down what is indicated.
     Sim::Say indicated(char sign, const Mrp::MrpParameters& params) {
-        const auto& [value, declaration] = incoming(params.attributeType);
+        const auto& [value, declaration, isNew] = incoming(params.attributeType);
         const Sim::Say what{Mrp::Event::JoinMt,
                             params.attributeType,
                             {value.begin(), value.begin() + typeOf(params.attributeType).valueLength},

@@ -133,6 +133,67 @@ class Reservations(unittest.TestCase):
         self.assertEqual([self.filters(port) for port in bed.ports], [None, None, [5]])
 
 
+class Vlans(unittest.TestCase):
+    """Stations whose kernels ask for VLANs: an applicant that is none of ours, judged by another decoder."""
+
+    def setUp(self):
+        bed = self.bed = self.enterContext(Switch())
+        for port in bed.ports[1:]:
+            bed.vlan("del", port)
+        self.frames = bed.directory / "frames"
+        dumpcap = bed.spawn("dumpcap", bed.switch, "dumpcap", "-q", "-f", "ether proto 0x88f5",
+                            *(word for port in bed.ports for word in ("-i", port)), "-w", self.frames)
+        bed.wait(lambda: "File:" in bed.said("dumpcap"), PATIENCE, "no capture has begun")
+        self.addCleanup(dumpcap.kill)
+        self.capture = dumpcap
+        self.daemon = bed.daemon(bed.config() | {"mvrp/config": {"intfEnable": {port: True for port in bed.ports}}})
+
+    def station(self, port, *arguments):
+        self.bed._ip("-n", self.bed.station_of(port), "link", *arguments)
+
+    def carried(self, port):
+        shown = subprocess.run(["bridge", "-n", self.bed.switch, "-j", "vlan", "show", "dev", port], text=True,
+                               check=True, stdout=subprocess.PIPE)
+        return [entry["vlan"] for entry in json.loads(shown.stdout)[0]["vlans"]]
+
+    def until_carried(self, port, *vlans):
+        self.bed.wait(lambda: self.carried(port) == list(vlans), PATIENCE, f"{port} does not carry {vlans}")
+
+    def test_a_listener_gets_its_stream_with_the_vlan_that_its_kernel_asks_for(self):
+        bed = self.bed
+        bed.station("swp1", *TALK)
+        bed.station("swp2", "--listen", STREAM)
+        bed.wait(lambda: "code 17" in bed.said("swp2"), PATIENCE, "the stream does not fail for want of its VLAN")
+        self.station("swp2", "add", "link", "eth0", "name", "vlan2", "up", "type", "vlan", "id", str(VLAN), "mvrp", "on")
+        self.station("swp3", "add", "link", "eth0", "name", "vlan9", "up", "type", "vlan", "id", "9", "mvrp", "on")
+        self.until_carried("swp2", 1, VLAN)
+        bed.wait(lambda: bed.carriers() == ["swp2"], PATIENCE, "the stream is not carried")
+        bed.wait(lambda: bed.read("show", "vlans")["swp3"]["refused"] == "9", PATIENCE, "VLAN 9 is not refused")
+        self.assertEqual(self.carried("swp3"), [1])
+        self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
+        # Who is killed comes back to what it has given.
+        self.daemon.kill()
+        self.daemon.wait()
+        self.daemon = bed.daemon(bed.config() | {"mvrp/config": {"intfEnable": {port: True for port in bed.ports}}})
+        bed.wait(lambda: bed.read("show", "vlans")["swp2"]["registered"] == str(VLAN), PATIENCE, "it is not asked for")
+        self.assertEqual(self.carried("swp2"), [1, VLAN])
+        self.station("swp2", "del", "vlan2")
+        self.until_carried("swp2", 1)
+        bed.wait(lambda: bed.carriers() == [], PATIENCE, "the stream is still carried")
+        self.station("swp2", "add", "link", "eth0", "name", "vlan2", "up", "type", "vlan", "id", str(VLAN), "mvrp", "on")
+        self.until_carried("swp2", 1, VLAN)
+        self.daemon.terminate()
+        self.daemon.wait()
+        self.until_carried("swp2", 1)
+        self.capture.terminate()
+        self.capture.wait()
+        fields = ["-T", "fields", "-e", "eth.src", "-e", "mrp-mvrp.three_packed_event", "-e", "_ws.expert"]
+        seen = subprocess.run(["tshark", "-r", self.frames, *fields], text=True, check=True, stdout=subprocess.PIPE,
+                              stderr=subprocess.DEVNULL).stdout.splitlines()
+        self.assertGreater(len(seen), 10)
+        self.assertEqual([line for line in seen if line.split("\t")[2]], [], "frames with faults")
+
+
 class Modules(unittest.TestCase):
     def test_the_doctors_cure_reaches_the_running_daemon(self):
         subprocess.run(["modprobe", "-r", "sch_cbs"], check=False)
