@@ -89,6 +89,7 @@ void MsrpSm::handleCliConfig(const State::Change& change) {
         {"srClassBBandwidthPercent", &MsrpSm::bandwidthPercentChanged},
         {"shapeRateFactor", &MsrpSm::shapingChanged},
         {"shapingDisabled", &MsrpSm::shapingChanged},
+        {"latency", &MsrpSm::latencyChanged},
     };
     static_assert(State::coversFields<CliConfig>(reactions));
     grown_ = keepPercentages();

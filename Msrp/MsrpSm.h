@@ -305,6 +305,7 @@ private:
     void defaultSrPvidChanged(const State::Change&);
     void srPvidChanged(const State::Change& change);
     void bandwidthPercentChanged(const State::Change&);
+    void latencyChanged(const State::Change& change);
     /// It binds each stream from the next repetition of its declaration.
     void frameSizeLimitChanged(const State::Change&) {}
 
@@ -469,6 +470,9 @@ private:
     /// What ends with a failure code of a port.
     void failureCodeGone(StreamData& stream, IntfId intf, TalkerFailureCode old);
     void transmitTalkerAdvertise(IntfId intf, StreamData& stream, TalkerState state);
+    /// The stream as it is declared on a port: with what this bridge adds to its latency.
+    [[nodiscard]] MsrpTalkerAdvertiseAttribute declaredOn(IntfId intf, const StreamData& stream) const;
+    void declareAgain(IntfId intf, const StreamData& stream);
     void send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration = 0);
 
     // Bandwidth

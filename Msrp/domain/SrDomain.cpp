@@ -21,9 +21,7 @@ U8 MsrpSm::srClassPriority(SrClassId srClass) const {
                                           : inputs_.cliConfig->srClassBPriority();
 }
 
-U16 MsrpSm::intfSrPvid(IntfId intf) const {
-    return inputs_.cliConfig->streamVlan(intf);
-}
+U16 MsrpSm::intfSrPvid(IntfId intf) const { return inputs_.cliConfig->streamVlan(intf); }
 
 void MsrpSm::transmitSrDomainVector(IntfId intf, SrClassId srClass, bool join) {
     trace("MsrpSm::transmitSrDomainVector( ", intf, ", ", srClassName(srClass), ", ", join, " )");

@@ -148,14 +148,14 @@ void MsrpSm::seedStream(const StreamData& stream, IntfId intf) {
     sendListener(Mrp::requestSeed, port->listenerStateOrig);
     const IntfId ingress = stream.ingressIntf();
     if (!ingress) return;
-    if (intf == ingress) sendListener(Mrp::requestDeclare, port->listenerState);
-    const U8 request = intf == ingress ? Mrp::requestSeed : Mrp::requestDeclare;
+    if (intf != ingress) return declareAgain(intf, stream);
+    sendListener(Mrp::requestDeclare, port->listenerState);
     const MsrpTalkerAdvertiseAttribute talker = streamDataTalkerAttribute(stream.streamId());
     if (port->talkerState == TalkerState::Advertise) {
-        send(intf, typeTalkerAdvertise, request, talker.octets());
+        send(intf, typeTalkerAdvertise, Mrp::requestSeed, talker.octets());
     } else if (port->talkerState == TalkerState::Failed) {
         const MsrpTalkerFailedAttribute failed{talker, stream.failedBridgeId(), port->talkerFailureCode};
-        send(intf, typeTalkerFailed, request, failed.octets());
+        send(intf, typeTalkerFailed, Mrp::requestSeed, failed.octets());
     }
 }
 

@@ -2,6 +2,8 @@
 #include "Msrp/MsrpSm.h"
 #include "Msrp/types/Format.h"
 
+#include <algorithm>
+
 namespace Msrp {
 
 namespace {
@@ -50,6 +52,37 @@ void MsrpSm::sendTalkerInternalLeave(IntfId intf, U64 streamId, TalkerState stat
     send(intf, typeTalkerFailed, Mrp::requestInternalLeave, failed.octets());
 }
 
+MsrpTalkerAdvertiseAttribute MsrpSm::declaredOn(IntfId intf, const StreamData& stream) const {
+    Runtime::require(static_cast<bool>(stream.ingressIntf()), "streamData && streamData->ingressIntf()");
+    MsrpTalkerAdvertiseAttribute attr = talkerAttribute(stream);
+    const ClassLatency own = inputs_.cliConfig->latency().get(intf);
+    const U64 sum =
+        U64{attr.accumulatedLatency()} + (stream.srClass() == SrClassId::SrClassA ? own.a : own.b);
+    attr.accumulatedLatencyIs(static_cast<U32>(std::min<U64>(sum, ~U32{0})));
+    return attr;
+}
+
+void MsrpSm::declareAgain(IntfId intf, const StreamData& stream) {
+    const TalkerState state = getTalkerState(stream, intf);
+    if (state == TalkerState::None || !stream.ingressIntf() || stream.ingressIntf() == intf) return;
+    const MsrpTalkerAdvertiseAttribute attr = declaredOn(intf, stream);
+    if (state == TalkerState::Advertise)
+        return send(intf, typeTalkerAdvertise, Mrp::requestDeclare, attr.octets());
+    const MsrpTalkerFailedAttribute failed{attr, stream.failedBridgeId(), stream.talkerFailureCode(intf)};
+    send(intf, typeTalkerFailed, Mrp::requestDeclare, failed.octets());
+}
+
+// To the next bridge it is another value of the declaration: streams that are reserved there fail with
+// code 7.
+void MsrpSm::latencyChanged(const State::Change& change) {
+    const auto* intf = change.key<IntfId>();
+    if (intf == nullptr || !isCandidate(*intf)) return;
+    chores_.add(portLane(*intf), [this, intf = *intf, next = U64{0}](unsigned& units) mutable {
+        return walkStreams(0, next, units,
+                           [&](U64, const StreamData& stream) { declareAgain(intf, stream); });
+    });
+}
+
 void MsrpSm::failureCodeGone(StreamData& stream, IntfId intf, TalkerFailureCode old) {
     if (isBandwidthFailure(old)) removeFailedStreamFromIntf(stream.streamId(), intf);
     if (old == Code::destinationAddressInUse) removeMacDaBlockedStream(stream.macDa(), stream.streamId());
@@ -71,8 +104,7 @@ void MsrpSm::transmitTalkerAdvertise(IntfId intf, StreamData& stream, TalkerStat
         trace("Not transmitting duplicate TalkerAdvertise");
         return;
     }
-    Runtime::require(static_cast<bool>(stream.ingressIntf()), "streamData && streamData->ingressIntf()");
-    const MsrpTalkerAdvertiseAttribute attr = talkerAttribute(stream);
+    const MsrpTalkerAdvertiseAttribute attr = declaredOn(intf, stream);
     const bool declare = state == TalkerState::Advertise;
     if (!declare) {
         addTalkerToDeletePending(streamId, intf);
@@ -99,7 +131,7 @@ void MsrpSm::transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode c
         trace("Not transmitting duplicate TalkerFailed");
         return;
     }
-    const MsrpTalkerAdvertiseAttribute attr = streamDataTalkerAttribute(streamId);
+    const MsrpTalkerAdvertiseAttribute attr = declaredOn(intf, *stream);
     if (stream->failedBridgeId() == 0) stream->failedBridgeIdIs(failureBridgeId(intf));
     const bool declare = state == TalkerState::Failed;
     if (!declare) {

@@ -6,6 +6,8 @@
 #include "Switch/IntfId.h"
 #include "Switch/Ranged.h"
 
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace Msrp {
@@ -35,6 +37,29 @@ struct SrPvidTag {
 };
 /// SR PVID of a port; 0 stands for the default of all ports.
 using SrPvid = Ranged<SrPvidTag, U16, 0, 4094>;
+
+/// How long a frame of each class may take through this bridge and out of one port, nanoseconds
+/// (portTcMaxLatency, 35.2.1.4).
+struct ClassLatency {
+    U32 a = 0;
+    U32 b = 0;
+    bool operator==(const ClassLatency&) const = default;
+};
+
+}  // namespace Msrp
+
+/// { "A": 280000, "B": 2000000 }; what is left out is 0.
+template <>
+struct State::Codec<Msrp::ClassLatency> {
+    static constexpr std::string_view typeName = "latency";
+    static Value encode(const Msrp::ClassLatency& v) {
+        return Value{Object{{"A", Value{std::uint64_t{v.a}}}, {"B", Value{std::uint64_t{v.b}}}}};
+    }
+    static std::optional<Msrp::ClassLatency> decode(const Value& v);
+    static std::string expected() { return "nanoseconds by class, like { \"A\": 280000, \"B\": 2000000 }"; }
+};
+
+namespace Msrp {
 
 /// "msrp/cliConfig"
 class CliConfig : public State::Record<CliConfig> {
@@ -85,6 +110,12 @@ public:
     [[nodiscard]] bool shapingDisabled() const { return shapingDisabled_; }
     void shapingDisabledIs(bool v) { assign(shapingDisabled_, v, "shapingDisabled"); }
 
+    /// What is added to the AccumulatedLatency of streams that are declared on a port; nothing where there is
+    /// no entry.
+    [[nodiscard]] const State::FlatMap<IntfId, ClassLatency>& latency() const { return latency_; }
+    void latencyIs(IntfId id, ClassLatency v) { setEntry(latency_, id, v, "latency"); }
+    void latencyDel(IntfId id) { delEntry(latency_, id, "latency"); }
+
     template <class F>
     static constexpr void fields(F&& each) {
         using C = CliConfig;
@@ -99,6 +130,7 @@ public:
         each(State::scalar("srClassBBandwidthPercent", &C::srClassBBandwidthPercent_, U8{0}, U8{100}));
         each(State::scalar("shapeRateFactor", &C::shapeRateFactor_, 0.0, 1000.0));
         each(State::scalar("shapingDisabled", &C::shapingDisabled_));
+        each(State::map("latency", &C::latency_));
     }
 
 private:
@@ -113,6 +145,7 @@ private:
     U8 srClassBBandwidthPercent_ = 0;
     double shapeRateFactor_ = 1.0;
     bool shapingDisabled_ = false;
+    State::FlatMap<IntfId, ClassLatency> latency_;
 };
 
 }  // namespace Msrp

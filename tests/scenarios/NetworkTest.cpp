@@ -32,6 +32,35 @@ std::string reserved(std::initializer_list<const char*> ways, std::initializer_l
     for (const char* who : listeners) out += std::string{who} + ": Advertise 0x1\n";
     return out + "talker: Listener 0x1 Ready\n";
 }
+TEST(Network, EachBridgeAddsTheLatencyOfItsPortAndAChangeFailsWhatRuns) {
+    Network net{"talker - sw1 - sw2 - listener", "sw2 - late"};
+    for (const char* bridge : {"sw1", "sw2"}) {
+        const IntfId port{bridge == std::string{"sw1"} ? "sw2" : "listener"};
+        net[bridge].cliConfig->latencyIs(port, {1000, 7});
+    }
+    net["sw2"].cliConfig->latencyIs(IntfId{"late"}, {0xFFFF'FFFF, 0});
+    net.station("talker").declare(advertise({.latency = 500}));
+    net.station("talker").declare(
+        advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 2, .latency = 500}));
+    listen(net, {"listener"});
+    EXPECT_EQ(later(net, "late"), R"(
+late: Advertise 0x1 latency 4294967295, Advertise 0x2 latency 507
+listener: Advertise 0x1 latency 2500, Advertise 0x2 latency 514
+talker: Listener 0x1 Ready
+)");
+    net["sw1"].cliConfig->latencyIs(IntfId{"sw2"}, {2000, 7});
+    EXPECT_EQ(later(net, "listener"), R"(
+listener: Advertise 0x2 latency 514, Failed 0x1 code 7 bridge 0x8000020000000002 latency 2500
+talker: Listener 0x1 AskingFailed
+)");
+    net["sw1"].cliConfig->latencyDel(IntfId{"sw2"});
+    net["sw1"].cliConfig->latencyIs(IntfId{"sw2"}, {1000, 7});
+    EXPECT_EQ(later(net, "listener"), R"(
+listener: Advertise 0x1 latency 2500, Advertise 0x2 latency 514
+talker: Listener 0x1 Ready
+)");
+}
+
 TEST(Network, AFailureArrivesAsTheFirstBridgeToldIt) {
     Network net{"talker - sw1 = sw2 = sw3 - sw4 - far", "sw1 - near"};
     net.station("talker").declare(advertise({.maxFrameSize = 1458, .latency = 500}));
