@@ -12,6 +12,7 @@
 #include "Switch/Qos.h"
 #include "Switch/Refusals.h"
 #include "Switch/Stp.h"
+#include "Switch/Time.h"
 
 namespace Msrp {
 
@@ -31,6 +32,7 @@ void populate(State::Database& database) {
     database.entityIs<Qos::Status>("qos/status");
     database.entityIs<Qos::HwStatus>("qos/hardware/status/global");
     database.entityIs<Switch::Refusals>("switch/refusals");
+    database.entityIs<Switch::TimeStatus>("switch/time");
     database.entityIs<Interface::AllIntfStatusDir>("interface/status/all");
     database.entityIs<Interface::AllIntfStatusLocalDir>("interface/status/local");
     database.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");

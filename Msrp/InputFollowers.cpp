@@ -75,6 +75,15 @@ void InputFollowers::start() {
             topoDel(*name);
         }
     });
+    if (inputs.time) {
+        whole_.push_back(inputs.time->watch([this](const State::Change& change) {
+            const auto* port = dynamic_cast<const Switch::PortTime*>(&change.entity);
+            const auto* intf = change.key<IntfId>();
+            if (port == nullptr && intf == nullptr) return sm_.handleIntfEnable();
+            if (port == nullptr || change.field == State::fieldName<Switch::PortTime>("capable"))
+                sm_.handleTime(port != nullptr ? port->intfId() : *intf);
+        }));
+    }
     follow(inputs.refusals, [this](const State::Change& change) { sm_.handleRefusal(change); });
 
     // What is there already does not announce itself.

@@ -63,6 +63,7 @@ void Agent::doInit() {
     entities.mountIs("bridging/topology/config", "Bridging::Topology::Config", "r");
     entities.mountIs("stp/status", "Stp::Status", "r");
     entities.mountIs("switch/refusals", "Switch::Refusals", "r");
+    entities.mountIs("switch/time", "Switch::TimeStatus", "r");
 
     entities.localEntityIs<Bridging::Topology::Status>("bridging/topology/status");
 }
@@ -86,6 +87,7 @@ void Agent::fetchRecords() {
     ethIntfStatusDir_ = entities.reader<Interface::EthIntfStatusDir>("interface/status/eth/intf");
     bridgingTopoConfig_ = entities.reader<Bridging::Topology::Config>("bridging/topology/config");
     refusals_ = entities.reader<Switch::Refusals>("switch/refusals");
+    time_ = entities.reader<Switch::TimeStatus>("switch/time");
     bridgingTopoStatus_ = entities.writer<Bridging::Topology::Status>("bridging/topology/status");
 }
 
@@ -136,6 +138,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
                                                       .stpStatus = stpStatus_,
                                                       .topoLib = topoLibState_,
                                                       .refusals = refusals_,
+                                                      .time = time_,
                                                       .attrLogSm = msrpAttrLogSm_.get(),
                                                       .msrpLib = msrpLib_.get(),
                                                       .standbyMode = standbyMode_},

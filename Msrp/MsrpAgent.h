@@ -62,6 +62,7 @@ private:
     std::shared_ptr<const Bridging::Topology::Config> bridgingTopoConfig_;
     std::shared_ptr<Bridging::Topology::Status> bridgingTopoStatus_;
     std::shared_ptr<const Switch::Refusals> refusals_;
+    std::shared_ptr<const Switch::TimeStatus> time_;
     std::unique_ptr<RedundancyStatusSm> redundancyStatusSm_;
     std::shared_ptr<Bridging::Topology::TopoLibState> topoLibState_;
     std::unique_ptr<Bridging::Topology::TopoLibSm> topoLibSm_;

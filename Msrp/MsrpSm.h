@@ -39,6 +39,7 @@
 #include "Switch/Qos.h"
 #include "Switch/Refusals.h"
 #include "Switch/Stp.h"
+#include "Switch/Time.h"
 #include "Switch/TopologyLibrary.h"
 
 #include <algorithm>
@@ -75,6 +76,7 @@ public:
         std::shared_ptr<const Stp::Status> stpStatus;
         std::shared_ptr<const Bridging::Topology::TopoLibState> topoLib;
         std::shared_ptr<const Switch::Refusals> refusals;
+        std::shared_ptr<const Switch::TimeStatus> time;
         Mrp::MrpAttrLogSm* attrLogSm = nullptr;  ///< not owned
         MsrpLib* msrpLib = nullptr;              ///< not owned; must outlive the state machine
         bool standbyMode = false;
@@ -135,6 +137,8 @@ public:
     void handleSpeed(IntfId intf);
     void setLinkStatus(IntfId intf);
     [[nodiscard]] bool isLinkUp(IntfId intf) const;
+    /// The port has come to keep common time with its neighbour, or does not any more.
+    void handleTime(IntfId intf);
 
     // Stream table
     // ------------------------------------------------------------------------------------------------

@@ -26,7 +26,6 @@ VlanSet allVlans() {
 MvrpSm::MvrpSm(Inputs inputs, Runtime::Loop& loop, const Runtime::SystemLog& systemLog)
     : MrpLib{Mvrp::application()},
       inputs_{std::move(inputs)},
-      loop_{loop},
       systemLog_{systemLog},
       refresh_{loop, [this] { refresh(); }},
       publish_{loop, [this] { publish(); }} {}
@@ -220,7 +219,9 @@ void MvrpSm::mrpLeaveIndication(const Mrp::MrpParameters& params) {
 // --- What is said to peers -----------------------------------------------------------------------
 
 void MvrpSm::declareAll(const std::set<IntfId>& opened) {
-    for (const auto& [intf, wanted] : declarations(vlans_)) {
+    for (const auto& port : declarations(vlans_)) {
+        const IntfId intf = port.first;
+        const VlanSet& wanted = port.second;
         VlanSet& declared = ports_[intf].declared;
         if (declared == wanted) continue;
         // A port that begins to forward has another part of the network behind it.

@@ -85,7 +85,6 @@ private:
     void publish();
 
     const Inputs inputs_;
-    Runtime::Loop& loop_;
     const Runtime::SystemLog& systemLog_;
     bool running_ = false;
     VlanSet stale_;  ///< whose members are to be looked at

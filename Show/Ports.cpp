@@ -48,6 +48,14 @@ Value linkState(const PortRow& row) {
     return textOrNone(textOf(at(row.link, {"linkStatus"})));
 }
 
+/// Null where nobody is asked about common time.
+Value timeState(const PortRow& row) {
+    const Value& time = row.snapshot.record("switch/time");
+    if (!isTrue(at(time, {"asked"}))) return {};
+    const Value& port = at(time, {"port", row.port});
+    return port.isNull() ? Value{"unknown"} : at(port, {"state"});
+}
+
 /// By port: streams that want bandwidth there, and streams that were declared there and want an address.
 PortWaits portWaits(const Snapshot& snapshot) {
     PortWaits waits;
@@ -96,6 +104,7 @@ const Column<PortRow> portColumns[]{
     {"PORT", "port", [](const auto& r) { return r.port; }},
     {"LINK", "link", [](const auto& r) { return linkState(r); }},
     {"SPEED", "speed", [](const auto& r) { return at(r.link, {"speedEnum"}); }},
+    {"TIME", "time", [](const auto& r) { return timeState(r); }},
     {"STATE", "portState", [](const auto& r) { return at(r.status, {"portState"}); }},
     {"CLASS A", "srClassA",
      [](const auto& r) {
@@ -181,8 +190,8 @@ const View& ports() {
     static const View view = [] {
         View made{streams().records, [](const Snapshot& s) { return portTable(s).text() + floodText(s); },
                   [](const Snapshot& s) { return portTable(s).value(); }};
-        for (const char* path :
-             {"mrp/status", "interface/status/eth/intf", "qos/input/config/msrp", "linux/capabilities"})
+        for (const char* path : {"mrp/status", "interface/status/eth/intf", "qos/input/config/msrp",
+                                 "linux/capabilities", "switch/time"})
             made.records.emplace_back(path);
         return made;
     }();

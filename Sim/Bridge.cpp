@@ -54,6 +54,7 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
     qosHwStatus = database_.entityIs<Qos::HwStatus>("qos/hardware/status/global");
     phy = database_.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     refusals = database_.entityIs<Switch::Refusals>("switch/refusals");
+    time = database_.entityIs<Switch::TimeStatus>("switch/time");
     mvrpConfig = database_.entityIs<Mvrp::Config>("mvrp/config");
     mvrpStatus = database_.entityIs<Mvrp::Status>("mvrp/status");
     vlanRequests = database_.entityIs<Bridging::VlanRequests>("bridging/input/vlans/mvrp");

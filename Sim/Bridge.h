@@ -112,6 +112,7 @@ public:
     std::shared_ptr<Qos::HwStatus> qosHwStatus;
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> phy;
     std::shared_ptr<Switch::Refusals> refusals;
+    std::shared_ptr<Switch::TimeStatus> time;
     std::shared_ptr<Mvrp::Config> mvrpConfig;
     std::shared_ptr<Mvrp::Status> mvrpStatus;
     std::shared_ptr<Bridging::VlanRequests> vlanRequests;

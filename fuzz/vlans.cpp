@@ -103,7 +103,9 @@ private:
             all.set();
             vlans[intf] = {status.registered(), status.fixed(), all};
         });
-        for (const auto& [intf, declared] : Mvrp::declarations(vlans)) {
+        for (const auto& port : Mvrp::declarations(vlans)) {
+            const IntfId intf = port.first;
+            const VlanSet& declared = port.second;
             const auto status = bridge_.mvrpStatus->intfStatusIs(intf);
             check(status->declared() == (declared & ~VlanSet{1}), intf, " declares ",
                   vlanText(status->declared()), " instead of ", vlanText(declared));

@@ -14,6 +14,7 @@
 #include "Linux/links/LinkAgent.h"
 #include "Linux/ports/PacketPorts.h"
 #include "Linux/ports/PacketRecords.h"
+#include "Linux/time/TimeAgent.h"
 #include "Msrp/Database.h"
 #include "Msrp/MsrpAgent.h"
 #include "Mvrp/MvrpAgent.h"
@@ -143,6 +144,8 @@ private:
         if (problem.empty()) problem = server_.start(options_.socket);
         if (problem.empty()) problem = devices_.start();
         if (problem.empty() && !onBridge().empty()) problem = startDataplane();
+        if (const std::string& clock = linux_->gptp().socket; problem.empty() && !clock.empty())
+            problem = time_.start(clock);
         return problem;
     }
 
@@ -300,6 +303,10 @@ private:
                                 mvrpPorts_.interfaceIs(intf, place);
                             }};
     std::optional<Linux::Dataplane> dataplane_;
+    Linux::TimeAgent time_{
+        loop_, record<Switch::TimeStatus>("switch/time"),
+        [this](bool good, const std::string& line) { tell(good ? LOG_INFO : LOG_WARNING, line); },
+        options_.socket + ".time"};
 };
 
 /// Standard streams that were closed before the start lead nowhere: their numbers would else be given to our

@@ -6,6 +6,7 @@
 #include "Switch/Ranged.h"
 
 #include <array>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,6 +26,31 @@ constexpr auto shapingNames = std::to_array<State::EnumName<Shaping>>({{Shaping:
                                                                        {Shaping::htb, "htb"},
                                                                        {Shaping::none, "none"}});
 constexpr const auto& enumNames(Shaping) { return shapingNames; }
+
+/// Where to ask about common time; not at all where the path is empty.
+struct Gptp {
+    std::string socket;  ///< of a ptp4l process
+    bool operator==(const Gptp&) const = default;
+};
+
+}  // namespace Linux
+
+template <>
+struct State::Codec<Linux::Gptp> {
+    static constexpr std::string_view typeName = "gptp";
+    static Value encode(const Linux::Gptp& v) { return Value{Object{{"socket", Value{v.socket}}}}; }
+    static std::optional<Linux::Gptp> decode(const Value& v) {
+        const Object* members = v.object();
+        if (members == nullptr || members->size() > 1) return std::nullopt;
+        if (members->empty()) return Linux::Gptp{};
+        const auto path = Codec<std::string>::decode(members->front().second);
+        if (members->front().first != "socket" || !path) return std::nullopt;
+        return Linux::Gptp{*path};
+    }
+    static std::string expected() { return "like { \"socket\": \"/var/run/ptp4l\" }"; }
+};
+
+namespace Linux {
 
 class Config : public State::Record<Config> {
 public:
@@ -55,6 +81,10 @@ public:
     [[nodiscard]] bool ingressPriority() const { return ingressPriority_; }
     void ingressPriorityIs(bool v) { assign(ingressPriority_, v, "ingressPriority"); }
 
+    /// The ptp4l that knows which ports keep common time with their neighbours: streams are offered to those
+    /// alone.
+    [[nodiscard]] const Gptp& gptp() const { return gptp_; }
+
     template <class F>
     static constexpr void fields(F&& each) {
         each(State::scalar("bridge", &Config::bridge_));
@@ -65,6 +95,7 @@ public:
         each(State::scalar("shaping", &Config::shaping_));
         each(State::scalar("queueHandle", &Config::queueHandle_, std::uint16_t{1}, std::uint16_t{0xFFEF}));
         each(State::scalar("ingressPriority", &Config::ingressPriority_));
+        each(State::scalar("gptp", &Config::gptp_));
     }
 
 private:
@@ -76,6 +107,7 @@ private:
     Shaping shaping_ = Shaping::automatic;
     std::uint16_t queueHandle_ = 0x100;
     bool ingressPriority_ = true;
+    Gptp gptp_;
 };
 
 }  // namespace Linux

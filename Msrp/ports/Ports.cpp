@@ -55,7 +55,8 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
     inputs_.qosMsrpConfig->intfConfigPriorityIs(qosPriority);
     if (!status()->intfStatus(intf)) createIntfStatus(intf);
     const bool someClass = srClassSupported(SrClassId::SrClassB) || srClassSupported(SrClassId::SrClassA);
-    const bool mayRun = isLinkUp(intf) && isPortForwarding(intf) && someClass;
+    const bool timed = !inputs_.time || inputs_.time->capable(intf);
+    const bool mayRun = isLinkUp(intf) && isPortForwarding(intf) && someClass && timed;
     if (!mayRun) stopPort(intf);
     if (busy(intf)) {
         endsAfterWork(intf, mayRun ? Ending::none : Ending::stop);
@@ -65,6 +66,15 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
         (void)isAttrLogOutClogged();
         inputs_.msrpLib->mrpInterfaceDisable(intf);
     }
+}
+
+void MsrpSm::handleTime(IntfId intf) {
+    if (!actsOn(intf) || !inputs_.time->asked()) return;
+    log(MSRP_NOTIF,
+        Runtime::format(inputs_.time->capable(intf) ? "%s keeps common time with its neighbour"
+                                                    : "%s keeps no common time with its neighbour",
+                        intf));
+    handleIntfEnable(intf);
 }
 
 void MsrpSm::settlePort(IntfId intf) {

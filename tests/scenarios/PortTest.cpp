@@ -30,6 +30,25 @@ protected:
     }
 };
 
+TEST_F(ReservedStream, StandsOnPortsWithCommonTimeAlone) {
+    for (const char* port : {"p1", "p2"}) bridge.time->portIs(IntfId{port})->capableIs(true);
+    bridge.time->askedIs(true);
+    EXPECT_EQ(picture(),
+              reserved + "\np3 NotSupported NotSupported\np1 Listener 0x1 Ready\np2 Advertise 0x1\n");
+    bridge.time->portIs(IntfId{"p2"})->capableIs(false);
+    EXPECT_EQ(bridge.classes("p2"), "p2 NotSupported NotSupported");
+    EXPECT_EQ(stream1(), "0x1 SrClassA 9088 p1 -> p1");
+    bridge.time->portIs(IntfId{"p2"})->capableIs(true);
+    listenAgain();
+    EXPECT_EQ(stream1(), reserved);
+    bridge.time->portDel(IntfId{"p2"});
+    EXPECT_EQ(stream1(), "0x1 SrClassA 9088 p1 -> p1");
+    bridge.time->askedIs(false);
+    listenAgain();
+    EXPECT_EQ(stream1(), reserved);
+    expectLogged({"p2 keeps no common time with its neighbour"}, 2);
+}
+
 TEST_F(ReservedStream, ListenersAreMergedAndLeaveOneByOne) {
     p3.say(listener(1, ListenerState::AskingFailed));
     EXPECT_EQ(picture(), reserved + "\np1 Listener 0x1 ReadyFailed\np2 Advertise 0x1\np3 Advertise 0x1\n");

@@ -1,0 +1,4 @@
+#include "Switch/Time.h"
+
+template class State::Record<Switch::PortTime>;
+template class State::Record<Switch::TimeStatus>;

@@ -1,0 +1,153 @@
+#include "Linux/kernel/EpollLoop.h"
+#include "Linux/time/TimeAgent.h"
+#include "tests/control/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Linux::PtpAnswer;
+using Linux::PtpData;
+using Message = std::vector<std::uint8_t>;
+
+Message message(const std::string& hex) {
+    Message out;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        out.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return out;
+}
+
+// Heard from ptp4l 3.1.1.
+const std::string capable =
+    "1d02003e00000000000000000000000000000000020000fffe00000a00010007047f00000000000000001234000002000001000a"
+    "c00201312d"
+    "0000000001";
+const std::string notCapable =
+    "1d02003e00000000000000000000000000000000020000fffe00000a00020007047f00000000000000001234000002000001000a"
+    "c00201312d"
+    "0000000000";
+const std::string master =
+    "1d02005000000000000000000000000000000000020000fffe00000a00010007047f00000000000000001234000002000001001c"
+    "2004020000"
+    "fffe00000a0001060000000000065b00000003fd020002";
+const std::string faulty =
+    "1d02005000000000000000000000000000000000020000fffe00000a00010000047f00000000000000001235010102000001001c"
+    "2004020000"
+    "fffe00000a0001020000000000053800000003fd020002";
+const std::string unknown =
+    "1d02003c00000000000000000000000000000000020000fffe00000a00010007047f000000000000000012340000020000020008"
+    "0002dfff00"
+    "000000";
+/// PORT_PROPERTIES_NP of port 1: its interface is "swp1".
+const std::string properties =
+    "1d02004700000000000000000000000000000000020000fffe00000a00010007047f000000000000000012340000020000010013"
+    "c004020000"
+    "fffe00000a0001060104"
+    "73777031";
+
+TEST(PtpMessages, AreThoseOfAnotherProgram) {
+    EXPECT_EQ(Linux::ptpGet(PtpData::capable, {0x1234, 1}, 7),
+              message("1d02003600000000000000000000000000000000000000000000000012340007047fffffffffffffffffff"
+                      "ff0000000000010002"
+                      "c002"));
+    const Message order = Linux::ptpSubscribe({0x1234, 0}, 7, 90);
+    EXPECT_EQ(order.size(), 54U + 66U);
+    EXPECT_EQ(order[3], 120);
+    EXPECT_EQ(Message(order.begin() + 48, order.begin() + 57), message("00010044c003005a01"));
+    EXPECT_EQ(Linux::decodePtp(message(capable)), (PtpAnswer{.port = 1, .capable = true}));
+    EXPECT_EQ(Linux::decodePtp(message(notCapable)), (PtpAnswer{.port = 2, .capable = false}));
+    EXPECT_EQ(Linux::decodePtp(message(master)), (PtpAnswer{.port = 1, .state = 6}));
+    EXPECT_EQ(Linux::decodePtp(message(faulty)), (PtpAnswer{.port = 1, .state = 2}));
+    EXPECT_EQ(Linux::decodePtp(message(properties)), (PtpAnswer{.port = 1, .interface = "swp1"}));
+    EXPECT_EQ(Linux::decodePtp(message(unknown)), std::nullopt);
+    // Whatever is cut off, nothing is read that is not there.
+    for (const std::string& whole : {capable, master, properties}) {
+        for (std::size_t octets = 0; octets < whole.size() / 2; ++octets)
+            EXPECT_EQ(Linux::decodePtp(message(whole.substr(0, 2 * octets))), std::nullopt) << octets;
+    }
+}
+
+/// A ptp4l of a few words, and who asks it.
+class TimeAgentTest : public testing::Test {
+protected:
+    /// Answers everything that was asked since the last call in the same words; how much that was.
+    int answer(const std::vector<std::string>& words) {
+        loop.runUntil([] { return false; }, 30ms);
+        Message asked(500);
+        sockaddr_un from{};
+        socklen_t length = sizeof from;
+        int count = 0;
+        while (recvfrom(server, asked.data(), asked.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from),
+                        &length) > 0)
+            ++count;
+        for (const std::string& word : words) {
+            const Message said = message(word);
+            sendto(server, said.data(), said.size(), 0, reinterpret_cast<const sockaddr*>(&from),
+                   sizeof from);
+        }
+        loop.runUntil([] { return false; }, 20ms);
+        return count;
+    }
+    [[nodiscard]] std::string port() const {
+        const auto held = std::as_const(*status).port(IntfId{"swp1"});
+        return held ? held->state() + (held->capable() ? ", capable" : "") : "unknown";
+    }
+    void TearDown() override { close(server); }
+
+    const TemporaryDirectory directory;
+    const int server = directory.boundSocket("ptp4l", SOCK_DGRAM);
+    Linux::EpollLoop loop;
+    std::shared_ptr<Switch::TimeStatus> status = std::make_shared<Switch::TimeStatus>();
+    std::string lines;
+    Linux::TimeAgent agent{
+        loop, status,
+        [this](bool good, const std::string& line) {
+            lines += (good ? "+" : "-") +
+                     line.substr(line.find(directory.file("ptp4l")) + directory.file("ptp4l").size()) + '\n';
+        },
+        directory.file("own")};
+};
+
+TEST_F(TimeAgentTest, APortIsCapableWhileItsClockRunsAndItsNeighbourIsThere) {
+    EXPECT_TRUE(status->capable(IntfId{"swp1"})) << "nobody has asked";
+    ASSERT_EQ(agent.start(directory.file("ptp4l"), {20ms, 500ms}), "");
+    EXPECT_FALSE(status->capable(IntfId{"swp1"}));
+    EXPECT_GE(answer({properties, master, capable}), 3);
+    EXPECT_EQ(port(), "master, capable");
+    answer({faulty});
+    EXPECT_EQ(port(), "faulty") << "told, not asked for; asCapable keeps its old value meanwhile";
+    std::string lost = capable;
+    lost.back() = '0';
+    answer({master, lost});
+    EXPECT_EQ(port(), "not capable");
+    answer({capable, unknown, "1d"});
+    EXPECT_EQ(port(), "master, capable");
+    // Somebody else's words.
+    const int stranger = directory.boundSocket("stranger", SOCK_DGRAM);
+    sockaddr_un to{};
+    to.sun_family = AF_UNIX;
+    directory.file("own").copy(to.sun_path, sizeof to.sun_path - 1);
+    const Message said = message(lost);
+    sendto(stranger, said.data(), said.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    close(stranger);
+    loop.runUntil([] { return false; }, 20ms);
+    EXPECT_EQ(port(), "master, capable");
+    loop.runUntil([&] { return port() == "unknown"; }, 8s);
+    EXPECT_EQ(port(), "unknown") << "it has ceased to answer";
+    answer({properties, master, capable});
+    EXPECT_EQ(port(), "master, capable");
+    EXPECT_EQ(lines,
+              "+ tells the time state of ports\n- does not answer, so no port is capable of common time\n"
+              "+ tells the time state of ports\n");
+}
+
+TEST_F(TimeAgentTest, PathsThatCannotBeAreRefused) {
+    EXPECT_NE(agent.start(std::string(200, 'x')).find("too long"), std::string::npos);
+    Linux::TimeAgent nowhere{loop, status, [](bool, const std::string&) {}, directory.file("missing/own")};
+    EXPECT_NE(nowhere.start(directory.file("ptp4l")).find("No such file"), std::string::npos);
+}
+
+}  // namespace
