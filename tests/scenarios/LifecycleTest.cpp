@@ -152,6 +152,66 @@ TEST_F(Scenario, ReleasedBandwidthGoesToTheOldestStreamThatFits) {
     }
 }
 
+TEST_F(Scenario, BandwidthIsReleasedByWhoeverCannotUseItAnyMore) {
+    core();
+    const Talker big{.id = 1, .maxFrameSize = 1458, .frames = 6};
+    p1.say(advertise(big));
+    p3.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .maxFrameSize = 1458, .frames = 5}));
+    const auto begin = [&] {
+        p1.say(advertise(big));
+        p2.say(listener(1, ListenerState::Ready));
+        settle();
+        p2.say(listener(2, ListenerState::Ready));
+        settle();
+        EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 576'000U);
+    };
+    const auto end = [&] {
+        settle();
+        EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 480'000U) << "the other one has it";
+        for (const std::uint64_t id : {1, 2}) p2.say(listener(id, ListenerState::Ready, Event::Lv));
+        quiet();
+    };
+    begin();
+    p2.say(listener(1, ListenerState::AskingFailed));
+    end();
+    begin();
+    p1.say(failed(big, 9, 0x1234));
+    end();
+    begin();
+    // Where nothing can be carried, nobody is served either.
+    bridge.vlanDel(2, "p2");
+    settle();
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 0U);
+    bridge.vlanIs(2, "p2", true);
+    settle();
+    EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 576'000U);
+}
+
+TEST_F(Scenario, APortThatEntersTheClassHearsOfFailuresToo) {
+    for (Peer* peer : {&p1, &p2}) peer->say(domains());
+    p1.say(failed({}, 9, 0x1234));
+    settle();
+    p3.say(domains());
+    expectHears(p3, "Failed 0x1 code 9 bridge 0x1234\n");
+}
+
+TEST_F(Scenario, TimesTellSinceWhenAPortHasItsState) {
+    const auto since = [this](const char* port) {
+        return static_cast<int>(10 * (Runtime::seconds(loop.now()) -
+                                      bridge.agent().msrpSm()->streamList(1)->statusTime(IntfId{port})));
+    };
+    reserve();
+    const int before = since("p2");
+    p2.say(listener(1, ListenerState::AskingFailed));
+    settle();
+    EXPECT_LE(since("p2"), 5);
+    loop.runFor(2s);
+    p2.say(listener(1, ListenerState::AskingFailed));
+    settle();
+    EXPECT_GE(since("p2"), 25) << "a repetition is no change";
+    EXPECT_LE(before, 10);
+}
+
 TEST_F(Scenario, QueuesFollowTheAllocation) {
     core();
     p1.say({advertise({}), advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 2})});
