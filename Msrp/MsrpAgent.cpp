@@ -63,6 +63,7 @@ void Agent::doInit() {
     entities.mountIs("bridging/topology/config", "Bridging::Topology::Config", "r");
     entities.mountIs("stp/status", "Stp::Status", "r");
     entities.mountIs("switch/refusals", "Switch::Refusals", "r");
+    entities.mountIs("switch/domain", "Switch::Domain", "wc");
 
     entities.localEntityIs<Bridging::Topology::Status>("bridging/topology/status");
 }
@@ -86,6 +87,7 @@ void Agent::fetchRecords() {
     ethIntfStatusDir_ = entities.reader<Interface::EthIntfStatusDir>("interface/status/eth/intf");
     bridgingTopoConfig_ = entities.reader<Bridging::Topology::Config>("bridging/topology/config");
     refusals_ = entities.reader<Switch::Refusals>("switch/refusals");
+    domain_ = entities.writer<Switch::Domain>("switch/domain");
     bridgingTopoStatus_ = entities.writer<Bridging::Topology::Status>("bridging/topology/status");
 }
 
@@ -144,6 +146,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
                                                         .trace = env.trace,
                                                         .ringLog = env.ringLog,
                                                         .unitsPerTurn = env.unitsPerTurn});
+    domainPublisher_ = std::make_unique<DomainPublisher>(msrpCliConfig_, msrpStatus_, domain_);
     handleStandbyMode();
 }
 
@@ -166,6 +169,7 @@ void Agent::handleStandbyMode() {
     mrpSm_->handleStandbyMode();
     msrpSm_->standbyModeIs(standbyMode_);
     msrpSm_->handleStandbyMode();
+    domainPublisher_->standbyModeIs(standbyMode_);
 }
 
 void Agent::withdraw() {
@@ -174,6 +178,7 @@ void Agent::withdraw() {
 
 void Agent::doCleanup() {
     redundancyStatusSm_.reset();
+    domainPublisher_.reset();
     // In standby it is the other agent's.
     if (brMsrpConfig_ && !standbyMode_) brMsrpConfig_->fdbConfigPriorityIs(0);
     msrpSm_.reset();

@@ -214,6 +214,12 @@ private:
         } else if (best.shaper == Shaper::htb) {
             find({}, "shaping", Severity::warning, concat("queues get token buckets: ", best.why), load);
         }
+        if (absent(can.ebpf)) {
+            find({}, "fence", Severity::warning,
+                 "frames from outside the classes' domain may use their queues: the kernel takes no programs "
+                 "that "
+                 "change frames, or the daemon may not load them (CAP_BPF)");
+        }
         if (absent(can.groups)) {
             find({}, "groups", Severity::fault,
                  "the kernel's bridges keep no groups by MAC address; Linux 5.11 does");

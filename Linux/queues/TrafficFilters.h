@@ -5,6 +5,7 @@
 #include "Linux/kernel/NetlinkMessage.h"
 #include "Linux/queues/SrQueues.h"
 
+#include <array>
 #include <cstdint>
 #include <linux/filter.h>
 #include <optional>
@@ -41,6 +42,17 @@ struct TagPriorityRule {
     bool operator==(const TagPriorityRule&) const = default;
 };
 
+/// "bpf" with a program in the kernel that does all the work itself, and whose result is the packet's fate.
+struct FrameProgram {
+    /// Of its instructions, as the kernel counts it.
+    using Digest = std::array<std::uint8_t, 8>;
+
+    std::string name;  ///< as people see it, and the mark that says whose it is
+    Digest digest{};
+    int descriptor = -1;  ///< of the program, where the filter is to be made; borrowed
+    bool operator==(const FrameProgram& other) const { return name == other.name && digest == other.digest; }
+};
+
 struct Filter {
     unsigned ifindex = 0;
     std::uint32_t handle = 0;
@@ -48,7 +60,7 @@ struct Filter {
     std::uint16_t preference = 0;  ///< lower ones are asked first
     std::uint16_t protocol = 0;    ///< EtherType
     std::string kind;
-    std::variant<std::monostate, ClassProgram, TagPriorityRule> options;
+    std::variant<std::monostate, ClassProgram, TagPriorityRule, FrameProgram> options;
     bool operator==(const Filter&) const = default;
 };
 

@@ -26,6 +26,16 @@ constexpr auto shapingNames = std::to_array<State::EnumName<Shaping>>({{Shaping:
                                                                        {Shaping::none, "none"}});
 constexpr const auto& enumNames(Shaping) { return shapingNames; }
 
+/// Which frames may use the queues of the SR classes.
+enum class Fencing : std::uint8_t {
+    ports,    ///< those that come in on ports inside the classes' domain
+    streams,  ///< of these, the frames of streams that are registered there
+    none,     ///< all that have a class's priority
+};
+constexpr auto fencingNames = std::to_array<State::EnumName<Fencing>>(
+    {{Fencing::ports, "ports"}, {Fencing::streams, "streams"}, {Fencing::none, "none"}});
+constexpr const auto& enumNames(Fencing) { return fencingNames; }
+
 class Config : public State::Record<Config> {
 public:
     static constexpr std::string_view type = "Linux::Config";
@@ -54,6 +64,8 @@ public:
     /// Whether ports let the tag's priority choose the queue, which a bridge does not do by itself.
     [[nodiscard]] bool ingressPriority() const { return ingressPriority_; }
     void ingressPriorityIs(bool v) { assign(ingressPriority_, v, "ingressPriority"); }
+    [[nodiscard]] Fencing fence() const { return fence_; }
+    void fenceIs(Fencing v) { assign(fence_, v, "fence"); }
 
     template <class F>
     static constexpr void fields(F&& each) {
@@ -65,6 +77,7 @@ public:
         each(State::scalar("shaping", &Config::shaping_));
         each(State::scalar("queueHandle", &Config::queueHandle_, std::uint16_t{1}, std::uint16_t{0xFFEF}));
         each(State::scalar("ingressPriority", &Config::ingressPriority_));
+        each(State::scalar("fence", &Config::fence_));
     }
 
 private:
@@ -76,6 +89,7 @@ private:
     Shaping shaping_ = Shaping::automatic;
     std::uint16_t queueHandle_ = 0x100;
     bool ingressPriority_ = true;
+    Fencing fence_ = Fencing::ports;
 };
 
 }  // namespace Linux
