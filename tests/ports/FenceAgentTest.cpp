@@ -1,0 +1,239 @@
+#include "Linux/doctor/Leftovers.h"
+#include "Linux/fence/FenceAgent.h"
+#include "Runtime/Text.h"
+#include "tests/ports/FaultyKernel.h"
+#include "tests/ports/Namespace.h"
+
+#include <linux/rtnetlink.h>
+
+using namespace std::chrono_literals;
+using Runtime::concat;
+
+namespace {
+
+/// A bridge with the ports p1 and p2; behind them are q1 and q2.
+class FenceAgentTest : public PortsTest {
+protected:
+    /// One life of the daemon.
+    struct Life {
+        explicit Life(FenceAgentTest& t, Runtime::Duration settling = 0s)
+            : devices{t.loop},
+              agent{t.loop,
+                    devices,
+                    t.kernel,
+                    {t.config, t.domain, t.capabilities, t.status},
+                    [this, &t] {
+                        t.loop.post([this, alive = std::weak_ptr{token}] {
+                            if (!alive.expired()) agent.apply();
+                        });
+                    },
+                    [&t](auto tone, auto& line) { t.said += told(tone, line); }} {
+            EXPECT_EQ(devices.start(), "");
+            EXPECT_EQ(agent.start(settling), "");
+        }
+        std::shared_ptr<int> token = std::make_shared<int>();
+        Linux::DeviceTable devices;
+        Linux::FenceAgent agent;
+    };
+
+    void make() override {
+        Namespace::ip("link add br0 up type bridge");
+        for (const char* number : {"1", "2"}) {
+            Namespace::cable(concat("p", number), concat("q", number));
+            Namespace::ip(concat("link set p", number, " master br0"));
+        }
+        config->bridgeIs("br0");
+        ASSERT_EQ(kernel.kernel.open(), "");
+        from = std::make_unique<RawEnd>("q1");
+        to = std::make_unique<RawEnd>("q2");
+        // The kernel's own first words on a new interface are none of ours.
+        settle();
+    }
+    void coreIs(const std::string& port, unsigned priority, bool core) const {
+        domain->portIs(IntfId{port})->coreIs(Cos{priority}, core);
+    }
+    /// A frame to a group, with these octets behind its addresses.
+    static Octets frame(const Octets& rest, const Octets& destination = {0x91, 0xE0, 0xF0, 0, 0, 1}) {
+        Octets octets = destination;
+        octets.insert(octets.end(), {2, 0, 0, 0, 0, 9});
+        octets.insert(octets.end(), rest.begin(), rest.end());
+        octets.resize(80, 0x55);
+        return octets;
+    }
+    static Octets tagged(unsigned priority) {
+        return frame({0x81, 0, static_cast<std::uint8_t>(priority << 5), 2, 0x22, 0xF0});
+    }
+    /// The frames that come out behind p2 when this one comes in on p1, each by what is behind its addresses.
+    std::string out(const Octets& sent) {
+        (void)to->heard();
+        from->send(sent);
+        std::string text;
+        for (const Octets& heard : to->heard()) {
+            if (!std::equal(heard.begin(), heard.begin() + 12, sent.begin())) continue;
+            for (std::size_t i = 12; i < heard.size() && heard[i] != 0x55; ++i)
+                text += concat("0123456789abcdef"[heard[i] >> 4], "0123456789abcdef"[heard[i] & 15]);
+            text += ' ';
+        }
+        return text;
+    }
+    /// The priorities in which frames of each of the eight leave.
+    std::string priorities() {
+        std::string text;
+        for (unsigned priority = 0; priority < 8; ++priority) {
+            const std::string heard = out(tagged(priority));
+            text +=
+                heard.empty() ? '-' : static_cast<char>('0' + std::stoi(heard.substr(4, 1), nullptr, 16) / 2);
+        }
+        return text;
+    }
+    std::string filters(const std::string& port = "p1") {
+        Linux::FencePlace have;
+        EXPECT_TRUE(Linux::readFence(kernel, if_nametoindex(port.c_str()), have));
+        const auto rules = Linux::fenceOf(have);
+        return concat(have.ingress ? "place" : "", rules ? " " + rules->name() : "");
+    }
+    /// As it is put on record.
+    [[nodiscard]] std::string closed(const std::string& port) const {
+        std::string text;
+        for (const auto& [priority, set] : status->portIs(IntfId{port})->closed()) text += priority.text();
+        return text;
+    }
+    std::string leftovers(bool remove) {
+        Linux::DeviceTable devices{loop};
+        EXPECT_EQ(devices.start(), "");
+        std::vector<Linux::Leftover> found;
+        EXPECT_EQ(Linux::findLeftovers(kernel, devices, {}, found), "");
+        std::string text;
+        for (const auto& leftover : found) {
+            text += leftover.device + ' ';
+            EXPECT_EQ(remove ? leftover.remove(kernel) : "", "");
+        }
+        return text;
+    }
+    static void tc(const std::string& arguments) {
+        ASSERT_EQ(std::system(("tc " + arguments).c_str()), 0) << arguments;
+    }
+
+    FaultyKernel kernel;
+    std::shared_ptr<Linux::Config> config = std::make_shared<Linux::Config>();
+    std::shared_ptr<Switch::Domain> domain = std::make_shared<Switch::Domain>();
+    std::shared_ptr<Linux::CapabilityStatus> capabilities = std::make_shared<Linux::CapabilityStatus>();
+    std::shared_ptr<Linux::FenceStatus> status = std::make_shared<Linux::FenceStatus>();
+    std::unique_ptr<RawEnd> from;
+    std::unique_ptr<RawEnd> to;
+    std::string said;
+};
+
+TEST_F(FenceAgentTest, FramesFromOutsideLoseThePriorityOfTheClassesAndNothingElse) {
+    EXPECT_EQ(priorities(), "01234567");
+    Life life{*this};
+    EXPECT_EQ(priorities(), "01004567") << "before the loop has turned";
+    EXPECT_EQ(out(frame({0x22, 0xF0})), "22f0 ") << "without a tag";
+    EXPECT_EQ(out(frame({0x81, 0, 0x7A, 0xBC, 0x22, 0xF0})), "81001abc22f0 ")
+        << "VLAN and drop eligible stay";
+    EXPECT_EQ(out(frame({0x81, 0, 0x60, 0, 0x22, 0xF0})), "8100000022f0 ") << "a tag for the priority alone";
+    EXPECT_EQ(out(frame({0x88, 0xA8, 0x60, 5, 0x81, 0, 0x60, 7, 0x22, 0xF0})), "88a800058100600722f0 ");
+    EXPECT_EQ(out(frame({0x81, 0, 0xA0, 5, 0x81, 0, 0x60, 7, 0x22, 0xF0})), "8100a0058100600722f0 ");
+
+    coreIs("p1", 3, true);
+    EXPECT_UNTIL("01034567", priorities());
+    domain->classPriorityIs(Cos{5});
+    EXPECT_UNTIL("01034067", priorities());
+    domain->classPriorityDel(Cos{5});
+    domain->classPriorityDel(Cos{2});
+    EXPECT_UNTIL("01234567", priorities());
+    EXPECT_EQ(filters(), "place msrpd-fence:::") << "an open fence tells the next life that it is one";
+    coreIs("p1", 3, false);
+    EXPECT_UNTIL("01204567", priorities());
+    Namespace::ip("link add p3 up type veth peer name q3");
+    Namespace::ip("link set p3 master br0");
+    EXPECT_UNTIL("place msrpd-fence:3::", filters("p3"));
+    Namespace::ip("link set p3 nomaster");
+    EXPECT_UNTIL("", filters("p3"));
+    EXPECT_TRUE(life.agent.audit(false).empty());
+    EXPECT_EQ(closed("p1") + "," + closed("p2"), "3,3");
+    life.agent.stop();
+    EXPECT_EQ(filters() + priorities() + said, "01234567");
+}
+
+TEST_F(FenceAgentTest, ItOutlivesACrashAndTheNextLifeLeavesOpenWhatWasOpen) {
+    {
+        Life life{*this};
+        coreIs("p1", 3, true);
+        EXPECT_UNTIL("01034567", priorities());
+    }
+    domain->portDelAll();
+    EXPECT_EQ(priorities(), "01034567");
+    EXPECT_EQ(leftovers(false), "p1 p2 ");
+    {
+        Life life{*this, 300ms};
+        settle(100ms);
+        EXPECT_EQ(priorities(), "01034567") << "its streams go on";
+        EXPECT_UNTIL("01004567", priorities());
+    }
+    {
+        Life life{*this, 1h};
+        EXPECT_EQ(priorities(), "01004567");
+        coreIs("p1", 3, true);
+        EXPECT_UNTIL("01034567", priorities());
+        coreIs("p1", 3, false);
+        EXPECT_UNTIL("01004567", priorities());
+        // A place of which somebody else makes use as well.
+        tc("filter add dev p2 ingress protocol all pref 7 bpf da bytecode '1,6 0 0 4294967295'");
+        life.agent.stop();
+        EXPECT_EQ(filters("p1") + "," + filters("p2"), ",place");
+    }
+    EXPECT_EQ(said, "");
+    { Life life{*this}; }
+    EXPECT_EQ(leftovers(true), "p1 p2 ");
+    EXPECT_EQ(filters("p1") + "," + filters("p2"), ",place");
+    // A daemon that is to have no fence takes that of the one before away.
+    { Life life{*this}; }
+    config->fenceIs(Linux::Fencing::none);
+    Life life{*this};
+    EXPECT_EQ(priorities(), "01234567");
+}
+
+TEST_F(FenceAgentTest, WhatOthersTakeAwayIsPutBackButNotForEver) {
+    Life life{*this};
+    const auto flush = [] { tc("filter del dev p1 ingress"); };
+    for (int i = 0; i < 2; ++i) {
+        flush();
+        EXPECT_UNTIL("place msrpd-fence:23::", filters());
+    }
+    EXPECT_EQ(
+        said,
+        "p1: incoming frames from outside the classes' domain keep their priority; somebody else changed the "
+        "filters\np1: incoming frames from outside the classes' domain keep their priority; somebody else "
+        "changed the filters\n");
+    said.clear();
+    flush();
+    const std::string problem =
+        "somebody else takes its filter away again and again, it is left alone for a while";
+    EXPECT_UNTIL(problem, status->portIs(IntfId{"p1"})->problem());
+    EXPECT_EQ(said, "p1: frames from outside the classes' domain may use their queues: " + problem + "\n");
+    settle(1200ms);
+    EXPECT_EQ(filters(), "place") << "before a minute has passed";
+    EXPECT_EQ(life.agent.audit(true).size(), 1U);
+    EXPECT_EQ(filters(), "place msrpd-fence:23::") << "but an operator can have it at once";
+}
+
+TEST_F(FenceAgentTest, WhatTheKernelRefusesIsSaidOnceAndTriedAgain) {
+    kernel.refuseAll(RTM_NEWTFILTER, EINVAL);
+    Life life{*this};
+    settle(1200ms);
+    EXPECT_EQ(kernel.refused, 4) << "two ports, twice";
+    const std::string line =
+        ": frames from outside the classes' domain may use their queues: cannot set up the filter: "
+        "Invalid argument\n";
+    EXPECT_EQ(said, "p1" + line + "p2" + line);
+    kernel.refuse = nullptr;
+    said.clear();
+    life.agent.abilitiesChanged();
+    EXPECT_UNTIL("01004567", priorities());
+    EXPECT_EQ(said,
+              "good: p1: frames from outside the classes' domain are kept out again\n"
+              "good: p2: frames from outside the classes' domain are kept out again\n");
+}
+
+}  // namespace
