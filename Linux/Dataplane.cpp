@@ -55,7 +55,7 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
       fence_{loop,
              devices,
              requests_,
-             {records.config, records.domain, records.capabilities, records.fence, places_},
+             {records.config, records.domain, records.groups, records.capabilities, records.fence, places_},
              [this] { wake(); },
              report} {}
 

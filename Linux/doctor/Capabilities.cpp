@@ -105,7 +105,7 @@ private:
         const FenceRules rules{.closed = 1U << 3};
         LoadedProgram program;
         if (!loadProgram(fenceProgram(rules, -1), program).empty()) return false;
-        const FrameProgram wanted{rules.name(), program.digest, program.descriptor.get()};
+        const FrameProgram wanted{rules.name(), program.id, program.descriptor.get()};
         return done(newFilter(fenceFilter(loopback, wanted), requestAdd));
     }
 

@@ -16,6 +16,8 @@ using Runtime::concat;
 constexpr std::uint8_t everyPriority = 0xFF;
 /// Ports that the timed audit reads in one turn of the loop.
 constexpr int fencesPerTurn = 16;
+/// Streams and groups that are told to the kernel in one turn.
+constexpr std::size_t tableChangesPerTurn = 512;
 constexpr int fenceNoticeBytes = 1 << 20;
 
 std::uint8_t bitOf(Cos priority) { return static_cast<std::uint8_t>(1U << priority.value()); }
@@ -30,7 +32,7 @@ std::uint8_t maskOf(const State::FlatMap<Cos, bool>& priorities) {
 }  // namespace
 
 FenceAgent::FenceAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
-                       std::function<void()> wake, Report report)
+                       std::function<void()> wake, Report report, std::uint32_t tableRoom)
     : loop_{loop},
       devices_{devices},
       kernel_{kernel},
@@ -38,6 +40,18 @@ FenceAgent::FenceAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
       wake_{std::move(wake)},
       report_{std::move(report)},
       notices_{loop, [this](const nlmsghdr& message) { notice(message); }, [this] { readEverything(); }},
+      table_{tableRoom},
+      talkers_{records_.groups,
+               [this](const auto& stream, IntfId port, bool there) { streamMoved(stream, port, there); }},
+      groups_{loop,
+              kernel,
+              [](unsigned, const GroupEntry&) { return GroupOwner::another; },
+              [this](const GroupMember& member, auto, auto) { groupChanged(member); },
+              [] {},
+              [this] {
+                  groupsUnread_ = true;
+                  stir();
+              }},
       settled_{loop, [this] { settle(); }},
       again_{loop, [this] { stir(); }},
       audit_{loop, [this] { auditSome(); }} {
@@ -47,12 +61,18 @@ FenceAgent::FenceAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
 std::string FenceAgent::start(Runtime::Duration settling, Runtime::Duration audit) {
     // Followed before it is read, so that nothing falls between.
     if (std::string problem = notices_.open({RTNLGRP_TC}, fenceNoticeBytes); !problem.empty()) return problem;
+    if (usesTable()) {
+        if (std::string problem = groups_.start(); !problem.empty()) return problem;
+    }
     reactors_.push_back(records_.domain->watch([this](const State::Change&) { stir(); }));
+    if (records_.config->fence() == Fencing::streams) talkers_.start();
     running_ = true;
     settled_.armIn(settling);
     auditInterval_ = audit;
     audit_.armIn(audit);
     // At once: frames come in already.
+    followMembers();
+    fillTable(FenceTable::defaultRoom);
     stirred_ = true;
     apply();
     return {};
@@ -63,7 +83,7 @@ void FenceAgent::deviceChanged(const Device* before, const Device* now) {
     const unsigned ifindex = now != nullptr ? now->ifindex : before->ifindex;
     if (now == nullptr) {
         records_.places->erase(ifindex);
-        if (const auto port = ports_.extract(ifindex)) records_.status->portDel(IntfId{port.mapped().name});
+        if (const auto port = ports_.extract(ifindex)) portMoved(ifindex, IntfId{port.mapped().name}, false);
     }
     const std::string& bridge = records_.config->bridge();
     const bool concerns = ports_.contains(ifindex) || (now != nullptr && now->bridge != 0) ||
@@ -98,12 +118,80 @@ void FenceAgent::readEverything() {
     stir();
 }
 
+void FenceAgent::bridgeIs(const Device* bridge) {
+    const unsigned now = bridge != nullptr ? bridge->ifindex : 0;
+    if (now == bridge_) return;
+    bridge_ = now;
+    for (const HeldGroup& held : groups_.table().all())
+        table_.want({.address = held.member.group.mac.octets()}, false);
+    groups_.bridgeIs(now);
+    groupsUnread_ = now != 0 && usesTable();
+}
+
+void FenceAgent::portMoved(unsigned ifindex, IntfId name, bool there) {
+    if (there) {
+        indexes_[name] = ifindex;
+    } else {
+        records_.status->portDel(name);
+    }
+    for (const StreamAddress& stream : talkers_.behind(name)) streamMoved(stream, name, there);
+    if (!there) indexes_.erase(name);
+}
+
+void FenceAgent::streamMoved(const StreamAddress& stream, IntfId port, bool there) {
+    const auto index = indexes_.find(port);
+    if (index == indexes_.end()) return;
+    table_.want({stream.mac.octets(), stream.vlan.value(), index->second}, there);
+    stir();
+}
+
+void FenceAgent::groupChanged(const GroupMember& member) {
+    const EthAddr mac = member.group.mac;
+    if (!isStreamAddress(mac)) return;
+    table_.want({.address = mac.octets()}, !groups_.table().of(mac).empty());
+    stir();
+}
+
+void FenceAgent::fillTable(std::size_t changes) {
+    if (!usesTable()) return;
+    if (std::exchange(groupsUnread_, false) && !groups_.read()) {
+        groupsUnread_ = true;
+        tableDue_ = loop_.now() + firstRetry;
+    }
+    if (tableDue_ && loop_.now() >= *tableDue_) {
+        tableDue_.reset();
+        // Programs that look into the old one are of no use any more.
+        if (table_.retry()) programs_.clear();
+    }
+    if (!table_.carryOut(changes)) stir();
+    if (!table_.problem().empty() && !tableDue_) {
+        tableDue_ = loop_.now() + tablePatience_;
+        tablePatience_ = std::min(2 * tablePatience_, lastRetry);
+    } else if (table_.filled()) {
+        tablePatience_ = firstRetry;
+    }
+    if (records_.status->problem() == table_.problem()) return;
+    records_.status->problemIs(table_.problem());
+    if (records_.capabilities->abilities().ebpf == Ability::absent) return;
+    tell(table_.problem().empty() ? Tone::informational : Tone::warning,
+         table_.problem().empty() ? std::string{"the fence tells streams apart again"}
+                                  : concat("the fence does not tell streams apart: ", table_.problem()));
+}
+
+bool FenceAgent::guards() const {
+    // Without snooping the bridge takes no groups, and streams reach their listeners by going everywhere.
+    const Device* bridge = devices_.find(bridge_);
+    return bridge != nullptr && bridge->bridgeSettings && bridge->bridgeSettings->multicastSnooping &&
+           groups_.known() && table_.filled();
+}
+
 void FenceAgent::auditSome() {
     auto port = ports_.lower_bound(auditNext_);
     for (int i = 0; i < fencesPerTurn && port != ports_.end(); ++i, ++port) port->second.unread = true;
     const bool done = port == ports_.end();
     auditNext_ = done ? 0 : port->first;
     audit_.armIn(done ? auditInterval_ : Runtime::Duration{0});
+    if (done && bridge_ != 0) groupsUnread_ = usesTable();
     stir();
 }
 
@@ -125,7 +213,7 @@ void FenceAgent::followMembers() {
     if (!std::exchange(membersStale_, false)) return;
     const std::string& name = records_.config->bridge();
     const Device* bridge = name.empty() ? nullptr : devices_.find(name);
-    bridge_ = bridge != nullptr ? bridge->ifindex : 0;
+    bridgeIs(bridge);
     const std::set<unsigned> none;
     const std::set<unsigned>& members = bridge_ != 0 ? devices_.portsOf(bridge_) : none;
     for (auto at = ports_.begin(); at != ports_.end();) {
@@ -133,7 +221,7 @@ void FenceAgent::followMembers() {
             ++at;
             continue;
         }
-        records_.status->portDel(IntfId{at->second.name});
+        portMoved(at->first, IntfId{at->second.name}, false);
         giveBack(at->first, at->second);
         at = ports_.erase(at);
     }
@@ -141,8 +229,9 @@ void FenceAgent::followMembers() {
         Port& port = ports_[ifindex];
         const std::string& now = devices_.find(ifindex)->name;
         if (port.name == now) continue;
-        if (!port.name.empty()) records_.status->portDel(IntfId{port.name});
+        if (!port.name.empty()) portMoved(ifindex, IntfId{port.name}, false);
         port.name = now;
+        portMoved(ifindex, IntfId{now}, true);
     }
 }
 
@@ -157,6 +246,7 @@ bool FenceAgent::read(unsigned ifindex, Port& port) {
     if (std::exchange(port.adopted, true)) return noticeDrift(ifindex, port);
     if (const auto left = fenceOf(port.have)) {
         records_.places->insert(ifindex);
+        port.inherited = true;
         if (settled_.armed()) port.leftOpen = static_cast<std::uint8_t>(~left->closed);
     }
     return true;
@@ -185,18 +275,27 @@ std::optional<FenceRules> FenceAgent::rulesFor(Port& port) const {
     // Once it has been a core port in this life, only the record counts.
     port.leftOpen &= static_cast<std::uint8_t>(~core);
     const unsigned open = unsigned{core} | port.leftOpen;
-    return FenceRules{.closed = static_cast<std::uint8_t>(maskOf(records_.domain->classPriority()) & ~open)};
+    const std::uint8_t priorities = maskOf(records_.domain->classPriority());
+    FenceRules rules;
+    rules.closed = static_cast<std::uint8_t>(priorities & ~open);
+    rules.guarded = guards();
+    // Streams that were there before a restart are registered again soon.
+    const bool known = table_.filled() && !(port.inherited && settled_.armed());
+    if (records_.config->fence() == Fencing::streams && known)
+        rules.streams = static_cast<std::uint8_t>(priorities & core);
+    return rules;
 }
 
 std::string FenceAgent::filterFor(unsigned ifindex, const FenceRules& rules, std::optional<Filter>& filter) {
     auto program = programs_.find(rules);
     if (program == programs_.end()) {
         LoadedProgram loaded;
-        if (std::string problem = loadProgram(fenceProgram(rules, -1), loaded); !problem.empty())
+        if (std::string problem = loadProgram(fenceProgram(rules, table_.descriptor()), loaded);
+            !problem.empty())
             return problem;
         program = programs_.emplace(rules, std::move(loaded)).first;
     }
-    filter = fenceFilter(ifindex, {rules.name(), program->second.digest, program->second.descriptor.get()});
+    filter = fenceFilter(ifindex, {rules.name(), program->second.id, program->second.descriptor.get()});
     return {};
 }
 
@@ -213,12 +312,13 @@ NetlinkAnswer FenceAgent::carryOut(unsigned ifindex, Port& port, const std::opti
 void FenceAgent::apply() {
     if (!running_ || !std::exchange(stirred_, false)) return;
     followMembers();
+    fillTable(tableChangesPerTurn);
     for (auto& [ifindex, port] : ports_) apply(ifindex, port);
     // Those that hang on ports live on without us.
     std::erase_if(programs_, [this](const auto& program) {
         return std::ranges::none_of(ports_, [&](const auto& port) {
             const auto& made = port.second.made;
-            return made && std::get<FrameProgram>(made->options).digest == program.second.digest;
+            return made && std::get<FrameProgram>(made->options).id == program.second.id;
         });
     });
     armRetry();
@@ -289,7 +389,7 @@ void FenceAgent::publish(Port& port, std::uint8_t closed, const std::string& pro
 }
 
 void FenceAgent::armRetry() {
-    std::optional<Runtime::Time> next;
+    std::optional<Runtime::Time> next = tableDue_;
     for (const auto& [ifindex, port] : ports_) {
         if (port.due) next = next ? std::min(*next, *port.due) : *port.due;
     }
@@ -336,7 +436,9 @@ void FenceAgent::stop() {
         giveBack(ifindex, port);
     }
     ports_.clear();
+    indexes_.clear();
     programs_.clear();
+    records_.status->problemIs({});
 }
 
 void FenceAgent::giveBack(unsigned ifindex, Port& port) {

@@ -6,6 +6,10 @@
 /// own tables what hangs there; one comparison (`planFence`) says what to ask of the kernel, so a start, a
 /// change, a repair and an audit are the same thing.
 ///
+/// Frames to an address for streams that has no group in the bridge's table, ours or another's, would go to
+/// all ports; they are dropped.  Where the configuration wants it, a core port's frames keep their priority
+/// only if they belong to a stream whose talker is there.  For both, the programs look into a table.
+///
 /// The fence stands from `start` to `stop`, and stays behind when the process dies.  The next life finds it
 /// and changes it in place; for a while it also leaves open what was open, so that streams are not
 /// interrupted by a restart.
@@ -13,6 +17,9 @@
 
 #include "Linux/fence/FencePlan.h"
 #include "Linux/fence/FenceProgram.h"
+#include "Linux/fence/FenceTable.h"
+#include "Linux/fence/TalkerPlaces.h"
+#include "Linux/groups/KernelGroups.h"
 #include "Linux/kernel/Contention.h"
 #include "Linux/links/DeviceTable.h"
 #include "Linux/queues/IngressMap.h"
@@ -38,6 +45,8 @@ public:
     struct Records {
         std::shared_ptr<const Config> config;
         std::shared_ptr<const Switch::Domain> domain;
+        /// Of the streams that are registered.
+        std::shared_ptr<const Bridging::Input::Config> groups;
         std::shared_ptr<const CapabilityStatus> capabilities;
         /// Gets what each port's fence keeps out.
         std::shared_ptr<FenceStatus> status;
@@ -54,7 +63,8 @@ public:
     /// `wake` is called when there is something to carry out: call `apply` soon.  Loop, devices and kernel
     /// must outlive the agent; the devices are used no longer than it lives.
     FenceAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
-               std::function<void()> wake, Report report = {});
+               std::function<void()> wake, Report report = {},
+               std::uint32_t tableRoom = FenceTable::defaultRoom);
 
     /// For `settling`, ports leave open what an earlier life left open.  Empty on success.
     std::string start(Runtime::Duration settling = defaultSettling, Runtime::Duration audit = auditInterval);
@@ -73,6 +83,7 @@ private:
         FencePlace have;
         bool unread = true;          ///< `have` may not be what the kernel has
         bool adopted = false;        ///< read before
+        bool inherited = false;      ///< an earlier life of the daemon had made a fence there
         std::uint8_t leftOpen = 0;   ///< by an earlier life of the daemon; bit n is priority n
         std::optional<Filter> made;  ///< the filter that was last made to be there
         Contention changed;          ///< by somebody else
@@ -90,6 +101,15 @@ private:
     void auditSome();
 
     void followMembers();
+    /// The bridge has come, gone, or is another one.
+    void bridgeIs(const Device* bridge);
+    void portMoved(unsigned ifindex, IntfId name, bool there);
+    void streamMoved(const StreamAddress& stream, IntfId port, bool there);
+    void groupChanged(const GroupMember& member);
+    /// Brings the table that programs look into up to date, a piece at a time.
+    void fillTable(std::size_t changes);
+    [[nodiscard]] bool guards() const;
+    [[nodiscard]] bool usesTable() const { return records_.config->fence() != Fencing::none; }
     /// False when it could not be read, or is somebody else's for now; then another try is on its way.
     bool read(unsigned ifindex, Port& port);
     bool noticeDrift(unsigned ifindex, Port& port);
@@ -117,6 +137,13 @@ private:
     NetlinkNotices notices_;
     Ports ports_;
     std::map<FenceRules, LoadedProgram> programs_;
+    FenceTable table_;
+    TalkerPlaces talkers_;
+    KernelGroups groups_;
+    bool groupsUnread_ = false;
+    std::map<IntfId, unsigned> indexes_;     ///< of the ports
+    std::optional<Runtime::Time> tableDue_;  ///< when it is tried again
+    Runtime::Duration tablePatience_ = firstRetry;
     unsigned bridge_ = 0;  ///< as of the last look at the members
     bool membersStale_ = true;
     bool stirred_ = false;  ///< since the last `apply`

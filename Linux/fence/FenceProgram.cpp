@@ -1,13 +1,13 @@
 #include "Linux/fence/FenceProgram.h"
 
+#include "Linux/fence/BpfCall.h"
+
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <linux/pkt_cls.h>
-#include <sys/syscall.h>
-#include <system_error>
-#include <unistd.h>
 
 namespace Linux {
 
@@ -194,46 +194,39 @@ private:
     Assembler::Jumps drop_;
 };
 
-long bpf(bpf_cmd command, bpf_attr& attributes) {
-    return syscall(SYS_bpf, command, &attributes, sizeof attributes);
-}
-
-std::uint64_t address(const void* pointer) { return reinterpret_cast<std::uintptr_t>(pointer); }
-
-std::string problemOf(int error) {
-    std::string text = "the kernel takes no program for frames: " + std::generic_category().message(error);
-    if (error == EPERM) text += " (run as root or with CAP_BPF)";
-    return text;
-}
+std::string noProgram(int error) { return bpfProblem("the kernel takes no program for frames", error); }
 
 }  // namespace
+
+bool isStreamAddress(EthAddr address) {
+    const auto& octets = address.octets();
+    return std::equal(streamRange.begin(), streamRange.end(), octets.begin()) &&
+           octets[streamRange.size()] != protocolOctet;
+}
 
 std::vector<bpf_insn> fenceProgram(const FenceRules& rules, int table) {
     return Program{rules, table}.made();
 }
 
 std::string loadProgram(const std::vector<bpf_insn>& instructions, LoadedProgram& loaded) {
-    bpf_attr load;
-    std::memset(&load, 0, sizeof load);
+    bpf_attr load = bpfAttributes();
     load.prog_type = BPF_PROG_TYPE_SCHED_CLS;
-    load.insns = address(instructions.data());
+    load.insns = bpfAddress(instructions.data());
     load.insn_cnt = static_cast<std::uint32_t>(instructions.size());
-    load.license = address("");
+    load.license = bpfAddress("");
     constexpr std::string_view name = "msrpd_fence";
     std::memcpy(load.prog_name, name.data(), name.size());
-    loaded.descriptor = Runtime::FileDescriptor{static_cast<int>(bpf(BPF_PROG_LOAD, load))};
-    if (!loaded.descriptor) return problemOf(errno);
+    loaded.descriptor = Runtime::FileDescriptor{static_cast<int>(bpfCall(BPF_PROG_LOAD, load))};
+    if (!loaded.descriptor) return noProgram(errno);
 
     bpf_prog_info info;
     std::memset(&info, 0, sizeof info);
-    bpf_attr ask;
-    std::memset(&ask, 0, sizeof ask);
+    bpf_attr ask = bpfAttributes();
     ask.info.bpf_fd = static_cast<std::uint32_t>(loaded.descriptor.get());
     ask.info.info_len = sizeof info;
-    ask.info.info = address(&info);
-    if (bpf(BPF_OBJ_GET_INFO_BY_FD, ask) != 0) return problemOf(errno);
-    static_assert(sizeof info.tag == sizeof loaded.digest);
-    std::memcpy(loaded.digest.data(), info.tag, sizeof info.tag);
+    ask.info.info = bpfAddress(&info);
+    if (bpfCall(BPF_OBJ_GET_INFO_BY_FD, ask) < 0) return noProgram(errno);
+    loaded.id = info.id;
     return {};
 }
 

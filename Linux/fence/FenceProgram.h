@@ -2,8 +2,8 @@
 #pragma once
 
 #include "Linux/fence/FenceRules.h"
-#include "Linux/queues/TrafficFilters.h"
 #include "Runtime/FileDescriptor.h"
+#include "Switch/EthAddr.h"
 
 #include <array>
 #include <compare>
@@ -26,6 +26,9 @@ struct FenceKey {
 };
 static_assert(sizeof(FenceKey) == 12, "the program puts it together octet by octet");
 
+/// Whether it is one of those that streams are sent to.
+bool isStreamAddress(EthAddr address);
+
 /// The instructions.  A frame whose priority is taken away keeps its VLAN and its drop eligible bit, and the
 /// other filters of the port see it as it is then; frames that are not concerned are not touched.  `table` is
 /// the descriptor of a table of FenceKeys, used for `streams` and `guarded` only.
@@ -34,7 +37,7 @@ std::vector<bpf_insn> fenceProgram(const FenceRules& rules, int table);
 /// A program that the kernel has taken.
 struct LoadedProgram {
     Runtime::FileDescriptor descriptor;
-    FrameProgram::Digest digest{};
+    std::uint32_t id = 0;  ///< the kernel's number for it
 };
 
 /// Empty on success, else why the kernel does not take it.

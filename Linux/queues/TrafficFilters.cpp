@@ -90,10 +90,9 @@ std::optional<FrameProgram> decodeFrameProgram(const nlattr& options) {
     bool known = false;
     eachAttribute(options, [&](const nlattr& attribute) {
         if (mnl_attr_get_type(&attribute) == TCA_BPF_NAME) program.name = text(attribute);
-        if (mnl_attr_get_type(&attribute) != TCA_BPF_TAG) return;
-        const auto octets = payload(attribute);
-        known = octets.size() == program.digest.size();
-        if (known) std::memcpy(program.digest.data(), octets.data(), octets.size());
+        if (mnl_attr_get_type(&attribute) != TCA_BPF_ID) return;
+        program.id = number<std::uint32_t>(attribute);
+        known = true;
     });
     return known ? std::optional{std::move(program)} : std::nullopt;
 }

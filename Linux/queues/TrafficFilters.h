@@ -5,7 +5,6 @@
 #include "Linux/kernel/NetlinkMessage.h"
 #include "Linux/queues/SrQueues.h"
 
-#include <array>
 #include <cstdint>
 #include <linux/filter.h>
 #include <optional>
@@ -44,13 +43,10 @@ struct TagPriorityRule {
 
 /// "bpf" with a program in the kernel that does all the work itself, and whose result is the packet's fate.
 struct FrameProgram {
-    /// Of its instructions, as the kernel counts it.
-    using Digest = std::array<std::uint8_t, 8>;
-
-    std::string name;  ///< as people see it, and the mark that says whose it is
-    Digest digest{};
-    int descriptor = -1;  ///< of the program, where the filter is to be made; borrowed
-    bool operator==(const FrameProgram& other) const { return name == other.name && digest == other.digest; }
+    std::string name;      ///< as people see it, and the mark that says whose it is
+    std::uint32_t id = 0;  ///< the kernel's number for it; it does not come again soon
+    int descriptor = -1;   ///< of the program, where the filter is to be made; borrowed
+    bool operator==(const FrameProgram& other) const { return name == other.name && id == other.id; }
 };
 
 struct Filter {

@@ -47,12 +47,18 @@ public:
     std::shared_ptr<PortFence> portIs(IntfId id) { return makeChild(port_, id, "port"); }
     void portDel(IntfId id) { delChild(port_, id, "port"); }
 
+    /// Why streams are not told apart from other frames; empty: they are.
+    [[nodiscard]] const std::string& problem() const { return problem_; }
+    void problemIs(const std::string& v) { assign(problem_, v, "problem"); }
+
     template <class F>
     static constexpr void fields(F&& each) {
         each(State::collection("port", &FenceStatus::port_));
+        each(State::scalar("problem", &FenceStatus::problem_));
     }
 
 private:
+    std::string problem_;
     State::Collection<IntfId, PortFence> port_;
 };
 

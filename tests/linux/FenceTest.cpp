@@ -12,12 +12,8 @@ namespace {
 
 constexpr unsigned port = 7;
 
-/// What the kernel tells of a filter: the digest of its program, and no descriptor.
-void tell(Linux::FencePlace& place, const Linux::Filter& filter) { place.filters.push_back(filter); }
-
 Linux::Filter fence(const FenceRules& rules) {
-    // As if a program's digest were made of its rules.
-    return Linux::fenceFilter(port, {rules.name(), {rules.closed, rules.streams, rules.guarded}, 5});
+    return Linux::fenceFilter(port, {rules.name(), 100U + rules.closed, 5});
 }
 
 /// "add qdisc, replace filter"
@@ -44,11 +40,11 @@ TEST(FencePlan, ChangesOurFilterInPlaceAndTouchesNoOther) {
     others.ingress = Linux::Qdisc{port, TC_H_MAJ(TC_H_CLSACT), TC_H_CLSACT, "clsact", {}};
     Linux::Filter foreign = fence(both);
     std::get<Linux::FrameProgram>(foreign.options).name = "theirs";
-    tell(others, foreign);
+    others.filters = {foreign};
     Linux::FencePlace ours = others;
     ours.filters = {fence(both)};
     Linux::FencePlace older = ours;
-    std::get<Linux::FrameProgram>(older.filters.front().options).digest = {9};
+    std::get<Linux::FrameProgram>(older.filters.front().options).id = 9;
 
     EXPECT_EQ(steps(both, nothing), "add qdisc, add filter");
     EXPECT_EQ(steps(both, others), "add filter");

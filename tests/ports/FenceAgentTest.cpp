@@ -16,18 +16,20 @@ class FenceAgentTest : public PortsTest {
 protected:
     /// One life of the daemon.
     struct Life {
-        explicit Life(FenceAgentTest& t, Runtime::Duration settling = 0s)
+        explicit Life(FenceAgentTest& t, Runtime::Duration settling = 0s,
+                      std::uint32_t room = Linux::FenceTable::defaultRoom)
             : devices{t.loop},
               agent{t.loop,
                     devices,
                     t.kernel,
-                    {t.config, t.domain, t.capabilities, t.status},
+                    {t.config, t.domain, t.groups, t.capabilities, t.status},
                     [this, &t] {
                         t.loop.post([this, alive = std::weak_ptr{token}] {
                             if (!alive.expired()) agent.apply();
                         });
                     },
-                    [&t](auto tone, auto& line) { t.said += told(tone, line); }} {
+                    [&t](auto tone, auto& line) { t.said += told(tone, line); },
+                    room} {
             EXPECT_EQ(devices.start(), "");
             EXPECT_EQ(agent.start(settling), "");
         }
@@ -53,7 +55,7 @@ protected:
         domain->portIs(IntfId{port})->coreIs(Cos{priority}, core);
     }
     /// A frame to a group, with these octets behind its addresses.
-    static Octets frame(const Octets& rest, const Octets& destination = {0x91, 0xE0, 0xF0, 0, 0, 1}) {
+    static Octets frame(const Octets& rest, const Octets& destination = {3, 0, 0, 0, 0, 1}) {
         Octets octets = destination;
         octets.insert(octets.end(), {2, 0, 0, 0, 0, 9});
         octets.insert(octets.end(), rest.begin(), rest.end());
@@ -117,6 +119,7 @@ protected:
     FaultyKernel kernel;
     std::shared_ptr<Linux::Config> config = std::make_shared<Linux::Config>();
     std::shared_ptr<Switch::Domain> domain = std::make_shared<Switch::Domain>();
+    std::shared_ptr<Bridging::Input::Config> groups = std::make_shared<Bridging::Input::Config>();
     std::shared_ptr<Linux::CapabilityStatus> capabilities = std::make_shared<Linux::CapabilityStatus>();
     std::shared_ptr<Linux::FenceStatus> status = std::make_shared<Linux::FenceStatus>();
     std::unique_ptr<RawEnd> from;
@@ -142,12 +145,12 @@ TEST_F(FenceAgentTest, FramesFromOutsideLoseThePriorityOfTheClassesAndNothingEls
     domain->classPriorityDel(Cos{5});
     domain->classPriorityDel(Cos{2});
     EXPECT_UNTIL("01234567", priorities());
-    EXPECT_EQ(filters(), "place msrpd-fence:::") << "an open fence tells the next life that it is one";
+    EXPECT_EQ(filters(), "place msrpd-fence:::guarded") << "an open fence tells the next life that it is one";
     coreIs("p1", 3, false);
     EXPECT_UNTIL("01204567", priorities());
     Namespace::ip("link add p3 up type veth peer name q3");
     Namespace::ip("link set p3 master br0");
-    EXPECT_UNTIL("place msrpd-fence:3::", filters("p3"));
+    EXPECT_UNTIL("place msrpd-fence:3::guarded", filters("p3"));
     Namespace::ip("link set p3 nomaster");
     EXPECT_UNTIL("", filters("p3"));
     EXPECT_TRUE(life.agent.audit(false).empty());
@@ -194,12 +197,89 @@ TEST_F(FenceAgentTest, ItOutlivesACrashAndTheNextLifeLeavesOpenWhatWasOpen) {
     EXPECT_EQ(priorities(), "01234567");
 }
 
+TEST_F(FenceAgentTest, OnlyRegisteredStreamsKeepTheirPriorityWhereThatIsWanted) {
+    const Octets stream{0x91, 0xE0, 0xF0, 0, 0, 1};
+    const auto sent = [&](std::uint8_t vlan, const Octets& destination) {
+        return out(frame({0x81, 0, 0x60, vlan, 0x22, 0xF0}, destination));
+    };
+    const std::string kept = "8100600222f0 ";
+    const std::string lost = "8100000222f0 ";
+    Namespace::bridge("mdb add dev br0 port p2 grp 91:e0:f0:00:00:01 permanent");
+    const auto group = groups->fdbConfigIs(VlanId{2})->ethGroupIs(EthAddr{{0x91, 0xE0, 0xF0, 0, 0, 1}});
+    groups->fdbConfigPriorityIs(100);
+    group->talkerIntfIs(IntfId{"p1"});
+    config->fenceIs(Linux::Fencing::streams);
+    {
+        Life life{*this};
+        EXPECT_EQ(sent(2, stream), lost) << "the port is outside";
+        coreIs("p1", 3, true);
+        EXPECT_UNTIL(kept, sent(2, stream));
+        EXPECT_EQ(sent(3, stream), "8100000322f0 ");
+        EXPECT_EQ(sent(2, {3, 0, 0, 0, 0, 1}), lost);
+        group->talkerIntfIs(IntfId{"p2"});
+        EXPECT_UNTIL(lost, sent(2, stream));
+        group->talkerIntfIs(IntfId{"p1"});
+        EXPECT_UNTIL(kept, sent(2, stream));
+        Namespace::ip("link set p1 name p3");
+        domain->portIs(IntfId{"p3"})->coreIs(Cos{3}, true);
+        EXPECT_UNTIL(lost, sent(2, stream));
+        Namespace::ip("link set p3 name p1");
+        EXPECT_UNTIL(kept, sent(2, stream));
+        groups->fdbConfigDel(VlanId{2});
+        EXPECT_UNTIL(lost, sent(2, stream));
+    }
+    // What was registered before a crash is so again after a moment; until then the port alone counts.
+    Life life{*this, 300ms};
+    settle(100ms);
+    EXPECT_EQ(sent(2, {3, 0, 0, 0, 0, 1}), kept);
+    EXPECT_UNTIL(lost, sent(2, {3, 0, 0, 0, 0, 1}));
+}
+
+TEST_F(FenceAgentTest, FramesToStreamAddressesGoNowhereUnlessThereIsAGroup) {
+    const auto arrives = [&](std::uint8_t fifth, std::uint8_t fourth = 0) {
+        return out(frame({0x22, 0xF0}, {0x91, 0xE0, 0xF0, fourth, fifth, 1})).empty() ? "no" : "yes";
+    };
+    const auto mdb = [](const std::string& verb) {
+        Namespace::bridge("mdb " + verb + " dev br0 port p2 grp 91:e0:f0:00:00:01 permanent");
+    };
+    Life life{*this};
+    EXPECT_UNTIL("no", arrives(0));
+    EXPECT_EQ(arrives(0xFE), std::string{"no"});
+    EXPECT_EQ(arrives(0xFF), std::string{"yes"}) << "protocols that give addresses out";
+    EXPECT_EQ(arrives(0, 1), std::string{"yes"}) << "other protocols";
+    mdb("add");
+    EXPECT_UNTIL("yes", arrives(0));
+    mdb("del");
+    EXPECT_UNTIL("no", arrives(0));
+    mdb("add");
+    Life restarted{*this};
+    EXPECT_EQ(arrives(0), std::string{"yes"}) << "as it was before";
+    // Where the bridge does not look at its groups, streams need that every frame goes everywhere.
+    Namespace::ip("link set br0 type bridge mcast_snooping 0");
+    EXPECT_UNTIL("yes", arrives(1));
+}
+
+TEST_F(FenceAgentTest, ATableThatTakesNoMoreKeepsNobodyOut) {
+    const auto arrives = [&](std::uint8_t last) {
+        return !out(frame({0x22, 0xF0}, {0x91, 0xE0, 0xF0, 0, 0, last})).empty();
+    };
+    for (const char* last : {"1", "2"})
+        Namespace::bridge(concat("mdb add dev br0 port p2 grp 91:e0:f0:00:00:0", last, " permanent"));
+    Life life{*this, 0s, 1};
+    EXPECT_TRUE(arrives(1) && arrives(2) && arrives(3));
+    EXPECT_EQ(priorities(), "01004567");
+    EXPECT_EQ(said, "the fence does not tell streams apart: there are more than 1 streams and groups\n");
+    Namespace::bridge("mdb del dev br0 port p2 grp 91:e0:f0:00:00:01 permanent");
+    EXPECT_UNTIL("place msrpd-fence:23::guarded", filters());
+    EXPECT_TRUE(!arrives(1) && arrives(2) && !arrives(3));
+}
+
 TEST_F(FenceAgentTest, WhatOthersTakeAwayIsPutBackButNotForEver) {
     Life life{*this};
     const auto flush = [] { tc("filter del dev p1 ingress"); };
     for (int i = 0; i < 2; ++i) {
         flush();
-        EXPECT_UNTIL("place msrpd-fence:23::", filters());
+        EXPECT_UNTIL("place msrpd-fence:23::guarded", filters());
     }
     EXPECT_EQ(
         said,
@@ -215,7 +295,7 @@ TEST_F(FenceAgentTest, WhatOthersTakeAwayIsPutBackButNotForEver) {
     settle(1200ms);
     EXPECT_EQ(filters(), "place") << "before a minute has passed";
     EXPECT_EQ(life.agent.audit(true).size(), 1U);
-    EXPECT_EQ(filters(), "place msrpd-fence:23::") << "but an operator can have it at once";
+    EXPECT_EQ(filters(), "place msrpd-fence:23::guarded") << "but an operator can have it at once";
 }
 
 TEST_F(FenceAgentTest, WhatTheKernelRefusesIsSaidOnceAndTriedAgain) {

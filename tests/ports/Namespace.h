@@ -42,6 +42,11 @@ public:
     static void ip(const std::string& arguments) {
         if (std::system(("ip " + arguments).c_str()) != 0) throw std::runtime_error("ip " + arguments);
     }
+    /// bridge("mdb show"), likewise.
+    static void bridge(const std::string& arguments) {
+        if (std::system(("bridge " + arguments).c_str()) != 0)
+            throw std::runtime_error("bridge " + arguments);
+    }
     /// One cable: both ends exist, are up, and have the addresses 02:00:00:00:00:0a and ...:0b.
     static void cable(const std::string& a, const std::string& b) {
         ip("link add " + a + " address 02:00:00:00:00:0a up type veth peer name " + b +
