@@ -79,16 +79,22 @@ std::string groupsText(const Value& groups) {
     return out;
 }
 
+std::string fenceText(const Value& fence) {
+    const State::Object& ports = membersOf(at(fence, {"port"}));
+    const std::string problem = textOf(at(fence, {"problem"}));
+    return (ports.empty() ? "" : Table{fenceColumns, 0, ports}.text() + '\n') +
+           (problem.empty() ? "" : "The fence does not tell streams apart: " + problem + ".\n\n");
+}
+
 std::string capabilitiesText(const Snapshot& snapshot) {
     const Value& capabilities = snapshot.record(capabilitiesPath);
     std::vector<AbilityRow> abilities;
     for (const Meaning& meaning : meanings) abilities.push_back({capabilities, meaning});
     const State::Object& ports = membersOf(at(capabilities, {"shaping"}));
-    const State::Object& fences = membersOf(at(snapshot.record(fencePath), {"port"}));
     return Table{abilityColumns, 0, abilities}.text() + '\n' +
            (ports.empty() ? "" : Table{shapingColumns, 0, ports}.text() + '\n') +
-           (fences.empty() ? "" : Table{fenceColumns, 0, fences}.text() + '\n') +
-           groupsText(snapshot.record(groupsPath)) + floodText(snapshot);
+           fenceText(snapshot.record(fencePath)) + groupsText(snapshot.record(groupsPath)) +
+           floodText(snapshot);
 }
 
 }  // namespace

@@ -188,6 +188,10 @@ private:
         }
         const ShaperChoice choice = shaping({port.device.txQueues, port.device.inSwitchChip});
         if (port.device.inSwitchChip) {
+            find(port.device.name, "fence", Severity::warning,
+                 "a switch chip forwards its frames: those from outside the classes' domain may use their "
+                 "queues, "
+                 "unless its driver's priority table keeps them out");
             find(port.device.name, "switchChip",
                  choice.shaper == Shaper::none ? Severity::fault : Severity::note,
                  choice.shaper == Shaper::none

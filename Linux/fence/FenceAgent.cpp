@@ -20,6 +20,8 @@ constexpr int fencesPerTurn = 16;
 constexpr std::size_t tableChangesPerTurn = 512;
 constexpr int fenceNoticeBytes = 1 << 20;
 
+const std::string chipForwards = "a switch chip forwards its frames, which do not come by the filter";
+
 std::uint8_t bitOf(Cos priority) { return static_cast<std::uint8_t>(1U << priority.value()); }
 
 /// The priorities with a true entry.
@@ -346,7 +348,8 @@ void FenceAgent::apply(unsigned ifindex, Port& port) {
     port.due.reset();
     port.patience = firstRetry;
     if (rules) {
-        publish(port, rules->closed, {});
+        const bool inChip = devices_.find(ifindex)->inSwitchChip;
+        publish(port, rules->closed, inChip ? chipForwards : std::string{});
     } else {
         records_.status->portDel(IntfId{port.name});
     }

@@ -8,11 +8,11 @@ namespace {
 
 constexpr std::string_view ourMark = "msrpd-fence:";
 constexpr std::string_view guardWord = "guarded";
-constexpr unsigned priorities = 8;
+constexpr unsigned tagPriorities = 8;
 
 std::string digits(std::uint8_t mask) {
     std::string text;
-    for (unsigned priority = 0; priority < priorities; ++priority) {
+    for (unsigned priority = 0; priority < tagPriorities; ++priority) {
         if ((mask >> priority & 1U) != 0) text += static_cast<char>('0' + priority);
     }
     return text;
@@ -21,7 +21,7 @@ std::string digits(std::uint8_t mask) {
 /// Takes the digits up to a colon, and the colon, off the text.
 std::optional<std::uint8_t> takeDigits(std::string_view& text) {
     unsigned mask = 0;
-    while (!text.empty() && text.front() >= '0' && text.front() < static_cast<char>('0' + priorities)) {
+    while (!text.empty() && text.front() >= '0' && text.front() < static_cast<char>('0' + tagPriorities)) {
         mask |= 1U << (text.front() - '0');
         text.remove_prefix(1);
     }

@@ -42,14 +42,18 @@ DomainPublisher::DomainPublisher(std::shared_ptr<const CliConfig> config,
         if (const auto* intf = change.key<IntfId>()) follow(*intf);
     });
     status_->intfStatus().each([this](IntfId intf, const auto&) { follow(intf); });
-    publishAll();
 }
 
 DomainPublisher::~DomainPublisher() { standbyModeIs(true); }
 
 void DomainPublisher::standbyModeIs(bool standby) {
+    if (standby == standby_) return;
     standby_ = standby;
-    publishAll();
+    if (standby) {
+        domain_->portDelAll();
+    } else {
+        publishAll();
+    }
 }
 
 void DomainPublisher::follow(IntfId intf) {
@@ -64,17 +68,18 @@ void DomainPublisher::follow(IntfId intf) {
 }
 
 void DomainPublisher::publishAll() {
+    if (standby_) return;
     const auto supported = supportedPriorities(*config_);
     for (const auto& [srClass, priority] : supported) domain_->classPriorityIs(priority);
     keepOnly(supported, domain_->classPriority(),
              [this](Cos priority) { domain_->classPriorityDel(priority); });
-    if (standby_) return domain_->portDelAll();
     status_->intfStatus().each([this](IntfId intf, const auto&) { publish(intf); });
 }
 
 void DomainPublisher::publish(IntfId intf) {
+    if (standby_) return;
     const auto intfStatus = status_->intfStatus(intf);
-    if (!intfStatus || standby_) return domain_->portDel(intf);
+    if (!intfStatus) return domain_->portDel(intf);
     const auto supported = supportedPriorities(*config_);
     const auto port = domain_->portIs(intf);
     State::FlatMap<Cos, bool> core;

@@ -10,7 +10,8 @@
 
 namespace Msrp {
 
-/// Whoever acts for another agent in standby must not: then no port is a core port.
+/// In standby, as it begins, the record is another agent's; one that goes to standby leaves no core port
+/// behind.
 class DomainPublisher {
 public:
     DomainPublisher(std::shared_ptr<const CliConfig> config, std::shared_ptr<const Status> status,
