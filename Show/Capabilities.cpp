@@ -89,6 +89,7 @@ std::string fenceText(const Value& fence) {
 std::string capabilitiesText(const Snapshot& snapshot) {
     const Value& capabilities = snapshot.record(capabilitiesPath);
     std::vector<AbilityRow> abilities;
+    abilities.reserve(meanings.size());
     for (const Meaning& meaning : meanings) abilities.push_back({capabilities, meaning});
     const State::Object& ports = membersOf(at(capabilities, {"shaping"}));
     return Table{abilityColumns, 0, abilities}.text() + '\n' +

@@ -13,11 +13,12 @@ namespace {
 
 using Runtime::concat;
 
-constexpr std::uint8_t everyPriority = 0xFF;
 /// Ports that the timed audit reads in one turn of the loop.
 constexpr int fencesPerTurn = 16;
 /// Streams and groups that are told to the kernel in one turn.
 constexpr std::size_t tableChangesPerTurn = 512;
+/// That are kept though no port has them now.
+constexpr std::size_t programsKept = 16;
 constexpr int fenceNoticeBytes = 1 << 20;
 
 const std::string chipForwards = "a switch chip forwards its frames, which do not come by the filter";
@@ -306,7 +307,7 @@ NetlinkAnswer FenceAgent::carryOut(unsigned ifindex, Port& port, const std::opti
     for (const QueueStep& step : planFence(ifindex, wanted, port.have)) {
         if (NetlinkAnswer answer = kernel_.carryOut(step.request); !answer) return answer;
     }
-    const NetlinkAnswer answer = readFence(kernel_, ifindex, port.have);
+    NetlinkAnswer answer = readFence(kernel_, ifindex, port.have);
     if (!placed && port.have.ingress) records_.places->insert(ifindex);
     return answer;
 }
@@ -316,13 +317,15 @@ void FenceAgent::apply() {
     followMembers();
     fillTable(tableChangesPerTurn);
     for (auto& [ifindex, port] : ports_) apply(ifindex, port);
-    // Those that hang on ports live on without us.
-    std::erase_if(programs_, [this](const auto& program) {
+    // A peer that comes and goes shall not cost a program each time.  Those that hang on ports live on
+    // without us.
+    const auto unused = [this](const auto& program) {
         return std::ranges::none_of(ports_, [&](const auto& port) {
             const auto& made = port.second.made;
             return made && std::get<FrameProgram>(made->options).id == program.second.id;
         });
-    });
+    };
+    if (programs_.size() > programsKept) std::erase_if(programs_, unused);
     armRetry();
 }
 

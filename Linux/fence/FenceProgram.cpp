@@ -3,10 +3,12 @@
 #include "Linux/fence/BpfCall.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <bit>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <linux/if_ether.h>
 #include <linux/pkt_cls.h>
 
 namespace Linux {
@@ -174,6 +176,11 @@ private:
     }
 
     void takePriority() {
+        // Where a second tag follows, older kernels (6.1) leave the frame four octets short when they push
+        // the first one again.
+        code_.load(BPF_W, BPF_REG_2, frame, offsetof(__sk_buff, protocol));
+        for (const std::uint16_t type : {std::uint16_t{ETH_P_8021Q}, std::uint16_t{ETH_P_8021AD}})
+            code_.jumpIf(BPF_JEQ, BPF_REG_2, htons(type), drop_);
         code_.load(BPF_W, tagProtocol, frame, offsetof(__sk_buff, vlan_proto));
         code_.move(BPF_REG_1, frame);
         code_.call(BPF_FUNC_skb_vlan_pop);

@@ -30,7 +30,8 @@ static_assert(sizeof(FenceKey) == 12, "the program puts it together octet by oct
 bool isStreamAddress(EthAddr address);
 
 /// The instructions.  A frame whose priority is taken away keeps its VLAN and its drop eligible bit, and the
-/// other filters of the port see it as it is then; frames that are not concerned are not touched.  `table` is
+/// other filters of the port see it as it is then; one that has a second tag behind the first is dropped.
+/// Frames that are not concerned are not touched.  `table` is
 /// the descriptor of a table of FenceKeys, used for `streams` and `guarded` only.
 std::vector<bpf_insn> fenceProgram(const FenceRules& rules, int table);
 

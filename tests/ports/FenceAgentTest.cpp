@@ -135,7 +135,8 @@ TEST_F(FenceAgentTest, FramesFromOutsideLoseThePriorityOfTheClassesAndNothingEls
     EXPECT_EQ(out(frame({0x81, 0, 0x7A, 0xBC, 0x22, 0xF0})), "81001abc22f0 ")
         << "VLAN and drop eligible stay";
     EXPECT_EQ(out(frame({0x81, 0, 0x60, 0, 0x22, 0xF0})), "8100000022f0 ") << "a tag for the priority alone";
-    EXPECT_EQ(out(frame({0x88, 0xA8, 0x60, 5, 0x81, 0, 0x60, 7, 0x22, 0xF0})), "88a800058100600722f0 ");
+    EXPECT_EQ(out(frame({0x88, 0xA8, 0x60, 5, 0x81, 0, 0xA0, 7, 0x22, 0xF0})), "") << "not with two tags";
+    EXPECT_EQ(out(frame({0x88, 0xA8, 0x60, 5, 0x22, 0xF0})), "88a8000522f0 ");
     EXPECT_EQ(out(frame({0x81, 0, 0xA0, 5, 0x81, 0, 0x60, 7, 0x22, 0xF0})), "8100a0058100600722f0 ");
 
     coreIs("p1", 3, true);
