@@ -28,8 +28,13 @@ class Fence(unittest.TestCase):
     """A talker behind swp1, a listener behind swp2, and somebody behind swp3."""
 
     def setUp(self):
-        self.bed = self.enterContext(Testbed(BUILD, ports=3, bridge="br0"))
+        self.bed = self.enterContext(Testbed(BUILD, ports=3, bridge="br0", queues=4))
         self.arrived = self.enterContext(Counter(self.bed.station_of("swp2"), "eth0"))
+
+    def daemon(self):
+        # Credits, where there are some, need the real speed of a port; so none is given.
+        return self.bed.daemon({path: fields for path, fields in self.bed.config().items()
+                                if not path.startswith("interface/")})
 
     def send(self, port, frames, destination=DESTINATION):
         """Frames of class A's priority."""
@@ -46,7 +51,7 @@ class Fence(unittest.TestCase):
         return done.stdout.count("clsact")
 
     def test_a_stream_loses_nothing_to_a_port_that_waits_for_its_peer(self):
-        self.bed.daemon()
+        self.daemon()
         self.reserve()
         self.arrived.frames()
         with self.send("swp3", 16_000):
@@ -54,11 +59,12 @@ class Fence(unittest.TestCase):
                 time.sleep(4)
         time.sleep(0.3)
         arrived = self.arrived.frames()
+        self.assertIn(self.bed.read("get", "linux/capabilities/shaping/swp2/shaper"), ("software", "htb"))
         self.assertEqual((arrived[A], arrived[REST] > 2000), (stream.sent()[A], True))
 
     def test_it_stands_from_start_to_end_whatever_happens_between(self):
         bed = self.bed
-        daemon = bed.daemon()
+        daemon = self.daemon()
         self.arrived.frames()
         with self.send("swp3", 1000, EVERYBODY):
             for _ in range(3):
@@ -66,7 +72,7 @@ class Fence(unittest.TestCase):
                 daemon.kill()
                 daemon.wait()
                 time.sleep(0.3)
-                daemon = bed.daemon()
+                daemon = self.daemon()
             bed.shown("set", "msrp/config", "intfEnable", '{"swp3": false}')
             bed.switch_ip("link", "set", "swp3", "down")
             bed.switch_ip("link", "set", "swp3", "up")
