@@ -221,10 +221,12 @@ TEST_F(FenceAgentTest, OnlyRegisteredStreamsKeepTheirPriorityWhereThatIsWanted) 
         EXPECT_UNTIL(lost, sent(2, stream));
         group->talkerIntfIs(IntfId{"p1"});
         EXPECT_UNTIL(kept, sent(2, stream));
-        Namespace::ip("link set p1 name p3");
+        Namespace::ip("link set p1 down");  // older kernels rename no other
+        Namespace::ip("link set p1 name p3 up");
         domain->portIs(IntfId{"p3"})->coreIs(Cos{3}, true);
         EXPECT_UNTIL(lost, sent(2, stream));
-        Namespace::ip("link set p3 name p1");
+        Namespace::ip("link set p3 down");
+        Namespace::ip("link set p3 name p1 up");
         EXPECT_UNTIL(kept, sent(2, stream));
         groups->fdbConfigDel(VlanId{2});
         EXPECT_UNTIL(lost, sent(2, stream));
