@@ -50,9 +50,15 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
               devices,
               requests_,
               {records.config, records.queues, records.queueMap, records.hardwareQueueMap,
-               records.capabilities, records.refusals},
+               records.capabilities, records.refusals, places_},
               [this] { wake(); },
-              report} {}
+              report},
+      fence_{loop,
+             devices,
+             requests_,
+             {records.config, records.domain, records.groups, records.capabilities, records.fence, places_},
+             [this] { wake(); },
+             report} {}
 
 std::string Dataplane::start() {
     std::string problem = requests_.open();
@@ -61,7 +67,8 @@ std::string Dataplane::start() {
     for (const std::string& line : limitations(capabilities_->abilities())) report_(Tone::warning, line);
     patience_ = firstProbe;
     if (lacking()) probeAgain_.armIn(patience_);
-    problem = bridge_.start();
+    problem = fence_.start();
+    if (problem.empty()) problem = bridge_.start();
     if (problem.empty()) problem = groups_.start(capabilities_->abilities().groupOwner);
     if (problem.empty()) problem = queues_.start();
     if (problem.empty()) vlans_.start();
@@ -74,17 +81,22 @@ void Dataplane::stop() {
     vlans_.stop();
     groups_.withdraw();
     queues_.stop();
+    fence_.stop();
 }
 
 std::vector<std::string> Dataplane::audit(bool repair) {
     if (repair) probe();
     std::vector<std::string> differences = groups_.audit(repair);
-    for (const auto& more : {queues_.audit(repair), vlans_.audit(repair)})
+    for (const auto& more : {queues_.audit(repair), fence_.audit(repair), vlans_.audit(repair)})
         differences.insert(differences.end(), more.begin(), more.end());
     return differences;
 }
 
-bool Dataplane::lacking() const { return lacksAbility(config_->shaping(), capabilities_->abilities()); }
+bool Dataplane::lacking() const {
+    const Abilities& abilities = capabilities_->abilities();
+    return lacksAbility(config_->shaping(), abilities) ||
+           (config_->fence() != Fencing::none && abilities.ebpf != Ability::present);
+}
 
 void Dataplane::probe() { probe_.start(); }
 
@@ -102,6 +114,7 @@ void Dataplane::probed(const Abilities& abilities) {
         }
         patience_ = firstProbe;
         queues_.abilitiesChanged();
+        fence_.abilitiesChanged();
     }
     if (!lacking()) return;
     probeAgain_.armIn(patience_);
@@ -116,6 +129,7 @@ void Dataplane::wake() {
 
 void Dataplane::carryOut() {
     woken_ = false;
+    fence_.apply();
     queues_.raise();
     groups_.apply();
     queues_.lower();

@@ -7,6 +7,7 @@
 
 #include "Linux/bridge/BridgeAgent.h"
 #include "Linux/doctor/Capabilities.h"
+#include "Linux/fence/FenceAgent.h"
 #include "Linux/groups/GroupAgent.h"
 #include "Linux/kernel/ModuleNews.h"
 #include "Linux/kernel/Netlink.h"
@@ -33,11 +34,13 @@ public:
         std::shared_ptr<const Qos::Input::Config> queues;
         std::shared_ptr<const Qos::Status> queueMap;
         std::shared_ptr<const Qos::HwStatus> hardwareQueueMap;
+        std::shared_ptr<const Switch::Domain> domain;
         // How that goes.
         std::shared_ptr<GroupStatus> groupStatus;
         std::shared_ptr<Bridging::VlanMembers> vlanMembers;
         std::shared_ptr<Switch::Refusals> refusals;
         std::shared_ptr<CapabilityStatus> capabilities;
+        std::shared_ptr<FenceStatus> fence;
     };
 
     /// Loop and devices must outlive it; `files` is what the paths of files begin with that it may keep.
@@ -76,7 +79,9 @@ private:
     BridgeAgent bridge_;
     VlanAgent vlans_;
     GroupAgent groups_;
+    const std::shared_ptr<OwnPlaces> places_ = std::make_shared<OwnPlaces>();
     ShaperAgent queues_;
+    FenceAgent fence_;
 };
 
 }  // namespace Linux

@@ -8,6 +8,7 @@
 #include "Switch/Bridging.h"
 #include "Switch/BridgingInput.h"
 #include "Switch/BridgingTopology.h"
+#include "Switch/Domain.h"
 #include "Switch/Interface.h"
 #include "Switch/Qos.h"
 #include "Switch/Refusals.h"
@@ -33,6 +34,7 @@ void populate(State::Database& database) {
     database.entityIs<Qos::HwStatus>("qos/hardware/status/global");
     database.entityIs<Switch::Refusals>("switch/refusals");
     database.entityIs<Switch::TimeStatus>("switch/time");
+    database.entityIs<Switch::Domain>("switch/domain");
     database.entityIs<Interface::AllIntfStatusDir>("interface/status/all");
     database.entityIs<Interface::AllIntfStatusLocalDir>("interface/status/local");
     database.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");

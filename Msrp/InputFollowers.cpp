@@ -80,7 +80,7 @@ void InputFollowers::start() {
             const auto* port = dynamic_cast<const Switch::PortTime*>(&change.entity);
             const auto* intf = change.key<IntfId>();
             if (port == nullptr && intf == nullptr) return sm_.handleIntfEnable();
-            if (port == nullptr || change.field == State::fieldName<Switch::PortTime>("capable"))
+            if (port == nullptr || change.field == Switch::PortTime::capableField)
                 sm_.handleTime(port != nullptr ? port->intfId() : *intf);
         }));
     }

@@ -64,6 +64,7 @@ void Agent::doInit() {
     entities.mountIs("stp/status", "Stp::Status", "r");
     entities.mountIs("switch/refusals", "Switch::Refusals", "r");
     entities.mountIs("switch/time", "Switch::TimeStatus", "r");
+    entities.mountIs("switch/domain", "Switch::Domain", "wc");
 
     entities.localEntityIs<Bridging::Topology::Status>("bridging/topology/status");
 }
@@ -88,6 +89,7 @@ void Agent::fetchRecords() {
     bridgingTopoConfig_ = entities.reader<Bridging::Topology::Config>("bridging/topology/config");
     refusals_ = entities.reader<Switch::Refusals>("switch/refusals");
     time_ = entities.reader<Switch::TimeStatus>("switch/time");
+    domain_ = entities.writer<Switch::Domain>("switch/domain");
     bridgingTopoStatus_ = entities.writer<Bridging::Topology::Status>("bridging/topology/status");
 }
 
@@ -147,6 +149,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
                                                         .trace = env.trace,
                                                         .ringLog = env.ringLog,
                                                         .unitsPerTurn = env.unitsPerTurn});
+    domainPublisher_ = std::make_unique<DomainPublisher>(msrpCliConfig_, msrpStatus_, domain_);
     handleStandbyMode();
 }
 
@@ -169,6 +172,7 @@ void Agent::handleStandbyMode() {
     mrpSm_->handleStandbyMode();
     msrpSm_->standbyModeIs(standbyMode_);
     msrpSm_->handleStandbyMode();
+    domainPublisher_->standbyModeIs(standbyMode_);
 }
 
 void Agent::withdraw() {
@@ -177,6 +181,7 @@ void Agent::withdraw() {
 
 void Agent::doCleanup() {
     redundancyStatusSm_.reset();
+    domainPublisher_.reset();
     // In standby it is the other agent's.
     if (brMsrpConfig_ && !standbyMode_) brMsrpConfig_->fdbConfigPriorityIs(0);
     msrpSm_.reset();

@@ -9,6 +9,7 @@
 #include "Msrp/MsrpLib.h"
 #include "Msrp/MsrpSm.h"
 #include "Msrp/RedundancyStatusSm.h"
+#include "Msrp/domain/DomainPublisher.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
 #include "Runtime/Agent.h"
@@ -63,6 +64,7 @@ private:
     std::shared_ptr<Bridging::Topology::Status> bridgingTopoStatus_;
     std::shared_ptr<const Switch::Refusals> refusals_;
     std::shared_ptr<const Switch::TimeStatus> time_;
+    std::shared_ptr<Switch::Domain> domain_;
     std::unique_ptr<RedundancyStatusSm> redundancyStatusSm_;
     std::shared_ptr<Bridging::Topology::TopoLibState> topoLibState_;
     std::unique_ptr<Bridging::Topology::TopoLibSm> topoLibSm_;
@@ -70,6 +72,7 @@ private:
     std::unique_ptr<Mrp::MrpSm> mrpSm_;
     std::unique_ptr<Mrp::MrpAttrLogSm> msrpAttrLogSm_;
     std::unique_ptr<MsrpSm> msrpSm_;
+    std::unique_ptr<DomainPublisher> domainPublisher_;
     bool mountsComplete_ = false;
     bool standbyMode_ = false;
 };

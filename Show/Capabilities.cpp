@@ -19,6 +19,7 @@ constexpr auto meanings = std::to_array<std::pair<std::string_view, std::string_
     {"bpf", "priorities to token buckets"},
     {"clsact", "filters of incoming frames"},
     {"flower", "priorities of incoming frames to queues"},
+    {"ebpf", "a fence around the classes' queues"},
     {"vlanFiltering", "VLANs of the bridge's ports"},
     {"groups", "forwarding by group address"},
     {"groupOwner", "a mark that tells our groups from others'"},
@@ -38,8 +39,8 @@ const Column<AbilityRow> abilityColumns[]{
     {"WHAT FOR", "", [](const auto& r) { return r.ability.second; }},
 };
 
-using ShapingRow = std::pair<std::string, Value>;
-const Column<ShapingRow> shapingColumns[]{
+using PortRow = std::pair<std::string, Value>;
+const Column<PortRow> shapingColumns[]{
     {"PORT", "", [](const auto& r) { return r.first; }},
     {"SHAPER", "", [](const auto& r) { return at(r.second, {"shaper"}); }},
     {"WHY NO BETTER", "", [](const auto& r) { return at(r.second, {"why"}); }},
@@ -50,7 +51,20 @@ const Column<ShapingRow> shapingColumns[]{
      }},
 };
 
+const Column<PortRow> fenceColumns[]{
+    {"PORT", "", [](const auto& r) { return r.first; }},
+    {"PRIORITIES THAT BECOME 0", "",
+     [](const auto& r) {
+         std::string closed;
+         for (const auto& [priority, set] : membersOf(at(r.second, {"closed"})))
+             closed += (closed.empty() ? "" : ", ") + priority;
+         return closed.empty() ? std::string{"none"} : closed;
+     }},
+    {"WHAT IS WRONG", "", [](const auto& r) { return at(r.second, {"problem"}); }},
+};
+
 constexpr std::string_view capabilitiesPath = "linux/capabilities";
+constexpr std::string_view fencePath = "linux/fence";
 constexpr std::string_view groupsPath = "linux/groups";
 
 std::string groupsText(const Value& groups) {
@@ -65,20 +79,29 @@ std::string groupsText(const Value& groups) {
     return out;
 }
 
+std::string fenceText(const Value& fence) {
+    const State::Object& ports = membersOf(at(fence, {"port"}));
+    const std::string problem = textOf(at(fence, {"problem"}));
+    return (ports.empty() ? "" : Table{fenceColumns, 0, ports}.text() + '\n') +
+           (problem.empty() ? "" : "The fence does not tell streams apart: " + problem + ".\n\n");
+}
+
 std::string capabilitiesText(const Snapshot& snapshot) {
     const Value& capabilities = snapshot.record(capabilitiesPath);
     std::vector<AbilityRow> abilities;
+    abilities.reserve(meanings.size());
     for (const Meaning& meaning : meanings) abilities.push_back({capabilities, meaning});
     const State::Object& ports = membersOf(at(capabilities, {"shaping"}));
     return Table{abilityColumns, 0, abilities}.text() + '\n' +
            (ports.empty() ? "" : Table{shapingColumns, 0, ports}.text() + '\n') +
-           groupsText(snapshot.record(groupsPath)) + floodText(snapshot);
+           fenceText(snapshot.record(fencePath)) + groupsText(snapshot.record(groupsPath)) +
+           floodText(snapshot);
 }
 
 }  // namespace
 
 const View& capabilities() {
-    static const View view{{std::string{capabilitiesPath}, std::string{groupsPath}},
+    static const View view{{std::string{capabilitiesPath}, std::string{groupsPath}, std::string{fencePath}},
                            capabilitiesText,
                            [](const Snapshot& s) { return s.record(capabilitiesPath); }};
     return view;

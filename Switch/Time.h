@@ -13,6 +13,7 @@ namespace Switch {
 class PortTime : public State::Record<PortTime> {
 public:
     static constexpr std::string_view type = "Switch::PortTime";
+    static constexpr std::string_view capableField = "capable";
     explicit PortTime(IntfId id) : intfId_{id} {}
 
     [[nodiscard]] IntfId intfId() const { return intfId_; }
@@ -24,7 +25,7 @@ public:
 
     template <class F>
     static constexpr void fields(F&& each) {
-        each(State::scalar("capable", &PortTime::capable_));
+        each(State::scalar(capableField, &PortTime::capable_));
         each(State::scalar("state", &PortTime::state_));
     }
 

@@ -173,10 +173,12 @@ private:
                                       .queues = record<Qos::Input::Config>("qos/input/config/msrp"),
                                       .queueMap = record<Qos::Status>("qos/status"),
                                       .hardwareQueueMap = record<Qos::HwStatus>("qos/hardware/status/global"),
+                                      .domain = record<Switch::Domain>("switch/domain"),
                                       .groupStatus = groups_,
                                       .vlanMembers = record<Bridging::VlanMembers>("bridging/vlans"),
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
-                                      .capabilities = capabilities_},
+                                      .capabilities = capabilities_,
+                                      .fence = fence_},
             options_.socket,
             [this](Linux::Tone tone, const std::string& line) { tell(static_cast<int>(tone), line); },
             [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
@@ -293,6 +295,7 @@ private:
     std::shared_ptr<Linux::GroupStatus> groups_ = record<Linux::GroupStatus>("linux/groups");
     std::shared_ptr<Linux::CapabilityStatus> capabilities_ =
         record<Linux::CapabilityStatus>("linux/capabilities");
+    std::shared_ptr<Linux::FenceStatus> fence_ = record<Linux::FenceStatus>("linux/fence");
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_ =
         record<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =

@@ -1,5 +1,7 @@
 #include "Linux/doctor/Capabilities.h"
 
+#include "Linux/fence/FencePlan.h"
+#include "Linux/fence/FenceProgram.h"
 #include "Linux/groups/GroupMessage.h"
 #include "Linux/kernel/Netlink.h"
 #include "Linux/kernel/NewerKernel.h"
@@ -95,6 +97,16 @@ private:
         constexpr std::uint16_t result = BPF_RET | BPF_K;
         found.bpf = filter(1, ETH_P_ALL, "bpf", ClassProgram{{{result, 0, 0, 0}}});
         found.flower = filter(2, ETH_P_8021Q, "flower", TagPriorityRule{3, 3});
+        found.ebpf = abilityIf(fence());
+    }
+
+    /// Also that what the process may do is enough for it.
+    bool fence() {
+        const FenceRules rules{.closed = 1U << 3};
+        LoadedProgram program;
+        if (!loadProgram(fenceProgram(rules, -1), program).empty()) return false;
+        const FrameProgram wanted{rules.name(), program.id, program.descriptor.get()};
+        return done(newFilter(fenceFilter(loopback, wanted), requestAdd));
     }
 
     /// A device of that kind; `data` appends what the kind needs.
@@ -206,6 +218,8 @@ constexpr auto allLimitations = std::to_array<Limitation>({
      "no clsact: forwarded frames cannot be sorted into queues that are shaped by credits"},
     {&Abilities::flower,
      "no flower filters: forwarded frames cannot be sorted into queues that are shaped by credits"},
+    {&Abilities::ebpf,
+     "no programs that change incoming frames: those from outside the classes' domain may use their queues"},
     {&Abilities::vlanFiltering, "bridges do not filter VLANs: all ports are members of all VLANs"},
     {&Abilities::groups, "bridges take no groups of MAC addresses: streams go to all ports"},
     {&Abilities::groupOwner, "bridges do not note whose a group is: a file tells ours after a restart"},

@@ -188,6 +188,10 @@ private:
         }
         const ShaperChoice choice = shaping({port.device.txQueues, port.device.inSwitchChip});
         if (port.device.inSwitchChip) {
+            find(port.device.name, "fence", Severity::warning,
+                 "a switch chip forwards its frames: those from outside the classes' domain may use their "
+                 "queues, "
+                 "unless its driver's priority table keeps them out");
             find(port.device.name, "switchChip",
                  choice.shaper == Shaper::none ? Severity::fault : Severity::note,
                  choice.shaper == Shaper::none
@@ -213,6 +217,12 @@ private:
             find({}, "shaping", Severity::fault, concat("no class gets its bandwidth: ", best.why), load);
         } else if (best.shaper == Shaper::htb) {
             find({}, "shaping", Severity::warning, concat("queues get token buckets: ", best.why), load);
+        }
+        if (absent(can.ebpf)) {
+            find({}, "fence", Severity::warning,
+                 "frames from outside the classes' domain may use their queues: the kernel takes no programs "
+                 "that "
+                 "change frames, or the daemon may not load them (CAP_BPF)");
         }
         if (absent(can.groups)) {
             find({}, "groups", Severity::fault,

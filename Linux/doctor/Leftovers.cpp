@@ -1,5 +1,6 @@
 #include "Linux/doctor/Leftovers.h"
 
+#include "Linux/fence/FencePlan.h"
 #include "Linux/groups/BridgeMemory.h"
 #include "Linux/groups/GroupMessage.h"
 #include "Linux/groups/GroupRemoval.h"
@@ -92,6 +93,27 @@ std::string findQueues(NetlinkChannel& kernel, const DeviceTable& devices,
     return {};
 }
 
+std::string findFences(NetlinkChannel& kernel, const DeviceTable& devices, std::vector<Leftover>& found) {
+    for (const auto& [ifindex, device] : devices.all()) {
+        FencePlace have;
+        const NetlinkAnswer answer = readFence(kernel, ifindex, have);
+        if (answer.error == ENODEV) continue;  // gone meanwhile
+        if (!answer) return concat("cannot read the filters of ", device.name, ": ", answer.problem());
+        if (!fenceOf(have)) continue;
+        found.push_back(
+            {device.name,
+             "a filter that takes priorities from incoming frames, and its place (clsact) if there "
+             "are no others",
+             [port = ifindex, have](NetlinkChannel& channel) {
+                 std::string problem = carryOut(channel, planFence(port, std::nullopt, have));
+                 if (problem.empty() && !hasFilters(channel, port))
+                     problem = carryOut(channel, {{"", deleteQdisc(*have.ingress)}});
+                 return problem;
+             }});
+    }
+    return {};
+}
+
 std::string findRouterPorts(const DeviceTable& devices, const std::string& files,
                             std::vector<Leftover>& found) {
     if (files.empty()) return {};
@@ -118,6 +140,7 @@ std::string findLeftovers(NetlinkChannel& kernel, const DeviceTable& devices, co
                           std::vector<Leftover>& found) {
     std::string problem = findGroups(kernel, devices, marks.groupProtocols, found);
     if (problem.empty()) problem = findQueues(kernel, devices, marks.queueHandles, found);
+    if (problem.empty()) problem = findFences(kernel, devices, found);
     if (problem.empty()) problem = findRouterPorts(devices, marks.files, found);
     return problem;
 }

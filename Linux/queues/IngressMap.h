@@ -8,9 +8,14 @@
 #include "Linux/queues/QueuePlan.h"
 #include "Linux/queues/SrQueues.h"
 
+#include <set>
 #include <vector>
 
 namespace Linux {
+
+/// Ports (interface indexes) whose place for filters of incoming packets is of our making: whoever of us
+/// takes the last filter away takes the place away, too.
+using OwnPlaces = std::set<unsigned>;
 
 /// What has to be asked of the kernel so that exactly the priorities of `mapped` are copied.  Our filters are
 /// those with our mark; all others stay as they are, and so does what holds the filters once it is there.

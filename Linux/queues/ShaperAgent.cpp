@@ -119,7 +119,10 @@ void ShaperAgent::deviceChanged(const Device* before, const Device* now) {
     } else if (!membersStale_) {
         return;  // none of our business
     }
-    if (now == nullptr) departed_.erase(device.ifindex);
+    if (now == nullptr) {
+        departed_.erase(device.ifindex);
+        records_.places->erase(device.ifindex);
+    }
     if (running_) wake_();
 }
 
@@ -206,10 +209,7 @@ void ShaperAgent::followMembers() {
         port->second.otherQueues = static_cast<std::uint16_t>(std::clamp(device.txQueues, 3U, 0xFFFFU) - 2);
         // One that is back before its queues were given back keeps them if they are right; but it may have
         // come back under another name, and nobody asks again for what the old one had.
-        if (const auto before = departed_.extract(ifindex)) {
-            port->second.madeIngress = before.mapped().madeIngress;
-            port->second.adopted = true;
-        }
+        if (departed_.erase(ifindex) != 0) port->second.adopted = true;
     }
     for (auto& [ifindex, port] : departed_) giveBack(ifindex, port);
     departed_.clear();
@@ -230,7 +230,7 @@ std::string ShaperAgent::read(unsigned ifindex, Port& port) {
     port.have = std::move(have);
     if (!std::exchange(port.adopted, true)) {
         port.leftOver = shapedRates(port.have, records_.config->queueHandle());
-        port.madeIngress = mapsIngress(port.have);
+        if (mapsIngress(port.have)) records_.places->insert(ifindex);
     } else if (otherRoot && port.trials.due() && !port.trials.leftAlone()) {
         port.trials.beginAnew();
     }
@@ -420,7 +420,7 @@ void ShaperAgent::applyIngressMap(Port& port, const Device& device, ClassPriorit
     if (device.inSwitchChip) mapped = {0, 0};
     const bool before = port.have.ingress.has_value();
     const NetlinkAnswer answer = carryOut(port, planIngressMap(device.ifindex, mapped, port.have));
-    if (!before && port.have.ingress) port.madeIngress = true;
+    if (!before && port.have.ingress) records_.places->insert(device.ifindex);
     port.mapped = answer ? std::optional{mapped} : std::nullopt;
     if (!answer && (passing(answer.error) || !unchanged(device.ifindex, port))) {
         port.trials.failed(loop_.now(), concat("cannot set up filters: ", answer.problem()));
@@ -503,8 +503,10 @@ void ShaperAgent::giveBack(unsigned ifindex, Port& port) {
     std::vector<QueueStep> steps = planQueues(nothing, port.have);
     std::ranges::move(planIngressMap(ifindex, {0, 0}, port.have), std::back_inserter(steps));
     NetlinkAnswer answer = carryOut(port, steps);
-    if (answer && port.madeIngress && !hasFilters(kernel_, ifindex))
+    if (answer && records_.places->contains(ifindex) && !hasFilters(kernel_, ifindex)) {
         answer = carryOut(port, planIngressRemoval(port.have));
+        records_.places->erase(ifindex);
+    }
     if (!answer && answer.error != ENODEV)
         complain(concat(port.name, ": cannot give the queues back: ", answer.problem()));
 }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "Linux/links/DeviceTable.h"
+#include "Linux/queues/IngressMap.h"
 #include "Linux/queues/PortQueues.h"
 #include "Linux/queues/PortTrials.h"
 #include "Linux/queues/QueuePlan.h"
@@ -44,6 +45,8 @@ public:
         std::shared_ptr<CapabilityStatus> capabilities;
         /// Gets the ports that cannot be shaped, but for those that the configuration leaves alone.
         std::shared_ptr<Switch::Refusals> refusals;
+        /// Shared with those who have filters of their own there.
+        std::shared_ptr<OwnPlaces> places = std::make_shared<OwnPlaces>();
     };
     /// Longest time after a start until reservations that still hold are there again: a round of LeaveAll.
     static constexpr Runtime::Duration defaultSettling = std::chrono::seconds{20};
@@ -80,7 +83,6 @@ private:
         // As they were last made to be; nothing when that failed half-way.
         std::optional<WantedQueues> applied;
         std::optional<ClassPriorities> mapped;
-        bool madeIngress = false;  ///< the place for filters of incoming packets is ours
         std::string ingressProblem;
         PortTrials trials;
     };

@@ -46,6 +46,13 @@ struct FilterOptions {
             m.octets(TCA_BPF_OPS, std::as_bytes(std::span{program.instructions}));
         });
     }
+    void operator()(const FrameProgram& program) const {
+        message.nest(TCA_OPTIONS, [&](NetlinkMessage& m) {
+            m.attribute(TCA_BPF_FD, program.descriptor);
+            m.text(TCA_BPF_NAME, program.name);
+            m.attribute(TCA_BPF_FLAGS, std::uint32_t{TCA_BPF_FLAG_ACT_DIRECT});
+        });
+    }
     void operator()(const TagPriorityRule& rule) const {
         tc_skbedit parameters{};
         parameters.action = TC_ACT_PIPE;
@@ -76,6 +83,18 @@ std::optional<ClassProgram> decodeProgram(const nlattr& options) {
             std::memcpy(instructions.data(), octets.data(), instructions.size() * sizeof(FilterInstruction));
     });
     return program;
+}
+
+std::optional<FrameProgram> decodeFrameProgram(const nlattr& options) {
+    FrameProgram program;
+    bool known = false;
+    eachAttribute(options, [&](const nlattr& attribute) {
+        if (mnl_attr_get_type(&attribute) == TCA_BPF_NAME) program.name = text(attribute);
+        if (mnl_attr_get_type(&attribute) != TCA_BPF_ID) return;
+        program.id = number<std::uint32_t>(attribute);
+        known = true;
+    });
+    return known ? std::optional{std::move(program)} : std::nullopt;
 }
 
 /// Part of a rule is what its action does, part whether it is marked.
@@ -113,6 +132,7 @@ std::optional<TagPriorityRule> decodeRule(const nlattr& options) {
 void decodeOptions(const nlattr& attribute, Filter& filter) {
     if (filter.kind == "bpf") {
         if (auto program = decodeProgram(attribute)) filter.options = std::move(*program);
+        if (auto program = decodeFrameProgram(attribute)) filter.options = std::move(*program);
     } else if (filter.kind == "flower") {
         if (const auto rule = decodeRule(attribute)) filter.options = *rule;
     }

@@ -41,6 +41,14 @@ struct TagPriorityRule {
     bool operator==(const TagPriorityRule&) const = default;
 };
 
+/// "bpf" with a program in the kernel that does all the work itself, and whose result is the packet's fate.
+struct FrameProgram {
+    std::string name;      ///< as people see it, and the mark that says whose it is
+    std::uint32_t id = 0;  ///< the kernel's number for it; it does not come again soon
+    int descriptor = -1;   ///< of the program, where the filter is to be made; borrowed
+    bool operator==(const FrameProgram& other) const { return name == other.name && id == other.id; }
+};
+
 struct Filter {
     unsigned ifindex = 0;
     std::uint32_t handle = 0;
@@ -48,7 +56,7 @@ struct Filter {
     std::uint16_t preference = 0;  ///< lower ones are asked first
     std::uint16_t protocol = 0;    ///< EtherType
     std::string kind;
-    std::variant<std::monostate, ClassProgram, TagPriorityRule> options;
+    std::variant<std::monostate, ClassProgram, TagPriorityRule, FrameProgram> options;
     bool operator==(const Filter&) const = default;
 };
 

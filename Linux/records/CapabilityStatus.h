@@ -43,6 +43,7 @@ struct Abilities {
     Ability bpf = Ability::unknown;            ///< filter for the latter
     Ability clsact = Ability::unknown;         ///< filters of incoming packets
     Ability flower = Ability::unknown;         ///< a tag's priority to the packet's, by such a filter
+    Ability ebpf = Ability::unknown;           ///< programs that change incoming frames
     Ability vlanFiltering = Ability::unknown;  ///< of bridges
     Ability groups = Ability::unknown;         ///< a bridge's groups by MAC address
     Ability groupOwner = Ability::unknown;     ///< a mark on groups that tells whose they are
@@ -111,6 +112,7 @@ public:
          {"bpf", &Abilities::bpf},
          {"clsact", &Abilities::clsact},
          {"flower", &Abilities::flower},
+         {"ebpf", &Abilities::ebpf},
          {"vlanFiltering", &Abilities::vlanFiltering},
          {"groups", &Abilities::groups},
          {"groupOwner", &Abilities::groupOwner},

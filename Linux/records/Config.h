@@ -52,6 +52,16 @@ struct State::Codec<Linux::Gptp> {
 
 namespace Linux {
 
+/// Which frames may use the queues of the SR classes.
+enum class Fencing : std::uint8_t {
+    ports,    ///< those that come in on ports inside the classes' domain
+    streams,  ///< of these, the frames of streams that are registered there
+    none,     ///< all that have a class's priority
+};
+constexpr auto fencingNames = std::to_array<State::EnumName<Fencing>>(
+    {{Fencing::ports, "ports"}, {Fencing::streams, "streams"}, {Fencing::none, "none"}});
+constexpr const auto& enumNames(Fencing) { return fencingNames; }
+
 class Config : public State::Record<Config> {
 public:
     static constexpr std::string_view type = "Linux::Config";
@@ -80,6 +90,8 @@ public:
     /// Whether ports let the tag's priority choose the queue, which a bridge does not do by itself.
     [[nodiscard]] bool ingressPriority() const { return ingressPriority_; }
     void ingressPriorityIs(bool v) { assign(ingressPriority_, v, "ingressPriority"); }
+    [[nodiscard]] Fencing fence() const { return fence_; }
+    void fenceIs(Fencing v) { assign(fence_, v, "fence"); }
 
     /// The ptp4l that knows which ports keep common time with their neighbours: streams are offered to those
     /// alone.
@@ -96,6 +108,7 @@ public:
         each(State::scalar("queueHandle", &Config::queueHandle_, std::uint16_t{1}, std::uint16_t{0xFFEF}));
         each(State::scalar("ingressPriority", &Config::ingressPriority_));
         each(State::scalar("gptp", &Config::gptp_));
+        each(State::scalar("fence", &Config::fence_));
     }
 
 private:
@@ -108,6 +121,7 @@ private:
     std::uint16_t queueHandle_ = 0x100;
     bool ingressPriority_ = true;
     Gptp gptp_;
+    Fencing fence_ = Fencing::ports;
 };
 
 }  // namespace Linux

@@ -148,6 +148,7 @@ void VlanAgent::settlePort(unsigned ifindex, Port& port, bool all) {
 VlanSet VlanAgent::ask(unsigned ifindex, Port& port, const VlanSet& vlans, bool join) {
     std::vector<NetlinkMessage> messages;
     const std::vector<VlanSpan> spans = spansOf(vlans);
+    messages.reserve(spans.size());
     for (const VlanSpan span : spans)
         messages.push_back(join ? joinVlans(ifindex, span) : leaveVlans(ifindex, span));
     const std::vector<NetlinkAnswer> answers = kernel_.carryOut(messages);

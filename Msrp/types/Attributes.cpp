@@ -29,7 +29,7 @@ void incrementTalker(std::span<U8> value) {
     countUp(value.subspan(macDaAt, macDaOctets));
     incrementStream(value);
 }
-std::size_t domainSuccessors(std::span<const U8> value) { return std::min(0xff - value[0], 0xff - value[1]); }
+std::size_t domainSuccessors(std::span<const U8> value) { return 0xffU - std::max(value[0], value[1]); }
 void incrementDomain(std::span<U8> value) {
     ++value[0];
     ++value[1];

@@ -5,8 +5,10 @@
 #include "Runtime/FileDescriptor.h"
 
 #include <arpa/inet.h>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -39,6 +41,11 @@ public:
     /// ip("link set p1 up").  Ends the test when that fails.
     static void ip(const std::string& arguments) {
         if (std::system(("ip " + arguments).c_str()) != 0) throw std::runtime_error("ip " + arguments);
+    }
+    /// bridge("mdb show"), likewise.
+    static void bridge(const std::string& arguments) {
+        if (std::system(("bridge " + arguments).c_str()) != 0)
+            throw std::runtime_error("bridge " + arguments);
     }
     /// One cable: both ends exist, are up, and have the addresses 02:00:00:00:00:0a and ...:0b.
     static void cable(const std::string& a, const std::string& b) {
@@ -85,6 +92,8 @@ public:
         where_.sll_protocol = htons(ETH_P_ALL);
         where_.sll_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
         EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr*>(&where_), sizeof where_), 0);
+        const int on = 1;
+        EXPECT_EQ(setsockopt(fd_.get(), SOL_PACKET, PACKET_AUXDATA, &on, sizeof on), 0);
     }
     void send(const Octets& frame) const {
         EXPECT_EQ(::send(fd_.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
@@ -94,12 +103,22 @@ public:
         std::vector<Octets> frames;
         Octets buffer(4096);
         sockaddr_ll from{};
-        socklen_t size = sizeof from;
+        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(tpacket_auxdata))> beside{};
+        iovec part{buffer.data(), buffer.size()};
+        const msghdr empty{&from, sizeof from, &part, 1, beside.data(), beside.size(), 0};
         ssize_t length = 0;
-        while ((length = recvfrom(fd_.get(), buffer.data(), buffer.size(), 0,
-                                  reinterpret_cast<sockaddr*>(&from), &size)) >= 0) {
-            if (from.sll_pkttype != PACKET_OUTGOING)
-                frames.emplace_back(buffer.begin(), buffer.begin() + length);
+        for (msghdr told = empty; (length = recvmsg(fd_.get(), &told, 0)) >= 0; told = empty) {
+            if (from.sll_pkttype == PACKET_OUTGOING) continue;
+            Octets& frame = frames.emplace_back(buffer.begin(), buffer.begin() + length);
+            // The kernel keeps the tag beside the frame.
+            tpacket_auxdata about{};
+            if (CMSG_FIRSTHDR(&told) != nullptr)
+                std::memcpy(&about, CMSG_DATA(CMSG_FIRSTHDR(&told)), sizeof about);
+            if ((about.tp_status & TP_STATUS_VLAN_VALID) == 0) continue;
+            for (const unsigned two : {unsigned{about.tp_vlan_tci}, unsigned{about.tp_vlan_tpid}}) {
+                for (const unsigned octet : {two & 0xFF, two >> 8})
+                    frame.insert(frame.begin() + 12, static_cast<std::uint8_t>(octet));
+            }
         }
         return frames;
     }

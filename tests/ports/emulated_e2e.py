@@ -115,7 +115,8 @@ class Reservations(unittest.TestCase):
             return None
         done = subprocess.run(["tc", "-n", bed.switch, "-j", "filter", "show", "dev", port, "ingress"], text=True,
                               check=True, stdout=subprocess.PIPE)
-        return sorted(rule["options"]["keys"]["vlan_prio"] for rule in json.loads(done.stdout) if "options" in rule)
+        return sorted(rule["options"]["keys"]["vlan_prio"] for rule in json.loads(done.stdout)
+                      if "keys" in rule.get("options", {}))
 
     def test_filters_of_others_stay_and_the_place_of_a_killed_life_goes(self):
         bed = self.bed
@@ -209,7 +210,7 @@ class Modules(unittest.TestCase):
 
 class Emulated(unittest.TestCase):
     def test_what_other_kernels_can_is_the_same_here(self):
-        for name in ("doctor", "shaping"):
+        for name in ("doctor", "shaping", "fence"):
             done = subprocess.run([sys.executable, TOP / f"tests/ports/{name}_e2e.py", BUILD], check=False, text=True,
                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
             print(done.stdout)

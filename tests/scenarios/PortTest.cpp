@@ -1,4 +1,5 @@
 /// Ports come, go and change: domains, links, spanning tree, speeds, configuration.
+#include "Runtime/Text.h"
 #include "tests/scenarios/Scenario.h"
 
 namespace Sim {
@@ -228,6 +229,26 @@ TEST_F(ManyStreams, OfAPortThatGoesAndComesBackAtOnceStartItOver) {
         settle();
         EXPECT_EQ(bridge.classes("p2"), "p2 WaitingForPeer WaitingForPeer") << "its peer has not spoken yet";
     }
+}
+
+TEST_F(ReservedStream, TheDomainOfTheClassesIsOnRecordForWhoeverKeepsOthersOut) {
+    const auto told = [&] {
+        settle();
+        return shown(bridge.database().entity("switch/domain")->value());
+    };
+    const std::string both = "classPriority {2 true, 3 true}";
+    const std::string core = "{core {2 true, 3 true}}";
+    EXPECT_EQ(told(), Runtime::concat("{", both, ", port {p1 ", core, ", p2 ", core, ", p3 ", core, "}}"));
+    bridge.linkIs("p1", false);
+    p3.say(domain(SrClassId::SrClassA, 4));
+    EXPECT_EQ(told(), Runtime::concat("{", both, ", port {p2 ", core, ", p3 {core {2 true}}}}"));
+    bridge.config->intfEnableIs(IntfId{"p2"}, false);
+    bridge.cliConfig->srClassBSupportedIs(false);
+    bridge.cliConfig->srClassAPriorityIs(4);
+    EXPECT_EQ(told(), "{classPriority {4 true}}") << "each peer has to agree anew";
+    bridge.stop();
+    EXPECT_EQ(bridge.database().entity("switch/domain")->fieldValue("port", {}),
+              State::Value{State::Object{}});
 }
 
 TEST_F(ReservedStream, FailsWhileTheSwitchCannotCarryItOut) {

@@ -1,0 +1,27 @@
+/// What the fence does with frames that come in on a port.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Linux {
+
+/// Bit n of the masks stands for priority n of a frame's tag.
+struct FenceRules {
+    std::uint8_t closed = 0;   ///< frames get priority 0
+    std::uint8_t streams = 0;  ///< so do those of no stream that is known on the port
+    /// Frames to an address for streams that has no group are dropped.
+    bool guarded = false;
+    auto operator<=>(const FenceRules&) const = default;
+
+    /// "msrpd-fence:23::guarded", the name of what carries them out in the kernel; it begins as no other
+    /// does.
+    [[nodiscard]] std::string name() const;
+    /// Nothing for what is not named so.
+    static std::optional<FenceRules> parse(std::string_view name);
+};
+
+}  // namespace Linux
