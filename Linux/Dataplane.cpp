@@ -56,7 +56,8 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
       fence_{loop,
              devices,
              requests_,
-             {records.config, records.domain, records.groups, records.capabilities, records.fence, places_},
+             {records.config, records.domain, records.groups, records.vlans, records.capabilities,
+              records.fence, places_},
              [this] { wake(); },
              report} {}
 

@@ -39,8 +39,8 @@ const Column<AbilityRow> abilityColumns[]{
     {"WHAT FOR", "", [](const auto& r) { return r.ability.second; }},
 };
 
-using PortRow = std::pair<std::string, Value>;
-const Column<PortRow> shapingColumns[]{
+using ShapedPort = std::pair<std::string, Value>;
+const Column<ShapedPort> shapingColumns[]{
     {"PORT", "", [](const auto& r) { return r.first; }},
     {"SHAPER", "", [](const auto& r) { return at(r.second, {"shaper"}); }},
     {"WHY NO BETTER", "", [](const auto& r) { return at(r.second, {"why"}); }},
@@ -51,7 +51,7 @@ const Column<PortRow> shapingColumns[]{
      }},
 };
 
-const Column<PortRow> fenceColumns[]{
+const Column<ShapedPort> fenceColumns[]{
     {"PORT", "", [](const auto& r) { return r.first; }},
     {"PRIORITIES THAT BECOME 0", "",
      [](const auto& r) {

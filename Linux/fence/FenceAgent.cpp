@@ -68,6 +68,7 @@ std::string FenceAgent::start(Runtime::Duration settling, Runtime::Duration audi
         if (std::string problem = groups_.start(); !problem.empty()) return problem;
     }
     reactors_.push_back(records_.domain->watch([this](const State::Change&) { stir(); }));
+    reactors_.push_back(records_.vlans->react([this](const State::Change&) { stir(); }));
     if (records_.config->fence() == Fencing::streams) talkers_.start();
     running_ = true;
     settled_.armIn(settling);
@@ -272,7 +273,9 @@ bool FenceAgent::noticeDrift(unsigned ifindex, Port& port) {
 }
 
 std::optional<FenceRules> FenceAgent::rulesFor(Port& port) const {
-    if (records_.config->fence() == Fencing::none) return std::nullopt;
+    const bool mvrp = records_.vlans->running();
+    if (records_.config->fence() == Fencing::none)
+        return mvrp ? std::optional{FenceRules{.mvrp = true}} : std::nullopt;
     const auto told = records_.domain->port(IntfId{port.name});
     const std::uint8_t core = told ? maskOf(told->core()) : std::uint8_t{0};
     // Once it has been a core port in this life, only the record counts.
@@ -282,6 +285,7 @@ std::optional<FenceRules> FenceAgent::rulesFor(Port& port) const {
     FenceRules rules;
     rules.closed = static_cast<std::uint8_t>(priorities & ~open);
     rules.guarded = guards();
+    rules.mvrp = mvrp;
     // Streams that were there before a restart are registered again soon.
     const bool known = table_.filled() && !(port.inherited && settled_.armed());
     if (records_.config->fence() == Fencing::streams && known)

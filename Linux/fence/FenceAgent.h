@@ -28,6 +28,7 @@
 #include "Linux/records/FenceStatus.h"
 #include "Runtime/Loop.h"
 #include "Switch/Domain.h"
+#include "Switch/VlanMembers.h"
 
 #include <chrono>
 #include <cstdint>
@@ -47,6 +48,7 @@ public:
         std::shared_ptr<const Switch::Domain> domain;
         /// Of the streams that are registered.
         std::shared_ptr<const Bridging::Input::Config> groups;
+        std::shared_ptr<const Bridging::VlanRequests> vlans;
         std::shared_ptr<const CapabilityStatus> capabilities;
         /// Gets what each port's fence keeps out.
         std::shared_ptr<FenceStatus> status;

@@ -91,12 +91,16 @@ constexpr auto keyPart(std::size_t part) { return static_cast<std::size_t>(keyPl
 constexpr std::array<std::uint8_t, 4> streamRange{0x91, 0xE0, 0xF0, 0x00};
 constexpr std::int32_t protocolOctet = 0xFF;
 
+/// A bridge that takes part in MVRP passes none of its frames on (IEEE 802.1Q 8.13.6); the kernel would.
+constexpr std::uint16_t mvrpType = 0x88F5;
+
 class Program {
 public:
     Program(const FenceRules& rules, int table) : rules_{rules}, table_{table} {}
 
     std::vector<bpf_insn> made() && {
         code_.move(frame, BPF_REG_1);
+        if (rules_.mvrp) endHere(mvrpType);
         if (rules_.guarded) guard();
         if ((rules_.closed | rules_.streams) != 0) priority();
         code_.land(pass_);
@@ -110,6 +114,16 @@ public:
     }
 
 private:
+    /// Untagged frames of that type go no further than to the sockets that hear all frames.
+    void endHere(std::uint16_t type) {
+        Assembler::Jumps tagged;
+        code_.load(BPF_W, BPF_REG_2, frame, offsetof(__sk_buff, vlan_present));
+        code_.jumpIf(BPF_JNE, BPF_REG_2, 0, tagged);
+        code_.load(BPF_W, BPF_REG_2, frame, offsetof(__sk_buff, protocol));
+        code_.jumpIf(BPF_JEQ, BPF_REG_2, htons(type), drop_);
+        code_.land(tagged);
+    }
+
     void guard() {
         Assembler::Jumps other;
         loadAddress(other);

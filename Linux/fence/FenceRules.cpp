@@ -2,12 +2,15 @@
 
 #include "Runtime/Text.h"
 
+#include <array>
+
 namespace Linux {
 
 namespace {
 
 constexpr std::string_view ourMark = "msrpd-fence:";
-constexpr std::string_view guardWord = "guarded";
+/// By the rules that are in force besides.
+constexpr std::array<std::array<std::string_view, 2>, 2> words{{{"", "mvrp"}, {"guarded", "guarded+mvrp"}}};
 constexpr unsigned tagPriorities = 8;
 
 std::string digits(std::uint8_t mask) {
@@ -33,7 +36,8 @@ std::optional<std::uint8_t> takeDigits(std::string_view& text) {
 }  // namespace
 
 std::string FenceRules::name() const {
-    return Runtime::concat(ourMark, digits(closed), ':', digits(streams), ':', guarded ? guardWord : "");
+    return Runtime::concat(ourMark, digits(closed), ':', digits(streams), ':',
+                           words[guarded ? 1 : 0][mvrp ? 1 : 0]);
 }
 
 std::optional<FenceRules> FenceRules::parse(std::string_view name) {
@@ -42,7 +46,13 @@ std::optional<FenceRules> FenceRules::parse(std::string_view name) {
     const auto closed = takeDigits(name);
     const auto streams = closed ? takeDigits(name) : std::nullopt;
     if (!streams) return std::nullopt;
-    return FenceRules{*closed, *streams, name == guardWord};
+    for (const bool guarded : {false, true}) {
+        for (const bool mvrp : {false, true}) {
+            if (name == words[guarded ? 1 : 0][mvrp ? 1 : 0])
+                return FenceRules{*closed, *streams, guarded, mvrp};
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace Linux

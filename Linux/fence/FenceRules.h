@@ -15,6 +15,8 @@ struct FenceRules {
     std::uint8_t streams = 0;  ///< so do those of no stream that is known on the port
     /// Frames to an address for streams that has no group are dropped.
     bool guarded = false;
+    /// Frames of MVRP end in this switch.
+    bool mvrp = false;
     auto operator<=>(const FenceRules&) const = default;
 
     /// "msrpd-fence:23::guarded", the name of what carries them out in the kernel; it begins as no other

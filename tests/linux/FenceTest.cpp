@@ -10,17 +10,17 @@ using Linux::FenceRules;
 
 namespace {
 
-constexpr unsigned port = 7;
+constexpr unsigned fencedPort = 7;
 
 Linux::Filter fence(const FenceRules& rules) {
-    return Linux::fenceFilter(port, {rules.name(), 100U + rules.closed, 5});
+    return Linux::fenceFilter(fencedPort, {rules.name(), 100U + rules.closed, 5});
 }
 
 /// "add qdisc, replace filter"
 std::string steps(const std::optional<FenceRules>& wanted, const Linux::FencePlace& have) {
     std::string text;
     for (const auto& step :
-         Linux::planFence(port, wanted ? std::optional{fence(*wanted)} : std::nullopt, have)) {
+         Linux::planFence(fencedPort, wanted ? std::optional{fence(*wanted)} : std::nullopt, have)) {
         const auto& header = *reinterpret_cast<const nlmsghdr*>(step.request.bytes().data());
         const bool deletes = header.nlmsg_type == RTM_DELTFILTER || header.nlmsg_type == RTM_DELQDISC;
         const bool qdisc = header.nlmsg_type == RTM_NEWQDISC || header.nlmsg_type == RTM_DELQDISC;
@@ -37,7 +37,7 @@ TEST(FencePlan, ChangesOurFilterInPlaceAndTouchesNoOther) {
     const FenceRules both{.closed = 0x0C};
     Linux::FencePlace nothing;
     Linux::FencePlace others;
-    others.ingress = Linux::Qdisc{port, TC_H_MAJ(TC_H_CLSACT), TC_H_CLSACT, "clsact", {}};
+    others.ingress = Linux::Qdisc{fencedPort, TC_H_MAJ(TC_H_CLSACT), TC_H_CLSACT, "clsact", {}};
     Linux::Filter foreign = fence(both);
     std::get<Linux::FrameProgram>(foreign.options).name = "theirs";
     others.filters = {foreign};
@@ -58,11 +58,17 @@ TEST(FencePlan, ChangesOurFilterInPlaceAndTouchesNoOther) {
 }
 
 TEST(FenceRules, AreToldByTheNameOfTheirFilter) {
-    for (const FenceRules& rules : {FenceRules{}, {.closed = 0x0C}, {0x80, 0x05, true}, {0xFF, 0xFF, false}})
+    for (const FenceRules& rules : {FenceRules{},
+                                    {.closed = 0x0C},
+                                    {0x80, 0x05, true},
+                                    {0xFF, 0xFF, false},
+                                    {.closed = 8, .mvrp = true},
+                                    {.guarded = true, .mvrp = true}})
         EXPECT_EQ(FenceRules::parse(rules.name()), rules) << rules.name();
     EXPECT_EQ((FenceRules{.closed = 0x0C, .streams = 0x81, .guarded = true}.name()),
               "msrpd-fence:23:07:guarded");
-    for (const char* name : {"", "msrpd", "msrpd-fence:", "msrpd-fence:23", "msrpd-fence:8::", "fence:23::"})
+    for (const char* name : {"", "msrpd", "msrpd-fence:", "msrpd-fence:23",
+                             "msrpd-fence:8::", "fence:23::", "msrpd-fence:23::other"})
         EXPECT_EQ(FenceRules::parse(name), std::nullopt) << name;
 }
 
@@ -71,7 +77,7 @@ TEST(FencePlace, FollowsTheNewsOfItsOwnFilterAlone) {
     const auto take = [&](const Linux::NetlinkMessage& message) {
         place.take(*reinterpret_cast<const nlmsghdr*>(message.bytes().data()));
     };
-    const Linux::Qdisc clsact{port, TC_H_MAJ(TC_H_CLSACT), TC_H_CLSACT, "clsact", {}};
+    const Linux::Qdisc clsact{fencedPort, TC_H_MAJ(TC_H_CLSACT), TC_H_CLSACT, "clsact", {}};
     take(Linux::newQdisc(clsact, 0));
     EXPECT_TRUE(place.ingress);
     Linux::Filter elsewhere = fence({});

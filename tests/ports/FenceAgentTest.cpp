@@ -22,7 +22,7 @@ protected:
               agent{t.loop,
                     devices,
                     t.kernel,
-                    {t.config, t.domain, t.groups, t.capabilities, t.status},
+                    {t.config, t.domain, t.groups, t.vlans, t.capabilities, t.status},
                     [this, &t] {
                         t.loop.post([this, alive = std::weak_ptr{token}] {
                             if (!alive.expired()) agent.apply();
@@ -120,12 +120,31 @@ protected:
     std::shared_ptr<Linux::Config> config = std::make_shared<Linux::Config>();
     std::shared_ptr<Switch::Domain> domain = std::make_shared<Switch::Domain>();
     std::shared_ptr<Bridging::Input::Config> groups = std::make_shared<Bridging::Input::Config>();
+    std::shared_ptr<Bridging::VlanRequests> vlans = std::make_shared<Bridging::VlanRequests>();
     std::shared_ptr<Linux::CapabilityStatus> capabilities = std::make_shared<Linux::CapabilityStatus>();
     std::shared_ptr<Linux::FenceStatus> status = std::make_shared<Linux::FenceStatus>();
     std::unique_ptr<RawEnd> from;
     std::unique_ptr<RawEnd> to;
     std::string said;
 };
+
+TEST_F(FenceAgentTest, FramesOfMvrpEndInASwitchThatSpeaksIt) {
+    const Octets mvrp = frame({0x88, 0xF5}, {1, 0x80, 0xC2, 0, 0, 0x21});
+    for (const Linux::Fencing fence : {Linux::Fencing::none, Linux::Fencing::ports}) {
+        config->fenceIs(fence);
+        Life life{*this};
+        EXPECT_EQ(out(mvrp), "88f5 ") << "as any other frame to a group";
+        const RawEnd here{"p1"};
+        vlans->runningIs(true);
+        EXPECT_UNTIL("", out(mvrp));
+        EXPECT_FALSE(here.heard().empty()) << "the switch itself hears them";
+        EXPECT_EQ(out(frame({0x81, 0, 0x00, 2, 0x88, 0xF5})), "8100000288f5 ");
+        vlans->runningIs(false);
+        EXPECT_UNTIL("88f5 ", out(mvrp));
+        life.agent.stop();
+        EXPECT_EQ(filters(), "");
+    }
+}
 
 TEST_F(FenceAgentTest, FramesFromOutsideLoseThePriorityOfTheClassesAndNothingElse) {
     EXPECT_EQ(priorities(), "01234567");
