@@ -143,16 +143,16 @@ swp2  no       Failed  -         30s  stream destination address already in use 
     b.bridge.refusals->portIs(IntfId{"swp1"}, "half duplex");
     EXPECT_EQ(
         b.text(Show::ports()),
-        R"(PORT  LINK          SPEED  STATE       CLASS A       A KBPS      CLASS B       B KBPS   SHAPED KBPS     WAITING  RX PDUS  TX PDUS  REFUSED  MALFORMED  DROPPED
-swp1  up            1G     Forwarding  Core          0/10000     Core          0/10000  none            2        8        11       0        0          0
+        R"(PORT  LINK          SPEED  TIME  STATE       CLASS A       A KBPS      CLASS B       B KBPS   SHAPED KBPS     WAITING  RX PDUS  TX PDUS  REFUSED  MALFORMED  DROPPED
+swp1  up            1G     -     Forwarding  Core          0/10000     Core          0/10000  none            2        8        11       0        0          0
     queues are not shaped: half duplex
     00:00:00:00:00:00/7 wants its address, held by 00:00:00:00:00:00/3, waiting for 1m01s, first in line
     00:00:00:00:00:00/8 wants its address, held by 00:00:00:00:00:00/3, waiting for 30s at place 2 behind 00:00:00:00:00:00/7
-swp2  up            1G     Forwarding  Core          9088/10000  Core          0/912    unicast:7 9088  3        6        15       0        0          0
+swp2  up            1G     -     Forwarding  Core          9088/10000  Core          0/912    unicast:7 9088  3        6        15       0        0          0
     00:00:00:00:00:00/5 wants bandwidth, 8176 kbps missing, waiting for 2m03s, first in line
     00:00:00:00:00:00/4 wants bandwidth, 8176 kbps missing, waiting for 1m52s at place 2 behind 00:00:00:00:00:00/5
     00:00:00:00:00:00/6 wants bandwidth, 8176 kbps missing, waiting for 1m31s, looked at again when its talker repeats it
-swp9  no interface  -      Blocked     NotSupported  0/0         NotSupported  0/0      -               0        -        -        -        -          -
+swp9  no interface  -      -     Blocked     NotSupported  0/0         NotSupported  0/0      -               0        -        -        -        -          -
 )");
     EXPECT_EQ(json(b.value(Show::ports()), {"swp2", "shaped"}), R"({"unicast:7":9088})");
     b.capabilities->shapingIs(IntfId{"swp2"})->shaperIs(Linux::Shaper::none);
@@ -160,7 +160,7 @@ swp9  no interface  -      Blocked     NotSupported  0/0         NotSupported  0
     // Every member, whatever is known.
     EXPECT_EQ(
         json(b.value(Show::ports()), {"swp9"}),
-        R"({"link":"no interface","speed":null,"portState":"Blocked","srClassA":"NotSupported","srClassABandwidth":"0/0",)"
+        R"({"link":"no interface","speed":null,"time":null,"portState":"Blocked","srClassA":"NotSupported","srClassABandwidth":"0/0",)"
         R"("srClassB":"NotSupported","srClassBBandwidth":"0/0","shaped":{},"notShaped":null,"waiting":0,"rxPdus":null,)"
         R"("txPdus":null,"refusedJoins":null,"malformed":null,"droppedRegistrations":null})");
 }
