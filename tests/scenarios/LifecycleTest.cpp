@@ -168,7 +168,7 @@ TEST_F(Scenario, BandwidthIsReleasedByWhoeverCannotUseItAnyMore) {
     const auto end = [&] {
         settle();
         EXPECT_EQ(bridge.allocated("p2", SrClassId::SrClassA), 480'000U) << "the other one has it";
-        for (const std::uint64_t id : {1, 2}) p2.say(listener(id, ListenerState::Ready, Event::Lv));
+        for (const std::uint64_t id : {1U, 2U}) p2.say(listener(id, ListenerState::Ready, Event::Lv));
         quiet();
     };
     begin();
