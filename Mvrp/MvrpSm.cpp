@@ -81,22 +81,29 @@ VlanSet MvrpSm::allowed(IntfId intf) const {
     return streams;
 }
 
-VlanSet MvrpSm::forwarding(IntfId intf) const {
-    const auto forwards = [&](const std::string& topology) {
-        const auto topo = inputs_.topology->topoConfig(topology);
-        const auto port = topo ? topo->topoPortConfig(intf) : nullptr;
-        return port && port->state() == PortState::forwarding;
-    };
-    VlanSet out;
+void MvrpSm::refreshForwarding() {
+    if (!std::exchange(topologyStale_, false)) return;
     // VLANs without a tree of their own go by the common one (11.2.1).
-    if (forwards(Stp::baseTopology(*inputs_.stp, inputs_.bridging.get(), intf))) out = allVlans();
-    std::map<std::string, bool> known;
-    for (const auto& [vlan, topology] : inputs_.topology->vlanTopology()) {
-        const auto [at, fresh] = known.try_emplace(topology);
-        if (fresh) at->second = forwards(topology);
-        out.set(vlan.value(), at->second);
+    VlanSet common = allVlans();
+    std::map<std::string, VlanSet> trees;
+    for (const auto& [vlan, tree] : inputs_.topology->vlanTopology()) {
+        trees[tree].set(vlan.value());
+        common.reset(vlan.value());
     }
-    return out;
+    for (auto& [intf, vlans] : vlans_) {
+        const IntfId port = intf;
+        const auto forwards = [&](const std::string& tree) {
+            const auto topo = inputs_.topology->topoConfig(tree);
+            const auto state = topo ? topo->topoPortConfig(port) : nullptr;
+            return state && state->state() == PortState::forwarding;
+        };
+        vlans.forwarding.reset();
+        if (forwards(Stp::baseTopology(*inputs_.stp, inputs_.bridging.get(), port)))
+            vlans.forwarding = common;
+        for (const auto& [tree, carried] : trees) {
+            if (forwards(tree)) vlans.forwarding |= carried;
+        }
+    }
 }
 
 void MvrpSm::refreshSoon() {
@@ -115,16 +122,17 @@ void MvrpSm::refresh() {
     for (const auto& [intf, enabled] : configured) {
         if (mayRun(intf) && !ports_.contains(intf)) startPort(intf);
     }
+    std::set<IntfId> closed;
+    for (const auto& [intf, vlans] : vlans_) {
+        if (vlans.forwarding.none()) closed.insert(intf);
+    }
     refreshFixed();
+    refreshForwarding();
     std::set<IntfId> opened;
     for (auto& [intf, port] : ports_) {
-        PortVlans& vlans = vlans_[intf];
-        const bool closed = vlans.forwarding.none();
-        if (topologyStale_) vlans.forwarding = forwarding(intf);
-        if (closed && vlans.forwarding.any()) opened.insert(intf);
+        if (closed.contains(intf) && vlans_[intf].forwarding.any()) opened.insert(intf);
         allowedChanged(intf, port, allowed(intf));
     }
-    topologyStale_ = false;
     declareAll(opened);
 }
 
@@ -237,8 +245,10 @@ void MvrpSm::declareAll(const std::set<IntfId>& opened) {
 }
 
 void MvrpSm::declareOne(VlanId vlan, IntfId from) {
+    std::size_t offering = 0;
+    for (const auto& [intf, vlans] : vlans_) offering += vlans.offers(vlan) ? 1U : 0U;
     for (auto& [intf, port] : ports_) {
-        const bool wanted = declares(vlans_, intf, vlan);
+        const bool wanted = vlans_[intf].declares(vlan, offering);
         const bool declared = port.declared.test(vlan.value());
         const bool again = wanted && from && from != intf;
         if (again) {

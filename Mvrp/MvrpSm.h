@@ -67,10 +67,10 @@ private:
     [[nodiscard]] VlanId incomingVlan() const;
     [[nodiscard]] bool mayRun(IntfId intf) const;
     [[nodiscard]] VlanSet allowed(IntfId intf) const;
-    [[nodiscard]] VlanSet forwarding(IntfId intf) const;
     /// Takes in what the records say, once for all that has changed in a turn of the loop.
     void refresh();
     void refreshFixed();
+    void refreshForwarding();
     void refreshSoon();
     void startPort(IntfId intf);
     void stopPort(IntfId intf);

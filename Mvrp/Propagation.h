@@ -5,7 +5,6 @@
 #include "Switch/VlanSet.h"
 
 #include <cstddef>
-#include <iterator>
 #include <map>
 
 namespace Mvrp {
@@ -19,6 +18,14 @@ struct PortVlans {
 
     /// What the others may declare because of this port.
     [[nodiscard]] VlanSet offered() const { return (registered | fixed) & forwarding; }
+    [[nodiscard]] bool offers(VlanId vlan) const {
+        const std::size_t bit = vlan.value();
+        return (registered.test(bit) || fixed.test(bit)) && forwarding.test(bit);
+    }
+    /// Whether it declares the VLAN, when so many ports offer it, itself included.
+    [[nodiscard]] bool declares(VlanId vlan, std::size_t offering) const {
+        return forwarding.test(vlan.value()) && offering > (offers(vlan) ? 1U : 0U);
+    }
 };
 
 /// What each port declares.
@@ -35,19 +42,6 @@ std::map<Key, VlanSet> declarations(const std::map<Key, PortVlans>& ports) {
     for (const auto& [key, port] : ports)
         out.emplace_hint(out.end(), key, (twice | (once & ~port.offered())) & port.forwarding);
     return out;
-}
-
-/// Whether one port declares one VLAN: the same for a single one.
-template <class Key>
-bool declares(const std::map<Key, PortVlans>& ports, const Key& key, VlanId vlan) {
-    const auto at = ports.find(key);
-    if (at == ports.end() || !at->second.forwarding.test(vlan.value())) return false;
-    for (auto other = ports.begin(); other != ports.end(); ++other) {
-        const PortVlans& port = other->second;
-        const bool offers = port.registered.test(vlan.value()) || port.fixed.test(vlan.value());
-        if (other != at && offers && port.forwarding.test(vlan.value())) return true;
-    }
-    return false;
 }
 
 }  // namespace Mvrp

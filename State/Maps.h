@@ -50,6 +50,7 @@ public:
     }
     void clear() { items_.clear(); }
 
+    bool operator==(const FlatMap&) const = default;
     [[nodiscard]] bool empty() const { return items_.empty(); }
     [[nodiscard]] std::size_t size() const { return items_.size(); }
     [[nodiscard]] auto begin() const { return items_.begin(); }

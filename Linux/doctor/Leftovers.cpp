@@ -7,6 +7,8 @@
 #include "Linux/queues/IngressMap.h"
 #include "Linux/queues/PortQueues.h"
 #include "Linux/queues/QueuePlan.h"
+#include "Linux/vlans/MembershipMessage.h"
+#include "Linux/vlans/OwnedVlans.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
@@ -114,6 +116,26 @@ std::string findFences(NetlinkChannel& kernel, const DeviceTable& devices, std::
     return {};
 }
 
+std::string findVlans(const DeviceTable& devices, const std::string& files, std::vector<Leftover>& found) {
+    if (files.empty()) return {};
+    const auto memory = std::make_shared<OwnedVlans>(files + ".vlans");
+    if (std::string problem = memory->read(); !problem.empty()) return problem;
+    for (const auto& [ifindex, port] : memory->ports()) {
+        const Device* device = devices.find(ifindex);
+        if (device == nullptr || device->name != port.name || device->bridge == 0) continue;
+        found.push_back({device->name, concat("memberships that MVRP had brought: ", vlanText(port.vlans)),
+                         [memory, index = ifindex, held = port](NetlinkChannel& channel) {
+                             for (const VlanSpan span : spansOf(held.vlans)) {
+                                 const NetlinkAnswer answer = channel.carryOut(leaveVlans(index, span));
+                                 if (!answer) return answer.problem();
+                             }
+                             memory->portIs(index, held.name, {});
+                             return memory->flush();
+                         }});
+    }
+    return {};
+}
+
 std::string findRouterPorts(const DeviceTable& devices, const std::string& files,
                             std::vector<Leftover>& found) {
     if (files.empty()) return {};
@@ -141,6 +163,7 @@ std::string findLeftovers(NetlinkChannel& kernel, const DeviceTable& devices, co
     std::string problem = findGroups(kernel, devices, marks.groupProtocols, found);
     if (problem.empty()) problem = findQueues(kernel, devices, marks.queueHandles, found);
     if (problem.empty()) problem = findFences(kernel, devices, found);
+    if (problem.empty()) problem = findVlans(devices, marks.files, found);
     if (problem.empty()) problem = findRouterPorts(devices, marks.files, found);
     return problem;
 }

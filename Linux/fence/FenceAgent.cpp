@@ -389,12 +389,16 @@ void FenceAgent::publish(Port& port, std::uint8_t closed, const std::string& pro
     port.problem = problem;
     // That the kernel cannot do it at all is said for all ports at once.
     if (records_.capabilities->abilities().ebpf == Ability::absent) return;
+    const bool fenced = usesTable();
     if (problem.empty()) {
         tell(Tone::informational,
-             concat(port.name, ": frames from outside the classes' domain are kept out again"));
+             concat(port.name, fenced ? ": frames from outside the classes' domain are kept out again"
+                                      : ": frames of MVRP end here again"));
     } else {
-        tell(Tone::warning,
-             concat(port.name, ": frames from outside the classes' domain may use their queues: ", problem));
+        tell(Tone::warning, concat(port.name,
+                                   fenced ? ": frames from outside the classes' domain may use their queues: "
+                                          : ": frames of MVRP may go on to other ports: ",
+                                   problem));
     }
 }
 

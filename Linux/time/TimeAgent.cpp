@@ -58,6 +58,7 @@ std::string TimeAgent::start(const std::string& server, Pace pace) {
     pace_ = pace;
     status_->askedIs(true);
     server_ = server;
+    serverName_ = server;
     asker_.number = static_cast<std::uint16_t>(::getpid());
     const auto here = unixAddress(own_);
     if (!here || !unixAddress(server))
@@ -104,11 +105,23 @@ void TimeAgent::hear() {
                                           reinterpret_cast<sockaddr*>(&from), &length);
         if (octets < 0) break;
         from.sun_path[sizeof from.sun_path - 1] = '\0';
-        if (server_ != from.sun_path) continue;
+        if (!isServer(from.sun_path)) continue;
         if (const auto answer = decodePtp(std::span{message}.first(static_cast<std::size_t>(octets))))
             take(*answer);
     }
     publish();
+}
+
+bool TimeAgent::isServer(const std::string& path) {
+    if (path == serverName_) return true;
+    // It may have bound the same socket by another name: /run for /var/run.
+    struct stat named {};
+    struct stat asked {};
+    if (::stat(path.c_str(), &named) != 0 || ::stat(server_.c_str(), &asked) != 0 ||
+        named.st_dev != asked.st_dev || named.st_ino != asked.st_ino)
+        return false;
+    serverName_ = path;
+    return true;
 }
 
 void TimeAgent::take(const PtpAnswer& answer) {

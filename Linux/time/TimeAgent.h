@@ -49,6 +49,8 @@ private:
     void ask();
     void hear();
     bool send(const std::vector<std::uint8_t>& message);
+    /// Whether that is the socket that was asked.
+    bool isServer(const std::string& path);
     void take(const PtpAnswer& answer);
     void publish();
 
@@ -57,6 +59,7 @@ private:
     const Said said_;
     const std::string own_;
     std::string server_;
+    std::string serverName_;  ///< as it calls itself
     Runtime::FileDescriptor fd_;
     Runtime::FdLoop::Watch watch_;
     Runtime::Timer next_;

@@ -46,7 +46,7 @@ NetlinkMessage joinVlans(unsigned port, VlanSpan vlans) { return membership(RTM_
 
 NetlinkMessage leaveVlans(unsigned port, VlanSpan vlans) { return membership(RTM_DELLINK, port, vlans); }
 
-NetlinkMessage forgetAddresses(unsigned bridge, unsigned port, VlanId vlan) {
+NetlinkMessage forgetAddresses(unsigned bridge, unsigned port, std::optional<VlanId> vlan) {
     NetlinkMessage message{RTM_DELNEIGH, static_cast<std::uint16_t>(requestAck | netlinkBulk)};
     ndmsg header{};
     header.ndm_family = AF_BRIDGE;
@@ -54,10 +54,8 @@ NetlinkMessage forgetAddresses(unsigned bridge, unsigned port, VlanId vlan) {
     header.ndm_flags = NTF_SELF;
     // Those that are neither the bridge's own nor entered by somebody.
     constexpr std::uint16_t states = NUD_PERMANENT | NUD_NOARP;
-    message.part(header)
-        .attribute(NDA_IFINDEX, std::uint32_t{port})
-        .attribute(NDA_VLAN, vlan.value())
-        .attribute(NDA_NDM_STATE_MASK, states);
+    message.part(header).attribute(NDA_IFINDEX, std::uint32_t{port}).attribute(NDA_NDM_STATE_MASK, states);
+    if (vlan) message.attribute(NDA_VLAN, vlan->value());
     return message;
 }
 

@@ -4,6 +4,7 @@
 #include "Linux/kernel/NetlinkMessage.h"
 #include "Switch/VlanSet.h"
 
+#include <optional>
 #include <vector>
 
 namespace Linux {
@@ -21,7 +22,8 @@ std::vector<VlanSpan> spansOf(const VlanSet& vlans);
 NetlinkMessage joinVlans(unsigned port, VlanSpan vlans);
 /// It is one no more.
 NetlinkMessage leaveVlans(unsigned port, VlanSpan vlans);
-/// What the bridge has learnt of that VLAN on the port is forgotten; what somebody has entered stays.
-NetlinkMessage forgetAddresses(unsigned bridge, unsigned port, VlanId vlan);
+/// What the bridge has learnt on the port, of that VLAN or of all, is forgotten; what somebody has entered
+/// stays.
+NetlinkMessage forgetAddresses(unsigned bridge, unsigned port, std::optional<VlanId> vlan);
 
 }  // namespace Linux

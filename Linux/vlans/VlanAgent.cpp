@@ -12,6 +12,10 @@ namespace {
 
 constexpr std::chrono::seconds firstRetry{1};
 constexpr std::chrono::minutes lastRetry{5};
+/// Each request to forget has the kernel walk over all addresses: a peer may not ask for that again and
+/// again, nor for thousands of VLANs one by one.
+constexpr std::chrono::milliseconds forgetPause{200};
+constexpr std::size_t forgetOneByOne = 8;
 
 }  // namespace
 
@@ -37,9 +41,7 @@ void VlanAgent::start(Runtime::Duration settling) {
     if (const std::string problem = owned_.read(); !problem.empty()) report_(Tone::warning, problem);
     settling_ = !owned_.ports().empty();
     if (settling_) settled_.armIn(settling);
-    const auto soon = [this] {
-        if (!due_.armed() || due_.when() > loop_.now()) due_.armIn({});
-    };
+    const auto soon = [this] { comeBack(loop_.now()); };
     reactor_ = requests_->watch([soon](const State::Change&) { soon(); });
     bridge_.onVlans(soon);
     carryOut();
@@ -121,16 +123,15 @@ void VlanAgent::settlePort(unsigned ifindex, Port& port, bool all) {
     if (!settling_) ask(ifindex, port, port.ours & ~want & have, false);
     VlanSet missing = want & ~have & ~port.ours;
     eachVlan(missing, [&](VlanId vlan) {
-        if (!all && contentions_.leftAlone({ifindex, vlan}, now)) missing.reset(vlan.value());
+        if (all || !contentions_.leftAlone({ifindex, vlan}, now)) return;
+        missing.reset(vlan.value());
+        comeBack(now + Contention::span);
     });
     if (missing.none()) {
         if ((want & ~have & ~port.ours).none()) port.problem.clear();
         return;
     }
-    if (!all && now < port.again) {
-        if (!due_.armed() || due_.when() > port.again) due_.armAt(port.again);
-        return;
-    }
+    if (!all && now < port.again) return comeBack(port.again);
     // Before the kernel is asked: who dies in between must know them again.
     owned_.portIs(ifindex, nameOf(ifindex), port.ours | missing);
     if (const std::string problem = owned_.flush(); !problem.empty()) return failed(ifindex, port, problem);
@@ -167,14 +168,18 @@ VlanSet VlanAgent::ask(unsigned ifindex, Port& port, const VlanSet& vlans, bool 
 
 void VlanAgent::forget(unsigned bridge, unsigned ifindex, Port& port) {
     const auto request = requests_->port(IntfId{nameOf(ifindex)});
-    if (!request) return;
+    if (!request || request->flush() == port.flushed) return;
+    const Runtime::Time now = loop_.now();
+    if (now < port.mayForget) return comeBack(port.mayForget);
+    port.mayForget = now + forgetPause;
     std::vector<NetlinkMessage> messages;
     for (const auto& [vlan, count] : request->flush()) {
-        if (std::exchange(port.flushed[vlan], count) != count)
-            messages.push_back(forgetAddresses(bridge, ifindex, vlan));
+        if (port.flushed.get(vlan) != count) messages.push_back(forgetAddresses(bridge, ifindex, vlan));
     }
+    if (messages.size() > forgetOneByOne) messages.assign(1, forgetAddresses(bridge, ifindex, std::nullopt));
+    port.flushed = request->flush();
     for (const NetlinkAnswer& answer : kernel_.carryOut(messages)) {
-        if (!answer) failed(ifindex, port, Runtime::concat("cannot forget addresses: ", answer.problem()));
+        if (!answer) say(Runtime::concat(nameOf(ifindex), ": cannot forget addresses: ", answer.problem()));
     }
 }
 
@@ -182,8 +187,15 @@ void VlanAgent::failed(unsigned ifindex, Port& port, const std::string& why) {
     port.problem = why;
     port.patience = std::clamp<Runtime::Duration>(port.patience * 2, firstRetry, lastRetry);
     port.again = loop_.now() + port.patience;
-    if (running_ && (!due_.armed() || due_.when() > port.again)) due_.armAt(port.again);
-    const std::string line = Runtime::concat(nameOf(ifindex), ": ", why);
+    comeBack(port.again);
+    say(Runtime::concat(nameOf(ifindex), ": ", why));
+}
+
+void VlanAgent::comeBack(Runtime::Time when) {
+    if (running_ && (!due_.armed() || due_.when() > when)) due_.armAt(when);
+}
+
+void VlanAgent::say(const std::string& line) {
     if (told_.insert(line).second) report_(Tone::warning, line);
     constexpr std::size_t remembered = 1000;
     if (told_.size() > remembered) told_.clear();
@@ -193,8 +205,7 @@ void VlanAgent::remember() {
     const OwnedVlans::Ports before = owned_.ports();
     for (const auto& [ifindex, port] : before) owned_.portIs(ifindex, port.name, {});
     for (const auto& [ifindex, port] : ports_) owned_.portIs(ifindex, nameOf(ifindex), port.ours);
-    if (const std::string problem = owned_.flush(); !problem.empty() && told_.insert(problem).second)
-        report_(Tone::warning, problem);
+    if (const std::string problem = owned_.flush(); !problem.empty()) say(problem);
 }
 
 void VlanAgent::publish() {

@@ -39,7 +39,8 @@ public:
 private:
     struct Port {
         VlanSet ours;
-        std::map<VlanId, std::uint32_t> flushed;
+        State::FlatMap<VlanId, std::uint32_t> flushed;  ///< what was forgotten, by its count
+        Runtime::Time mayForget{};
         std::string problem;
         Runtime::Time again{};  ///< not asked before that
         Runtime::Duration patience{};
@@ -55,6 +56,9 @@ private:
     /// Asks for them one span after the other; those that the kernel has carried out.
     VlanSet ask(unsigned ifindex, Port& port, const VlanSet& vlans, bool join);
     void forget(unsigned bridge, unsigned ifindex, Port& port);
+    /// To be carried out then, at the latest.
+    void comeBack(Runtime::Time when);
+    void say(const std::string& line);
     void failed(unsigned ifindex, Port& port, const std::string& why);
     void remember();
     void publish();
