@@ -57,7 +57,7 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
              devices,
              requests_,
              {records.config, records.domain, records.groups, records.vlans, records.capabilities,
-              records.fence, places_},
+              records.fence, records.streams, records.traffic, places_},
              [this] { wake(); },
              report} {}
 
@@ -96,7 +96,8 @@ std::vector<std::string> Dataplane::audit(bool repair) {
 bool Dataplane::lacking() const {
     const Abilities& abilities = capabilities_->abilities();
     return lacksAbility(config_->shaping(), abilities) ||
-           (config_->fence() != Fencing::none && abilities.ebpf != Ability::present);
+           ((config_->fence() != Fencing::none || config_->streams() != Metering::none) &&
+            abilities.ebpf != Ability::present);
 }
 
 void Dataplane::probe() { probe_.start(); }

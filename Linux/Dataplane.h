@@ -35,12 +35,14 @@ public:
         std::shared_ptr<const Qos::Status> queueMap;
         std::shared_ptr<const Qos::HwStatus> hardwareQueueMap;
         std::shared_ptr<const Switch::Domain> domain;
+        std::shared_ptr<Switch::Streams> streams;
         // How that goes.
         std::shared_ptr<GroupStatus> groupStatus;
         std::shared_ptr<Bridging::VlanMembers> vlanMembers;
         std::shared_ptr<Switch::Refusals> refusals;
         std::shared_ptr<CapabilityStatus> capabilities;
         std::shared_ptr<FenceStatus> fence;
+        std::shared_ptr<TrafficStatus> traffic;
     };
 
     /// Loop and devices must outlive it; `files` is what the paths of files begin with that it may keep.

@@ -13,6 +13,7 @@
 #include "Switch/Qos.h"
 #include "Switch/Refusals.h"
 #include "Switch/Stp.h"
+#include "Switch/Streams.h"
 #include "Switch/Time.h"
 
 namespace Msrp {
@@ -35,6 +36,7 @@ void populate(State::Database& database) {
     database.entityIs<Switch::Refusals>("switch/refusals");
     database.entityIs<Switch::TimeStatus>("switch/time");
     database.entityIs<Switch::Domain>("switch/domain");
+    database.entityIs<Switch::Streams>("switch/streams");
     database.entityIs<Interface::AllIntfStatusDir>("interface/status/all");
     database.entityIs<Interface::AllIntfStatusLocalDir>("interface/status/local");
     database.entityIs<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");

@@ -65,6 +65,7 @@ void Agent::doInit() {
     entities.mountIs("switch/refusals", "Switch::Refusals", "r");
     entities.mountIs("switch/time", "Switch::TimeStatus", "r");
     entities.mountIs("switch/domain", "Switch::Domain", "wc");
+    entities.mountIs("switch/streams", "Switch::Streams", "wc");
 
     entities.localEntityIs<Bridging::Topology::Status>("bridging/topology/status");
 }
@@ -90,6 +91,7 @@ void Agent::fetchRecords() {
     refusals_ = entities.reader<Switch::Refusals>("switch/refusals");
     time_ = entities.reader<Switch::TimeStatus>("switch/time");
     domain_ = entities.writer<Switch::Domain>("switch/domain");
+    streams_ = entities.writer<Switch::Streams>("switch/streams");
     bridgingTopoStatus_ = entities.writer<Bridging::Topology::Status>("bridging/topology/status");
 }
 
@@ -150,6 +152,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
                                                         .ringLog = env.ringLog,
                                                         .unitsPerTurn = env.unitsPerTurn});
     domainPublisher_ = std::make_unique<DomainPublisher>(msrpCliConfig_, msrpStatus_, domain_);
+    streamPublisher_ = std::make_unique<StreamPublisher>(msrpStatus_, streams_);
     handleStandbyMode();
 }
 
@@ -173,6 +176,7 @@ void Agent::handleStandbyMode() {
     msrpSm_->standbyModeIs(standbyMode_);
     msrpSm_->handleStandbyMode();
     domainPublisher_->standbyModeIs(standbyMode_);
+    streamPublisher_->standbyModeIs(standbyMode_);
 }
 
 void Agent::withdraw() {
@@ -181,6 +185,7 @@ void Agent::withdraw() {
 
 void Agent::doCleanup() {
     redundancyStatusSm_.reset();
+    streamPublisher_.reset();
     domainPublisher_.reset();
     // In standby it is the other agent's.
     if (brMsrpConfig_ && !standbyMode_) brMsrpConfig_->fdbConfigPriorityIs(0);

@@ -10,6 +10,7 @@
 #include "Msrp/MsrpSm.h"
 #include "Msrp/RedundancyStatusSm.h"
 #include "Msrp/domain/DomainPublisher.h"
+#include "Msrp/talker/StreamPublisher.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
 #include "Runtime/Agent.h"
@@ -65,6 +66,7 @@ private:
     std::shared_ptr<const Switch::Refusals> refusals_;
     std::shared_ptr<const Switch::TimeStatus> time_;
     std::shared_ptr<Switch::Domain> domain_;
+    std::shared_ptr<Switch::Streams> streams_;
     std::unique_ptr<RedundancyStatusSm> redundancyStatusSm_;
     std::shared_ptr<Bridging::Topology::TopoLibState> topoLibState_;
     std::unique_ptr<Bridging::Topology::TopoLibSm> topoLibSm_;
@@ -73,6 +75,7 @@ private:
     std::unique_ptr<Mrp::MrpAttrLogSm> msrpAttrLogSm_;
     std::unique_ptr<MsrpSm> msrpSm_;
     std::unique_ptr<DomainPublisher> domainPublisher_;
+    std::unique_ptr<StreamPublisher> streamPublisher_;
     bool mountsComplete_ = false;
     bool standbyMode_ = false;
 };

@@ -19,6 +19,8 @@ struct View {
 
 /// One row for each stream, and below it the ports that carry it and the reasons of those that do not.
 const View& streams();
+/// What is reserved for each stream, and what comes in of it.
+const View& traffic();
 /// Link, forwarding, classes, bandwidth in use and allowed, and how the protocol fares, for each port.
 const View& ports();
 /// What each port is to each class, and the Domain that it declares.

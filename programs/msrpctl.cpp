@@ -37,6 +37,7 @@ struct Options {
     std::uint64_t vlan = 2;
     std::uint64_t count = 0;
     bool repair = false;
+    bool traffic = false;
     std::vector<std::uint64_t> protocols{Linux::Config{}.groupProtocol()};
     std::vector<std::uint64_t> handles{Linux::Config{}.queueHandle()};
     bool yes = false;
@@ -226,7 +227,10 @@ int main(int argc, char** argv) {
     const auto view = [&](const char* name, const char* help, const Show::View& (*which)()) {
         shows.command(name, help, [&o, which] { return show(o, which()); });
     };
-    view("streams", "All streams: which ports carry them, and why the others do not", Show::streams);
+    shows
+        .command("streams", "All streams: which ports carry them, and why the others do not",
+                 [&o] { return show(o, o.traffic ? Show::traffic() : Show::streams()); })
+        .flag("--traffic", "What comes in of each from its talker, against what is reserved", o.traffic);
     shows.command("stream", "All about one stream", [&] { return showStream(o); })
         .text("ID", "0x... or address/number, 00:11:22:33:44:55/1", o.stream, required);
     view("ports",

@@ -161,6 +161,7 @@ private:
     [[nodiscard]] const std::string& onBridge() const { return linux_->bridge(); }
 
     std::string startDataplane() {
+        streams_->wantedIs(linux_->streams() != Linux::Metering::none);
         // Its files lie beside the control socket: two daemons have two sockets, so none reads another's.
         dataplane_.emplace(
             loop_, devices_,
@@ -174,11 +175,13 @@ private:
                                       .queueMap = record<Qos::Status>("qos/status"),
                                       .hardwareQueueMap = record<Qos::HwStatus>("qos/hardware/status/global"),
                                       .domain = record<Switch::Domain>("switch/domain"),
+                                      .streams = streams_,
                                       .groupStatus = groups_,
                                       .vlanMembers = record<Bridging::VlanMembers>("bridging/vlans"),
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_,
-                                      .fence = fence_},
+                                      .fence = fence_,
+                                      .traffic = traffic_},
             options_.socket,
             [this](Linux::Tone tone, const std::string& line) { tell(static_cast<int>(tone), line); },
             [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
@@ -296,6 +299,8 @@ private:
     std::shared_ptr<Linux::CapabilityStatus> capabilities_ =
         record<Linux::CapabilityStatus>("linux/capabilities");
     std::shared_ptr<Linux::FenceStatus> fence_ = record<Linux::FenceStatus>("linux/fence");
+    std::shared_ptr<Linux::TrafficStatus> traffic_ = record<Linux::TrafficStatus>("linux/traffic");
+    std::shared_ptr<Switch::Streams> streams_ = record<Switch::Streams>("switch/streams");
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_ =
         record<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =

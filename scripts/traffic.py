@@ -100,21 +100,26 @@ class Sender:
 
 
 class Counter:
-    """Counts the tagged frames that arrive, by priority, until the block ends.
+    """Counts the tagged frames that arrive, all or those to one `destination`, by priority, until the block ends.
 
     The kernel counts: each priority has a socket whose filter lets that priority pass, and nobody reads it.
     """
 
-    def __init__(self, namespace, interface, priorities=range(8)):
+    def __init__(self, namespace, interface, priorities=range(8), destination=None):
         self._sockets = {}
         with inside(namespace):
             for priority in priorities:
-                self._sockets[priority] = self._open(interface, priority)
+                self._sockets[priority] = self._open(interface, priority, destination)
 
     @staticmethod
-    def _open(interface, priority):
+    def _open(interface, priority, destination):
         counting = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
-        program = [(0x20, 0, 0, 0xfffff030),      # load: is there a tag
+        own = [] if destination is None else [
+            (0x20, 0, 0, 2),               # load the end of its destination
+            (0x15, 1, 0, int(destination.replace(":", "")[4:], 16)),
+            (0x06, 0, 0, 0)]               # another: refuse
+        program = [*own,
+                   (0x20, 0, 0, 0xfffff030),      # load: is there a tag
                    (0x15, 0, 4, 1),               # no: refuse
                    (0x20, 0, 0, 0xfffff02c),      # load the tag
                    (0x74, 0, 0, 13),              # its priority

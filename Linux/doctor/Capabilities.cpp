@@ -104,7 +104,7 @@ private:
     bool fence() {
         const FenceRules rules{.closed = 1U << 3};
         LoadedProgram program;
-        if (!loadProgram(fenceProgram(rules, -1), program).empty()) return false;
+        if (!loadProgram(fenceProgram(rules, {}), program).empty()) return false;
         const FrameProgram wanted{rules.name(), program.id, program.descriptor.get()};
         return done(newFilter(fenceFilter(loopback, wanted), requestAdd));
     }
@@ -219,7 +219,8 @@ constexpr auto allLimitations = std::to_array<Limitation>({
     {&Abilities::flower,
      "no flower filters: forwarded frames cannot be sorted into queues that are shaped by credits"},
     {&Abilities::ebpf,
-     "no programs that change incoming frames: those from outside the classes' domain may use their queues"},
+     "no programs that change incoming frames: those from outside the classes' domain may use their queues, "
+     "and streams are not measured"},
     {&Abilities::vlanFiltering, "bridges do not filter VLANs: all ports are members of all VLANs"},
     {&Abilities::groups, "bridges take no groups of MAC addresses: streams go to all ports"},
     {&Abilities::groupOwner, "bridges do not note whose a group is: a file tells ours after a restart"},

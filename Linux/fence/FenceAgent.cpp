@@ -17,6 +17,7 @@ using Runtime::concat;
 constexpr int fencesPerTurn = 16;
 /// Streams and groups that are told to the kernel in one turn.
 constexpr std::size_t tableChangesPerTurn = 512;
+constexpr std::size_t meterChangesPerTurn = 256;
 /// That are kept though no port has them now.
 constexpr std::size_t programsKept = 16;
 constexpr int fenceNoticeBytes = 1 << 20;
@@ -55,6 +56,8 @@ FenceAgent::FenceAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
                   groupsUnread_ = true;
                   stir();
               }},
+      meter_{loop, records_.streams, records_.traffic, [this] { stir(); },
+             [this](Tone tone, const std::string& line) { tell(tone, line); }},
       settled_{loop, [this] { settle(); }},
       again_{loop, [this] { stir(); }},
       audit_{loop, [this] { auditSome(); }} {
@@ -70,6 +73,7 @@ std::string FenceAgent::start(Runtime::Duration settling, Runtime::Duration audi
     reactors_.push_back(records_.domain->watch([this](const State::Change&) { stir(); }));
     reactors_.push_back(records_.vlans->react([this](const State::Change&) { stir(); }));
     if (records_.config->fence() == Fencing::streams) talkers_.start();
+    if (records_.config->streams() != Metering::none) meter_.start();
     running_ = true;
     settled_.armIn(settling);
     auditInterval_ = audit;
@@ -138,6 +142,7 @@ void FenceAgent::portMoved(unsigned ifindex, IntfId name, bool there) {
     } else {
         records_.status->portDel(name);
     }
+    meter_.portIs(name, there ? ifindex : 0);
     for (const StreamAddress& stream : talkers_.behind(name)) streamMoved(stream, name, there);
     if (!there) indexes_.erase(name);
 }
@@ -206,6 +211,7 @@ void FenceAgent::settle() {
 }
 
 void FenceAgent::abilitiesChanged() {
+    if (records_.config->streams() != Metering::none && meter_.descriptor() < 0) meter_.start();
     for (auto& [ifindex, port] : ports_) {
         port.due.reset();
         port.patience = firstRetry;
@@ -273,19 +279,19 @@ bool FenceAgent::noticeDrift(unsigned ifindex, Port& port) {
 }
 
 std::optional<FenceRules> FenceAgent::rulesFor(Port& port) const {
-    const bool mvrp = records_.vlans->running();
+    FenceRules rules;
+    rules.mvrp = records_.vlans->running();
+    if (meter_.descriptor() >= 0) rules.metering = records_.config->streams();
     if (records_.config->fence() == Fencing::none)
-        return mvrp ? std::optional{FenceRules{.mvrp = true}} : std::nullopt;
+        return rules != FenceRules{} ? std::optional{rules} : std::nullopt;
     const auto told = records_.domain->port(IntfId{port.name});
     const std::uint8_t core = told ? maskOf(told->core()) : std::uint8_t{0};
     // Once it has been a core port in this life, only the record counts.
     port.leftOpen &= static_cast<std::uint8_t>(~core);
     const unsigned open = unsigned{core} | port.leftOpen;
     const std::uint8_t priorities = maskOf(records_.domain->classPriority());
-    FenceRules rules;
     rules.closed = static_cast<std::uint8_t>(priorities & ~open);
     rules.guarded = guards();
-    rules.mvrp = mvrp;
     // Streams that were there before a restart are registered again soon.
     const bool known = table_.filled() && !(port.inherited && settled_.armed());
     if (records_.config->fence() == Fencing::streams && known)
@@ -297,7 +303,8 @@ std::string FenceAgent::filterFor(unsigned ifindex, const FenceRules& rules, std
     auto program = programs_.find(rules);
     if (program == programs_.end()) {
         LoadedProgram loaded;
-        if (std::string problem = loadProgram(fenceProgram(rules, table_.descriptor()), loaded);
+        if (std::string problem =
+                loadProgram(fenceProgram(rules, {table_.descriptor(), meter_.descriptor()}), loaded);
             !problem.empty())
             return problem;
         program = programs_.emplace(rules, std::move(loaded)).first;
@@ -320,6 +327,7 @@ void FenceAgent::apply() {
     if (!running_ || !std::exchange(stirred_, false)) return;
     followMembers();
     fillTable(tableChangesPerTurn);
+    if (!meter_.carryOut(meterChangesPerTurn)) stir();
     for (auto& [ifindex, port] : ports_) apply(ifindex, port);
     // A peer that comes and goes shall not cost a program each time.  Those that hang on ports live on
     // without us.
@@ -452,6 +460,7 @@ void FenceAgent::stop() {
     ports_.clear();
     indexes_.clear();
     programs_.clear();
+    meter_.stop();
     records_.status->problemIs({});
 }
 

@@ -10,6 +10,8 @@
 /// all ports; they are dropped.  Where the configuration wants it, a core port's frames keep their priority
 /// only if they belong to a stream whose talker is there.  For both, the programs look into a table.
 ///
+/// The same programs count the frames of streams for `StreamMeter`, where that is wanted.
+///
 /// The fence stands from `start` to `stop`, and stays behind when the process dies.  The next life finds it
 /// and changes it in place; for a while it also leaves open what was open, so that streams are not
 /// interrupted by a restart.
@@ -18,6 +20,7 @@
 #include "Linux/fence/FencePlan.h"
 #include "Linux/fence/FenceProgram.h"
 #include "Linux/fence/FenceTable.h"
+#include "Linux/fence/StreamMeter.h"
 #include "Linux/fence/TalkerPlaces.h"
 #include "Linux/groups/KernelGroups.h"
 #include "Linux/kernel/Contention.h"
@@ -52,6 +55,9 @@ public:
         std::shared_ptr<const CapabilityStatus> capabilities;
         /// Gets what each port's fence keeps out.
         std::shared_ptr<FenceStatus> status;
+        /// Of those that are registered, and what flows of them.
+        std::shared_ptr<const Switch::Streams> streams;
+        std::shared_ptr<TrafficStatus> traffic;
         std::shared_ptr<OwnPlaces> places = std::make_shared<OwnPlaces>();
     };
     /// Longest time after a start until a peer inside the domain has said so again: it hears a LeaveAll.
@@ -142,6 +148,7 @@ private:
     FenceTable table_;
     TalkerPlaces talkers_;
     KernelGroups groups_;
+    StreamMeter meter_;
     bool groupsUnread_ = false;
     std::map<IntfId, unsigned> indexes_;     ///< of the ports
     std::optional<Runtime::Time> tableDue_;  ///< when it is tried again

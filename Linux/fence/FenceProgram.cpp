@@ -1,5 +1,6 @@
 #include "Linux/fence/FenceProgram.h"
 
+#include "Linux/fence/Assembler.h"
 #include "Linux/fence/BpfCall.h"
 
 #include <algorithm>
@@ -15,72 +16,11 @@ namespace Linux {
 
 namespace {
 
-/// Instructions in the making, in the names of the kernel's own description of them.
-class Assembler {
-public:
-    /// A place to jump to, further on.
-    using Jumps = std::vector<std::size_t>;
-
-    void move(std::uint8_t to, std::uint8_t from) { add(BPF_ALU64 | BPF_MOV | BPF_X, to, from, 0, 0); }
-    void set(std::uint8_t to, std::int32_t value) { add(BPF_ALU64 | BPF_MOV | BPF_K, to, 0, 0, value); }
-    void plus(std::uint8_t to, std::int32_t value) { add(BPF_ALU64 | BPF_ADD | BPF_K, to, 0, 0, value); }
-    void mask(std::uint8_t to, std::int32_t value) { add(BPF_ALU64 | BPF_AND | BPF_K, to, 0, 0, value); }
-    void shiftRight(std::uint8_t to, std::int32_t bits) { add(BPF_ALU64 | BPF_RSH | BPF_K, to, 0, 0, bits); }
-    void shiftRightBy(std::uint8_t to, std::uint8_t by) { add(BPF_ALU64 | BPF_RSH | BPF_X, to, by, 0, 0); }
-    void load(std::uint8_t size, std::uint8_t to, std::uint8_t base, std::size_t offset) {
-        add(static_cast<std::uint8_t>(BPF_LDX | BPF_MEM | size), to, base, static_cast<std::int16_t>(offset),
-            0);
-    }
-    void store(std::uint8_t size, std::uint8_t base, std::size_t offset, std::uint8_t from) {
-        add(static_cast<std::uint8_t>(BPF_STX | BPF_MEM | size), base, from,
-            static_cast<std::int16_t>(offset), 0);
-    }
-    void table(std::uint8_t to, int descriptor) {
-        add(BPF_LD | BPF_DW | BPF_IMM, to, BPF_PSEUDO_MAP_FD, 0, descriptor);
-        add(0, 0, 0, 0, 0);
-    }
-    void call(bpf_func_id helper) { add(BPF_JMP | BPF_CALL, 0, 0, 0, helper); }
-    void jumpIf(std::uint8_t comparison, std::uint8_t what, std::int32_t value, Jumps& jumps) {
-        jumps.push_back(code_.size());
-        add(static_cast<std::uint8_t>(BPF_JMP32 | comparison | BPF_K), what, 0, 0, value);
-    }
-    /// Pointers are compared whole.
-    void jumpIfNull(std::uint8_t pointer, Jumps& jumps) {
-        jumps.push_back(code_.size());
-        add(BPF_JMP | BPF_JEQ | BPF_K, pointer, 0, 0, 0);
-    }
-    void jump(Jumps& jumps) {
-        jumps.push_back(code_.size());
-        add(BPF_JMP | BPF_JA, 0, 0, 0, 0);
-    }
-    /// These jumps lead here.
-    void land(const Jumps& jumps) {
-        for (const std::size_t at : jumps) code_[at].off = static_cast<std::int16_t>(code_.size() - at - 1);
-    }
-    void end(std::int32_t result) {
-        set(BPF_REG_0, result);
-        add(BPF_JMP | BPF_EXIT, 0, 0, 0, 0);
-    }
-    std::vector<bpf_insn> made() && { return std::move(code_); }
-
-private:
-    void add(std::uint8_t code, std::uint8_t to, std::uint8_t from, std::int16_t offset, std::int32_t value) {
-        bpf_insn instruction{};
-        instruction.code = code;
-        instruction.dst_reg = to & 0xF;
-        instruction.src_reg = from & 0xF;
-        instruction.off = offset;
-        instruction.imm = value;
-        code_.push_back(instruction);
-    }
-
-    std::vector<bpf_insn> code_;
-};
-
 /// What stays in its register over calls.
 constexpr std::uint8_t frame = BPF_REG_6;
 constexpr std::uint8_t tag = BPF_REG_7;
 constexpr std::uint8_t tagProtocol = BPF_REG_8;
+constexpr std::uint8_t metered = BPF_REG_9;
 constexpr int tagPriorityShift = 13;
 /// Where the key lies on the stack, seen from its end.
 constexpr std::int32_t keyPlace = -16;
@@ -96,12 +36,13 @@ constexpr std::uint16_t mvrpType = 0x88F5;
 
 class Program {
 public:
-    Program(const FenceRules& rules, int table) : rules_{rules}, table_{table} {}
+    Program(const FenceRules& rules, const ProgramTables& tables) : rules_{rules}, tables_{tables} {}
 
     std::vector<bpf_insn> made() && {
         code_.move(frame, BPF_REG_1);
         if (rules_.mvrp) endHere(mvrpType);
         if (rules_.guarded) guard();
+        if (rules_.metering != Metering::none) meter();
         if ((rules_.closed | rules_.streams) != 0) priority();
         code_.land(pass_);
         code_.end(TC_ACT_UNSPEC);
@@ -133,7 +74,7 @@ private:
         code_.jumpIf(BPF_JEQ, BPF_REG_1, protocolOctet, other);
         code_.set(BPF_REG_2, FenceKey::anyVlan);
         code_.set(BPF_REG_3, 0);
-        lookUp();
+        lookUp(tables_.fence);
         code_.jumpIfNull(BPF_REG_0, drop_);
         code_.land(other);
     }
@@ -147,10 +88,7 @@ private:
         if (rules_.streams != 0) {
             inMask(rules_.streams, BPF_JEQ, pass_);
             loadAddress(lower);
-            code_.move(BPF_REG_2, tag);
-            code_.mask(BPF_REG_2, 0xFFF);
-            code_.load(BPF_W, BPF_REG_3, frame, offsetof(__sk_buff, ifindex));
-            lookUp();
+            lookUpStream(tables_.fence);
             code_.jumpIfNull(BPF_REG_0, lower);
         }
         code_.jump(pass_);
@@ -180,13 +118,86 @@ private:
     }
 
     /// The key with the VLAN in register 2 and the port in register 3.
-    void lookUp() {
+    void lookUp(int table) {
         code_.store(BPF_H, BPF_REG_10, keyPart(offsetof(FenceKey, vlan)), BPF_REG_2);
         code_.store(BPF_W, BPF_REG_10, keyPart(offsetof(FenceKey, port)), BPF_REG_3);
-        code_.table(BPF_REG_1, table_);
+        code_.table(BPF_REG_1, table);
         code_.move(BPF_REG_2, BPF_REG_10);
         code_.plus(BPF_REG_2, keyPlace);
         code_.call(BPF_FUNC_map_lookup_elem);
+    }
+
+    /// The key of the frame that came in here with that tag.
+    void lookUpStream(int table) {
+        code_.move(BPF_REG_2, tag);
+        code_.mask(BPF_REG_2, 0xFFF);
+        code_.load(BPF_W, BPF_REG_3, frame, offsetof(__sk_buff, ifindex));
+        lookUp(table);
+    }
+
+    /// Counts the frames of streams, and those that are over the reservation: a frame is when the time that
+    /// it and those before it need at the reserved rate lies further ahead than the stream's bursts reach.
+    void meter() {
+        Assembler::Jumps other;
+        code_.load(BPF_W, BPF_REG_2, frame, offsetof(__sk_buff, vlan_present));
+        code_.jumpIf(BPF_JEQ, BPF_REG_2, 0, other);
+        code_.load(BPF_W, tag, frame, offsetof(__sk_buff, vlan_tci));
+        loadAddress(other);
+        lookUpStream(tables_.meter);
+        code_.jumpIfNull(BPF_REG_0, other);
+        code_.move(metered, BPF_REG_0);
+
+        Assembler::Jumps own;
+        code_.move(BPF_REG_2, tag);
+        code_.shiftRight(BPF_REG_2, tagPriorityShift);
+        code_.load(BPF_W, BPF_REG_3, metered, offsetof(MeterEntry, priority));
+        code_.jumpIfOther(BPF_JEQ, BPF_REG_2, BPF_REG_3, own);
+        count(offsetof(MeterEntry, otherPriority));
+        code_.jump(other);
+
+        code_.land(own);
+        constexpr std::uint8_t now = BPF_REG_0;
+        constexpr std::uint8_t need = BPF_REG_2;
+        constexpr std::uint8_t due = BPF_REG_1;
+        code_.call(BPF_FUNC_ktime_get_ns);
+        code_.store(BPF_DW, metered, offsetof(MeterEntry, last), now);
+        count(offsetof(MeterEntry, frames));
+        code_.load(BPF_W, need, frame, offsetof(__sk_buff, len));
+        code_.plus(need, -ETH_HLEN);
+        code_.addTo(metered, offsetof(MeterEntry, octets), need);
+        Assembler::Jumps sized;
+        code_.jumpIf(BPF_JGT, need, MeterEntry::padded, sized);
+        code_.load(BPF_W, BPF_REG_3, metered, offsetof(MeterEntry, smallest));
+        code_.jumpIfOther(BPF_JLE, need, BPF_REG_3, sized);
+        code_.move(need, BPF_REG_3);
+        code_.land(sized);
+        code_.plus(need, MeterEntry::overhead);
+        code_.load(BPF_DW, BPF_REG_3, metered, offsetof(MeterEntry, octetTime));
+        code_.times(need, BPF_REG_3);
+        code_.shiftRight(need, MeterEntry::timeShift);
+        Assembler::Jumps waiting;
+        code_.load(BPF_DW, due, metered, offsetof(MeterEntry, due));
+        code_.jumpIfOther(BPF_JGE, due, now, waiting);
+        code_.move(due, now);
+        code_.land(waiting);
+        code_.plusOther(due, need);
+        Assembler::Jumps over;
+        code_.move(BPF_REG_3, due);
+        code_.minusOther(BPF_REG_3, now);
+        code_.load(BPF_DW, BPF_REG_4, metered, offsetof(MeterEntry, burst));
+        code_.jumpIfOther(BPF_JGT, BPF_REG_3, BPF_REG_4, over);
+        code_.store(BPF_DW, metered, offsetof(MeterEntry, due), due);
+        code_.jump(other);
+
+        code_.land(over);
+        count(offsetof(MeterEntry, over));
+        if (rules_.metering == Metering::police) code_.jump(drop_);
+        code_.land(other);
+    }
+
+    void count(std::size_t counter) {
+        code_.set(BPF_REG_1, 1);
+        code_.addTo(metered, counter, BPF_REG_1);
     }
 
     void takePriority() {
@@ -209,7 +220,7 @@ private:
     }
 
     const FenceRules rules_;
-    const int table_;
+    const ProgramTables tables_;
     Assembler code_;
     Assembler::Jumps pass_;
     Assembler::Jumps drop_;
@@ -225,8 +236,8 @@ bool isStreamAddress(EthAddr address) {
            octets[streamRange.size()] != protocolOctet;
 }
 
-std::vector<bpf_insn> fenceProgram(const FenceRules& rules, int table) {
-    return Program{rules, table}.made();
+std::vector<bpf_insn> fenceProgram(const FenceRules& rules, const ProgramTables& tables) {
+    return Program{rules, tables}.made();
 }
 
 std::string loadProgram(const std::vector<bpf_insn>& instructions, LoadedProgram& loaded) {

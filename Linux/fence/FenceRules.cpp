@@ -2,15 +2,11 @@
 
 #include "Runtime/Text.h"
 
-#include <array>
-
 namespace Linux {
 
 namespace {
 
 constexpr std::string_view ourMark = "msrpd-fence:";
-/// By the rules that are in force besides.
-constexpr std::array<std::array<std::string_view, 2>, 2> words{{{"", "mvrp"}, {"guarded", "guarded+mvrp"}}};
 constexpr unsigned tagPriorities = 8;
 
 std::string digits(std::uint8_t mask) {
@@ -33,11 +29,20 @@ std::optional<std::uint8_t> takeDigits(std::string_view& text) {
     return static_cast<std::uint8_t>(mask);
 }
 
+/// The other rules, as in "guarded+mvrp+police".
+std::string words(const FenceRules& rules) {
+    std::string text;
+    const auto add = [&text](std::string_view word) { text.append(text.empty() ? "" : "+").append(word); };
+    if (rules.guarded) add("guarded");
+    if (rules.mvrp) add("mvrp");
+    if (rules.metering != Metering::none) add(State::enumText(rules.metering));
+    return text;
+}
+
 }  // namespace
 
 std::string FenceRules::name() const {
-    return Runtime::concat(ourMark, digits(closed), ':', digits(streams), ':',
-                           words[guarded ? 1 : 0][mvrp ? 1 : 0]);
+    return Runtime::concat(ourMark, digits(closed), ':', digits(streams), ':', words(*this));
 }
 
 std::optional<FenceRules> FenceRules::parse(std::string_view name) {
@@ -48,8 +53,10 @@ std::optional<FenceRules> FenceRules::parse(std::string_view name) {
     if (!streams) return std::nullopt;
     for (const bool guarded : {false, true}) {
         for (const bool mvrp : {false, true}) {
-            if (name == words[guarded ? 1 : 0][mvrp ? 1 : 0])
-                return FenceRules{*closed, *streams, guarded, mvrp};
+            for (const auto& [metering, word] : meteringNames) {
+                const FenceRules rules{*closed, *streams, guarded, mvrp, metering};
+                if (name == words(rules)) return rules;
+            }
         }
     }
     return std::nullopt;

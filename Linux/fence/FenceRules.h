@@ -1,6 +1,8 @@
 /// What the fence does with frames that come in on a port.
 #pragma once
 
+#include "Linux/records/Config.h"
+
 #include <compare>
 #include <cstdint>
 #include <optional>
@@ -17,10 +19,12 @@ struct FenceRules {
     bool guarded = false;
     /// Frames of MVRP end in this switch.
     bool mvrp = false;
+    /// Frames of streams are counted, and perhaps dropped.
+    Metering metering = Metering::none;
     auto operator<=>(const FenceRules&) const = default;
 
-    /// "msrpd-fence:23::guarded", the name of what carries them out in the kernel; it begins as no other
-    /// does.
+    /// "msrpd-fence:23::guarded+police", the name of what carries them out in the kernel; it begins as no
+    /// other does.
     [[nodiscard]] std::string name() const;
     /// Nothing for what is not named so.
     static std::optional<FenceRules> parse(std::string_view name);

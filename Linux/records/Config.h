@@ -62,6 +62,16 @@ constexpr auto fencingNames = std::to_array<State::EnumName<Fencing>>(
     {{Fencing::ports, "ports"}, {Fencing::streams, "streams"}, {Fencing::none, "none"}});
 constexpr const auto& enumNames(Fencing) { return fencingNames; }
 
+/// What is done with the frames of streams where they come in from their talkers.
+enum class Metering : std::uint8_t {
+    none,
+    measure,  ///< they are counted
+    police,   ///< and dropped where they are over their reservation for longer than bursts last
+};
+constexpr auto meteringNames = std::to_array<State::EnumName<Metering>>(
+    {{Metering::none, "none"}, {Metering::measure, "measure"}, {Metering::police, "police"}});
+constexpr const auto& enumNames(Metering) { return meteringNames; }
+
 class Config : public State::Record<Config> {
 public:
     static constexpr std::string_view type = "Linux::Config";
@@ -93,6 +103,9 @@ public:
     [[nodiscard]] Fencing fence() const { return fence_; }
     void fenceIs(Fencing v) { assign(fence_, v, "fence"); }
 
+    [[nodiscard]] Metering streams() const { return streams_; }
+    void streamsIs(Metering v) { assign(streams_, v, "streams"); }
+
     /// The ptp4l that knows which ports keep common time with their neighbours: streams are offered to those
     /// alone.
     [[nodiscard]] const Gptp& gptp() const { return gptp_; }
@@ -109,6 +122,7 @@ public:
         each(State::scalar("ingressPriority", &Config::ingressPriority_));
         each(State::scalar("gptp", &Config::gptp_));
         each(State::scalar("fence", &Config::fence_));
+        each(State::scalar("streams", &Config::streams_));
     }
 
 private:
@@ -122,6 +136,7 @@ private:
     bool ingressPriority_ = true;
     Gptp gptp_;
     Fencing fence_ = Fencing::ports;
+    Metering streams_ = Metering::none;
 };
 
 }  // namespace Linux

@@ -38,9 +38,10 @@ TEST_F(DataplaneTest, AStartThatFailsAnywhereLeavesPortsAsTheyWere) {
              std::make_shared<Bridging::Input::Config>(), std::make_shared<Bridging::VlanRequests>(),
              std::make_shared<Qos::Input::Config>(), std::make_shared<Qos::Status>(),
              std::make_shared<Qos::HwStatus>(), std::make_shared<Switch::Domain>(),
-             std::make_shared<Linux::GroupStatus>(), std::make_shared<Bridging::VlanMembers>(),
-             std::make_shared<Switch::Refusals>(), std::make_shared<Linux::CapabilityStatus>(),
-             std::make_shared<Linux::FenceStatus>()},
+             std::make_shared<Switch::Streams>(), std::make_shared<Linux::GroupStatus>(),
+             std::make_shared<Bridging::VlanMembers>(), std::make_shared<Switch::Refusals>(),
+             std::make_shared<Linux::CapabilityStatus>(), std::make_shared<Linux::FenceStatus>(),
+             std::make_shared<Linux::TrafficStatus>()},
             "/nowhere/control",
             [](Linux::Tone, const std::string&) {}};
         const rlimit now{more, before.rlim_max};

@@ -22,7 +22,8 @@ protected:
               agent{t.loop,
                     devices,
                     t.kernel,
-                    {t.config, t.domain, t.groups, t.vlans, t.capabilities, t.status},
+                    {t.config, t.domain, t.groups, t.vlans, t.capabilities, t.status,
+                     std::make_shared<Switch::Streams>(), std::make_shared<Linux::TrafficStatus>()},
                     [this, &t] {
                         t.loop.post([this, alive = std::weak_ptr{token}] {
                             if (!alive.expired()) agent.apply();

@@ -262,4 +262,24 @@ TEST(Standby, PublishesNothing) {
 }
 
 }  // namespace
+TEST_F(Scenario, WhoLooksAfterFramesLearnsWhatTalkersMaySend) {
+    const auto record = bridge.database().entityIs<Switch::Streams>("switch/streams");
+    const auto told = [&] {
+        settle();
+        return shown(record->fieldValue("stream", {}).value());
+    };
+    reserve();
+    EXPECT_EQ(told(), "") << "nobody wants it";
+    record->wantedIs(true);
+    const std::string first =
+        "0x1 {talkerIntf p1, macDa 91:e0:f0:00:00:01, vlanId 2, priority 3, "
+        "maxFrameSize 100, kbps 9088, interval 125000}";
+    EXPECT_EQ(told(), "{" + first + "}");
+    p3.say(advertise({.id = 2}));  // that address is another stream's
+    EXPECT_EQ(told(), "{" + first + "}");
+    p1.say(advertise({}, Event::Lv));
+    pass(1s);  // of the leave timer
+    EXPECT_NE(told().find("0x1"), 1U);
+}
+
 }  // namespace Sim
