@@ -59,7 +59,9 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
              {records.config, records.domain, records.groups, records.vlans, records.capabilities,
               records.fence, records.streams, records.traffic, places_},
              [this] { wake(); },
-             report} {}
+             report,
+             FenceTable::defaultRoom,
+             served} {}
 
 std::string Dataplane::start() {
     std::string problem = requests_.open();

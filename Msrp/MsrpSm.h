@@ -531,6 +531,7 @@ private:
     std::map<std::pair<IntfId, SrClassId>, MsrpDomainAttribute> seededDomains_;
     /// Ports to be enabled or ended when their work is done, and what is due before that.
     std::map<IntfId, Ending> settleDue_;
+    std::set<IntfId> withoutTime_;  ///< ports of which it was said that they keep no common time
     std::set<IntfId> forgetDue_;    ///< ... to drop their registrations then
     std::set<IntfId> retryDue_;     ///< ports that released bandwidth
     std::set<EthAddr> addressDue_;  ///< addresses that may be free

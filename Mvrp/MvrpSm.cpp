@@ -159,6 +159,8 @@ void MvrpSm::startPort(IntfId intf) {
     stale_ = allVlans();
     topologyStale_ = true;
     mrpInterfaceEnable(intf);
+    // What was registered before is asked for anew.
+    if (Mrp::PeriodicSm* periodic = periodicSm()) periodic->transmitAllLeaveAll(intf);
     publishSoon(intf);
 }
 
@@ -210,7 +212,8 @@ std::uint8_t MvrpSm::mrpJoinIndication(const Mrp::MrpParameters& params) {
     const bool isNew = incoming(typeVid).isNew;
     // Where the peer's network has changed, stations are found behind other ports than they were (11.2.5).
     if (isNew) flush(params.intf, vlan);
-    declareOne(vlan, isNew ? params.intf : IntfId{});
+    // What a blocked port hears goes no further: two links side by side would pass it on for ever.
+    declareOne(vlan, isNew && vlans.forwarding.test(vlan.value()) ? params.intf : IntfId{});
     return 0;
 }
 

@@ -53,7 +53,7 @@ public:
     /// The port's by configuration.
     [[nodiscard]] const VlanSet& fixed() const { return fixed_; }
     void fixedIs(const VlanSet& v) { assign(fixed_, v, "fixed"); }
-    /// Registrations that were not taken, because they are not allowed or the port had too many (11.2.3.2).
+    /// VLANs that were asked for since the port came up and are not allowed there (11.2.3.2).
     [[nodiscard]] std::uint64_t failedRegistrations() const { return failedRegistrations_; }
     void failedRegistrationsInc() {
         assign(failedRegistrations_, failedRegistrations_ + 1, "failedRegistrations");

@@ -45,6 +45,14 @@ public:
     [[nodiscard]] const State::Collection<IntfId, PortTime>& port() const { return port_; }
     [[nodiscard]] std::shared_ptr<const PortTime> port(IntfId id) const { return port_.get(id); }
     std::shared_ptr<PortTime> portIs(IntfId id) { return makeChild(port_, id, "port"); }
+    /// The same for one that is made as it is to be, so that nobody sees it before.
+    void portIs(IntfId id, bool capable, const std::string& state) {
+        const auto held = port_.get(id);
+        const auto entry = held ? held : std::make_shared<PortTime>(id);
+        entry->stateIs(state);
+        entry->capableIs(capable);
+        if (!held) putChild(port_, id, entry, "port");
+    }
     void portDel(IntfId id) { delChild(port_, id, "port"); }
 
     /// Whether the port may carry streams as far as time is concerned.

@@ -143,9 +143,12 @@ private:
         }
         if (problem.empty()) problem = server_.start(options_.socket);
         if (problem.empty()) problem = devices_.start();
-        if (problem.empty() && !onBridge().empty()) problem = startDataplane();
-        if (const std::string& clock = linux_->gptp().socket; problem.empty() && !clock.empty())
+        if (const std::string& clock = linux_->gptp().socket; problem.empty() && !clock.empty()) {
             problem = time_.start(clock);
+            if (!problem.empty()) problem = "linux/config/gptp: " + problem;
+        }
+        // Last, for it changes what others see.
+        if (problem.empty() && !onBridge().empty()) problem = startDataplane();
         return problem;
     }
 

@@ -36,13 +36,14 @@ std::uint8_t maskOf(const State::FlatMap<Cos, bool>& priorities) {
 }  // namespace
 
 FenceAgent::FenceAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
-                       std::function<void()> wake, Report report, std::uint32_t tableRoom)
+                       std::function<void()> wake, Report report, std::uint32_t tableRoom, Served served)
     : loop_{loop},
       devices_{devices},
       kernel_{kernel},
       records_{std::move(records)},
       wake_{std::move(wake)},
       report_{std::move(report)},
+      served_{std::move(served)},
       notices_{loop, [this](const nlmsghdr& message) { notice(message); }, [this] { readEverything(); }},
       table_{tableRoom},
       talkers_{records_.groups,
@@ -78,6 +79,7 @@ std::string FenceAgent::start(Runtime::Duration settling, Runtime::Duration audi
     settled_.armIn(settling);
     auditInterval_ = audit;
     audit_.armIn(audit);
+    takeBackStrays();
     // At once: frames come in already.
     followMembers();
     fillTable(FenceTable::defaultRoom);
@@ -217,6 +219,23 @@ void FenceAgent::abilitiesChanged() {
         port.patience = firstRetry;
     }
     stir();
+}
+
+void FenceAgent::takeBackStrays() {
+    for (const auto& [ifindex, device] : devices_.all()) {
+        const Device* bridge = devices_.find(device.bridge);
+        if (bridge != nullptr &&
+            (bridge->name == records_.config->bridge() || (served_ && served_(bridge->name))))
+            continue;
+        Port port;
+        if (!readFence(kernel_, ifindex, port.have) || !fenceOf(port.have)) continue;
+        port.name = device.name;
+        port.adopted = true;
+        records_.places->insert(ifindex);
+        tell(Tone::informational,
+             concat(device.name, ": takes back the fence that an earlier life of the daemon has left there"));
+        giveBack(ifindex, port);
+    }
 }
 
 void FenceAgent::followMembers() {

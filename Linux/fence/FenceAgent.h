@@ -46,6 +46,8 @@ namespace Linux {
 
 class FenceAgent {
 public:
+    /// Whether another daemon keeps the bridge of that name.
+    using Served = std::function<bool(const std::string& bridge)>;
     struct Records {
         std::shared_ptr<const Config> config;
         std::shared_ptr<const Switch::Domain> domain;
@@ -72,7 +74,7 @@ public:
     /// must outlive the agent; the devices are used no longer than it lives.
     FenceAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChannel& kernel, Records records,
                std::function<void()> wake, Report report = {},
-               std::uint32_t tableRoom = FenceTable::defaultRoom);
+               std::uint32_t tableRoom = FenceTable::defaultRoom, Served served = {});
 
     /// For `settling`, ports leave open what an earlier life left open.  Empty on success.
     std::string start(Runtime::Duration settling = defaultSettling, Runtime::Duration audit = auditInterval);
@@ -108,6 +110,8 @@ private:
     void readEverything();
     void auditSome();
 
+    /// An earlier life may have left a fence on ports that are none of the bridge's any more.
+    void takeBackStrays();
     void followMembers();
     /// The bridge has come, gone, or is another one.
     void bridgeIs(const Device* bridge);
@@ -142,6 +146,7 @@ private:
     const Records records_;
     const std::function<void()> wake_;
     const Report report_;
+    const Served served_;
     NetlinkNotices notices_;
     Ports ports_;
     std::map<FenceRules, LoadedProgram> programs_;

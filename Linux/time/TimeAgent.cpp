@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <set>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -31,6 +32,16 @@ std::optional<sockaddr_un> unixAddress(const std::string& path) {
     if (path.empty() || path.size() >= sizeof to.sun_path) return std::nullopt;
     path.copy(to.sun_path, path.size());
     return to;
+}
+
+/// Who sent it, as the kernel says; nothing where it does not.
+std::optional<uid_t> senderOf(msghdr& message) {
+    const cmsghdr* first = CMSG_FIRSTHDR(&message);
+    if (first == nullptr || first->cmsg_level != SOL_SOCKET || first->cmsg_type != SCM_CREDENTIALS)
+        return std::nullopt;
+    ucred sender{};
+    std::memcpy(&sender, CMSG_DATA(first), sizeof sender);
+    return sender.uid;
 }
 
 /// A socket that an earlier life has left.
@@ -72,6 +83,8 @@ std::string TimeAgent::start(const std::string& server, Pace pace) {
     }
     // Whoever runs ptp4l must be able to answer; who else writes is not listened to.
     ::chmod(own_.c_str(), 0666);
+    constexpr int wanted = 1;
+    ::setsockopt(fd_.get(), SOL_SOCKET, SO_PASSCRED, &wanted, sizeof wanted);
     watch_ = loop_.watch(fd_.get(), Runtime::FdLoop::Ready::readable, [this] { hear(); });
     heard_ = loop_.now();
     ask();
@@ -100,25 +113,34 @@ void TimeAgent::hear() {
     std::array<std::uint8_t, 1024> message{};
     for (int i = 0; i < messagesAtOnce; ++i) {
         sockaddr_un from{};
-        socklen_t length = sizeof from;
-        const ssize_t octets = ::recvfrom(fd_.get(), message.data(), message.size(), 0,
-                                          reinterpret_cast<sockaddr*>(&from), &length);
+        iovec part{message.data(), message.size()};
+        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> beside{};
+        msghdr received{};
+        received.msg_name = &from;
+        received.msg_namelen = sizeof from;
+        received.msg_iov = &part;
+        received.msg_iovlen = 1;
+        received.msg_control = beside.data();
+        received.msg_controllen = beside.size();
+        const ssize_t octets = ::recvmsg(fd_.get(), &received, MSG_CMSG_CLOEXEC);
         if (octets < 0) break;
         from.sun_path[sizeof from.sun_path - 1] = '\0';
-        if (!isServer(from.sun_path)) continue;
+        if (!isServer(senderOf(received), from.sun_path)) continue;
         if (const auto answer = decodePtp(std::span{message}.first(static_cast<std::size_t>(octets))))
             take(*answer);
     }
     publish();
 }
 
-bool TimeAgent::isServer(const std::string& path) {
+bool TimeAgent::isServer(std::optional<uid_t> user, const std::string& path) {
+    struct stat asked {};
+    if (!user || ::stat(server_.c_str(), &asked) != 0) return false;
+    // A name alone proves nothing: anybody can make a link to the socket that is asked.
+    if (*user != 0 && *user != asked.st_uid) return false;
     if (path == serverName_) return true;
     // It may have bound the same socket by another name: /run for /var/run.
     struct stat named {};
-    struct stat asked {};
-    if (::stat(path.c_str(), &named) != 0 || ::stat(server_.c_str(), &asked) != 0 ||
-        named.st_dev != asked.st_dev || named.st_ino != asked.st_ino)
+    if (::stat(path.c_str(), &named) != 0 || named.st_dev != asked.st_dev || named.st_ino != asked.st_ino)
         return false;
     serverName_ = path;
     return true;
@@ -128,7 +150,14 @@ void TimeAgent::take(const PtpAnswer& answer) {
     heard_ = loop_.now();
     if (ports_.size() == mostPorts && !ports_.contains(answer.port)) return;
     Port& port = ports_[answer.port];
-    if (answer.interface) port.interface = *answer.interface;
+    if (answer.interface && port.interface != *answer.interface) {
+        // It was started anew, with other ports: each interface has one number.
+        std::erase_if(ports_, [&](const auto& held) {
+            return held.first != answer.port && held.second.interface == *answer.interface;
+        });
+        port = {};
+        port.interface = *answer.interface;
+    }
     if (answer.state) port.state = answer.state;
     if (!answer.capable) return;
     port.capable = answer.capable;
@@ -151,13 +180,12 @@ void TimeAgent::publish() {
         if (!IntfId::validName(port.interface) || !port.capable || !port.state) continue;
         const IntfId intf{port.interface};
         there.insert(intf);
-        const auto record = status_->portIs(intf);
         const bool runs = ptpStateRuns(*port.state);
         const bool fresh = now - port.heard < pace_.believed;
-        record->stateIs(fresh && runs && !*port.capable ? "not capable"
-                        : fresh                         ? ptpStateName(*port.state)
-                                                        : "silent");
-        record->capableIs(fresh && runs && *port.capable);
+        const std::string state = fresh && runs && !*port.capable ? "not capable"
+                                  : fresh                         ? ptpStateName(*port.state)
+                                                                  : "silent";
+        status_->portIs(intf, fresh && runs && *port.capable, state);
     }
     const auto& known = status_->port();
     for (auto intf = known.firstKey(); intf; intf = known.nextKey(*intf)) {

@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 namespace Linux {
 
@@ -50,7 +51,7 @@ private:
     void hear();
     bool send(const std::vector<std::uint8_t>& message);
     /// Whether that is the socket that was asked.
-    bool isServer(const std::string& path);
+    bool isServer(std::optional<uid_t> user, const std::string& path);
     void take(const PtpAnswer& answer);
     void publish();
 

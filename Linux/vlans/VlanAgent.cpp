@@ -16,6 +16,8 @@ constexpr std::chrono::minutes lastRetry{5};
 /// again, nor for thousands of VLANs one by one.
 constexpr std::chrono::milliseconds forgetPause{200};
 constexpr std::size_t forgetOneByOne = 8;
+/// Requests in one turn of the loop; a peer may ask for thousands of VLANs in one frame.
+constexpr std::size_t requestsPerTurn = 256;
 
 }  // namespace
 
@@ -52,8 +54,10 @@ void VlanAgent::stop() {
     reactor_ = {};
     due_.cancel();
     settled_.cancel();
-    for (auto& [ifindex, port] : ports_)
+    for (auto& [ifindex, port] : ports_) {
+        allowance_ = VlanId::max;
         port.ours &= ~ask(ifindex, port, port.ours & present(ifindex), false);
+    }
     remember();
 }
 
@@ -98,10 +102,12 @@ void VlanAgent::carryOut() {
     due_.cancel();
     if (!bridge_.catchUp()) return due_.armIn({});
     const Device* bridge = bridge_.bridge();
+    allowance_ = requestsPerTurn;
     if (bridge == nullptr) {
-        ports_.clear();
+        leaveBridge();
         return publish();
     }
+    bridgeWas_ = bridge->ifindex;
     contentions_.review(loop_.now());
     adopt(bridge->ifindex);
     for (auto& [ifindex, port] : ports_) {
@@ -114,6 +120,18 @@ void VlanAgent::carryOut() {
     }
     remember();
     publish();
+}
+
+void VlanAgent::leaveBridge() {
+    for (auto& [ifindex, port] : ports_) {
+        // It may only have another name.
+        const Device* device = devices_.find(ifindex);
+        allowance_ = VlanId::max;
+        if (device != nullptr && device->bridge == bridgeWas_) ask(ifindex, port, port.ours, false);
+    }
+    // What they are members of by the time when there is a bridge again is none of ours.
+    ports_.clear();
+    remember();
 }
 
 void VlanAgent::settlePort(unsigned ifindex, Port& port, bool all) {
@@ -148,7 +166,12 @@ void VlanAgent::settlePort(unsigned ifindex, Port& port, bool all) {
 
 VlanSet VlanAgent::ask(unsigned ifindex, Port& port, const VlanSet& vlans, bool join) {
     std::vector<NetlinkMessage> messages;
-    const std::vector<VlanSpan> spans = spansOf(vlans);
+    std::vector<VlanSpan> spans = spansOf(vlans);
+    if (spans.size() > allowance_) {
+        spans.resize(allowance_, spans.front());
+        comeBack(loop_.now());
+    }
+    allowance_ -= spans.size();
     messages.reserve(spans.size());
     for (const VlanSpan span : spans)
         messages.push_back(join ? joinVlans(ifindex, span) : leaveVlans(ifindex, span));
@@ -168,15 +191,18 @@ VlanSet VlanAgent::ask(unsigned ifindex, Port& port, const VlanSet& vlans, bool 
 
 void VlanAgent::forget(unsigned bridge, unsigned ifindex, Port& port) {
     const auto request = requests_->port(IntfId{nameOf(ifindex)});
+    if (!request) port.flushed = {};
     if (!request || request->flush() == port.flushed) return;
     const Runtime::Time now = loop_.now();
     if (now < port.mayForget) return comeBack(port.mayForget);
+    if (allowance_ < forgetOneByOne) return comeBack(now);
     port.mayForget = now + forgetPause;
     std::vector<NetlinkMessage> messages;
     for (const auto& [vlan, count] : request->flush()) {
         if (port.flushed.get(vlan) != count) messages.push_back(forgetAddresses(bridge, ifindex, vlan));
     }
     if (messages.size() > forgetOneByOne) messages.assign(1, forgetAddresses(bridge, ifindex, std::nullopt));
+    allowance_ -= messages.size();
     port.flushed = request->flush();
     for (const NetlinkAnswer& answer : kernel_.carryOut(messages)) {
         if (!answer) say(Runtime::concat(nameOf(ifindex), ": cannot forget addresses: ", answer.problem()));
@@ -229,6 +255,7 @@ std::vector<std::string> VlanAgent::audit(bool repair) {
     bridge_.catchUp();
     const Device* bridge = bridge_.bridge();
     if (!running_ || bridge == nullptr || !filtersVlans(*bridge)) return differences;
+    allowance_ = requestsPerTurn;
     for (auto& [ifindex, port] : ports_) {
         const VlanSet missing = wanted(ifindex) & ~present(ifindex);
         const VlanSet left = settling_ ? VlanSet{} : port.ours & ~wanted(ifindex) & present(ifindex);

@@ -47,13 +47,16 @@ private:
     };
 
     void carryOut();
+    /// There is no bridge of that name any more.
+    void leaveBridge();
     /// Takes over what the kernel has, and forgets what has gone.
     void adopt(unsigned bridge);
     void settlePort(unsigned ifindex, Port& port, bool all);
     [[nodiscard]] VlanSet present(unsigned ifindex) const;
     [[nodiscard]] VlanSet wanted(unsigned ifindex) const;
     [[nodiscard]] std::string nameOf(unsigned ifindex) const;
-    /// Asks for them one span after the other; those that the kernel has carried out.
+    /// Asks for them one span after the other, as far as the turn's allowance goes; those that the kernel has
+    /// carried out.
     VlanSet ask(unsigned ifindex, Port& port, const VlanSet& vlans, bool join);
     void forget(unsigned bridge, unsigned ifindex, Port& port);
     /// To be carried out then, at the latest.
@@ -74,6 +77,8 @@ private:
     std::map<unsigned, Port> ports_;
     Contentions<std::pair<unsigned, VlanId>> contentions_;
     std::set<std::string> told_;
+    unsigned bridgeWas_ = 0;
+    std::size_t allowance_ = 0;  ///< requests that this turn may still make
     bool running_ = false;
     bool settling_ = false;
     Runtime::Timer due_;

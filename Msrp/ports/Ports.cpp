@@ -70,10 +70,11 @@ void MsrpSm::handleIntfEnable(IntfId intf) {
 
 void MsrpSm::handleTime(IntfId intf) {
     if (!actsOn(intf) || !inputs_.time->asked()) return;
-    log(MSRP_NOTIF,
-        Runtime::format(inputs_.time->capable(intf) ? "%s keeps common time with its neighbour"
-                                                    : "%s keeps no common time with its neighbour",
-                        intf));
+    const bool capable = inputs_.time->capable(intf);
+    if (capable ? withoutTime_.erase(intf) != 0 : withoutTime_.insert(intf).second)
+        log(MSRP_NOTIF, Runtime::format(capable ? "%s keeps common time with its neighbour"
+                                                : "%s keeps no common time with its neighbour",
+                                        intf));
     handleIntfEnable(intf);
 }
 
