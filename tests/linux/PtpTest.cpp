@@ -1,5 +1,7 @@
 #include "Linux/kernel/EpollLoop.h"
 #include "Linux/time/TimeAgent.h"
+#include "Runtime/Text.h"
+#include "tests/Octets.h"
 #include "tests/control/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -11,62 +13,43 @@ namespace {
 using namespace std::chrono_literals;
 using Linux::PtpAnswer;
 using Linux::PtpData;
-using Message = std::vector<std::uint8_t>;
+using Runtime::concat;
 
-Message message(const std::string& hex) {
-    Message out;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        out.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    return out;
+/// Heard from ptp4l 3.1.1: the length, the clock's port and the sequence number, and what follows.
+std::string heard(const char* length, const char* portAndNumber, const std::string& rest) {
+    return concat("1d0200", length, std::string(32, '0'), "020000fffe00000a", portAndNumber, "047f", rest);
 }
-
-// Heard from ptp4l 3.1.1.
-const std::string capable =
-    "1d02003e00000000000000000000000000000000020000fffe00000a00010007047f00000000000000001234000002000001000a"
-    "c00201312d"
-    "0000000001";
-const std::string notCapable =
-    "1d02003e00000000000000000000000000000000020000fffe00000a00020007047f00000000000000001234000002000001000a"
-    "c00201312d"
-    "0000000000";
+const std::string inAnswer = "00000000000000001234000002000001";
+const std::string capable = heard("3e", "00010007", inAnswer + "000ac00201312d0000000001");
+const std::string notCapable = heard("3e", "00020007", inAnswer + "000ac00201312d0000000000");
 const std::string master =
-    "1d02005000000000000000000000000000000000020000fffe00000a00010007047f00000000000000001234000002000001001c"
-    "2004020000"
-    "fffe00000a0001060000000000065b00000003fd020002";
-const std::string faulty =
-    "1d02005000000000000000000000000000000000020000fffe00000a00010000047f00000000000000001235010102000001001c"
-    "2004020000"
-    "fffe00000a0001020000000000053800000003fd020002";
-const std::string unknown =
-    "1d02003c00000000000000000000000000000000020000fffe00000a00010007047f000000000000000012340000020000020008"
-    "0002dfff00"
-    "000000";
+    heard("50", "00010007", inAnswer + "001c2004020000fffe00000a0001060000000000065b00000003fd020002");
+const std::string faulty = heard("50", "00010000",
+                                 "00000000000000001235010102000001001c2004020000fffe00000a0001020000000000"
+                                 "053800000003fd020002");
+const std::string unknown = heard("3c", "00010007", "0000000000000000123400000200000200080002dfff00000000");
 /// PORT_PROPERTIES_NP of port 1: its interface is "swp1".
 const std::string properties =
-    "1d02004700000000000000000000000000000000020000fffe00000a00010007047f000000000000000012340000020000010013"
-    "c004020000"
-    "fffe00000a0001060104"
-    "73777031";
+    heard("47", "00010007", inAnswer + "0013c004020000fffe00000a000106010473777031");
 
 TEST(PtpMessages, AreThoseOfAnotherProgram) {
     EXPECT_EQ(Linux::ptpGet(PtpData::capable, {0x1234, 1}, 7),
-              message("1d02003600000000000000000000000000000000000000000000000012340007047fffffffffffffffffff"
-                      "ff0000000000010002"
-                      "c002"));
-    const Message order = Linux::ptpSubscribe({0x1234, 0}, 7, 90);
+              octets("1d020036" + std::string(48, '0') + "12340007047f" + std::string(20, 'f') +
+                     "0000000000010002c002"));
+    const Octets order = Linux::ptpSubscribe({0x1234, 0}, 7, 90);
     EXPECT_EQ(order.size(), 54U + 66U);
     EXPECT_EQ(order[3], 120);
-    EXPECT_EQ(Message(order.begin() + 48, order.begin() + 57), message("00010044c003005a01"));
-    EXPECT_EQ(Linux::decodePtp(message(capable)), (PtpAnswer{.port = 1, .capable = true}));
-    EXPECT_EQ(Linux::decodePtp(message(notCapable)), (PtpAnswer{.port = 2, .capable = false}));
-    EXPECT_EQ(Linux::decodePtp(message(master)), (PtpAnswer{.port = 1, .state = 6}));
-    EXPECT_EQ(Linux::decodePtp(message(faulty)), (PtpAnswer{.port = 1, .state = 2}));
-    EXPECT_EQ(Linux::decodePtp(message(properties)), (PtpAnswer{.port = 1, .interface = "swp1"}));
-    EXPECT_EQ(Linux::decodePtp(message(unknown)), std::nullopt);
+    EXPECT_EQ(Octets(order.begin() + 48, order.begin() + 57), octets("00010044c003005a01"));
+    EXPECT_EQ(Linux::decodePtp(octets(capable)), (PtpAnswer{.port = 1, .capable = true}));
+    EXPECT_EQ(Linux::decodePtp(octets(notCapable)), (PtpAnswer{.port = 2, .capable = false}));
+    EXPECT_EQ(Linux::decodePtp(octets(master)), (PtpAnswer{.port = 1, .state = 6}));
+    EXPECT_EQ(Linux::decodePtp(octets(faulty)), (PtpAnswer{.port = 1, .state = 2}));
+    EXPECT_EQ(Linux::decodePtp(octets(properties)), (PtpAnswer{.port = 1, .interface = "swp1"}));
+    EXPECT_EQ(Linux::decodePtp(octets(unknown)), std::nullopt);
     // Whatever is cut off, nothing is read that is not there.
     for (const std::string& whole : {capable, master, properties}) {
-        for (std::size_t octets = 0; octets < whole.size() / 2; ++octets)
-            EXPECT_EQ(Linux::decodePtp(message(whole.substr(0, 2 * octets))), std::nullopt) << octets;
+        for (std::size_t n = 0; n < whole.size(); n += 2)
+            EXPECT_EQ(Linux::decodePtp(octets(whole.substr(0, n))), std::nullopt) << n;
     }
 }
 
@@ -76,7 +59,7 @@ protected:
     /// Answers everything that was asked since the last call in the same words; how much that was.
     int answer(const std::vector<std::string>& words) {
         loop.runUntil([] { return false; }, 30ms);
-        Message asked(500);
+        Octets asked(500);
         sockaddr_un from{};
         socklen_t length = sizeof from;
         int count = 0;
@@ -84,7 +67,7 @@ protected:
                         &length) > 0)
             ++count;
         for (const std::string& word : words) {
-            const Message said = message(word);
+            const Octets said = octets(word);
             sendto(server, said.data(), said.size(), 0, reinterpret_cast<const sockaddr*>(&from),
                    sizeof from);
         }
@@ -130,7 +113,7 @@ TEST_F(TimeAgentTest, APortIsCapableWhileItsClockRunsAndItsNeighbourIsThere) {
     sockaddr_un to{};
     to.sun_family = AF_UNIX;
     directory.file("own").copy(to.sun_path, sizeof to.sun_path - 1);
-    const Message said = message(lost);
+    const Octets said = octets(lost);
     sendto(stranger, said.data(), said.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
     close(stranger);
     loop.runUntil([] { return false; }, 20ms);

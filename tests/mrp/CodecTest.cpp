@@ -1,4 +1,5 @@
 #include "Mrp/PduWriter.h"
+#include "tests/Octets.h"
 #include "tests/mrp/Engines.h"
 #include "tests/mrp/Golden.h"
 
@@ -7,13 +8,6 @@
 using namespace MrpTest;
 
 namespace {
-
-Pdu octets(const std::string& hex) {
-    Pdu out;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        out.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    return out;
-}
 
 TEST(Codec, GoldenPdusAreReadAndWritten) {
     for (const auto& golden : goldenPdus) {

@@ -1,6 +1,7 @@
 /// The kernel, with faults that this machine's own does not have.
 #pragma once
 
+#include "Linux/doctor/Leftovers.h"
 #include "Linux/kernel/Netlink.h"
 #include "Linux/links/DeviceTable.h"
 
@@ -14,6 +15,17 @@
 /// A line as an agent tells it: good news can be told from bad.
 inline std::string told(Linux::Tone tone, const std::string& line) {
     return (tone == Linux::Tone::informational ? "good: " : "") + line + '\n';
+}
+
+/// What an earlier life left, "p1: queues that shape classes\n"; with `remove` it is taken away.
+inline std::string leftovers(Linux::NetlinkChannel& kernel, Runtime::FdLoop& loop,
+                             const Linux::OwnMarks& marks = {}, bool remove = false) {
+    Linux::DeviceTable devices{loop};
+    std::vector<Linux::Leftover> found;
+    std::string text = devices.start() + Linux::findLeftovers(kernel, devices, marks, found);
+    for (const auto& leftover : found)
+        text += leftover.device + ": " + leftover.what + '\n' + (remove ? leftover.remove(kernel) : "");
+    return text;
 }
 
 class FaultyKernel : public Linux::NetlinkChannel {

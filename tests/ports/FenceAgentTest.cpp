@@ -1,4 +1,3 @@
-#include "Linux/doctor/Leftovers.h"
 #include "Linux/fence/FenceAgent.h"
 #include "Runtime/Text.h"
 #include "tests/ports/FaultyKernel.h"
@@ -63,9 +62,6 @@ protected:
         octets.resize(80, 0x55);
         return octets;
     }
-    static Octets tagged(unsigned priority) {
-        return frame({0x81, 0, static_cast<std::uint8_t>(priority << 5), 2, 0x22, 0xF0});
-    }
     /// The frames that come out behind p2 when this one comes in on p1, each by what is behind its addresses.
     std::string out(const Octets& sent) {
         (void)to->heard();
@@ -82,8 +78,8 @@ protected:
     /// The priorities in which frames of each of the eight leave.
     std::string priorities() {
         std::string text;
-        for (unsigned priority = 0; priority < 8; ++priority) {
-            const std::string heard = out(tagged(priority));
+        for (std::uint8_t tag = 0; text.size() < 8; tag += 0x20) {
+            const std::string heard = out(frame({0x81, 0, tag, 2, 0x22, 0xF0}));
             text +=
                 heard.empty() ? '-' : static_cast<char>('0' + std::stoi(heard.substr(4, 1), nullptr, 16) / 2);
         }
@@ -100,21 +96,6 @@ protected:
         std::string text;
         for (const auto& [priority, set] : status->portIs(IntfId{port})->closed()) text += priority.text();
         return text;
-    }
-    std::string leftovers(bool remove) {
-        Linux::DeviceTable devices{loop};
-        EXPECT_EQ(devices.start(), "");
-        std::vector<Linux::Leftover> found;
-        EXPECT_EQ(Linux::findLeftovers(kernel, devices, {}, found), "");
-        std::string text;
-        for (const auto& leftover : found) {
-            text += leftover.device + ' ';
-            EXPECT_EQ(remove ? leftover.remove(kernel) : "", "");
-        }
-        return text;
-    }
-    static void tc(const std::string& arguments) {
-        ASSERT_EQ(std::system(("tc " + arguments).c_str()), 0) << arguments;
     }
 
     FaultyKernel kernel;
@@ -188,7 +169,10 @@ TEST_F(FenceAgentTest, ItOutlivesACrashAndTheNextLifeLeavesOpenWhatWasOpen) {
     }
     domain->portDelAll();
     EXPECT_EQ(priorities(), "01034567");
-    EXPECT_EQ(leftovers(false), "p1 p2 ");
+    const std::string fence =
+        ": a filter that takes priorities from incoming frames, and its place (clsact) if there are no "
+        "others\n";
+    EXPECT_EQ(leftovers(kernel, loop), "p1" + fence + "p2" + fence);
     {
         Life life{*this, 300ms};
         settle(100ms);
@@ -202,14 +186,15 @@ TEST_F(FenceAgentTest, ItOutlivesACrashAndTheNextLifeLeavesOpenWhatWasOpen) {
         EXPECT_UNTIL("01034567", priorities());
         coreIs("p1", 3, false);
         EXPECT_UNTIL("01004567", priorities());
-        // A place of which somebody else makes use as well.
-        tc("filter add dev p2 ingress protocol all pref 7 bpf da bytecode '1,6 0 0 4294967295'");
+        // A place of which somebody else makes use as well, beside our filter.
+        Namespace::tc(
+            "filter add dev p2 ingress protocol all pref 32 handle 9 bpf da bytecode '1,6 0 0 4294967295'");
         life.agent.stop();
         EXPECT_EQ(filters("p1") + "," + filters("p2"), ",place");
     }
     EXPECT_EQ(said, "");
     { Life life{*this}; }
-    EXPECT_EQ(leftovers(true), "p1 p2 ");
+    EXPECT_EQ(leftovers(kernel, loop, {}, true), "p1" + fence + "p2" + fence);
     EXPECT_EQ(filters("p1") + "," + filters("p2"), ",place");
     // A daemon that is to have no fence takes that of the one before away.
     { Life life{*this}; }
@@ -241,12 +226,10 @@ TEST_F(FenceAgentTest, OnlyRegisteredStreamsKeepTheirPriorityWhereThatIsWanted) 
         EXPECT_UNTIL(lost, sent(2, stream));
         group->talkerIntfIs(IntfId{"p1"});
         EXPECT_UNTIL(kept, sent(2, stream));
-        Namespace::ip("link set p1 down");  // older kernels rename no other
-        Namespace::ip("link set p1 name p3 up");
+        Namespace::rename("p1", "p3");
         domain->portIs(IntfId{"p3"})->coreIs(Cos{3}, true);
         EXPECT_UNTIL(lost, sent(2, stream));
-        Namespace::ip("link set p3 down");
-        Namespace::ip("link set p3 name p1 up");
+        Namespace::rename("p3", "p1");
         EXPECT_UNTIL(kept, sent(2, stream));
         groups->fdbConfigDel(VlanId{2});
         EXPECT_UNTIL(lost, sent(2, stream));
@@ -265,7 +248,7 @@ TEST_F(FenceAgentTest, FramesToStreamAddressesGoNowhereUnlessThereIsAGroup) {
     const auto mdb = [](const std::string& verb) {
         Namespace::bridge("mdb " + verb + " dev br0 port p2 grp 91:e0:f0:00:00:01 permanent");
     };
-    Life life{*this};
+    std::optional<Life> life{std::in_place, *this};
     EXPECT_UNTIL("no", arrives(0));
     EXPECT_EQ(arrives(0xFE), std::string{"no"});
     EXPECT_EQ(arrives(0xFF), std::string{"yes"}) << "protocols that give addresses out";
@@ -275,8 +258,10 @@ TEST_F(FenceAgentTest, FramesToStreamAddressesGoNowhereUnlessThereIsAGroup) {
     mdb("del");
     EXPECT_UNTIL("no", arrives(0));
     mdb("add");
-    Life restarted{*this};
+    life.emplace(*this);
     EXPECT_EQ(arrives(0), std::string{"yes"}) << "as it was before";
+    mdb("del");
+    EXPECT_UNTIL("no", arrives(0));
     // Where the bridge does not look at its groups, streams need that every frame goes everywhere.
     Namespace::ip("link set br0 type bridge mcast_snooping 0");
     EXPECT_UNTIL("yes", arrives(1));
@@ -299,18 +284,16 @@ TEST_F(FenceAgentTest, ATableThatTakesNoMoreKeepsNobodyOut) {
 
 TEST_F(FenceAgentTest, WhatOthersTakeAwayIsPutBackButNotForEver) {
     Life life{*this};
-    const auto flush = [] { tc("filter del dev p1 ingress"); };
-    for (int i = 0; i < 2; ++i) {
-        flush();
+    for (const char* what : {"filter del dev p1 ingress", "qdisc del dev p1 clsact"}) {
+        Namespace::tc(what);
         EXPECT_UNTIL("place msrpd-fence:23::guarded", filters());
     }
-    EXPECT_EQ(
-        said,
-        "p1: incoming frames from outside the classes' domain keep their priority; somebody else changed the "
-        "filters\np1: incoming frames from outside the classes' domain keep their priority; somebody else "
-        "changed the filters\n");
+    const std::string changed = "; somebody else changed the filters\n";
+    const std::string line =
+        "p1: incoming frames from outside the classes' domain keep their priority" + changed;
+    EXPECT_EQ(said, line + "p1: there is no place for filters of incoming frames" + changed + line);
     said.clear();
-    flush();
+    Namespace::tc("filter del dev p1 ingress");
     const std::string problem =
         "somebody else takes its filter away again and again, it is left alone for a while";
     EXPECT_UNTIL(problem, status->portIs(IntfId{"p1"})->problem());

@@ -64,9 +64,7 @@ TEST_F(LinkAgentTest, AnInterfaceThatComesLaterOrUnderANewNameIsFound) {
     Namespace::cable("p1", "p2");
     EXPECT_RECORD(a, "p1 up 10G 02:00:00:00:00:0a");
     EXPECT_EQ(atUp, record(a)) << "complete when the link goes up";
-    Namespace::ip("link set p1 down");
-    Namespace::ip("link set p1 name p3");
-    Namespace::ip("link set p3 up");
+    Namespace::rename("p1", "p3");
     EXPECT_RECORD(c, "p3 up 10G 02:00:00:00:00:0a");
     EXPECT_EQ(record(a), "p1 down unknown 02:00:00:00:00:0a");
     EXPECT_EQ(place, 0U);

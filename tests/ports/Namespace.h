@@ -3,6 +3,7 @@
 
 #include "Linux/kernel/EpollLoop.h"
 #include "Runtime/FileDescriptor.h"
+#include "tests/Octets.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -19,8 +20,6 @@
 #include <string>
 #include <sys/socket.h>
 #include <vector>
-
-using Octets = std::vector<std::uint8_t>;
 
 /// Moves the process into a fresh network namespace, which vanishes with all in it when the process leaves it
 /// again (or dies).  To be made before any socket, and to be destroyed after them.
@@ -39,13 +38,17 @@ public:
     [[nodiscard]] bool made() const { return made_; }
 
     /// ip("link set p1 up").  Ends the test when that fails.
-    static void ip(const std::string& arguments) {
-        if (std::system(("ip " + arguments).c_str()) != 0) throw std::runtime_error("ip " + arguments);
+    static void ip(const std::string& arguments) { run("ip " + arguments); }
+    static void bridge(const std::string& arguments) { run("bridge " + arguments); }
+    static void tc(const std::string& arguments) { run("tc " + arguments); }
+    /// Also on kernels that rename only what is down.
+    static void rename(const std::string& from, const std::string& to) {
+        ip("link set " + from + " down");
+        ip("link set " + from + " name " + to);
+        ip("link set " + to + " up");
     }
-    /// bridge("mdb show"), likewise.
-    static void bridge(const std::string& arguments) {
-        if (std::system(("bridge " + arguments).c_str()) != 0)
-            throw std::runtime_error("bridge " + arguments);
+    static void run(const std::string& command) {
+        if (std::system(command.c_str()) != 0) throw std::runtime_error(command);
     }
     /// One cable: both ends exist, are up, and have the addresses 02:00:00:00:00:0a and ...:0b.
     static void cable(const std::string& a, const std::string& b) {

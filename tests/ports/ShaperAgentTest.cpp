@@ -1,5 +1,4 @@
 #include "Linux/doctor/Capabilities.h"
-#include "Linux/doctor/Leftovers.h"
 #include "Linux/queues/ShaperAgent.h"
 #include "Runtime/Text.h"
 #include "tests/ports/FaultyKernel.h"
@@ -100,9 +99,6 @@ protected:
         config->shapingIs(Linux::Shaping::htb);
         ASSERT_EQ(kernel.kernel.open(), "");
     }
-    static void tc(const std::string& arguments) {
-        ASSERT_EQ(std::system(("tc " + arguments).c_str()), 0) << arguments;
-    }
     void reserve(std::uint32_t a, std::uint32_t b, const std::string& port = "p1") const {
         const auto intf = wanted->intfConfigIs(IntfId{port});
         for (const auto& [number, rate] : {std::pair{std::uint8_t{7}, a}, {std::uint8_t{6}, b}}) {
@@ -127,19 +123,9 @@ protected:
     std::string until(const std::string& text, const std::string& port = "p1") {
         return PortsTest::until(text, [&] { return shaped(port); });
     }
-
-    /// What a crash has left: "p1: queues that shape classes\n", and with `remove` takes it away.
-    std::string leftovers(bool remove = false) {
-        Linux::DeviceTable devices{loop};
-        EXPECT_EQ(devices.start(), "");
-        std::vector<Linux::Leftover> found;
-        EXPECT_EQ(Linux::findLeftovers(kernel, devices, {{}, {config->queueHandle()}}, found), "");
-        std::string text;
-        for (const auto& leftover : found) {
-            text += concat(leftover.device, ": ", leftover.what, '\n');
-            EXPECT_EQ(remove ? leftover.remove(kernel) : "", "");
-        }
-        return text;
+    /// What a crash has left; with `remove` takes it away.
+    std::string left(bool remove = false) {
+        return leftovers(kernel, loop, {{}, {config->queueHandle()}}, remove);
     }
 
     PretendingKernel kernel;
@@ -189,8 +175,8 @@ TEST_F(ShaperAgentTest, FollowsTheReservationsInPlaceAndGivesBackAllInTheEnd) {
     EXPECT_SHAPED("htb 0 5000");
     // More news of another port than the socket holds, and then one of ours.
     Namespace::cable("x1", "x2");
-    tc("qdisc add dev x1 root handle 1: htb");
-    tc("class add dev x1 classid 1:1 htb rate 1mbit");
+    Namespace::tc("qdisc add dev x1 root handle 1: htb");
+    Namespace::tc("class add dev x1 classid 1:1 htb rate 1mbit");
     ASSERT_EQ(std::system("{ seq -f 'class change dev x1 classid 1:1 htb rate %gkbit' 8000;"
                           "echo class change dev p1 classid 100:20 htb rate 1mbit; } | tc -b - 2>&-"),
               0);
@@ -201,7 +187,7 @@ TEST_F(ShaperAgentTest, FollowsTheReservationsInPlaceAndGivesBackAllInTheEnd) {
 
 TEST_F(ShaperAgentTest, ARestartChangesNothingThatIsRightAndKeepsWhatMayBeAskedForAgain) {
     Namespace::cable("x1", "x2");
-    tc("qdisc add dev x1 root handle 100: htb default 30");
+    Namespace::tc("qdisc add dev x1 root handle 100: htb default 30");
     reserve(75'000, 20'000);
     {
         Life life{*this};
@@ -220,7 +206,7 @@ TEST_F(ShaperAgentTest, ARestartChangesNothingThatIsRightAndKeepsWhatMayBeAskedF
         EXPECT_TRUE(kernel.changes.empty());
         EXPECT_SHAPED("htb 0 0") << "nobody asked again";
     }
-    EXPECT_EQ(leftovers(true), "p1: queues that shape classes\n") << "those of x1 bear our number by chance";
+    EXPECT_EQ(left(true), "p1: queues that shape classes\n") << "those of x1 bear our number by chance";
     EXPECT_EQ(shaped() + " and " + shaped("x1"), "none and htb 0 0");
 }
 
@@ -230,13 +216,13 @@ TEST_F(ShaperAgentTest, RepairsItsOwnQueuesWithinLimits) {
     EXPECT_SHAPED("htb 75000 0");
     said.clear();
     for (int i = 0; i < 3; ++i) {
-        tc("class change dev p1 classid 100:10 htb rate 1mbit");
+        Namespace::tc("class change dev p1 classid 100:10 htb rate 1mbit");
         EXPECT_SHAPED("htb 75000 0") << i;
     }
     EXPECT_NE(said.find("p1: class A is shaped to 1000 kbit/s instead of 75000; somebody else"),
               std::string::npos)
         << said;
-    tc("class change dev p1 classid 100:10 htb rate 1mbit");
+    Namespace::tc("class change dev p1 classid 100:10 htb rate 1mbit");
     const std::string leftAlone = "htb 1000 0, refused: somebody else changes the queues again and again";
     EXPECT_SHAPED(leftAlone);
     reserve(80'000, 0);
@@ -246,7 +232,7 @@ TEST_F(ShaperAgentTest, RepairsItsOwnQueuesWithinLimits) {
 }
 
 TEST_F(ShaperAgentTest, APortThatCannotBeShapedIsLeftAloneAndOnRecordBeforeAnybodyReliesOnIt) {
-    tc("qdisc add dev p1 root handle 7: pfifo");
+    Namespace::tc("qdisc add dev p1 root handle 7: pfifo");
     const auto* const foreign = "pfifo 0 0, refused: somebody else has set up the queues (pfifo)";
     {
         config->shapingIs(Linux::Shaping::none);
@@ -266,7 +252,7 @@ TEST_F(ShaperAgentTest, APortThatCannotBeShapedIsLeftAloneAndOnRecordBeforeAnybo
     }
     EXPECT_EQ(life.agent.audit(true).size(), 1U);
     EXPECT_EQ(shaped(), foreign);
-    tc("qdisc del dev p1 root");
+    Namespace::tc("qdisc del dev p1 root");
     EXPECT_SHAPED("none");
     Linux::Abilities abilities;
     abilities.htb = Linux::Ability::absent;
@@ -276,7 +262,7 @@ TEST_F(ShaperAgentTest, APortThatCannotBeShapedIsLeftAloneAndOnRecordBeforeAnybo
     capabilities->abilitiesAre({});
     life.agent.abilitiesChanged();
     EXPECT_SHAPED("none") << "nothing is reserved";
-    tc("qdisc add dev p1 root handle 7: pfifo");
+    Namespace::tc("qdisc add dev p1 root handle 7: pfifo");
     EXPECT_SHAPED(foreign);
     life.agent.stop();
     EXPECT_EQ(shaped(), "pfifo 0 0") << "nobody is told anything any more";
@@ -306,7 +292,7 @@ TEST_F(ShaperAgentTest, WhatTheKernelRefusedIsKeptUntilItIsTriedAgainWithWhatWas
     EXPECT_SHAPED("htb 0 0") << "nobody asked again";
 
     kernel.refuseAll(RTM_NEWQDISC, EBUSY);
-    tc("qdisc del dev p1 root");
+    Namespace::tc("qdisc del dev p1 root");
     reserve(75'000, 0);
     loop.runUntil([&] { return kernel.refused > 2; }, 5s);
     EXPECT_EQ(shaped(), "none") << "it may pass";
@@ -342,11 +328,6 @@ TEST_F(ShaperAgentTest, TheTimedAuditLooksEvenWhereNobodyToldOfAnythingButNotAtF
 }
 
 TEST_F(ShaperAgentTest, APortThatLeavesIsGivenBackAndOneThatComesIsShaped) {
-    const auto rename = [](const std::string& from, const std::string& to) {
-        Namespace::ip("link set " + from + " down");
-        Namespace::ip("link set " + from + " name " + to);
-        Namespace::ip("link set " + to + " up");
-    };
     reserve(75'000, 0);
     {
         const Life life{*this};
@@ -354,19 +335,19 @@ TEST_F(ShaperAgentTest, APortThatLeavesIsGivenBackAndOneThatComesIsShaped) {
     }
     Life life{*this, 1h};
     settle(50ms);
-    rename("p1", "p9");
+    Namespace::rename("p1", "p9");
     EXPECT_EQ(until("htb 0 0", "p9"), "htb 0 0") << "nothing is reserved under this name";
     EXPECT_FALSE(capabilities->shaping(IntfId{"p1"}));
-    rename("p9", "p1");
+    Namespace::rename("p9", "p1");
     EXPECT_SHAPED("htb 75000 0");
     Namespace::ip("link set p1 nomaster");
     EXPECT_SHAPED("none");
-    tc("qdisc add dev p1 root handle 100: htb");
+    Namespace::tc("qdisc add dev p1 root handle 100: htb");
     Namespace::ip("link add x1 up type veth peer name x2");
     Namespace::ip("link set x1 master br0");
     EXPECT_TRUE(loop.runUntil([&] { return capabilities->shaping(IntfId{"x1"}) != nullptr; }, 5s));
     EXPECT_EQ(shaped(), "htb 0 0") << "was given back once, and is none of ours any more";
-    tc("qdisc del dev p1 root");
+    Namespace::tc("qdisc del dev p1 root");
     Namespace::ip("link set p1 master br0");
     EXPECT_SHAPED("htb 75000 0");
     Namespace::ip("link set p1 nomaster");
@@ -430,9 +411,9 @@ TEST_F(ShaperAgentTest, ARaceThatIsLostForFiltersIsRunAgainAndWithoutThemThereAr
     for (auto& [ifindex, queues] : kernel.have) queues = crashed.at(ifindex);
     const std::string filtersLeft =
         ": filters of incoming frames, and their place (clsact) if there are no others\n";
-    EXPECT_EQ(leftovers(), "p1" + filtersLeft + "c1: queues that shape classes\nc1" + filtersLeft);
+    EXPECT_EQ(left(), "p1" + filtersLeft + "c1: queues that shape classes\nc1" + filtersLeft);
     c1.children.front().handle = Linux::queueId(0x8001);
-    EXPECT_EQ(leftovers(true), "p1" + filtersLeft + "c1" + filtersLeft) << "below our number, but not ours";
+    EXPECT_EQ(left(true), "p1" + filtersLeft + "c1" + filtersLeft) << "below our number, but not ours";
     EXPECT_FALSE(c1.ingress || p1.ingress);
     c1 = {};
     kernel.refuse = [&](std::span<const std::byte> request) {
