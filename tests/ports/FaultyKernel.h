@@ -22,7 +22,8 @@ inline std::string leftovers(Linux::NetlinkChannel& kernel, Runtime::FdLoop& loo
                              const Linux::OwnMarks& marks = {}, bool remove = false) {
     Linux::DeviceTable devices{loop};
     std::vector<Linux::Leftover> found;
-    std::string text = devices.start() + Linux::findLeftovers(kernel, devices, marks, found);
+    std::string text = devices.start();
+    text += Linux::findLeftovers(kernel, devices, marks, found);
     for (const auto& leftover : found)
         text += leftover.device + ": " + leftover.what + '\n' + (remove ? leftover.remove(kernel) : "");
     return text;
