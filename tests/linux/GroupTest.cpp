@@ -6,7 +6,6 @@
 #include "Runtime/Text.h"
 #include "tests/linux/Golden.h"
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <linux/rtnetlink.h>
@@ -15,7 +14,6 @@
 namespace {
 
 using Linux::GroupMember;
-using Linux::GroupReaction;
 
 const golden::Recording& groups() {
     static const golden::Recording recording{"groups"};
@@ -145,14 +143,6 @@ TEST(GroupPlaces, GoToListenersFirstAndThenToPortsInEqualParts) {
     EXPECT_EQ(settled(8), "4 4 0 0");
     places.claim(member(9, 0, 0).group, {false, IntfId{"a"}, true}, false);
     EXPECT_EQ(settled(0), "1 0 0 0") << "a group of others takes no place of ours";
-}
-
-TEST(GroupReaction, SaysWhatToDo) {
-    EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Bridge device is not running"}), GroupReaction::passing);
-    EXPECT_EQ(Linux::reactionToAdd({ENODEV, ""}), GroupReaction::passing);
-    EXPECT_EQ(Linux::reactionToDelete({EINVAL, ""}), GroupReaction::reread);
-    EXPECT_EQ(Linux::reactionToDelete({EINVAL, "Bridge's multicast processing is disabled"}),
-              GroupReaction::refused);
 }
 
 TEST(Contention, LeavesAloneWhatChangesThreeTimesAMinute) {

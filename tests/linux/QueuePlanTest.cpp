@@ -1,4 +1,3 @@
-#include "Linux/queues/IngressMap.h"
 #include "Linux/queues/PortTrials.h"
 #include "Linux/queues/QueuePlan.h"
 #include "Linux/queues/ShaperChoice.h"
@@ -94,66 +93,6 @@ TEST(QueuePlan, ChangesCreditsInPlaceAndInTheOrderThatKeepsPromises) {
               "the queues are set up otherwise\nthe queues are not set up\n"
               "class A is not shaped to 75000 kbit/s\nclass B has no queue\n");
     EXPECT_EQ(port.settle(Shaper::none, {}), "the queues are still set up\n");
-    EXPECT_EQ(port.have, PortQueues{});
-}
-
-TEST(QueuePlan, MakesAndChangesTokenBuckets) {
-    Port port;
-    port.settle(Shaper::software, {1000, 1000});
-    const std::string root = "the queues are set up otherwise\nthe queues are not set up\n";
-    EXPECT_EQ(port.settle(Shaper::htb, {75'000, 20'000}),
-              root +
-                  "the port has no class of its own\nother traffic has no class of its own\n"
-                  "frames are not sorted by priority\nclass A has no class of its own\n"
-                  "class A has no queue for 256 frames\nclass B has no class of its own\n"
-                  "class B has no queue for 256 frames\n");
-    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}),
-              "class A is shaped to 75000 kbit/s instead of 80000\nclass B is still shaped\n");
-    port.priorities = {1U << 3, 0};
-    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}),
-              "frames are sorted otherwise\nframes are not sorted by priority\n");
-    // Who has put a filter beside ours keeps it, as long as ours is there.
-    auto beside = port.have.filters.front();
-    beside.handle = 2;
-    port.have.filters.push_back(beside);
-    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}), "");
-    auto strange = port.have.classes.front();
-    strange.id = Linux::queueId(0x100, 0x99);
-    port.have.classes.push_back(strange);
-    EXPECT_EQ(port.settle(Shaper::htb, {80'000, 0}).substr(0, root.size()), root);
-}
-
-TEST(QueuePlan, LeavesAnothersRootAndTakesOverWhatIsRightButForTheQueuesOfOtherTraffic) {
-    Port port;
-    port.settle(Shaper::software, {75'000, 20'000});
-    auto& queues = std::get<Linux::PriorityQueues>(port.have.root->options);
-    queues.queues.back().count = 1;
-    EXPECT_EQ(port.settle(Shaper::software, {75'000, 20'000}), "");
-    port.have.root->handle = Linux::queueId(0x200);
-    const PortQueues before = port.have;
-    EXPECT_TRUE(Linux::foreignRoot(port.have, 0x100));
-    EXPECT_TRUE(Linux::planQueues({11, 0x100, Shaper::none, 0, {}, {}, 1}, before).empty());
-}
-
-TEST(IngressMap, HasOneFilterForEachPriorityAndLeavesThoseOfOthers) {
-    Port port;
-    EXPECT_EQ(
-        port.carriedOut(Linux::planIngressMap(11, {}, port.have)),
-        "there is no place for filters of incoming frames\npriority 2 of incoming frames is not mapped\n"
-        "priority 3 of incoming frames is not mapped\n");
-    EXPECT_EQ(port.carriedOut(Linux::planIngressMap(11, {}, port.have)), "");
-    // At our place, under our handle, doing the same, but without our mark.
-    auto foreign = port.have.filters.front();
-    std::get<Linux::TagPriorityRule>(foreign.options).marked = false;
-    foreign.handle += 5;
-    port.have.filters.push_back(foreign);
-    EXPECT_EQ(port.carriedOut(Linux::planIngressMap(11, {1U << 3, 0}, port.have)),
-              "a priority of incoming frames is still mapped\n");
-    EXPECT_TRUE(Linux::mapsIngress(port.have));
-    port.carriedOut(Linux::planIngressMap(11, {0, 0}, port.have));
-    EXPECT_EQ(port.have.filters, std::vector{foreign});
-    EXPECT_FALSE(Linux::mapsIngress(port.have));
-    port.carriedOut(Linux::planIngressRemoval(port.have));
     EXPECT_EQ(port.have, PortQueues{});
 }
 

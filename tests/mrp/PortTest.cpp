@@ -70,10 +70,3 @@ TEST(Port, StandbyIsSilentAndTheActiveRoleBeginsWithALeaveAll) {
     EXPECT_FALSE(wire.isOpen(a1));
 }
 
-TEST(Port, CountsWhatItSendsAndReceives) {
-    Pair net;
-    net.play("a1+1/5 1s");
-    EXPECT_EQ(net.a.status->intf(a1)->txEvents(Mrp::Event::JoinMt), 2U);
-    EXPECT_EQ(net.b.status->intf(b1)->rxPdus(), 2U);
-    EXPECT_EQ(State::text(*net.b.status->fieldValue("intf", "b1/rxEvents/JoinMt")), "2");
-}

@@ -1,9 +1,6 @@
 /// The decisions that need no state machine.
 #include "Msrp/MsrpLib.h"
 #include "Msrp/bandwidth/Admission.h"
-#include "Msrp/bandwidth/CosToTcMap.h"
-#include "Msrp/listener/ListenerMerge.h"
-#include "Msrp/types/Format.h"
 #include "Msrp/types/Waiting.h"
 
 #include <algorithm>
@@ -55,26 +52,6 @@ TEST(Bandwidth, AdmitsWhatFitsExactly) {
     }
 }
 
-TEST(ListenerMerge, NoOrderMatters) {
-    using enum ListenerState;
-    const std::vector<std::pair<std::vector<ListenerState>, ListenerState>> cases{
-        {{Ready, Ready}, Ready},
-        {{AskingFailed, AskingFailed}, AskingFailed},
-        {{AskingFailed, Ready}, ReadyFailed},
-        {{AskingFailed, Ignore, ReadyFailed}, ReadyFailed},
-        {{Ready, ReadyFailed}, ReadyFailed},
-        {{Ignore}, Ignore},
-    };
-    for (auto [ports, merged] : cases) {
-        std::ranges::sort(ports);
-        do {
-            ListenerState result = Ignore;
-            for (const ListenerState port : ports) result = mergeListener(result, port);
-            EXPECT_EQ(result, merged);
-        } while (std::ranges::next_permutation(ports).found);
-    }
-}
-
 TEST(FailedStreamQueue, IndicesGrowAndAStreamStandsTwiceAtMost) {
     FailedStreamQueue queue;
     for (const U64 id : std::vector<U64>{7, 8, 7, 7}) queue.failedStreamEnq(id, 1.0);
@@ -114,15 +91,6 @@ TEST(Attributes, IncrementsDoNotWrapIntoTheNextField) {
         types[2].follows(last.octets(), MsrpListenerAttribute{0x2'0000, ListenerState::Ready}.octets()));
     EXPECT_TRUE(
         types[3].follows(MsrpDomainAttribute{B, 2, 2}.octets(), MsrpDomainAttribute{A, 3, 2}.octets()));
-}
-
-TEST(Format, TextsAndRanges) {
-    EXPECT_TRUE(isAvbEthAddr(*EthAddr::parse("91:e0:f0:ff:ff:ff")));
-    EXPECT_FALSE(isAvbEthAddr(*EthAddr::parse("91:e0:f1:00:00:00")));
-    EXPECT_EQ(srState(SrClassState::Boundary), "WaitingForPeer");
-    MsrpCosToTcMap map;
-    map.fillCosToTcMap();
-    EXPECT_EQ(map.text(), "0:0 1:0 2:4 3:5 4:1 5:1 6:2 7:3");
 }
 
 }  // namespace

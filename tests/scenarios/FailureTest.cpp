@@ -74,7 +74,7 @@ TEST_F(Scenario, ChangesOfAKnownTalkerFailWithCodes7And16AndLargeFramesWithCode1
     EXPECT_EQ(picture(), nobodyListens);
     EXPECT_EQ(bridge.agent().msrpSm()->streamList(1)->failedBridgeId(), 0U);
     expectLogged({"MSRP_TALKER_ADV_JOIN TalkerAdv Join transmitted on p2: StreamId 0x1, failureCode 0"});
-    p1.say({advertise({.id = 8, .macDa = 0x91e0f0000008, .maxFrameSize = 1500}),
+    p1.say({advertise({.id = 8, .macDa = 0x91e0f0ffffff, .maxFrameSize = 1500}),
             advertise({.id = 9, .macDa = 0x91e0f0000009, .maxFrameSize = 1501})});
     expectHears(p2, "Advertise 0x8\n" + failedLine("0x9", 14));
 }
