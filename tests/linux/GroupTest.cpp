@@ -4,10 +4,10 @@
 #include "Linux/groups/OwnedGroups.h"
 #include "Linux/kernel/Contention.h"
 #include "Runtime/Text.h"
+#include "tests/control/TemporaryDirectory.h"
 #include "tests/linux/Golden.h"
 
-#include <filesystem>
-#include <fstream>
+#include <cerrno>
 #include <linux/rtnetlink.h>
 #include <sys/stat.h>
 
@@ -145,6 +145,15 @@ TEST(GroupPlaces, GoToListenersFirstAndThenToPortsInEqualParts) {
     EXPECT_EQ(settled(0), "1 0 0 0") << "a group of others takes no place of ours";
 }
 
+TEST(GroupReaction, SaysWhatToDo) {
+    using Linux::GroupReaction;
+    EXPECT_EQ(Linux::reactionToAdd({EINVAL, "Bridge device is not running"}), GroupReaction::passing);
+    EXPECT_EQ(Linux::reactionToAdd({ENODEV, ""}), GroupReaction::passing);
+    EXPECT_EQ(Linux::reactionToDelete({EINVAL, ""}), GroupReaction::reread);
+    EXPECT_EQ(Linux::reactionToDelete({EINVAL, "Bridge's multicast processing is disabled"}),
+              GroupReaction::refused);
+}
+
 TEST(Contention, LeavesAloneWhatChangesThreeTimesAMinute) {
     using namespace std::chrono_literals;
     Linux::Contentions<int> things;
@@ -160,9 +169,9 @@ TEST(Contention, LeavesAloneWhatChangesThreeTimesAMinute) {
 }
 
 TEST(OwnedGroups, KnowsItsOwnAfterAnyEnd) {
-    std::string folder = testing::TempDir() + "owned-groups-XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    const std::string path = folder + "/owned";
+    const TemporaryDirectory directory;
+    const std::string folder = directory.file("");
+    const std::string path = directory.file("owned");
     const auto readAgain = [&] {
         Linux::OwnedGroups owned{path};
         EXPECT_EQ(owned.read(), "");
@@ -201,8 +210,8 @@ TEST(OwnedGroups, KnowsItsOwnAfterAnyEnd) {
     namespace fs = std::filesystem;
     fs::permissions(path, fs::perms::others_write, fs::perm_options::add);
     EXPECT_EQ(problem(), " is not read: others may write it");
-    fs::rename(path, folder + "/other");
-    fs::permissions(folder + "/other", fs::perms::owner_all);
+    fs::rename(path, folder + "other");
+    fs::permissions(folder + "other", fs::perms::owner_all);
     fs::create_symlink("other", path);
     EXPECT_EQ(Linux::OwnedGroups{path}.read(), "cannot read " + path + ": Too many levels of symbolic links");
     fs::remove(path);
@@ -215,7 +224,6 @@ TEST(OwnedGroups, KnowsItsOwnAfterAnyEnd) {
     trapped.add(kept, "swp1");
     EXPECT_NE(trapped.flush(), "");
     EXPECT_FALSE(fs::exists(path));
-    fs::remove_all(folder);
 }
 
 }  // namespace

@@ -118,8 +118,8 @@ std::string fullLeaveAll() {
     return script + "a1*";
 }
 const std::string events =
-    ";20ms;a1+3/5=2;a1-3/5=2;a1<In:3/5=2;a1<Mt:3/5=2 b1-3/5;a1<Lv:3/5=2;a1<*;a1*;a1^3/5=2;a1!3/5=2 a1*;"
-    "a1<New:3/5=2 b1+3/5=2;a1<JoinIn:3/5=2 b1+3/5=2;a1<JoinMt:3/5=2 b1+3/5=2;" +
+    ";20ms;a1+3/5=2;a1-3/5=2;a1<In:3/5=2;a1<Mt:3/5=2 b1-3/5;a1<Lv:3/5=2;a1<*;a1*;a1^3/5=2;a1!3/5=2 "
+    "a1*;a1<New:3/5=2 b1+3/5=2;a1<JoinIn:3/5=2 b1+3/5=2;a1<JoinMt:3/5=2 b1+3/5=2;" +
     fullLeaveAll();
 
 /// Whatever happens in whatever state, both ends agree within a second, or after a LeaveAll if a frame is

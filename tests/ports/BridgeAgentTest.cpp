@@ -54,8 +54,7 @@ TEST_F(BridgeAgentTest, TheRecordsFollowPortsTheirStatesAndTheirNames) {
     EXPECT_RECORDS(twoPorts);
     join({"p3"});
     EXPECT_RECORDS(
-        "None; NoStp p1 forwarding p2 forwarding p3 forwarding; 2 p1+ p2+ p3+; "
-        "native p1 1 p2 1 p3 1");
+        "None; NoStp p1 forwarding p2 forwarding p3 forwarding; 2 p1+ p2+ p3+; native p1 1 p2 1 p3 1");
     Namespace::ip("link set p1 nomaster");
     Namespace::ip("link del p3");
     EXPECT_RECORDS("None; NoStp p2 forwarding; 2 p2+; native p2 1");
@@ -105,9 +104,7 @@ TEST_F(BridgeAgentTest, TheVlansOfABridgeThatFiltersThemAreItsOwn) {
     bridge();
     if (std::system("ip link set br0 type bridge vlan_filtering 1 2>/dev/null") != 0)
         GTEST_SKIP() << "this kernel's bridges do not filter VLANs";
-    const auto vlan = [](const std::string& arguments) {
-        EXPECT_EQ(std::system(("bridge vlan " + arguments).c_str()), 0) << arguments;
-    };
+    const auto vlan = [](const std::string& arguments) { Namespace::bridge("vlan " + arguments); };
     join({"p1", "p2"});
     start(1);  // room for one or two notifications
     const std::string states = "None; NoStp p1 forwarding p2 forwarding; ";
@@ -130,9 +127,8 @@ TEST_F(BridgeAgentTest, TheVlansOfABridgeThatFiltersThemAreItsOwn) {
     join({"p1"});
     EXPECT_RECORDS(states + "1 p1-; 5 p2+; native p1 1 p2 1");
     // More than fit: VLANs that come and go one by one.
-    ASSERT_EQ(std::system("for v in $(seq 100 400); do echo vlan add dev p1 vid $v; done | bridge -b - &&"
-                          "for v in $(seq 100 399); do echo vlan del dev p1 vid $v; done | bridge -b -"),
-              0);
+    Namespace::run("for v in $(seq 100 400); do echo vlan add dev p1 vid $v; done | bridge -b -");
+    Namespace::run("for v in $(seq 100 399); do echo vlan del dev p1 vid $v; done | bridge -b -");
     EXPECT_RECORDS(states + "1 p1-; 5 p2+; 400 p1+; native p1 1 p2 1");
     EXPECT_TRUE(complaints.empty());
 }

@@ -310,8 +310,8 @@ TEST_F(FenceAgentTest, WhatTheKernelRefusesIsSaidOnceAndTriedAgain) {
     settle(1200ms);
     EXPECT_EQ(kernel.refused, 4) << "two ports, twice";
     const std::string line =
-        ": frames from outside the classes' domain may use their queues: cannot set up the filter: "
-        "Invalid argument\n";
+        ": frames from outside the classes' domain may use their queues: cannot set up the filter: Invalid "
+        "argument\n";
     EXPECT_EQ(said, "p1" + line + "p2" + line);
     kernel.refuse = nullptr;
     said.clear();

@@ -2,13 +2,11 @@
 #include "Linux/groups/GroupAgent.h"
 #include "Linux/groups/GroupRemoval.h"
 #include "Runtime/Text.h"
+#include "tests/control/TemporaryDirectory.h"
 #include "tests/ports/FaultyKernel.h"
 #include "tests/ports/Namespace.h"
 
-#include <filesystem>
-#include <fstream>
 #include <linux/rtnetlink.h>
-#include <map>
 #include <sstream>
 
 using namespace std::chrono_literals;
@@ -27,7 +25,7 @@ protected:
                     {test.config, test.wanted, test.status, test.refusals},
                     [this, &test] { test.loop.post([this] { agent.apply(); }); },
                     [&test](auto tone, auto& line) { test.complaints += told(tone, line); },
-                    test.folder + "/control",
+                    test.files,
                     [&test](const std::string&) { return test.served; }} {}
         Linux::DeviceTable devices;
         Linux::GroupAgent agent;
@@ -35,7 +33,7 @@ protected:
 
     void make() override {
         // Or else the hosts that live at the cables' ends would join groups of their own.
-        std::ofstream{"/proc/sys/net/ipv6/conf/default/disable_ipv6"} << 1;
+        Namespace::run("echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6");
         Namespace::cable("p1", "h1");
         Namespace::cable("p2", "h2");
         makeBridge();
@@ -44,8 +42,6 @@ protected:
         wanted->fdbConfigPriorityIs(1);
         begin();
     }
-    void TearDown() override { std::filesystem::remove_all(folder); }
-
     static void makeBridge() {
         Namespace::ip("link add br0 up type bridge mcast_querier 0");
         Namespace::ip("link set p1 master br0");
@@ -112,16 +108,14 @@ protected:
         life->devices.readBridge(if_nametoindex("br0"));
         return life->devices.find("br0")->bridgeSettings->multicastSnooping;
     }
-    static void mdb(const std::string& arguments) {
-        ASSERT_EQ(std::system(("bridge mdb " + arguments).c_str()), 0);
+    /// Of this kind: "add dev br0 port p1 grp 91:e0:f0:00:00:01 permanent".
+    static void mdb(const std::string& verb, const char* port, const char* last) {
+        Namespace::bridge(Runtime::concat("mdb ", verb, " dev br0 port ", port, " grp 91:e0:f0:00:00:", last,
+                                          verb == "add" ? " permanent" : ""));
     }
 
-    static std::string makeFolder() {
-        std::string path = testing::TempDir() + "groups-XXXXXX";
-        return mkdtemp(path.data()) != nullptr ? path : "";
-    }
-
-    const std::string folder = makeFolder();
+    const TemporaryDirectory directory;
+    const std::string files = directory.file("control");
     Linux::Ability marks = Linux::Ability::present;
     bool served = false;
     std::string complaints;
@@ -139,8 +133,8 @@ protected:
 #define EXPECT_COUNTS(made, missed) EXPECT_UNTIL(#made " and " #missed, counts())
 
 TEST_F(GroupAgentTest, TheTableFollowsTheRecordAndKeepsWhatIsAnothers) {
-    mdb("add dev br0 port p2 grp 91:e0:f0:00:00:02 permanent");
-    mdb("add dev br0 port p2 grp 91:e0:f0:00:00:09 permanent");
+    mdb("add", "p2", "02");
+    mdb("add", "p2", "09");
     want(1, "p1");
     want(1, "p2", false);
     want(2, "p1");
@@ -151,11 +145,11 @@ TEST_F(GroupAgentTest, TheTableFollowsTheRecordAndKeepsWhatIsAnothers) {
                               status->tableUsed()),
               "3 3 1 3");
     // Taken away by its owner, what is wanted becomes ours.
-    mdb("del dev br0 port p2 grp 91:e0:f0:00:00:02");
+    mdb("del", "p2", "02");
     EXPECT_TABLE("01@p1 02@p1 02@p2 09@p2/another");
     // Ours, replaced by somebody's, is his.
-    mdb("del dev br0 port p1 grp 91:e0:f0:00:00:02");
-    mdb("add dev br0 port p1 grp 91:e0:f0:00:00:02 permanent");
+    mdb("del", "p1", "02");
+    mdb("add", "p1", "02");
     loop.runUntil([&] { return status->foreign() == 1; }, 5s);
     settle(Linux::GroupAgent::grace);
     wanted->fdbConfigDel(VlanId{2});
@@ -295,7 +289,7 @@ TEST_F(GroupAgentTest, NoPortBecomesAMulticastRoutersAndEachGetsItsRoleBack) {
     begin();  // after a crash
     settle();
     std::vector<Linux::Leftover> found;
-    EXPECT_EQ(Linux::findLeftovers(requests, life->devices, {{}, {}, folder + "/control"}, found), "");
+    EXPECT_EQ(Linux::findLeftovers(requests, life->devices, {{}, {}, files}, found), "");
     ASSERT_EQ(found.size(), 2U);
     EXPECT_EQ(found.front().device + ": " + found.front().what, "p1: mcast_router 0 instead of 2");
     life->agent.withdraw();
@@ -324,10 +318,9 @@ TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes
         EXPECT_TRUE(Linux::readAllGroups(requests.kernel, all));
         std::size_t count = 0;
         for (const auto& [bridge, held] : all) count += held.size();
-        return count;
+        return std::to_string(count);
     };
-    loop.runUntil([&] { return entries() == 0; }, 1s);
-    EXPECT_EQ(entries(), 0U);
+    EXPECT_UNTIL("0", entries());
     Namespace::ip("link set br9 name br0");
     EXPECT_TABLE("01@p1 02@p1");
     // A crash, and then another mark.
@@ -342,13 +335,12 @@ TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes
     config->bridgeIs("br1");
     complaints.clear();
     begin();
-    loop.runUntil([&] { return entries() == 0; }, Linux::GroupAgent::grace + 1s);
-    EXPECT_EQ(entries(), 0U);
+    EXPECT_UNTIL("0", entries());
     EXPECT_EQ(complaints,
               "good: bridge br1: bridge br0 has groups with our mark (1), left by an earlier run: they are "
               "removed\n");
     life->agent.withdraw();
-    EXPECT_TRUE(std::filesystem::is_empty(folder));
+    EXPECT_TRUE(std::filesystem::is_empty(directory.file("")));
 }
 
 TEST_F(GroupAgentTest, PortsAndBridgesMayGoAndComeBack) {
@@ -411,7 +403,7 @@ TEST_F(GroupAgentTest, AKernelThatMarksNothingIsServedWithAFile) {
         return Linux::NetlinkAnswer{EINVAL, "Unknown attribute type"};
     };
     marks = Linux::Ability::absent;
-    mdb("add dev br0 port p2 grp 91:e0:f0:00:00:09 permanent");
+    mdb("add", "p2", "09");
     want(1, "p1");
     want(2, "p1");
     EXPECT_COUNTS(2, 0);
@@ -433,7 +425,7 @@ TEST_F(GroupAgentTest, AnAuditNamesWhatDiffersAndRepairsIt) {
     EXPECT_EQ(life->agent.audit(false).size(), 1U);
     settle(Linux::GroupAgent::grace);
     complaints.clear();
-    mdb("del dev br0 port p1 grp 91:e0:f0:00:00:01");
+    mdb("del", "p1", "01");
     // As an earlier life of ours might.
     const Linux::GroupMember stale{{address(1), 0, {}}, if_nametoindex("p2")};
     EXPECT_TRUE(requests.carryOut(Linux::groupAdd(if_nametoindex("br0"), stale, 78)));
@@ -458,7 +450,7 @@ TEST_F(GroupAgentTest, AnotherAgentThatUndoesItAllIsNotFoughtForEver) {
     for (int i = 0; i < 3; ++i) {
         EXPECT_TABLE("01@p1");
         settle();
-        mdb("del dev br0 port p1 grp 91:e0:f0:00:00:01");
+        mdb("del", "p1", "01");
     }
     EXPECT_COUNTS(0, 1);
     EXPECT_EQ(table(), "");

@@ -172,8 +172,8 @@ TEST_F(ShaperAgentTest, FollowsTheReservationsInPlaceAndGivesBackAllInTheEnd) {
     Namespace::tc("qdisc add dev x1 root handle 1: htb");
     Namespace::tc("class add dev x1 classid 1:1 htb rate 1mbit");
     Namespace::run(
-        "{ seq -f 'class change dev x1 classid 1:1 htb rate %gkbit' 8000;"
-        "echo class change dev p1 classid 100:20 htb rate 1mbit; } | tc -b - 2>&-");
+        "{ seq -f 'class change dev x1 classid 1:1 htb rate %gkbit' 8000;echo class change dev p1 classid "
+        "100:20 htb rate 1mbit; } | tc -b - 2>&-");
     EXPECT_SHAPED("htb 0 5000");
     life.agent.stop();
     EXPECT_EQ(shaped(), "none");

@@ -27,16 +27,12 @@ protected:
     void begin(Runtime::Duration settling = std::chrono::seconds{20}) {
         agent.emplace(
             loop, devices, requests, bridge, wanted, members,
-            [this](Linux::Tone, const std::string& line) { lines.push_back(line); },
+            [this](Linux::Tone, const std::string& line) { lines += line + '\n'; },
             directory.file("control"));
         agent->start(settling);
     }
     void want(const char* port, const char* vlans) {
         wanted->portIs(IntfId{port})->memberIs(*parseVlans(vlans));
-    }
-    static void vlan(const std::string& what) {
-        if (std::system(("bridge vlan " + what).c_str()) != 0)
-            throw std::runtime_error("bridge vlan " + what);
     }
     /// "p1 1,2 (2) p2 1 ()": what ports carry by the records, and what of it was given.
     [[nodiscard]] std::string carried() const {
@@ -62,14 +58,14 @@ protected:
                               records.stp};
     std::shared_ptr<Bridging::VlanRequests> wanted = std::make_shared<Bridging::VlanRequests>();
     std::shared_ptr<Bridging::VlanMembers> members = std::make_shared<Bridging::VlanMembers>();
-    std::vector<std::string> lines;
+    std::string lines;
     std::optional<Linux::VlanAgent> agent;
 };
 
 #define EXPECT_CARRIED(text) EXPECT_UNTIL(text, carried())
 
 TEST_F(VlanAgentTest, PortsGetWhatIsAskedForAndTheAdministratorKeepsHisOwn) {
-    vlan("add dev p2 vid 5");
+    Namespace::bridge("vlan add dev p2 vid 5");
     begin();
     want("p1", "2,100-4094");
     want("p2", "2,5");
@@ -77,7 +73,7 @@ TEST_F(VlanAgentTest, PortsGetWhatIsAskedForAndTheAdministratorKeepsHisOwn) {
     want("p1", "2");
     want("p2", "");
     EXPECT_CARRIED("p1 1,2 (2) p2 1,5 () ");
-    vlan("del dev p1 vid 2");
+    Namespace::bridge("vlan del dev p1 vid 2");
     EXPECT_CARRIED("p1 1,2 (2) p2 1,5 () ");  // it is still asked for
     Namespace::ip("link set p1 nomaster");
     EXPECT_UNTIL("gone", (std::as_const(*members).port(IntfId{"p1"}) ? "" : "gone"));
@@ -86,13 +82,13 @@ TEST_F(VlanAgentTest, PortsGetWhatIsAskedForAndTheAdministratorKeepsHisOwn) {
     agent->stop();
     EXPECT_CARRIED("p1 1 (2) p2 1,5 () ");
     EXPECT_TRUE(std::filesystem::is_empty(directory.file("")));
-    EXPECT_EQ(lines, std::vector<std::string>{});
+    EXPECT_EQ(lines, "");
 }
 
 TEST_F(VlanAgentTest, AnEarlierLifesAreKeptUntilTheyHadTheirTimeAndOthersStay) {
     begin();
     want("p1", "2,3");
-    vlan("add dev p1 vid 4");
+    Namespace::bridge("vlan add dev p1 vid 4");
     EXPECT_CARRIED("p1 1-4 (2,3) p2 1 () ");
     agent.reset();  // without a word, as who is killed
     wanted->portDel(IntfId{"p1"});
@@ -108,13 +104,11 @@ TEST_F(VlanAgentTest, WhoeverTakesAVlanAwayAgainAndAgainIsLetBe) {
     want("p1", "2");
     for (int i = 0; i < 3; ++i) {
         EXPECT_CARRIED("p1 1,2 (2) p2 1 () ");
-        vlan("del dev p1 vid 2");
+        Namespace::bridge("vlan del dev p1 vid 2");
         settle();
     }
     EXPECT_CARRIED("p1 1 () p2 1 () ");
-    EXPECT_EQ(lines,
-              std::vector<std::string>{
-                  "p1: somebody else takes VLAN 2 away again and again; it is left alone for a minute"});
+    EXPECT_EQ(lines, "p1: somebody else takes VLAN 2 away again and again; it is left alone for a minute\n");
     EXPECT_EQ(agent->audit(true), std::vector<std::string>{"p1: not in VLAN 2"});
     EXPECT_CARRIED("p1 1,2 (2) p2 1 () ");
 }
@@ -125,23 +119,15 @@ TEST_F(VlanAgentTest, OnlyLearntAddressesOfTheVlanOnThePortAreForgotten) {
     want("p2", "2");
     EXPECT_CARRIED("p1 1-3 (2,3) p2 1,2 (2) ");
     Namespace::ip("link set br0 type bridge ageing_time 30000");
-    const auto entry = [](const std::string& address, const std::string& rest) {
-        if (std::system(("bridge fdb add " + address + " dev " + rest).c_str()) != 0)
-            throw std::runtime_error("bridge fdb add");
-    };
-    entry("02:00:00:00:00:21", "p1 master dynamic vlan 2");
-    entry("02:00:00:00:00:22", "p1 master static vlan 2");
-    entry("02:00:00:00:00:31", "p1 master dynamic vlan 3");
-    entry("02:00:00:00:00:23", "p2 master dynamic vlan 2");
+    for (const char* entry : {"21 dev p1 master dynamic vlan 2", "22 dev p1 master static vlan 2",
+                              "31 dev p1 master dynamic vlan 3", "23 dev p2 master dynamic vlan 2"})
+        Namespace::bridge(std::string{"fdb add 02:00:00:00:00:"} + entry);
     wanted->portIs(IntfId{"p1"})->flushInc(VlanId{2});
     settle();
-    FILE* const shown =
-        popen("bridge fdb show br br0 | grep -o '02:00:00:00:00:[23][0-9]' | sort | tr '\\n' ' '", "r");
-    char text[200]{};
-    EXPECT_NE(fgets(text, sizeof text, shown), nullptr);
-    pclose(shown);
-    EXPECT_STREQ(text, "02:00:00:00:00:22 02:00:00:00:00:23 02:00:00:00:00:31 ");
-    EXPECT_EQ(lines, std::vector<std::string>{});
+    Namespace::run(
+        "test \"$(bridge fdb show br br0 | grep -Eo '00:00:[23][0-9] ' | sort | tr -d '\\n')\" = '00:00:22 "
+        "00:00:23 00:00:31 '");
+    EXPECT_EQ(lines, "");
 }
 
 TEST_F(VlanAgentTest, WhatCannotBeDoneIsSaidOnce) {

@@ -20,13 +20,14 @@ TEST_F(Scenario, AFullPortRefusesWithCode1AndTheClassWithCode3) {
     expectHears(p2, failedLine("0x3", 1));
     expectHears(p1, "Listener 0x1 Ready\nListener 0x2 Ready\nListener 0x3 AskingFailed\n");
     expectLogged(
-        {"MSRP_ERROR StreamId 0x3 failed on p2 because of insufficient bandwidth. Bandwidth needed is "
-         "288000 kbps",
+        {"MSRP_ERROR StreamId 0x3 failed on p2 because of insufficient bandwidth. Bandwidth needed is 288000 "
+         "kbps",
          "MSRP_BW_ALLOC_FAIL Bandwidth 288000 kbps allocation failed for listener on p2 and streamId 0x3"});
     // A refused admission counts as an advertise failed here and as a Talker Failed.
-    EXPECT_NE(counted().find("p2 rx {listenerReady 3} tx {talkerAdvertise 3, talkerFailed 1, "
-                             "talkerAdvertiseFailedHere 1}"),
-              std::string::npos)
+    EXPECT_NE(
+        counted().find(
+            "p2 rx {listenerReady 3} tx {talkerAdvertise 3, talkerFailed 1, talkerAdvertiseFailedHere 1}"),
+        std::string::npos)
         << counted();
 
     // Shares of 20 and 75 per cent: class A's own share is exceeded before the joint one.
@@ -119,8 +120,7 @@ TEST_F(Scenario, TalkerAdvertisesAreDiscardedWithTheirReasons) {
         {"MSRP_ERROR Discard vlanId 0 out of range", "MSRP_ERROR Discard vlanId 4095 out of range",
          "MSRP_ERROR Discard streamId 0x2 TalkerAdvJoin on p1 with non-multicast Mac DA 02:00:00:00:00:02",
          "MSRP_ERROR Discard streamId 0x3 TalkerAdvJoin on p1 with Mac DA: 01:00:5e:00:00:01  not in the "
-         "range "
-         "91:e0:f0:00:00:00 - 91:e0:f0:ff:ff:ff",
+         "range 91:e0:f0:00:00:00 - 91:e0:f0:ff:ff:ff",
          "MSRP_ERROR Discard streamId 0x4 TalkerAdvJoin on p1 with non SR Class priority 5"});
     EXPECT_EQ(bridge.rx("p1", 5), 4U + 1U);
     EXPECT_EQ(bridge.streams(), "");
@@ -169,9 +169,8 @@ TEST_F(Scenario, TalkerFailedIsPassedOnOrDiscarded) {
     EXPECT_EQ(picture(), record +
                              "p1\np1 Listener 0x6 AskingFailed\np2 Failed 0x6 code 12 bridge 0x1234\n"
                              "p3 Failed 0x6 code 12 bridge 0x1234\n");
-    EXPECT_GE(bridge.logged(
-                  "MSRP_TALKER_FAIL_JOIN TalkerFail Join transmitted on p2: StreamId 0x6, failureCode 12, "
-                  "failedBridgeId 0x1234"),
+    EXPECT_GE(bridge.logged("MSRP_TALKER_FAIL_JOIN TalkerFail Join transmitted on p2: StreamId 0x6, "
+                            "failureCode 12, failedBridgeId 0x1234"),
               1U);
     p1.say(failed(talker, 12, 0x1234, Event::Lv));
     p2.say(listener(6, ListenerState::Ready, Event::Lv));

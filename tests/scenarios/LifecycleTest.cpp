@@ -66,32 +66,29 @@ TEST_F(Scenario, RecordsTellAllOfAStreamAndNothingOfATalkerThatLeft) {
         "{bandwidth 46464, macDa 91:e0:f0:00:00:ab, vlanId 2, srClass SrClassA, rank 1, dataFramePriority 3, "
         "maxFrameSize 200, maxIntervalFrames 3, accumulatedLatency 77, failedBridgeId ";
     EXPECT_EQ(stream(), first +
-                            "0x0, ingressIntf p1, ethGroup 91:e0:f0:00:00:ab, "
-                            "talkerState {p1 Advertise, p2 Advertise, p3 Advertise}, "
-                            "listenerState {p1 ReadyFailed, p2 Ready, p3 AskingFailed}, "
-                            "listenerStateOrig {p2 Ready, p3 AskingFailed}}");
-    EXPECT_EQ(
-        shown(*bridge.status->fieldValue("intfStatus", "p2")),
-        "{linkStatus up, speedEnum 1G, portState Forwarding, srClassState {SrClassB Core, SrClassA "
-        "Core}, classBandwidthAllocated {SrClassA 46464}, lvAllSent true, rxCounters {listenerReady 1}, "
-        "txCounters {talkerAdvertise 1}}");
+                            "0x0, ingressIntf p1, ethGroup 91:e0:f0:00:00:ab, talkerState {p1 Advertise, p2 "
+                            "Advertise, p3 Advertise}, listenerState {p1 ReadyFailed, p2 Ready, p3 "
+                            "AskingFailed}, listenerStateOrig {p2 Ready, p3 AskingFailed}}");
+    EXPECT_EQ(shown(*bridge.status->fieldValue("intfStatus", "p2")),
+              "{linkStatus up, speedEnum 1G, portState Forwarding, srClassState {SrClassB Core, SrClassA "
+              "Core}, classBandwidthAllocated {SrClassA 46464}, lvAllSent true, rxCounters {listenerReady "
+              "1}, txCounters {talkerAdvertise 1}}");
     EXPECT_EQ(shown(bridge.queues->value()),
               "{agentName Msrp, configPriority 85, intfConfigPriority 85, cosToTcMap {2 4, 3 5, 4 1, 5 1, 6 "
               "2, 7 3}, intfConfig {p2 {txQueueConfig {unicast:7 {priority 2, percent 101, shapeRate 46464, "
               "guaranteedBw 535822337}}}}}");
     p1.say(failed(talker, 9, 0x1234));
     quiet();
-    EXPECT_EQ(stream(), first +
-                            "0x1234, ingressIntf p1, ethGroup 91:e0:f0:00:00:ab, "
-                            "talkerState {p1 Failed, p2 Failed, p3 Failed}, "
-                            "listenerState {p1 AskingFailed, p2 AskingFailed, p3 AskingFailed}, "
-                            "listenerStateOrig {p2 Ready, p3 AskingFailed}, "
-                            "talkerFailureCode {p1 9, p2 9, p3 9}}");
+    EXPECT_EQ(stream(),
+              first +
+                  "0x1234, ingressIntf p1, ethGroup 91:e0:f0:00:00:ab, talkerState {p1 Failed, p2 Failed, p3 "
+                  "Failed}, listenerState {p1 AskingFailed, p2 AskingFailed, p3 AskingFailed}, "
+                  "listenerStateOrig {p2 Ready, p3 AskingFailed}, talkerFailureCode {p1 9, p2 9, p3 9}}");
     p1.say(failed(talker, 9, 0x1234, Event::Lv));
     quiet();
     EXPECT_EQ(stream(),
-              "{macDa 00:00:00:00:00:00, srClass SrClassA, failedBridgeId 0x0, "
-              "listenerStateOrig {p2 Ready, p3 AskingFailed}}");
+              "{macDa 00:00:00:00:00:00, srClass SrClassA, failedBridgeId 0x0, listenerStateOrig {p2 Ready, "
+              "p3 AskingFailed}}");
     for (Peer* peer : {&p2, &p3}) peer->say(listener(0xab, ListenerState::Ready, Event::Lv));
     quiet();
     p1.say(advertise(talker));

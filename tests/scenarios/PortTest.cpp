@@ -109,10 +109,9 @@ TEST_F(ReservedStream, ADomainPriorityChangeMakesAndUnmakesABoundary) {
     // A peer may withdraw the old value after it has declared the new one, in one PDU.
     p2.say({domain(SrClassId::SrClassA, 4), domain(SrClassId::SrClassA, 3, Event::Lv)});
     quiet();
-    EXPECT_EQ(picture(), waiting +
-                             "\np2 Boundary Core\np1 Listener 0x1 AskingFailed\np2 Failed 0x1 code 8 "
-                             "bridge " +
-                             selfBridge + "\np3 Advertise 0x1\n");
+    EXPECT_EQ(picture(),
+              waiting + "\np2 Boundary Core\np1 Listener 0x1 AskingFailed\np2 Failed 0x1 code 8 bridge " +
+                  selfBridge + "\np3 Advertise 0x1\n");
     expectLogged({"MSRP_ERROR Interface p2 is SrClassA Boundary port due to priority mismatch"});
     // The listener is kept as it asks, and answered as one that cannot be served.
     const auto stream = bridge.agent().msrpSm()->streamList(1);

@@ -63,8 +63,7 @@ protected:
     const Station::TalkerSpec stream{
         .streamId = 1, .macDa = EthAddr::fromNumber(0x91e0f0000001), .latency = 125};
     const std::string advertised =
-        "talker 0x1 advertised: 91:e0:f0:00:00:01 VLAN 2 priority 3, 1 x 100 octets, "
-        "rank 1, latency ";
+        "talker 0x1 advertised: 91:e0:f0:00:00:01 VLAN 2 priority 3, 1 x 100 octets, rank 1, latency ";
     const std::string reserved = "0x1 SrClassA 9088 p1 -> p2\n";
 
     Runtime::VirtualLoop loop;
