@@ -60,6 +60,7 @@ TEST(Device, KnowsTheSettingsOfABridge) {
     const auto dump = links().dump("6.18 link dump");
     std::string all;
     for (const auto& message : dump) {
+        golden::cutAnywhere(message, [](const nlmsghdr& cut) { (void)decodeLink(cut); });
         const auto link = decodeLink(golden::header(message));
         if (!link || !link->device.bridgeSettings) continue;
         const auto& bridge = *link->device.bridgeSettings;
@@ -87,12 +88,6 @@ TEST(Device, IsFollowedThroughTheNotificationsOfAllKernels) {
         EXPECT_NE(deleted.find("gone "), std::string::npos) << deleted;
         const auto speed = links().notifications(kernel + "speed changed on a tap");
         EXPECT_EQ(Linux::EthtoolFamily::changedDevice(golden::header(speed.front())), 2U);
-    }
-}
-
-TEST(Device, CutAnywhereIsReadNoFurther) {
-    for (const auto& message : links().dump("6.18 link dump")) {
-        golden::cutAnywhere(message, [](const nlmsghdr& cut) { (void)decodeLink(cut); });
     }
 }
 

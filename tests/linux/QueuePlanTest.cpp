@@ -175,15 +175,18 @@ TEST(SrQueues, AreThoseOfPriorities3And2WithAllThatShareThem) {
                              Qos::noGuaranteedBw);
     };
     const Linux::QueueTables tables{status, hardware};
+    const auto wanted = [&](const Qos::Input::IntfConfig* config) {
+        const auto [a, b] = Linux::wantedRates(config, tables);
+        const auto priorities = Linux::classPriorities(tables);
+        return Runtime::concat(a, ' ', b, " by ", unsigned{priorities.a}, ' ', unsigned{priorities.b});
+    };
     reserve(7, 75'000);
-    EXPECT_EQ(Linux::wantedRates(&port, tables), (ClassRates{75'000, 0}));
+    EXPECT_EQ(wanted(&port), "75000 0 by 8 4");
     reserve(6, 20'000);
-    EXPECT_EQ(Linux::wantedRates(&port, tables), (ClassRates{75'000, 20'000}));
-    EXPECT_EQ(Linux::classPriorities(tables), (Linux::ClassPriorities{1U << 3, 1U << 2}));
+    EXPECT_EQ(wanted(&port), "75000 20000 by 8 4");
     status.cosToTcIs(Cos{2}, TrafficClass{7});  // one queue for both
-    EXPECT_EQ(Linux::wantedRates(&port, tables), (ClassRates{75'000, 0}));
-    EXPECT_EQ(Linux::classPriorities(tables), (Linux::ClassPriorities{1U << 3 | 1U << 2, 0}));
-    EXPECT_EQ(Linux::wantedRates(nullptr, tables), ClassRates{});
+    EXPECT_EQ(wanted(&port), "75000 0 by 12 0");
+    EXPECT_EQ(wanted(nullptr), "0 0 by 12 0");
 }
 
 }  // namespace

@@ -215,18 +215,10 @@ TEST_F(Scenario, LeavesAndDomainsAreDiscardedWithTheirReasons) {
     sm.processDomainVectorLeave(a, {SrClassId::SrClassB, 2, 2});
     EXPECT_EQ(bridge.mrpStatus->intf(a)->refusedJoins(), 2U);
     p1.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .priority = 2}));
-    expectLogged(
-        {"MSRP_ERROR Discard streamId 0xF TalkerAdvLv on p1 as stream doesn't exist",
-         "MSRP_ERROR Discard streamId 0x9 TalkerAdvLv on p2 as TalkerAdv is not registered for stream",
-         "MSRP_ERROR Discard streamId 0x1 TalkerAdvLv on p2 as TalkerAdv was received on different port",
-         "MSRP_ERROR Discard streamId 0xF TalkerFailLv on p1 as stream doesn't exist",
-         "MSRP_ERROR Discard streamId 0x1 TalkerFailLv on p2 as TalkerAdv was received on different port",
-         "MSRP_ERROR Discard streamId 0x1 TalkerFailLv on p1 since prev state was 1",
-         "MSRP_ERROR Discard streamId 0x1 TalkerFailedJoin on p2 as ingress port p1 is different",
-         "MSRP_ERROR Discard streamId 0xF ListenerLv on p2 as stream doesn't exist",
-         "MSRP_ERROR Discard streamId 0x1 ListenerLv received on same interface p1 as Talker",
-         "MSRP_ERROR Discard streamId 0x1 ListenerLv on p2 as Listener is not registered",
-         "MSRP_ERROR Discard streamId 0x2 TalkerAdvJoin on p1 since SrClassB is NotSupported"});
+    expectLogged({"TalkerAdvLv on p1 as stream doesn't exist", "ListenerLv on p2 as stream doesn't exist",
+                  "TalkerAdv is not registered", "Listener is not registered", "prev state was 1",
+                  "ingress port p1 is different", "ListenerLv received on same interface p1 as Talker",
+                  "TalkerAdvJoin on p1 since SrClassB is NotSupported"});
     expectLogged({"MSRP_ERROR Discard DomainVectorJoin on p1 as SR Class 4 is invalid",
                   "MSRP_ERROR Discard DomainVectorJoin on p1 as SrClassB is not supported"},
                  2);

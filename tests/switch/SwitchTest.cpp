@@ -11,33 +11,17 @@ namespace {
 
 using Bridging::Topology::PortState;
 
-template <class F>
-std::string rangeError(F&& build) {
-    try {
-        build();
-    } catch (const std::range_error& error) {
-        return error.what();
-    }
-    return {};
-}
-
-TEST(Values, RangesEndWithTheirTexts) {
-    EXPECT_EQ(
-        rangeError([] { VlanId{1}, VlanId{4094}, Cos{8}, TrafficClass{16}, ShapeRateVal{600'000'001}; }), "");
-    EXPECT_EQ(rangeError([] { VlanId{0}; }), "VlanId::value < 1 or > 4094 not allowed");
-    EXPECT_EQ(rangeError([] { VlanId{65537}; }), "VlanId::value < 1 or > 4094 not allowed");
-    EXPECT_EQ(rangeError([] { Cos{9}; }), "Cos::value < Cos::min or > Cos::invalid not allowed");
-    EXPECT_EQ(rangeError([] { TrafficClass{17}; }),
-              "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed");
-    EXPECT_EQ(rangeError([] { ShapeRateVal{0}; }),
-              "ShapeRateVal::value < ShapeRateVal::min or > ShapeRateVal::invalid not allowed");
+TEST(Values, AreRefusedOutsideTheirRanges) {
+    EXPECT_NO_THROW(
+        (VlanId{1}, VlanId{4094}, Cos{8}, TrafficClass{16}, ShapeRateVal{1}, ShapeRateVal{600'000'001}));
+    EXPECT_THROW(VlanId{0}, std::range_error);
+    EXPECT_THROW(VlanId{65537}, std::range_error);
+    EXPECT_THROW(Cos{9}, std::range_error);
+    EXPECT_THROW(TrafficClass{17}, std::range_error);
+    EXPECT_THROW(ShapeRateVal{0}, std::range_error);
 }
 
 TEST(Values, NamesAndAddressesAreParsedStrictly) {
-    EXPECT_EQ(IntfId{"swp1"}, IntfId{"swp1"});
-    EXPECT_NE(IntfId{"swp1"}, IntfId{"swp2"});
-    EXPECT_FALSE(IntfId{});
-    EXPECT_EQ(IntfId{"swp1"}.name(), "swp1");
     for (const char* bad : {"", "a/b", "a b", "longer-than-15-ch", "..", "tab\t"})
         EXPECT_FALSE(IntfId::validName(bad));
     EXPECT_EQ(EthAddr::parse("91:e0:f0:00:FE:01")->text(), "91:e0:f0:00:fe:01");
