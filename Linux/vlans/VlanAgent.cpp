@@ -211,10 +211,12 @@ void VlanAgent::forget(unsigned bridge, unsigned ifindex, Port& port) {
 
 void VlanAgent::failed(unsigned ifindex, Port& port, const std::string& why) {
     port.problem = why;
+    // The first time, it may have left the bridge, and the news of that is on its way.
+    const bool first = port.patience == Runtime::Duration{};
     port.patience = std::clamp<Runtime::Duration>(port.patience * 2, firstRetry, lastRetry);
     port.again = loop_.now() + port.patience;
     comeBack(port.again);
-    say(Runtime::concat(nameOf(ifindex), ": ", why));
+    if (!first) say(Runtime::concat(nameOf(ifindex), ": ", why));
 }
 
 void VlanAgent::comeBack(Runtime::Time when) {

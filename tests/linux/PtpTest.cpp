@@ -4,9 +4,13 @@
 #include "tests/Octets.h"
 #include "tests/control/TemporaryDirectory.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -118,6 +122,30 @@ TEST_F(TimeAgentTest, APortIsCapableWhileItsClockRunsAndItsNeighbourIsThere) {
     close(stranger);
     loop.runUntil([] { return false; }, 20ms);
     EXPECT_EQ(port(), "master, capable");
+    // The same from another user, whose socket's name leads to that of ptp4l.
+    if (geteuid() == 0) {
+        std::filesystem::permissions(directory.file(""), std::filesystem::perms{0755});
+        const int pretender = directory.boundSocket("link", SOCK_DGRAM);
+        std::filesystem::remove(directory.file("link"));
+        std::filesystem::create_symlink(directory.file("ptp4l"), directory.file("link"));
+        std::thread{[&] {
+            syscall(SYS_setresuid, 65534, 65534, 65534);  // of this thread alone
+            EXPECT_GT(sendto(pretender, said.data(), said.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+                             sizeof to),
+                      0);
+        }}.join();
+        close(pretender);
+        loop.runUntil([] { return false; }, 20ms);
+        EXPECT_EQ(port(), "master, capable");
+    }
+    // Started anew, ptp4l has another number for the interface.
+    int losses = 0;
+    const auto watched =
+        status->watch([&](const State::Change&) { losses += status->capable(IntfId{"swp1"}) ? 0 : 1; });
+    const auto ofPort2 = [](std::string message) { return message.replace(56, 4, "0002"); };
+    answer({ofPort2(properties), ofPort2(master), ofPort2(capable)});
+    for (int i = 0; i < 12; ++i) answer({ofPort2(capable)});
+    EXPECT_EQ(losses, 0);
     loop.runUntil([&] { return port() == "unknown"; }, 8s);
     EXPECT_EQ(port(), "unknown") << "it has ceased to answer";
     answer({properties, master, capable});

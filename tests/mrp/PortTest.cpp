@@ -69,4 +69,3 @@ TEST(Port, StandbyIsSilentAndTheActiveRoleBeginsWithALeaveAll) {
     EXPECT_EQ(wire.frames.size(), 1U);
     EXPECT_FALSE(wire.isOpen(a1));
 }
-

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 #include <map>
+#include <set>
 #include <utility>
 
 namespace {
@@ -101,6 +102,7 @@ protected:
         bridge.start();
         bridge.mvrpStart();
         loop.runFor(5s);
+        EXPECT_EQ(asked.size(), ports.size()) << "a port that starts asks for what was registered before";
     }
     void say(const std::string& port, const std::vector<std::pair<Event, unsigned>>& events) {
         bridge.mvrpPorts().deliver(IntfId{port}, pduOf(events));
@@ -108,6 +110,7 @@ protected:
     void hear(const std::string& port, const Pdu& pdu) {
         Mrp::DecodedPdu decoded;
         Mrp::decode(pdu, Mvrp::application(), decoded);
+        if (decoded.leaveAll.any()) asked.insert(port);
         for (const Mrp::DecodedEvent& e : decoded.events) {
             const std::string word = ' ' + text(e);
             if (!word.ends_with(" 1") && !heard[port].ends_with(word)) heard[port] += word;
@@ -154,6 +157,7 @@ protected:
     Runtime::VirtualLoop loop;
     Sim::Bridge bridge{loop, ports};
     std::map<std::string, std::string> heard;
+    std::set<std::string> asked;  ///< where a LeaveAll was heard
 };
 
 TEST_F(Mvrp3, WhatOnePortAsksForIsDeclaredOnTheOthersUntilItLeaves) {
@@ -229,6 +233,8 @@ TEST_F(Mvrp3, NewsOfAChangedNetworkIsPassedOnAndForgetsAddresses) {
               "p1 registered 2 declared 2 carries 2\np2 registered 2 declared 2 carries 2\np3 registered 2 "
               "fixed 1 carries 1,2\n");
     said();
+    say("p3", {{Event::New, 2}});
+    EXPECT_EQ(said(), "") << "what is heard on a port that does not forward would go round for ever";
     topology->topoPortConfigIs(IntfId{"p3"})->stateIs(Bridging::Topology::PortState::forwarding);
     EXPECT_EQ(said(), "p3: New 2\n");
 }

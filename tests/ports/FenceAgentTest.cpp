@@ -196,7 +196,14 @@ TEST_F(FenceAgentTest, ItOutlivesACrashAndTheNextLifeLeavesOpenWhatWasOpen) {
     { Life life{*this}; }
     EXPECT_EQ(leftovers(kernel, loop, {}, true), "p1" + fence + "p2" + fence);
     EXPECT_EQ(filters("p1") + "," + filters("p2"), ",place");
-    // A daemon that is to have no fence takes that of the one before away.
+    // What was left on a port that is none of the bridge's any more is taken away, whatever the daemon is to
+    // do.
+    { Life life{*this}; }
+    Namespace::ip("link set p1 nomaster");
+    { Life life{*this}; }
+    EXPECT_EQ(filters("p1"), "");
+    EXPECT_NE(said.find("p1: takes back the fence"), std::string::npos) << said;
+    Namespace::ip("link set p1 master br0");
     { Life life{*this}; }
     config->fenceIs(Linux::Fencing::none);
     Life life{*this};

@@ -70,6 +70,10 @@ TEST_F(VlanAgentTest, PortsGetWhatIsAskedForAndTheAdministratorKeepsHisOwn) {
     want("p1", "2,100-4094");
     want("p2", "2,5");
     EXPECT_CARRIED("p1 1,2,100-4094 (2,100-4094) p2 1,2,5 (2) ");
+    VlanSet even;
+    for (unsigned id = 2; id < 4094; id += 2) even.set(id);
+    want("p1", vlanText(even).c_str());
+    EXPECT_CARRIED("p1 1," + vlanText(even) + " (" + vlanText(even) + ") p2 1,2,5 (2) ");
     want("p1", "2");
     want("p2", "");
     EXPECT_CARRIED("p1 1,2 (2) p2 1,5 () ");
@@ -97,6 +101,15 @@ TEST_F(VlanAgentTest, AnEarlierLifesAreKeptUntilTheyHadTheirTimeAndOthersStay) {
     want("p1", "3");
     EXPECT_CARRIED("p1 1,3,4 (3) p2 1 () ");
     EXPECT_EQ(agent->audit(false), std::vector<std::string>{});
+    // What the administrator gives to ports of a bridge that is made anew is his.
+    Namespace::ip("link del br0");
+    EXPECT_UNTIL("gone", (std::as_const(*members).port(IntfId{"p1"}) ? "" : "gone"));
+    Namespace::ip("link add br0 up type bridge vlan_filtering 1");
+    Namespace::ip("link set p1 master br0");
+    Namespace::bridge("vlan add dev p1 vid 3");
+    agent.reset();
+    begin();
+    EXPECT_CARRIED("p1 1,3 () p2  (?) ");
 }
 
 TEST_F(VlanAgentTest, WhoeverTakesAVlanAwayAgainAndAgainIsLetBe) {
