@@ -118,21 +118,30 @@ class Testbed:
         """ip, in the switch's namespace."""
         self._ip("-n", self.switch, *arguments)
 
+    def tool(self, line):
+        """ip, bridge or tc in the switch's namespace, with what follows in the line; what it prints."""
+        name, *words = line.split()
+        return subprocess.run([name, "-n", self.switch, *words], text=True, check=True, stdout=subprocess.PIPE).stdout
+
+    def dumpcap(self, condition, file):
+        """Another program that has begun to write what it hears on all ports."""
+        process = self.spawn("dumpcap", self.switch, "dumpcap", "-q", "-f", condition,
+                             *(word for port in self.ports for word in ("-i", port)), "-w", file)
+        self.wait(lambda: "File:" in self.said("dumpcap"), 60, "no capture has begun")
+        return process
+
     def link(self, port, state):
         """Sets the station's end of a cable "up" or "down"."""
         self._ip("-n", self.station_of(port), "link", "set", "eth0", state)
 
     def received(self, port):
         """Frames that have come in on a port, by the kernel's count."""
-        done = subprocess.run(["ip", "-n", self.switch, "-s", "-j", "link", "show", port], text=True,
-                              stdout=subprocess.PIPE, check=True)
-        return json.loads(done.stdout)[0]["stats64"]["rx"]["packets"]
+        return json.loads(self.tool(f"ip -s -j link show {port}"))[0]["stats64"]["rx"]["packets"]
 
     def multicast_entries(self, begin):
         """The entries of the kernel's multicast table whose addresses begin like that."""
-        done = subprocess.run(["bridge", "-n", self.switch, "-j", "mdb", "show"], text=True, check=True,
-                              stdout=subprocess.PIPE)
-        return [entry for entry in (json.loads(done.stdout) or [{}])[0].get("mdb", []) if entry["grp"].startswith(begin)]
+        table = json.loads(self.tool("bridge -j mdb show")) or [{}]
+        return [entry for entry in table[0].get("mdb", []) if entry["grp"].startswith(begin)]
 
     def config(self):
         """A small configuration.  The kernel's idea of a virtual cable's speed is fiction, so it is given."""
@@ -219,6 +228,12 @@ class Testbed:
                 raise Failure(f"{what} after {seconds} s")
             time.sleep(0.05)
         return time.monotonic() - begun
+
+
+def tshark(file, *arguments):
+    """What another decoder says of captured frames."""
+    return subprocess.run(["tshark", "-r", file, *arguments], check=True, text=True, stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL).stdout
 
 
 def main(*programs):

@@ -14,7 +14,7 @@ import unittest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "scripts"))
-from testbed import DESTINATION, STREAM, VLAN, Testbed  # noqa: E402
+from testbed import DESTINATION, STREAM, VLAN, Testbed, tshark  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 STREAM_B, DESTINATION_B = f"0x{int(STREAM, 16) + 1:X}", "91:e0:f0:00:00:02"
@@ -37,7 +37,7 @@ class Switch(Testbed):
         self.vlan("add", port)
 
     def vlan(self, verb, port):
-        subprocess.run(["bridge", "-n", self.switch, "vlan", verb, "dev", port, "vid", str(VLAN)], check=True)
+        self.tool(f"bridge vlan {verb} dev {port} vid {VLAN}")
 
     def config(self):
         return super().config() | {"msrp/cliConfig": {"srClassBBandwidthPercent": 25}}
@@ -97,8 +97,7 @@ class Reservations(unittest.TestCase):
 
     def test_a_restarted_daemon_knows_its_own_groups(self):
         bed = self.bed
-        subprocess.run(["bridge", "-n", bed.switch, "mdb", "add", "dev", bed.bridge, "port", "swp3", "grp", OTHERS,
-                        "permanent", "vid", str(VLAN)], check=True)
+        bed.tool(f"bridge mdb add dev {bed.bridge} port swp3 grp {OTHERS} permanent vid {VLAN}")
         self.daemon.kill()
         self.daemon.wait()
         self.listener.kill()
@@ -109,21 +108,16 @@ class Reservations(unittest.TestCase):
 
     def filters(self, port):
         """The priorities that filters of incoming frames on a port look for, or nothing without a place for them."""
-        bed = self.bed
-        if "clsact" not in subprocess.run(["tc", "-n", bed.switch, "qdisc", "show", "dev", port], text=True, check=True,
-                                          stdout=subprocess.PIPE).stdout:
+        if "clsact" not in self.bed.tool(f"tc qdisc show dev {port}"):
             return None
-        done = subprocess.run(["tc", "-n", bed.switch, "-j", "filter", "show", "dev", port, "ingress"], text=True,
-                              check=True, stdout=subprocess.PIPE)
-        return sorted(rule["options"]["keys"]["vlan_prio"] for rule in json.loads(done.stdout)
-                      if "keys" in rule.get("options", {}))
+        rules = json.loads(self.bed.tool(f"tc -j filter show dev {port} ingress"))
+        return sorted(rule["options"]["keys"]["vlan_prio"] for rule in rules if "keys" in rule.get("options", {}))
 
     def test_filters_of_others_stay_and_the_place_of_a_killed_life_goes(self):
         bed = self.bed
         bed.wait(lambda: [self.filters(port) for port in bed.ports] == [[2, 3]] * 3, PATIENCE, "no filters")
-        subprocess.run(["tc", "-n", bed.switch, "filter", "add", "dev", "swp3", "ingress", "pref", "33", "protocol",
-                        "802.1Q", "handle", "3", "flower", "vlan_prio", "5", "action", "skbedit", "priority", "5"],
-                       check=True)
+        bed.tool("tc filter add dev swp3 ingress pref 33 protocol 802.1Q handle 3 flower vlan_prio 5 action skbedit "
+                 "priority 5")
         self.daemon.kill()
         self.daemon.wait()
         daemon = bed.daemon()
@@ -142,20 +136,15 @@ class Vlans(unittest.TestCase):
         for port in bed.ports[1:]:
             bed.vlan("del", port)
         self.frames = bed.directory / "frames"
-        dumpcap = bed.spawn("dumpcap", bed.switch, "dumpcap", "-q", "-f", "ether proto 0x88f5",
-                            *(word for port in bed.ports for word in ("-i", port)), "-w", self.frames)
-        bed.wait(lambda: "File:" in bed.said("dumpcap"), PATIENCE, "no capture has begun")
-        self.addCleanup(dumpcap.kill)
-        self.capture = dumpcap
+        self.capture = bed.dumpcap("ether proto 0x88f5", self.frames)
+        self.addCleanup(self.capture.kill)
         self.daemon = bed.daemon(bed.config() | {"mvrp/config": {"intfEnable": {port: True for port in bed.ports}}})
 
     def station(self, port, *arguments):
         self.bed._ip("-n", self.bed.station_of(port), "link", *arguments)
 
     def carried(self, port):
-        shown = subprocess.run(["bridge", "-n", self.bed.switch, "-j", "vlan", "show", "dev", port], text=True,
-                               check=True, stdout=subprocess.PIPE)
-        return [entry["vlan"] for entry in json.loads(shown.stdout)[0]["vlans"]]
+        return [entry["vlan"] for entry in json.loads(self.bed.tool(f"bridge -j vlan show dev {port}"))[0]["vlans"]]
 
     def until_carried(self, port, *vlans):
         self.bed.wait(lambda: self.carried(port) == list(vlans), PATIENCE, f"{port} does not carry {vlans}")
@@ -188,9 +177,8 @@ class Vlans(unittest.TestCase):
         self.until_carried("swp2", 1)
         self.capture.terminate()
         self.capture.wait()
-        fields = ["-T", "fields", "-e", "eth.src", "-e", "mrp-mvrp.three_packed_event", "-e", "_ws.expert"]
-        seen = subprocess.run(["tshark", "-r", self.frames, *fields], text=True, check=True, stdout=subprocess.PIPE,
-                              stderr=subprocess.DEVNULL).stdout.splitlines()
+        seen = tshark(self.frames, "-T", "fields", "-e", "eth.src", "-e", "mrp-mvrp.three_packed_event",
+                      "-e", "_ws.expert").splitlines()
         self.assertGreater(len(seen), 10)
         self.assertEqual([line for line in seen if line.split("\t")[2]], [], "frames with faults")
 

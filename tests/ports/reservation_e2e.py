@@ -13,7 +13,7 @@ import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import DESTINATION, STREAM, STREAM_KBPS, TALK, VLAN, Testbed, main  # noqa: E402
+from testbed import DESTINATION, STREAM, STREAM_KBPS, TALK, VLAN, Testbed, main, tshark  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 # A second stream of the same talker, for which no gigabit port has room: 8000 x 10 x 1542 octets a second.
@@ -22,11 +22,6 @@ GREEDY_DESTINATION = "91:e0:f0:00:00:02"
 GREEDY_TALK = f"{GREEDY},{GREEDY_DESTINATION},{VLAN},A,1500,10"
 READY, LEAVE = 2, 5  # declaration and event
 RECEIVED, SENT = 1, 2
-
-
-def tshark(file, *arguments):
-    return subprocess.run(["tshark", "-r", file, *arguments], check=True, text=True, stdout=subprocess.PIPE,
-                          stderr=subprocess.DEVNULL).stdout
 
 
 def frames(file):
@@ -49,9 +44,7 @@ class Reservation(unittest.TestCase):
         bed = cls.bed = cls.enterClassContext(Testbed(BUILD))
         cls.talker_port, *cls.listener_ports = bed.ports
         cls.reference = bed.directory / "reference"
-        dumpcap = bed.spawn("dumpcap", bed.switch, "dumpcap", "-q", "-f", "ether proto 0x22ea",
-                            *(word for port in bed.ports for word in ("-i", port)), "-w", cls.reference)
-        bed.wait(lambda: "File:" in bed.said("dumpcap"), 10, "no capture has begun")
+        dumpcap = bed.dumpcap("ether proto 0x22ea", cls.reference)
         daemon = bed.daemon()
         cls.captures = {"one": cls.capture("one", "swp1", bed.directory / "one"),
                         "two": cls.capture("two", "swp2", "-"),
@@ -213,6 +206,9 @@ class Troubles(unittest.TestCase):
         without = ["setpriv", "--bounding-set=-net_raw", "--inh-caps=-net_raw"]
         self.refused(1, ["CAP_NET_RAW"], *without, *self.bed.daemon_command())
         self.refused(1, ["CAP_NET_RAW"], *without, *station, "--watch")
+        self.bed.bridge = "br0"
+        self.refused(1, ["cannot change the bridge: ", "CAP_NET_ADMIN"], "setpriv", "--bounding-set=-net_admin",
+                     "--inh-caps=-net_admin", *self.bed.daemon_command())
 
     def test_socket_in_use_is_named_and_stays_with_its_owner_who_removes_it(self):
         daemon = self.bed.daemon()
@@ -235,8 +231,8 @@ class Troubles(unittest.TestCase):
         config["msrp/config"]["intfEnable"]["late1"] = True
         self.bed.daemon(config)
         self.bed.wait(lambda: "late1 does not exist yet" in self.bed.said("msrpd.log"), 5, "no word of late1")
-        for command in ("add late1 up type veth peer name late2", "set late2 up"):
-            subprocess.run(["ip", "-n", self.bed.switch, "link", *command.split()], check=True)
+        self.bed.tool("ip link add late1 up type veth peer name late2")
+        self.bed.tool("ip link set late2 up")
         self.bed.wait(lambda: self.bed.read("show", "ports")["late1"]["link"] == "up", 5, "late1 is not taken up")
 
 

@@ -5,7 +5,6 @@ The shaper is the best one that this machine has: credits where its kernel knows
 root; exit code 77 without.
 """
 import pathlib
-import subprocess
 import sys
 import unittest
 
@@ -49,15 +48,11 @@ class Shaping(unittest.TestCase):
 
     def test_what_somebody_else_does_to_the_queues_is_told_and_mended(self):
         bed = self.enterContext(Testbed(BUILD, ports=2, bridge="br0", queues=4))
-
-        def tc(*words):
-            subprocess.run(["tc", "-n", bed.switch, *words], check=True)
-
         bed.daemon()
         bed.talker_and_listeners()
         bed.wait(lambda: bed.carriers() == ["swp2"], 60, "no reservation")
         htb = bed.read("get", "linux/capabilities/shaping/swp2/shaper") == "htb"
-        tc("filter", "del", "dev", "swp2", *(["parent", "100:"] if htb else ["ingress", "pref", "33"]))
+        bed.tool("tc filter del dev swp2 " + ("parent 100:" if htb else "ingress pref 33"))
         bed.wait(lambda: "swp2: " in bed.said("msrpd.log") and
                  "; somebody else changed the queues" in bed.said("msrpd.log"), 20, "the flush is not noticed")
         self.assertEqual(bed.shown("audit"), "records and kernel agree\n")

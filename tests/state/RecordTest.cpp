@@ -1,3 +1,4 @@
+#include "State/ChangeFeed.h"
 #include "State/Database.h"
 #include "State/Record.h"
 #include "State/Walk.h"
@@ -152,6 +153,27 @@ TEST(Record, PatchesAreTakenWholeOrNotAtAll) {
         EXPECT_EQ(problem->text(), text);
         EXPECT_EQ(root.value(), before);
     }
+}
+
+TEST(Record, FeedsCoalesceAndEndInTime) {
+    Root root;
+    std::vector<std::function<void()>> deferred;
+    int notices = 0;
+    auto feed = std::make_unique<ChangeFeed>(
+        root, [&](std::function<void()> task) { deferred.push_back(std::move(task)); }, [&] { ++notices; });
+    const auto leaf = root.leafIs(1);
+    leaf->colourIs(Colour::green);
+    root.smallIs(2);
+    ASSERT_EQ(deferred.size(), 1U);
+    deferred[0]();
+    EXPECT_EQ(notices, 1);
+    leaf->colourIs(Colour::red);
+    ASSERT_EQ(deferred.size(), 2U);
+    feed.reset();
+    deferred[1]();
+    EXPECT_EQ(notices, 1);
+    root.leafDel(1);
+    leaf->colourIs(Colour::green);  // outlives its place in the tree
 }
 
 TEST(Database, ResolvesPathsAndKeepsTypes) {
