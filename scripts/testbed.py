@@ -14,6 +14,7 @@ import tempfile
 import time
 import unittest
 
+BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()  # of the script that is run
 STREAM = "0x200000002010001"  # 02:00:00:00:02:01/1
 DESTINATION = "91:e0:f0:00:00:01"
 VLAN = 2

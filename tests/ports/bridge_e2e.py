@@ -13,10 +13,9 @@ import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import DESTINATION, STREAM, TALK, VLAN, Testbed, main  # noqa: E402
+from testbed import BUILD, DESTINATION, STREAM, TALK, VLAN, Testbed, main  # noqa: E402
 from traffic import inside, tagged_frame  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 MANY = range(1, 1001)
 
 class Traffic:

@@ -16,9 +16,7 @@ import unittest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "scripts"))
-from testbed import Testbed, main  # noqa: E402
-
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
+from testbed import BUILD, Testbed, main  # noqa: E402
 
 
 class Daemon(unittest.TestCase):

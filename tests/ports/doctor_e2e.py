@@ -13,10 +13,9 @@ import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import main  # noqa: E402
+from testbed import BUILD, main  # noqa: E402
 from traffic import inside  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 TUNSETIFF, IFF_TAP, IFF_NO_PI = 0x400454ca, 2, 0x1000
 
 

@@ -14,9 +14,8 @@ import unittest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "scripts"))
-from testbed import DESTINATION, STREAM, VLAN, Testbed, tshark  # noqa: E402
+from testbed import BUILD, DESTINATION, STREAM, VLAN, Testbed, tshark  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 STREAM_B, DESTINATION_B = f"0x{int(STREAM, 16) + 1:X}", "91:e0:f0:00:00:02"
 TALK = [f"--talk={STREAM},{DESTINATION},{VLAN},A,1,1", f"--talk={STREAM_B},{DESTINATION_B},{VLAN},B,1,1"]
 OTHERS = "91:e0:f0:00:00:77"

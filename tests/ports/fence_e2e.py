@@ -9,10 +9,9 @@ import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import DESTINATION, STREAM, TALK, Testbed, main  # noqa: E402
+from testbed import BUILD, DESTINATION, STREAM, TALK, Testbed, main  # noqa: E402
 from traffic import Counter, Sender  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 A, REST = 3, 0
 EVERYBODY = "03:00:00:00:00:01"
 OCTETS = 104  # as many as are reserved: the tag is beside them

@@ -9,9 +9,8 @@ import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import VLAN, Testbed, main  # noqa: E402
+from testbed import BUILD, VLAN, Testbed, main  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 STREAMS = [f"0x{0x200000002010000 + number:X}" for number in range(1, 51)]
 TALK = [f"--talk={stream},91:e0:f0:00:01:{int(stream, 16) & 0xff:02x},{VLAN},A,100,1" for stream in STREAMS]
 LISTEN = [f"--listen={stream}" for stream in STREAMS]

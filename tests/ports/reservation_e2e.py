@@ -13,9 +13,8 @@ import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import DESTINATION, STREAM, STREAM_KBPS, TALK, VLAN, Testbed, main, tshark  # noqa: E402
+from testbed import BUILD, DESTINATION, STREAM, STREAM_KBPS, TALK, VLAN, Testbed, main, tshark  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 # A second stream of the same talker, for which no gigabit port has room: 8000 x 10 x 1542 octets a second.
 GREEDY = "0x200000002010002"
 GREEDY_DESTINATION = "91:e0:f0:00:00:02"

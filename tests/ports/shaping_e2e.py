@@ -9,10 +9,9 @@ import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import DESTINATION, STREAM, VLAN, Testbed, main  # noqa: E402
+from testbed import BUILD, DESTINATION, STREAM, VLAN, Testbed, main  # noqa: E402
 from traffic import Counter, Sender, measure  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 STREAM_B, DESTINATION_B = f"0x{int(STREAM, 16) + 1:X}", "91:e0:f0:00:00:02"
 A, B, REST = 3, 2, 0
 # One octet in each interval, 42 around it: (1 + 42) * 8 * 8000 bit/s, and half of that.  Little enough for an

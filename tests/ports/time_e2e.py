@@ -9,9 +9,8 @@ import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
-from testbed import STREAM, TALK, Testbed, main  # noqa: E402
+from testbed import BUILD, STREAM, TALK, Testbed, main  # noqa: E402
 
-BUILD = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else "build").resolve()
 # As of IEEE 802.1AS, with clocks in software: a virtual cable seems longer than a real one may be.
 PTP = """[global]
 gmCapable 1

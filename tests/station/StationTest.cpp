@@ -46,12 +46,9 @@ class StationTest : public testing::Test {
 protected:
     void SetUp() override {
         bridge.start();
-        linksAre(true);
+        talker.linkIs(true);
+        listener.linkIs(true);
         heard();
-    }
-    void linksAre(bool up) {
-        talker.linkIs(up);
-        listener.linkIs(up);
     }
     /// What both have heard since the last call, after a time longer than the leave timers and shorter than
     /// the pauses between LeaveAlls.
