@@ -50,7 +50,7 @@ Dataplane::Dataplane(Runtime::FdLoop& loop, DeviceTable& devices, const Records&
               devices,
               requests_,
               {records.config, records.queues, records.queueMap, records.hardwareQueueMap,
-               records.capabilities, records.refusals, places_},
+               records.capabilities, records.refusals, records.domain, places_},
               [this] { wake(); },
               report},
       fence_{loop,

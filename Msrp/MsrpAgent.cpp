@@ -143,6 +143,7 @@ void Agent::doMountsComplete(Runtime::MountStatus mountStatus) {
                                                       .topoLib = topoLibState_,
                                                       .refusals = refusals_,
                                                       .time = time_,
+                                                      .domain = domain_,
                                                       .attrLogSm = msrpAttrLogSm_.get(),
                                                       .msrpLib = msrpLib_.get(),
                                                       .standbyMode = standbyMode_},

@@ -35,6 +35,8 @@
 #include "Runtime/Trace.h"
 #include "Switch/Bridging.h"
 #include "Switch/BridgingInput.h"
+#include "Switch/Domain.h"
+#include "Switch/Domain.h"
 #include "Switch/Interface.h"
 #include "Switch/Qos.h"
 #include "Switch/Refusals.h"
@@ -77,6 +79,7 @@ public:
         std::shared_ptr<const Bridging::Topology::TopoLibState> topoLib;
         std::shared_ptr<const Switch::Refusals> refusals;
         std::shared_ptr<const Switch::TimeStatus> time;
+        std::shared_ptr<Switch::Domain> domain;
         Mrp::MrpAttrLogSm* attrLogSm = nullptr;  ///< not owned
         MsrpLib* msrpLib = nullptr;              ///< not owned; must outlive the state machine
         bool standbyMode = false;
@@ -244,6 +247,7 @@ public:
     [[nodiscard]] bool avbBwValidOnTxQ(const std::shared_ptr<const IntfStatus>& intfStatus,
                                        Qos::TxQueue queue) const;
     void doSetQosTxQueueConfig(IntfId intf);
+    void frameReserved(IntfId intf, SrClassId srClass, U16 maxFrameSize, bool there);
     void doUpdateShapeRate();
     void doSetCosToTcMap();
 
@@ -523,6 +527,8 @@ private:
     StreamTable streams_;
     PendingStreams pending_;
     std::map<IntfId, bool> bandwidthReleased_;
+    /// How many streams of class A with frames of each size have bandwidth on a port.
+    std::map<IntfId, std::map<U16, std::size_t>> reservedFrames_;
     /// Jobs that ports have left for a class.
     std::map<std::pair<IntfId, SrClassId>, unsigned> classWork_;
     /// What a peer last said of a class while its port had such work left, and whether it was a join.

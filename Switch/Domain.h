@@ -1,4 +1,5 @@
-/// "switch/domain": where the domain of the SR classes ends, written by the agent that reserves for them.
+/// "switch/domain": where the domain of the SR classes ends, and how large class A's frames are, written by the
+/// agent that reserves for them.
 ///
 /// Frames with a class's priority may use its queues only when they come in from inside the domain: on a port
 /// that is a core port for that priority (IEEE 802.1Q 6.9.4, where all others are called boundary ports).  A
@@ -9,6 +10,7 @@
 #include "Switch/IntfId.h"
 #include "Switch/Ranged.h"
 
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
@@ -25,15 +27,20 @@ public:
     [[nodiscard]] const State::FlatMap<Cos, bool>& core() const { return core_; }
     void coreIs(Cos priority, bool v) { setEntry(core_, priority, v, "core"); }
     void coreDel(Cos priority) { delEntry(core_, priority, "core"); }
+    /// Octets behind the tag of the largest frame that is reserved there in class A; 0: none is.
+    [[nodiscard]] std::uint16_t largestFrameA() const { return largestFrameA_; }
+    void largestFrameAIs(std::uint16_t v) { assign(largestFrameA_, v, "largestFrameA"); }
 
     template <class F>
     static constexpr void fields(F&& each) {
         each(State::map("core", &DomainPort::core_));
+        each(State::scalar("largestFrameA", &DomainPort::largestFrameA_));
     }
 
 private:
     IntfId intfId_;
     State::FlatMap<Cos, bool> core_;
+    std::uint16_t largestFrameA_ = 0;
 };
 
 class Domain : public State::Record<Domain> {

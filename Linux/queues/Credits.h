@@ -17,11 +17,15 @@ struct ClassRates {
 /// tag, then 20 of preamble and gap.
 inline constexpr std::uint32_t largestFrame = 1542;
 
+/// Of these, what is around the octets that a frame with a tag carries.
+inline constexpr std::uint32_t aroundFrame = 42;
+inline constexpr std::uint32_t smallestFrame = 84;
+
 /// The largest frames that come, in octets as they are on the wire.
 struct LargestFrames {
-    std::uint32_t a = largestFrame;
-    std::uint32_t b = largestFrame;
-    std::uint32_t bestEffort = largestFrame;
+    std::uint32_t a = largestFrame;  ///< of streams of class A
+    std::uint32_t any = largestFrame;
+    bool operator==(const LargestFrames&) const = default;
 };
 
 /// One class's shaper.  Slopes in kbit/s, credits in octets.

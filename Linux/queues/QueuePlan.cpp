@@ -28,8 +28,6 @@ constexpr std::uint16_t bucketRest = 0x30;
 constexpr std::uint16_t uncounted = 24;
 /// Frames that may wait for a class's bucket: as many as a network card hands over at once, several times.
 constexpr std::uint32_t bucketFrames = 256;
-/// The same where nothing is shaped.
-constexpr std::uint32_t plainFrames = 1000;
 constexpr std::uint32_t classQuantum = 1600;
 constexpr std::uint32_t restQuantum = 60'000;
 constexpr std::uint64_t octetsPerKilobit = 125;
@@ -114,9 +112,16 @@ std::uint32_t kilobits(const TokenBucketClass& held) {
     return static_cast<std::uint32_t>(held.rate / octetsPerKilobit);
 }
 
+/// 0 for one that lets everything pass.
 std::uint32_t kilobits(const Qdisc& held) {
     const auto* shaper = std::get_if<CreditShaper>(&held.options);
-    return shaper != nullptr ? static_cast<std::uint32_t>(std::max(shaper->credits.idleSlope, 0)) : 0;
+    const bool shapes = shaper != nullptr && shaper->credits.sendSlope < 0;
+    return shapes ? static_cast<std::uint32_t>(std::max(shaper->credits.idleSlope, 0)) : 0;
+}
+
+/// What lets everything pass: credit is never spent.  With an idle slope of 0, frames would wait for ever.
+CreditShaper openShaper(std::uint64_t portRate) {
+    return {{static_cast<std::int32_t>(portRate), 0, 0, 0}, false};
 }
 
 /// What is wrong with something that is shaped, but otherwise; `detail` is what it is when the rate is right.
@@ -154,7 +159,8 @@ private:
 
     /// Makes the root right; whether there is one.
     bool root() {
-        const bool needed = wanted_.shaper != Shaper::none && wanted_.rates != ClassRates{};
+        const bool needed =
+            wanted_.shaper != Shaper::none && (wanted_.ready || wanted_.rates != ClassRates{});
         if (!have_.root && !needed) return false;
         const Qdisc root = rootOf(wanted_);
         if (have_.root) {
@@ -180,8 +186,12 @@ private:
     }
 
     void credits(bool grows) {
-        const auto classA = [this] { creditShaper(a(), 1, classACredits(wanted_.portRate, wanted_.rates)); };
-        const auto classB = [this] { creditShaper(b(), 2, classBCredits(wanted_.portRate, wanted_.rates)); };
+        const auto classA = [this] {
+            creditShaper(a(), 1, classACredits(wanted_.portRate, wanted_.rates, wanted_.frames));
+        };
+        const auto classB = [this] {
+            creditShaper(b(), 2, classBCredits(wanted_.portRate, wanted_.rates, wanted_.frames));
+        };
         if (grows) {
             classA();
             classB();
@@ -192,10 +202,10 @@ private:
     }
 
     void creditShaper(const SrClass& srClass, std::uint16_t queue, Credits credits) {
-        Qdisc wanted{wanted_.ifindex, queueId(srClass.handle), queueId(wanted_.major, queue), "pfifo",
-                     FrameFifo{plainFrames}};
-        // Without a reservation there is a plain queue: with an idle slope of 0, frames would wait for ever,
-        // and with nothing in the place of a shaper that was deleted, the kernel would drop them.
+        // A shaper is there also without a reservation: for another kind of queue in its place, the kernel
+        // would stop the whole port for a moment and drop what waits in any of its queues.
+        Qdisc wanted{wanted_.ifindex, queueId(srClass.handle), queueId(wanted_.major, queue), "cbs",
+                     openShaper(wanted_.portRate)};
         if (srClass.rate != 0) {
             CreditShaper shaper{credits, wanted_.shaper == Shaper::hardware};
             if (!shaper.hardware) {
@@ -203,7 +213,6 @@ private:
                 // for what gathers meanwhile.
                 shaper.credits.hiCredit += static_cast<std::int32_t>(largestFrame + lateTimer(srClass.rate));
             }
-            wanted.kind = "cbs";
             wanted.options = shaper;
         }
         child(srClass, wanted);
@@ -212,14 +221,15 @@ private:
     void child(const SrClass& srClass, const Qdisc& wanted) {
         const Qdisc* held = have_.child(wanted.parent);
         if (held != nullptr && *held == wanted) return;
-        if (held != nullptr && held->handle == wanted.handle && held->kind == wanted.kind) {
-            return step(otherRate(srClass.name, kilobits(*held), srClass.rate, "credits differ"),
-                        newQdisc(wanted, requestReplace));
-        }
-        std::string difference = srClass.rate != 0
-                                     ? concat(srClass.name, " is not shaped to ", srClass.rate, " kbit/s")
-                                 : held != nullptr ? concat(srClass.name, " is still shaped")
-                                                   : concat(srClass.name, " has no queue");
+        const std::uint32_t rate = held != nullptr ? kilobits(*held) : 0;
+        std::string difference =
+            rate != 0 && srClass.rate != 0 ? otherRate(srClass.name, rate, srClass.rate, "credits differ")
+            : srClass.rate != 0 ? concat(srClass.name, " is not shaped to ", srClass.rate, " kbit/s")
+            : rate != 0         ? concat(srClass.name, " is still shaped")
+            : held != nullptr   ? concat(srClass.name, " has another queue")
+                                : concat(srClass.name, " has no queue");
+        if (held != nullptr && held->handle == wanted.handle && held->kind == wanted.kind)
+            return step(std::move(difference), newQdisc(wanted, requestReplace));
         if (held != nullptr) step(difference, deleteQdisc(*held));
         step(std::move(difference), newQdisc(wanted, requestAdd));
     }

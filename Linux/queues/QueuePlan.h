@@ -1,8 +1,8 @@
 /// What has to be asked of the kernel so that a port's queues give the SR classes what they have reserved.
 ///
 /// Credits: "mqprio" at the root gives class A the first transmit queue, class B the second, and the rest to
-/// all other traffic; below it "cbs" shapes those of the two classes that have a reservation; the other has
-/// a plain queue.  Token buckets:
+/// all other traffic; below it "cbs" shapes those of the two classes that have a reservation, and lets
+/// everything of the other pass.  Token buckets:
 /// "htb" at the root with a class for each of the two and one for all the rest, chosen by the priority in the
 /// tag of a frame that leaves.
 #pragma once
@@ -30,6 +30,8 @@ struct WantedQueues {
     ClassPriorities priorities;
     std::uint16_t otherQueues = 1;  ///< transmit queues behind the classes' two
     bool inSwitchChip = false;      ///< a chip forwards, and sorts frames into queues
+    bool ready = false;             ///< the queues are made before anything is reserved
+    LargestFrames frames{};
     bool operator==(const WantedQueues&) const = default;
 };
 
@@ -48,7 +50,8 @@ bool madeByUs(const PortQueues& have, std::uint16_t major);
 ClassRates shapedRates(const PortQueues& have, std::uint16_t major);
 
 /// The steps in their order; none for queues that are right, or another's.  A port without reservations keeps
-/// a root that is right, so that no frame is lost when the next reservation comes, but gets none.
+/// a root that is right, so that no frame is lost when the next reservation comes, but gets one only when it
+/// is to be ready for the first.
 std::vector<QueueStep> planQueues(const WantedQueues& wanted, const PortQueues& have);
 
 }  // namespace Linux

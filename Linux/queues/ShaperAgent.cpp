@@ -87,6 +87,7 @@ std::string ShaperAgent::start(Runtime::Duration settling, Runtime::Duration aud
     if (std::string problem = notices_.open({RTNLGRP_TC}, noticeBytes); !problem.empty()) return problem;
     const auto changed = [this](const State::Change&) { wake_(); };
     reactors_.push_back(records_.wanted->watch(changed));
+    reactors_.push_back(records_.domain->watch(changed));
     reactors_.push_back(records_.status->react(changed));
     reactors_.push_back(records_.hardware->react(changed));
     running_ = true;
@@ -319,6 +320,10 @@ std::optional<ShaperAgent::Decision> ShaperAgent::decide(const Port& port, const
     if (!device.operational && !foreign) return std::nullopt;
     wanted.portRate = portRate(device);
     wanted.rates = targetRates(port, wanted.portRate, lowering);
+    const auto domain = records_.domain->port(IntfId{port.name});
+    wanted.ready =
+        domain && std::ranges::any_of(domain->core(), [](const auto& entry) { return entry.second; });
+    wanted.frames = largestFrames(domain.get(), device.mtu);
     if (config.shaping() == Shaping::none) {
         decision.why = "switched off by configuration";
     } else if (foreign) {
@@ -382,7 +387,9 @@ void ShaperAgent::applied(Port& port, const Decision& decision, bool operational
     }
     if (port.trials.worked()) wake_();  // nobody has asked for these rates yet
     refuse(port, {});
-    if (port.have.root || queues.rates != ClassRates{}) {
+    // Only a rate shows whether the kernel shapes in this way.
+    const auto told = records_.capabilities->shaping(IntfId{port.name});
+    if (queues.rates != ClassRates{} || (told && told->shaper() == queues.shaper)) {
         publish(port, queues.shaper, decision.why);
     } else {
         publish(port, Shaper::none, nothingReserved);

@@ -5,6 +5,9 @@
 /// `planIngressMap`) says what to ask of the kernel, so a start, a change, a repair and an audit are the same
 /// thing.  What is right already is left as it is: a restarted daemon interrupts nothing.
 ///
+/// A port has its queues from when it becomes part of the classes' domain: to make them costs the frames that
+/// wait in it, which a stream that comes or goes later must not.
+///
 /// Of a port's queues, those below a root with the configured handle are ours.  Somebody else's root is never
 /// replaced.  Ours stays while the daemon runs, also when nothing is reserved any more, since taking it away
 /// would cost frames; `stop` takes it away.
@@ -45,6 +48,8 @@ public:
         std::shared_ptr<CapabilityStatus> capabilities;
         /// Gets the ports that cannot be shaped, but for those that the configuration leaves alone.
         std::shared_ptr<Switch::Refusals> refusals;
+        /// The ports that are part of the classes' domain, and the largest frames there.
+        std::shared_ptr<const Switch::Domain> domain = std::make_shared<Switch::Domain>();
         /// Shared with those who have filters of their own there.
         std::shared_ptr<OwnPlaces> places = std::make_shared<OwnPlaces>();
     };

@@ -1,5 +1,7 @@
 #include "Linux/queues/SrQueues.h"
 
+#include <algorithm>
+
 namespace Linux {
 
 namespace {
@@ -50,6 +52,15 @@ ClassPriorities classPriorities(const QueueTables& tables) {
         }
     }
     return priorities;
+}
+
+LargestFrames largestFrames(const Switch::DomainPort* port, std::uint32_t mtu) {
+    LargestFrames frames;
+    frames.any = std::max(mtu + aroundFrame, frames.any);
+    // Where nothing is known to be reserved, what a restarted agent has not heard of again yet may be.
+    if (port != nullptr && port->largestFrameA() != 0)
+        frames.a = std::max(port->largestFrameA() + aroundFrame, smallestFrame);
+    return frames;
 }
 
 ClassRates wantedRates(const Qos::Input::IntfConfig* wanted, const QueueTables& tables) {

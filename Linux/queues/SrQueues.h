@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Linux/queues/Credits.h"
+#include "Switch/Domain.h"
 #include "Switch/Qos.h"
 
 #include <cstdint>
@@ -27,5 +28,7 @@ struct QueueTables {
 ClassPriorities classPriorities(const QueueTables& tables);
 /// What one port's record asks for; null asks for nothing.
 ClassRates wantedRates(const Qos::Input::IntfConfig* wanted, const QueueTables& tables);
+/// The largest frames on a port whose frames carry at most `mtu` octets; null: of class A, none is known.
+LargestFrames largestFrames(const Switch::DomainPort* port, std::uint32_t mtu);
 
 }  // namespace Linux

@@ -108,6 +108,18 @@ void MsrpSm::doSetQosTxQueueConfig(IntfId intf) {
     if (config->txQueueConfig().empty()) inputs_.qosMsrpConfig->intfConfigDel(intf);
 }
 
+// Class B gathers no more credit than it needs while frames of class A pass (Annex L).
+void MsrpSm::frameReserved(IntfId intf, SrClassId srClass, U16 maxFrameSize, bool there) {
+    if (srClass != SrClassId::SrClassA) return;
+    auto& sizes = reservedFrames_[intf];
+    const auto held = sizes.try_emplace(maxFrameSize, 0).first;
+    held->second += there ? 1 : held->second > 0 ? -1 : 0;
+    if (held->second == 0) sizes.erase(held);
+    const auto port = inputs_.domain ? inputs_.domain->port(intf) : nullptr;
+    if (!port) return;
+    port->largestFrameAIs(sizes.empty() ? U16{0} : sizes.rbegin()->first);
+}
+
 void MsrpSm::doUpdateShapeRate() {
     if (!acts()) return;
     if (inputs_.cliConfig->shapingDisabled()) {

@@ -50,11 +50,13 @@ void MsrpSm::rebuildQueues() {
 void MsrpSm::rebuildAllocations() {
     // What the other side had admitted for streams that it never published is free again.
     std::map<std::pair<IntfId, SrClassId>, U64> admitted;
+    reservedFrames_.clear();
     for (const auto& [id, stream] : streamList()) {
         if (!stream->ethGroup() || !stream->ingressIntf()) continue;
         for (const auto& [intf, member] : stream->ethGroup()->intf()) {
-            if (member && intf != stream->ingressIntf())
-                admitted[{intf, stream->srClass()}] += stream->bandwidth();
+            if (!member || intf == stream->ingressIntf()) continue;
+            admitted[{intf, stream->srClass()}] += stream->bandwidth();
+            frameReserved(intf, stream->srClass(), stream->maxFrameSize(), true);
         }
     }
     const auto& ports = status()->intfStatus();

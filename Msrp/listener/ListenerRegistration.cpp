@@ -190,6 +190,7 @@ TalkerFailureCode MsrpSm::addListener(IntfId intf, const U64& streamId) {
     spend(1);
     const auto intfStatus = status()->intfStatus(intf);
     intfStatus->classBandwidthAllocatedIs(srClass, intfStatus->classBandwidthAllocated(srClass) + bandwidth);
+    frameReserved(intf, srClass, stream->maxFrameSize(), true);
     group->intfIs(intf, true);
     // The talker's port only held the place while nobody listened.
     if (group->intf(stream->ingressIntf())) group->intfDel(stream->ingressIntf());
@@ -214,6 +215,7 @@ void MsrpSm::removeListener(IntfId intf, const U64& streamId, ListenerState newS
     if (group->intf().empty()) group->intfIs(stream->ingressIntf(), true);
     const auto intfStatus = status()->intfStatus(intf);
     intfStatus->classBandwidthAllocatedIs(srClass, intfStatus->classBandwidthAllocated(srClass) - bandwidth);
+    frameReserved(intf, srClass, stream->maxFrameSize(), false);
     bandwidthReleasedIs(intf, true);
     doSetQosTxQueueConfig(intf);
 }

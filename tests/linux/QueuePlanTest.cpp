@@ -16,10 +16,14 @@ namespace {
 
 TEST(Credits, AreThoseOfTheStandardsFormulas) {
     using Case = std::tuple<std::uint64_t, ClassRates, Linux::LargestFrames, Linux::Credits, Linux::Credits>;
-    const Linux::LargestFrames some{342, 542};
+    const Linux::LargestFrames some{342};
     for (const auto& [portRate, rates, frames, a, b] : std::to_array<Case>({
-             {100'000, {30'000, 10'000}, some, {30'000, -70'000, 463, -240}, {10'000, -90'000, 255, -488}},
-             {1'000'000, {75'000, 20'000}, some, {75'000, -925'000, 116, -317}, {20'000, -980'000, 41, -532}},
+             {100'000, {30'000, 10'000}, some, {30'000, -70'000, 463, -1080}, {10'000, -90'000, 255, -1388}},
+             {1'000'000,
+              {75'000, 20'000},
+              some,
+              {75'000, -925'000, 116, -1427},
+              {20'000, -980'000, 41, -1512}},
              {1'000'000,
               {450'000, 300'000},
               {},
@@ -41,7 +45,8 @@ TEST(Credits, AreThoseOfTheStandardsFormulas) {
 struct Port {
     /// Makes the queues as wanted; the differences that there were, a line for each.
     std::string settle(Shaper shaper, ClassRates rates, std::uint64_t portRate = 1'000'000) {
-        const Linux::WantedQueues wanted{11, 0x100, shaper, portRate, rates, priorities, 2};
+        const Linux::WantedQueues wanted{11,         0x100, shaper, portRate, rates,
+                                         priorities, 2,     false,  ready,    frames};
         std::string differences = carriedOut(Linux::planQueues(wanted, have));
         EXPECT_EQ(carriedOut(Linux::planQueues(wanted, have)), "") << "after that, nothing is left to do";
         if (shaper != Shaper::none) {
@@ -64,6 +69,8 @@ struct Port {
     }
     PortQueues have;
     Linux::ClassPriorities priorities;
+    bool ready = false;
+    Linux::LargestFrames frames;
 };
 
 TEST(QueuePlan, ChangesCreditsInPlaceAndInTheOrderThatKeepsPromises) {
@@ -82,18 +89,21 @@ TEST(QueuePlan, ChangesCreditsInPlaceAndInTheOrderThatKeepsPromises) {
               "class B is shaped to 10000 kbit/s as it should be, but its credits differ\n"
               "class A is shaped to 75000 kbit/s as it should be, but its credits differ\n")
         << "another speed";
-    EXPECT_EQ(
-        port.settle(Shaper::software, {0, 10'000}, 10'000'000),
-        "class B is shaped to 10000 kbit/s as it should be, but its credits differ\nclass A is still shaped\n"
-        "class A is still shaped\n");
-    EXPECT_EQ(port.settle(Shaper::software, {}), "class B is still shaped\nclass B is still shaped\n")
-        << "the root stays";
+    port.frames.a = 342;
+    EXPECT_EQ(port.settle(Shaper::software, {75'000, 10'000}, 10'000'000),
+              "class B is shaped to 10000 kbit/s as it should be, but its credits differ\n");
+    EXPECT_EQ(port.settle(Shaper::software, {0, 10'000}, 10'000'000), "class A is still shaped\n");
+    EXPECT_EQ(port.settle(Shaper::software, {}, 10'000'000), "class B is still shaped\n") << "the root stays";
+    EXPECT_EQ(port.settle(Shaper::software, {0, 5000}, 10'000'000), "class B is not shaped to 5000 kbit/s\n");
     port.priorities = {1U << 5, 1U << 4};
     EXPECT_EQ(port.settle(Shaper::hardware, {75'000, 0}),
               "the queues are set up otherwise\nthe queues are not set up\n"
               "class A is not shaped to 75000 kbit/s\nclass B has no queue\n");
     EXPECT_EQ(port.settle(Shaper::none, {}), "the queues are still set up\n");
     EXPECT_EQ(port.have, PortQueues{});
+    port.ready = true;
+    EXPECT_EQ(port.settle(Shaper::software, {}),
+              "the queues are not set up\nclass B has no queue\nclass A has no queue\n");
 }
 
 TEST(ShaperChoice, IsTheBestThatIsAllowedAndWorks) {

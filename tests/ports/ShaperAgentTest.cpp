@@ -7,6 +7,7 @@
 #include <linux/if_tun.h>
 #include <linux/rtnetlink.h>
 #include <sys/ioctl.h>
+#include <thread>
 
 using namespace std::chrono_literals;
 using Runtime::concat;
@@ -72,7 +73,7 @@ protected:
                     devices,
                     t.kernel,
                     {t.config, t.wanted, std::make_shared<Qos::Status>(), std::make_shared<Qos::HwStatus>(),
-                     t.capabilities, t.refusals},
+                     t.capabilities, t.refusals, t.domain},
                     [this, &t] {
                         t.loop.post([this, alive = std::weak_ptr{token}] {
                             if (alive.expired()) return;
@@ -127,6 +128,7 @@ protected:
     std::shared_ptr<Qos::Input::Config> wanted = std::make_shared<Qos::Input::Config>();
     std::shared_ptr<Linux::CapabilityStatus> capabilities = std::make_shared<Linux::CapabilityStatus>();
     std::shared_ptr<Switch::Refusals> refusals = std::make_shared<Switch::Refusals>();
+    std::shared_ptr<Switch::Domain> domain = std::make_shared<Switch::Domain>();
     std::string said;
 };
 
@@ -463,6 +465,73 @@ TEST_F(ShaperAgentTest, AbilitiesAreFoundOutAtOnceAndWhileTheLoopRuns) {
     probe.start();
     EXPECT_TRUE(loop.runUntil([&] { return again.has_value(); }, 5s));
     EXPECT_EQ(again, found);
+}
+
+/// Sends frames of priorities 5 and 2 into one interface, without a pause, and counts those that come out of
+/// another.
+class OtherTraffic {
+public:
+    OtherTraffic(const std::string& in, const std::string& out) : in_{in}, out_{out} {
+        const int least = 1;
+        setsockopt(counter_, SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
+        sockaddr_ll where{};
+        where.sll_family = AF_PACKET;
+        where.sll_protocol = htons(0x22F0);
+        where.sll_ifindex = static_cast<int>(if_nametoindex(out.c_str()));
+        EXPECT_EQ(bind(counter_, reinterpret_cast<const sockaddr*>(&where), sizeof where), 0);
+        thread_ = std::thread{[this] {
+            Octets frame{3, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 9, 0x81, 0, 0xA0, 2, 0x22, 0xF0};
+            frame.resize(500);
+            const RawEnd end{in_};
+            for (; !done_; ++sent_) {
+                frame[14] = sent_ % 2 == 0 ? 0xA0 : 0x40;
+                end.send(frame);
+                if (sent_ % 20 == 0) std::this_thread::sleep_for(1ms);
+            }
+        }};
+    }
+    OtherTraffic(const OtherTraffic&) = delete;
+    OtherTraffic& operator=(const OtherTraffic&) = delete;
+    ~OtherTraffic() { close(counter_); }
+    /// Ends it; "lost 3 of 1000".
+    std::string lost() {
+        done_ = true;
+        thread_.join();
+        std::this_thread::sleep_for(100ms);  // on their way
+        tpacket_stats counted{};
+        socklen_t size = sizeof counted;
+        getsockopt(counter_, SOL_PACKET, PACKET_STATISTICS, &counted, &size);
+        return concat("lost ", sent_ - counted.tp_packets, " of ", sent_);
+    }
+
+private:
+    const std::string in_;
+    const std::string out_;
+    const int counter_ = socket(AF_PACKET, SOCK_RAW, 0);
+    std::atomic<bool> done_ = false;
+    std::uint64_t sent_ = 0;
+    std::thread thread_;
+};
+
+TEST_F(ShaperAgentTest, ReservationsThatComeAndGoCostOtherTrafficNothing) {
+    Namespace::ip("link add p3 numtxqueues 4 type veth peer name p4 numrxqueues 4 numtxqueues 4");
+    Namespace::cable("x1", "x2");
+    for (const char* up : {"p3", "p4", "x1"}) Namespace::ip(concat("link set ", up, " up"));
+    for (const char* port : {"p3", "x1"}) Namespace::ip(concat("link set ", port, " master br0"));
+    const Linux::Abilities abilities = Linux::probeAbilities();
+    capabilities->abilitiesAre(abilities);
+    const bool credits = abilities.cbs == Linux::Ability::present;
+    config->shapingIs(credits ? Linux::Shaping::software : Linux::Shaping::htb);
+    Life life{*this};
+    domain->portIs(IntfId{"p3"})->coreIs(Cos{3}, true);
+    EXPECT_UNTIL(credits ? "mqprio 0 0" : "htb 0 0", shaped("p3")) << said;
+    OtherTraffic traffic{"x2", "p4"};
+    for (unsigned i = 0; i < 1000; ++i) {
+        reserve(i % 2 * 75'000, 500'000, "p3");
+        settle(1ms);
+    }
+    const std::string lost = traffic.lost();
+    EXPECT_TRUE(lost.starts_with("lost 0 of")) << lost;
 }
 
 }  // namespace

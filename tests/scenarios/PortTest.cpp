@@ -237,7 +237,17 @@ TEST_F(ReservedStream, TheDomainOfTheClassesIsOnRecordForWhoeverKeepsOthersOut) 
     };
     const std::string both = "classPriority {2 true, 3 true}";
     const std::string core = "{core {2 true, 3 true}}";
-    EXPECT_EQ(told(), Runtime::concat("{", both, ", port {p1 ", core, ", p2 ", core, ", p3 ", core, "}}"));
+    const auto withFrame = [&](unsigned largest) {
+        return Runtime::concat("{", both, ", port {p1 ", core, ", p2 {core {2 true, 3 true}, largestFrameA ",
+                               largest, "}, p3 ", core, "}}");
+    };
+    EXPECT_EQ(told(), withFrame(100));
+    p1.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .maxFrameSize = 300}));
+    p2.say(listener(2, ListenerState::Ready));
+    EXPECT_EQ(told(), withFrame(300));
+    p2.say(listener(2, ListenerState::Ready, Event::Lv));
+    pass(1s);
+    EXPECT_EQ(told(), withFrame(100));
     bridge.linkIs("p1", false);
     p3.say(domain(SrClassId::SrClassA, 4));
     EXPECT_EQ(told(), Runtime::concat("{", both, ", port {p2 ", core, ", p3 {core {2 true}}}}"));
