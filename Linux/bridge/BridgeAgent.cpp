@@ -11,12 +11,20 @@ namespace Linux {
 namespace {
 
 constexpr std::chrono::seconds secondReading{1};
+/// After which the states of instances are read again.
+constexpr std::chrono::seconds treeReading{1};
+
+/// A spanning tree for each instance.
+bool keepsTrees(const Device& device) {
+    return filtersVlans(device) && device.bridgeSettings->multipleSpanningTrees;
+}
 
 /// Whether the VLAN table has to be read again.  Its notifications do not tell of what was there before, and
 /// come in no promised order with those of devices.
 bool concernsVlans(const Device* before, const Device* now) {
     return before == nullptr || now == nullptr || before->name != now->name ||
-           before->bridge != now->bridge || filtersVlans(*before) != filtersVlans(*now);
+           before->bridge != now->bridge || filtersVlans(*before) != filtersVlans(*now) ||
+           keepsTrees(*before) != keepsTrees(*now);
 }
 
 }  // namespace
@@ -36,10 +44,14 @@ BridgeAgent::BridgeAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkCha
       complaint_{std::move(complaint)},
       notices_{loop, [this](const nlmsghdr& message) { vlanNotice(message); },
                [this] {
-                   vlansStale_ = true;
+                   vlansStale_ = treesStale_ = true;
                    settle_.armIn({});
                }},
-      settle_{loop, [this] { settle(); }} {
+      settle_{loop, [this] { settle(); }},
+      look_{loop, [this] {
+                vlansStale_ = true;
+                settle();
+            }} {
     devices.watch([this](const Device* before, const Device* now) { deviceChanged(before, now); });
 }
 
@@ -61,7 +73,7 @@ void BridgeAgent::deviceChanged(const Device* before, const Device* now) {
                                      (bridge != nullptr && device->bridge == bridge->ifindex));
     };
     if (!concernsUs(before) && !concernsUs(now)) return;
-    if (concernsVlans(before, now)) vlansStale_ = true;
+    if (concernsVlans(before, now)) vlansStale_ = treesStale_ = true;
     settle_.armIn({});
 }
 
@@ -69,6 +81,11 @@ void BridgeAgent::vlanNotice(const nlmsghdr& message) {
     const Device* bridge = this->bridge();
     const auto vlans = decodeVlans(message);
     if (bridge == nullptr || !filtersVlans(*bridge) || !vlans) return;
+    if (VlanTrees told; keepsTrees(*bridge) && enterTrees(told, bridge->ifindex, message)) {
+        // With another instance, its ports have other states.
+        vlansStale_ = treesStale_ = true;
+        settle_.armIn({});
+    }
     // One that is not our port yet has its VLANs read when it is.
     const Device* port = devices_.find(vlans->ifindex);
     if (port == nullptr || port->bridge != bridge->ifindex) return;
@@ -84,14 +101,14 @@ void BridgeAgent::settle() {
         if (filtersVlans(*bridge) && vlansStale_) {
             if (std::string problem = readVlans(); !problem.empty()) wrong.insert(std::move(problem));
         }
-        if (bridge->bridgeSettings->multipleSpanningTrees) {
-            wrong.insert("runs several spanning trees, of which only the common one's port states count");
-        }
+        followTrees(*bridge);
         std::map<unsigned, Device> ports;
         for (const unsigned port : devices_.portsOf(bridge->ifindex))
             ports.emplace(port, *devices_.find(port));
-        facts = bridgeFacts(*bridge, ports, vlans_, config_->srVlan());
+        facts = bridgeFacts(*bridge, ports, vlans_, config_->srVlan(), trees_);
     } else {
+        trees_.clear();
+        look_.cancel();
         wrong.insert(devices_.find(config_->bridge()) != nullptr ? "is not a bridge" : "does not exist");
     }
     complain(std::move(wrong));
@@ -109,13 +126,33 @@ std::string BridgeAgent::readVlans() {
         [&](const nlmsghdr& message) {
             if (const auto vlans = decodeVlans(message)) enter(table, *vlans);
         });
-    if (!answer) {
+    const Device& bridge = *this->bridge();
+    NetlinkAnswer trees;
+    if (answer && keepsTrees(bridge) && treesStale_) {
+        trees = requests_.dump(
+            RTM_GETVLAN, treeDumpBody(), [&] { trees_.clear(); },
+            [&](const nlmsghdr& message) { enterTrees(trees_, bridge.ifindex, message); });
+    }
+    if (!answer || !trees) {
         settle_.armIn(secondReading);
-        return Runtime::concat("cannot read its VLANs: ", answer.problem());
+        return Runtime::concat("cannot read its VLANs: ", (answer ? trees : answer).problem());
     }
     vlans_ = std::move(table);
-    vlansStale_ = false;
+    vlansStale_ = treesStale_ = false;
     return {};
+}
+
+void BridgeAgent::followTrees(const Device& bridge) {
+    if (keepsTrees(bridge)) return look_.armIn(treeReading);
+    look_.cancel();
+    // What the kernel's instances were does not count any more.
+    std::erase_if(trees_, [](const auto& tree) { return tree.first.value() != tree.second; });
+    if (!filtersVlans(bridge)) return trees_.clear();
+    for (const unsigned ifindex : devices_.portsOf(bridge.ifindex)) {
+        const auto port = vlans_.find(ifindex);
+        if (port == vlans_.end()) continue;
+        eachVlan(port->second.blocked, [this](VlanId vlan) { trees_.emplace(vlan, vlan.value()); });
+    }
 }
 
 void BridgeAgent::complain(std::set<std::string> wrong) {

@@ -1,6 +1,9 @@
 /// Keeps the records of bridging true: the bridge's address and priority, its ports with their states and
 /// VLANs, and whether a spanning tree decides about them.
 ///
+/// Where the bridge keeps several spanning trees, each instance is a topology; and a VLAN whose own state was
+/// ever other than forwarding on some port has one from then on.
+///
 /// A bridge that comes late, goes or returns, a port that joins, leaves or is renamed, VLAN filtering that is
 /// switched on: in every case what the kernel tells is made into one value (`BridgeFacts`), once for however
 /// many messages a turn of the loop brings, and the records are brought in line with it.
@@ -51,6 +54,9 @@ private:
     void settle();
     /// What is wrong; empty when the table is good.
     std::string readVlans();
+    /// Notes which VLANs have states of their own; with an instance for each, the kernel says which follow
+    /// it.
+    void followTrees(const Device& bridge);
     void complain(std::set<std::string> wrong);
 
     const DeviceTable& devices_;
@@ -63,6 +69,10 @@ private:
     Runtime::Timer settle_;
     VlanTable vlans_;  ///< of the bridge's ports, while it filters VLANs
     bool vlansStale_ = true;
+    bool treesStale_ = true;
+    VlanTrees trees_;
+    /// Of the states of instances, the kernel does not tell.
+    Runtime::Timer look_;
     std::optional<BridgeFacts> onRecord_;
     std::set<std::string> complained_;  ///< what is wrong and was said
 };

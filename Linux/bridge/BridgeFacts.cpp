@@ -37,19 +37,34 @@ PortVlans unfiltered(const State::FlatMap<VlanId, bool>& srVlan) {
 }  // namespace
 
 BridgeFacts bridgeFacts(const Device& bridge, const std::map<unsigned, Device>& devices,
-                        const VlanTable& vlans, const State::FlatMap<VlanId, bool>& srVlan) {
+                        const VlanTable& vlans, const State::FlatMap<VlanId, bool>& srVlan,
+                        const VlanTrees& trees) {
     const BridgeSettings& settings = *bridge.bridgeSettings;
     BridgeFacts facts;
     facts.mac = settings.mac;
     facts.priority = settings.priority;
-    facts.spanningTree = settings.spanningTree;
+    facts.multiple = settings.multipleSpanningTrees && settings.vlanFiltering;
+    facts.spanningTree = settings.spanningTree || facts.multiple;
+    if (facts.spanningTree && settings.vlanFiltering) facts.trees = trees;
     const PortVlans everywhere = settings.vlanFiltering ? PortVlans{} : unfiltered(srVlan);
     for (const auto& [ifindex, device] : devices) {
         if (device.bridge != bridge.ifindex) continue;
-        BridgeFacts::Port port{.state = portState(device.portState), .vlans = everywhere};
+        BridgeFacts::Port port{.state = portState(device.portState), .vlans = everywhere, .trees = {}};
         if (const auto own = vlans.find(ifindex); settings.vlanFiltering && own != vlans.end()) {
             port.vlans = own->second;
         }
+        if (!facts.spanningTree) {
+            port.vlans.member &= ~port.vlans.blocked;
+            port.vlans.tagged &= port.vlans.member;
+        }
+        // With an instance for each, the port's state is that of the common one alone.
+        const bool passes = facts.multiple || port.state == PortState::forwarding;
+        for (const auto& [vlan, instance] : facts.trees) {
+            if (!port.vlans.member.test(vlan.value())) continue;
+            port.trees[instance] = passes && !port.vlans.blocked.test(vlan.value()) ? PortState::forwarding
+                                                                                    : PortState::blocking;
+        }
+        port.vlans.blocked.reset();
         facts.ports.insert_or_assign(IntfId{device.name}, port);
     }
     return facts;

@@ -1,5 +1,7 @@
 #include "Linux/bridge/BridgeRecords.h"
 
+#include <algorithm>
+#include <set>
 #include <string>
 
 namespace Linux {
@@ -11,6 +13,21 @@ VlanSet carried(const BridgeFacts& facts) {
     VlanSet all;
     for (const auto& [intf, port] : facts.ports) all |= port.vlans.member;
     return all;
+}
+
+/// The topology that a VLAN follows; `common` where it has none of its own.
+std::string treeOf(const BridgeFacts& facts, VlanId vlan, const std::string& common) {
+    const auto own = facts.trees.find(vlan);
+    return own != facts.trees.end() ? Stp::mstInstanceName(own->second) : common;
+}
+
+/// Those that have ports of their own state, the common one included.
+std::set<std::string> topologies(const BridgeFacts& facts, const std::string& common) {
+    std::set<std::string> names{common};
+    for (const auto& [intf, port] : facts.ports) {
+        for (const auto& [instance, state] : port.trees) names.insert(Stp::mstInstanceName(instance));
+    }
+    return names;
 }
 
 void endPorts(const BridgeRecords& records, const BridgeFacts& facts) {
@@ -50,7 +67,14 @@ void keepPorts(const BridgeRecords& records, const BridgeFacts& facts, const Vla
                const std::string& topology) {
     if (facts.mac != EthAddr{}) records.bridging->bridgeMacIs(facts.mac);
     const auto topo = records.topology->topoConfigIs(topology);
-    for (const auto& [intf, port] : facts.ports) topo->topoPortConfigIs(intf)->stateIs(port.state);
+    for (const auto& [intf, port] : facts.ports) {
+        topo->topoPortConfigIs(intf)->stateIs(port.state);
+        for (const auto& [instance, state] : port.trees) {
+            records.topology->topoConfigIs(Stp::mstInstanceName(instance))
+                ->topoPortConfigIs(intf)
+                ->stateIs(state);
+        }
+    }
     for (const auto& [intf, port] : facts.ports) {
         const auto settings = records.bridging->switchIntfConfigIs(intf);
         settings->nativeVlanIs(port.vlans.pvid.value_or(VlanId{1}));
@@ -61,10 +85,13 @@ void keepPorts(const BridgeRecords& records, const BridgeFacts& facts, const Vla
             ->mstInstanceStatusIs(std::string{Stp::cistName})
             ->bridgePriorityIs(facts.priority);
         for (unsigned id = VlanId::min; id <= VlanId::max; ++id) {
-            if (known.test(id)) records.topology->vlanTopologyIs(VlanId{id}, topology);
+            if (known.test(id))
+                records.topology->vlanTopologyIs(VlanId{id}, treeOf(facts, VlanId{id}, topology));
         }
     }
-    records.stp->modeIs(facts.spanningTree ? Stp::Mode::Rstp : Stp::Mode::None);
+    records.stp->modeIs(facts.multiple       ? Stp::Mode::Mstp
+                        : facts.spanningTree ? Stp::Mode::Rstp
+                                             : Stp::Mode::None);
 }
 
 void beginVlans(const BridgeRecords& records, const BridgeFacts& facts, const VlanSet& known) {
@@ -85,8 +112,16 @@ void endTopologies(const BridgeRecords& records, const BridgeFacts& facts, const
         if (!facts.spanningTree || !known.test(id->value())) records.topology->vlanTopologyDel(*id);
     }
     const auto& topos = records.topology->topoConfig();
+    const std::set<std::string> used = topologies(facts, topology);
     for (auto name = topos.firstKey(); name; name = topos.nextKey(*name)) {
-        if (*name != topology) records.topology->topoConfigDel(*name);
+        if (!used.contains(*name)) records.topology->topoConfigDel(*name);
+    }
+    for (const auto& [intf, port] : facts.ports) {
+        for (const std::string& name : used) {
+            const bool own = std::ranges::any_of(
+                port.trees, [&](const auto& tree) { return Stp::mstInstanceName(tree.first) == name; });
+            if (name != topology && !own) records.topology->topoConfigIs(name)->topoPortConfigDel(intf);
+        }
     }
     if (!facts.spanningTree) records.stp->stpInstanceStatusDel(std::string{Stp::mstName});
 }

@@ -37,6 +37,15 @@ std::optional<VlanRange> decodeRange(const nlattr& entry) {
     return range;
 }
 
+std::vector<std::byte> dumpBody(std::uint32_t flags) {
+    NetlinkMessage message{RTM_GETVLAN, 0};
+    br_vlan_msg header{};
+    header.family = AF_BRIDGE;
+    message.part(header).attribute(BRIDGE_VLANDB_DUMP_FLAGS, flags);
+    const auto body = message.bytes().subspan(sizeof(nlmsghdr));
+    return {body.begin(), body.end()};
+}
+
 }  // namespace
 
 std::optional<VlanMessage> decodeVlans(const nlmsghdr& message) {
@@ -55,23 +64,54 @@ std::optional<VlanMessage> decodeVlans(const nlmsghdr& message) {
     return vlans;
 }
 
-std::vector<std::byte> vlanDumpBody() {
-    NetlinkMessage message{RTM_GETVLAN, 0};
-    br_vlan_msg header{};
-    header.family = AF_BRIDGE;
-    message.part(header).attribute(BRIDGE_VLANDB_DUMP_FLAGS, std::uint32_t{0});
-    const auto body = message.bytes().subspan(sizeof(nlmsghdr));
-    return {body.begin(), body.end()};
+std::vector<std::byte> vlanDumpBody() { return dumpBody(0); }
+
+bool enterTrees(VlanTrees& trees, unsigned bridge, const nlmsghdr& message) {
+    if (message.nlmsg_type != RTM_NEWVLAN || mnl_nlmsg_get_payload_len(&message) < sizeof(br_vlan_msg))
+        return false;
+    const auto* header = static_cast<const br_vlan_msg*>(mnl_nlmsg_get_payload(&message));
+    if (header->family != AF_BRIDGE || header->ifindex != bridge) return false;
+    bool told = false;
+    eachAttribute(message, sizeof(br_vlan_msg), [&](const nlattr& attribute) {
+        if (mnl_attr_get_type(&attribute) != BRIDGE_VLANDB_GLOBAL_OPTIONS) return;
+        told = true;
+        std::uint16_t first = 0;
+        std::uint16_t last = 0;
+        std::uint16_t instance = 0;
+        eachAttribute(attribute, [&](const nlattr& option) {
+            switch (mnl_attr_get_type(&option)) {
+                case BRIDGE_VLANDB_GOPTS_ID:
+                    first = number<std::uint16_t>(option);
+                    break;
+                case BRIDGE_VLANDB_GOPTS_RANGE:
+                    last = number<std::uint16_t>(option);
+                    break;
+                case BRIDGE_VLANDB_GOPTS_MSTI:
+                    instance = number<std::uint16_t>(option);
+                    break;
+                default:
+                    break;
+            }
+        });
+        if (last == 0) last = first;
+        if (!VlanId::inRange(first) || !VlanId::inRange(last)) return;
+        for (unsigned id = first; id <= last; ++id) {
+            trees.erase(VlanId{id});
+            if (instance != 0) trees.emplace(VlanId{id}, instance);
+        }
+    });
+    return told;
 }
+
+std::vector<std::byte> treeDumpBody() { return dumpBody(BRIDGE_VLANDB_DUMPF_GLOBAL); }
 
 void enter(VlanTable& table, const VlanMessage& message) {
     PortVlans& port = table[message.ifindex];
     for (const VlanRange& range : message.ranges) {
-        const bool member = !message.gone && range.forwarding;
         for (unsigned id = range.first; id <= range.last; ++id) {
-            port.present.set(id, !message.gone);
-            port.member.set(id, member);
-            port.tagged.set(id, member && !range.untagged);
+            port.member.set(id, !message.gone);
+            port.blocked.set(id, !message.gone && !range.forwarding);
+            port.tagged.set(id, !message.gone && !range.untagged);
         }
         // A port has one such VLAN at most.  When another becomes it, the kernel tells of that one only.
         if (!message.gone && range.pvid) {

@@ -38,10 +38,20 @@ std::optional<VlanMessage> decodeVlans(const nlmsghdr& message);
 /// What a request for the VLANs of all bridges (RTM_GETVLAN) carries behind its header.
 std::vector<std::byte> vlanDumpBody();
 
+/// Which VLANs of a bridge follow a tree of their own: the instance's number (MSTID), not 0, by the VLAN's.
+using VlanTrees = std::map<VlanId, std::uint16_t>;
+
+/// Takes in what a message says of the instances of that bridge's VLANs; false for one that says nothing of
+/// it.
+bool enterTrees(VlanTrees& trees, unsigned bridge, const nlmsghdr& message);
+
+/// What a request for them carries behind its header.
+std::vector<std::byte> treeDumpBody();
+
 struct PortVlans {
-    VlanSet present;             ///< those that it is a member of
-    VlanSet member;              ///< those of them whose frames pass
-    VlanSet tagged;              ///< those of these whose frames leave with a tag
+    VlanSet member;              ///< those that it is a member of
+    VlanSet blocked;             ///< those of them whose frames do not pass, because of their own state
+    VlanSet tagged;              ///< those of them whose frames leave with a tag
     std::optional<VlanId> pvid;  ///< the one of frames without a tag
     bool operator==(const PortVlans&) const = default;
 };

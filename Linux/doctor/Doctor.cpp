@@ -106,11 +106,6 @@ private:
                  "it does not filter VLANs: streams pass wherever their groups do",
                  absent(facts_.abilities.vlanFiltering) ? "" : set + "vlan_filtering 1");
         }
-        if (settings.multipleSpanningTrees) {
-            find(name, "spanningTrees", Severity::warning,
-                 "it keeps a spanning tree for each group of VLANs, and streams follow the common one",
-                 set + "mst_enabled 0");
-        }
     }
 
     /// Room for groups.

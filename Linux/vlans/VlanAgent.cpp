@@ -63,7 +63,7 @@ void VlanAgent::stop() {
 
 VlanSet VlanAgent::present(unsigned ifindex) const {
     const auto at = bridge_.vlans().find(ifindex);
-    return at == bridge_.vlans().end() ? VlanSet{} : at->second.present;
+    return at == bridge_.vlans().end() ? VlanSet{} : at->second.member;
 }
 
 VlanSet VlanAgent::wanted(unsigned ifindex) const {

@@ -34,7 +34,8 @@ std::string text(const VlanTable& table) {
         for (unsigned id = 0; id < port.member.size(); ++id) {
             const bool pvid = port.pvid && port.pvid->value() == id;
             if (port.member.test(id) || pvid)
-                line += Runtime::concat(' ', pvid ? "*" : "", id, port.tagged.test(id) ? '+' : '-');
+                line += Runtime::concat(' ', pvid ? "*" : "", id, port.tagged.test(id) ? '+' : '-',
+                                        port.blocked.test(id) ? "!" : "");
         }
     }
     return line;
@@ -79,7 +80,7 @@ golden::Bytes vlanMessage(std::uint16_t type, bridge_vlan_info info, std::uint16
     return {message.bytes().begin(), message.bytes().end()};
 }
 
-TEST(Vlans, ThatAreBlockedOrCannotBeAreNotCarried) {
+TEST(Vlans, ThatCannotBeAreLeftOut) {
     constexpr std::uint16_t pvid = BRIDGE_VLAN_INFO_PVID;
     VlanTable table;
     const auto after = [&](const golden::Bytes& message) {
@@ -88,9 +89,9 @@ TEST(Vlans, ThatAreBlockedOrCannotBeAreNotCarried) {
     };
     EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {pvid, 4})), "7: *4+");
     EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {pvid, 5})), "7: 4+ *5+") << "of VLAN 4 nothing is told";
-    EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {0, 4}, 0, BR_STATE_BLOCKING)), "7: *5+");
-    EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {0, 4}, 0, BR_STATE_LEARNING)), "7: *5+");
-    EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {0, 4093}, 4094)), "7: *5+ 4093+ 4094+");
+    EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {0, 4}, 0, BR_STATE_BLOCKING)), "7: 4+! *5+");
+    EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {0, 4}, 0, BR_STATE_LEARNING)), "7: 4+! *5+");
+    EXPECT_EQ(after(vlanMessage(RTM_NEWVLAN, {0, 4093}, 4094)), "7: 4+! *5+ 4093+ 4094+");
     EXPECT_EQ(after(vlanMessage(RTM_DELVLAN, {0, 1}, 4093)), "7: 4094+");
     for (const auto& [first, last] : {std::pair{0, 3}, {4095, 0}, {9, 8}, {9, 4095}, {0, 0}}) {
         const bridge_vlan_info info{pvid, static_cast<std::uint16_t>(first)};
@@ -111,6 +112,8 @@ TEST(BridgeFacts, ComeFromTheVlanTableOnlyWhereTheBridgeFilters) {
         if (ifindex != 3) table[ifindex].tagged = table[ifindex].member;
         if (ifindex == 3) table[ifindex].pvid = VlanId{10};
     }
+    for (const unsigned ifindex : {2U, 3U, 5U}) table[ifindex].member.set(11);
+    table[3].blocked.set(11);
     auto& settings = devices[1].bridgeSettings.emplace();
     settings.priority = 4096;
     State::FlatMap<VlanId, bool> srVlan;
@@ -118,14 +121,21 @@ TEST(BridgeFacts, ComeFromTheVlanTableOnlyWhereTheBridgeFilters) {
     srVlan.set(VlanId{6}, true);
     const auto onRecord = [&] {
         const auto records = bridgeRecords();
-        bringInLine(records, bridgeFacts(devices.at(1), devices, table, srVlan));
+        bringInLine(records, bridgeFacts(devices.at(1), devices, table, srVlan, {{VlanId{11}, 7}}));
         return described(records);
     };
     const std::string ports = " p1 forwarding p2 learning p3 blocking; ";
     EXPECT_EQ(onRecord(), "None; NoStp" + ports + "5 p1- p2- p3-; 6 p1+ p2+ p3+; native p1 1 p2 1 p3 1");
     settings.vlanFiltering = true;
+    EXPECT_EQ(onRecord(), "None; NoStp" + ports + "10 p1+ p2-; 11 p1-; native p1 1 p2 10 p3 1");
     settings.spanningTree = true;
-    EXPECT_EQ(onRecord(), "Rstp 4096; Cist" + ports + "10@Cist p1+ p2-; native p1 1 p2 10 p3 1");
+    const std::string vlans = "10@Cist p1+ p2-; 11@Mst7 p1- p2-; native p1 1 p2 10 p3 1";
+    EXPECT_EQ(onRecord(), "Rstp 4096; Cist" + ports + "Mst7 p1 forwarding p2 blocking; " + vlans);
+    table[3].blocked.reset(11);
+    EXPECT_EQ(onRecord(), "Rstp 4096; Cist" + ports + "Mst7 p1 forwarding p2 blocking; " + vlans)
+        << "the port has a state, too";
+    settings.multipleSpanningTrees = true;
+    EXPECT_EQ(onRecord(), "Mstp 4096; Cist" + ports + "Mst7 p1 forwarding p2 forwarding; " + vlans);
 }
 
 BridgeFacts anyFacts(std::mt19937& random) {
@@ -140,6 +150,16 @@ BridgeFacts anyFacts(std::mt19937& random) {
             port.vlans.tagged.set(id, port.vlans.member.test(id) && random() % 2 == 0);
         }
         if (random() % 2 == 0) port.vlans.pvid = VlanId{2};
+    }
+    for (const unsigned id : {3U, 4U}) {
+        if (!facts.spanningTree || random() % 2 == 0) continue;
+        const auto instance = static_cast<std::uint16_t>(1 + random() % 2);
+        facts.trees[VlanId{id}] = instance;
+        for (auto& [intf, port] : facts.ports) {
+            if (port.vlans.member.test(id))
+                port.trees[instance] =
+                    Bridging::Topology::PortState{static_cast<std::uint8_t>(1 + random() % 3)};
+        }
     }
     return facts;
 }
@@ -166,7 +186,7 @@ TEST(BridgeRecords, BecomeTrueFromWhateverTheyWereAndBlockNoVlanOnTheWay) {
         const auto reactor = life.lib->watch([&](const State::Change& change) {
             const auto* id = change.key<VlanId>();
             const auto topo = life.lib->topo(now.spanningTree ? "Cist" : "NoStp");
-            if (id == nullptr || !topo) return;
+            if (id == nullptr || !topo || before.trees.contains(*id) || now.trees.contains(*id)) return;
             for (const auto& [intf, port] : now.ports) {
                 const auto topoPort = topo->topoPort(intf);
                 if (&change.entity != topoPort.get()) continue;

@@ -61,8 +61,6 @@ TEST(Doctor, FindsWhatKeepsABridgeFromCarryingStreams) {
          "note br0 vlanFiltering: ip link set dev br0 type bridge vlan_filtering 1"},
         {[](Subject s) { s.bridge.vlanFiltering = false, s.facts.abilities.vlanFiltering = Ability::absent; },
          "note br0 vlanFiltering: "},
-        {[](Subject s) { s.bridge.multipleSpanningTrees = true; },
-         "warning br0 spanningTrees: ip link set dev br0 type bridge mst_enabled 0"},
         {[](Subject s) { s.port.device.operational = false; }, "note swp1 link: "},
         {[](Subject s) { s.port.device.mtu = 1499; }, "warning swp1 mtu: ip link set dev swp1 mtu 1500"},
         {[](Subject s) { s.port.device.mtu = 105; }, "fault swp1 mtu: ip link set dev swp1 mtu 1500"},

@@ -2,6 +2,9 @@
 #include "tests/linux/BridgeText.h"
 #include "tests/ports/Namespace.h"
 
+#include <linux/if_bridge.h>
+#include <linux/rtnetlink.h>
+
 namespace {
 
 class BridgeAgentTest : public PortsTest {
@@ -131,6 +134,61 @@ TEST_F(BridgeAgentTest, TheVlansOfABridgeThatFiltersThemAreItsOwn) {
     Namespace::run("for v in $(seq 100 399); do echo vlan del dev p1 vid $v; done | bridge -b -");
     EXPECT_RECORDS(states + "1 p1-; 5 p2+; 400 p1+; native p1 1 p2 1");
     EXPECT_TRUE(complaints.empty());
+}
+
+TEST_F(BridgeAgentTest, EachTreeOfTheBridgeIsATopology) {
+    bridge();
+    if (std::system("ip link set br0 type bridge vlan_filtering 1 vlan_default_pvid 0 2>/dev/null") != 0)
+        GTEST_SKIP() << "this kernel's bridges do not filter VLANs";
+    const auto ask = [&](const Linux::NetlinkMessage& message) {
+        EXPECT_EQ(requests.carryOut(message).error, 0);
+    };
+    const auto about = [](const char* name, std::uint8_t family) {
+        ifinfomsg header{};
+        header.ifi_family = family;
+        header.ifi_index = static_cast<int>(if_nametoindex(name));
+        return header;
+    };
+    join({"p1", "p2"});
+    start();
+    const std::string ports = "Cist p1 forwarding p2 forwarding; ";
+    const std::string three = "; 3@Cist p1+ p2+; native p1 1 p2 1";
+    // The kernel allows an instance for each group of VLANs only while there are none.
+    constexpr std::uint32_t instances = 1U << BR_BOOLOPT_MST_ENABLE;
+    ask(std::move(Linux::NetlinkMessage{RTM_NEWLINK, Linux::requestAck}
+                      .part(about("br0", AF_UNSPEC))
+                      .nest(IFLA_LINKINFO, [](Linux::NetlinkMessage& info) {
+                          info.text(IFLA_INFO_KIND, "bridge");
+                          info.nest(IFLA_INFO_DATA, [](Linux::NetlinkMessage& data) {
+                              data.attribute(IFLA_BR_MULTI_BOOLOPT, br_boolopt_multi{instances, instances});
+                          });
+                      })));
+    for (const char* vlan : {"vid 2", "vid 3"}) {
+        for (const char* port : {"p1", "p2"})
+            Namespace::bridge(Runtime::concat("vlan add dev ", port, " ", vlan));
+        Namespace::bridge(Runtime::concat("vlan add dev br0 self ", vlan));
+    }
+    br_vlan_msg vlans{};
+    vlans.family = AF_BRIDGE;
+    vlans.ifindex = if_nametoindex("br0");
+    ask(std::move(Linux::NetlinkMessage{RTM_NEWVLAN, Linux::requestAck}.part(vlans).nest(
+        BRIDGE_VLANDB_GLOBAL_OPTIONS | NLA_F_NESTED, [](Linux::NetlinkMessage& options) {
+            options.attribute(BRIDGE_VLANDB_GOPTS_ID, std::uint16_t{2});
+            options.attribute(BRIDGE_VLANDB_GOPTS_MSTI, std::uint16_t{5});
+        })));
+    EXPECT_RECORDS("Mstp 32768; " + ports + "Mst5 p1 blocking p2 blocking; 2@Mst5 p1+ p2+" + three);
+    ask(std::move(Linux::NetlinkMessage{RTM_SETLINK, Linux::requestAck}
+                      .part(about("p2", AF_BRIDGE))
+                      .nest(IFLA_AF_SPEC | NLA_F_NESTED, [](Linux::NetlinkMessage& bridging) {
+                          bridging.nest(IFLA_BRIDGE_MST | NLA_F_NESTED, [](Linux::NetlinkMessage& states) {
+                              states.nest(IFLA_BRIDGE_MST_ENTRY | NLA_F_NESTED,
+                                          [](Linux::NetlinkMessage& state) {
+                                              state.attribute(IFLA_BRIDGE_MST_ENTRY_MSTI, std::uint16_t{5});
+                                              state.attribute(IFLA_BRIDGE_MST_ENTRY_STATE, std::uint8_t{3});
+                                          });
+                          });
+                      })));
+    EXPECT_RECORDS("Mstp 32768; " + ports + "Mst5 p1 blocking p2 forwarding; 2@Mst5 p1+ p2+" + three);
 }
 
 }  // namespace

@@ -74,6 +74,17 @@ class Reservations(unittest.TestCase):
         bed.until_groups("swp2", "a port that came back gets no streams")
         self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
 
+    def test_a_blocked_vlan_costs_its_own_streams_alone(self):
+        bed = self.bed
+        bed.tool("bridge vlan add dev swp2 vid 3")
+        bed.tool("bridge vlan set dev swp2 vid 3 state blocking")
+        bed.tool(f"bridge vlan set dev swp2 vid {VLAN} state blocking")
+        bed.until_groups("swp1", "a port that blocks the VLAN still gets streams")
+        ports = [stream["ports"] for stream in bed.read("show", "streams").values()]
+        self.assertIn("VLAN is blocked", ports[0]["swp2"]["reason"])
+        bed.tool(f"bridge vlan set dev swp2 vid {VLAN} state forwarding")
+        bed.until_groups("swp2", "a port that blocks another VLAN gets no streams")
+
     def test_filtering_may_be_switched_while_streams_run(self):
         bed = self.bed
 
