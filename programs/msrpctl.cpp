@@ -34,6 +34,7 @@ struct Options {
     std::string stream;
     std::string file;
     std::string bridge;
+    std::string ptp4l{"/var/run/ptp4l"};
     std::uint64_t vlan = 2;
     std::uint64_t count = 0;
     bool repair = false;
@@ -180,7 +181,9 @@ ExitCode audit(const Options& options) {
 
 ExitCode doctor(const Options& options) {
     Linux::DoctorFacts facts;
-    demand(Linux::examine(options.bridge, VlanId{static_cast<std::uint16_t>(options.vlan)}, facts), usage);
+    demand(Linux::examine(options.bridge, VlanId{static_cast<std::uint16_t>(options.vlan)}, options.ptp4l,
+                          facts),
+           usage);
     const auto findings = Linux::diagnose(facts);
     if (options.json) {
         print(options, Show::doctorValue(findings));
@@ -273,6 +276,7 @@ int main(int argc, char** argv) {
         .command("doctor", "What keeps a bridge of this machine from carrying streams; needs no daemon",
                  [&] { return doctor(o); })
         .text("--bridge", "Like br0; needed where there are several", o.bridge)
+        .text("--ptp4l", "Socket of the ptp4l that keeps time on its ports", o.ptp4l)
         .number("--vlan", "VLAN of the streams", o.vlan, {VlanId::min, VlanId::max});
     program
         .command("clean", "What a daemon that is gone has left in the kernel; needs no daemon",

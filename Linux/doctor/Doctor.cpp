@@ -51,6 +51,7 @@ public:
             link(port);
             router(port);
             vlan(port);
+            time(port);
             queues(port);
         }
         kernel();
@@ -170,6 +171,22 @@ private:
         } else if (!port.vlans.tagged.test(vid)) {
             find(port.device.name, "vlan", Severity::fault,
                  concat("streams leave it without the tag of VLAN ", vid), add);
+        } else if (port.vlans.blocked.test(vid)) {
+            find(port.device.name, "vlan", Severity::note, concat("VLAN ", vid, " is blocked there"));
+        }
+    }
+
+    void time(const DoctorFacts::Port& port) {
+        if (!facts_.time) return;
+        const auto told = facts_.time->port(IntfId{port.device.name});
+        if (!told) {
+            find(port.device.name, "time", Severity::note,
+                 "ptp4l knows nothing of it: it keeps no common time");
+        } else {
+            find(port.device.name, "time", told->capable() ? Severity::note : Severity::warning,
+                 concat(told->capable() ? "it keeps common time with its neighbour, and is "
+                                        : "it keeps no common time with its neighbour: ",
+                        told->state()));
         }
     }
 

@@ -6,10 +6,14 @@
 #include "Linux/links/DeviceTable.h"
 #include "Linux/links/Ethtool.h"
 #include "Linux/queues/PortQueues.h"
+#include "Linux/time/TimeAgent.h"
 #include "Runtime/Text.h"
 
+#include <chrono>
 #include <linux/rtnetlink.h>
 #include <set>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace Linux {
@@ -18,6 +22,8 @@ using Runtime::concat;
 
 namespace {
 
+/// For the answers of ptp4l.
+constexpr std::chrono::milliseconds ptpPatience{600};
 /// Of a bridge that is yet to be made.
 constexpr const char* usualName = "br0";
 
@@ -59,9 +65,26 @@ std::string readGroups(NetlinkChannel& kernel, DoctorFacts& facts, std::set<unsi
     return answer ? "" : concat("cannot read the groups of bridges: ", answer.problem());
 }
 
+/// Null where nobody answers.
+std::shared_ptr<const Switch::TimeStatus> askTime(EpollLoop& loop, const std::string& ptp4l) {
+    if (::access(ptp4l.c_str(), F_OK) != 0) return nullptr;
+    auto status = std::make_shared<Switch::TimeStatus>();
+    bool answers = false;
+    TimeAgent agent{loop, status, [&](bool good, const std::string&) { answers = good; }, {}};
+    constexpr TimeAgent::Pace pace{ptpPatience / 3, ptpPatience};
+    if (!agent.start(ptp4l, pace).empty()) return nullptr;
+    // Its ports answer one after the other.
+    loop.runUntil([] { return false; }, ptpPatience);
+    if (!answers) return nullptr;
+    auto told = std::make_shared<Switch::TimeStatus>();
+    std::as_const(*status).port().each(
+        [&](IntfId intf, const Switch::PortTime& port) { told->portIs(intf, port.capable(), port.state()); });
+    return told;
+}
+
 }  // namespace
 
-std::string examine(const std::string& bridge, VlanId srVlan, DoctorFacts& facts) {
+std::string examine(const std::string& bridge, VlanId srVlan, const std::string& ptp4l, DoctorFacts& facts) {
     facts = {};
     facts.bridge = bridge;
     facts.srVlan = srVlan;
@@ -100,6 +123,7 @@ std::string examine(const std::string& bridge, VlanId srVlan, DoctorFacts& facts
         }
         facts.ports.push_back(std::move(port));
     }
+    facts.time = askTime(loop, ptp4l);
     return {};
 }
 

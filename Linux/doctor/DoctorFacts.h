@@ -5,9 +5,11 @@
 #include "Linux/links/Device.h"
 #include "Linux/records/CapabilityStatus.h"
 #include "Linux/records/Config.h"
+#include "Switch/Time.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,9 +36,11 @@ struct DoctorFacts {
     VlanId srVlan{2};              ///< of the streams
     std::uint16_t ownQueueHandle = Config{}.queueHandle();
     Abilities abilities;
+    std::shared_ptr<const Switch::TimeStatus> time;  ///< null: no ptp4l answers
 };
 
-/// Looks at the kernel.  `bridge` may be empty where there is exactly one.  Empty on success.
-std::string examine(const std::string& bridge, VlanId srVlan, DoctorFacts& facts);
+/// Looks at the kernel, and asks the ptp4l with that socket.  `bridge` may be empty where there is exactly one.
+/// Empty on success.
+std::string examine(const std::string& bridge, VlanId srVlan, const std::string& ptp4l, DoctorFacts& facts);
 
 }  // namespace Linux

@@ -62,7 +62,7 @@ TimeAgent::TimeAgent(Runtime::FdLoop& loop, std::shared_ptr<Switch::TimeStatus> 
 
 TimeAgent::~TimeAgent() {
     watch_ = {};
-    if (fd_) removeSocket(own_);
+    if (fd_ && !own_.empty()) removeSocket(own_);
 }
 
 std::string TimeAgent::start(const std::string& server, Pace pace) {
@@ -71,18 +71,19 @@ std::string TimeAgent::start(const std::string& server, Pace pace) {
     server_ = server;
     serverName_ = server;
     asker_.number = static_cast<std::uint16_t>(::getpid());
-    const auto here = unixAddress(own_);
+    const auto here = own_.empty() ? sockaddr_un{AF_UNIX, {}} : unixAddress(own_);
     if (!here || !unixAddress(server))
         return Runtime::concat(here ? server : own_, ": the path is empty or too long for a socket");
+    const socklen_t length = own_.empty() ? sizeof here->sun_family : sizeof *here;
     fd_ = Runtime::FileDescriptor{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
-    removeSocket(own_);
-    if (!fd_ || ::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&*here), sizeof *here) != 0) {
+    if (!own_.empty()) removeSocket(own_);
+    if (!fd_ || ::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&*here), length) != 0) {
         const int error = errno;
         fd_ = {};
         return Runtime::concat(own_, ": ", std::generic_category().message(error));
     }
     // Whoever runs ptp4l must be able to answer; who else writes is not listened to.
-    ::chmod(own_.c_str(), 0666);
+    if (!own_.empty()) ::chmod(own_.c_str(), 0666);
     constexpr int wanted = 1;
     ::setsockopt(fd_.get(), SOL_SOCKET, SO_PASSCRED, &wanted, sizeof wanted);
     watch_ = loop_.watch(fd_.get(), Runtime::FdLoop::Ready::readable, [this] { hear(); });

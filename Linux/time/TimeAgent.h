@@ -29,7 +29,8 @@ public:
         Runtime::Duration believed = std::chrono::seconds{5};  ///< an answer
     };
 
-    /// The loop must outlive it; `own` is the path of the socket that answers come to.
+    /// The loop must outlive it; `own` is the path of the socket that answers come to.  Empty: one without a
+    /// path, which only a ptp4l in the same network namespace can answer to.
     TimeAgent(Runtime::FdLoop& loop, std::shared_ptr<Switch::TimeStatus> status, Said said, std::string own);
     TimeAgent(const TimeAgent&) = delete;
     TimeAgent& operator=(const TimeAgent&) = delete;

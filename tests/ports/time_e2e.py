@@ -3,8 +3,10 @@
 
 Needs root and linuxptp; exit code 77 without them.
 """
+import json
 import pathlib
 import signal
+import subprocess
 import sys
 import unittest
 
@@ -31,7 +33,7 @@ uds_address {socket}
 
 class CommonTime(unittest.TestCase):
     def setUp(self):
-        self.bed = self.enterContext(Testbed(BUILD, ports=2))
+        self.bed = self.enterContext(Testbed(BUILD, ports=2, bridge="br0"))
         self.clock_socket = self.bed.directory / "ptp4l"
         self.switch_clock = self.clock("clock", self.bed.switch, self.clock_socket, *self.bed.ports)
 
@@ -47,6 +49,12 @@ class CommonTime(unittest.TestCase):
     def times(self):
         return {port: row["time"] for port, row in self.bed.read("show", "ports").items()}
 
+    def doctor(self):
+        done = subprocess.run(["ip", "netns", "exec", self.bed.switch, BUILD / "msrpctl", "--json", "doctor",
+                               "--ptp4l", self.clock_socket], text=True, stdout=subprocess.PIPE, check=False)
+        return {device: checks["time"]["severity"] for device, checks in json.loads(done.stdout).items()
+                if "time" in checks}
+
     def until(self, condition, what):
         return self.bed.wait(condition, 40, what)
 
@@ -58,16 +66,19 @@ class CommonTime(unittest.TestCase):
 
     def test_streams_stand_on_ports_whose_neighbours_keep_common_time(self):
         bed = self.bed
-        bed.daemon(bed.config() | {"linux/config": {"gptp": {"socket": str(self.clock_socket)}}})
+        bed.daemon(bed.config() | {"linux/config": {"bridge": "br0",
+                                                    "gptp": {"socket": str(self.clock_socket)}}})
         bed.station("swp1", "--talk", TALK)
         bed.station("swp2", "--listen", STREAM)
         talker, listener = self.station_clock("swp1"), self.station_clock("swp2")
         self.until(self.capable("swp1", "swp2"), "the ports do not become capable")
         self.until(lambda: bed.carriers() == ["swp2"], "the stream is not carried")
+        self.assertEqual(self.doctor(), {"swp1": "note", "swp2": "note"})
         listener.send_signal(signal.SIGKILL)
         self.until(self.capable("swp1"), "the port of a killed clock stays capable")
         self.until(lambda: bed.carriers() == [], "a port without common time carries a stream")
         self.assertEqual(self.times()["swp2"], "not capable")
+        self.assertEqual(self.doctor(), {"swp1": "note", "swp2": "warning"})
         self.station_clock("swp2")
         self.until(lambda: bed.carriers() == ["swp2"], "the stream does not come back with the clock")
         self.switch_clock.send_signal(signal.SIGSTOP)
