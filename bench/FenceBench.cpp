@@ -5,12 +5,14 @@
 #include "bench/Run.h"
 #include "bench/TestNetwork.h"
 
+#include <algorithm>
 #include <array>
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <cstdlib>
 #include <linux/if_packet.h>
-#include <net/if.h>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -69,57 +71,73 @@ unsigned heard(const Bench::RawSocket& socket) {
     return counted.tp_packets;
 }
 
+/// A bridge with the ports p1 and p2, whose far ends are q1 and q2, and the agent at work on it.
+class FencedBridge {
+public:
+    explicit FencedBridge(std::size_t kind) {
+        // Without groups its frames go to all ports, which are one.
+        const auto ip = [](const char* arguments) { return std::system(arguments) == 0; };
+        const bool made = network_.made() && Bench::TestNetwork::cable("q1", "p1") &&
+                          Bench::TestNetwork::cable("q2", "p2") &&
+                          ip("ip link add br0 up type bridge mcast_snooping 0") &&
+                          ip("ip link set p1 master br0") && ip("ip link set p2 master br0");
+        config_->bridgeIs("br0");
+        config_->fenceIs(kind == 0 ? Linux::Fencing::none : Linux::Fencing::ports);
+        if (kind > 1) config_->streamsIs(kind == 2 ? Linux::Metering::measure : Linux::Metering::police);
+        coreIs(true);
+        for (std::size_t stream = 0; stream < streamCount; ++stream) {
+            const auto limits = streams_->streamIs(stream);
+            limits->macDaIs(addressOf(stream));
+            limits->vlanIdIs(2);
+            limits->priorityIs(3);
+            limits->maxFrameSizeIs(222);
+            limits->kbpsIs(100'000'000);
+            limits->talkerIntfIs(IntfId{"p1"});
+        }
+        ready_ =
+            made && kernel_.open().empty() && devices_.start().empty() && agent_.start().empty() &&
+            loop_.runUntil([&] { return traffic_->stream().size() == (kind > 1 ? streamCount : 0); }, 5s);
+    }
+    [[nodiscard]] bool ready() const { return ready_; }
+    void coreIs(bool core) { domain_->portIs(IntfId{"p1"})->coreIs(Cos{3}, core); }
+    [[nodiscard]] bool agrees() { return agent_.audit(false).empty(); }
+    /// Until the kernel has what was asked for.
+    void settle() {
+        loop_.runUntil([&] { return !woken_; }, 5s);
+    }
+
+private:
+    Bench::TestNetwork network_;
+    Linux::EpollLoop loop_;
+    Linux::DeviceTable devices_{loop_};
+    Linux::NetlinkRequests kernel_;
+    std::shared_ptr<Linux::Config> config_ = std::make_shared<Linux::Config>();
+    std::shared_ptr<Switch::Domain> domain_ = std::make_shared<Switch::Domain>();
+    std::shared_ptr<Switch::Streams> streams_ = std::make_shared<Switch::Streams>();
+    std::shared_ptr<Linux::TrafficStatus> traffic_ = std::make_shared<Linux::TrafficStatus>();
+    bool woken_ = false;
+    Linux::FenceAgent agent_{
+        loop_,
+        devices_,
+        kernel_,
+        {config_, domain_, std::make_shared<Bridging::Input::Config>(),
+         std::make_shared<Bridging::VlanRequests>(), std::make_shared<Linux::CapabilityStatus>(),
+         std::make_shared<Linux::FenceStatus>(), streams_, traffic_},
+        [this] {
+            if (std::exchange(woken_, true)) return;
+            loop_.post([this] {
+                woken_ = false;
+                agent_.apply();
+            });
+        }};
+    bool ready_ = false;
+};
+
 void throughTheBridge(benchmark::State& state) {
     const auto kind = static_cast<std::size_t>(state.range(0));
     state.SetLabel(fenceKinds[kind]);
-    const Bench::TestNetwork network;
-    // Without groups its frames go to all ports, which are one.
-    const auto ip = [](const char* arguments) { return std::system(arguments) == 0; };
-    if (!network.made() || !Bench::TestNetwork::cable("q1", "p1") || !Bench::TestNetwork::cable("q2", "p2") ||
-        !ip("ip link add br0 up type bridge mcast_snooping 0") || !ip("ip link set p1 master br0") ||
-        !ip("ip link set p2 master br0"))
-        return state.SkipWithError("needs root");
-
-    Linux::EpollLoop loop;
-    Linux::DeviceTable devices{loop};
-    Linux::NetlinkRequests kernel;
-    Linux::FenceAgent::Records records{.config = nullptr,
-                                       .domain = nullptr,
-                                       .groups = std::make_shared<Bridging::Input::Config>(),
-                                       .vlans = std::make_shared<Bridging::VlanRequests>(),
-                                       .capabilities = std::make_shared<Linux::CapabilityStatus>(),
-                                       .status = std::make_shared<Linux::FenceStatus>(),
-                                       .streams = nullptr,
-                                       .traffic = std::make_shared<Linux::TrafficStatus>()};
-    const auto config = std::make_shared<Linux::Config>();
-    config->bridgeIs("br0");
-    config->fenceIs(kind == 0 ? Linux::Fencing::none : Linux::Fencing::ports);
-    if (kind > 1) config->streamsIs(kind == 2 ? Linux::Metering::measure : Linux::Metering::police);
-    const auto domain = std::make_shared<Switch::Domain>();
-    domain->portIs(IntfId{"p1"})->coreIs(Cos{3}, true);
-    const auto streams = std::make_shared<Switch::Streams>();
-    for (std::size_t stream = 0; stream < streamCount; ++stream) {
-        const auto limits = streams->streamIs(stream);
-        limits->macDaIs(addressOf(stream));
-        limits->vlanIdIs(2);
-        limits->priorityIs(3);
-        limits->maxFrameSizeIs(222);
-        limits->kbpsIs(100'000'000);
-        limits->talkerIntfIs(IntfId{"p1"});
-    }
-    records.config = config;
-    records.domain = domain;
-    records.streams = streams;
-    if (!kernel.open().empty() || !devices.start().empty()) return state.SkipWithError("no netlink");
-    Linux::FenceAgent* waiting = nullptr;
-    Linux::FenceAgent agent{loop, devices, kernel, records, [&] {
-                                loop.post([&] {
-                                    if (waiting != nullptr) waiting->apply();
-                                });
-                            }};
-    waiting = &agent;
-    if (!agent.start().empty()) return state.SkipWithError("no fence");
-    loop.runUntil([&] { return records.traffic->stream().size() == (kind > 1 ? streamCount : 0); }, 5s);
+    const FencedBridge bridge{kind};
+    if (!bridge.ready()) return state.SkipWithError("no bridge with a fence");
 
     Talkers talkers{"q1"};
     const Bench::RawSocket arrivals{"q2", 0x0003};
@@ -135,9 +153,31 @@ void throughTheBridge(benchmark::State& state) {
     const unsigned arrived = heard(arrivals);
     if (arrived < rounds * streamCount) state.SkipWithError("frames were lost");
     state.SetItemsProcessed(static_cast<std::int64_t>(rounds * streamCount));
-    waiting = nullptr;
-    agent.stop();
 }
 BENCHMARK(throughTheBridge)->Name("Fence/frame")->DenseRange(0, 3)->UseRealTime();
+
+/// From a new state of a class on a port until the kernel goes by it.
+void changeOfAClass(benchmark::State& state) {
+    FencedBridge bridge{1};
+    if (!bridge.ready()) return state.SkipWithError("no bridge with a fence");
+    bool core = true;
+    double longest = 0.0;
+    for (auto _ : state) {
+        const auto begin = std::chrono::steady_clock::now();
+        bridge.coreIs(core = !core);
+        bridge.settle();
+        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+        longest = std::max(longest, took.count());
+    }
+    bridge.coreIs(false);
+    bridge.settle();
+    if (!bridge.agrees()) state.SkipWithError("the kernel goes by something else");
+    state.counters["longestMs"] = longest;
+}
+BENCHMARK(changeOfAClass)
+    ->Name("Fence/change")
+    ->Iterations(static_cast<benchmark::IterationCount>(Bench::many(1000)))
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 }  // namespace

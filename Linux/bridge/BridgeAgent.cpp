@@ -2,6 +2,7 @@
 
 #include "Runtime/Text.h"
 
+#include <algorithm>
 #include <chrono>
 #include <linux/rtnetlink.h>
 #include <utility>
@@ -11,8 +12,10 @@ namespace Linux {
 namespace {
 
 constexpr std::chrono::seconds secondReading{1};
-/// After which the states of instances are read again.
+/// After which the states of instances are read again; many ports are read less often, so that most of the
+/// time is left for other work.
 constexpr std::chrono::seconds treeReading{1};
+constexpr int treeReadingShare = 50;
 
 /// A spanning tree for each instance.
 bool keepsTrees(const Device& device) {
@@ -37,7 +40,8 @@ BridgeAgent::BridgeAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkCha
                          std::shared_ptr<const Config> config, std::shared_ptr<Bridging::Config> bridging,
                          std::shared_ptr<Bridging::Topology::Config> topology,
                          std::shared_ptr<Stp::Status> stp, Complaint complaint)
-    : devices_{devices},
+    : loop_{loop},
+      devices_{devices},
       requests_{requests},
       config_{std::move(config)},
       records_{std::move(bridging), std::move(topology), std::move(stp)},
@@ -120,6 +124,7 @@ void BridgeAgent::settle() {
 
 std::string BridgeAgent::readVlans() {
     notices_.discard();
+    const Runtime::Time begin = loop_.now();
     VlanTable table;
     const NetlinkAnswer answer = requests_.dump(
         RTM_GETVLAN, vlanDumpBody(), [&] { table.clear(); },
@@ -137,13 +142,15 @@ std::string BridgeAgent::readVlans() {
         settle_.armIn(secondReading);
         return Runtime::concat("cannot read its VLANs: ", (answer ? trees : answer).problem());
     }
+    lookTook_ = loop_.now() - begin;
     vlans_ = std::move(table);
     vlansStale_ = treesStale_ = false;
     return {};
 }
 
 void BridgeAgent::followTrees(const Device& bridge) {
-    if (keepsTrees(bridge)) return look_.armIn(treeReading);
+    if (keepsTrees(bridge))
+        return look_.armIn(std::max<Runtime::Duration>(treeReading, treeReadingShare * lookTook_));
     look_.cancel();
     // What the kernel's instances were does not count any more.
     std::erase_if(trees_, [](const auto& tree) { return tree.first.value() != tree.second; });

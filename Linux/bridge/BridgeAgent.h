@@ -59,6 +59,7 @@ private:
     void followTrees(const Device& bridge);
     void complain(std::set<std::string> wrong);
 
+    Runtime::FdLoop& loop_;
     const DeviceTable& devices_;
     NetlinkChannel& requests_;
     const std::shared_ptr<const Config> config_;
@@ -73,6 +74,7 @@ private:
     VlanTrees trees_;
     /// Of the states of instances, the kernel does not tell.
     Runtime::Timer look_;
+    Runtime::Duration lookTook_{};
     std::optional<BridgeFacts> onRecord_;
     std::set<std::string> complained_;  ///< what is wrong and was said
 };
