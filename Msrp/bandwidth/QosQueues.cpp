@@ -113,8 +113,13 @@ void MsrpSm::frameReserved(IntfId intf, SrClassId srClass, U16 maxFrameSize, boo
     if (srClass != SrClassId::SrClassA) return;
     auto& sizes = reservedFrames_[intf];
     const auto held = sizes.try_emplace(maxFrameSize, 0).first;
-    held->second += there ? 1 : held->second > 0 ? -1 : 0;
-    if (held->second == 0) sizes.erase(held);
+    if (there) {
+        ++held->second;
+    } else if (held->second <= 1) {
+        sizes.erase(held);
+    } else {
+        --held->second;
+    }
     const auto port = inputs_.domain ? inputs_.domain->port(intf) : nullptr;
     if (!port) return;
     port->largestFrameAIs(sizes.empty() ? U16{0} : sizes.rbegin()->first);
