@@ -1,5 +1,6 @@
 #include "Mvrp/MvrpSm.h"
 
+#include "Mrp/PeriodicSm.h"
 #include "Mvrp/Application.h"
 #include "Mvrp/MvrpEvents.h"
 #include "Runtime/BigEndian.h"
