@@ -172,6 +172,7 @@ TEST(ShowVlans, TellsWhatIsConfiguredAndWhatIsAskedFor) {
     b.bridge.start();
     b.bridge.mvrpStart();
     b.bridge.mvrpConfig->intfEnableIs(IntfId{"swp3"}, false);
+    b.loop.runFor(1s);  // the LeaveAll with which ports start would age out what is said before it
     // JoinMt of VLANs 2 and 3.
     b.bridge.mvrpPorts().deliver(IntfId{"swp2"}, {0, 1, 2, 0, 2, 0, 2, 0x81, 0, 0, 0, 0});
     b.loop.runFor(1s);
