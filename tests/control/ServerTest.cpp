@@ -122,6 +122,7 @@ TEST_F(Server, AnswersEveryRequestInOneLine) {
              {get("msrp/config/intfEnable/swp2"),
               R"({"error":"nothing at \"msrp/config/intfEnable/swp2\""})"},
              {get("msrp"), R"({"error":"no record \"msrp\""})"},
+             {get("msrp/configs"), R"({"error":"no record \"msrp/configs\""})"},
              {R"({"op":"echo","what":"ha"})", R"({"value":"ha"})"},
              {R"({"op":"list"})", R"({"value":{"msrp/cliConfig":{"type":"Msrp::CliConfig","writable":true},)"
                                   R"("msrp/config":{"type":"Msrp::Config","writable":true},)"
@@ -155,7 +156,7 @@ TEST_F(Server, AnswersEveryRequestInOneLine) {
     EXPECT_EQ(peer.line(), "closed");
 }
 
-TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurn) {
+TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurnAndTheLatestWhenItReads) {
     Peer peer{loop, path};
     EXPECT_EQ(peer.ask(watch("msrp/config/intfEnable")), R"({"watch":"msrp/config/intfEnable","value":{}})");
     ports->intfEnableIs(IntfId{"swp1"}, true);
@@ -173,9 +174,7 @@ TEST_F(Server, TellsAWatcherTheCurrentValueAndThenChangesOncePerTurn) {
     ports->intfEnableIs(IntfId{"swp3"}, true);
     EXPECT_EQ(other.line(), R"({"watch":"msrp/config/intfEnable/swp3","value":true})");
     EXPECT_EQ(other.ask(watch("msrp/config/colour")), R"({"error":"no field \"colour\" in Msrp::Config"})");
-}
 
-TEST_F(Server, AWatcherThatDoesNotReadGetsTheLatestValueWhenItDoes) {
     for (int i = 0; i < 5000; ++i) ports->intfEnableIs(IntfId{"port" + std::to_string(i)}, true);
     Peer slow{loop, path};
     slow.send(watch("msrp/config") + '\n');
@@ -286,18 +285,17 @@ TEST_F(Server, ANewcomerGetsInInPlaceOfTheClientThatIsQuietForLongest) {
     for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i)
         EXPECT_EQ(peers.emplace_back(loop, path).ask(get("msrp/config")), noPorts);
     EXPECT_EQ(peers[0].ask(get("msrp/config")), noPorts);
+    // That one sends much and finishes nothing.
     Peer newcomer{loop, path};
-    EXPECT_EQ(newcomer.ask(get("msrp/config")), noPorts);
+    newcomer.send(std::string(Control::Session::requestLimit + 1, ' '));
+    EXPECT_EQ(newcomer.line(), R"({"error":"a request is longer than 1048576 octets"})");
+    EXPECT_EQ(newcomer.line(), "closed");
     EXPECT_EQ(peers[1].line(), R"({"error":"too many clients, and this one was quiet for longest"})");
     EXPECT_EQ(peers[1].line(), "closed");
     EXPECT_EQ(peers[0].ask(get("msrp/config")), noPorts);
 }
 
 TEST_F(Server, ClientsThatSendMuchAndFinishNothingKeepNobodyOut) {
-    Peer endless{loop, path};
-    endless.send(std::string(Control::Session::requestLimit + 1, ' '));
-    EXPECT_EQ(endless.line(), R"({"error":"a request is longer than 1048576 octets"})");
-    EXPECT_EQ(endless.line(), "closed");
     for (const std::size_t each : {Control::Session::requestLimit, std::size_t{70'000}}) {
         std::deque<Peer> hostile;
         for (std::size_t i = 0; i < Control::Server::sessionLimit; ++i)
@@ -330,8 +328,7 @@ TEST_F(Server, EndsAClientThatNeitherAsksNorWatchesAndOneThatDoesNotFetchWhatItA
 }
 
 /// Entries that take as long to read as the test says.
-class Long : public State::Record<Long> {
-public:
+struct Long : State::Record<Long> {
     static constexpr std::string_view type = "Test::Long";
     static constexpr std::uint64_t entries = 5000;
     void change() { changed(State::Change{*this, "entry"}); }
@@ -343,10 +340,8 @@ public:
             "entry", [](const Long& r, const State::From& from, std::size_t most) {
                 State::Object some;
                 std::uint64_t at = from.key ? *State::parseDecimal(*from.key, entries) + !from.included : 0;
-                for (; at < entries && some.size() < most; ++at) {
-                    r.read();
-                    some.emplace_back(std::to_string(at), State::Value{std::string(200, 'x')});
-                }
+                for (; at < entries && some.size() < most; r.read())
+                    some.emplace_back(std::to_string(at++), State::Value{std::string(200, 'x')});
                 return some;
             }));
     }
@@ -355,17 +350,12 @@ public:
 TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiting) {
     const auto record = database.entityIs<Long>("long");
     std::uint64_t reads = 0;
-    record->read = [&] {
-        ++reads;
-        loop.took(10us);
-    };
+    record->read = [&] { ++reads, loop.took(10us); };
     std::deque<Peer> watchers;
     for (int i = 0; i < 5; ++i) watchers.emplace_back(loop, path).send(watch("long") + '\n');
     const auto tell = [&] {
-        loop.turnUntil([&] {
-            // All of them, and each in every turn.
-            return std::ranges::count_if(watchers, &Peer::fetch) == 5;
-        });
+        // All of them, and each in every turn.
+        loop.turnUntil([&] { return std::ranges::count_if(watchers, &Peer::fetch) == 5; });
         std::set<std::string> told;
         for (Peer& watcher : watchers) told.insert(watcher.line());
         EXPECT_EQ(told.size(), 1U);

@@ -22,7 +22,7 @@ struct ShownBridge {
         bridge.mrpConfig->leaveAllTimeIs(600'000);
         for (const std::string& port : ports) {
             peers[port] = std::make_unique<Sim::Peer>(bridge, port);
-            linked->intfIs(IntfId{port}, true);
+            record<Interface::EthIntfStatusDir>("interface/status/eth/intf")->intfIs(IntfId{port}, true);
         }
     }
     void says(const std::string& port, const std::vector<Sim::Say>& what) {
@@ -33,8 +33,9 @@ struct ShownBridge {
     Show::Snapshot snapshot(const Show::View& view) {
         Show::Snapshot s;
         s.now = Runtime::seconds(loop.now());
-        for (const std::string& path : view.records)
-            s.records[path] = bridge.database().entity(path)->value();
+        for (const std::string& path : view.records) {
+            if (const auto record = bridge.database().entity(path)) s.records[path] = record->value();
+        }
         return s;
     }
     std::string text(const Show::View& view) { return view.text(snapshot(view)); }
@@ -47,13 +48,6 @@ struct ShownBridge {
     Runtime::VirtualLoop loop;
     Sim::Bridge bridge;
     std::map<std::string, std::unique_ptr<Sim::Peer>> peers;
-    std::shared_ptr<Interface::EthIntfStatusDir> linked =
-        record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
-    std::shared_ptr<Linux::Config> config = record<Linux::Config>("linux/config");
-    std::shared_ptr<Linux::GroupStatus> groups = record<Linux::GroupStatus>("linux/groups");
-    std::shared_ptr<Linux::CapabilityStatus> capabilities =
-        record<Linux::CapabilityStatus>("linux/capabilities");
-    std::shared_ptr<Linux::PacketStatus> packets = record<Linux::PacketStatus>("linux/packets");
 };
 
 std::string json(const State::Value& all, std::initializer_list<std::string_view> names) {
@@ -65,7 +59,7 @@ TEST(ShowStreams, TellsWhoCarriesAStreamAndWhyTheOthersDoNot) {
     EXPECT_EQ(b.text(Show::streams()), "no streams\n");
     b.bridge.stp->modeIs(Stp::Mode::Rstp);
     b.bridge.topology->vlanTopologyIs(VlanId{2}, "Cist");
-    b.config->bridgeIs("br0");
+    b.record<Linux::Config>("linux/config")->bridgeIs("br0");
     for (const auto& [port, peer] : b.peers) {
         if (port != "swp8") b.bridge.bridging->switchIntfConfigIs(IntfId{port});
         b.bridge.topology->topoConfigIs("Cist")
@@ -83,7 +77,7 @@ TEST(ShowStreams, TellsWhoCarriesAStreamAndWhyTheOthersDoNot) {
     b.loop.runFor(88s);
     b.says("swp3", {Sim::listener(0x1122334455FF0001, ListenerState::Ready)});
     b.loop.runFor(12s);
-    b.groups->routerPortIs(IntfId{"swp7"});
+    b.record<Linux::GroupStatus>("linux/groups")->routerPortIs(IntfId{"swp7"});
     EXPECT_EQ(b.text(Show::streams()),
               R"(STREAM               ID                  FROM  DESTINATION        VLAN  CLASS  KBPS  AGE
 00:00:00:00:00:00/2  0x2                 swp2  91:e0:f0:00:00:02  2     A      9088  1m41s
@@ -108,7 +102,8 @@ Every stream goes to swp7 as well: a multicast router is taken to be there.
 TEST(ShowPorts, TellsWhoWaitsForWhatInTheOrderInWhichTheyAreTried) {
     ShownBridge b{{"swp1", "swp2"}};
     b.bridge.cliConfig->srClassABandwidthPercentIs(1);
-    b.capabilities->shapingIs(IntfId{"swp2"})->shaperIs(Linux::Shaper::htb);
+    const auto shaping = b.record<Linux::CapabilityStatus>("linux/capabilities")->shapingIs(IntfId{"swp2"});
+    shaping->shaperIs(Linux::Shaper::htb);
     b.bridge.start();
     b.loop.runFor(1s);
     for (const char* port : {"swp1", "swp2"}) b.says(port, Sim::domains());
@@ -155,7 +150,7 @@ swp2  up            1G     -     Forwarding  Core          9088/10000  Core     
 swp9  no interface  -      -     Blocked     NotSupported  0/0         NotSupported  0/0      -               0        -        -        -        -          -
 )");
     EXPECT_EQ(json(b.value(Show::ports()), {"swp2", "shaped"}), R"({"unicast:7":9088})");
-    b.capabilities->shapingIs(IntfId{"swp2"})->shaperIs(Linux::Shaper::none);
+    shaping->shaperIs(Linux::Shaper::none);
     EXPECT_EQ(json(b.value(Show::ports()), {"swp2", "notShaped"}), R"("nothing is reserved")");
     // Every member, whatever is known.
     EXPECT_EQ(
@@ -197,7 +192,9 @@ TEST(ShowPorts, TellsDomainsAndCounters) {
     Mrp::MrpCounts counts{.txPdus = 13};
     counts.malformed[static_cast<std::size_t>(Mrp::Malformed::valuePastRange)] = 3;
     b.bridge.mrpStatus->intfIs(IntfId{"swp1"})->add(counts);
-    b.packets->intfIs(IntfId{"swp2"})->sourceIs([] { return Linux::PortCounters{.receiveDropped = 4}; });
+    b.record<Linux::PacketStatus>("linux/packets")->intfIs(IntfId{"swp2"})->sourceIs([] {
+        return Linux::PortCounters{.receiveDropped = 4};
+    });
     EXPECT_EQ(b.text(Show::counters()), R"(PORT  COUNTER                    RX  TX
 swp1  listenerReady              1   0
 swp1  PDUs                       0   13

@@ -61,14 +61,14 @@ TEST(GroupMessage, IsReadFromAllKernels) {
         EXPECT_EQ(notice("group added with vid"), "09/2@13 by 4");
         EXPECT_EQ(notice("group deleted"), "08/" + vid + "@13 by 4");
         std::string all;
-        for (const auto& message : groups().dump(kernel + " mdb dump")) all += described(message);
-        for (const std::string& entry : {"01/" + vid + "@11 by 4", "01/" + vid + "@12 by 4",
-                                         std::string{"02/2@11 by 4"}, "07/" + vid + "@10 by 0"})
-            EXPECT_NE(all.find(entry), std::string::npos) << kernel << ": " << entry << " in " << all;
         for (const auto& message : groups().dump(kernel + " mdb dump")) {
+            all += described(message);
             EXPECT_TRUE(Linux::decodeGroups(golden::header(message), 11).empty()) << "another bridge's";
             golden::cutAnywhere(message, [](const nlmsghdr& cut) { (void)Linux::decodeGroups(cut, 10); });
         }
+        for (const std::string& entry : {"01/" + vid + "@11 by 4", "01/" + vid + "@12 by 4",
+                                         std::string{"02/2@11 by 4"}, "07/" + vid + "@10 by 0"})
+            EXPECT_NE(all.find(entry), std::string::npos) << kernel << ": " << entry << " in " << all;
     }
 }
 
@@ -90,11 +90,9 @@ TEST(GroupWishes, DiffersByVlanOnlyWhereTheBridgeFiltersThem) {
                                              {member(1, 4, 12), Linux::GroupOwner::another}};
     const auto todo = [&] {
         std::string text;
-        const auto difference = Linux::difference(wishes.of(mac, view), held);
-        for (const auto& [group, port] : difference.missing)
-            text += Runtime::concat('+', group.vid, '@', port);
-        for (const auto& [group, port] : difference.surplus)
-            text += Runtime::concat('-', group.vid, '@', port);
+        const auto [missing, surplus] = Linux::difference(wishes.of(mac, view), held);
+        for (const auto& [group, port] : missing) text += Runtime::concat('+', group.vid, '@', port);
+        for (const auto& [group, port] : surplus) text += Runtime::concat('-', group.vid, '@', port);
         return text;
     };
     EXPECT_EQ(todo(), "-3@12") << "no wish in force";
@@ -158,11 +156,8 @@ TEST(Contention, LeavesAloneWhatChangesThreeTimesAMinute) {
     using namespace std::chrono_literals;
     Linux::Contentions<int> things;
     const Runtime::Time begin{100s};
-    constexpr int often = 1;
-    constexpr int seldom = 2;
-    EXPECT_FALSE(things.changed(often, begin));
-    EXPECT_FALSE(things.changed(often, begin + 1s));
-    EXPECT_TRUE(things.changed(often, begin + 59s));
+    enum { often, seldom };
+    for (const auto at : {0s, 1s, 59s}) EXPECT_EQ(things.changed(often, begin + at), at == 59s);
     EXPECT_TRUE(things.leftAlone(often, begin + 118s));
     EXPECT_FALSE(things.leftAlone(often, begin + 119s)) << "it gets another chance";
     for (int i = 0; i < 4; ++i) EXPECT_FALSE(things.changed(seldom, begin + i * 31s));

@@ -65,19 +65,15 @@ TEST(TrafficControl, RequestsAreThoseOfTheStandardTool) {
 }
 
 TEST(TrafficControl, ClassesOfTokenBucketsAreUnderstoodWithAndWithoutTheTablesOfTheTool) {
-    const auto request = [](const std::string& name) {
-        return golden::bytes(queues().requests(name).front());
-    };
     for (const auto& [name, rate, overhead] :
          {std::tuple{"htb class A", std::uint64_t{9'375'000}, 0},
           {"htb rate above 32 bits", 5'000'000'000, 0},
           {"htb class that counts 24 octets more a frame", 9'375'000, 24}}) {
-        const auto tool = request(name);
+        const auto tool = golden::bytes(queues().requests(name).front());
         const auto decoded = Linux::decodeClass(golden::header(tool));
         ASSERT_TRUE(decoded) << name;
-        EXPECT_EQ(decoded->rate, rate);
-        EXPECT_EQ(decoded->ceiling, rate);
-        EXPECT_EQ(decoded->overhead, overhead);
+        EXPECT_EQ(std::tuple(decoded->rate, decoded->ceiling, decoded->overhead),
+                  std::tuple(rate, rate, overhead));
         const auto ours = Linux::newClass(*decoded, Linux::requestAdd);
         EXPECT_EQ(*Linux::decodeClass(*reinterpret_cast<const nlmsghdr*>(ours.bytes().data())), *decoded);
     }
@@ -96,7 +92,7 @@ Linux::PortQueues dumped(unsigned ifindex, const std::vector<std::string>& names
     return have;
 }
 
-TEST(PortQueues, AreReadFromTheDumpsOfAllKernels) {
+TEST(PortQueues, AreReadFromTheDumpsAndNotificationsOfAllKernels) {
     for (const std::string kernel : {"6.12 ", "6.1 "}) {
         const auto have = dumped(p1, {kernel + "qdisc dump of one device", kernel + "class dump of mqprio"});
         EXPECT_EQ(have.root, byPriority);
@@ -116,12 +112,8 @@ TEST(PortQueues, AreReadFromTheDumpsOfAllKernels) {
         for (const auto& step :
              Linux::planQueues({p2, 0x100, Linux::Shaper::htb, 1'000'000, {1, 1}, {}, 1}, have))
             EXPECT_EQ(step.difference.find("frames are"), std::string::npos) << step.difference;
-    }
-}
 
-TEST(PortQueues, FollowNotifications) {
-    for (const std::string kernel : {"6.18 ", "6.12 ", "6.1 "}) {
-        Linux::PortQueues have;
+        have = {};
         const auto take = [&](const std::string& name) {
             for (const auto& message : queues().notifications(kernel + name))
                 have.take(golden::header(message));

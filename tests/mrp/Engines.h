@@ -5,12 +5,13 @@
 
 #include "Mrp/MrpSm.h"
 #include "Runtime/Assert.h"
+#include "Runtime/Text.h"
 #include "Runtime/VirtualLoop.h"
 #include "Sim/Peer.h"
 
 #include <algorithm>
-#include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <set>
@@ -49,9 +50,8 @@ inline std::string describe(const Sim::Say& what) {
     std::uint64_t rest = what.type == Msrp::typeDomain ? what.value[1] : what.declaration;
     if (what.type < Msrp::typeListener)
         rest = Msrp::MsrpTalkerAdvertiseAttribute{what.value}.accumulatedLatency();
-    return std::to_string(what.type) + '/' +
-           std::to_string(Msrp::application().types[what.type - 1U].key(what.value)) + '=' +
-           std::to_string(rest);
+    return Runtime::concat(unsigned{what.type}, '/',
+                           Msrp::application().types[what.type - 1U].key(what.value), '=', rest);
 }
 
 /// What a PDU says, for example "LeaveAll 3; JoinIn 3/5=2": type, low 16 bits of the key, declaration.
@@ -60,19 +60,17 @@ inline std::string text(std::span<const std::uint8_t> pdu) {
     Mrp::DecodedPdu decoded;
     Mrp::decode(pdu, Msrp::application(), decoded);
     std::string out;
-    for (std::size_t i = 0; i < types.size(); ++i) {
-        if (decoded.leaveAll.test(i)) out += "LeaveAll " + std::to_string(types[i].type) + "; ";
-    }
+    for (std::size_t i = 0; i < types.size(); ++i)
+        out += decoded.leaveAll.test(i) ? Runtime::concat("; LeaveAll ", i + 1) : "";
     for (const auto& e : decoded.events) {
         const auto& t = types[e.typeIndex];
-        out += State::enumText(e.event) + ' ' + std::to_string(t.type) + '/' +
-               std::to_string(t.key(std::span{e.value.octets}.first(t.valueLength)) % 0x10000) +
-               (t.fourPacked ? '=' + std::to_string(e.value.declaration) : "") + "; ";
+        out += Runtime::concat("; ", State::enumText(e.event), ' ', e.typeIndex + 1, '/',
+                               t.key(std::span{e.value.octets}.first(t.valueLength)) % 0x10000);
+        if (t.fourPacked) out += Runtime::concat('=', unsigned{e.value.declaration});
     }
     for (const auto& flaw : decoded.flaws)
-        out += State::enumText(flaw.reason) + '@' + std::to_string(flaw.offset) + "; ";
-    if (out.size() > 2) out.resize(out.size() - 2);
-    return out;
+        out += Runtime::concat("; ", State::enumText(flaw.reason), '@', flaw.offset);
+    return out.erase(0, 2);
 }
 
 /// The application of one engine.  Its books say at any time what the engine must have.
@@ -148,7 +146,6 @@ public:
     Books held;  ///< registered, and accepted
     std::string heard;
     std::set<std::string> refusing;
-    std::set<std::string> outOfRange;
     Hook onJoin;
     Hook onLeave;
 
@@ -156,11 +153,8 @@ private:
     [[nodiscard]] const std::type_info& fwkType() const override { return typeid(App); }
     std::uint8_t mrpJoinIndication(const Mrp::MrpParameters& params) override {
         const Sim::Say what = indicated('+', params);
-        const std::string name = describe(what);
         const Name at = nameOf(params.intf, what);
-        if (onJoin && onJoin(params.intf, what)) return 1;
-        if (outOfRange.contains(name)) throw std::range_error("value out of range");
-        if (refusing.contains(name)) return 1;
+        if ((onJoin && onJoin(params.intf, what)) || refusing.contains(describe(what))) return 1;
         if (!onJoin || registered(at)) held[at] = Sim::valueOf(what);  // unless the hook has ended it
         return 0;
     }
@@ -220,13 +214,12 @@ private:
             wire.times.push_back(wire.loop_.now());
             if (lost || !wire.peer.contains(name)) return !lost;
             // What has landed need not be kept.
-            while (!wire.flights_.empty() && !wire.flights_.front()->armed()) wire.flights_.pop_front();
-            auto& flight = wire.flights_.emplace_back();
-            flight = std::make_unique<Runtime::Timer>(
+            while (!wire.flights_.empty() && !wire.flights_.front().armed()) wire.flights_.pop_front();
+            wire.flights_.emplace_back(
                 wire.loop_, [&w = wire, to = wire.peer.at(name), frame = wire.frames.back().second] {
                     w.deliver(to, frame);
                 });
-            flight->armIn(wire.delay ? wire.delay(wire.frames.size()) : 10us);
+            wire.flights_.back().armIn(wire.delay ? wire.delay(wire.frames.size()) : 10us);
             return true;
         }
         Wire& wire;
@@ -234,7 +227,7 @@ private:
     };
     Runtime::Loop& loop_;
     std::map<IntfId, Receiver> receivers_;
-    std::deque<std::unique_ptr<Runtime::Timer>> flights_;
+    std::list<Runtime::Timer> flights_;
 };
 
 /// One switch with some ports.
@@ -302,9 +295,8 @@ struct Pair {
     std::string sent(IntfId intf) {
         std::string out;
         auto& from = taken_[intf];
-        for (; from < wire.frames.size(); ++from) {
-            if (wire.frames[from].first == intf) out += text(wire.frames[from].second) + '\n';
-        }
+        for (; from < wire.frames.size(); ++from)
+            out += wire.frames[from].first == intf ? text(wire.frames[from].second) + '\n' : "";
         return out;
     }
     /// Whether each of the two has registered what the other one declares on the link.

@@ -68,7 +68,9 @@ TEST(Refusal, IsRetriedWhenTheSameKeyLeavesOrIsPurgedAnywhere) {
 
 TEST(Refusal, ARangeErrorOfAHandlerIsOne) {
     Pair net;
-    net.a.app.outOfRange = {"1/5=1"};
+    net.a.app.onJoin = [](IntfId, const Sim::Say& what) {
+        return describe(what) == "1/5=1" ? throw std::range_error("value out of range") : false;
+    };
     net.play("a2<JoinIn:1/5=1,JoinIn:1/6=1");
     EXPECT_EQ(net.a.app.held.size(), 1U);
     const auto status = net.a.status->intf(a2);

@@ -16,8 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class Thing : public State::Record<Thing> {
-public:
+struct Thing : State::Record<Thing> {
     static constexpr std::string_view type = "Thing";
     template <class F>
     static void fields(F&&) {}
@@ -137,8 +136,8 @@ TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
     EXPECT_EQ(label("Msrp-" + number + "-last.rl"), "before");
 
     RingLog refused;
-    EXPECT_NE(refused.initialise(file("Msrp-5.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
-    EXPECT_NE(refused.initialise(file("Msrp-6.rl"), 24, 0, 1, 1).find("is in the way"), std::string::npos);
+    for (const char* other : {"Msrp-5.rl", "Msrp-6.rl"})
+        EXPECT_NE(refused.initialise(file(other), 24, 0, 1, 1).find("is in the way"), std::string::npos);
     EXPECT_EQ(std::filesystem::file_size(file("Msrp-5.rl")), 8U);
     std::filesystem::permissions(file(""), std::filesystem::perms::all);
     EXPECT_NE(refused.initialise(file("x.rl"), 24, 0, 1, 1).find("anybody"), std::string::npos);
@@ -146,18 +145,14 @@ TEST_F(RingFiles, OfTheLastProcessAreKeptAndOlderOnesGoAndWhatIsNotOursStays) {
 
 TEST(SystemLog, FillsFormatsFromTheLeftAndMakesNoTextThatNobodyWillRead) {
     struct Port {
-        std::string name;
-        [[nodiscard]] const std::string& text() const {
-            ++made;
-            return name;
-        }
+        [[nodiscard]] std::string text() const { return ++made, "p1"; }
         int& made;
     };
     constexpr LogEvent event{
         .name = "X", .severity = 6, .format = "%s", .explanation = {}, .recommendedAction = {}};
     SystemLog log;
     int made = 0;
-    const Port port{"p1", made};
+    const Port port{made};
     bool open = true;
     std::string told;
     log.sinkIs([&](const LogEvent&, std::string_view, const std::string& text) { told += text; },
@@ -181,6 +176,7 @@ TEST(EntityManager, MountsByPathTypeAndMode) {
     EntityManager creating{database};
     creating.mountIs("a", "Thing", "wc");
     EXPECT_EQ(creating.doMounts(failure), MountStatus::success);
+    EXPECT_EQ(database.entityIs("a", "Another"), nullptr);
     EXPECT_EQ(reading.doMounts(failure), MountStatus::success);
     EXPECT_NE(creating.writer<Thing>("a"), nullptr);
     EXPECT_EQ(reading.writer<Thing>("a"), nullptr) << "mounted for reading";

@@ -37,9 +37,8 @@ public:
 
     /// With `talkOnly` nothing but talkers and listeners changes.
     void step(bool talkOnly = false) {
-        constexpr std::size_t talkers = 4;
         unsigned total = 0;
-        for (const Kind& kind : kinds().first(talkOnly ? talkers : kinds().size())) total += kind.weight;
+        for (const Kind& each : kinds().first(talkOnly ? 4 : kinds().size())) total += each.weight;
         std::size_t chosen = pick(total);
         const Kind* kind = kinds().data();
         for (; chosen >= kind->weight; ++kind) chosen -= kind->weight;
@@ -64,7 +63,7 @@ public:
             bridge.vlanIs(2, ports[port_], true);
             bridge.speedIs(ports[port_], Interface::Speed::speed1Gbps);
             bridge.cliConfig->srPvidIs(intf(), 2);
-            cableIs(true);
+            cableIs(port_, true);
             declareDomains(peer());
         }
         bridge.cliConfig->srClassASupportedIs(true);
@@ -76,8 +75,8 @@ public:
         bridge.cliConfig->shapingDisabledIs(false);
     }
     void cableIs(std::size_t port, bool up) {
-        port_ = port;
-        cableIs(up);
+        bridge.linkIs(ports[port], up);
+        peers[port]->linkIs(up);
     }
     void withdrawAll() {
         for (port_ = 0; port_ < ports.size(); ++port_) {
@@ -110,14 +109,10 @@ private:
             {24, "listen", false,
              [](Me& l) { l.peer().declare(listener(l.stream_, Msrp::ListenerState(1 + l.pick(3)))); }},
             {10, "stop listening", false, [](Me& l) { l.stopListening(); }},
-            {1, "pull cable", true, [](Me& l) { l.cableIs(false); }},
-            {2, "plug cable", true, [](Me& l) { l.cableIs(true); }},
+            {1, "pull cable", true, [](Me& l) { l.cableIs(l.port_, false); }},
+            {2, "plug cable", true, [](Me& l) { l.cableIs(l.port_, true); }},
             {1, "silence peer", false, [](Me& l) { l.peer().linkIs(false); }},
-            {1, "change speed", true,
-             [](Me& l) {
-                 l.bridge.speedIs(l.port(),
-                                  l.oneIn(2) ? Interface::Speed::speed100Mbps : Interface::Speed::speed1Gbps);
-             }},
+            {1, "change speed", true, [](Me& l) { l.bridge.speedIs(l.port(), speeds[1 + l.pick(2)]); }},
             {1, "replace interface", true, [](Me& l) { l.replaceInterface(); }},
             {1, "leave VLAN", true, [](Me& l) { l.bridge.vlanDel(2, l.port()); }},
             {2, "join VLAN", true, [](Me& l) { l.bridge.vlanIs(2, l.port(), !l.oneIn(4)); }},
@@ -143,6 +138,8 @@ private:
         return all;
     }
     static constexpr const char* topologies[] = {"Cist", "Mst1", "Vl2", "Vl1"};
+    static constexpr Interface::Speed speeds[] = {
+        Interface::Speed::speedUnknown, Interface::Speed::speed100Mbps, Interface::Speed::speed1Gbps};
 
     std::size_t pick(std::size_t bound) { return random_() % bound; }
     std::uint8_t octet(std::size_t bound) { return static_cast<std::uint8_t>(pick(bound)); }
@@ -191,23 +188,12 @@ private:
     }
     void stopListening() { peer().withdraw(listener(stream_, Msrp::ListenerState::Ready)); }
     void declareDomain() {
-        if (oneIn(3)) {
-            peer().declare(domain(Msrp::SrClassId::SrClassA, static_cast<std::uint8_t>(3 + pick(2))));
-        } else {
-            declareDomains(peer());
-        }
-    }
-
-    // Cables
-    void cableIs(bool up) {
-        bridge.linkIs(ports[port_], up);
-        peer().linkIs(up);
+        if (!oneIn(3)) return declareDomains(peer());
+        peer().declare(domain(Msrp::SrClassId::SrClassA, static_cast<std::uint8_t>(3 + pick(2))));
     }
 
     /// The interface's record goes, and most times it comes back with another speed or none.
     void replaceInterface() {
-        using Interface::Speed;
-        static constexpr Speed speeds[] = {Speed::speedUnknown, Speed::speed100Mbps, Speed::speed1Gbps};
         bridge.phy->intfStatusDel(intf());
         if (oneIn(4)) return;
         const bool linkFirst = oneIn(2);
@@ -218,11 +204,8 @@ private:
 
     /// The ports' native VLAN comes and goes, and with it their base topology where each VLAN has a tree.
     void changeNative() {
-        if (oneIn(2)) {
-            bridge.bridging->vlanConfigDel(VlanId{1});
-        } else {
-            for (const std::string& port : ports) bridge.vlanIs(1, port, false);
-        }
+        if (oneIn(2)) return bridge.bridging->vlanConfigDel(VlanId{1});
+        for (const std::string& port : ports) bridge.vlanIs(1, port, false);
     }
 
     // The spanning tree

@@ -132,10 +132,10 @@ TEST_F(StationTest, LinkThatReturnsFindsEverythingDeclaredAgainUntilTheStationLe
 
 TEST_F(StationTest, DoesNotHearOthersTalkUnderItsOwnStreamId) {
     // Face to face: a bridge would not let it come so far.
-    talker.ports.cableIs(eth0, [this](const Sim::Pdu& pdu) { listener.ports.deliver(eth0, pdu); });
-    listener.ports.cableIs(eth0, [this](const Sim::Pdu& pdu) { talker.ports.deliver(eth0, pdu); });
-    talker.station.talk(stream);
-    listener.station.talk(stream);
+    for (const auto& [end, other] : {std::pair{&talker, &listener}, {&listener, &talker}}) {
+        end->ports.cableIs(eth0, [o = other](const Sim::Pdu& pdu) { o->ports.deliver(eth0, pdu); });
+        end->station.talk(stream);
+    }
     EXPECT_EQ(heard(), "---\n");
     talker.station.stopTalking(1);
     loop.runFor(20s);  // a LeaveAll, after which the declaration is offered again
