@@ -138,15 +138,14 @@ class Reservation(unittest.TestCase):
             self.assertEqual(([values[-1] for values in said]), ["5", "2", "2", "2"])
 
     def test_talker_hears_ready_soon(self):
-        ready = {}
-        for port, direction in {self.talker_port: "==", **{port: "!=" for port in self.listener_ports}}.items():
+        def ready(port, direction):
             times = self.fields(f"frame.interface_name == {port} && eth.src {direction} {self.bed.address(port)} && "
                                 f"mrp-msrp.four_packed_event == {READY}", "frame.time_epoch")
-            ready[port] = float(times[0][0][0])
-        heard = ready.pop(self.talker_port)
-        last = max(ready.values())
-        print(f"Listener Ready {1e3 * (heard - last):.1f} ms after the last declaration")
-        self.assertTrue(0 < heard - last < 0.05, heard - last)
+            return float(times[0][0][0])
+
+        took = ready(self.talker_port, "==") - max(ready(port, "!=") for port in self.listener_ports)
+        print(f"Listener Ready {1e3 * took:.1f} ms after the last declaration")
+        self.assertTrue(0 < took < 0.05, took)
 
     def test_each_direction_of_a_capture_holds_the_frames_that_another_program_sees(self):
         reference = frames(self.reference)
@@ -191,10 +190,8 @@ class Troubles(unittest.TestCase):
         file = self.bed.directory / "bad.json"
         command = [BUILD / "msrpd", "--config", file, "--socket", self.bed.socket]
         self.refused(2, [str(file)], *command)
-        for text, pieces in {'{"msrp/cliConfig": ': [],
-                             '{"msrp/config": {"intfEnable": {"swp1": 1}}}': ["intfEnable", "swp1"]}.items():
-            file.write_text(text, encoding="utf-8")
-            self.refused(2, [str(file), *pieces], *command)
+        file.write_text('{"msrp/config": {"intfEnable": {"swp1": 1}}}', encoding="utf-8")
+        self.refused(2, [str(file), "intfEnable", "swp1"], *command)
 
     def test_wrong_usage_and_missing_privileges_are_named(self):
         self.refused(2, ["--config"], BUILD / "msrpd")
@@ -209,8 +206,14 @@ class Troubles(unittest.TestCase):
         self.refused(1, ["cannot change the bridge: ", "CAP_NET_ADMIN"], "setpriv", "--bounding-set=-net_admin",
                      "--inh-caps=-net_admin", *self.bed.daemon_command())
 
-    def test_socket_in_use_is_named_and_stays_with_its_owner_who_removes_it(self):
-        daemon = self.bed.daemon()
+    def test_socket_in_use_stays_with_its_owner_and_a_missing_interface_is_waited_for(self):
+        config = self.bed.config()
+        config["msrp/config"]["intfEnable"]["late1"] = True
+        daemon = self.bed.daemon(config)
+        self.bed.wait(lambda: "late1 does not exist yet" in self.bed.said("msrpd.log"), 5, "no word of late1")
+        self.bed.tool("ip link add late1 up type veth peer name late2")
+        self.bed.tool("ip link set late2 up")
+        self.bed.wait(lambda: self.bed.read("show", "ports")["late1"]["link"] == "up", 5, "late1 is not taken up")
         self.refused(1, [str(self.bed.socket)], *self.bed.daemon_command({"mrp/config": {}}))
         self.assertEqual(self.bed.control("list").returncode, 0)
         file = self.bed.directory / "none"
@@ -225,14 +228,6 @@ class Troubles(unittest.TestCase):
         self.assertEqual(daemon.wait(10), 0)
         self.assertFalse(self.bed.socket.exists())
 
-    def test_missing_interface_is_waited_for(self):
-        config = self.bed.config()
-        config["msrp/config"]["intfEnable"]["late1"] = True
-        self.bed.daemon(config)
-        self.bed.wait(lambda: "late1 does not exist yet" in self.bed.said("msrpd.log"), 5, "no word of late1")
-        self.bed.tool("ip link add late1 up type veth peer name late2")
-        self.bed.tool("ip link set late2 up")
-        self.bed.wait(lambda: self.bed.read("show", "ports")["late1"]["link"] == "up", 5, "late1 is not taken up")
 
 
 if __name__ == "__main__":
