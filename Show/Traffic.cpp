@@ -9,10 +9,12 @@ using State::Value;
 namespace {
 
 constexpr std::string_view trafficPath = "linux/traffic";
+constexpr std::string_view fencePath = "linux/fence";
 
 struct TrafficRow {
     StreamReport stream;
     const Value& counted;
+    std::string problem;  ///< of the talker's port
     double now;
 };
 
@@ -37,15 +39,18 @@ const Column<TrafficRow> trafficColumns[]{
     {"OVER", "over", [](const auto& r) { return counter(r, "over"); }},
     {"OTHER PRIORITY", "otherPriority", [](const auto& r) { return counter(r, "otherPriority"); }},
     {"SILENT FOR", "silent", [](const auto& r) { return silence(r); }, ageCell},
+    {"", "problem", [](const auto& r) { return textOrNone(r.problem); }},
 };
 
 Table trafficTable(const Snapshot& snapshot) {
     std::vector<TrafficRow> rows;
     for (StreamReport& stream : streamReports(snapshot)) {
         const Value& counted = at(snapshot.record(trafficPath), {"stream", State::hexText(stream.id)});
-        rows.push_back({std::move(stream), counted, snapshot.now});
+        std::string problem = textOf(at(snapshot.record(fencePath), {"port", stream.from, "problem"}));
+        rows.push_back({std::move(stream), counted, std::move(problem), snapshot.now});
     }
-    return {trafficColumns, 1, rows};
+    return {trafficColumns, 1, rows,
+            [](const TrafficRow& r) { return r.problem.empty() ? "" : "    not seen: " + r.problem + '\n'; }};
 }
 
 std::string trafficText(const Snapshot& snapshot) {
@@ -63,6 +68,7 @@ const View& traffic() {
     static const View view = [] {
         View made{streams().records, trafficText, [](const Snapshot& s) { return trafficTable(s).value(); }};
         made.records.emplace_back(trafficPath);
+        made.records.emplace_back(fencePath);
         return made;
     }();
     return view;

@@ -93,6 +93,8 @@ private:
             return kindOf(
                 newFilter({loopback, 1, parent, preference, protocol, std::move(kind), options}, requestAdd));
         };
+        // There is no place for these; the other kind is also used elsewhere.
+        if (found.clsact == Ability::absent) found.flower = found.ebpf = Ability::absent;
         if (found.clsact != Ability::present) return;
         constexpr std::uint16_t result = BPF_RET | BPF_K;
         found.bpf = filter(1, ETH_P_ALL, "bpf", ClassProgram{{{result, 0, 0, 0}}});
