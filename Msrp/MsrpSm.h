@@ -36,7 +36,6 @@
 #include "Switch/Bridging.h"
 #include "Switch/BridgingInput.h"
 #include "Switch/Domain.h"
-#include "Switch/Domain.h"
 #include "Switch/Interface.h"
 #include "Switch/Qos.h"
 #include "Switch/Refusals.h"

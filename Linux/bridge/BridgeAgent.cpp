@@ -48,7 +48,7 @@ BridgeAgent::BridgeAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkCha
       complaint_{std::move(complaint)},
       notices_{loop, [this](const nlmsghdr& message) { vlanNotice(message); },
                [this] {
-                   vlansStale_ = treesStale_ = true;
+                   vlansStale_ = true;
                    settle_.armIn({});
                }},
       settle_{loop, [this] { settle(); }},
@@ -77,7 +77,7 @@ void BridgeAgent::deviceChanged(const Device* before, const Device* now) {
                                      (bridge != nullptr && device->bridge == bridge->ifindex));
     };
     if (!concernsUs(before) && !concernsUs(now)) return;
-    if (concernsVlans(before, now)) vlansStale_ = treesStale_ = true;
+    if (concernsVlans(before, now)) vlansStale_ = true;
     settle_.armIn({});
 }
 
@@ -87,7 +87,7 @@ void BridgeAgent::vlanNotice(const nlmsghdr& message) {
     if (bridge == nullptr || !filtersVlans(*bridge) || !vlans) return;
     if (VlanTrees told; keepsTrees(*bridge) && enterTrees(told, bridge->ifindex, message)) {
         // With another instance, its ports have other states.
-        vlansStale_ = treesStale_ = true;
+        vlansStale_ = true;
         settle_.armIn({});
     }
     // One that is not our port yet has its VLANs read when it is.
@@ -132,25 +132,31 @@ std::string BridgeAgent::readVlans() {
             if (const auto vlans = decodeVlans(message)) enter(table, *vlans);
         });
     const Device& bridge = *this->bridge();
-    NetlinkAnswer trees;
-    if (answer && keepsTrees(bridge) && treesStale_) {
-        trees = requests_.dump(
-            RTM_GETVLAN, treeDumpBody(), [&] { trees_.clear(); },
-            [&](const nlmsghdr& message) { enterTrees(trees_, bridge.ifindex, message); });
+    NetlinkAnswer second;
+    VlanTrees trees;
+    if (answer && keepsTrees(bridge)) {
+        second = requests_.dump(
+            RTM_GETVLAN, treeDumpBody(), [&] { trees.clear(); },
+            [&](const nlmsghdr& message) { enterTrees(trees, bridge.ifindex, message); });
     }
-    if (!answer || !trees) {
+    if (!answer || !second) {
         settle_.armIn(secondReading);
-        return Runtime::concat("cannot read its VLANs: ", (answer ? trees : answer).problem());
+        return Runtime::concat("cannot read its VLANs: ", (answer ? second : answer).problem());
     }
+    if (keepsTrees(bridge)) trees_ = std::move(trees);
     lookTook_ = loop_.now() - begin;
     vlans_ = std::move(table);
-    vlansStale_ = treesStale_ = false;
+    vlansStale_ = false;
     return {};
 }
 
 void BridgeAgent::followTrees(const Device& bridge) {
-    if (keepsTrees(bridge))
-        return look_.armIn(std::max<Runtime::Duration>(treeReading, treeReadingShare * lookTook_));
+    if (keepsTrees(bridge)) {
+        // Whatever else there is to settle meanwhile does not put it off.
+        if (!look_.armed())
+            look_.armIn(std::max<Runtime::Duration>(treeReading, treeReadingShare * lookTook_));
+        return;
+    }
     look_.cancel();
     // What the kernel's instances were does not count any more.
     std::erase_if(trees_, [](const auto& tree) { return tree.first.value() != tree.second; });

@@ -70,7 +70,6 @@ private:
     Runtime::Timer settle_;
     VlanTable vlans_;  ///< of the bridge's ports, while it filters VLANs
     bool vlansStale_ = true;
-    bool treesStale_ = true;
     VlanTrees trees_;
     /// Of the states of instances, the kernel does not tell.
     Runtime::Timer look_;

@@ -61,8 +61,10 @@ BridgeFacts bridgeFacts(const Device& bridge, const std::map<unsigned, Device>& 
         const bool passes = facts.multiple || port.state == PortState::forwarding;
         for (const auto& [vlan, instance] : facts.trees) {
             if (!port.vlans.member.test(vlan.value())) continue;
-            port.trees[instance] = passes && !port.vlans.blocked.test(vlan.value()) ? PortState::forwarding
-                                                                                    : PortState::blocking;
+            const bool forwards = passes && !port.vlans.blocked.test(vlan.value());
+            // A VLAN that came to the port later has another state at first; what blocks counts.
+            const auto held = port.trees.try_emplace(instance, PortState::forwarding).first;
+            if (!forwards) held->second = PortState::blocking;
         }
         port.vlans.blocked.reset();
         facts.ports.insert_or_assign(IntfId{device.name}, port);

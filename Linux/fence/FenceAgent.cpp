@@ -74,7 +74,7 @@ std::string FenceAgent::start(Runtime::Duration settling, Runtime::Duration audi
     reactors_.push_back(records_.domain->watch([this](const State::Change&) { stir(); }));
     reactors_.push_back(records_.vlans->react([this](const State::Change&) { stir(); }));
     if (records_.config->fence() == Fencing::streams) talkers_.start();
-    if (records_.config->streams() != Metering::none) meter_.start();
+    tryMeter();
     running_ = true;
     settled_.armIn(settling);
     auditInterval_ = audit;
@@ -203,6 +203,7 @@ void FenceAgent::auditSome() {
     auditNext_ = done ? 0 : port->first;
     audit_.armIn(done ? auditInterval_ : Runtime::Duration{0});
     if (done && bridge_ != 0) groupsUnread_ = usesTable();
+    if (done) tryMeter();
     stir();
 }
 
@@ -212,8 +213,13 @@ void FenceAgent::settle() {
     stir();
 }
 
-void FenceAgent::abilitiesChanged() {
+void FenceAgent::tryMeter() {
     if (records_.config->streams() != Metering::none && meter_.descriptor() < 0) meter_.start();
+}
+
+void FenceAgent::abilitiesChanged() {
+    meterRefused_ = false;
+    tryMeter();
     for (auto& [ifindex, port] : ports_) {
         port.due.reset();
         port.patience = firstRetry;
@@ -229,6 +235,13 @@ void FenceAgent::takeBackStrays() {
             continue;
         Port port;
         if (!readFence(kernel_, ifindex, port.have) || !fenceOf(port.have)) continue;
+        if (bridge != nullptr) {
+            // Another daemon may be about to start.
+            tell(Tone::warning, concat(device.name,
+                                       ": the fence of a daemon that does not run is there; 'msrpctl "
+                                       "clean' takes it away"));
+            continue;
+        }
         port.name = device.name;
         port.adopted = true;
         records_.places->insert(ifindex);
@@ -254,13 +267,17 @@ void FenceAgent::followMembers() {
         giveBack(at->first, at->second);
         at = ports_.erase(at);
     }
+    // All that go by another name first: two may have swapped theirs.
+    std::vector<unsigned> renamed;
     for (const unsigned ifindex : members) {
         Port& port = ports_[ifindex];
-        const std::string& now = devices_.find(ifindex)->name;
-        if (port.name == now) continue;
+        if (port.name == devices_.find(ifindex)->name) continue;
         if (!port.name.empty()) portMoved(ifindex, IntfId{port.name}, false);
-        port.name = now;
-        portMoved(ifindex, IntfId{now}, true);
+        renamed.push_back(ifindex);
+    }
+    for (const unsigned ifindex : renamed) {
+        ports_[ifindex].name = devices_.find(ifindex)->name;
+        portMoved(ifindex, IntfId{ports_[ifindex].name}, true);
     }
 }
 
@@ -300,7 +317,7 @@ bool FenceAgent::noticeDrift(unsigned ifindex, Port& port) {
 std::optional<FenceRules> FenceAgent::rulesFor(Port& port) const {
     FenceRules rules;
     rules.mvrp = records_.vlans->running();
-    if (meter_.descriptor() >= 0) rules.metering = records_.config->streams();
+    if (meter_.descriptor() >= 0 && !meterRefused_) rules.metering = records_.config->streams();
     if (records_.config->fence() == Fencing::none)
         return rules != FenceRules{} ? std::optional{rules} : std::nullopt;
     const auto told = records_.domain->port(IntfId{port.name});
@@ -324,8 +341,15 @@ std::string FenceAgent::filterFor(unsigned ifindex, const FenceRules& rules, std
         LoadedProgram loaded;
         if (std::string problem =
                 loadProgram(fenceProgram(rules, {table_.descriptor(), meter_.descriptor()}), loaded);
-            !problem.empty())
-            return problem;
+            !problem.empty()) {
+            if (rules.metering == Metering::none) return problem;
+            // The fence matters more.
+            meterRefused_ = true;
+            meter_.refused(problem);
+            FenceRules plain = rules;
+            plain.metering = Metering::none;
+            return filterFor(ifindex, plain, filter);
+        }
         program = programs_.emplace(rules, std::move(loaded)).first;
     }
     filter = fenceFilter(ifindex, {rules.name(), program->second.id, program->second.descriptor.get()});

@@ -112,6 +112,8 @@ private:
 
     /// An earlier life may have left a fence on ports that are none of the bridge's any more.
     void takeBackStrays();
+    /// Begins to measure streams where that is wanted and does not go on yet.
+    void tryMeter();
     void followMembers();
     /// The bridge has come, gone, or is another one.
     void bridgeIs(const Device* bridge);
@@ -154,6 +156,7 @@ private:
     TalkerPlaces talkers_;
     KernelGroups groups_;
     StreamMeter meter_;
+    bool meterRefused_ = false;  ///< the kernel takes no program that measures
     bool groupsUnread_ = false;
     std::map<IntfId, unsigned> indexes_;     ///< of the ports
     std::optional<Runtime::Time> tableDue_;  ///< when it is tried again

@@ -179,11 +179,17 @@ void StreamMeter::readSome() {
     auto at = metering_.lower_bound(readNext_);
     for (std::size_t i = 0; i < readingsPerTurn && at != metering_.end(); ++i, ++at) {
         Metered& stream = at->second;
+        // Another stream may have come to its address before this one was taken out.
         if (!stream.key) continue;
+        if (const auto owner = owners_.find(*stream.key);
+            owner == owners_.end() || owner->second != at->first)
+            continue;
         const auto counted = table_.read(*stream.key);
         if (!counted) {
             // Somebody else has taken it out.
+            stream.before = stream.told;
             owners_.erase(*stream.key);
+            stream.key.reset();
             due_.insert(at->first);
             stirred_();
             continue;
@@ -216,6 +222,14 @@ void StreamMeter::problemIs(int error) {
     } else if (error != 0) {
         problem = bpfProblem("the kernel does not measure all streams", error);
     }
+    problemIs(problem);
+}
+
+void StreamMeter::refused(const std::string& why) {
+    problemIs(Runtime::concat("streams are not measured: ", why));
+}
+
+void StreamMeter::problemIs(const std::string& problem) {
     if (problem == status_->problem()) return;
     status_->problemIs(problem);
     report_(problem.empty() ? Tone::informational : Tone::warning,

@@ -41,6 +41,8 @@ public:
     void stop();
     /// That the port has that interface index, or (0) is none of the bridge.
     void portIs(IntfId port, unsigned ifindex);
+    /// That the kernel takes no program that would count.
+    void refused(const std::string& why);
     /// Makes at most so many changes; false when there are more.
     bool carryOut(std::size_t changes);
     /// For programs; -1 before `start`, and where no table can be made.
@@ -64,6 +66,7 @@ private:
     void readSome();
     void publish(std::uint64_t id, Metered& stream);
     void problemIs(int error);
+    void problemIs(const std::string& problem);
 
     Runtime::Loop& loop_;
     const std::shared_ptr<const Switch::Streams> streams_;

@@ -104,7 +104,7 @@ void VlanAgent::carryOut() {
     const Device* bridge = bridge_.bridge();
     allowance_ = requestsPerTurn;
     if (bridge == nullptr) {
-        leaveBridge();
+        if (bridgeWas_ != 0) leaveBridge();
         return publish();
     }
     bridgeWas_ = bridge->ifindex;
@@ -131,6 +131,7 @@ void VlanAgent::leaveBridge() {
     }
     // What they are members of by the time when there is a bridge again is none of ours.
     ports_.clear();
+    bridgeWas_ = 0;
     remember();
 }
 

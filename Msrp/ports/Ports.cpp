@@ -109,6 +109,7 @@ void MsrpSm::forgetRegistrations(IntfId intf) {
 
 void MsrpSm::createIntfStatus(IntfId intf) {
     const auto intfStatus = status()->intfStatusIs(intf, now());
+    reservedFrames_.erase(intf);
     for (const SrClassId srClass : bothClasses) intfStatus->classBandwidthAllocatedIs(srClass, 0);
     for (const SrClassId srClass : bothClasses)
         intfStatus->srClassStateIs(srClass, SrClassState::NotSupported);
@@ -171,6 +172,7 @@ void MsrpSm::removeIntfStatus(IntfId intf) {
     inputs_.msrpLib->mrpInterfaceDisable(intf);
     bandwidthFailedIntfDel(intf);
     bandwidthReleasedDel(intf);
+    withoutTime_.erase(intf);
     status()->intfStatusDel(intf);
 }
 

@@ -100,7 +100,7 @@ protected:
 
 TEST_F(TimeAgentTest, APortIsCapableWhileItsClockRunsAndItsNeighbourIsThere) {
     EXPECT_TRUE(status->capable(IntfId{"swp1"})) << "nobody has asked";
-    ASSERT_EQ(agent.start(directory.file("ptp4l"), {20ms, 500ms}), "");
+    ASSERT_EQ(agent.start(directory.file("ptp4l"), {20ms, 1500ms}), "");
     EXPECT_FALSE(status->capable(IntfId{"swp1"}));
     EXPECT_GE(answer({properties, master, capable}), 3);
     EXPECT_EQ(port(), "master, capable");
@@ -144,7 +144,7 @@ TEST_F(TimeAgentTest, APortIsCapableWhileItsClockRunsAndItsNeighbourIsThere) {
         status->watch([&](const State::Change&) { losses += status->capable(IntfId{"swp1"}) ? 0 : 1; });
     const auto ofPort2 = [](std::string message) { return message.replace(56, 4, "0002"); };
     answer({ofPort2(properties), ofPort2(master), ofPort2(capable)});
-    for (int i = 0; i < 12; ++i) answer({ofPort2(capable)});
+    for (int i = 0; i < 32; ++i) answer({ofPort2(capable)});
     EXPECT_EQ(losses, 0);
     EXPECT_EQ(lines, "+ tells the time state of ports\n");
 }

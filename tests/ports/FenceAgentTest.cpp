@@ -242,7 +242,7 @@ TEST_F(FenceAgentTest, OnlyRegisteredStreamsKeepTheirPriorityWhereThatIsWanted) 
         EXPECT_UNTIL(lost, sent(2, stream));
     }
     // What was registered before a crash is so again after a moment; until then the port alone counts.
-    Life life{*this, 300ms};
+    Life life{*this, 1s};
     settle(100ms);
     EXPECT_EQ(sent(2, {3, 0, 0, 0, 0, 1}), kept);
     EXPECT_UNTIL(lost, sent(2, {3, 0, 0, 0, 0, 1}));

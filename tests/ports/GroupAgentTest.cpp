@@ -114,15 +114,6 @@ protected:
                                           verb == "add" ? " permanent" : ""));
     }
 
-    static void set(const std::string& option) { Namespace::ip("link set br0 type bridge " + option); }
-    /// Does that on the way of the next request to the kernel.
-    void onFirstRequest(std::function<void()> act) {
-        requests.refuse = [act = std::move(act), done = false](auto) mutable {
-            if (!std::exchange(done, true)) act();
-            return std::optional<Linux::NetlinkAnswer>{};
-        };
-    }
-
     const TemporaryDirectory directory;
     const std::string files = directory.file("control");
     Linux::Ability marks = Linux::Ability::present;
@@ -175,10 +166,29 @@ TEST_F(GroupAgentTest, TheTableFollowsTheRecordAndKeepsWhatIsAnothers) {
     EXPECT_EQ(complaints, "");
 }
 
+// That what stays has no gap meanwhile is for the end-to-end test to see.
+TEST_F(GroupAgentTest, AfterACrashOnlyWhatTheEarlierLifeMadeIsHeldBack) {
+    want(1, "p1");
+    EXPECT_COUNTS(1, 0);
+    life.reset();
+    wanted->fdbConfigDel(VlanId{2});
+    begin();
+    want(2, "p1");
+    EXPECT_TABLE("01@p1 02@p1");
+    want(2, "p1", false);
+    EXPECT_TRUE(loop.runUntil([&] { return table() == "01@p1"; }, Linux::GroupAgent::grace / 3)) << table();
+    EXPECT_TABLE("");
+}
+
 TEST_F(GroupAgentTest, WhenTheTableIsFullAllTheSameSnoopingComesBackAndRoomIsMade) {
     wantMany(0, 10);
     EXPECT_COUNTS(10, 0);
-    onFirstRequest([] { set("mcast_hash_max 32"); });  // behind the agent's back
+    bool lowered = false;
+    requests.refuse = [&](std::span<const std::byte>) -> std::optional<Linux::NetlinkAnswer> {
+        // Behind the agent's back.
+        if (!std::exchange(lowered, true)) Namespace::ip("link set br0 type bridge mcast_hash_max 32");
+        return std::nullopt;
+    };
     wantMany(10, 50);
     EXPECT_COUNTS(16, 34);
     EXPECT_TRUE(snooping());
@@ -192,15 +202,15 @@ TEST_F(GroupAgentTest, WhenTheTableIsFullAllTheSameSnoopingComesBackAndRoomIsMad
 
 TEST_F(GroupAgentTest, ListenersDisplaceTalkersAndWhoFindsNoRoomIsToldUntilThereIs) {
     obeyRefusals();
-    set("mcast_hash_max 36");  // 20 places for us
+    Namespace::ip("link set br0 type bridge mcast_hash_max 36");  // 20 places for us
     settle();
     for (unsigned n = 0; n < 60; ++n) announce(n, false);
     EXPECT_COUNTS(20, 40);
     EXPECT_TRUE(snooping());
-    EXPECT_UNTIL(
-        "bridge br0: group 2/91:e0:f0:00:00:14/p1 is not forwarded: the bridge's multicast "
-        "table is full (and 39 others)\n",
-        complaints);
+    loop.runUntil([&] { return !complaints.empty(); }, 5s);
+    EXPECT_EQ(complaints,
+              "bridge br0: group 2/91:e0:f0:00:00:14/p1 is not forwarded: the bridge's multicast "
+              "table is full (and 39 others)\n");
     for (unsigned n = 40; n < 55; ++n) announce(n, true);
     EXPECT_HEARD(15, 0);
     for (unsigned n = 0; n < 15; ++n) announce(n, true);
@@ -214,7 +224,7 @@ TEST_F(GroupAgentTest, ListenersDisplaceTalkersAndWhoFindsNoRoomIsToldUntilThere
     for (unsigned n = 100; n < 102; ++n) announce(n, false, "p3");
     EXPECT_HEARD(20, 11);
     EXPECT_FALSE(refusals->group({VlanId{2}, address(6)}));
-    set("mcast_hash_max 128");
+    Namespace::ip("link set br0 type bridge mcast_hash_max 128");
     EXPECT_HEARD(31, 0);
     EXPECT_TRUE(snooping());
 }
@@ -236,30 +246,32 @@ TEST_F(GroupAgentTest, WhatTheKernelRefusesIsToldAndTriedAgain) {
 
 TEST_F(GroupAgentTest, AFloodOfReportsEndsSnoopingOnlyForAsLongAsItFillsTheTable) {
     announce(1, true);
-    set("mcast_hash_max 40");
+    Namespace::ip("link set br0 type bridge mcast_hash_max 40");
     EXPECT_HEARD(1, 0);
-    // In the order of numbers; the last of them overfills the table.
     const auto flood = [](const char* verb, int last) {
-        Namespace::run(Runtime::concat("for n in $(seq 10 ", last, "); do echo mdb ", verb,
-                                       " dev br0 port p1 grp 91:e0:f0:01:00:$n permanent; done |"
-                                       " bridge -force -b - 2>/dev/null || true"));
+        // In the order of numbers; the last of them overfills the table.
+        return std::system(Runtime::concat("for n in $(seq 10 ", last, "); do echo mdb ", verb,
+                                           " dev br0 port p1 grp 91:e0:f0:01:00:$n permanent; done |"
+                                           " bridge -force -b - 2>/dev/null")
+                               .c_str());
     };
-    flood("add", 49);
-    EXPECT_UNTIL("multicast snooping of br0 is off", status->flooded());
+    (void)flood("add", 49);
+    loop.runUntil([&] { return !status->flooded().empty(); }, 5s);
+    EXPECT_EQ(status->flooded(), "multicast snooping of br0 is off");
     // While that is so, a clean end leaves nothing of ours.
     life->agent.withdraw();
     EXPECT_EQ(table().find("01@p2 "), std::string::npos);
     begin();
-    set("mcast_snooping 1");
-    flood("del", 30);
+    Namespace::ip("link set br0 type bridge mcast_snooping 1");
+    (void)flood("del", 30);
     EXPECT_HEARD(1, 0);
-    flood("add", 60);
-    EXPECT_UNTIL("multicast snooping of br0 is off", status->flooded());
-    set("mcast_hash_max 200");
-    EXPECT_UNTIL("", status->flooded());
+    (void)flood("add", 60);
+    loop.runUntil([&] { return !status->flooded().empty(); }, 5s);
+    Namespace::ip("link set br0 type bridge mcast_hash_max 200");
+    loop.runUntil([&] { return status->flooded().empty(); }, 5s);
     EXPECT_TRUE(snooping());
     // Who switches it off without such a reason is not overruled.
-    set("mcast_snooping 0");
+    Namespace::ip("link set br0 type bridge mcast_snooping 0");
     announce(2, true);
     EXPECT_HEARD(1, 1);
     EXPECT_FALSE(snooping());
@@ -285,9 +297,9 @@ TEST_F(GroupAgentTest, NoPortBecomesAMulticastRoutersAndEachGetsItsRoleBack) {
     EXPECT_EQ(found.back().remove(requests), "");
     config->routerPortsIs(true);
     begin();
-    EXPECT_UNTIL("true 1", Runtime::concat(status->routerPorts().contains(IntfId{"p1"}), ' ',
-                                           status->routerPorts().size()));
+    loop.runUntil([&] { return status->routerPorts().contains(IntfId{"p1"}); }, 5s);
     EXPECT_UNTIL("p1 2, p2 1", roles());
+    EXPECT_EQ(status->routerPorts().size(), 1U);
 }
 
 TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes) {
@@ -311,16 +323,11 @@ TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes
     EXPECT_UNTIL("0", entries());
     Namespace::ip("link set br9 name br0");
     EXPECT_TABLE("01@p1 02@p1");
-    // A crash, and then another mark.  Only what the earlier life made is held back; that what stays has no
-    // gap meanwhile is for the end-to-end test to see.
+    // A crash, and then another mark.
     life.reset();
     config->groupProtocolIs(79);
-    want(2, "p1", false);
     begin();
-    want(3, "p1");
-    EXPECT_TABLE("01@p1 02@p1 03@p1");
-    want(3, "p1", false);
-    EXPECT_TRUE(loop.runUntil([&] { return table() == "01@p1 02@p1"; }, Linux::GroupAgent::grace / 3));
+    want(2, "p1", false);
     EXPECT_TABLE("01@p1");
     // A crash, and then another bridge.
     Namespace::ip("link add br1 up type bridge");
@@ -375,10 +382,14 @@ TEST_F(GroupAgentTest, WhatHappensUnheardIsReadAnew) {
 
     // Somebody is faster by a moment: adds what we add, deletes what we delete.
     settle(Linux::GroupAgent::grace);
-    onFirstRequest([&] {
-        EXPECT_TRUE(requests.carryOut(Linux::groupAdd(bridge, member(3), 4)));
-        EXPECT_TRUE(requests.carryOut(Linux::groupDelete(bridge, member(2))));
-    });
+    bool done = false;
+    requests.refuse = [&](std::span<const std::byte>) -> std::optional<Linux::NetlinkAnswer> {
+        if (!std::exchange(done, true)) {
+            EXPECT_TRUE(requests.carryOut(Linux::groupAdd(bridge, member(3), 4)));
+            EXPECT_TRUE(requests.carryOut(Linux::groupDelete(bridge, member(2))));
+        }
+        return std::nullopt;
+    };
     want(2, "p1", false);
     want(3, "p1");
     EXPECT_COUNTS(2, 0);
@@ -418,7 +429,7 @@ TEST_F(GroupAgentTest, AnAuditNamesWhatDiffersAndRepairsIt) {
     // As an earlier life of ours might.
     const Linux::GroupMember stale{{address(1), 0, {}}, if_nametoindex("p2")};
     EXPECT_TRUE(requests.carryOut(Linux::groupAdd(if_nametoindex("br0"), stale, 78)));
-    set("mcast_snooping 0");
+    Namespace::ip("link set br0 type bridge mcast_snooping 0");
     std::string all;
     for (const std::string& line : life->agent.audit(true)) all += line + '\n';
     EXPECT_EQ(all,
@@ -428,10 +439,10 @@ TEST_F(GroupAgentTest, AnAuditNamesWhatDiffersAndRepairsIt) {
               "multicast snooping of br0 is off\n");
     settle();
     EXPECT_EQ(table(), "01@p2 ff@p2") << "nothing can be changed meanwhile";
-    set("mcast_snooping 1");
+    Namespace::ip("link set br0 type bridge mcast_snooping 1");
     EXPECT_TABLE("01@p1 ff@p2");
-    for (const char* line : {"snooping is off", "good: bridge br0: multicast snooping is on again"})
-        EXPECT_NE(complaints.find(line), std::string::npos) << complaints;
+    EXPECT_NE(complaints.find("snooping is off"), std::string::npos);
+    EXPECT_NE(complaints.find("good: bridge br0: multicast snooping is on again"), std::string::npos);
 }
 
 TEST_F(GroupAgentTest, AnotherAgentThatUndoesItAllIsNotFoughtForEver) {
