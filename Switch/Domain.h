@@ -1,5 +1,5 @@
-/// "switch/domain": where the domain of the SR classes ends, and how large class A's frames are, written by the
-/// agent that reserves for them.
+/// "switch/domain": where the domain of the SR classes ends, and how large class A's frames are, written by
+/// the agent that reserves for them.
 ///
 /// Frames with a class's priority may use its queues only when they come in from inside the domain: on a port
 /// that is a core port for that priority (IEEE 802.1Q 6.9.4, where all others are called boundary ports).  A

@@ -39,8 +39,8 @@ struct DoctorFacts {
     std::shared_ptr<const Switch::TimeStatus> time;  ///< null: no ptp4l answers
 };
 
-/// Looks at the kernel, and asks the ptp4l with that socket.  `bridge` may be empty where there is exactly one.
-/// Empty on success.
+/// Looks at the kernel, and asks the ptp4l with that socket.  `bridge` may be empty where there is exactly
+/// one. Empty on success.
 std::string examine(const std::string& bridge, VlanId srVlan, const std::string& ptp4l, DoctorFacts& facts);
 
 }  // namespace Linux

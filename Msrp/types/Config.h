@@ -56,7 +56,9 @@ struct State::Codec<Msrp::ClassLatency> {
         return Value{Object{{"A", Value{std::uint64_t{v.a}}}, {"B", Value{std::uint64_t{v.b}}}}};
     }
     static std::optional<Msrp::ClassLatency> decode(const Value& v);
-    static std::string expected() { return "nanoseconds by class, at most 4294967295, like { \"A\": 280000, \"B\": 2000000 }"; }
+    static std::string expected() {
+        return "nanoseconds by class, at most 4294967295, like { \"A\": 280000, \"B\": 2000000 }";
+    }
 };
 
 namespace Msrp {
