@@ -9,7 +9,7 @@ using State::Value;
 namespace {
 
 constexpr std::string_view trafficPath = "linux/traffic";
-constexpr std::string_view fencePath = "linux/fence";
+constexpr std::string_view ofFences = "linux/fence";
 
 struct TrafficRow {
     StreamReport stream;
@@ -46,7 +46,7 @@ Table trafficTable(const Snapshot& snapshot) {
     std::vector<TrafficRow> rows;
     for (StreamReport& stream : streamReports(snapshot)) {
         const Value& counted = at(snapshot.record(trafficPath), {"stream", State::hexText(stream.id)});
-        std::string problem = textOf(at(snapshot.record(fencePath), {"port", stream.from, "problem"}));
+        std::string problem = textOf(at(snapshot.record(ofFences), {"port", stream.from, "problem"}));
         rows.push_back({std::move(stream), counted, std::move(problem), snapshot.now});
     }
     return {trafficColumns, 1, rows,
@@ -68,7 +68,7 @@ const View& traffic() {
     static const View view = [] {
         View made{streams().records, trafficText, [](const Snapshot& s) { return trafficTable(s).value(); }};
         made.records.emplace_back(trafficPath);
-        made.records.emplace_back(fencePath);
+        made.records.emplace_back(ofFences);
         return made;
     }();
     return view;
