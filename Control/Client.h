@@ -14,8 +14,8 @@ public:
     /// Seconds within which a daemon that is alive answers.
     static constexpr unsigned patience = 10;
 
-    /// Empty on success, else one line that names the socket.
-    std::string connect(const std::string& path);
+    /// Waits for its turn at most `seconds`.  Empty on success, else one line that names the socket.
+    std::string connect(const std::string& path, unsigned seconds = patience);
 
     /// Sends one request.  Empty on success, else one line that names the socket.
     std::string send(const State::Value& request);

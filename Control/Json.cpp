@@ -134,8 +134,13 @@ public:
         open_.pop_back();
         return add(std::move(done));
     }
-    bool start_array(std::size_t) { return refuse("arrays are not used here"); }
-    static bool end_array() { return false; }
+    bool start_array(std::size_t size) {
+        if (arrays == JsonArrays::refused) return refuse("arrays are not used here");
+        if (!start_object(size)) return false;
+        open_.back().numbered = true;
+        return true;
+    }
+    bool end_array() { return end_object(); }
     bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) {
         // "[json.exception.parse_error.101] parse error at line 3, column 5: syntax error ..."
         std::string what = error.what();
@@ -144,6 +149,7 @@ public:
         return refuse(std::move(what));
     }
 
+    JsonArrays arrays = JsonArrays::refused;
     Value root;
     std::string problem;
 
@@ -151,14 +157,17 @@ private:
     struct Open {
         State::Object members;
         std::set<std::string> names;
-        std::string name;  ///< of the member whose value comes next
+        std::string name;       ///< of the member whose value comes next
+        bool numbered = false;  ///< an array: that name is its place
     };
 
     bool add(Value value) {
         if (open_.empty()) {
             root = std::move(value);
         } else {
-            open_.back().members.emplace_back(std::move(open_.back().name), std::move(value));
+            Open& into = open_.back();
+            if (into.numbered) into.name = std::to_string(into.members.size());
+            into.members.emplace_back(std::move(into.name), std::move(value));
         }
         return true;
     }
@@ -194,8 +203,9 @@ std::string jsonLines(const Value& value) {
 void appendJson(std::string& out, const Value& value) { Writer{out, false}.write(value); }
 void appendJsonString(std::string& out, std::string_view text) { Writer{out, false}.put(text); }
 
-JsonResult parseJson(std::string_view text, JsonComments comments) {
+JsonResult parseJson(std::string_view text, JsonComments comments, JsonArrays arrays) {
     Builder builder;
+    builder.arrays = arrays;
     std::size_t consumed = 0;
     const char* end = text.data() + text.size();
     const bool complete =

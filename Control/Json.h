@@ -1,7 +1,7 @@
 /// Record values as JSON text (RFC 8259) and back.
 ///
 /// Whole numbers keep all of their 64 bits, other numbers come back as the same double.  Nothing in a record
-/// is a list, so arrays are refused.
+/// is a list, so arrays are refused; what other programs write can be read all the same.
 #pragma once
 
 #include "State/Value.h"
@@ -33,9 +33,12 @@ struct JsonResult {
 };
 
 enum class JsonComments { refused, allowed };
+/// What becomes of arrays: nothing, or objects whose names are the places, from "0" on.
+enum class JsonArrays { refused, numbered };
 
 /// Reads exactly one value.  A name that comes twice in one object is a problem, as is nesting deeper
 /// than 64. `allowed` skips // and /* */ comments.
-JsonResult parseJson(std::string_view text, JsonComments comments = JsonComments::refused);
+JsonResult parseJson(std::string_view text, JsonComments comments = JsonComments::refused,
+                     JsonArrays arrays = JsonArrays::refused);
 
 }  // namespace Control

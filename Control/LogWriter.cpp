@@ -1,9 +1,13 @@
 #include "Control/LogWriter.h"
 
+#include "Control/SystemProblem.h"
+#include "Runtime/Text.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -12,7 +16,6 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
-#include <system_error>
 #include <utility>
 
 namespace Control {
@@ -25,11 +28,37 @@ constexpr Runtime::Duration errorPause = std::chrono::seconds{1};
 /// Written in one go.
 constexpr std::size_t octetsInTurn = 65536;
 
+/// Whether standard error leads into the system's journal, as sd-journal(3) tells.
+bool isJournal() {
+    const char* told = ::secure_getenv("JOURNAL_STREAM");
+    struct stat status {};
+    if (told == nullptr || ::fstat(STDERR_FILENO, &status) != 0) return false;
+    return Runtime::concat(status.st_dev, ':', status.st_ino) == told;
+}
+
+/// "2026-11-21T22:56:42.123Z "
+std::string timeOfDay(Runtime::WallTime now) {
+    using namespace std::chrono;
+    const auto since = duration_cast<milliseconds>(now.time_since_epoch());
+    const std::time_t second = floor<seconds>(since).count();
+    std::tm utc{};
+    ::gmtime_r(&second, &utc);
+    std::array<char, 32> text{};
+    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+    const std::string thousandths = std::to_string(1000 + (since % 1000).count());
+    return Runtime::concat(text.data(), '.', thousandths.substr(1), "Z ");
+}
+
 class StandardError : public LogOutlet {
 public:
-    StandardError() { StandardError::reopen(); }
+    explicit StandardError(const Runtime::Loop* loop) : loop_{loop} { StandardError::reopen(); }
 
-    ssize_t write(int, const std::string& line, std::size_t offset) override {
+    [[nodiscard]] std::string head(int severity) const override {
+        if (journal_) return Runtime::concat('<', severity, '>');
+        return loop_ != nullptr ? timeOfDay(loop_->wallNow()) : std::string{};
+    }
+
+    ssize_t write(const std::string& line, std::size_t offset) override {
         // In one piece with its end: others may write to the same place.
         std::array<iovec, 2> pieces{
             {{const_cast<char*>(line.data()) + offset, line.size() - offset}, {const_cast<char*>("\n"), 1}}};
@@ -75,6 +104,8 @@ private:
         own,     ///< opened a second time
         shared,  ///< could not be
     };
+    const Runtime::Loop* const loop_;
+    const bool journal_ = isJournal();
     Kind kind_ = Kind::file;
     Runtime::FileDescriptor own_;
 };
@@ -84,13 +115,12 @@ public:
     SystemLogSocket(const Runtime::Loop& loop, std::string program, std::string path)
         : loop_{loop}, program_{std::move(program)}, path_{std::move(path)} {}
 
-    ssize_t write(int severity, const std::string& line, std::size_t) override {
-        const std::string message = head(severity) + line;
+    ssize_t write(const std::string& line, std::size_t) override {
         // Once more over a fresh connection: the log's own program may have been started anew.
         for (const bool fresh : {false, true}) {
             if (fresh) socket_.close();
             if (!socket_ && !connect()) return -errno;
-            if (::send(socket_.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+            if (::send(socket_.get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
                 return static_cast<ssize_t>(line.size() + 1);
             if (errno == EAGAIN || errno == ENOBUFS) return -EAGAIN;
         }
@@ -112,7 +142,7 @@ private:
         return false;
     }
     /// "<30>Nov 21 22:56:42 msrpd[1234]: " (RFC 3164; facility daemon)
-    [[nodiscard]] std::string head(int severity) const {
+    [[nodiscard]] std::string head(int severity) const override {
         constexpr int daemon = 3;
         const std::time_t now = std::chrono::system_clock::to_time_t(
             std::chrono::time_point_cast<std::chrono::system_clock::duration>(loop_.wallNow()));
@@ -132,7 +162,16 @@ private:
 
 }  // namespace
 
-std::unique_ptr<LogOutlet> standardError() { return std::make_unique<StandardError>(); }
+std::string oneLine(std::string text) {
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = ' ';
+    }
+    return text;
+}
+
+std::unique_ptr<LogOutlet> standardError(const Runtime::Loop& loop) {
+    return std::make_unique<StandardError>(&loop);
+}
 
 std::unique_ptr<LogOutlet> systemLogSocket(const Runtime::Loop& loop, std::string program, std::string path) {
     return std::make_unique<SystemLogSocket>(loop, std::move(program), std::move(path));
@@ -148,20 +187,20 @@ LogWriter::LogWriter(Runtime::Loop& loop, std::unique_ptr<LogOutlet> outlet,
                  flush();
              }} {}
 
-void LogWriter::line(int severity, std::string text) {
+void LogWriter::line(int severity, const std::string& text) {
     if (octets_ + text.size() > capacity) {
         ++dropped_;
         return lost("nobody reads them");
     }
-    enqueue(severity, std::move(text));
+    enqueue(severity, text);
     if (timer_.armed()) return;
     letOthersPass_ = true;
     timer_.armIn({});
 }
 
-void LogWriter::enqueue(int severity, std::string text) {
-    octets_ += text.size();
-    queue_.push_back({severity, std::move(text)});
+void LogWriter::enqueue(int severity, const std::string& text) {
+    queue_.push_back(outlet_->head(severity).append(oneLine(text)));
+    octets_ += queue_.back().size();
 }
 
 void LogWriter::lost(const std::string& reason) {
@@ -177,24 +216,24 @@ bool LogWriter::flush() {
             timer_.armIn({});
             return false;
         }
-        const Line& first = queue_.front();
-        const ssize_t count = outlet_->write(first.severity, first.text, offset_);
+        const std::string& first = queue_.front();
+        const ssize_t count = outlet_->write(first, offset_);
         if (count == -EINTR) continue;
         if (count == -EMSGSIZE) {
             // No later try will take it.
             ++dropped_;
-            lost(std::generic_category().message(EMSGSIZE));
-            written += first.text.size() + 1;
+            lost(systemProblem(EMSGSIZE));
+            written += first.size() + 1;
         } else if (count < 0) {
-            if (count != -EAGAIN) lost(std::generic_category().message(static_cast<int>(-count)));
+            if (count != -EAGAIN) lost(systemProblem(static_cast<int>(-count)));
             timer_.armIn(count == -EAGAIN ? readerPause : errorPause);
             return false;
         } else {
             written += static_cast<std::size_t>(count);
             offset_ += static_cast<std::size_t>(count);
-            if (offset_ <= first.text.size()) continue;  // its end is still to be written
+            if (offset_ <= first.size()) continue;  // its end is still to be written
         }
-        octets_ -= first.text.size();
+        octets_ -= first.size();
         offset_ = 0;
         queue_.pop_front();
         if (queue_.empty() && dropped_ > 0) {
@@ -220,9 +259,11 @@ void LogWriter::finish(Runtime::Duration span) {
 void lastWords(const std::string& line) {
     constexpr int pause = 10;  // ms
     int tries = 50;
-    const auto outlet = standardError();
-    for (std::size_t offset = 0; offset <= line.size() && tries > 0;) {
-        const ssize_t count = outlet->write(0, line, offset);
+    StandardError outlet{nullptr};
+    constexpr int error = 3;
+    const std::string whole = outlet.head(error) + oneLine(line);
+    for (std::size_t offset = 0; offset <= whole.size() && tries > 0;) {
+        const ssize_t count = outlet.write(whole, offset);
         if (count > 0) {
             offset += static_cast<std::size_t>(count);
         } else if (count != -EAGAIN && count != -EINTR) {

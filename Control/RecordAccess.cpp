@@ -1,5 +1,7 @@
 #include "Control/RecordAccess.h"
 
+#include "Control/Json.h"
+#include "Runtime/Text.h"
 #include "State/Record.h"
 
 #include <utility>
@@ -23,7 +25,24 @@ Value patch(std::string_view below, const Value& value) {
     return Value{State::Object{{std::string{name}, patch(rest, value)}}};
 }
 
+Value valueAt(const State::Entity& record, std::string_view below) {
+    if (below.empty()) return record.value();
+    const auto [name, rest] = State::splitPath(below);
+    return record.fieldValue(name, rest).value_or(Value{});
+}
+
+/// In a line of text.
+std::string shown(const Value& value) {
+    constexpr std::size_t most = 200;
+    std::string text = value.isNull() ? "nothing" : jsonText(value);
+    return text.size() <= most ? text : text.substr(0, most) + "...";
+}
+
 }  // namespace
+
+std::string RecordAccess::Written::text() const {
+    return Runtime::concat(path, " is now ", shown(after), ", was ", shown(before), ": ", who);
+}
 
 std::optional<State::Walk> RecordAccess::read(std::string_view path, std::string& problem) const {
     const auto [record, below] = database_.resolve(path);
@@ -36,7 +55,7 @@ std::optional<State::Walk> RecordAccess::read(std::string_view path, std::string
     return walk;
 }
 
-Answer RecordAccess::set(std::string_view path, const Value& value) {
+Answer RecordAccess::set(std::string_view path, const Value& value, std::string_view who) {
     const auto [record, below] = database_.resolve(path);
     if (!record) return {{}, noRecord(path)};
     const std::string name = root(path, below);
@@ -45,7 +64,11 @@ Answer RecordAccess::set(std::string_view path, const Value& value) {
     if (const auto problem = record->check(whole)) return {{}, problem->below(name).text()};
     if (std::string refusal = guard_ ? guard_(name, whole) : std::string{}; !refusal.empty())
         return {{}, std::move(refusal)};
+    const Value before = valueAt(*record, below);
     if (const auto problem = record->apply(whole)) return {{}, problem->below(name).text()};
+    const Value after = valueAt(*record, below);
+    if (written_ && before != after) written_({path, before, after, who});
+    if (follower_) follower_(name, whole);
     return {};
 }
 

@@ -18,11 +18,12 @@ constexpr int pieces = 64;
 constexpr Runtime::Duration leastCost = std::chrono::microseconds{10};
 }  // namespace
 
-Server::Client::Client(Server& server, Runtime::FileDescriptor socket)
+Server::Client::Client(Server& server, Runtime::FileDescriptor socket, const Peer& peer)
     : session{server.loop_,
               server.services_,
               {server.parts_, server.watches_, server.requests_, server.captures_},
               std::move(socket),
+              peer,
               {.ready = [&server] { server.wake(); },
                .ended = [&server] { server.sweep_.armIn({}); },
                .crowded = [&server] { server.endGreediest(); }}} {}
@@ -37,47 +38,64 @@ Server::Server(Runtime::FdLoop& loop, const Session::Services& services)
       listenAgain_{loop, [this] { listen(); }} {}
 
 Server::~Server() {
-    readable_.reset();
+    doors_.clear();
     clients_.clear();
 }
 
-std::string Server::start(const std::string& path) {
-    std::string problem;
-    socket_ = ListeningSocket::open(path, problem);
-    if (socket_) listen();
-    return problem;
+std::string Server::start(const std::string& path, const Groups& groups) {
+    for (const bool reads : {false, true}) {
+        std::string problem;
+        std::string notice;
+        auto socket = reads ? ListeningSocket::open(path + ".read", groups.readers, problem, notice)
+                            : ListeningSocket::open(path, groups.all, problem, notice);
+        if (!socket) return problem;
+        if (!notice.empty()) notices_.push_back(std::move(notice));
+        doors_.push_back({std::move(socket), reads});
+    }
+    listen();
+    return {};
 }
 
 void Server::listen() {
-    readable_ = loop_.watch(socket_->get(), Runtime::FdLoop::Ready::readable, [this] { accept(); });
+    for (Door& door : doors_) {
+        door.readable = loop_.watch(door.socket->get(), Runtime::FdLoop::Ready::readable,
+                                    [this, &door] { accept(door); });
+    }
 }
 
-void Server::accept() {
-    Runtime::FileDescriptor client{::accept4(socket_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)};
+void Server::accept(Door& door) {
+    Runtime::FileDescriptor client{
+        ::accept4(door.socket->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)};
     if (!client) {
         // The newcomer stays in the queue and would wake the loop for ever.
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            readable_.reset();
+            for (Door& each : doors_) each.readable.reset();
             listenAgain_.armIn(pause);
         }
         return;
     }
-    makeRoom();
-    clients_.emplace_back(*this, std::move(client));
+    Peer peer = Peer::at(client);
+    peer.reads = door.reads;
+    if (makeRoom(peer)) clients_.emplace_back(*this, std::move(client), peer);
 }
 
-void Server::makeRoom() {
+bool Server::makeRoom(const Peer& newcomer) {
     clients_.remove_if([](const Client& client) { return client.session.over(); });
-    if (clients_.size() < sessionLimit) return;
+    if (clients_.size() < sessionLimit) return true;
     std::map<int, std::size_t> connections;  // by process
-    for (const Client& client : clients_) ++connections[client.session.process()];
+    for (const Client& client : clients_) ++connections[client.session.peer().process];
     const auto leaves = std::ranges::min_element(clients_, [&](const Client& a, const Client& b) {
-        const std::size_t ofA = connections[a.session.process()];
-        const std::size_t ofB = connections[b.session.process()];
+        const Peer& byA = a.session.peer();
+        const Peer& byB = b.session.peer();
+        if (byA.reads != byB.reads) return byA.reads;
+        const std::size_t ofA = connections[byA.process];
+        const std::size_t ofB = connections[byB.process];
         return ofA != ofB ? ofA > ofB : a.session.lastSign() < b.session.lastSign();
     });
+    if (newcomer.reads && !leaves->session.peer().reads) return false;
     leaves->session.end("too many clients, and this one was quiet for longest");
     clients_.erase(leaves);
+    return true;
 }
 
 void Server::endGreediest() {

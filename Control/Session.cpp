@@ -42,28 +42,26 @@ std::string tooLong(std::string_view member, std::string_view text, std::size_t 
                            " octets");
 }
 
+std::string readsOnly(std::string_view op) {
+    return Runtime::concat("request: op \"", op, "\": this socket is for reading only");
+}
+
 std::string known(const Commands& commands) {
     std::string names = "get, set, watch, capture, list";
     for (const auto& [name, command] : commands) names += ", " + name;
     return names;
 }
 
-int peerProcess(const Runtime::FileDescriptor& socket) {
-    ucred peer{};
-    socklen_t length = sizeof peer;
-    return ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
-}
-
 }  // namespace
 
 Session::Session(Runtime::FdLoop& loop, const Services& services, const Shared& shared,
-                 Runtime::FileDescriptor socket, Notices notices)
+                 Runtime::FileDescriptor socket, const Peer& peer, Notices notices)
     : loop_{loop},
       services_{services},
       shared_{shared},
       socket_{std::move(socket)},
       notices_{std::move(notices)},
-      process_{peerProcess(socket_)},
+      peer_{peer},
       // The frame is on its way: what is to be said of it waits until the protocol has had its turn.
       captures_{loop, services.frames, shared.captures, [this] { notices_.ready(); }},
       lastSign_{loop.now()},
@@ -185,7 +183,9 @@ void Session::execute(const Value& request, Reply& reply) {
         return;
     }
     if (const auto command = services_.commands.find(*op); command != services_.commands.end()) {
-        reply.answer = command->second(request);
+        if (peer_.reads && !command->second.reads) return fail(readsOnly(*op));
+        reply.answer = command->second.run(request, peer_);
+        if (reply.answer.walk) reply.text = shared_.parts.first(RecordText{std::move(*reply.answer.walk)});
         return;
     }
     const std::string* path = stringMember(request, "path");
@@ -204,8 +204,9 @@ void Session::execute(const Value& request, Reply& reply) {
 
     const Value* value = request.member("value");
     if (value == nullptr) return fail("request: a \"value\" is needed");
-    reply.answer =
-        services_.records.set(field != nullptr && !field->empty() ? *path + '/' + *field : *path, *value);
+    if (peer_.reads) return fail(readsOnly(*op));
+    reply.answer = services_.records.set(field != nullptr && !field->empty() ? *path + '/' + *field : *path,
+                                         *value, peer_.text());
 }
 
 void Session::get(const std::string& path, Reply& reply) {

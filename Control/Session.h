@@ -10,6 +10,8 @@
 /// "now" is the daemon's clock in seconds, the one that times in records refer to.  What cannot be done is
 /// answered by {"now": ..., "error": "..."}.  An "id" in a request comes back in its reply.
 ///
+/// A client that may only read is refused "set" and every command that may change something.
+///
 /// What else than these words can be asked for, and what it answers, is the daemon's business (`Commands`).
 ///
 /// A watch answers with the current value, and again when it has changed: at once after a quiet time, and
@@ -36,6 +38,7 @@
 #include "Control/Captures.h"
 #include "Control/Commands.h"
 #include "Control/FrameSource.h"
+#include "Control/Peer.h"
 #include "Control/RecordAccess.h"
 #include "Control/RecordText.h"
 #include "Control/Socket.h"
@@ -88,7 +91,7 @@ public:
 
     /// `socket` must be connected.  The loop must outlive the session.
     Session(Runtime::FdLoop& loop, const Services& services, const Shared& shared,
-            Runtime::FileDescriptor socket, Notices notices);
+            Runtime::FileDescriptor socket, const Peer& peer, Notices notices);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session() { end(); }
@@ -105,8 +108,8 @@ public:
     [[nodiscard]] std::size_t unserved() const { return in_.size(); }
     /// When the client last asked for something or fetched something.
     [[nodiscard]] Runtime::Time lastSign() const { return lastSign_; }
-    /// The process that made the connection.
-    [[nodiscard]] int process() const { return process_; }
+    /// Who made the connection.
+    [[nodiscard]] const Peer& peer() const { return peer_; }
 
 private:
     struct Watch {
@@ -146,7 +149,7 @@ private:
     const Shared shared_;
     Runtime::FileDescriptor socket_;
     const Notices notices_;
-    const int process_;
+    const Peer peer_;
     std::string in_;
     std::size_t newline_ = std::string::npos;  ///< the first one in `in_`
     std::string out_;

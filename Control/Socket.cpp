@@ -1,14 +1,18 @@
 #include "Control/Socket.h"
 
+#include "Control/SystemProblem.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
 #include <optional>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
-#include <system_error>
+#include <vector>
 
 namespace Control {
 
@@ -30,7 +34,7 @@ std::string badPath(const std::string& path) {
 }
 
 std::string failure(const std::string& path, int error) {
-    return "socket " + path + ": " + std::generic_category().message(error);
+    return "socket " + path + ": " + systemProblem(error);
 }
 
 /// 0 or the error number.
@@ -78,6 +82,35 @@ pid_t peerOf(const Runtime::FileDescriptor& fd) {
     return ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
 }
 
+/// Nothing where the system has no such group.
+std::optional<gid_t> groupNumber(const char* name) {
+    constexpr std::size_t most = std::size_t{16} << 20;
+    // All members must find room, and nobody tells how much they need.
+    for (std::size_t octets = 4096; octets <= most; octets *= 2) {
+        std::vector<char> room(octets);
+        struct group entry {};
+        struct group* found = nullptr;
+        if (::getgrnam_r(name, &entry, room.data(), room.size(), &found) == ERANGE) continue;
+        return found != nullptr ? std::optional{found->gr_gid} : std::nullopt;
+    }
+    return std::nullopt;
+}
+
+/// Lets the members of the group in.  Empty where that is done, or where there is no such group; else why
+/// not.
+std::string openFor(const char* group, const std::string& path) {
+    const auto number = groupNumber(group);
+    if (!number) return {};
+    // By descriptor: whatever else may come to stand there must not be opened to anybody.
+    const Runtime::FileDescriptor file{::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISSOCK(status.st_mode)) return {};
+    if (::fchownat(file.get(), "", static_cast<uid_t>(-1), *number, AT_EMPTY_PATH) == 0 &&
+        ::chmod(("/proc/self/fd/" + std::to_string(file.get())).c_str(), 0660) == 0)
+        return {};
+    return failure(path, errno) + ": group \"" + group + "\" cannot be let in";
+}
+
 void makeDirectory(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     // Where this fails, bind tells why.
@@ -86,20 +119,25 @@ void makeDirectory(const std::string& path) {
 
 }  // namespace
 
-Runtime::FileDescriptor connectTo(const std::string& path, std::string& problem) {
+Runtime::FileDescriptor connectTo(const std::string& path, std::string& problem, unsigned seconds) {
     const auto to = address(path);
     if (!to) {
         problem = badPath(path);
         return {};
     }
     Runtime::FileDescriptor fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    // A server that hangs, and whose queue is full, would else be waited for without end.
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(seconds);
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     const int error = fd ? connectSocket(fd, *to) : errno;
     if (error == 0) return fd;
     problem = failure(path, error);
     return {};
 }
 
-std::unique_ptr<ListeningSocket> ListeningSocket::open(const std::string& path, std::string& problem) {
+std::unique_ptr<ListeningSocket> ListeningSocket::open(const std::string& path, const char* group,
+                                                       std::string& problem, std::string& notice) {
     const auto to = address(path);
     if (!to) {
         problem = badPath(path);
@@ -118,6 +156,7 @@ std::unique_ptr<ListeningSocket> ListeningSocket::open(const std::string& path, 
                        ::listen(fd.get(), backlog) == 0;
     const int error = errno;
     ::umask(before);
+    if (bound) notice = openFor(group, path);
     if (bound) return std::make_unique<ListeningSocket>(std::move(fd), path, fileAt(path));
     problem = failure(path, error);
     return nullptr;

@@ -13,6 +13,7 @@
 #include "Linux/kernel/Netlink.h"
 #include "Linux/queues/ShaperAgent.h"
 #include "Linux/vlans/VlanAgent.h"
+#include "Switch/Outcomes.h"
 
 #include <memory>
 #include <string>
@@ -43,6 +44,8 @@ public:
         std::shared_ptr<CapabilityStatus> capabilities;
         std::shared_ptr<FenceStatus> fence;
         std::shared_ptr<TrafficStatus> traffic;
+        /// Hears what the kernel has carried out.
+        std::shared_ptr<const Switch::Outcomes> outcomes = std::make_shared<Switch::Outcomes>();
     };
 
     /// Loop and devices must outlive it; `files` is what the paths of files begin with that it may keep.

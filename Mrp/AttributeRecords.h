@@ -19,6 +19,10 @@ struct PortView {
     std::function<State::Object(const State::From& from, std::size_t most)> attributes;
 };
 
+// What the two are.
+State::Schema machinesSchema();
+State::Schema attributesSchema();
+
 /// One enabled port.
 class IntfAttributes : public State::Record<IntfAttributes> {
 public:
@@ -28,13 +32,16 @@ public:
 
     template <class F>
     static constexpr void fields(F&& each) {
-        each(State::derived<IntfAttributes>("machines", [](const IntfAttributes& r) {
-            return r.view_.machines ? r.view_.machines() : State::Value{};
-        }));
+        each(State::derived<IntfAttributes>(
+            "machines",
+            [](const IntfAttributes& r) { return r.view_.machines ? r.view_.machines() : State::Value{}; },
+            machinesSchema));
         each(State::derivedEntries<IntfAttributes>(
-            "attribute", [](const IntfAttributes& r, const State::From& from, std::size_t most) {
+            "attribute",
+            [](const IntfAttributes& r, const State::From& from, std::size_t most) {
                 return r.view_.attributes ? r.view_.attributes(from, most) : State::Object{};
-            }));
+            },
+            attributesSchema));
     }
 
 private:

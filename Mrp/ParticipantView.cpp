@@ -1,4 +1,5 @@
 /// What a participant shows of itself.
+#include "Mrp/AttributeRecords.h"
 #include "Mrp/Participant.h"
 
 #include <map>
@@ -88,7 +89,8 @@ State::Object Participant::attributes(const State::From& from, std::size_t most)
         const auto said = [&t](bool any, const AttributeValue& value) {
             if (!any) return Value{};
             State::Object octets{{"value", Value{hex(std::span{value.octets}.first(t.valueLength))}}};
-            if (t.fourPacked) octets.emplace_back("declaration", std::uint64_t{value.declaration});
+            octets.emplace_back("declaration",
+                                t.fourPacked ? Value{std::uint64_t{value.declaration}} : Value{});
             return Value{std::move(octets)};
         };
         Value leaveIn;
@@ -109,6 +111,35 @@ State::Object Participant::attributes(const State::From& from, std::size_t most)
                 {"registered", said(attribute.registered(), attribute.heard())}});
     }
     return all;
+}
+
+State::Schema machinesSchema() {
+    const State::Schema text = State::Codec<std::string>::schema();
+    const State::Schema number = State::Codec<std::uint64_t>::schema();
+    const State::Schema seconds = State::orNull(State::Codec<double>::schema());
+    const State::Schema byType = State::mapOf(State::KeyText<std::uint8_t>::schema(), number);
+    return State::orNull(State::objectOf({{"leaveAll", text},
+                                          {"leaveAllIn", seconds},
+                                          {"leaveIn", seconds},
+                                          {"opportunityIn", seconds},
+                                          {"registered", byType},
+                                          {"declared", byType},
+                                          {"refused", number}}));
+}
+
+State::Schema attributesSchema() {
+    const State::Schema text = State::Codec<std::string>::schema();
+    const State::Schema seconds = State::Codec<double>::schema();
+    const State::Schema said = State::orNull(State::objectOf(
+        {{"value", text}, {"declaration", State::orNull(State::Codec<std::uint8_t>::schema())}}));
+    return State::mapOf({.type = "string", .pattern = "^[0-9]+/0x[0-9A-F]+$"},
+                        State::objectOf({{"applicant", text},
+                                         {"registrar", text},
+                                         {"refused", State::Codec<bool>::schema()},
+                                         {"age", seconds},
+                                         {"leaveIn", State::orNull(seconds)},
+                                         {"declared", said},
+                                         {"registered", said}}));
 }
 
 }  // namespace Mrp

@@ -110,6 +110,22 @@ public:
         }
     }
 
+    /// Everything to zero.
+    void clear() {
+        constexpr std::uint64_t zero = 0;
+        assign(rxPdus_, zero, "rxPdus");
+        assign(txPdus_, zero, "txPdus");
+        assign(refusedJoins_, zero, "refusedJoins");
+        assign(rangeErrors_, zero, "rangeErrors");
+        assign(droppedRegistrations_, zero, "droppedRegistrations");
+        assign(droppedPdus_, zero, "droppedPdus");
+        for (const auto& kind : eventNames) {
+            setEntry(rxEvents_, kind.value, zero, "rxEvents");
+            setEntry(txEvents_, kind.value, zero, "txEvents");
+        }
+        for (const auto& reason : malformedNames) setEntry(malformed_, reason.value, zero, "malformed");
+    }
+
     template <class F>
     static constexpr void fields(F&& each) {
         using C = MrpIntfStatus;

@@ -2,6 +2,7 @@
 
 #include "Mrp/AttributeRecords.h"
 #include "Mrp/Records.h"
+#include "Msrp/types/Census.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
 #include "Msrp/types/Waiting.h"
@@ -22,6 +23,7 @@ void populate(State::Database& database) {
     database.entityIs<CliConfig>("msrp/cliConfig");
     database.entityIs<Config>("msrp/config");
     database.entityIs<Status>("msrp/status");
+    database.entityIs<Census>("msrp/census");
     database.entityIs<Waiting>("msrp/waiting");
     database.entityIs<Mrp::MrpConfig>("mrp/config");
     database.entityIs<Mrp::MrpStatus>("mrp/status");

@@ -16,7 +16,11 @@ MsrpSm::MsrpSm(Inputs inputs, Platform platform)
       platform_{platform},
       chores_{platform_.loop, platform_.unitsPerTurn != 0 ? platform_.unitsPerTurn : unitsPerTurn,
               [this](Runtime::Chores::Lane lane) { laneIdle(lane); }} {
-    if (inputs_.cliConfig) (void)keepPercentages();
+    if (inputs_.cliConfig) {
+        (void)keepPercentages();
+        srPvid_ = inputs_.cliConfig->srPvid();
+        defaultSrPvid_ = inputs_.cliConfig->defaultSrPvid();
+    }
     followers_.start();
     handleInitialized();
 }
@@ -78,8 +82,8 @@ void MsrpSm::handleCliConfig(const State::Change& change) {
         void (MsrpSm::*handle)(const State::Change&);
     };
     static constexpr Reaction reactions[] = {
-        {"srPvid", &MsrpSm::srPvidChanged},
-        {"defaultSrPvid", &MsrpSm::defaultSrPvidChanged},
+        {"srPvid", &MsrpSm::streamVlanChanged},
+        {"defaultSrPvid", &MsrpSm::streamVlanChanged},
         {"srClassASupported", &MsrpSm::classSupportChanged<SrClassId::SrClassA>},
         {"srClassBSupported", &MsrpSm::classSupportChanged<SrClassId::SrClassB>},
         {"srClassAPriority", &MsrpSm::classPriorityChanged},
@@ -92,8 +96,12 @@ void MsrpSm::handleCliConfig(const State::Change& change) {
         {"latency", &MsrpSm::latencyChanged},
     };
     static_assert(State::coversFields<CliConfig>(reactions));
-    grown_ = keepPercentages();
-    if (!acts()) return;
+    if (!acts()) {
+        // Whoever acts next looks at all of it.
+        (void)keepPercentages();
+        (void)keepStreamVlans();
+        return;
+    }
     trace("MsrpSm::handleCliConfig( ", change.field, " )");
     ringTrace("handleCliConfig");
     const auto found = std::ranges::find(reactions, change.field, &Reaction::field);
@@ -111,22 +119,29 @@ void MsrpSm::classPriorityChanged(const State::Change&) {
     everyPort([&](IntfId intf) { readmitPort(intf); });
 }
 
-void MsrpSm::defaultSrPvidChanged(const State::Change&) {
-    everyPort([&](IntfId intf) {
-        if (inputs_.cliConfig->srPvid().get(intf).value() == 0) readmitPort(intf);
-    });
-}
-
-void MsrpSm::srPvidChanged(const State::Change& change) {
-    const auto* intf = change.key<IntfId>();
-    if (intf != nullptr && status()->intfStatus(*intf)) readmitPort(*intf);
+void MsrpSm::streamVlanChanged(const State::Change&) {
+    for (const IntfId intf : keepStreamVlans()) {
+        if (status()->intfStatus(intf)) readmitPort(intf);
+    }
 }
 
 void MsrpSm::bandwidthPercentChanged(const State::Change&) {
     // Less binds later decisions only; more is bandwidth released on every port.
-    if (!grown_) return;
+    if (!keepPercentages()) return;
     everyPort([&](IntfId intf) { bandwidthReleasedIs(intf, true); });
     reprocessBandwidthFailedStreams();
+}
+
+std::vector<IntfId> MsrpSm::keepStreamVlans() {
+    const auto before = std::exchange(srPvid_, inputs_.cliConfig->srPvid());
+    const U16 defaultBefore = std::exchange(defaultSrPvid_, inputs_.cliConfig->defaultSrPvid());
+    std::vector<IntfId> moved;
+    if (before == srPvid_ && defaultBefore == defaultSrPvid_) return moved;
+    for (const IntfId intf : portsWithStatus()) {
+        const U16 own = before.get(intf).value();
+        if ((own != 0 ? own : defaultBefore) != intfSrPvid(intf)) moved.push_back(intf);
+    }
+    return moved;
 }
 
 bool MsrpSm::keepPercentages() {

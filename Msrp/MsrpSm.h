@@ -246,6 +246,8 @@ public:
     [[nodiscard]] bool avbBwValidOnTxQ(const std::shared_ptr<const IntfStatus>& intfStatus,
                                        Qos::TxQueue queue) const;
     void doSetQosTxQueueConfig(IntfId intf);
+    /// That a stream with such frames (octets) has, or gives back, bandwidth of the class on the port: queues
+    /// are shaped by the largest (IEEE 802.1Q L.3).
     void frameReserved(IntfId intf, SrClassId srClass, U16 maxFrameSize, bool there);
     void doUpdateShapeRate();
     void doSetCosToTcMap();
@@ -309,8 +311,7 @@ private:
     template <SrClassId srClass>
     void classSupportChanged(const State::Change&);
     void classPriorityChanged(const State::Change&);
-    void defaultSrPvidChanged(const State::Change&);
-    void srPvidChanged(const State::Change& change);
+    void streamVlanChanged(const State::Change&);
     void bandwidthPercentChanged(const State::Change&);
     void latencyChanged(const State::Change& change);
     /// It binds each stream from the next repetition of its declaration.
@@ -328,6 +329,8 @@ private:
 
     /// Takes over the shares that are configured; true when one has grown.
     bool keepPercentages();
+    /// The same for the VLANs that streams use; the ports on which it is another one now.
+    std::vector<IntfId> keepStreamVlans();
     template <class Act>
     void everyPort(Act act);
 
@@ -447,14 +450,9 @@ private:
     void removeLeftovers();
 
     // VLANs
-    /// Whether a port can carry a VLAN, and why not.
-    struct VlanVerdict {
-        enum class Why : U8 { none, notConfigured, noMember, blocked, untagged };
-        TalkerFailureCode code = TalkerFailureCode::noFailure;
-        Why why = Why::none;
-    };
     /// Throws std::range_error for a VLAN out of range.
-    [[nodiscard]] VlanVerdict judgeVlan(IntfId intf, U16 vlan) const;
+    [[nodiscard]] struct VlanFacts vlanFacts(IntfId intf, U16 vlan) const;
+    void tellVlan(const struct VlanVerdict& verdict, IntfId intf, U64 streamId, U16 vlan) const;
 
     // Talkers
     template <class Attribute>
@@ -471,6 +469,7 @@ private:
     [[nodiscard]] TalkerFailureCode checkMacDaInUse(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr);
     /// A second look at the streams that wait for an address; true when all had theirs.
     bool retryAddress(EthAddr macDa, U32& next, U32 last, unsigned& units);
+    [[nodiscard]] struct EgressFacts egressFacts(IntfId port, const StreamData& stream) const;
     [[nodiscard]] TalkerFailureCode judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf);
     bool discard(IntfId intf, MsrpCounter counter, const std::string& text);
     void dropFailureCode(StreamData& stream, IntfId intf);
@@ -480,6 +479,8 @@ private:
     /// The stream as it is declared on a port: with what this bridge adds to its latency.
     [[nodiscard]] MsrpTalkerAdvertiseAttribute declaredOn(IntfId intf, const StreamData& stream) const;
     void declareAgain(IntfId intf, const StreamData& stream);
+    /// Ports that have failed the stream name the bridge that is the cause by now; `before` it was that one.
+    void failedBridgeChanged(const StreamData& stream, U64 before);
     void send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration = 0);
 
     // Bandwidth
@@ -518,7 +519,8 @@ private:
     bool initialized_ = false;
     U8 percentA_ = 0;  ///< the shares at their last change, to tell growth from shrinkage
     U8 percentB_ = 0;
-    bool grown_ = false;  ///< the last change of the configuration made a share larger
+    State::FlatMap<IntfId, SrPvid> srPvid_;  ///< the VLANs at their last change
+    U16 defaultSrPvid_ = 0;
     bool takingOver_ = false;
     bool ending_ = false;  ///< all ports are being closed for good
     unsigned spent_ = 0;   ///< units of work, ever

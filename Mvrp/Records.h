@@ -3,10 +3,13 @@
 
 #include "State/Record.h"
 #include "Switch/IntfId.h"
+#include "Switch/PortChoice.h"
 #include "Switch/VlanSet.h"
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <set>
 
 namespace Mvrp {
 
@@ -15,9 +18,14 @@ class Config : public State::Record<Config> {
 public:
     static constexpr std::string_view type = "Mvrp::Config";
 
-    [[nodiscard]] const State::FlatMap<IntfId, bool>& intfEnable() const { return intfEnable_; }
-    void intfEnableIs(IntfId id, bool v) { setEntry(intfEnable_, id, v, "intfEnable"); }
-    void intfEnableDel(IntfId id) { delEntry(intfEnable_, id, "intfEnable"); }
+    /// The ports on which MVRP runs: those whose entry is true.
+    [[nodiscard]] const State::FlatMap<IntfId, bool>& intfEnable() const { return intfEnable_.ports(); }
+    void intfEnableIs(IntfId id, bool v) { intfEnableField.sayIs(*this, id, v); }
+    void intfEnableDel(IntfId id) { intfEnableField.sayIs(*this, id, std::nullopt); }
+    /// The same in the operator's words, of which one may be for all ports of the bridge.
+    [[nodiscard]] const PortChoice& choice() const { return intfEnable_; }
+    /// The bridge's ports, for that.
+    void bridgePortsAre(const std::set<IntfId>& ports) { intfEnableField.bridgePortsAre(*this, ports); }
     /// VLANs that a port's peer may ask for; of a port without an entry, the one that streams use there.
     [[nodiscard]] const State::FlatMap<IntfId, VlanSet>& allowed() const { return allowed_; }
     void allowedIs(IntfId id, const VlanSet& v) { setEntry(allowed_, id, v, "allowed"); }
@@ -25,14 +33,17 @@ public:
 
     template <class F>
     static constexpr void fields(F&& each) {
-        each(State::map("intfEnable", &Config::intfEnable_));
+        each(intfEnableField);
         each(State::map("allowed", &Config::allowed_));
     }
 
 private:
-    State::FlatMap<IntfId, bool> intfEnable_;
+    static const PortChoiceField<Config> intfEnableField;
+
+    PortChoice intfEnable_;
     State::FlatMap<IntfId, VlanSet> allowed_;
 };
+inline constexpr PortChoiceField<Config> Config::intfEnableField{"intfEnable", &Config::intfEnable_};
 
 /// What one port says and hears.
 class IntfStatus : public State::Record<IntfStatus> {
@@ -58,6 +69,7 @@ public:
     void failedRegistrationsInc() {
         assign(failedRegistrations_, failedRegistrations_ + 1, "failedRegistrations");
     }
+    void failedRegistrationsClear() { assign(failedRegistrations_, std::uint64_t{0}, "failedRegistrations"); }
 
     template <class F>
     static constexpr void fields(F&& each) {

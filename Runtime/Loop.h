@@ -60,6 +60,7 @@ protected:
     /// run before the next timer.  Timers armed meanwhile for `now` wait for the next call, and so do the
     /// rest once the clock has moved on by `span`.
     void fireDue(Time now, Duration span = Duration::max());
+    [[nodiscard]] bool anythingPosted() const { return !posted_.empty(); }
     [[nodiscard]] bool timerArmed() const { return !timers_.empty(); }
     /// The earliest timer's time; only while `timerArmed()`.
     [[nodiscard]] Time nextDue() const { return timers_.begin()->first.first; }

@@ -1,6 +1,7 @@
 /// The last lines of the system log, for people who ask the running daemon.
 #pragma once
 
+#include "Runtime/LogConfig.h"
 #include "State/Record.h"
 
 #include <cstddef>
@@ -15,20 +16,24 @@ class LogLine : public State::Record<LogLine> {
 public:
     static constexpr std::string_view type = "Runtime::LogLine";
     explicit LogLine(std::uint64_t) {}
-    LogLine(double time, std::string text) : time_{time}, text_{std::move(text)} {}
+    LogLine(double time, LogLevel level, std::string text)
+        : time_{time}, level_{level}, text_{std::move(text)} {}
 
     /// Seconds on the daemon's clock.
     [[nodiscard]] double time() const { return time_; }
+    [[nodiscard]] LogLevel level() const { return level_; }
     [[nodiscard]] const std::string& text() const { return text_; }
 
     template <class F>
     static constexpr void fields(F&& each) {
         each(State::scalar("time", &LogLine::time_));
+        each(State::scalar("level", &LogLine::level_));
         each(State::scalar("text", &LogLine::text_));
     }
 
 private:
     double time_ = 0.0;
+    LogLevel level_ = LogLevel::information;
     std::string text_;
 };
 
@@ -41,9 +46,9 @@ public:
     /// Lines by number, counted from 1.
     [[nodiscard]] const State::Collection<std::uint64_t, LogLine>& line() const { return line_; }
     /// Beyond the capacity the oldest line goes.
-    void add(double time, const std::string& text) {
+    void add(double time, LogLevel level, const std::string& text) {
         if (line_.size() == capacity) delChild(line_, *line_.firstKey(), "line");
-        putChild(line_, next_++, std::make_shared<LogLine>(time, text), "line");
+        putChild(line_, next_++, std::make_shared<LogLine>(time, level, text), "line");
     }
 
     template <class F>

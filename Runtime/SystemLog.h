@@ -85,8 +85,8 @@ public:
     /// `subject` is the port that the line is about, as far as that can be told without reading it.
     using Sink =
         std::function<void(const LogEvent& event, std::string_view subject, const std::string& text)>;
-    /// Asked before the text is made; when it says no, the line is lost, and who says so counts it.
-    using Gate = std::function<bool(std::string_view subject)>;
+    /// Asked before the text is made; when it says no, the line is lost.
+    using Gate = std::function<bool(const LogEvent& event, std::string_view subject)>;
 
     void sinkIs(Sink sink, Gate gate = {}) {
         sink_ = std::move(sink);
@@ -98,7 +98,7 @@ public:
         if (!sink_) return;
         const auto line = format(event.format, arguments...);
         const std::string_view subject = line.subject();
-        if (!gate_ || gate_(subject)) sink_(event, subject, line.text());
+        if (!gate_ || gate_(event, subject)) sink_(event, subject, line.text());
     }
 
 private:

@@ -10,11 +10,16 @@ bool VirtualLoop::step(Time end) {
     return true;
 }
 
-void VirtualLoop::runFor(Duration span) {
-    const Time end = now_ + span;
+void VirtualLoop::runTo(Time end) {
     while (step(end)) {
     }
     now_ = end;
+}
+
+std::optional<Time> VirtualLoop::nextTime() const {
+    if (anythingPosted()) return now_;
+    if (!timerArmed()) return std::nullopt;
+    return nextDue();
 }
 
 bool VirtualLoop::runUntil(const std::function<bool()>& condition, Duration span) {

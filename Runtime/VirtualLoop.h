@@ -5,6 +5,7 @@
 #include "Runtime/Loop.h"
 
 #include <functional>
+#include <optional>
 
 namespace Runtime {
 
@@ -15,7 +16,11 @@ public:
     [[nodiscard]] WallTime wallNow() const override { return WallTime{now_.time_since_epoch()}; }
 
     /// Runs everything that is due within `span` and leaves the clock at its end.
-    void runFor(Duration span);
+    void runFor(Duration span) { runTo(now_ + span); }
+    /// The same up to `end`, that moment included, which must not have passed.
+    void runTo(Time end);
+    /// When there is something to do next, if ever.
+    [[nodiscard]] std::optional<Time> nextTime() const;
     /// Runs until `condition` holds, at most for `span`; tells whether it holds.
     bool runUntil(const std::function<bool()>& condition, Duration span);
     /// Runs what is due now, without moving the clock.

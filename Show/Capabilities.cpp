@@ -1,5 +1,6 @@
 #include "Show/Capabilities.h"
 
+#include "Linux/records/CapabilityStatus.h"
 #include "Show/Table.h"
 #include "Show/Views.h"
 
@@ -35,7 +36,7 @@ struct AbilityRow {
 // For people; programs get the record itself.
 const Column<AbilityRow> abilityColumns[]{
     {"KERNEL", "", [](const auto& r) { return r.ability.first; }},
-    {"STATE", "", [](const auto& r) { return at(r.capabilities, {r.ability.first}); }},
+    {"STATE", "", [](const auto& r) { return at(r.capabilities, {r.ability.first}); }, cellText, wordMood},
     {"WHAT FOR", "", [](const auto& r) { return r.ability.second; }},
 };
 
@@ -79,22 +80,22 @@ std::string groupsText(const Value& groups) {
     return out;
 }
 
-std::string fenceText(const Value& fence) {
+std::string fenceText(const Value& fence, const Page& page) {
     const State::Object& ports = membersOf(at(fence, {"port"}));
     const std::string problem = textOf(at(fence, {"problem"}));
-    return (ports.empty() ? "" : Table{fenceColumns, 0, ports}.text() + '\n') +
+    return (ports.empty() ? "" : Table{fenceColumns, 0, ports}.text(page) + '\n') +
            (problem.empty() ? "" : "The fence does not tell streams apart: " + problem + ".\n\n");
 }
 
-std::string capabilitiesText(const Snapshot& snapshot) {
+std::string capabilitiesText(const Snapshot& snapshot, const Page& page) {
     const Value& capabilities = snapshot.record(capabilitiesPath);
     std::vector<AbilityRow> abilities;
     abilities.reserve(meanings.size());
     for (const Meaning& meaning : meanings) abilities.push_back({capabilities, meaning});
     const State::Object& ports = membersOf(at(capabilities, {"shaping"}));
-    return Table{abilityColumns, 0, abilities}.text() + '\n' +
-           (ports.empty() ? "" : Table{shapingColumns, 0, ports}.text() + '\n') +
-           fenceText(snapshot.record(fencePath)) + groupsText(snapshot.record(groupsPath)) +
+    return Table{abilityColumns, 0, abilities}.text(page) + '\n' +
+           (ports.empty() ? "" : Table{shapingColumns, 0, ports}.text(page) + '\n') +
+           fenceText(snapshot.record(fencePath), page) + groupsText(snapshot.record(groupsPath)) +
            floodText(snapshot);
 }
 
@@ -103,7 +104,8 @@ std::string capabilitiesText(const Snapshot& snapshot) {
 const View& capabilities() {
     static const View view{{std::string{capabilitiesPath}, std::string{groupsPath}, std::string{fencePath}},
                            capabilitiesText,
-                           [](const Snapshot& s) { return s.record(capabilitiesPath); }};
+                           [](const Snapshot& s) { return s.record(capabilitiesPath); },
+                           [] { return State::schemaOf(Linux::CapabilityStatus{}); }};
     return view;
 }
 

@@ -65,19 +65,21 @@ std::vector<CounterRow> counterRows(const Snapshot& snapshot) {
     return rows;
 }
 
-std::string countersText(const Snapshot& snapshot) {
+std::string countersText(const Snapshot& snapshot, const Page& page) {
     std::vector<CounterRow> rows = counterRows(snapshot);
     std::erase_if(rows, [](const CounterRow& row) { return row.rx == 0 && row.tx == 0; });
-    return Table{counterColumns, 2, rows}.text();
+    return Table{counterColumns, 2, rows}.text(page);
 }
 
 }  // namespace
 
 const View& counters() {
-    static const View view{
-        {"msrp/config", "msrp/status", "mrp/status", "linux/packets"}, countersText, [](const Snapshot& s) {
-            return Table{counterColumns, 2, counterRows(s)}.value();
-        }};
+    static const View view{{"msrp/config", "msrp/status", "mrp/status", "linux/packets"},
+                           countersText,
+                           [](const Snapshot& s) {
+                               return Table{counterColumns, 2, counterRows(s)}.value();
+                           },
+                           [] { return tableSchema(counterColumns, 2); }};
     return view;
 }
 

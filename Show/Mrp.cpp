@@ -64,6 +64,10 @@ std::string eventsText(const Value& counts) {
     return out.empty() ? "none" : out;
 }
 
+std::optional<U64> engineCount(const Value& record, std::string_view name) {
+    return known<U64>(at(record, {name}));
+}
+
 std::string timerText(const Value& seconds) {
     return seconds.isNull() ? "not running" : "in " + spanCell(seconds);
 }
@@ -78,12 +82,13 @@ const Column<EngineRow> engineColumns[]{
     {"PORT", "port", [](const auto& r) { return r.port; }},
     {"REGISTERED", "registered", [](const auto& r) { return sumOf(at(r.machines, {"registered"})); }},
     {"DECLARED", "declared", [](const auto& r) { return sumOf(at(r.machines, {"declared"})); }},
-    {"REFUSED", "refused", [](const auto& r) { return at(r.machines, {"refused"}); }},
-    {"LEAVEALL IN", "leaveAllIn", [](const auto& r) { return at(r.machines, {"leaveAllIn"}); }, spanCell},
-    {"RX FRAMES", "rxPdus", [](const auto& r) { return at(r.counters, {"rxPdus"}); }},
-    {"TX FRAMES", "txPdus", [](const auto& r) { return at(r.counters, {"txPdus"}); }},
+    {"REFUSED", "refused", [](const auto& r) { return engineCount(r.machines, "refused"); }},
+    {"LEAVEALL IN", "leaveAllIn", [](const auto& r) { return known<double>(at(r.machines, {"leaveAllIn"})); },
+     spanCell},
+    {"RX FRAMES", "rxPdus", [](const auto& r) { return engineCount(r.counters, "rxPdus"); }},
+    {"TX FRAMES", "txPdus", [](const auto& r) { return engineCount(r.counters, "txPdus"); }},
     {"MALFORMED", "malformed", [](const auto& r) { return sumOf(at(r.counters, {"malformed"})); }},
-    {"DROPPED", "droppedPdus", [](const auto& r) { return at(r.counters, {"droppedPdus"}); }},
+    {"DROPPED", "droppedPdus", [](const auto& r) { return engineCount(r.counters, "droppedPdus"); }},
 };
 
 std::string machinesPath(const std::string& port) { return mrpPath(port) + "/machines"; }
@@ -127,20 +132,21 @@ const Column<AttributeRow> attributeColumns[]{
 
 const View& engines() {
     static const View view{{"mrp/status", "linux/packets"},
-                           [](const Snapshot& s) { return engineTable(s).text(); },
+                           [](const Snapshot& s, const Page& page) { return engineTable(s).text(page); },
                            [](const Snapshot& s) { return engineTable(s).value(); },
+                           [] { return tableSchema(engineColumns, 1); },
                            machinesOfPorts};
     return view;
 }
 
 std::string mrpPath(const std::string& port) { return "mrp/attributes/intf/" + port; }
 
-std::string mrpText(const Snapshot& snapshot, const std::string& port) {
+std::string mrpText(const Snapshot& snapshot, const std::string& port, const Page& page) {
     const Value& record = snapshot.record(mrpPath(port));
     const Value& machines = at(record, {"machines"});
     const Value& counters = at(snapshot.record("mrp/status"), {"intf", port});
     const Value& socket = at(snapshot.record("linux/packets"), {"intf", port});
-    const auto number = [](const Value& value, std::string_view field) {
+    const auto digits = [](const Value& value, std::string_view field) {
         return std::to_string(numberOf(at(value, {field})));
     };
     std::vector<AttributeRow> rows;
@@ -155,16 +161,17 @@ std::string mrpText(const Snapshot& snapshot, const std::string& port) {
                   {"leave timer", timerText(at(machines, {"leaveIn"}))},
                   {"registered", countsText(at(machines, {"registered"}))},
                   {"declared", countsText(at(machines, {"declared"}))},
-                  {"frames", number(counters, "rxPdus") + " received, " + number(counters, "txPdus") +
-                                 " sent, " + number(counters, "droppedPdus") + " dropped, " +
-                                 number(socket, "receiveDropped") + " by the kernel"},
+                  {"frames", digits(counters, "rxPdus") + " received, " + digits(counters, "txPdus") +
+                                 " sent, " + digits(counters, "droppedPdus") + " dropped, " +
+                                 digits(socket, "receiveDropped") + " by the kernel"},
                   {"received", eventsText(at(counters, {"rxEvents"}))},
                   {"sent", eventsText(at(counters, {"txEvents"}))},
                   {"malformed", eventsText(at(counters, {"malformed"}))},
-                  {"refused", number(counters, "refusedJoins") + " joins, " +
-                                  number(counters, "rangeErrors") + " out of range, " +
-                                  number(counters, "droppedRegistrations") + " over the limit"}}) +
-           (rows.empty() ? "" : Table{attributeColumns, 2, rows}.text());
+                  {"refused", digits(counters, "refusedJoins") + " joins, " +
+                                  digits(counters, "rangeErrors") + " out of range, " +
+                                  digits(counters, "droppedRegistrations") + " over the limit"}},
+                 page) +
+           (rows.empty() ? "" : Table{attributeColumns, 2, rows}.text(page));
 }
 
 }  // namespace Show

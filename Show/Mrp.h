@@ -1,6 +1,7 @@
 /// The protocol engine as it stands: timers, frames, and the state machines of every attribute.
 #pragma once
 
+#include "Show/Page.h"
 #include "Show/Snapshot.h"
 
 #include <string>
@@ -10,6 +11,6 @@ namespace Show {
 /// Where one port's engine stands.
 std::string mrpPath(const std::string& port);
 /// All about one port; from its record and those of `engines()`.
-std::string mrpText(const Snapshot& snapshot, const std::string& port);
+std::string mrpText(const Snapshot& snapshot, const std::string& port, const Page& page = {});
 
 }  // namespace Show

@@ -1,8 +1,10 @@
 #include "Msrp/bandwidth/Admission.h"
 #include "Show/Capabilities.h"
+#include "Show/PortFacts.h"
 #include "Show/StreamReport.h"
 #include "Show/Table.h"
 #include "Show/Views.h"
+#include "Switch/Interface.h"
 
 #include <algorithm>
 #include <map>
@@ -32,28 +34,26 @@ struct PortRow {
 };
 
 /// "used/allowed"
-Value bandwidth(const PortRow& row, bool classA) {
+std::optional<std::string> bandwidth(const PortRow& row, bool classA) {
     if (row.status.isNull()) return {};
-    const Msrp::AdmissionRequest share = portShare(row.snapshot, row.port);
+    Msrp::AdmissionRequest share = portShare(row.snapshot, row.port);
+    share.srClass = classA ? Msrp::SrClassId::SrClassA : Msrp::SrClassId::SrClassB;
     const U64 used = classA ? share.allocatedA : share.allocatedB;
-    const U64 total = Msrp::allowedTotal(share);
-    const U64 left = total > share.allocatedA ? total - share.allocatedA : 0;
-    const U64 allowed = classA ? share.percentA * share.link / 100 : left;
-    return Value{std::to_string(used) + '/' + std::to_string(allowed)};
+    return std::to_string(used) + '/' + std::to_string(Msrp::allowedForClass(share));
 }
 
-Value linkState(const PortRow& row) {
+std::optional<std::string> linkState(const PortRow& row) {
     if (at(row.snapshot.record("interface/status/eth/intf"), {"intf", row.port}).isNull())
         return "no interface";
     return textOrNone(textOf(at(row.link, {"linkStatus"})));
 }
 
-/// Null where nobody is asked about common time.
-Value timeState(const PortRow& row) {
+/// Nothing where nobody is asked about common time.
+std::optional<std::string> timeState(const PortRow& row) {
     const Value& time = row.snapshot.record("switch/time");
     if (!isTrue(at(time, {"asked"}))) return {};
     const Value& port = at(time, {"port", row.port});
-    return port.isNull() ? Value{"unknown"} : at(port, {"state"});
+    return port.isNull() ? "unknown" : textOf(at(port, {"state"}));
 }
 
 /// By port: streams that want bandwidth there, and streams that were declared there and want an address.
@@ -76,69 +76,78 @@ PortWaits portWaits(const Snapshot& snapshot) {
 }
 
 /// kbit/s by queue.
-Value reservedQueues(const PortRow& row) {
-    State::Object queues;
+using Queues = std::vector<std::pair<std::string, U64>>;
+Queues reservedQueues(const PortRow& row) {
+    Queues queues;
     for (const auto& [queue, config] : membersOf(
              at(row.snapshot.record("qos/input/config/msrp"), {"intfConfig", row.port, "txQueueConfig"})))
-        queues.emplace_back(queue, at(config, {"shapeRate"}));
+        queues.emplace_back(queue, numberOf(at(config, {"shapeRate"})));
     return queues;
 }
 
 /// Why a port's queues are not shaped, where something is reserved or that was refused; else nothing.
 std::string whyNotShaped(const PortRow& row) {
     const Value& shaping = at(row.snapshot.record("linux/capabilities"), {"shaping", row.port});
-    if (textOf(at(shaping, {"shaper"})) == "none" && !membersOf(reservedQueues(row)).empty())
+    if (textOf(at(shaping, {"shaper"})) == "none" && !reservedQueues(row).empty())
         return textOf(at(shaping, {"why"}));
     return textOf(at(row.snapshot.record("switch/refusals"), {"port", row.port, "why"}));
 }
 
-Value shapedQueues(const PortRow& row) {
-    return whyNotShaped(row).empty() ? reservedQueues(row) : Value{State::Object{}};
-}
+Queues shapedQueues(const PortRow& row) { return whyNotShaped(row).empty() ? reservedQueues(row) : Queues{}; }
 
 std::string shapedText(const PortRow& row) {
-    return whyNotShaped(row).empty() ? cellText(reservedQueues(row)) : "none";
+    return whyNotShaped(row).empty() ? cellText(State::Codec<Queues>::encode(reservedQueues(row))) : "none";
+}
+
+std::optional<U64> mrpCounter(const PortRow& row, std::string_view name) {
+    return known<U64>(at(row.mrp, {name}));
 }
 
 const Column<PortRow> portColumns[]{
     {"PORT", "port", [](const auto& r) { return r.port; }},
-    {"LINK", "link", [](const auto& r) { return linkState(r); }},
-    {"SPEED", "speed", [](const auto& r) { return at(r.link, {"speedEnum"}); }},
-    {"TIME", "time", [](const auto& r) { return timeState(r); }},
-    {"STATE", "portState", [](const auto& r) { return at(r.status, {"portState"}); }},
+    {"LINK", "link", [](const auto& r) { return linkState(r); }, cellText, wordMood},
+    {"SPEED", "speed", [](const auto& r) { return known<Interface::Speed>(at(r.link, {"speedEnum"})); }},
+    {"TIME", "time", [](const auto& r) { return timeState(r); }, cellText, wordMood},
+    {"STATE", "portState",
+     [](const auto& r) { return known<Msrp::MsrpPortState>(at(r.status, {"portState"})); }, cellText,
+     wordMood},
     {"CLASS A", "srClassA",
      [](const auto& r) {
-         return at(r.status, {"srClassState", "SrClassA"});
-     }},
+         return known<Msrp::SrClassState>(at(r.status, {"srClassState", "SrClassA"}));
+     },
+     cellText, wordMood},
     {"A KBPS", "srClassABandwidth", [](const auto& r) { return bandwidth(r, true); }},
     {"CLASS B", "srClassB",
      [](const auto& r) {
-         return at(r.status, {"srClassState", "SrClassB"});
-     }},
+         return known<Msrp::SrClassState>(at(r.status, {"srClassState", "SrClassB"}));
+     },
+     cellText, wordMood},
     {"B KBPS", "srClassBBandwidth", [](const auto& r) { return bandwidth(r, false); }},
     {"SHAPED KBPS", "", [](const auto& r) { return shapedText(r); }},
-    {"", "shaped", [](const auto& r) { return shapedQueues(r); }},
-    {"", "notShaped", [](const auto& r) { return textOrNone(whyNotShaped(r)); }},
+    {"shaped", [](const auto& r) { return shapedQueues(r); }},
+    {"notShaped", [](const auto& r) { return textOrNone(whyNotShaped(r)); }},
     {"WAITING", "waiting",
-     [](const auto& r) { return r.status.isNull() ? Value{} : Value{U64{r.waits.size()}}; }},
-    {"RX PDUS", "rxPdus", [](const auto& r) { return at(r.mrp, {"rxPdus"}); }},
-    {"TX PDUS", "txPdus", [](const auto& r) { return at(r.mrp, {"txPdus"}); }},
-    {"REFUSED", "refusedJoins", [](const auto& r) { return at(r.mrp, {"refusedJoins"}); }},
+     [](const auto& r) { return r.status.isNull() ? std::nullopt : std::optional{r.waits.size()}; }},
+    {"RX PDUS", "rxPdus", [](const auto& r) { return mrpCounter(r, "rxPdus"); }},
+    {"TX PDUS", "txPdus", [](const auto& r) { return mrpCounter(r, "txPdus"); }},
+    {"REFUSED", "refusedJoins", [](const auto& r) { return mrpCounter(r, "refusedJoins"); }},
     {"MALFORMED", "malformed",
-     [](const auto& r) { return r.mrp.isNull() ? Value{} : Value{sumOf(at(r.mrp, {"malformed"}))}; }},
-    {"DROPPED", "droppedRegistrations", [](const auto& r) { return at(r.mrp, {"droppedRegistrations"}); }},
+     [](const auto& r) {
+         return r.mrp.isNull() ? std::nullopt : std::optional{sumOf(at(r.mrp, {"malformed"}))};
+     }},
+    {"DROPPED", "droppedRegistrations", [](const auto& r) { return mrpCounter(r, "droppedRegistrations"); }},
 };
 
 /// Why its queues are not shaped, and the first of those who wait; `show streams` has them all.
-std::string notes(const PortRow& row) {
+Notes notes(const PortRow& row) {
     constexpr std::size_t most = 5;
-    std::string out;
+    Notes out;
     if (const std::string why = whyNotShaped(row); !why.empty())
-        out += "    queues are not shaped: " + why + '\n';
+        out.push_back({"queues are not shaped: " + why, Mood::bad});
     for (std::size_t i = 0; i < std::min(row.waits.size(), most); ++i)
-        out += "    " + row.waits[i].text + '\n';
+        out.push_back({row.waits[i].text, Mood::waits});
     if (row.waits.size() > most)
-        out += "    and " + std::to_string(row.waits.size() - most) + " more streams\n";
+        out.push_back({"and " + std::to_string(row.waits.size() - most) + " more streams", Mood::waits});
     return out;
 }
 
@@ -162,15 +171,16 @@ const Column<DomainRow> domainColumns[]{
     {"CLASS", "class", [](const auto& r) { return r.srClass; }},
     {"STATE", "state",
      [](const auto& r) {
-         return at(r.snapshot.record("msrp/status"),
-                   {"intfStatus", r.port, "srClassState", "SrClass" + r.srClass});
-     }},
+         return known<Msrp::SrClassState>(at(r.snapshot.record("msrp/status"),
+                                             {"intfStatus", r.port, "srClassState", "SrClass" + r.srClass}));
+     },
+     cellText, wordMood},
     {"PRIORITY", "priority",
-     [](const auto& r) { return at(r.config, {"srClass" + r.srClass + "Priority"}); }},
+     [](const auto& r) { return known<Msrp::U8>(at(r.config, {"srClass" + r.srClass + "Priority"})); }},
     {"SR PVID", "srPvid",
      [](const auto& r) {
          const Value& own = at(r.config, {"srPvid", r.port});
-         return numberOf(own) != 0 ? own : at(r.config, {"defaultSrPvid"});
+         return known<Msrp::U16>(numberOf(own) != 0 ? own : at(r.config, {"defaultSrPvid"}));
      }},
 };
 
@@ -188,8 +198,10 @@ Table domainTable(const Snapshot& snapshot) {
 const View& ports() {
     // What `streams` looks at, since it tells who waits, and the port's own.
     static const View view = [] {
-        View made{streams().records, [](const Snapshot& s) { return portTable(s).text() + floodText(s); },
-                  [](const Snapshot& s) { return portTable(s).value(); }};
+        View made{streams().records,
+                  [](const Snapshot& s, const Page& page) { return portTable(s).text(page) + floodText(s); },
+                  [](const Snapshot& s) { return portTable(s).value(); },
+                  [] { return tableSchema(portColumns, 1); }};
         for (const char* path : {"mrp/status", "interface/status/eth/intf", "qos/input/config/msrp",
                                  "linux/capabilities", "switch/time"})
             made.records.emplace_back(path);
@@ -200,8 +212,9 @@ const View& ports() {
 
 const View& domain() {
     static const View view{{"msrp/config", "msrp/cliConfig", "msrp/status"},
-                           [](const Snapshot& s) { return domainTable(s).text(); },
-                           [](const Snapshot& s) { return domainTable(s).value(); }};
+                           [](const Snapshot& s, const Page& page) { return domainTable(s).text(page); },
+                           [](const Snapshot& s) { return domainTable(s).value(); },
+                           [] { return tableSchema(domainColumns, 2); }};
     return view;
 }
 

@@ -1,5 +1,7 @@
 #include "Show/Snapshot.h"
 
+#include "Switch/PortChoice.h"
+
 namespace Show {
 
 using State::Value;
@@ -49,10 +51,21 @@ const Value& Snapshot::record(std::string_view path) const {
     return found != records.end() ? found->second : none;
 }
 
+bool chosen(const Value& intfEnable, std::string_view port) {
+    const Value* own = intfEnable.member(port);
+    return isTrue(own != nullptr ? *own : at(intfEnable, {everyPort}));
+}
+
 std::vector<std::string> enabledPorts(const Snapshot& snapshot) {
     std::vector<std::string> all;
-    for (const auto& [port, enabled] : membersOf(at(snapshot.record("msrp/config"), {"intfEnable"}))) {
-        if (isTrue(enabled)) all.push_back(port);
+    const Value& said = at(snapshot.record("msrp/config"), {"intfEnable"});
+    for (const auto& [port, enabled] : membersOf(said)) {
+        if (isTrue(enabled) && port != everyPort) all.push_back(port);
+    }
+    if (!isTrue(at(said, {everyPort}))) return all;
+    // The others are those on which it runs.
+    for (const auto& [port, status] : membersOf(at(snapshot.record("msrp/status"), {"intfStatus"}))) {
+        if (said.member(port) == nullptr) all.push_back(port);
     }
     return all;
 }

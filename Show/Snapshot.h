@@ -34,6 +34,8 @@ struct Snapshot {
     [[nodiscard]] const State::Value& record(std::string_view path) const;
 };
 
+/// Whether a protocol is to run on the port, by an "intfEnable": by the port's name, or else by that of all.
+bool chosen(const State::Value& intfEnable, std::string_view port);
 /// Those on which MSRP is configured to run.
 std::vector<std::string> enabledPorts(const Snapshot& snapshot);
 

@@ -1,9 +1,11 @@
 #include "Show/StreamReport.h"
 
+#include "Show/BridgeNames.h"
+#include "Show/FailureCodes.h"
+#include "Show/PortFacts.h"
 #include "Switch/EthAddr.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace Show {
 
@@ -12,27 +14,11 @@ using State::Value;
 
 namespace {
 
-constexpr U64 addressMask = 0xffff'ffff'ffff;
-
-/// "8000.02:00:00:00:00:01": priority and address, as bridges are named (IEEE 802.1Q 14.2.5).
-std::string bridgeName(U64 id) {
-    char priority[8];
-    std::snprintf(priority, sizeof priority, "%04x.", static_cast<unsigned>(id >> 48));
-    return priority + EthAddr::fromNumber(id & addressMask).text();
-}
-
 constexpr U64 addressInUse = Msrp::number(Msrp::TalkerFailureCode::destinationAddressInUse);
 
 bool wantsBandwidth(U64 code) {
     return code == Msrp::number(Msrp::TalkerFailureCode::insufficientBandwidth) ||
            code == Msrp::number(Msrp::TalkerFailureCode::insufficientBandwidthForClass);
-}
-
-std::string codeText(U64 code) {
-    for (const auto& known : Msrp::talkerFailureCodeNames) {
-        if (Msrp::number(known.value) == code) return std::string{known.name};
-    }
-    return "failure code " + std::to_string(code);
 }
 
 /// "A", "B", or nothing while no talker has told.
@@ -78,11 +64,7 @@ private:
                                               const std::string& port) const {
         StreamPortReport p;
         p.name = port;
-        // Another stream may have the group of that address.
-        const bool wanted =
-            !textOf(at(stream, {"ethGroup"})).empty() &&
-            isTrue(at(snapshot_.record("bridging/input/config/msrp"),
-                      {"fdbConfig", std::to_string(r.vlan), "ethGroup", r.destination, "intf", port}));
+        const bool wanted = inGroup(snapshot_, stream, port);
         const std::string entry = std::to_string(r.vlan) + '/' + r.destination + '/' + port;
         const Value& groups = snapshot_.record("linux/groups");
         const std::string refused = textOf(at(groups, {"failed", entry}));
@@ -141,14 +123,15 @@ private:
         const U64 bridge = State::parseHex(textOf(at(stream, {"failedBridgeId"}))).value_or(0);
         std::string text = codeText(code);
         if (bridge == 0) return text;
-        return text + " (found by " + (isOurs(stream) ? "this bridge" : "bridge " + bridgeName(bridge)) + ')';
+        return text + " (found by " + (isOurs(stream) ? "this bridge" : "bridge " + bridgeIdText(bridge)) +
+               ')';
     }
 
     /// This bridge found the failure.
     [[nodiscard]] bool isOurs(const Value& stream) const {
         const U64 bridge = State::parseHex(textOf(at(stream, {"failedBridgeId"}))).value_or(0);
         // The priority of our own id depends on the spanning tree; the address is ours alone.
-        return bridgeAddress_ != 0 && (bridge & addressMask) == bridgeAddress_;
+        return bridgeAddress_ != 0 && bridgeAddress(bridge) == bridgeAddress_;
     }
 
     [[nodiscard]] double age(const Value& stream, const std::string& port) const {
@@ -170,6 +153,12 @@ std::vector<StreamReport> streamReports(const Snapshot& snapshot) {
         if (const auto id = State::parseHex(key)) reports.push_back(reporter.report(*id, stream));
     }
     return reports;
+}
+
+std::optional<StreamReport> streamReport(const Snapshot& snapshot, U64 id) {
+    const Value& stream = at(snapshot.record("msrp/status"), {"registeredStreams", State::hexText(id)});
+    if (stream.isNull()) return std::nullopt;
+    return Reporter{snapshot}.report(id, stream);
 }
 
 std::string streamName(U64 id) {

@@ -40,6 +40,8 @@ struct StreamReport {
 
 /// In the order of their ids.
 std::vector<StreamReport> streamReports(const Snapshot& snapshot);
+/// Of one stream, if it is registered.
+std::optional<StreamReport> streamReport(const Snapshot& snapshot, Msrp::U64 id);
 
 /// The talker's address and unique id: "00:11:22:33:44:55/1" (IEEE 802.1Q 35.2.2.8.2).
 std::string streamName(Msrp::U64 id);

@@ -1,5 +1,6 @@
 #include "Show/Streams.h"
 
+#include "Msrp/types/StreamData.h"
 #include "Show/Capabilities.h"
 #include "Show/Table.h"
 #include "Show/Views.h"
@@ -15,18 +16,34 @@ namespace {
 
 const Column<StreamPortReport> streamPortColumns[]{
     {"PORT", "port", [](const auto& p) { return p.name; }},
-    {"CARRIED", "carried", [](const auto& p) { return p.carried; }},
-    {"TALKER", "talker", [](const auto& p) { return textOrNone(p.talker); }},
-    {"LISTENER", "listener", [](const auto& p) { return textOrNone(p.listener); }},
+    {"CARRIED", "carried", [](const auto& p) { return p.carried; }, cellText, wordMood},
+    {"TALKER", "talker", [](const auto& p) { return textOrNone(p.talker); }, cellText, wordMood},
+    {"LISTENER", "listener", [](const auto& p) { return textOrNone(p.listener); }, cellText, wordMood},
     {"AGE", "age", [](const auto& p) { return ageOrNone(p.age); }, ageCell},
     {"WHY NOT", "reason", [](const auto& p) { return textOrNone(p.reason); }},
-    {"", "waiting", [](const auto& p) { return waitValue(p.wait); }},
+    {"waiting", [](const auto& p) { return p.wait; }},
 };
 
 Table portsOf(const StreamReport& stream) { return {streamPortColumns, 1, stream.ports}; }
 
+}  // namespace
+
+}  // namespace Show
+
+template <>
+struct State::Codec<std::vector<Show::StreamPortReport>> {
+    static Value encode(const std::vector<Show::StreamPortReport>& ports) {
+        return Show::Table{Show::streamPortColumns, 1, ports}.value();
+    }
+    static Schema schema() { return Show::tableSchema(Show::streamPortColumns, 1); }
+};
+
+namespace Show {
+
+namespace {
+
 const Column<StreamReport> streamColumns[]{
-    {"", "id", [](const auto& s) { return State::hexText(s.id); }},
+    {"id", [](const auto& s) { return HexId{s.id}; }},
     {"STREAM", "stream", [](const auto& s) { return streamName(s.id); }},
     {"ID", "", [](const auto& s) { return State::hexText(s.id); }},
     {"FROM", "from", [](const auto& s) { return textOrNone(s.from); }},
@@ -35,46 +52,61 @@ const Column<StreamReport> streamColumns[]{
     {"CLASS", "class", [](const auto& s) { return textOrNone(s.srClass); }},
     {"KBPS", "kbps", [](const auto& s) { return s.kbps; }},
     {"AGE", "age", [](const auto& s) { return ageOrNone(s.age); }, ageCell},
-    {"", "talker", [](const auto& s) { return textOrNone(s.talker); }},
-    {"", "failure", [](const auto& s) { return textOrNone(s.failure); }},
-    {"", "waiting", [](const auto& s) { return waitValue(s.wait); }},
-    {"", "ports", [](const auto& s) { return portsOf(s).value(); }},
-    {"", "record", [](const auto& s) { return s.record; }},
-};
+    {"talker", [](const auto& s) { return textOrNone(s.talker); }},
+    {"failure", [](const auto& s) { return textOrNone(s.failure); }},
+    {"waiting", [](const auto& s) { return s.wait; }},
+    {"ports", [](const auto& s) -> const auto& {return s.ports;
+}
+}  // namespace Show
+, {"record", [](const auto& s) { return Recorded<Msrp::StreamData>{s.record}; }},
+}
+;
 
-/// Ports with the same reason share a line; the reasons come in the order of their first ports.
-std::string others(const StreamReport& stream) {
-    std::vector<std::pair<std::string, std::string>> byReason;
-    for (const StreamPortReport& port : stream.ports) {
-        if (port.carried) continue;
-        const auto found =
-            std::ranges::find(byReason, port.reason, &std::pair<std::string, std::string>::first);
-        if (found == byReason.end()) {
-            byReason.emplace_back(port.reason, port.name);
-        } else {
-            found->second.append(", ").append(port.name);
-        }
-    }
-    std::string out;
-    for (const auto& [reason, names] : byReason) {
-        out.append("    not to ").append(names).append(": ").append(reason).append("\n");
-    }
-    return out;
+/// Nothing is wrong where nobody asks for it.
+Mood standing(const StreamReport& stream, const StreamPortReport& port) {
+    if (port.wait) return Mood::waits;
+    const bool asked = !port.listener.empty() && port.listener != "Ignore";
+    return asked && !stream.from.empty() ? Mood::bad : Mood::plain;
 }
 
-std::string notes(const StreamReport& stream) {
+/// Ports with the same reason share a line; the reasons come in the order of their first ports.
+void addOthers(const StreamReport& stream, Notes& notes) {
+    struct Reason {
+        std::string text;
+        std::string ports;
+        Mood mood;
+    };
+    std::vector<Reason> reasons;
+    for (const StreamPortReport& port : stream.ports) {
+        if (port.carried) continue;
+        const auto found = std::ranges::find(reasons, port.reason, &Reason::text);
+        if (found == reasons.end()) {
+            reasons.push_back({port.reason, port.name, standing(stream, port)});
+        } else {
+            found->ports.append(", ").append(port.name);
+        }
+    }
+    for (const Reason& reason : reasons)
+        notes.push_back({"not to " + reason.ports + ": " + reason.text, reason.mood});
+}
+
+Notes notes(const StreamReport& stream) {
+    Notes all;
     std::string carriers;
     for (const StreamPortReport& port : stream.ports) {
         if (!port.carried) continue;
         carriers += (carriers.empty() ? "" : ", ") + port.name + " (" + ageText(port.age) + ')';
     }
-    return (stream.failure.empty() ? "" : "    talker failed: " + stream.failure + '\n') +
-           (carriers.empty() ? "" : "    to " + carriers + '\n') + others(stream);
+    if (!stream.failure.empty()) all.push_back({"talker failed: " + stream.failure, Mood::bad});
+    if (!carriers.empty()) all.push_back({"to " + carriers, Mood::good});
+    addOthers(stream, all);
+    return all;
 }
 
-std::string streamsText(const Snapshot& snapshot) {
+std::string streamsText(const Snapshot& snapshot, const Page& page) {
     const auto all = streamReports(snapshot);
-    return (all.empty() ? "no streams\n" : Table{streamColumns, 1, all, notes}.text()) + floodText(snapshot);
+    return (all.empty() ? "no streams\n" : Table{streamColumns, 1, all, notes}.text(page)) +
+           floodText(snapshot);
 }
 
 Value streamsValue(const Snapshot& snapshot) {
@@ -88,11 +120,12 @@ const View& streams() {
                             "bridging/input/config/msrp", "linux/groups", "interface/status/eth/phy/all",
                             "linux/config", "switch/refusals"},
                            streamsText,
-                           streamsValue};
+                           streamsValue,
+                           [] { return tableSchema(streamColumns, 1); }};
     return view;
 }
 
-std::string streamText(const Snapshot& snapshot, const StreamReport& stream) {
+std::string streamText(const Snapshot& snapshot, const StreamReport& stream, const Page& page) {
     const auto number = [&](std::string_view field) {
         return std::to_string(numberOf(at(stream.record, {field})));
     };
@@ -110,13 +143,24 @@ std::string streamText(const Snapshot& snapshot, const StreamReport& stream) {
                  stream.srClass + ", priority " + number("dataFramePriority") + ", rank " + number("rank")},
                 {"bandwidth", std::to_string(stream.kbps) + " kbps (" + number("maxIntervalFrames") +
                                   " frames of at most " + number("maxFrameSize") + " octets in an interval)"},
-                {"latency", number("accumulatedLatency") + " ns up to here"}}) +
-           (stream.ports.empty() ? "" : portsOf(stream).text()) + floodText(snapshot);
+                {"latency", number("accumulatedLatency") + " ns up to here"}},
+               page) +
+           (stream.ports.empty() ? "" : portsOf(stream).text(page)) + floodText(snapshot);
 }
 
-Value streamValue(const StreamReport& stream) {
+Value streamValue(const StreamReport& stream, const Value& stages, const Value& gone) {
     const Value all = Table{streamColumns, 1, std::vector{stream}}.value();
-    return membersOf(all).front().second;
+    State::Object members = membersOf(membersOf(all).front().second);
+    members.emplace_back("stages", stages.isNull() ? Value{State::Object{}} : stages);
+    members.emplace_back("gone", gone);
+    return members;
+}
+
+State::Schema streamSchema(const State::Schema& stages, const State::Schema& gone) {
+    State::Schema schema = objectSchema(streamColumns, 1);
+    schema.fields.emplace_back("stages", stages);
+    schema.fields.emplace_back("gone", State::orNull(gone));
+    return schema;
 }
 
 }  // namespace Show

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 namespace Show {
 
@@ -17,9 +18,27 @@ State::Object& below(State::Object& members, const std::string& key) {
     return std::get<State::Object>(members.back().second.data);
 }
 
-std::string padded(std::string text, std::size_t width) {
-    text.resize(std::max(width, text.size()), ' ');
-    return text;
+constexpr std::size_t columnGap = 2;
+/// What a column of sentences takes at the end of others rather than to begin a stanza of its own.
+constexpr std::size_t leastSentence = 30;
+/// A cell on a page on which there is no room at all.
+constexpr std::size_t leastCell = 10;
+
+/// Indented, and more so where it goes on.
+std::string noteText(const Note& note, const Page& page) {
+    constexpr std::size_t indent = 4;
+    constexpr std::size_t deeper = 8;
+    const std::string whole = printable(note.text);
+    const std::size_t room = page.width - std::min(page.width, indent);
+    if (page.width == 0 || page.cuts || columnsOf(whole) <= room) {
+        std::string line{page.cuts ? beginning(whole, room) : whole};
+        return std::string(indent, ' ') + painted(std::move(line), note.mood, page) + '\n';
+    }
+    std::string out;
+    for (std::string& line : wrapped(whole, std::max(page.width, deeper + leastCell) - deeper))
+        out += std::string(out.empty() ? indent : deeper, ' ') + painted(std::move(line), note.mood, page) +
+               '\n';
+    return out;
 }
 
 }  // namespace
@@ -69,23 +88,90 @@ std::string spanCell(const Value& cell) {
     return seconds ? spanText(*seconds) : "-";
 }
 
-Value textOrNone(const std::string& text) { return text.empty() ? Value{} : Value{text}; }
-Value ageOrNone(double seconds) { return seconds < 0 ? Value{} : Value{seconds}; }
+std::optional<std::string> textOrNone(const std::string& text) {
+    return text.empty() ? std::nullopt : std::optional{text};
+}
+std::optional<double> ageOrNone(double seconds) {
+    return seconds < 0 ? std::nullopt : std::optional{seconds};
+}
 
-std::string Table::text() const {
-    std::vector<std::string> lines(lines_.size() + 1);
+std::vector<Table::Shown> Table::shown() const {
+    std::vector<Shown> columns;
     for (std::size_t i = 0; i < heads_.size(); ++i) {
-        if (heads_[i].heading.empty()) continue;
-        std::vector<std::string> column{std::string{heads_[i].heading}};
-        for (const Line& line : lines_) column.push_back(heads_[i].text(line.cells[i]));
-        const std::size_t width = std::ranges::max_element(column, {}, &std::string::size)->size() + 2;
-        for (std::size_t k = 0; k < column.size(); ++k) lines[k] += padded(std::move(column[k]), width);
+        const Head& head = heads_[i];
+        if (head.heading.empty()) continue;
+        Shown& column = columns.emplace_back();
+        // Without a key that people see, the first column tells rows apart.
+        column.key = i < keys_ || columns.size() == 1;
+        column.cells.emplace_back(head.heading);
+        column.moods.push_back(Mood::heading);
+        for (const Line& line : lines_) {
+            column.cells.push_back(printable(head.text(line.cells[i])));
+            column.moods.push_back(head.mood != nullptr ? head.mood(line.cells[i]) : Mood::plain);
+        }
+        for (const std::string& cell : column.cells) column.width = std::max(column.width, columnsOf(cell));
     }
+    return columns;
+}
+
+std::string Table::stanza(const std::vector<const Shown*>& columns, const Page& page, bool notes) const {
     std::string out;
-    for (std::size_t k = 0; k < lines.size(); ++k) {
-        lines[k].erase(lines[k].find_last_not_of(' ') + 1);
-        out += lines[k] + '\n';
-        if (k > 0) out += lines_[k - 1].notes;
+    for (std::size_t row = 0; row <= lines_.size(); ++row) {
+        std::vector<std::vector<std::string>> cells;
+        std::size_t height = 1;
+        for (const Shown* column : columns) {
+            cells.push_back(wrapped(column->cells[row], column->width));
+            height = std::max(height, cells.back().size());
+        }
+        for (std::size_t part = 0; part < height; ++part) {
+            std::size_t at = 0;  // where the cell begins, and up to where something is written
+            std::size_t end = 0;
+            for (std::size_t i = 0; i < columns.size(); ++i) {
+                if (part < cells[i].size() && !cells[i][part].empty() && !(page.cuts && at >= page.width)) {
+                    const std::size_t room = page.cuts ? page.width - at : std::string::npos;
+                    std::string text{beginning(cells[i][part], room)};
+                    out.append(at - end, ' ');
+                    end = at + columnsOf(text);
+                    out += painted(std::move(text), columns[i]->moods[row], page);
+                }
+                at += columns[i]->width + columnGap;
+            }
+            out += '\n';
+        }
+        if (notes && row > 0) {
+            for (const Note& note : lines_[row - 1].notes) out += noteText(note, page);
+        }
+    }
+    return out;
+}
+
+std::string Table::text(const Page& page) const {
+    std::vector<Shown> columns = shown();
+    std::string out;
+    for (auto next = columns.begin(); next != columns.end();) {
+        std::vector<const Shown*> together;
+        std::size_t taken = 0;
+        const auto take = [&](Shown& column) {
+            together.push_back(&column);
+            taken += column.width + columnGap;
+        };
+        const bool first = next == columns.begin();
+        if (!first) {
+            out += '\n';
+            for (auto column = columns.begin(); column != next; ++column) {
+                if (column->key) take(*column);
+            }
+        }
+        const std::size_t repeated = together.size();
+        for (; next != columns.end(); ++next) {
+            const bool fits = page.width == 0 || page.cuts || taken + next->width <= page.width;
+            const std::size_t room = page.width - std::min(page.width, taken);
+            const bool last = std::next(next) == columns.end();
+            if (!fits && together.size() > repeated && !(last && room >= leastSentence)) break;
+            if (!fits) next->width = std::min(next->width, std::max(room, leastCell));
+            take(*next);
+        }
+        out += stanza(together, page, first);
     }
     return out;
 }
@@ -102,10 +188,18 @@ Value Table::value() const {
     return Value{std::move(all)};
 }
 
-std::string facts(const std::vector<std::pair<std::string_view, std::string>>& lines) {
+std::string facts(const std::vector<std::pair<std::string_view, std::string>>& lines, const Page& page) {
     constexpr std::size_t width = 13;
     std::string out;
-    for (const auto& [name, text] : lines) out += padded(std::string{name}, width) + text + '\n';
+    for (const auto& [name, text] : lines) {
+        const std::size_t gap = std::max(width, name.size()) - name.size();
+        const std::size_t room = std::max(page.width, width + leastCell) - width;
+        std::string before = painted(std::string{name}, Mood::heading, page) + std::string(gap, ' ');
+        for (const std::string& line : wrapped(printable(text), page.width == 0 ? text.size() : room)) {
+            out += before + line + '\n';
+            before.assign(width, ' ');
+        }
+    }
     return out;
 }
 

@@ -1,7 +1,9 @@
 /// What `msrpctl show` has: which records each of its tables is made of, and what becomes of them.
 #pragma once
 
+#include "Show/Page.h"
 #include "Show/Snapshot.h"
+#include "State/Schema.h"
 
 #include <string>
 #include <vector>
@@ -10,9 +12,11 @@ namespace Show {
 
 struct View {
     std::vector<std::string> records;
-    std::string (*text)(const Snapshot& snapshot);
-    /// Of a shape that does not depend on what is there.
+    std::string (*text)(const Snapshot& snapshot, const Page& page);
+    /// Of a shape that does not depend on what is there,
     State::Value (*value)(const Snapshot& snapshot);
+    /// and this is it.
+    State::Schema (*schema)();
     /// Paths of further records that the first ones name.  What of it is gone meanwhile is left out.
     std::vector<std::string> (*more)(const Snapshot& snapshot) = nullptr;
 };

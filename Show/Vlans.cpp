@@ -1,5 +1,6 @@
 #include "Show/Table.h"
 #include "Show/Views.h"
+#include "Switch/PortChoice.h"
 #include "Switch/VlanSet.h"
 
 #include <map>
@@ -24,14 +25,15 @@ std::map<std::string, VlanSet> carried(const Snapshot& snapshot) {
         const auto number = State::parseDecimal(id, VlanId::max);
         for (const auto& [port, member] : membersOf(at(vlan, {"intf"}))) ports[port].set(number.value_or(0));
     }
-    for (const auto& [port, enabled] : membersOf(at(snapshot.record("mvrp/config"), {"intfEnable"})))
-        ports[port];
+    for (const auto& [port, enabled] : membersOf(at(snapshot.record("mvrp/config"), {"intfEnable"}))) {
+        if (port != everyPort) ports[port];
+    }
     return ports;
 }
 
-Value runs(const VlanRow& row) {
+std::string runs(const VlanRow& row) {
     if (!row.mvrp.isNull()) return "on";
-    return isTrue(at(row.snapshot.record("mvrp/config"), {"intfEnable", row.port})) ? "no link" : "off";
+    return chosen(at(row.snapshot.record("mvrp/config"), {"intfEnable"}), row.port) ? "no link" : "off";
 }
 
 std::string problem(const VlanRow& row) {
@@ -46,12 +48,12 @@ const Column<VlanRow> vlanColumns[]{
     {"ASKED FOR", "registered", [](const auto& r) { return textOrNone(textOf(at(r.mvrp, {"registered"}))); }},
     {"REFUSED", "refused", [](const auto& r) { return textOrNone(textOf(at(r.mvrp, {"refused"}))); }},
     {"DECLARED", "declared", [](const auto& r) { return textOrNone(textOf(at(r.mvrp, {"declared"}))); }},
-    {"", "problem", [](const auto& r) { return textOrNone(problem(r)); }},
+    {"problem", [](const auto& r) { return textOrNone(problem(r)); }},
 };
 
-std::string notes(const VlanRow& row) {
+Notes notes(const VlanRow& row) {
     const std::string what = problem(row);
-    return what.empty() ? what : "    " + what + '\n';
+    return what.empty() ? Notes{} : Notes{{what, Mood::bad}};
 }
 
 Table vlanTable(const Snapshot& snapshot) {
@@ -65,8 +67,9 @@ Table vlanTable(const Snapshot& snapshot) {
 
 const View& vlans() {
     static const View view{{"bridging/config", "bridging/vlans", "mvrp/config", "mvrp/status"},
-                           [](const Snapshot& s) { return vlanTable(s).text(); },
-                           [](const Snapshot& s) { return vlanTable(s).value(); }};
+                           [](const Snapshot& s, const Page& page) { return vlanTable(s).text(page); },
+                           [](const Snapshot& s) { return vlanTable(s).value(); },
+                           [] { return tableSchema(vlanColumns, 1); }};
     return view;
 }
 

@@ -1,9 +1,11 @@
 #include "Show/WaitReport.h"
 
+#include "Show/PortFacts.h"
 #include "Show/StreamReport.h"
 #include "Show/Table.h"
 
 #include <algorithm>
+#include <unordered_map>
 #include <utility>
 
 namespace Show {
@@ -11,33 +13,23 @@ namespace Show {
 using Msrp::U64;
 using State::Value;
 
-Msrp::AdmissionRequest portShare(const Snapshot& snapshot, std::string_view port) {
-    const Value& status = at(snapshot.record("msrp/status"), {"intfStatus", port});
-    const Value& config = snapshot.record("msrp/cliConfig");
-    const Value& speed =
-        at(snapshot.record("interface/status/eth/phy/all"), {"intfStatus", port, "speedEnum"});
-    const auto known = State::Codec<Interface::Speed>::decode(speed);
-    return {.link = Msrp::linkSpeedKbps(known.value_or(Interface::Speed::speedUnknown)),
-            .percentA = numberOf(at(config, {"srClassABandwidthPercent"})),
-            .percentB = numberOf(at(config, {"srClassBBandwidthPercent"})),
-            .allocatedA = numberOf(at(status, {"classBandwidthAllocated", "SrClassA"})),
-            .allocatedB = numberOf(at(status, {"classBandwidthAllocated", "SrClassB"}))};
-}
-
-WaitingLines::WaitingLines(const Snapshot& snapshot)
-    : snapshot_{snapshot},
-      bandwidth_{linesOf(at(snapshot.record("msrp/waiting"), {"bandwidthFailedIntf"}), true)},
-      address_{linesOf(at(snapshot.record("msrp/waiting"), {"macDaBlocked"}), false)} {
+WaitingLines::WaitingLines(const Snapshot& snapshot) : snapshot_{snapshot} {
+    // Members of a value are found one by one, so all streams are looked at once.
+    std::unordered_map<U64, std::string> talkerPorts;
     for (const auto& [key, stream] : membersOf(at(snapshot.record("msrp/status"), {"registeredStreams"}))) {
         const std::string group = textOf(at(stream, {"ethGroup"}));
         const auto id = State::parseHex(key);
-        if (id && !group.empty()) holders_.emplace(std::pair{numberOf(at(stream, {"vlanId"})), group}, *id);
+        if (!id) continue;
+        talkerPorts.emplace(*id, textOf(at(stream, {"ingressIntf"})));
+        if (!group.empty()) holders_.emplace(std::pair{numberOf(at(stream, {"vlanId"})), group}, *id);
     }
+    bandwidth_ = linesOf(at(snapshot.record("msrp/waiting"), {"bandwidthFailedIntf"}), talkerPorts);
+    address_ = linesOf(at(snapshot.record("msrp/waiting"), {"macDaBlocked"}), {});
 }
 
-WaitingLines::Lines WaitingLines::linesOf(const Value& queues, bool ofPorts) const {
+WaitingLines::Lines WaitingLines::linesOf(const Value& queues,
+                                          const std::unordered_map<U64, std::string>& talkerPorts) {
     Lines lines;
-    const Value& streams = at(snapshot_.record("msrp/status"), {"registeredStreams"});
     for (const auto& [name, queue] : membersOf(queues)) {
         Line& line = lines[name];
         for (const auto& [index, entry] : membersOf(at(queue, {"failedStream"}))) {
@@ -45,8 +37,8 @@ WaitingLines::Lines WaitingLines::linesOf(const Value& queues, bool ofPorts) con
             const double since = State::Codec<double>::decode(at(entry, {"since"})).value_or(0.0);
             if (!id) continue;
             // Under its own talker's port a stream only waits to be declared again.
-            const bool competes =
-                !ofPorts || textOf(at(streams, {State::hexText(*id), "ingressIntf"})) != name;
+            const auto port = talkerPorts.find(*id);
+            const bool competes = port == talkerPorts.end() || port->second != name;
             const Place place{competes ? line.order.size() + 1 : 0, since};
             // A stream may stand twice; its first place counts.
             if (line.place.emplace(*id, place).second && competes) line.order.push_back(*id);
@@ -73,11 +65,8 @@ WaitReport WaitingLines::forBandwidth(U64 id, const Value& stream, const std::st
         // Refused when its talker declared it, it stands under the talker's port.
         report.age = standing(bandwidth_, textOf(at(stream, {"ingressIntf"})), id).age;
     }
-    Msrp::AdmissionRequest request = portShare(snapshot_, port);
-    const bool classA = textOf(at(stream, {"srClass"})) == "SrClassA";
-    request.srClass = classA ? Msrp::SrClassId::SrClassA : Msrp::SrClassId::SrClassB;
-    request.needed = numberOf(at(stream, {"bandwidth"}));
-    report.missing = Msrp::missingBandwidth(request);
+    report.missing = Msrp::missingBandwidth(admissionRequest(
+        snapshot_, port, classNamed(textOf(at(stream, {"srClass"}))), numberOf(at(stream, {"bandwidth"}))));
     return report;
 }
 
@@ -102,18 +91,26 @@ std::string waitText(const WaitReport& report) {
     return out;
 }
 
-Value waitValue(const std::optional<WaitReport>& report) {
-    if (!report) return {};
-    Value place;
-    if (report->place != 0) place = Value{U64{report->place}};
-    const auto idOrNone = [](const std::optional<U64>& id) {
-        return id ? Value{State::hexText(*id)} : Value{};
-    };
-    return State::Object{{"age", ageOrNone(report->age)},
-                         {"place", std::move(place)},
-                         {"behind", idOrNone(report->behind)},
-                         {"heldBy", idOrNone(report->holder)},
-                         {"missingKbps", Value{report->missing}}};
+namespace {
+
+std::optional<HexId> idOrNone(const std::optional<U64>& id) {
+    return id ? std::optional{HexId{*id}} : std::nullopt;
 }
 
+const Column<WaitReport> waitColumns[]{
+    {"age", [](const auto& w) { return ageOrNone(w.age); }},
+    {"place", [](const auto& w) { return w.place != 0 ? std::optional{w.place} : std::nullopt; }},
+    {"behind", [](const auto& w) { return idOrNone(w.behind); }},
+    {"heldBy", [](const auto& w) { return idOrNone(w.holder); }},
+    {"missingKbps", [](const auto& w) { return w.missing; }},
+};
+
+}  // namespace
+
 }  // namespace Show
+
+State::Value State::Codec<Show::WaitReport>::encode(const Show::WaitReport& report) {
+    return Show::objectValue(Show::waitColumns, report);
+}
+
+State::Schema State::Codec<Show::WaitReport>::schema() { return Show::objectSchema(Show::waitColumns); }

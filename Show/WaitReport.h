@@ -1,12 +1,14 @@
 /// Who waits for bandwidth or for an address: since when, behind whom, and what is missing.
 #pragma once
 
-#include "Msrp/bandwidth/Admission.h"
+#include "Msrp/types/Enums.h"
 #include "Show/Snapshot.h"
+#include "State/Codec.h"
 
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -21,9 +23,6 @@ struct WaitReport {
     std::optional<Msrp::U64> holder;  ///< the stream that has the address; bandwidth has none
     Msrp::U64 missing = 0;            ///< kbit/s that the port lacks; 0 for an address
 };
-
-/// The classes' shares of a port and what of them is allocated; without a request.
-Msrp::AdmissionRequest portShare(const Snapshot& snapshot, std::string_view port);
 
 class WaitingLines {
 public:
@@ -47,7 +46,9 @@ private:
     };
     using Lines = std::map<std::string, Line>;
 
-    [[nodiscard]] Lines linesOf(const State::Value& queues, bool ofPorts) const;
+    /// `talkerPorts`: by stream, where the queues are those of ports.
+    static Lines linesOf(const State::Value& queues,
+                         const std::unordered_map<Msrp::U64, std::string>& talkerPorts);
     /// An empty report when the stream does not stand in that line.
     [[nodiscard]] WaitReport standing(const Lines& lines, const std::string& name, Msrp::U64 id) const;
 
@@ -59,7 +60,11 @@ private:
 
 /// ", 120 kbps missing, waiting for 12s behind 00:11:22:33:44:55/1"
 std::string waitText(const WaitReport& report);
-/// Null for who does not wait.
-State::Value waitValue(const std::optional<WaitReport>& report);
 
 }  // namespace Show
+
+template <>
+struct State::Codec<Show::WaitReport> {
+    static Value encode(const Show::WaitReport& report);
+    static Schema schema();
+};

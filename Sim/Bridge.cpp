@@ -43,6 +43,8 @@ Bridge::Bridge(Runtime::Loop& loop, const std::vector<std::string>& ports, std::
     config = database_.entityIs<Msrp::Config>("msrp/config");
     status = database_.entityIs<Msrp::Status>("msrp/status");
     waiting = database_.entityIs<Msrp::Waiting>("msrp/waiting");
+    census = database_.entityIs<Msrp::Census>("msrp/census");
+    streamCensus_ = std::make_unique<Msrp::StreamCensus>(loop_, status, census);
     mrpConfig = database_.entityIs<Mrp::MrpConfig>("mrp/config");
     mrpStatus = database_.entityIs<Mrp::MrpStatus>("mrp/status");
     bridging = database_.entityIs<Bridging::Config>("bridging/config");
@@ -96,6 +98,11 @@ void Bridge::mvrpStart() {
     mvrp_ = std::make_unique<Mvrp::Agent>(
         environment(), mvrpPorts_, [this](IntfId intf) { return VlanId{cliConfig->streamVlan(intf)}; });
     mvrp_->start();
+}
+
+void Bridge::historyStart(const History::Recorder::Options& options) {
+    History::populate(database_);
+    history_ = std::make_unique<History::Recorder>(loop_, database_, options);
 }
 
 void Bridge::standbyStart() {

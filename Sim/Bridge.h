@@ -2,8 +2,10 @@
 /// simulation.
 #pragma once
 
+#include "History/Recorder.h"
 #include "Mrp/Records.h"
 #include "Msrp/MsrpAgent.h"
+#include "Msrp/lifecycle/StreamCensus.h"
 #include "Msrp/types/Config.h"
 #include "Msrp/types/Status.h"
 #include "Msrp/types/Waiting.h"
@@ -53,6 +55,11 @@ public:
     void mvrpStart();
     void mvrpStop() { mvrp_.reset(); }
 
+    /// Remembers what happens from now on; the records of the history are in the database.
+    void historyStart(const History::Recorder::Options& options = {});
+    void historyStop() { history_.reset(); }
+    [[nodiscard]] History::Recorder& history() { return *history_; }
+
     [[nodiscard]] Ports& ports() { return ports_; }
     [[nodiscard]] Ports& mvrpPorts() { return mvrpPorts_; }
     [[nodiscard]] Mvrp::Agent& mvrp() { return *mvrp_; }
@@ -101,6 +108,7 @@ public:
     std::shared_ptr<Msrp::Config> config;
     std::shared_ptr<Msrp::Status> status;
     std::shared_ptr<Msrp::Waiting> waiting;
+    std::shared_ptr<Msrp::Census> census;
     std::shared_ptr<Mrp::MrpConfig> mrpConfig;
     std::shared_ptr<Mrp::MrpStatus> mrpStatus;
     std::shared_ptr<Bridging::Config> bridging;
@@ -131,10 +139,12 @@ private:
     Runtime::Trace trace_;
     Runtime::RingLog ringLog_;
     std::unique_ptr<Bridging::TopologyAgent> topologyAgent_;
+    std::unique_ptr<Msrp::StreamCensus> streamCensus_;
     std::unique_ptr<VlanKernel> vlanKernel_;
     std::unique_ptr<Mvrp::Agent> mvrp_;
     std::unique_ptr<Msrp::Agent> agent_;
     std::unique_ptr<Msrp::Agent> standby_;
+    std::unique_ptr<History::Recorder> history_;
 };
 
 }  // namespace Sim

@@ -92,6 +92,13 @@ std::string forwardingFault(Bridge& bridge) {
     return fault;
 }
 
+std::string censusFault(const Bridge& bridge) {
+    Msrp::Census census;
+    bridge.status->registeredStreams().each(
+        [&](std::uint64_t, const Msrp::StreamData& stream) { census.add(Msrp::streamCase(stream)); });
+    return census.value() == bridge.census->value() ? "" : "a census that is not true";
+}
+
 Declarations believed(Bridge& bridge, IntfId intf) {
     Declarations all;
     const Msrp::MsrpSm& sm = *bridge.agent().msrpSm();

@@ -13,6 +13,8 @@ namespace Sim {
 /// Groups are what admission made of them, allocations are their sum, and queues have their rates.  Empty, or
 /// what is wrong in words.
 std::string forwardingFault(Bridge& bridge);
+/// The census counts every published stream once, in the turn in which it changed.  The same.
+std::string censusFault(const Bridge& bridge);
 
 /// A declaration on a port.
 struct Declaration {

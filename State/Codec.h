@@ -3,6 +3,7 @@
 /// definition; an enumeration joins by a function `enumNames(E)` that lists its names.
 #pragma once
 
+#include "State/Schema.h"
 #include "State/Value.h"
 
 #include <concepts>
@@ -13,6 +14,8 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace State {
 
@@ -49,6 +52,7 @@ struct Codec<bool> {
         return std::nullopt;
     }
     static std::string expected() { return "true or false"; }
+    static Schema schema() { return {.type = "boolean"}; }
 };
 
 template <class T>
@@ -69,6 +73,9 @@ struct Codec<T> {
     static std::string expected() {
         return "a whole number from 0 to " + std::to_string(std::numeric_limits<T>::max());
     }
+    static Schema schema() {
+        return {.type = "integer", .least = encode(0), .most = encode(std::numeric_limits<T>::max())};
+    }
 };
 
 template <>
@@ -82,6 +89,7 @@ struct Codec<double> {
         return std::nullopt;
     }
     static std::string expected() { return "a number"; }
+    static Schema schema() { return {.type = "number"}; }
 };
 
 template <>
@@ -93,6 +101,7 @@ struct Codec<std::string> {
         return std::nullopt;
     }
     static std::string expected() { return "a text in double quotes"; }
+    static Schema schema() { return {.type = "string"}; }
 };
 
 template <NamedEnum E>
@@ -114,6 +123,38 @@ struct Codec<E> {
         }
         return list;
     }
+    static Schema schema() {
+        Schema schema{.type = "string"};
+        for (const auto& entry : std::span<const EnumName<E>>{enumNames(E{})})
+            schema.names.emplace_back(entry.name);
+        return schema;
+    }
+};
+
+// What is only shown needs no more than these two.
+
+template <>
+struct Codec<std::string_view> {
+    static Value encode(std::string_view v) { return Value{v}; }
+    static Schema schema() { return {.type = "string"}; }
+};
+
+/// Null where there is nothing.
+template <class T>
+struct Codec<std::optional<T>> {
+    static Value encode(const std::optional<T>& v) { return v ? Codec<T>::encode(*v) : Value{}; }
+    static Schema schema() { return orNull(Codec<T>::schema()); }
+};
+
+/// An object of things by their names.
+template <class T>
+struct Codec<std::vector<std::pair<std::string, T>>> {
+    static Value encode(const std::vector<std::pair<std::string, T>>& v) {
+        Object all;
+        for (const auto& [name, entry] : v) all.emplace_back(name, Codec<T>::encode(entry));
+        return all;
+    }
+    static Schema schema() { return mapOf({.type = "string"}, Codec<T>::schema()); }
 };
 
 /// Decimal number, whole text, nothing else.
@@ -132,6 +173,7 @@ struct KeyText<std::string> {
     static std::string text(const std::string& k) { return k; }
     static std::optional<std::string> parse(std::string_view t) { return std::string{t}; }
     static std::string expected() { return "a name"; }
+    static Schema schema() { return {.type = "string"}; }
 };
 
 template <Unsigned K>
@@ -142,6 +184,9 @@ struct KeyText<K> {
         return std::nullopt;
     }
     static std::string expected() { return Codec<K>::expected(); }
+    static Schema schema() {
+        return {.type = "string", .pattern = '^' + numberPattern(0, std::numeric_limits<K>::max()) + '$'};
+    }
 };
 
 template <NamedEnum E>
@@ -149,6 +194,7 @@ struct KeyText<E> {
     static std::string text(E k) { return enumText(k); }
     static std::optional<E> parse(std::string_view t) { return Codec<E>::decode(Value{t}); }
     static std::string expected() { return Codec<E>::expected(); }
+    static Schema schema() { return Codec<E>::schema(); }
 };
 
 /// Key form of stream ids: "0x…" in hexadecimal.
@@ -156,6 +202,7 @@ struct HexKey {
     static std::string text(std::uint64_t k) { return hexText(k); }
     static std::optional<std::uint64_t> parse(std::string_view t) { return parseHex(t); }
     static std::string expected() { return "\"0x\" and hexadecimal digits"; }
+    static Schema schema() { return {.type = "string", .pattern = "^0x[0-9A-Fa-f]{1,16}$"}; }
 };
 
 }  // namespace State

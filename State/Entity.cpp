@@ -70,8 +70,15 @@ Value Entity::value() const {
 }
 
 MaybeProblem Entity::apply(const Value& patch) {
+    Tidings now;
+    auto problem = apply(patch, now);
+    now.tell();
+    return problem;
+}
+
+MaybeProblem Entity::apply(const Value& patch, Tidings& later) {
     if (auto problem = check(patch)) return problem;
-    write(patch);
+    write(patch, later);
     return std::nullopt;
 }
 

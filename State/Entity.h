@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 namespace State {
@@ -102,6 +103,19 @@ struct Piece {
     std::shared_ptr<const Entity> record{};
 };
 
+/// What is to be told of changes once all of them are made: who hears of one finds the others made as well.
+class Tidings {
+public:
+    void add(std::function<void()> telling) { tellings_.push_back(std::move(telling)); }
+    /// Tells it, in the order in which it came in.
+    void tell() {
+        for (const auto& telling : std::exchange(tellings_, {})) telling();
+    }
+
+private:
+    std::vector<std::function<void()>> tellings_;
+};
+
 class Entity {
 public:
     Entity() = default;
@@ -137,6 +151,8 @@ public:
     /// Writes every field that `patch` names.  Maps and collections take the entries that it names, and lose
     /// those whose value is null (as in RFC 7396).  Writes nothing when anything is wrong.
     [[nodiscard]] MaybeProblem apply(const Value& patch);
+    /// The same for one of several records that change together; the record must live until it is told.
+    [[nodiscard]] MaybeProblem apply(const Value& patch, Tidings& later);
 
     /// Calls `handler` at every change of this record's own fields.
     [[nodiscard]] Reactor react(ChangeHandler handler) const;
@@ -158,7 +174,7 @@ private:
     friend class Record;
 
     /// Writes a patch that `check` found good.
-    virtual void write(const Value& patch) = 0;
+    virtual void write(const Value& patch, Tidings& later) = 0;
     [[nodiscard]] Reactor subscribe(ChangeHandler handler, bool deep) const;
 
     Entity* parent_ = nullptr;
@@ -168,7 +184,7 @@ private:
 /// The one place that links a record to the record whose collection holds it.
 struct Ownership {
     static void parentIs(Entity& child, Entity* parent) { child.parent_ = parent; }
-    static void write(Entity& child, const Value& patch) { child.write(patch); }
+    static void write(Entity& child, const Value& patch, Tidings& later) { child.write(patch, later); }
 };
 
 }  // namespace State

@@ -18,6 +18,7 @@
 #include "State/Entity.h"
 #include "State/Maps.h"
 
+#include <algorithm>
 #include <concepts>
 #include <iterator>
 #include <limits>
@@ -46,8 +47,16 @@ inline std::pair<std::string_view, std::string_view> splitPath(std::string_view 
 /// Access to `Entity`'s notification for the field descriptions below.
 struct Notify {
     template <class R>
-    static void changed(R& record, const Change& change) {
-        record.changed(change);
+    static void changed(R& record, std::string_view field, Tidings& later) {
+        later.add([&record, field] { record.changed(Change{record, field}); });
+    }
+    /// `held`: what else must live until then.
+    template <class R, class K>
+    static void changed(R& record, std::string_view field, const K& key, Tidings& later,
+                        std::shared_ptr<const Entity> held = {}) {
+        later.add([&record, field, key, held = std::move(held)] {
+            record.changed(Change{record, field, key});
+        });
     }
 };
 
@@ -105,11 +114,25 @@ struct Scalar : WholeField {
         }
         return std::nullopt;
     }
-    void write(R& record, const Value& value) const {
+    void write(R& record, const Value& value, Tidings& later) const {
         T decoded = *Codec<T>::decode(value);
         if (record.*member == decoded) return;
         record.*member = std::move(decoded);
-        Notify::changed(record, Change{record, name});
+        Notify::changed(record, name, later);
+    }
+    [[nodiscard]] Schema schema(const R& record) const {
+        Schema schema = Codec<T>::schema();
+        if (min != max) {
+            schema.least = Codec<T>::encode(min);
+            schema.most = Codec<T>::encode(max);
+        }
+        schema.standard = read(record);
+        // An enumeration begins as something without a name where nothing is known yet.
+        if (const auto* begin = std::get_if<std::string>(&schema.standard.data);
+            begin != nullptr && !schema.names.empty() &&
+            std::find(schema.names.begin(), schema.names.end(), *begin) == schema.names.end())
+            schema.names.push_back(*begin);
+        return schema;
     }
 };
 
@@ -143,13 +166,16 @@ struct MapField : WholeField {
         }
         return std::nullopt;
     }
-    void write(R& record, const Value& patch) const {
+    void write(R& record, const Value& patch, Tidings& later) const {
         for (const auto& [keyText, value] : *patch.object()) {
             const K key = *KeyText<K>::parse(keyText);
             auto& map = record.*member;
             const bool differs = value.isNull() ? map.erase(key) : map.set(key, *Codec<V>::decode(value));
-            if (differs) Notify::changed(record, Change{record, name, key});
+            if (differs) Notify::changed(record, name, key, later);
         }
+    }
+    [[nodiscard]] Schema schema(const R&) const {
+        return {.type = "object", .keyAndEntry = {KeyText<K>::schema(), Codec<V>::schema()}};
     }
 };
 
@@ -205,35 +231,55 @@ struct CollectionField : LongField {
         }
         return std::nullopt;
     }
-    void write(R& record, const Value& patch) const {
+    void write(R& record, const Value& patch, Tidings& later) const {
         for (const auto& [keyText, value] : *patch.object()) {
             const K key = *Text::parse(keyText);
             auto& held = record.*member;
             if (value.isNull()) {
-                const auto removed = held.erase(key);
-                if (removed) Notify::changed(record, Change{record, name, key});
+                if (auto removed = held.erase(key))
+                    Notify::changed(record, name, key, later, std::move(removed));
             } else if (const auto child = held.get(key)) {
-                Ownership::write(*child, value);
+                Ownership::write(*child, value, later);
+                later.add([child] {});  // who is told first may remove it
             } else {
-                // A newcomer is filled before anybody hears of it.
+                // A newcomer is told whole, not field by field.
                 auto fresh = std::make_shared<E>(key);
-                Ownership::write(*fresh, value);
+                Tidings unheard;
+                Ownership::write(*fresh, value, unheard);
                 held.put(key, std::move(fresh), &record);
-                Notify::changed(record, Change{record, name, key});
+                Notify::changed(record, name, key, later);
             }
         }
+    }
+    [[nodiscard]] Schema schema(const R&) const {
+        return {.type = "object", .keyAndEntry = {Text::schema(), schemaOf(E{K{}})}};
     }
 };
 
 /// A field that is computed from the record and can only be read.
 template <class R, class Read>
 struct Derived : WholeField {
-    Derived(std::string_view n, Read r) : name{n}, readIt{std::move(r)} {}
+    constexpr Derived(std::string_view n, Read r, Schema (*d)())
+        : name{n}, readIt{std::move(r)}, described{d} {}
     std::string_view name;
     Read readIt;
+    Schema (*described)();  ///< null: by its type
 
     [[nodiscard]] static std::string_view type() { return "derived"; }
-    [[nodiscard]] Value read(const R& record) const { return readIt(record); }
+    [[nodiscard]] Value read(const R& record) const {
+        if constexpr (std::is_same_v<Computed, Value>) {
+            return readIt(record);
+        } else {
+            return Codec<Computed>::encode(readIt(record));
+        }
+    }
+    [[nodiscard]] Schema schema(const R&) const {
+        Schema schema;
+        if constexpr (!std::is_same_v<Computed, Value>) schema = Codec<Computed>::schema();
+        if (described != nullptr) schema = described();
+        schema.computed = true;
+        return schema;
+    }
     [[nodiscard]] std::optional<Value> entry(const R& record, std::string_view rest) const {
         const Value all = read(record);
         if (rest.empty()) return all;
@@ -243,7 +289,10 @@ struct Derived : WholeField {
     [[nodiscard]] MaybeProblem check(const R&, const Value&) const {
         return Problem{"", "cannot be written"};
     }
-    void write(R&, const Value&) const {}
+    void write(R&, const Value&, Tidings&) const {}
+
+private:
+    using Computed = std::decay_t<std::invoke_result_t<const Read&, const R&>>;
 };
 
 /// Where a computed field's entries are to be read from.
@@ -255,13 +304,20 @@ struct From {
 /// A computed field with many entries, read some at a time.
 template <class R, class Read>
 struct DerivedEntries : LongField {
-    DerivedEntries(std::string_view n, Read r) : name{n}, readSome{std::move(r)} {}
+    constexpr DerivedEntries(std::string_view n, Read r, Schema (*d)())
+        : name{n}, readSome{std::move(r)}, described{d} {}
     /// Entries read at a time: few enough to take well below a millisecond.
     static constexpr std::size_t some = 64;
     std::string_view name;
     Read readSome;
+    Schema (*described)();
 
     [[nodiscard]] static std::string_view type() { return "derived"; }
+    [[nodiscard]] Schema schema(const R&) const {
+        Schema schema = described != nullptr ? described() : Schema{};
+        schema.computed = true;
+        return schema;
+    }
     [[nodiscard]] Value read(const R& record) const {
         return Value{readSome(record, From{}, std::numeric_limits<std::size_t>::max())};
     }
@@ -283,7 +339,7 @@ struct DerivedEntries : LongField {
     [[nodiscard]] MaybeProblem check(const R&, const Value&) const {
         return Problem{"", "cannot be written"};
     }
-    void write(R&, const Value&) const {}
+    void write(R&, const Value&, Tidings&) const {}
 };
 
 template <class R, class T>
@@ -303,14 +359,16 @@ constexpr auto collection(std::string_view name, Collection<K, E> R::*member) {
     using KeyForm = std::conditional_t<std::is_void_v<Text>, KeyText<K>, Text>;
     return CollectionField<R, K, E, KeyForm>{name, member};
 }
+/// `read` gives something that has a codec, or a value that `described` describes.
 template <class R, class Read>
-constexpr Derived<R, Read> derived(std::string_view name, Read read) {
-    return {name, read};
+constexpr Derived<R, Read> derived(std::string_view name, Read read, Schema (*described)() = nullptr) {
+    return {name, read, described};
 }
 /// `read` takes the record, where to begin (`From`) and how many at most, and gives entries in their order.
 template <class R, class Read>
-constexpr DerivedEntries<R, Read> derivedEntries(std::string_view name, Read read) {
-    return {name, read};
+constexpr DerivedEntries<R, Read> derivedEntries(std::string_view name, Read read,
+                                                 Schema (*described)() = nullptr) {
+    return {name, read, described};
 }
 
 /// The name of a field of R for those who react to its changes.  It is looked up when this is compiled, so
@@ -395,7 +453,7 @@ protected:
 
 private:
     friend struct Notify;
-    void write(const Value& patch) override;
+    void write(const Value& patch, Tidings& later) override;
     [[nodiscard]] const R& self() const { return static_cast<const R&>(*this); }
     [[nodiscard]] R& self() { return static_cast<R&>(*this); }
 };
@@ -483,10 +541,10 @@ MaybeProblem Record<R>::check(const Value& patch) const {
 }
 
 template <class R>
-void Record<R>::write(const Value& patch) {
+void Record<R>::write(const Value& patch, Tidings& later) {
     for (const auto& [name, value] : *patch.object()) {
         R::fields([&, &fieldName = name, &fieldValue = value](const auto& field) {
-            if (field.name == fieldName) field.write(self(), fieldValue);
+            if (field.name == fieldName) field.write(self(), fieldValue, later);
         });
     }
 }

@@ -64,6 +64,8 @@ public:
     /// Withdraws everything, at once and on the wire if the link is up; nothing is declared or heard after
     /// it. To be called at a clean end; mere destruction is like a pulled cable.
     void leave();
+    /// For those who look on.
+    [[nodiscard]] const Mrp::MrpSm& engine() const { return engine_; }
 
 private:
     [[nodiscard]] const std::type_info& fwkType() const override;

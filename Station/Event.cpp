@@ -55,22 +55,25 @@ std::string line(const DomainEvent& e) {
 
 std::string line(const LinkEvent& e) { return e.up ? "link up" : "link down"; }
 
+// Each has every member, null where it says nothing.
+
 Value object(const TalkerEvent& e) {
-    Object o{{"talker", State::hexText(e.streamId)}, {"state", State::enumText(e.state)}};
-    if (e.state == TalkerState::None) return o;
-    o.insert(o.end(), {{"macDa", e.macDa.text()},
-                       {"vlan", whole(e.vlan)},
-                       {"priority", whole(e.priority)},
-                       {"maxFrameSize", whole(e.maxFrameSize)},
-                       {"maxIntervalFrames", whole(e.maxIntervalFrames)},
-                       {"rank", whole(e.rank)},
-                       {"latency", whole(e.latency)}});
-    if (e.state == TalkerState::Failed) {
-        o.emplace_back("failureCode", whole(Msrp::number(e.failureCode)));
-        o.emplace_back("failure", State::enumText(e.failureCode));
-        o.emplace_back("failedBridgeId", State::hexText(e.failedBridgeId));
-    }
-    return o;
+    const auto there = [&](Value value) { return e.state == TalkerState::None ? Value{} : std::move(value); };
+    const auto failed = [&](Value value) {
+        return e.state == TalkerState::Failed ? std::move(value) : Value{};
+    };
+    return Object{{"talker", State::hexText(e.streamId)},
+                  {"state", State::enumText(e.state)},
+                  {"macDa", there(e.macDa.text())},
+                  {"vlan", there(whole(e.vlan))},
+                  {"priority", there(whole(e.priority))},
+                  {"maxFrameSize", there(whole(e.maxFrameSize))},
+                  {"maxIntervalFrames", there(whole(e.maxIntervalFrames))},
+                  {"rank", there(whole(e.rank))},
+                  {"latency", there(whole(e.latency))},
+                  {"failureCode", failed(whole(Msrp::number(e.failureCode)))},
+                  {"failure", failed(State::enumText(e.failureCode))},
+                  {"failedBridgeId", failed(State::hexText(e.failedBridgeId))}};
 }
 
 Value object(const ListenerEvent& e) {
@@ -79,9 +82,11 @@ Value object(const ListenerEvent& e) {
 }
 
 Value object(const DomainEvent& e) {
-    Object o{{"domain", className(e.srClass)}, {"present", Value{e.present}}};
-    if (e.present) o.insert(o.end(), {{"priority", whole(e.priority)}, {"vlan", whole(e.vid)}});
-    return o;
+    const auto there = [&](Value value) { return e.present ? std::move(value) : Value{}; };
+    return Object{{"domain", className(e.srClass)},
+                  {"present", Value{e.present}},
+                  {"priority", there(whole(e.priority))},
+                  {"vlan", there(whole(e.vid))}};
 }
 
 Value object(const LinkEvent& e) { return Object{{"link", e.up ? "up" : "down"}}; }
@@ -94,6 +99,33 @@ std::string text(const Event& event) {
 
 State::Value value(const Event& event) {
     return std::visit([](const auto& e) { return object(e); }, event);
+}
+
+State::Schema schema() {
+    using State::Codec;
+    using State::orNull;
+    const State::Schema id = State::HexKey::schema();
+    const State::Schema text = Codec<std::string>::schema();
+    const State::Schema small = orNull(Codec<Msrp::U8>::schema());
+    const State::Schema middle = orNull(Codec<Msrp::U16>::schema());
+    return {.choices = {State::objectOf({{"talker", id},
+                                         {"state", Codec<TalkerState>::schema()},
+                                         {"macDa", orNull(Codec<EthAddr>::schema())},
+                                         {"vlan", middle},
+                                         {"priority", small},
+                                         {"maxFrameSize", middle},
+                                         {"maxIntervalFrames", middle},
+                                         {"rank", small},
+                                         {"latency", orNull(Codec<Msrp::U32>::schema())},
+                                         {"failureCode", small},
+                                         {"failure", orNull(text)},
+                                         {"failedBridgeId", orNull(id)}}),
+                        State::objectOf({{"listener", id}, {"state", text}}),
+                        State::objectOf({{"domain", text},
+                                         {"present", Codec<bool>::schema()},
+                                         {"priority", small},
+                                         {"vlan", middle}}),
+                        State::objectOf({{"link", {.type = "string", .names = {"up", "down"}}}})}};
 }
 
 }  // namespace Station

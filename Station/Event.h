@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Msrp/types/Enums.h"
+#include "State/Schema.h"
 #include "State/Value.h"
 #include "Switch/EthAddr.h"
 
@@ -55,5 +56,7 @@ using Event = std::variant<TalkerEvent, ListenerEvent, DomainEvent, LinkEvent>;
 std::string text(const Event& event);
 /// The same as an object; its first member tells what it is about.
 State::Value value(const Event& event);
+/// What such an object is.
+State::Schema schema();
 
 }  // namespace Station

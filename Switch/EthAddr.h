@@ -42,6 +42,7 @@ struct State::KeyText<EthAddr> {
     static std::string text(const EthAddr& a) { return a.text(); }
     static std::optional<EthAddr> parse(std::string_view t) { return EthAddr::parse(t); }
     static std::string expected() { return "an address like 91:e0:f0:00:fe:01"; }
+    static Schema schema() { return {.type = "string", .pattern = "^[0-9A-Fa-f]{2}(:[0-9A-Fa-f]{2}){5}$"}; }
 };
 
 template <>
@@ -53,4 +54,5 @@ struct State::Codec<EthAddr> {
         return s == nullptr ? std::nullopt : EthAddr::parse(*s);
     }
     static std::string expected() { return KeyText<EthAddr>::expected(); }
+    static Schema schema() { return KeyText<EthAddr>::schema(); }
 };

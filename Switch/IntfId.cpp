@@ -6,7 +6,8 @@
 
 namespace {
 
-/// Every name that was ever seen.  The event loop is the process's only thread, so no lock.
+/// Every name that was ever seen.  No lock: an agent has one thread, and who runs several agents on threads
+/// of their own sees to it that all names are known before.
 struct Names {
     std::deque<std::string> byNumber{std::string{}};
     std::unordered_map<std::string_view, std::uint32_t> byName;

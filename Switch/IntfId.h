@@ -47,10 +47,14 @@ template <>
 struct State::KeyText<IntfId> {
     static std::string text(IntfId id) { return id.name(); }
     static std::optional<IntfId> parse(std::string_view t) {
-        if (!IntfId::validName(t)) return std::nullopt;
+        // A star stands for all of them, where that may be said.
+        if (!IntfId::validName(t) || t == "*") return std::nullopt;
         return IntfId{t};
     }
     static std::string expected() { return "an interface name (1 to 15 characters without blanks or '/')"; }
+    static Schema schema() {
+        return {.type = "string", .pattern = R"(^(?!(\.{1,2}|\*)$)[^/\s\x00-\x1f\x7f]{1,15}$)"};
+    }
 };
 
 template <>
@@ -63,4 +67,5 @@ struct State::Codec<IntfId> {
         return s->empty() ? IntfId{} : KeyText<IntfId>::parse(*s);
     }
     static std::string expected() { return KeyText<IntfId>::expected(); }
+    static Schema schema() { return {.type = "string"}; }
 };

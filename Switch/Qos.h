@@ -123,6 +123,7 @@ struct State::KeyText<Qos::TxQueue> {
     static std::string text(const Qos::TxQueue& q) { return q.text(); }
     static std::optional<Qos::TxQueue> parse(std::string_view t) { return Qos::TxQueue::parse(t); }
     static std::string expected() { return "a queue like unicast:5"; }
+    static Schema schema() { return {.type = "string", .pattern = "^[a-z]+:[0-9]+$"}; }
 };
 
 namespace Qos::Input {
@@ -149,9 +150,8 @@ public:
         each(State::scalar("percent", &TxQueueConfig::percent_));
         each(State::scalar("shapeRate", &TxQueueConfig::shapeRate_));
         each(State::scalar("shapeRateUnit", &TxQueueConfig::shapeRateUnit_));
-        each(State::derived<TxQueueConfig>("guaranteedBw", [](const TxQueueConfig& c) {
-            return State::Value{std::uint64_t{c.guaranteedBw_.bandwidth}};
-        }));
+        each(State::derived<TxQueueConfig>(
+            "guaranteedBw", [](const TxQueueConfig& c) { return std::uint64_t{c.guaranteedBw_.bandwidth}; }));
     }
 
 private:

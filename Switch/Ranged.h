@@ -70,6 +70,9 @@ struct State::KeyText<Ranged<Tag, T, minimum, maximum>> {
     static std::string expected() {
         return "a whole number from " + std::to_string(minimum) + " to " + std::to_string(maximum);
     }
+    static Schema schema() {
+        return {.type = "string", .pattern = '^' + numberPattern(minimum, maximum) + '$'};
+    }
 };
 
 template <class Tag, class T, T minimum, T maximum>
@@ -82,4 +85,7 @@ struct State::Codec<Ranged<Tag, T, minimum, maximum>> {
         return n != nullptr && R::inRange(*n) ? std::optional<R>{R{*n}} : std::nullopt;
     }
     static std::string expected() { return KeyText<R>::expected(); }
+    static Schema schema() {
+        return {.type = "integer", .least = encode(R{minimum}), .most = encode(R{maximum})};
+    }
 };

@@ -96,6 +96,9 @@ struct State::KeyText<Switch::GroupId> {
         return Switch::GroupId{*vlan, *addr};
     }
     static std::string expected() { return "a VLAN and an address like 2-91:e0:f0:00:fe:01"; }
+    static Schema schema() {
+        return {.type = "string", .pattern = "^[0-9]{1,4}-[0-9a-f]{2}(:[0-9a-f]{2}){5}$"};
+    }
 };
 
 // Made once, in the source file beside this header.

@@ -14,6 +14,12 @@ std::string vlanText(const VlanSet& vlans) {
     return out;
 }
 
+State::Schema State::Codec<VlanSet>::schema() {
+    const std::string vlan = numberPattern(VlanId::min, VlanId::max);
+    const std::string piece = vlan + "(-" + vlan + ")?";
+    return {.type = "string", .pattern = "^(" + piece + "(," + piece + ")*)?$"};
+}
+
 std::optional<VlanSet> parseVlans(std::string_view text) {
     VlanSet out;
     while (!text.empty()) {

@@ -35,4 +35,5 @@ struct State::Codec<VlanSet> {
         return text == nullptr ? std::nullopt : parseVlans(*text);
     }
     static std::string expected() { return "VLANs like \"2,100-199\", each from 1 to 4094"; }
+    static Schema schema();
 };

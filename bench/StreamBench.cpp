@@ -47,11 +47,11 @@ void count(benchmark::State& state, std::size_t streams) {
                                    benchmark::Counter::kIsIterationInvariantRate};
 }
 
-void propagate(benchmark::State& state, Spacing spacing) {
+void propagate(benchmark::State& state, Spacing spacing, bool history = false) {
     const auto streams = Bench::many(static_cast<std::size_t>(state.range(0)));
     const auto pdus = Bench::join(Msrp::typeTalkerAdvertise, 0, streams, spacing);
     for ([[maybe_unused]] auto turn : state) {
-        StreamSwitch device{allPorts};
+        StreamSwitch device{allPorts, history};
         const auto seconds = secondsUntil(device, talkerPort, pdus, advertised, streams);
         if (!seconds) return state.SkipWithError("not every stream was declared on every port");
         state.SetIterationTime(*seconds);
@@ -73,12 +73,12 @@ void settle(benchmark::State& state, Spacing spacing) {
     count(state, streams);
 }
 
-void reserve(benchmark::State& state, Spacing spacing) {
+void reserve(benchmark::State& state, Spacing spacing, bool history = false) {
     const auto streams = Bench::many(static_cast<std::size_t>(state.range(0)));
     const auto talkers = Bench::join(Msrp::typeTalkerAdvertise, 0, streams, spacing);
     const auto listeners = Bench::join(Msrp::typeListener, 0, streams, spacing);
     for ([[maybe_unused]] auto turn : state) {
-        StreamSwitch device{allPorts};
+        StreamSwitch device{allPorts, history};
         device.hear(talkerPort, talkers);
         device.settle();
         const auto seconds = secondsUntil(device, listenerPort, listeners, listened, streams);
@@ -126,6 +126,8 @@ BENCHMARK_CAPTURE(settle, consecutive, Spacing::consecutive)->Apply(manyStreams)
 BENCHMARK_CAPTURE(settle, scattered, Spacing::scattered)->Apply(manyStreams);
 BENCHMARK_CAPTURE(reserve, consecutive, Spacing::consecutive)->Apply(manyStreams);
 BENCHMARK_CAPTURE(reserve, scattered, Spacing::scattered)->Apply(manyStreams);
+BENCHMARK_CAPTURE(propagate, remembered, Spacing::scattered, true)->Apply(manyStreams);
+BENCHMARK_CAPTURE(reserve, remembered, Spacing::scattered, true)->Apply(manyStreams);
 BENCHMARK_CAPTURE(oneMore, scattered, Spacing::scattered)->Apply(single);
 
 }  // namespace

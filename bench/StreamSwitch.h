@@ -20,10 +20,12 @@ class StreamSwitch {
 public:
     /// The agent runs, all ports are core ports of both classes, each fast enough for tens of thousands of
     /// streams.
-    explicit StreamSwitch(std::size_t ports) : ports_{names(ports)} {
+    /// `history`: what happens is remembered.
+    explicit StreamSwitch(std::size_t ports, bool history = false) : ports_{names(ports)} {
         bridge_.mrpConfig->maxAttributesPerTypeIs(1'000'000);
         bridge_.mrpConfig->leaveAllTimeIs(600'000);  // no LeaveAll while something is measured
         for (const std::string& port : ports_) bridge_.speedIs(port, Interface::Speed::speed400Gbps);
+        if (history) bridge_.historyStart();
         bridge_.start();
         settle();
         for (const std::string& port : ports_) Sim::Peer{bridge_, port}.say(Sim::domains());

@@ -3,9 +3,9 @@
 #include "Control/Client.h"
 #include "Control/HexOctets.h"
 #include "Runtime/Time.h"
+#include "Show/Pcapng.h"
 #include "Show/Snapshot.h"
 #include "State/Codec.h"
-#include "programs/Pcapng.h"
 
 #include <cerrno>
 #include <chrono>

@@ -2,6 +2,7 @@
 
 #include "Linux/kernel/Claims.h"
 #include "Linux/kernel/EpollLoop.h"
+#include "Show/Table.h"
 
 #include <set>
 #include <vector>
@@ -50,14 +51,43 @@ CleanResult clean(const Linux::OwnMarks& marks, bool remove) {
     }
     for (const Linux::Leftover& leftover : found) {
         const std::string problem = remove ? leftover.remove(kernel) : "";
-        const std::string fate = !problem.empty() ? " stay: " + problem : remove ? " removed" : "";
-        result.lines += leftover.device + ": " + leftover.what + fate + '\n';
+        result.things.push_back({leftover.device, leftover.what, remove && problem.empty(), problem});
         result.all = result.all && problem.empty();
-    }
-    if (found.empty()) {
-        result.lines = "nothing is left\n";
-    } else if (!remove) {
-        result.lines += "--yes removes them\n";
     }
     return result;
 }
+
+std::string CleanResult::text() const {
+    if (things.empty()) return "nothing is left\n";
+    std::string lines;
+    bool untouched = true;
+    for (const Thing& thing : things) {
+        const std::string fate = !thing.problem.empty() ? " stay: " + thing.problem
+                                 : thing.removed        ? " removed"
+                                                        : "";
+        lines += thing.device + ": " + thing.what + fate + '\n';
+        untouched = untouched && fate.empty();
+    }
+    return untouched ? lines + "--yes removes them\n" : lines;
+}
+
+namespace {
+
+const Show::Column<CleanResult::Thing> thingColumns[]{
+    {"device", [](const auto& t) { return t.device; }},
+    {"what", [](const auto& t) { return t.what; }},
+    {"removed", [](const auto& t) { return t.removed; }},
+    {"problem", [](const auto& t) { return Show::textOrNone(t.problem); }},
+};
+
+}  // namespace
+
+template <>
+struct State::Codec<CleanResult::Thing> {
+    static Value encode(const CleanResult::Thing& thing) { return Show::objectValue(thingColumns, thing); }
+    static Schema schema() { return Show::objectSchema(thingColumns); }
+};
+
+using Things = Show::Numbered<CleanResult::Thing>;
+State::Value CleanResult::value() const { return State::Codec<Things>::encode({things}); }
+State::Schema CleanResult::schema() { return State::Codec<Things>::schema(); }

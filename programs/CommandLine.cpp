@@ -1,10 +1,14 @@
 #include "programs/CommandLine.h"
 
 #include "Control/LogWriter.h"
+#include "programs/WordGuess.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 #include <optional>
+
+std::string programVersion() { return MSRP_VERSION; }
 
 void demand(const std::string& problem, ExitCode how) {
     if (!problem.empty()) throw Failure{problem, how};
@@ -23,6 +27,21 @@ Words& Words::text(const char* name, const std::string& help, std::string& to, N
 
 Words& Words::texts(const char* name, const std::string& help, std::vector<std::string>& to) {
     app_->add_option(name, to, help)->allow_extra_args(false);
+    return *this;
+}
+
+Words& Words::list(const char* name, const std::string& help, std::vector<std::string>& to) {
+    app_->add_option(name, to, help);
+    return *this;
+}
+
+Words& Words::list(const char* name, const std::string& help, std::optional<std::vector<std::string>>& to) {
+    const auto given = [&to](const std::vector<std::string>& values) {
+        to = values;
+        std::erase(*to, "");  // which stands for none
+    };
+    app_->add_option_function<std::vector<std::string>>(name, given, help)
+        ->expected(0, CLI::detail::expected_max_vector_size);
     return *this;
 }
 
@@ -53,9 +72,11 @@ struct Program::Parts {
     std::function<ExitCode()> chosen;
 
     /// Reads the words.  Gives the exit code where there is nothing more to do.
-    std::optional<int> parse(int argc, char** argv) {
+    std::optional<int> parse(std::vector<std::string> words) {
         try {
-            app.parse(argc, argv);
+            words = fullWords(app, std::move(words));
+            std::ranges::reverse(words);
+            app.parse(std::move(words));
             return std::nullopt;
         } catch (const CLI::Success& asked) {
             return app.exit(asked);
@@ -78,17 +99,24 @@ struct Program::Parts {
 Program::Program(std::string name, const std::string& help)
     : name_{std::move(name)}, parts_{std::make_unique<Parts>(help)} {
     app_ = &parts_->app;
+    app_->name(name_);
     chosen_ = &parts_->chosen;
-    app_->set_version_flag("--version", name_ + " " MSRP_VERSION);
+    app_->set_version_flag("--version", name_ + ' ' + programVersion());
 }
 
 Program::~Program() = default;
 
-int Program::run(int argc, char** argv, std::function<ExitCode()> body) {
+int Program::run(int argc, char** argv, std::function<ExitCode()> body, const WordValues& values) {
     ExitCode code = refused;
     std::string problem;
     try {
-        if (const auto ended = parts_->parse(argc, argv)) return *ended;
+        std::vector<std::string> words{argv + std::min(1, argc), argv + argc};
+        if (!words.empty() && words.front() == "--complete") {
+            words.erase(words.begin());
+            for (const std::string& word : endings(parts_->app, words, values)) std::cout << word << '\n';
+            return done;
+        }
+        if (const auto ended = parts_->parse(std::move(words))) return *ended;
         if (!body) body = parts_->chosen;
         if (body) return body();
         throw Failure{parts_->missing(), usage};

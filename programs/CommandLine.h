@@ -4,9 +4,12 @@
 /// CommandLine.cpp alone.
 #pragma once
 
+#include "programs/WordGuess.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -21,6 +24,9 @@ enum ExitCode : int {
     refused = 1,  ///< it cannot be done, or not here
     usage = 2,    ///< wrong words or configuration
 };
+
+/// "0.9.0"
+std::string programVersion();
 
 /// Ends the program with one line on standard error.
 struct Failure : std::runtime_error {
@@ -43,8 +49,12 @@ public:
 
     Words& flag(const char* name, const std::string& help, bool& to);
     Words& text(const char* name, const std::string& help, std::string& to, Need need = Need::optional);
+    /// An option that several values may follow, or none; nothing where it is not given.
+    Words& list(const char* name, const std::string& help, std::optional<std::vector<std::string>>& to);
     /// An option that may come several times, with one value each.
     Words& texts(const char* name, const std::string& help, std::vector<std::string>& to);
+    /// An option that several texts may follow.
+    Words& list(const char* name, const std::string& help, std::vector<std::string>& to);
     Words& number(const char* name, const std::string& help, std::uint64_t& to, Range range);
     /// An option that several numbers may follow.
     Words& numbers(const char* name, const std::string& help, std::vector<std::uint64_t>& to, Range range);
@@ -66,7 +76,11 @@ public:
 
     /// All of `main`: reads the words, or tells help or version; does what the command does, or `body` where
     /// there are no commands.  Gives the exit code.
-    int run(int argc, char** argv, std::function<ExitCode()> body = {});
+    /// A shell asks for what may be typed next: "--complete WORD...", the last of which is not finished; then
+    /// `values` tells what the program itself does not know, which may throw.
+    int run(
+        int argc, char** argv, std::function<ExitCode()> body = {},
+        const WordValues& values = [](auto, auto&) { return std::vector<std::string>{}; });
 
 private:
     struct Parts;

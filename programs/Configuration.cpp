@@ -1,70 +1,106 @@
 #include "programs/Configuration.h"
 
-#include "Control/ConfigFile.h"
 #include "Linux/records/Config.h"
 #include "Runtime/Text.h"
-#include "Switch/Bridging.h"
-#include "Switch/BridgingTopology.h"
-#include "Switch/Stp.h"
 #include "programs/GivenSpeeds.h"
+
+#include <filesystem>
+#include <memory>
+#include <utility>
 
 namespace {
 
-/// What the file says of a bridge's own business, which the kernel tells.
-std::string bridgeProblem(const std::string& file, State::Database& database) {
-    const std::string bridge = database.entityIs<Linux::Config>("linux/config")->bridge();
-    if (bridge.empty()) return {};
-    if (!IntfId::validName(bridge))
-        return Runtime::concat(file, ": linux/config/bridge: \"", bridge, "\" is no name of an interface");
-    const auto bridging = database.entityIs<Bridging::Config>("bridging/config");
-    const auto topology = database.entityIs<Bridging::Topology::Config>("bridging/topology/config");
-    const auto stp = database.entityIs<Stp::Status>("stp/status");
-    const auto refuse = [&](std::string_view field) {
-        return Runtime::concat(file, ": ", field, ": cannot be given, it comes from bridge \"", bridge,
-                               "\" (linux/config)");
-    };
-    if (bridging->bridgeMac() != EthAddr{}) return refuse("bridging/config/bridgeMac");
-    if (!bridging->vlanConfig().empty()) return refuse("bridging/config/vlanConfig");
-    if (!bridging->switchIntfConfig().empty()) return refuse("bridging/config/switchIntfConfig");
-    if (!topology->topoConfig().empty()) return refuse("bridging/topology/config/topoConfig");
-    if (stp->mode() != Stp::Mode::None) return refuse("stp/status/mode");
-    return {};
+constexpr std::string_view atStart = "linux/config";
+constexpr const char* savedName = "90-saved.json";
+
+bool isDirectory(const Control::ConfigSource& source) {
+    std::error_code error;
+    const auto type = std::filesystem::status(source.path, error).type();
+    // The one that may lack is made when there is something to put into it.
+    return type == std::filesystem::file_type::directory ||
+           (source.mayLack && type == std::filesystem::file_type::not_found);
 }
 
 }  // namespace
 
-Configuration::Configuration() : given_{std::make_shared<GivenSpeeds>()} {}
-
-const std::set<std::string, std::less<>>& Configuration::paths() {
-    static const std::set<std::string, std::less<>> paths{"msrp/config",
-                                                          "msrp/cliConfig",
-                                                          "mrp/config",
-                                                          "mvrp/config",
-                                                          "mvrp/mrp/config",
-                                                          "bridging/config",
-                                                          "bridging/topology/config",
-                                                          "stp/status",
-                                                          "linux/config",
-                                                          "qos/status",
-                                                          "qos/hardware/status/global"};
-    return paths;
-}
-
-std::string Configuration::load(const std::string& file, State::Database& database,
-                                Control::RecordAccess& access) {
-    Control::ConfigTargets targets{{"interface/status/eth/phy/all", given_}};
-    for (const std::string& path : paths()) targets.emplace(path, database.entity(path));
-    std::string problem = Control::loadConfig(file, targets);
-    if (problem.empty()) problem = bridgeProblem(file, database);
+std::string Configuration::load(Control::RecordAccess& access) {
+    Filed wanted;
+    std::string problem = read(Control::ConfigReading::once, wanted);
+    if (problem.empty()) problem = write(differences(given_, wanted.records), wanted);
     // A later change would not be carried out.
-    access.writableDel("linux/config");
-    if (!database.entityIs<Linux::Config>("linux/config")->bridge().empty()) {
+    access.writableDel(std::string{atStart});
+    if (!given_.record<Linux::Config>(atStart)->bridge().empty()) {
         for (const char* path : {"bridging/config", "bridging/topology/config", "stp/status"})
             access.writableDel(path);
     }
     return problem;
 }
 
+void Configuration::written(std::string_view record, const State::Value& patch) {
+    // It was found good where it was written.
+    (void)given_.take(State::Value{State::Object{{std::string{record}, patch}}});
+    setRecords_.emplace(record);
+}
+
+Configuration::Reloaded Configuration::reload(
+    const std::function<std::string(const ConfigRecords& wanted)>& permit) {
+    Filed wanted;
+    std::string problem = read(Control::ConfigReading::again, wanted);
+    if (!problem.empty()) return {std::move(problem), {}};
+    std::vector<State::Difference> changes = differences(given_, wanted.records);
+    for (const State::Difference& change : changes) {
+        if (change.where.front() == atStart)
+            return {change.path() + ": differs, and takes effect at the start only: restart msrpd", {}};
+    }
+    problem = permit(wanted.records);
+    if (problem.empty()) problem = write(changes, wanted);
+    if (!problem.empty()) changes.clear();
+    return {std::move(problem), std::move(changes)};
+}
+
+std::string Configuration::read(Control::ConfigReading reading, Filed& filed) const {
+    std::vector<Control::ConfigFile> files;
+    std::string problem = readConfigs(sources_, reading, files);
+    for (const Control::ConfigFile& file : files) filed.octets += file.octets;
+    return problem.empty() ? filed.records.take(files) : problem;
+}
+
+std::string Configuration::write(const std::vector<State::Difference>& changes, Filed& filed) {
+    const State::Value whole = State::patch(changes);
+    std::vector<std::pair<std::shared_ptr<State::Entity>, const State::Value*>> records;
+    for (const auto& [path, patch] : *whole.object()) {
+        if (path == ConfigRecords::speedsPath) continue;  // whoever keeps the links asks for them
+        records.emplace_back(database_.entity(path), &patch);
+        if (const auto problem = records.back().first->check(patch)) return problem->below(path).text();
+    }
+    (void)given_.take(whole);
+    filed_ = std::move(filed);
+    setRecords_.clear();
+    State::Tidings later;
+    for (const auto& [record, patch] : records) (void)record->apply(*patch, later);
+    later.tell();
+    return {};
+}
+
+Control::Answer Configuration::unsaved() const {
+    if (filed_.octets > Control::rereadOctets)
+        return {{}, "too much configuration to be compared while the protocol waits"};
+    State::Object sources;
+    State::Value file;
+    for (const Control::ConfigSource& source : sources_) {
+        const std::string path = Control::realPath(source.path);
+        if (isDirectory(source)) file = State::Value{path + '/' + savedName};
+        sources.emplace_back(std::to_string(sources.size() + 1),
+                             State::Object{{"path", path}, {"mayLack", source.mayLack}});
+    }
+    return {State::Object{{"sources", std::move(sources)},
+                          {"file", std::move(file)},
+                          {"patch", State::patch(differences(filed_.records, given_, setRecords_))}},
+            {}};
+}
+
 void Configuration::eachSpeed(const std::function<void(IntfId, Interface::Speed)>& each) const {
-    given_->intfStatus().each([&](IntfId intf, const GivenSpeed& given) { each(intf, given.speedEnum()); });
+    given_.record<GivenSpeeds>(ConfigRecords::speedsPath)
+        ->intfStatus()
+        .each([&](IntfId intf, const GivenSpeed& given) { each(intf, given.speedEnum()); });
 }

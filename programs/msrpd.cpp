@@ -3,13 +3,13 @@
 /// Exit codes: 0 stopped by a signal, 1 cannot run here (privileges, socket in use, another daemon for the
 /// same bridge or port), 2 wrong usage or configuration.
 #include "Control/FrameSource.h"
-#include "Control/LogLimiter.h"
-#include "Control/LogWriter.h"
 #include "Control/Server.h"
+#include "History/Recorder.h"
 #include "Linux/Dataplane.h"
 #include "Linux/doctor/Capabilities.h"
 #include "Linux/kernel/Claims.h"
 #include "Linux/kernel/EpollLoop.h"
+#include "Linux/kernel/ServiceManager.h"
 #include "Linux/kernel/Signals.h"
 #include "Linux/links/LinkAgent.h"
 #include "Linux/ports/PacketPorts.h"
@@ -17,13 +17,20 @@
 #include "Linux/time/TimeAgent.h"
 #include "Msrp/Database.h"
 #include "Msrp/MsrpAgent.h"
+#include "Msrp/lifecycle/StreamCensus.h"
 #include "Mvrp/MvrpAgent.h"
+#include "Runtime/ProcessStatus.h"
 #include "Runtime/RecentLog.h"
-#include "Runtime/RepeatedLines.h"
+#include "Runtime/Text.h"
 #include "Switch/Refusals.h"
 #include "Switch/TopologyAgent.h"
+#include "programs/ClearCounters.h"
 #include "programs/CommandLine.h"
+#include "programs/ConfigChanges.h"
 #include "programs/Configuration.h"
+#include "programs/DaemonLog.h"
+#include "programs/EveryPort.h"
+#include "programs/HistoryCommand.h"
 #include "programs/PortClaims.h"
 #include "programs/PortsOfInterest.h"
 
@@ -31,24 +38,36 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
 #include <set>
 #include <span>
 #include <string>
-#include <syslog.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 namespace {
 
+/// Of its changes, those that are written to the log and the history.
+constexpr std::size_t linesOfReload = 50;
+
+/// "1 port", "2 ports"
+std::string some(std::size_t count, const char* what) {
+    return Runtime::concat(count, what, count == 1 ? "" : "s");
+}
+
 struct Options {
-    std::string config;
+    std::vector<std::string> config;
+    std::optional<std::vector<std::string>> check;
     std::string socket{Control::defaultSocket};
     bool useSyslog = false;
     std::uint64_t trace = 0;  ///< a Runtime::TraceLevel
+    std::string state{stateDirectory()};
+    std::uint64_t historySize = History::Journal::defaultOctets >> 20;  ///< MiB
 };
 
 class Daemon {
@@ -56,41 +75,50 @@ public:
     explicit Daemon(const Options& options) : options_{options} {
         Msrp::populate(database_);
         Mvrp::populate(database_);
-        systemLog_.sinkIs(
-            [this](const Runtime::LogEvent& event, std::string_view subject, const std::string& text) {
-                const std::string_view port = subject.empty() ? portNamed(text) : subject;
-                if (!subject.empty() || limiter_.asks(port))
-                    folder_.line(event.severity, port, std::string{event.name} + ' ' + text);
-            },
-            [this](std::string_view subject) { return subject.empty() || limiter_.asks(subject); });
+        History::populate(database_);
+        log_.listen(systemLog_);
         trace_.sinkIs(static_cast<Runtime::TraceLevel>(options.trace),
-                      [this](std::string_view line) { writer_.line(LOG_DEBUG, std::string{line}); });
+                      [this](std::string_view line) { log_.trace(line); });
+        access_.writtenIs([this](const Control::RecordAccess::Written& written) {
+            tellDone(written.text());
+            if (history_) history_->configured(written.path, written.before, written.after, written.who);
+        });
+        process_->versionIs(programVersion());
+        process_->startTimeIs(loop_.wallNow());
+        process_->delaysAre(loop_.delays());
         access_.guardIs([this](std::string_view path, const State::Value& patch) {
-            return path == "msrp/config" ? portClaims_.take(patch.member("intfEnable"), Patience::none)
-                                         : std::string{};
+            const std::string problem = everyPortProblem(path, patch, onBridge());
+            return problem.empty() ? portClaims_.take(path, patch, Patience::none) : problem;
+        });
+        access_.followerIs([this](std::string_view path, const State::Value& patch) {
+            configuration_.written(path, patch);
         });
     }
 
     void run() {
-        demand(configuration_.load(options_.config, database_, access_), usage);
+        demand(configuration_.load(access_), usage);
         demand(start());
+        history_.emplace(loop_, database_,
+                         History::Recorder::Options{.octets = options_.historySize << 20,
+                                                    .directory = options_.state,
+                                                    .outcomes = dataplane_ ? outcomes_ : nullptr});
+        if (!history_->problem().empty()) tell(Level::warning, history_->problem());
+        history_->started(programVersion());
         configuration_.eachSpeed(
             [this](IntfId intf, Interface::Speed speed) { links_.configuredSpeedIs(intf, speed); });
         const PortsOfInterest interest{config_, mvrp_, bridging_, [this](IntfId intf) { follow(intf); },
                                        [this](IntfId intf) { forget(intf); }};
         const State::Reactor addresses = status_->watch([this](const State::Change&) { chooseBridgeMac(); });
-        const State::Reactor enabled = config_->react([this](const State::Change& change) {
-            chooseBridgeMac();
-            if (const auto* intf = change.key<IntfId>(); intf != nullptr && !config_->intfEnable().get(*intf))
-                portClaims_.giveBack(intf->name());
-        });
+        const State::Reactor enabled = config_->react([this](const State::Change&) { chooseBridgeMac(); });
         chooseBridgeMac();
-        if (std::ranges::none_of(config_->intfEnable(), [](const auto& port) { return port.second; }))
-            tell(LOG_WARNING, options_.config + ": msrp/config/intfEnable enables MSRP on no port");
+        if (std::ranges::none_of(config_->choice().said(), [](const auto& port) { return port.second; }))
+            tell(Level::warning, "msrp/config/intfEnable enables MSRP on no port");
         // On a bridge the data plane tells which ports forward; elsewhere, without a spanning tree, all do.
         const Bridging::TopologyAgent topology{bridging_, stp_, onBridge().empty() ? status_ : nullptr,
                                                topology_};
 
+        const Msrp::StreamCensus census{loop_, record<Msrp::Status>("msrp/status"),
+                                        record<Msrp::Census>("msrp/census")};
         Msrp::Agent agent{agentEnvironment(), ports_};
         const auto cli = record<Msrp::CliConfig>("msrp/cliConfig");
         Mvrp::Agent vlans{agentEnvironment(), mvrpPorts_,
@@ -100,21 +128,28 @@ public:
         ringLog_.clocksAre(loop_.now(), loop_.wallNow());
         agent.start();
         vlans.start();
+        const State::Reactor counts = reservations_->react([this](const State::Change&) {
+            if (!tellCounts_.armed()) tellCounts_.armIn(std::chrono::seconds{1});
+        });
+        tellCounts();
+        manager_.ready();
         loop_.run();
+        manager_.stopping();
         // Peers that hear a Leave need not wait for their own timers.
         agent.withdraw();
         agent.stop();
         vlans.stop();
         if (dataplane_) dataplane_->stop();
+        history_->stopped("by a signal");
         // The loop turns once more, so that log and captures get the Leaves that were just sent.
         loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
-        folder_.flush();
-        limiter_.flush();
-        writer_.finish(std::chrono::milliseconds{200});
+        log_.finish();
     }
 
 private:
     using Patience = Linux::Claims::Patience;
+    using Level = Runtime::LogLevel;
+    using Topic = Runtime::LogTopic;
 
     Runtime::AgentEnvironment agentEnvironment() {
         return {.database = database_,
@@ -138,10 +173,11 @@ private:
         if (problem.empty() && !onBridge().empty())
             problem = claims_.take("bridge " + onBridge(), Patience::some);
         if (problem.empty()) {
-            const auto enabled = config_->fieldValue("intfEnable", {});
-            problem = portClaims_.take(&*enabled, Patience::some);
+            problem = portClaims_.take("msrp/config", config_->value(), Patience::some);
+            if (problem.empty()) problem = portClaims_.take("mvrp/config", mvrp_->value(), Patience::some);
         }
         if (problem.empty()) problem = server_.start(options_.socket);
+        for (const std::string& notice : server_.notices()) tell(Level::warning, notice);
         if (problem.empty()) problem = devices_.start();
         if (const std::string& clock = linux_->gptp().socket; problem.empty() && !clock.empty()) {
             problem = time_.start(clock);
@@ -149,15 +185,69 @@ private:
         }
         // Last, for it changes what others see.
         if (problem.empty() && !onBridge().empty()) problem = startDataplane();
+        if (problem.empty() && !onBridge().empty()) {
+            everyPort_.emplace(loop_, devices_, onBridge(), config_, mvrp_, portClaims_,
+                               [this](const std::string& line) { warn(line); });
+        }
         return problem;
+    }
+
+    void tellCounts() {
+        manager_.statusIs(some(reservations_->intfStatus().size(), " port") + ", " +
+                          some(reservations_->registeredStreams().size(), " stream"));
     }
 
     void signalled(int signal) {
         if (signal != SIGHUP) return loop_.stop();
+        manager_.reloading();
         // Somebody has moved the files away, or started the log anew.
-        writer_.reopen();
+        log_.reopen();
         ringLog_.clocksAre(loop_.now(), loop_.wallNow());
-        if (const std::string problem = ringLog_.reopen(); !problem.empty()) tell(LOG_WARNING, problem);
+        if (const std::string problem = ringLog_.reopen(); !problem.empty()) tell(Level::warning, problem);
+        if (const std::string problem = reload("SIGHUP").problem; !problem.empty())
+            tell(Level::error, "not reloaded: " + problem);
+        manager_.ready();
+    }
+
+    Configuration::Reloaded reload(const std::string& who) {
+        std::map<IntfId, Interface::Speed> speeds;
+        configuration_.eachSpeed([&](IntfId intf, Interface::Speed speed) { speeds[intf] = speed; });
+        Configuration::Reloaded done =
+            configuration_.reload([this](const ConfigRecords& wanted) { return claim(wanted); });
+        if (!done.problem.empty()) return done;
+        chooseBridgeMac();
+        std::map<IntfId, Interface::Speed> changed = speeds;
+        for (auto& [intf, speed] : changed) speed = Interface::Speed::speedUnknown;
+        configuration_.eachSpeed([&](IntfId intf, Interface::Speed speed) { changed[intf] = speed; });
+        for (const auto& [intf, speed] : changed) {
+            const auto before = speeds.find(intf);
+            if (before == speeds.end() || before->second != speed) links_.configuredSpeedIs(intf, speed);
+        }
+        reloaded(done.changes, who);
+        return done;
+    }
+
+    void reloaded(const std::vector<State::Difference>& changes, const std::string& who) {
+        tellDone(
+            Runtime::concat("configuration reloaded: ", some(changes.size(), " field"), " changed: ", who));
+        for (std::size_t i = 0; i < std::min(changes.size(), linesOfReload); ++i) {
+            const State::Difference& change = changes[i];
+            tellDone("configuration: " + changeText(change));
+            if (history_) history_->configured(change.path(), change.was, change.is, who);
+        }
+    }
+
+    /// All ports of that configuration, or none that is not claimed already.
+    std::string claim(const ConfigRecords& wanted) {
+        for (const char* path : {"msrp/config", "mvrp/config"}) {
+            std::string problem =
+                portClaims_.take(path, wanted.all().find(path)->second->value(), Patience::none);
+            if (problem.empty()) continue;
+            for (const auto& [intf, on] : wanted.record<Msrp::Config>("msrp/config")->intfEnable())
+                portClaims_.settle(intf);
+            return problem;
+        }
+        return {};
     }
 
     /// The bridge's name, or nothing.
@@ -184,36 +274,51 @@ private:
                                       .refusals = record<Switch::Refusals>("switch/refusals"),
                                       .capabilities = capabilities_,
                                       .fence = fence_,
-                                      .traffic = traffic_},
+                                      .traffic = traffic_,
+                                      .outcomes = outcomes_},
             options_.socket,
-            [this](Linux::Tone tone, const std::string& line) { tell(static_cast<int>(tone), line); },
+            [this](Linux::Tone tone, const std::string& line) {
+                log_.say(Topic::kernel, static_cast<Level>(tone), line);
+            },
             [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
         return dataplane_->start();
     }
 
-    Control::Answer audit(const State::Value& request) {
+    Control::Answer audit(const State::Value& request, const Control::Peer& who) {
         if (!dataplane_) return {{}, "linux/config names no bridge, so there is nothing to compare with"};
         const State::Value* repair = request.member("repair");
+        const bool mends = repair != nullptr && State::Codec<bool>::decode(*repair).value_or(false);
+        if (mends) tellDone("mends what differs between records and kernel, for " + who.text());
         State::Object lines;
-        for (std::string& line :
-             dataplane_->audit(repair != nullptr && State::Codec<bool>::decode(*repair).value_or(false)))
+        for (std::string& line : dataplane_->audit(mends))
             lines.emplace_back(std::to_string(lines.size() + 1), State::Value{std::move(line)});
         return {State::Value{std::move(lines)}, {}};
     }
 
+    Control::Answer clearCountersOfAll(const Control::Peer& who) {
+        clearCounters(database_);
+        for (Linux::PacketPorts* ports : {&ports_, &mvrpPorts_}) ports->countersClear();
+        loop_.delaysClear();
+        process_->countersClearedIs(loop_.wallNow());
+        tellDone("all counters were set to zero, for " + who.text());
+        return {};
+    }
+
     void follow(IntfId intf) {
-        portNames_.insert(intf.name());
+        log_.portIs(intf.name(), true);
+        followed_.insert(intf);
         links_.followIs(intf);
         packets_->intfIs(intf)->sourceIs([this, intf] { return ports_.counters(intf); });
         if (!names_->intf().contains(intf))
-            tell(LOG_NOTICE, intf.name() + " does not exist yet, waiting for it");
+            tell(Level::notice, intf.name() + " does not exist yet, waiting for it");
     }
 
     void forget(IntfId intf) {
-        portNames_.erase(intf.name());
+        log_.portIs(intf.name(), false);
+        followed_.erase(intf);
         // Later in the turn: the agent still has to withdraw what it declared there, over a link that is up.
         loop_.post([this, intf] {
-            if (portNames_.contains(intf.name())) return;  // it was enabled again meanwhile
+            if (followed_.contains(intf)) return;  // it was enabled again meanwhile
             links_.followDel(intf);
             packets_->intfDel(intf);
         });
@@ -250,49 +355,53 @@ private:
         ports_.tapIs(std::move(tap));
     }
 
-    [[nodiscard]] std::string_view portNamed(std::string_view text) const {
-        return Control::portNamed(text, [this](std::string_view name) { return portNames_.contains(name); });
-    }
-    void tell(int severity, const std::string& text) { folder_.line(severity, portNamed(text), text); }
-    void keep(int severity, const std::string& line) {
-        recent_->add(Runtime::seconds(loop_.now()), line);
-        writer_.line(severity, line);
-    }
+    void tell(Level level, const std::string& text) { log_.say(Topic::daemon, level, text); }
+    /// What an operator has done.
+    void tellDone(const std::string& text) { log_.sayAlways(Level::notice, text); }
+    /// Of the machine.
+    void warn(const std::string& text) { log_.say(Topic::kernel, Level::warning, text); }
 
     const Options& options_;
     Linux::EpollLoop loop_;
     /// Blocks its signals from the start: one that comes early stops the daemon as soon as it runs.
     Linux::Signals signals_{loop_, [this](int signal) { signalled(signal); }, {SIGTERM, SIGINT, SIGHUP}};
     State::Database database_;
-    std::shared_ptr<Runtime::RecentLog> recent_ = record<Runtime::RecentLog>("log");
-    Control::LogWriter writer_{
-        loop_, options_.useSyslog ? Control::systemLogSocket(loop_, "msrpd") : Control::standardError(),
-        [this](const std::string& line) { recent_->add(Runtime::seconds(loop_.now()), line); }};
-    Control::LogLimiter limiter_{loop_,
-                                 [this](int severity, const std::string& line) { keep(severity, line); }};
-    Runtime::RepeatedLines folder_{
-        loop_, [this](int severity, std::string_view port, const std::string& line, std::uint64_t count) {
-            limiter_.line(severity, port, line, count);
-        }};
-    std::set<std::string, std::less<>> portNames_;  ///< of those that are followed
-    Linux::Claims claims_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
-    PortClaims portClaims_{claims_};
+    DaemonLog log_{
+        loop_, options_.useSyslog ? Control::systemLogSocket(loop_, "msrpd") : Control::standardError(loop_),
+        record<Runtime::LogConfig>("log/config"), record<Runtime::RecentLog>("log")};
+    std::shared_ptr<Runtime::ProcessStatus> process_ = record<Runtime::ProcessStatus>("process");
+    std::set<IntfId> followed_;
+    Linux::Claims claims_{loop_, [this](const std::string& line) { warn(line); }};
     Runtime::SystemLog systemLog_;
     Runtime::Trace trace_;
     Runtime::RingLog ringLog_;
-    Control::RecordAccess access_{database_, Configuration::paths()};
-    Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    Control::RecordAccess access_{database_, ConfigRecords::paths()};
+    Linux::PacketPorts ports_{loop_, {}, [this](const std::string& line) { warn(line); }};
     Linux::PacketPorts mvrpPorts_{loop_, Linux::mvrpProtocol,
-                                  [this](const std::string& line) { tell(LOG_WARNING, line); }};
+                                  [this](const std::string& line) { warn(line); }};
     std::shared_ptr<Linux::PacketStatus> packets_ = record<Linux::PacketStatus>("linux/packets");
     Control::FrameSource frames_{[this](std::string_view port) { return knowsPort(port); },
                                  [this](bool wanted) { tapPorts(wanted); }};
     const Control::Commands commands_{
-        {"audit", [this](const State::Value& request) { return audit(request); }}};
+        {"audit",
+         {[this](const State::Value& request, const Control::Peer& who) { return audit(request, who); }}},
+        {"reload", {[this](const State::Value&, const Control::Peer& who) {
+             const Configuration::Reloaded done = reload(who.text());
+             return Control::Answer{changesValue(done.changes), done.problem};
+         }}},
+        {"unsaved", {[this](const State::Value&, const Control::Peer&) { return configuration_.unsaved(); }}},
+        {"clearCounters",
+         {[this](const State::Value&, const Control::Peer& who) { return clearCountersOfAll(who); }}},
+        {"history",
+         {[this](const State::Value& request, const Control::Peer&) {
+              return answerHistory(events_, request);
+          },
+          true}}};
     Control::Server server_{loop_, {access_, frames_, commands_}};
-    Configuration configuration_;
+    Configuration configuration_{database_, configSources(options_.config)};
     std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
     std::shared_ptr<Mvrp::Config> mvrp_ = record<Mvrp::Config>("mvrp/config");
+    PortClaims portClaims_{claims_, config_, mvrp_};
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
     std::shared_ptr<Bridging::Topology::Config> topology_ =
         record<Bridging::Topology::Config>("bridging/topology/config");
@@ -303,21 +412,29 @@ private:
         record<Linux::CapabilityStatus>("linux/capabilities");
     std::shared_ptr<Linux::FenceStatus> fence_ = record<Linux::FenceStatus>("linux/fence");
     std::shared_ptr<Linux::TrafficStatus> traffic_ = record<Linux::TrafficStatus>("linux/traffic");
+    std::shared_ptr<Switch::Outcomes> outcomes_ = std::make_shared<Switch::Outcomes>();
+    std::shared_ptr<History::Journal> events_ = record<History::Journal>("history/events");
     std::shared_ptr<Switch::Streams> streams_ = record<Switch::Streams>("switch/streams");
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> status_ =
         record<Interface::AllEthPhyIntfStatusDir>("interface/status/eth/phy/all");
     std::shared_ptr<Interface::EthIntfStatusDir> names_ =
         record<Interface::EthIntfStatusDir>("interface/status/eth/intf");
-    Linux::DeviceTable devices_{loop_, [this](const std::string& line) { tell(LOG_WARNING, line); }};
+    std::shared_ptr<const Msrp::Status> reservations_ = record<Msrp::Status>("msrp/status");
+    Linux::ServiceManager manager_{loop_};
+    Runtime::Timer tellCounts_{loop_, [this] { tellCounts(); }};
+    Linux::DeviceTable devices_{loop_, [this](const std::string& line) { warn(line); }};
     Linux::LinkAgent links_{devices_, status_, names_, [this](IntfId intf, const Linux::Place& place) {
                                 ports_.interfaceIs(intf, place);
                                 mvrpPorts_.interfaceIs(intf, place);
                             }};
     std::optional<Linux::Dataplane> dataplane_;
-    Linux::TimeAgent time_{
-        loop_, record<Switch::TimeStatus>("switch/time"),
-        [this](bool good, const std::string& line) { tell(good ? LOG_INFO : LOG_WARNING, line); },
-        options_.socket + ".time"};
+    std::optional<EveryPort> everyPort_;
+    std::optional<History::Recorder> history_;
+    Linux::TimeAgent time_{loop_, record<Switch::TimeStatus>("switch/time"),
+                           [this](bool good, const std::string& line) {
+                               log_.say(Topic::kernel, good ? Level::information : Level::warning, line);
+                           },
+                           options_.socket + ".time"};
 };
 
 /// Standard streams that were closed before the start lead nowhere: their numbers would else be given to our
@@ -329,8 +446,17 @@ void openStandardStreams() {
     }
 }
 
+ExitCode checkFiles(const Options& options) {
+    const auto sources = configSources(options.check->empty() ? options.config : *options.check);
+    std::vector<Control::ConfigFile> files;
+    demand(readConfigs(sources, Control::ConfigReading::once, files), usage);
+    demand(ConfigRecords{}.take(files), usage);
+    std::cout << "good: " << files.size() << (files.size() == 1 ? " file\n" : " files\n");
+    return done;
+}
+
 ExitCode run(const Options& options) {
-    if (options.config.empty()) throw Failure{"--config FILE is needed", usage};
+    if (options.check) return checkFiles(options);
     // That the reader of our log goes away must not end the daemon.
     std::signal(SIGPIPE, SIG_IGN);
     Daemon{options}.run();
@@ -343,9 +469,17 @@ int main(int argc, char** argv) {
     openStandardStreams();
     Options options;
     Program program{"msrpd", "Stream reservation (MSRP, IEEE 802.1Q clause 35) for the ports of this switch"};
-    program.text("--config", "Configuration file, JSON", options.config)
+    program
+        .list("--config",
+              "Configuration, JSON: files and directories of files, of which later ones win; else "
+              "/etc/msrpd/msrpd.json and /etc/msrpd/msrpd.d",
+              options.config)
+        .list("--check", "Only judges these files, or those that it would start with", options.check)
         .text("--socket", "Control socket", options.socket)
         .flag("--syslog", "Log to syslog instead of standard error", options.useSyslog)
+        .text("--state", "Directory for what is to outlive the daemon (default: $STATE_DIRECTORY)",
+              options.state)
+        .number("--history-size", "Room for what has happened, MiB", options.historySize, {1, 16})
         .number("--trace", "Debug trace: 0 off, 1 notices, 2 handlers, 3 everything", options.trace, {0, 3});
     return program.run(argc, argv, [&] { return run(options); });
 }

@@ -39,6 +39,7 @@ constexpr unsigned loopback = 1;
 constexpr unsigned triedBridge = 10;
 constexpr unsigned triedPort = 11;
 constexpr std::uint16_t anyMajor = 0x100;
+const FenceRules triedFence{.closed = 1U << 3};
 /// A group owner that is none of the kernel's own.
 constexpr std::uint8_t anyOwner = 78;
 
@@ -47,6 +48,9 @@ constexpr Ability abilityIf(bool there) { return there ? Ability::present : Abil
 /// Tries one thing after the other in this process's network namespace.
 class Probe {
 public:
+    /// `program`: the fence's, where the kernel has taken that.
+    explicit Probe(LoadedProgram program) : program_{std::move(program)} {}
+
     Abilities abilities() {
         Abilities found;
         if (!kernel_.open().empty()) return found;
@@ -102,12 +106,9 @@ private:
         found.ebpf = abilityIf(fence());
     }
 
-    /// Also that what the process may do is enough for it.
     bool fence() {
-        const FenceRules rules{.closed = 1U << 3};
-        LoadedProgram program;
-        if (!loadProgram(fenceProgram(rules, {}), program).empty()) return false;
-        const FrameProgram wanted{rules.name(), program.id, program.descriptor.get()};
+        if (!program_.descriptor) return false;
+        const FrameProgram wanted{triedFence.name(), program_.id, program_.descriptor.get()};
         return done(newFilter(fenceFilter(loopback, wanted), requestAdd));
     }
 
@@ -171,6 +172,7 @@ private:
         return done(std::move(request));
     }
 
+    const LoadedProgram program_;
     NetlinkRequests kernel_;
 };
 
@@ -200,7 +202,13 @@ pid_t startProbe(Runtime::FileDescriptor& answer, int flags) {
     if (child == 0) {
         const int out = becomeIndependent(in.get(), self);
         Abilities found;
-        if (unshare(CLONE_NEWNET) == 0) found = Probe{}.abilities();
+        // As this process: in a user namespace no program would be taken.
+        LoadedProgram program;
+        (void)loadProgram(fenceProgram(triedFence, {}), program);
+        // Without CAP_SYS_ADMIN a network namespace belongs into a user namespace, where the child may do
+        // anything.
+        if (unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0)
+            found = Probe{std::move(program)}.abilities();
         const ssize_t written = write(out, &found, sizeof found);
         _exit(written == sizeof found ? 0 : 1);
     }

@@ -14,7 +14,7 @@ namespace Linux {
 
 /// Tries everything in a network namespace of a child process, which vanishes with it.  Kernel modules that
 /// are needed get loaded.  Takes some milliseconds.  All is unknown where this process may not make a
-/// namespace: then the first real request tells.
+/// namespace, not even one that belongs to a user namespace: then the first real request tells.
 Abilities probeAbilities();
 
 /// The same while a loop runs, which it does not hold up.

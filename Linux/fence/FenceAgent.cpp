@@ -15,7 +15,7 @@ using Runtime::concat;
 
 /// Ports that the timed audit reads in one turn of the loop.
 constexpr int fencesPerTurn = 16;
-/// Streams and groups that are told to the kernel in one turn.
+/// Streams and groups that are entered into the table of one or the other in one turn.
 constexpr std::size_t tableChangesPerTurn = 512;
 constexpr std::size_t meterChangesPerTurn = 256;
 /// That are kept though no port has them now.
@@ -218,7 +218,7 @@ void FenceAgent::tryMeter() {
 }
 
 void FenceAgent::abilitiesChanged() {
-    meterRefused_ = false;
+    if (std::exchange(meterRefused_, false)) meter_.refused({});
     tryMeter();
     for (auto& [ifindex, port] : ports_) {
         port.due.reset();

@@ -33,9 +33,8 @@ struct MeterEntry {
     static constexpr std::int32_t padded = 46;
     static constexpr std::int32_t timeShift = 20;
 
-    std::uint64_t octetTime =
-        0;                    ///< nanoseconds that one octet takes at the reserved rate, times 2^timeShift
-    std::uint64_t burst = 0;  ///< nanoseconds that the stream may be ahead of that rate
+    std::uint64_t octetTime = 0;  ///< of one octet at the reserved rate: nanoseconds times 2^timeShift
+    std::uint64_t burst = 0;      ///< nanoseconds that the stream may be ahead of that rate
     std::uint32_t priority = 0;
     std::uint32_t smallest = 0;  ///< octets that a frame which was filled up may have had
     std::uint64_t frames = 0;

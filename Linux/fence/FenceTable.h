@@ -2,8 +2,7 @@
 /// which addresses have groups.
 #pragma once
 
-#include "Linux/fence/FenceProgram.h"
-#include "Runtime/FileDescriptor.h"
+#include "Linux/fence/KernelTable.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,14 +16,14 @@ public:
     static constexpr std::uint32_t defaultRoom = 65'536;
 
     /// `room`: streams and addresses that fit.
-    explicit FenceTable(std::uint32_t room = defaultRoom) : room_{room} {}
+    explicit FenceTable(std::uint32_t room = defaultRoom) : table_{room} {}
 
     /// Shall be in it, or not.
     void want(const FenceKey& key, bool wanted);
     /// Makes at most so many changes; true when none are left, or none can be made: see `problem`.
     bool carryOut(std::size_t changes);
     /// For programs; -1 before `carryOut`.
-    [[nodiscard]] int descriptor() const { return table_.get(); }
+    [[nodiscard]] int descriptor() const { return table_.descriptor(); }
     /// Whether all that was wanted at some time was in it: before that it must not decide anything.
     [[nodiscard]] bool filled() const { return filled_ && problem_.empty(); }
     /// Why it cannot be relied upon; empty: it can.
@@ -34,8 +33,7 @@ public:
     bool retry();
 
 private:
-    const std::uint32_t room_;
-    Runtime::FileDescriptor table_;
+    KernelTable<std::uint8_t> table_;
     std::set<FenceKey> wanted_;
     std::set<FenceKey> held_;
     std::set<FenceKey> due_;  ///< in one of the two only

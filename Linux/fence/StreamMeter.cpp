@@ -70,7 +70,7 @@ StreamMeter::StreamMeter(Runtime::Loop& loop, std::shared_ptr<const Switch::Stre
 
 void StreamMeter::start() {
     const int error = table_.make();
-    problemIs(error);
+    answered(error);
     if (error != 0) return;
     reactor_ = streams_->watch([this](const State::Change& change) { streamChanged(change); });
     streams_->stream().each([this](std::uint64_t id, const auto&) { due_.insert(id); });
@@ -87,6 +87,7 @@ void StreamMeter::stop() {
     behind_.clear();
     due_.clear();
     refused_.clear();
+    programRefused_.clear();
     status_->streamDelAll();
     status_->problemIs({});
 }
@@ -140,7 +141,7 @@ void StreamMeter::look(std::uint64_t id) {
     } else if (status_->stream(id)) {
         status_->streamIs(id)->kbpsIs(0);
     }
-    if (refused_.empty()) problemIs(0);
+    if (refused_.empty()) answered(0);
 }
 
 void StreamMeter::takeOut(std::uint64_t id, Metered& stream) {
@@ -161,7 +162,7 @@ void StreamMeter::putIn(std::uint64_t id, Metered& stream, const FenceKey& key,
         meterEntry(limits.kbps(), limits.priority(), limits.maxFrameSize(), limits.interval());
     if (const int error = table_.enter(key, entry); error != 0) {
         refused_.insert(id);
-        return problemIs(error);
+        return answered(error);
     }
     stream.key = key;
     owners_[key] = id;
@@ -215,8 +216,8 @@ void StreamMeter::publish(std::uint64_t id, Metered& stream) {
     record->lastFrameIs(static_cast<double>(stream.told.last) / 1e9);
 }
 
-void StreamMeter::problemIs(int error) {
-    std::string problem;
+void StreamMeter::answered(int error) {
+    std::string problem = programRefused_;
     if (error == E2BIG) {
         problem = Runtime::concat("there are more than ", table_.room(), " streams, not all are measured");
     } else if (error != 0) {
@@ -226,7 +227,8 @@ void StreamMeter::problemIs(int error) {
 }
 
 void StreamMeter::refused(const std::string& why) {
-    problemIs(Runtime::concat("streams are not measured: ", why));
+    programRefused_ = why.empty() ? why : Runtime::concat("streams are not measured: ", why);
+    answered(0);
 }
 
 void StreamMeter::problemIs(const std::string& problem) {

@@ -4,7 +4,7 @@
 /// read once a second, some at a time.
 #pragma once
 
-#include "Linux/fence/MeterTable.h"
+#include "Linux/fence/KernelTable.h"
 #include "Linux/links/DeviceTable.h"
 #include "Linux/records/TrafficStatus.h"
 #include "Runtime/Loop.h"
@@ -27,13 +27,15 @@ MeterEntry meterEntry(std::uint64_t kbps, std::uint8_t priority, std::uint16_t m
 
 class StreamMeter {
 public:
+    static constexpr std::uint32_t defaultRoom = 16'384;
     /// Between two readings of one stream.
     static constexpr Runtime::Duration period = std::chrono::seconds{1};
 
-    /// `stirred` is called when there is something for `carryOut`.  The loop must outlive it.
+    /// `stirred` is called when there is something for `carryOut`.  `room`: streams that can be measured. The
+    /// loop must outlive it.
     StreamMeter(Runtime::Loop& loop, std::shared_ptr<const Switch::Streams> streams,
                 std::shared_ptr<TrafficStatus> status, std::function<void()> stirred, Report report,
-                std::uint32_t room = MeterTable::defaultRoom);
+                std::uint32_t room = defaultRoom);
 
     /// Where the kernel refuses the table, which is told, it may be called again.
     void start();
@@ -41,7 +43,7 @@ public:
     void stop();
     /// That the port has that interface index, or (0) is none of the bridge.
     void portIs(IntfId port, unsigned ifindex);
-    /// That the kernel takes no program that would count.
+    /// Why the kernel takes no program that would count; empty: that is not known any more.
     void refused(const std::string& why);
     /// Makes at most so many changes; false when there are more.
     bool carryOut(std::size_t changes);
@@ -65,7 +67,8 @@ private:
     void putIn(std::uint64_t id, Metered& stream, const FenceKey& key, const Switch::Stream& limits);
     void readSome();
     void publish(std::uint64_t id, Metered& stream);
-    void problemIs(int error);
+    /// What the kernel says to entries of its table.
+    void answered(int error);
     void problemIs(const std::string& problem);
 
     Runtime::Loop& loop_;
@@ -73,13 +76,14 @@ private:
     const std::shared_ptr<TrafficStatus> status_;
     const std::function<void()> stirred_;
     const Report report_;
-    MeterTable table_;
+    KernelTable<MeterEntry> table_;
     Metering metering_;
     std::map<FenceKey, std::uint64_t> owners_;  ///< of what is in the table
     std::map<IntfId, unsigned> indexes_;
     std::map<IntfId, std::set<std::uint64_t>> behind_;  ///< streams by their talkers' ports
     std::set<std::uint64_t> due_;
     std::set<std::uint64_t> refused_;  ///< by the kernel
+    std::string programRefused_;       ///< why the kernel takes none; empty: it does
     std::uint64_t readNext_ = 0;
     Runtime::Timer timer_;
     State::Reactor reactor_;

@@ -24,6 +24,7 @@ GroupAgent::GroupAgent(Runtime::FdLoop& loop, DeviceTable& devices, NetlinkChann
       wake_{std::move(wake)},
       report_{std::move(report)},
       served_{std::move(served)},
+      carriedOut_{records.outcomes},
       outcomes_{records.status},
       refusals_{records.refusals},
       wishes_{records.wanted},

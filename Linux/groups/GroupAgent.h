@@ -32,6 +32,7 @@
 #include "Linux/records/GroupStatus.h"
 #include "Runtime/Loop.h"
 #include "Switch/BridgingInput.h"
+#include "Switch/Outcomes.h"
 
 #include <chrono>
 #include <functional>
@@ -58,6 +59,7 @@ public:
         std::shared_ptr<const Bridging::Input::Config> wanted;
         std::shared_ptr<GroupStatus> status;
         std::shared_ptr<Switch::Refusals> refusals;
+        std::shared_ptr<const Switch::Outcomes> outcomes = std::make_shared<Switch::Outcomes>();
     };
     using Served = StrayGroups::Served;
 
@@ -154,6 +156,7 @@ private:
     const std::function<void()> wake_;
     const Report report_;
     const Served served_;
+    const std::shared_ptr<const Switch::Outcomes> carriedOut_;
     GroupOutcomes outcomes_;
     GroupRefusals refusals_;
     GroupWishes wishes_;

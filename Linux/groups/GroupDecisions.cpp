@@ -60,7 +60,10 @@ void GroupAgent::publish(Runtime::Time begin) {
     if (!all) again_.armIn({});
 
     GroupStatus& status = outcomes_.status();
-    outcomes_.publish(kernelGroups_.table().groups(), view_.tableSize);
+    // A place that was given up just now counts: it is free before anybody has asked for it.
+    const std::size_t used = kernelGroups_.table().groups();
+    const std::size_t places = std::min<std::size_t>(limit(), view_.tableSize) + places_.idle();
+    outcomes_.publish(used, view_.tableSize, places > used + margin ? places - used - margin : 0);
     status.floodedIs(view_.bridge != 0 && !view_.snooping
                          ? Runtime::concat("multicast snooping of ", config_->bridge(), " is off")
                          : std::string{});
@@ -247,7 +250,10 @@ void GroupAgent::judge(EthAddr mac, const Batch& batch) {
     for (const WantedGroup& wish : batch.wishes.at(mac)) {
         Verdict& verdict = verdicts[wish.vlan];
         verdict.listened = wish.listened;
-        if (kernelGroups_.table().owner(wish.member)) continue;
+        if (kernelGroups_.table().owner(wish.member)) {
+            carriedOut_->groupIs({wish.vlan, mac}, wish.intf);
+            continue;
+        }
         const auto why = batch.why.find(wish.member);
         const bool passing = why == batch.why.end() || why->second.kind == GroupProblem::Kind::passing;
         const bool patient = passing && now - waiting_.try_emplace(mac, now).first->second < patience;

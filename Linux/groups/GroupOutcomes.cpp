@@ -69,13 +69,14 @@ std::string GroupOutcomes::why(EthAddr mac, const std::string& entry) const {
     return reason != held->second.failed.end() ? reason->second : std::string{};
 }
 
-void GroupOutcomes::publish(std::size_t tableUsed, std::size_t tableSize) {
+void GroupOutcomes::publish(std::size_t tableUsed, std::size_t tableSize, std::size_t tableRoom) {
     status_->wantedIs(total_.wanted);
     status_->programmedIs(total_.programmed);
     status_->foreignIs(total_.foreign);
     status_->missingIs(static_cast<std::uint32_t>(missing_));
     status_->tableUsedIs(static_cast<std::uint32_t>(tableUsed));
     status_->tableSizeIs(static_cast<std::uint32_t>(tableSize));
+    status_->tableRoomIs(static_cast<std::uint32_t>(tableRoom));
 }
 
 std::vector<std::string> GroupOutcomes::news() {

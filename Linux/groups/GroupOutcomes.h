@@ -45,7 +45,7 @@ public:
 
     /// In place of what was said of that address before.
     void enter(EthAddr mac, GroupOutcome outcome);
-    void publish(std::size_t tableUsed, std::size_t tableSize);
+    void publish(std::size_t tableUsed, std::size_t tableSize, std::size_t tableRoom);
 
     [[nodiscard]] GroupStatus& status() { return *status_; }
     /// Why that entry of that address is not there; empty where it is not known.

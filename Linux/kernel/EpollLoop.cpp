@@ -60,6 +60,7 @@ bool EpollLoop::runUntil(const std::function<bool()>& condition, Duration span) 
 void EpollLoop::turn() {
     std::array<epoll_event, batch> events{};
     const int count = wait(events);
+    const Time begun = now();
     // Interrupted by a signal, count is negative and the turn goes on without events.
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
@@ -70,10 +71,12 @@ void EpollLoop::turn() {
     }
     fireTimers();
     postedLeft_ = runPosted();
+    delays_.turns.add(now() - begun);
 }
 
 void EpollLoop::fireTimers() {
     const Time begun = now();
+    if (timerArmed() && nextDue() <= begun) delays_.late.add(begun - nextDue());
     Time here = begun;
     do {
         fireDue(here, timersSpan - (here - begun));

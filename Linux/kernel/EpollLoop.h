@@ -6,6 +6,7 @@
 /// descriptor that still has more comes again in the next turn: the others have theirs in between.
 #pragma once
 
+#include "Runtime/Delays.h"
 #include "Runtime/FileDescriptor.h"
 #include "Runtime/Loop.h"
 
@@ -38,6 +39,10 @@ public:
     /// Runs until `condition` holds, looked at once in a turn, at most for `span`; tells whether it holds.
     bool runUntil(const std::function<bool()>& condition, Runtime::Duration span);
 
+    /// How it fares, since the start or since they were last cleared.
+    [[nodiscard]] const Runtime::LoopDelays& delays() const { return delays_; }
+    void delaysClear() { delays_ = {}; }
+
 private:
     using Handler = std::shared_ptr<const std::function<void()>>;
     struct Watched {
@@ -63,6 +68,7 @@ private:
     std::unordered_map<std::uint64_t, Watched> watched_;
     std::unordered_map<int, std::uint64_t> serialOf_;
     std::uint64_t nextSerial_ = 1;
+    Runtime::LoopDelays delays_;
     bool postedLeft_ = false;
     bool stopping_ = false;
 };

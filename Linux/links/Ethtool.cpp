@@ -10,6 +10,7 @@
 #include <linux/ethtool.h>
 #include <linux/ethtool_netlink.h>
 #include <linux/genetlink.h>
+#include <linux/netlink.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <new>
@@ -22,7 +23,8 @@ namespace {
 
 /// Has the kernel fill in `answer`, which begins with the number of the question.
 bool askEthtool(const std::string& name, void* answer) {
-    const Runtime::FileDescriptor fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    // Any socket will do; this kind is needed anyway.
+    const Runtime::FileDescriptor fd{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC)};
     ifreq request{};
     std::copy_n(name.begin(), std::min(name.size(), sizeof request.ifr_name - 1), request.ifr_name);
     request.ifr_data = static_cast<char*>(answer);

@@ -289,6 +289,7 @@ void PacketPorts::Port::read() {
         }
         ++counters.received;
         const auto frame = std::span{batch.frames[i]}.first(message.msg_len);
+        counters.lastSource = EthAddr::fromNumber(Runtime::bigEndian(frame.subspan(6, 6)));
         if (owner_.tap_) owner_.tap_(intf_, Direction::received, frame);
         inbox->receiver(frame.subspan(headerLength));
     }
@@ -318,6 +319,11 @@ PortCounters PacketPorts::counters(IntfId intf) {
     }
     const auto at = counters_.find(intf);
     return at != counters_.end() ? at->second : PortCounters{};
+}
+
+void PacketPorts::countersClear() {
+    for (Port* port : ports_) port->countOverflow();  // which sets the kernel's back to zero
+    for (auto& [intf, counters] : counters_) counters = {.lastSource = counters.lastSource};
 }
 
 }  // namespace Linux

@@ -37,6 +37,7 @@ struct PortCounters {
     std::uint64_t sendDropped = 0;  ///< interface away or down, or the kernel's queue full
     std::uint64_t received = 0;
     std::uint64_t receiveDropped = 0;  ///< longer than a frame may be, or more than the socket could hold
+    EthAddr lastSource{};              ///< of the last frame that was received; zero: there was none
 };
 
 enum class Direction { received, sent };
@@ -66,6 +67,8 @@ public:
 
     /// All zero for an interface that never had a port.
     [[nodiscard]] PortCounters counters(IntfId intf);
+    /// They begin at zero again.
+    void countersClear();
 
 private:
     class Port;

@@ -21,13 +21,16 @@ public:
     static constexpr void fields(F&& each) {
         const auto counter = [](std::string_view name, std::uint64_t PortCounters::*which) {
             return State::derived<IntfPackets>(name, [which](const IntfPackets& record) {
-                return State::Value{record.source_ ? record.source_().*which : std::uint64_t{0}};
+                return record.source_ ? record.source_().*which : std::uint64_t{0};
             });
         };
         each(counter("sent", &PortCounters::sent));
         each(counter("sendDropped", &PortCounters::sendDropped));
         each(counter("received", &PortCounters::received));
         each(counter("receiveDropped", &PortCounters::receiveDropped));
+        each(State::derived<IntfPackets>("lastSource", [](const IntfPackets& record) {
+            return record.source_ ? record.source_().lastSource : EthAddr{};
+        }));
     }
 
 private:

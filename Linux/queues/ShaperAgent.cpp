@@ -385,6 +385,7 @@ void ShaperAgent::applied(Port& port, const Decision& decision, bool operational
         publish(port, Shaper::none, decision.why);
         return refuse(port, accepted || !operational ? std::string{} : decision.why);
     }
+    records_.outcomes->queuesAre(IntfId{port.name});
     if (port.trials.worked()) wake_();  // nobody has asked for these rates yet
     refuse(port, {});
     // Only a rate shows whether the kernel shapes in this way.

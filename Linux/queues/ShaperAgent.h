@@ -24,6 +24,7 @@
 #include "Linux/records/CapabilityStatus.h"
 #include "Linux/records/Config.h"
 #include "Runtime/Loop.h"
+#include "Switch/Outcomes.h"
 #include "Switch/Qos.h"
 #include "Switch/Refusals.h"
 
@@ -52,6 +53,7 @@ public:
         std::shared_ptr<const Switch::Domain> domain = std::make_shared<Switch::Domain>();
         /// Shared with those who have filters of their own there.
         std::shared_ptr<OwnPlaces> places = std::make_shared<OwnPlaces>();
+        std::shared_ptr<const Switch::Outcomes> outcomes = std::make_shared<Switch::Outcomes>();
     };
     /// Longest time after a start until reservations that still hold are there again: a round of LeaveAll.
     static constexpr Runtime::Duration defaultSettling = std::chrono::seconds{20};

@@ -98,7 +98,7 @@ public:
     static constexpr void fields(F&& each) {
         for (const auto& [name, ability] : abilityFields) {
             each(State::derived<CapabilityStatus>(name, [ability = ability](const CapabilityStatus& status) {
-                return State::Value{std::string{State::enumText(status.abilities_.*ability)}};
+                return status.abilities_.*ability;
             }));
         }
         each(State::collection("shaping", &CapabilityStatus::shaping_));

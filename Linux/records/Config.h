@@ -48,6 +48,9 @@ struct State::Codec<Linux::Gptp> {
         return Linux::Gptp{*path};
     }
     static std::string expected() { return "like { \"socket\": \"/var/run/ptp4l\" }"; }
+    static Schema schema() {
+        return {.type = "object", .fields = {{"socket", Codec<std::string>::schema()}}};
+    }
 };
 
 namespace Linux {

@@ -30,6 +30,10 @@ public:
     /// Groups for which the table has room; some of it is left to others.  0: not known.
     [[nodiscard]] std::uint32_t tableSize() const { return tableSize_; }
     void tableSizeIs(std::uint32_t v) { assign(tableSize_, v, "tableSize"); }
+    /// How many more groups with listeners would get a place now, without taking that of another one with
+    /// listeners; means nothing while the size is not known.
+    [[nodiscard]] std::uint32_t tableRoom() const { return tableRoom_; }
+    void tableRoomIs(std::uint32_t v) { assign(tableRoom_, v, "tableRoom"); }
     /// Why every stream goes to every port; empty: it does not.
     [[nodiscard]] const std::string& flooded() const { return flooded_; }
     void floodedIs(const std::string& v) { assign(flooded_, v, "flooded"); }
@@ -60,6 +64,7 @@ public:
         each(State::scalar("foreign", &GroupStatus::foreign_));
         each(State::scalar("tableUsed", &GroupStatus::tableUsed_));
         each(State::scalar("tableSize", &GroupStatus::tableSize_));
+        each(State::scalar("tableRoom", &GroupStatus::tableRoom_));
         each(State::scalar("flooded", &GroupStatus::flooded_));
         each(State::map("routerPorts", &GroupStatus::routerPorts_));
         each(State::map("notOffloaded", &GroupStatus::notOffloaded_));
@@ -73,6 +78,7 @@ private:
     std::uint32_t foreign_ = 0;
     std::uint32_t tableUsed_ = 0;
     std::uint32_t tableSize_ = 0;
+    std::uint32_t tableRoom_ = 0;
     std::string flooded_;
     State::FlatMap<IntfId, bool> routerPorts_;
     State::FlatMap<std::string, bool> notOffloaded_;

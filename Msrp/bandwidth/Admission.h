@@ -19,6 +19,10 @@ constexpr U64 streamBandwidth(SrClassId srClass, U32 maxIntervalFrames, U32 maxF
     return kbps;
 }
 
+/// The frames per interval that a Talker Advertise is recorded with and charged for: the low octet of what it
+/// says.
+constexpr U8 recordedFrames(U16 maxIntervalFrames) { return static_cast<U8>(maxIntervalFrames); }
+
 /// kbit/s of a link; 0 for unknown speeds and for those (2.5G and 5G) on which no stream is admitted.
 constexpr U64 linkSpeedKbps(Interface::Speed speed) {
     using enum Interface::Speed;
@@ -39,25 +43,37 @@ struct AdmissionRequest {
 
 constexpr U64 allowedTotal(const AdmissionRequest& r) { return (r.percentA + r.percentB) * r.link / 100; }
 
+/// What the class may have on the port: class B what class A leaves of the joint share.
+constexpr U64 allowedForClass(const AdmissionRequest& r) {
+    if (r.srClass == SrClassId::SrClassA) return r.percentA * r.link / 100;
+    return allowedTotal(r) - std::min(allowedTotal(r), r.allocatedA);
+}
+
 /// `noFailure`, `insufficientBandwidth` (both classes' share is exceeded) or `insufficientBandwidthForClass`.
-/// Class B may use what class A leaves of the joint share.  What fits exactly is admitted.
+/// What fits exactly is admitted.
 constexpr TalkerFailureCode admit(const AdmissionRequest& r) {
     const U64 total = allowedTotal(r);
     if (total < r.allocatedA + r.allocatedB + r.needed) return TalkerFailureCode::insufficientBandwidth;
+    const U64 allocated = r.srClass == SrClassId::SrClassA ? r.allocatedA : r.allocatedB;
+    return allowedForClass(r) < allocated + r.needed ? TalkerFailureCode::insufficientBandwidthForClass
+                                                     : TalkerFailureCode::noFailure;
+}
+
+/// The most that a stream of the class may need to be admitted now.
+constexpr U64 availableBandwidth(const AdmissionRequest& r) {
+    const auto left = [](U64 from, U64 taken) { return from - std::min(from, taken); };
     const bool classA = r.srClass == SrClassId::SrClassA;
-    const U64 allowed = classA ? r.percentA * r.link / 100 : total - r.allocatedA;
-    const U64 allocated = classA ? r.allocatedA : r.allocatedB;
-    return allowed < allocated + r.needed ? TalkerFailureCode::insufficientBandwidthForClass
-                                          : TalkerFailureCode::noFailure;
+    const U64 together = left(allowedTotal(r), r.allocatedA + r.allocatedB);
+    // Class B's own limit is what class A leaves of the joint share.
+    return classA ? std::min(together, left(r.percentA * r.link / 100, r.allocatedA)) : together;
 }
 
 /// kbit/s that are missing for the stream to be admitted; 0 when it is.
 constexpr U64 missingBandwidth(const AdmissionRequest& r) {
     const U64 total = allowedTotal(r);
-    const bool classA = r.srClass == SrClassId::SrClassA;
     const U64 together = r.allocatedA + r.allocatedB + r.needed;
-    const U64 own = (classA ? r.allocatedA : r.allocatedB) + r.needed;
-    const U64 allowed = classA ? r.percentA * r.link / 100 : total - std::min(total, r.allocatedA);
+    const U64 own = (r.srClass == SrClassId::SrClassA ? r.allocatedA : r.allocatedB) + r.needed;
+    const U64 allowed = allowedForClass(r);
     return std::max(together - std::min(together, total), own - std::min(own, allowed));
 }
 

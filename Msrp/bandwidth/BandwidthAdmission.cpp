@@ -1,6 +1,7 @@
 /// Bandwidth on egress ports: who is admitted, who waits, who gets another try.
 #include "Msrp/MsrpSm.h"
 #include "Msrp/bandwidth/Admission.h"
+#include "Msrp/bandwidth/PortDecision.h"
 #include "Msrp/types/Format.h"
 
 namespace Msrp {
@@ -137,10 +138,8 @@ bool MsrpSm::stillWaitsForBandwidth(const StreamData& stream, IntfId intf) const
 }
 
 bool MsrpSm::portCanCarry(const StreamData& stream, IntfId intf) const {
-    const auto intfStatus = status()->intfStatus(intf);
-    return intfStatus && intfStatus->srClassState(stream.srClass()) == SrClassState::Core &&
-           judgeVlan(intf, stream.vlanId()).code == TalkerFailureCode::noFailure &&
-           !shapingRefused(stream, intf);
+    const EgressFacts facts = egressFacts(intf, stream);
+    return isActive(facts.state) && Msrp::judgeEgress(facts) == TalkerFailureCode::noFailure;
 }
 
 void MsrpSm::retryBandwidth(StreamData& stream, IntfId intf) {

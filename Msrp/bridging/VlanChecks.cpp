@@ -1,5 +1,6 @@
 /// VLANs: whether a port can carry a stream's VLAN, and what changes when that changes.
 #include "Msrp/MsrpSm.h"
+#include "Msrp/bandwidth/PortDecision.h"
 #include "Msrp/types/Format.h"
 
 namespace Msrp {
@@ -9,25 +10,32 @@ using Code = TalkerFailureCode;
 using Bridging::Topology::PortState;
 }  // namespace
 
-MsrpSm::VlanVerdict MsrpSm::judgeVlan(IntfId intf, U16 vlan) const {
-    using enum VlanVerdict::Why;
+VlanFacts MsrpSm::vlanFacts(IntfId intf, U16 vlan) const {
     const VlanId vlanId{vlan};  // throws the range error
+    VlanFacts facts;
     const auto vlanConfig = inputs_.brConfig->vlanConfig(vlanId);
-    if (!vlanConfig) return {Code::vlanBlocked, notConfigured};
+    if (!vlanConfig) return facts;
+    facts.configured = true;
     const auto member = vlanConfig->intf(intf);
-    if (!member) return {Code::vlanBlocked, noMember};
-    if (inputs_.stpStatus->mode() != Stp::Mode::None) {
-        const auto* topoName = inputs_.bridgingTopoConfig->vlanTopology().find(vlanId);
-        const auto topo = topoName != nullptr ? inputs_.bridgingTopoConfig->topoConfig(*topoName) : nullptr;
-        const auto port = topo ? topo->topoPortConfig(intf) : nullptr;
-        if (!port || port->state() != PortState::forwarding) return {Code::vlanBlocked, blocked};
-    }
-    if (!member->tagged()) return {Code::vlanTaggingDisabled, untagged};
-    return {};
+    if (!member) return facts;
+    facts.member = true;
+    facts.tagged = member->tagged();
+    facts.forwarding = inputs_.stpStatus->mode() == Stp::Mode::None;
+    if (facts.forwarding) return facts;
+    const auto* topoName = inputs_.bridgingTopoConfig->vlanTopology().find(vlanId);
+    const auto topo = topoName != nullptr ? inputs_.bridgingTopoConfig->topoConfig(*topoName) : nullptr;
+    const auto port = topo ? topo->topoPortConfig(intf) : nullptr;
+    facts.forwarding = port && port->state() == PortState::forwarding;
+    return facts;
 }
 
 Code MsrpSm::checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan) {
-    const VlanVerdict verdict = judgeVlan(intf, vlan);
+    const VlanVerdict verdict = judgeVlan(vlanFacts(intf, vlan));
+    tellVlan(verdict, intf, streamId, vlan);
+    return verdict.code;
+}
+
+void MsrpSm::tellVlan(const VlanVerdict& verdict, IntfId intf, U64 streamId, U16 vlan) const {
     const HexId id{streamId};
     switch (verdict.why) {
         case VlanVerdict::Why::none:
@@ -51,7 +59,6 @@ Code MsrpSm::checkVlanConfig(IntfId intf, const U64& streamId, U16 vlan) {
                 Runtime::format("StreamId 0x%s Vlan tagging is disabled on %s for vlan %d", id, intf, vlan));
             break;
     }
-    return verdict.code;
 }
 
 void MsrpSm::handleVlanPortConfig(const std::string& topoName, IntfId intf) {

@@ -13,7 +13,7 @@ std::shared_ptr<StreamData> MsrpSm::addStreamToAddPending(const U64& id) {
     }
     trace("StreamId is added to addPendingStreamList");
     pending_.add[id] = true;
-    auto stream = std::make_shared<StreamData>(id);
+    auto stream = status()->arrivingIs(id);
     streamListIs(stream);
     msrpAdditionSm_->doUpdateReviewTimer();
     return stream;
@@ -21,6 +21,7 @@ std::shared_ptr<StreamData> MsrpSm::addStreamToAddPending(const U64& id) {
 
 void MsrpSm::removeStreamFromAddPending(const U64& id) {
     pending_.add.erase(id);
+    status()->arrivingDel(id);
     streamListDel(id);
 }
 

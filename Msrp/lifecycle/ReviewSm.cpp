@@ -70,16 +70,10 @@ void MsrpAdditionSm::doReview() {
     if (!initialized() || msrpSm_.reviewsSuspended()) return;
     pieceBegins();
     auto& pending = msrpSm_.addPendingStream();
-    Status& status = *msrpSm_.status();
     for (auto at = pending.begin(); at != pending.end();) {
         if (mustWait()) return;
         const U64 id = at->first;
-        if (const auto working = msrpSm_.streamList(id)) {
-            const auto published = status.registeredStreamsIs(id);
-            published->attributesFrom(*working);
-            published->ethGroupIs(working->ethGroup());
-            msrpSm_.streamListIs(published);
-        }
+        msrpSm_.status()->publish(id);
         pending.erase(id);
         at = pending.upper_bound(id);
     }

@@ -73,6 +73,7 @@ void MsrpSm::takeOver() {
     // What an earlier active life left here is not what is published now.
     streamListDelAll();
     pending_.add.clear();
+    status()->arrivingDelAll();
     pending_.remove.clear();
     deletePendingStreamIntfsDelAll();
     bandwidthReleasedDelAll();

@@ -1,6 +1,7 @@
 /// A Talker Advertise is registered: judge it, record the stream, pass it on.
 #include "Msrp/MsrpSm.h"
 #include "Msrp/bandwidth/Admission.h"
+#include "Msrp/bandwidth/PortDecision.h"
 #include "Msrp/talker/TalkerValidation.h"
 #include "Msrp/types/Format.h"
 
@@ -9,9 +10,6 @@ namespace Msrp {
 namespace {
 
 using Code = TalkerFailureCode;
-
-/// The frames per interval that a record keeps: one octet of them.
-U8 recordedFrames(U16 maxIntervalFrames) { return static_cast<U8>(maxIntervalFrames); }
 
 bool firstValueDiffers(const StreamData& stream, const MsrpTalkerAdvertiseAttribute& attr) {
     return stream.macDa() != attr.macDa() || stream.vlanId() != attr.vlanId() ||
@@ -87,6 +85,7 @@ bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAt
         log(MSRP_TALKER_ADV_JOIN, "received", intf, HexId{streamId}, number(code));
         counterInc(intf, Direction::Rx, MsrpCounter::talkerAdvertise);
     }
+    const U64 before = stream->failedBridgeId();
     if (code == Code::noFailure) {
         stream->talkerFailureCodeDel(intf);
         stream->failedBridgeIdIs(0);
@@ -97,31 +96,28 @@ bool MsrpSm::processTalkerAdvertiseJoin(IntfId intf, const MsrpTalkerAdvertiseAt
         stream->failedBridgeIdIs(failureBridgeId(intf));
         propagateTalkerFailed(intf, streamId, code, TalkerState::Failed);
     }
+    failedBridgeChanged(*stream, before);
     return false;
 }
 
-// In the order in which an operator can do something about it: the port's VLAN and domain first, then what
-// the talker says, then what another stream has taken (the codes of 35.2.2.8.7).
+// What another stream has taken comes last.
 Code MsrpSm::judgeAdvertise(IntfId intf, const MsrpTalkerAdvertiseAttribute& attr, const StreamData* known,
                             SrClassId srClass) {
-    const Code vlanCode = checkVlanConfig(intf, attr.streamId(), attr.vlanId());
-    if (vlanCode != Code::noFailure) return vlanCode;
-    if (status()->intfStatus(intf)->srClassState(srClass) == SrClassState::Boundary) {
+    const IngressFacts facts{
+        .state = status()->intfStatus(intf)->srClassState(srClass),
+        .vlan = vlanFacts(intf, attr.vlanId()),
+        .maxFrameSize = attr.maxFrameSize(),
+        .maxFrameSizeLimit = inputs_.cliConfig->maxFrameSizeLimit(),
+        .latencyChanged = known != nullptr && known->accumulatedLatency() != attr.accumulatedLatency(),
+        .firstValueChanged = known != nullptr && firstValueDiffers(*known, attr)};
+    const Code own = judgeIngress(facts);
+    tellVlan(judgeVlan(facts.vlan), intf, attr.streamId(), attr.vlanId());
+    if (own == Code::egressPortNotAvbCapable)
         trace(": TalkerAdvertiseJoin received on ", srClassName(srClass), " Boundary port");
-        return Code::egressPortNotAvbCapable;
-    }
-    if (attr.maxFrameSize() > inputs_.cliConfig->maxFrameSizeLimit()) {
-        trace(": Talker Advertise's maxFrameSize is too large");
-        return Code::maxFrameSizeTooLarge;
-    }
-    if (known != nullptr && known->accumulatedLatency() != attr.accumulatedLatency()) {
-        trace(": Talker Advertise's reported latency has changed");
-        return Code::latencyChanged;
-    }
-    if (known != nullptr && firstValueDiffers(*known, attr)) {
-        trace(": Talker Advertise's FirstValue has changed");
-        return Code::firstValueChanged;
-    }
+    if (own == Code::maxFrameSizeTooLarge) trace(": Talker Advertise's maxFrameSize is too large");
+    if (own == Code::latencyChanged) trace(": Talker Advertise's reported latency has changed");
+    if (own == Code::firstValueChanged) trace(": Talker Advertise's FirstValue has changed");
+    if (own != Code::noFailure) return own;
     if (known == nullptr || !known->ethGroup()) {
         const Code code = checkMacDaInUse(intf, attr);
         if (code != Code::noFailure) return code;

@@ -43,9 +43,11 @@ bool MsrpSm::processTalkerFailedJoin(IntfId intf, const MsrpTalkerFailedAttribut
         counterInc(intf, Direction::Rx, MsrpCounter::talkerFailed);
     }
     setTalkerState(*stream, intf, TalkerState::Failed);
+    const U64 before = stream->failedBridgeId();
     stream->failedBridgeIdIs(attr.failedBridgeId());
     stream->talkerFailureCodeIs(intf, code);
     propagateTalkerFailed(intf, streamId, code, TalkerState::Failed);
+    failedBridgeChanged(*stream, before);
     // A failed stream gives back what its listeners held.
     reprocessBandwidthFailedStreams();
     return false;

@@ -1,5 +1,6 @@
 /// A talker is declared on the other ports, as advertise or as failed, and withdrawn from them.
 #include "Msrp/MsrpSm.h"
+#include "Msrp/bandwidth/PortDecision.h"
 #include "Msrp/types/Format.h"
 
 #include <algorithm>
@@ -70,6 +71,14 @@ void MsrpSm::declareAgain(IntfId intf, const StreamData& stream) {
         return send(intf, typeTalkerAdvertise, Mrp::requestDeclare, attr.octets());
     const MsrpTalkerFailedAttribute failed{attr, stream.failedBridgeId(), stream.talkerFailureCode(intf)};
     send(intf, typeTalkerFailed, Mrp::requestDeclare, failed.octets());
+}
+
+// A port whose code stays the same is not told anything else.
+void MsrpSm::failedBridgeChanged(const StreamData& stream, U64 before) {
+    if (before == 0 || before == stream.failedBridgeId()) return;
+    for (const IntfId port : portsWithStatus()) {
+        if (getTalkerState(stream, port) == TalkerState::Failed) declareAgain(port, stream);
+    }
 }
 
 // To the next bridge it is another value of the declaration: streams that are reserved there fail with
@@ -155,19 +164,28 @@ void MsrpSm::transmitTalkerFailed(IntfId intf, U64 streamId, TalkerFailureCode c
     send(intf, typeTalkerFailed, declare ? Mrp::requestDeclare : Mrp::requestWithdraw, failed.octets());
 }
 
+EgressFacts MsrpSm::egressFacts(IntfId port, const StreamData& stream) const {
+    const IntfStatus* const intfStatus = status()->peekIntfStatus(port);
+    return {.state = intfStatus != nullptr ? intfStatus->srClassState(stream.srClass())
+                                           : SrClassState::NotSupported,
+            .vlan = vlanFacts(port, stream.vlanId()),
+            .shapingRefused = shapingRefused(stream, port)};
+}
+
 // What a listener would find behind this port: each port fails a stream for itself, and the others go on
 // (35.2.4.3).
 Code MsrpSm::judgeEgress(IntfId port, StreamData& stream, IntfId ingressIntf) {
     const U64 streamId = stream.streamId();
-    const SrClassState state = status()->peekIntfStatus(port)->srClassState(stream.srClass());
-    if (state == SrClassState::Boundary) {
-        trace("ERROR: StreamId 0x", HexId{streamId}, ": Talker Failed on ", port, " since it is ",
-              srClassName(stream.srClass()), " Boundary port");
-        return Code::egressPortNotAvbCapable;
+    const EgressFacts facts = egressFacts(port, stream);
+    if (const Code code = Msrp::judgeEgress(facts); code != Code::noFailure) {
+        if (code == Code::egressPortNotAvbCapable) {
+            trace("ERROR: StreamId 0x", HexId{streamId}, ": Talker Failed on ", port, " since it is ",
+                  srClassName(stream.srClass()), " Boundary port");
+        } else {
+            tellVlan(judgeVlan(facts.vlan), port, streamId, stream.vlanId());
+        }
+        return code;
     }
-    const Code vlanCode = checkVlanConfig(port, streamId, stream.vlanId());
-    if (vlanCode != Code::noFailure) return vlanCode;
-    if (shapingRefused(stream, port)) return Code::insufficientResources;
     const ListenerState listener = stream.listenerStateOrig(port);
     if (wantsStream(listener)) {
         const Code code = addListener(port, streamId);

@@ -26,8 +26,10 @@ struct TalkerFacts {
 };
 
 struct TalkerVerdict {
-    std::string discard;  ///< why the declaration is discarded; empty when it is taken
-    SrClassId srClass{};  ///< the stream's class, when it is taken
+    enum class Why : U8 { taken, vlanOutOfRange, notMulticast, notForStreams, otherPort, noClass, classAway };
+    std::string discard;  ///< why the declaration is discarded, in words; empty when it is taken
+    SrClassId srClass{};  ///< the stream's class, when it is taken or its class is away
+    Why why = Why::taken;
 };
 
 TalkerVerdict checkTalkerAdvertise(const TalkerFacts& facts);

@@ -4,9 +4,11 @@
 #include "Msrp/types/Enums.h"
 #include "State/Record.h"
 #include "Switch/IntfId.h"
+#include "Switch/PortChoice.h"
 #include "Switch/Ranged.h"
 
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -18,19 +20,26 @@ public:
     static constexpr std::string_view type = "Msrp::Config";
 
     /// The ports on which MSRP runs: those whose entry is true.
-    [[nodiscard]] const State::FlatMap<IntfId, bool>& intfEnable() const { return intfEnable_; }
-    [[nodiscard]] bool intfEnable(IntfId id) const { return intfEnable_.get(id, false); }
-    void intfEnableIs(IntfId id, bool v) { setEntry(intfEnable_, id, v, "intfEnable"); }
-    void intfEnableDel(IntfId id) { delEntry(intfEnable_, id, "intfEnable"); }
+    [[nodiscard]] const State::FlatMap<IntfId, bool>& intfEnable() const { return intfEnable_.ports(); }
+    [[nodiscard]] bool intfEnable(IntfId id) const { return intfEnable_.chooses(id); }
+    void intfEnableIs(IntfId id, bool v) { intfEnableField.sayIs(*this, id, v); }
+    void intfEnableDel(IntfId id) { intfEnableField.sayIs(*this, id, std::nullopt); }
+    /// The same in the operator's words, of which one may be for all ports of the bridge.
+    [[nodiscard]] const PortChoice& choice() const { return intfEnable_; }
+    /// The bridge's ports, for that.
+    void bridgePortsAre(const std::set<IntfId>& ports) { intfEnableField.bridgePortsAre(*this, ports); }
 
     template <class F>
     static constexpr void fields(F&& each) {
-        each(State::map("intfEnable", &Config::intfEnable_));
+        each(intfEnableField);
     }
 
 private:
-    State::FlatMap<IntfId, bool> intfEnable_;
+    static const PortChoiceField<Config> intfEnableField;
+
+    PortChoice intfEnable_;
 };
+inline constexpr PortChoiceField<Config> Config::intfEnableField{"intfEnable", &Config::intfEnable_};
 
 struct SrPvidTag {
     static constexpr const char* error = "SrPvid::value > 4094 not allowed";
@@ -58,6 +67,10 @@ struct State::Codec<Msrp::ClassLatency> {
     static std::optional<Msrp::ClassLatency> decode(const Value& v);
     static std::string expected() {
         return "nanoseconds by class, at most 4294967295, like { \"A\": 280000, \"B\": 2000000 }";
+    }
+    static Schema schema() {
+        const Schema nanoseconds = Codec<std::uint32_t>::schema();
+        return {.type = "object", .fields = {{"A", nanoseconds}, {"B", nanoseconds}}};
     }
 };
 

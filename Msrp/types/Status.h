@@ -46,6 +46,13 @@ public:
     void rxCountersIs(MsrpCounter c, U32 v) { setEntry(rxCounters_, c, v, "rxCounters"); }
     [[nodiscard]] const State::FlatMap<MsrpCounter, U32>& txCounters() const { return txCounters_; }
     void txCountersIs(MsrpCounter c, U32 v) { setEntry(txCounters_, c, v, "txCounters"); }
+    /// All of them, in both directions, to zero.
+    void countersClear() {
+        for (const auto& counter : msrpCounterNames) {
+            rxCountersIs(counter.value, 0);
+            txCountersIs(counter.value, 0);
+        }
+    }
 
     [[nodiscard]] MsrpPortState portState() const { return portState_; }
     void portStateIs(MsrpPortState v) { assign(portState_, v, "portState"); }
@@ -116,10 +123,26 @@ public:
     [[nodiscard]] std::shared_ptr<const StreamData> registeredStreams(U64 id) const {
         return registeredStreams_.get(id);
     }
-    std::shared_ptr<StreamData> registeredStreamsIs(U64 id) {
-        return makeChild(registeredStreams_, id, "registeredStreams");
+    void registeredStreamsIs(const std::shared_ptr<StreamData>& stream) {
+        putChild(registeredStreams_, stream->streamId(), stream, "registeredStreams");
     }
     void registeredStreamsDel(U64 id) { delChild(registeredStreams_, id, "registeredStreams"); }
+
+    /// Streams on their way to be published.  They are no field of the record; whoever watches it hears of
+    /// their changes, and of their end when they were not published.
+    [[nodiscard]] std::shared_ptr<const StreamData> arriving(U64 id) const { return arriving_.get(id); }
+    /// A new one.
+    std::shared_ptr<StreamData> arrivingIs(U64 id) {
+        auto stream = std::make_shared<StreamData>(id);
+        arriving_.put(id, stream, this);
+        return stream;
+    }
+    void arrivingDel(U64 id) { delChild(arriving_, id, "arriving"); }
+    void arrivingDelAll() { delChildren(arriving_, "arriving"); }
+    /// Publishes it, if it is on its way.
+    void publish(U64 id) {
+        if (const auto stream = arriving_.erase(id)) registeredStreamsIs(stream);
+    }
 
     template <class F>
     static constexpr void fields(F&& each) {
@@ -132,6 +155,7 @@ private:
     bool msrpEnabled_ = false;
     State::Collection<IntfId, IntfStatus> intfStatus_;
     State::Collection<U64, StreamData> registeredStreams_;
+    State::Collection<U64, StreamData> arriving_;
 };
 
 }  // namespace Msrp

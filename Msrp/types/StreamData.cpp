@@ -135,22 +135,6 @@ void StreamData::statusTimeIs(IntfId intf, double time) {
     rowChanged(intf, "statusTime");
 }
 
-void StreamData::attributesFrom(const StreamData& other) {
-    bandwidthIs(other.bandwidth_);
-    failedBridgeIdIs(other.failedBridgeId_);
-    macDaIs(other.macDa_);
-    vlanIdIs(other.vlanId_);
-    accumulatedLatencyIs(other.accumulatedLatency_);
-    maxFrameSizeIs(other.maxFrameSize_);
-    maxIntervalFramesIs(other.maxIntervalFrames_);
-    ingressIntfIs(other.ingressIntf_);
-    srClassIs(other.srClass_);
-    rankIs(other.rank_);
-    dataFramePriorityIs(other.dataFramePriority_);
-    ports_ = other.ports_;
-    changed(State::Change{*this, "port"});
-}
-
 }  // namespace Msrp
 
 template class State::Record<Msrp::StreamData>;

@@ -9,7 +9,10 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Msrp {
@@ -107,9 +110,6 @@ public:
     void talkerFailureCodeDel(IntfId intf);
     void statusTimeIs(IntfId intf, double time);
 
-    /// Takes over every attribute of `other` but its group.
-    void attributesFrom(const StreamData& other);
-
     template <class F>
     static constexpr void fields(F&& each) {
         using S = StreamData;
@@ -122,11 +122,12 @@ public:
         each(State::scalar("maxFrameSize", &S::maxFrameSize_));
         each(State::scalar("maxIntervalFrames", &S::maxIntervalFrames_));
         each(State::scalar("accumulatedLatency", &S::accumulatedLatency_));
-        each(State::derived<S>("failedBridgeId",
-                               [](const S& s) { return State::Value{State::hexText(s.failedBridgeId_)}; }));
+        each(State::derived<S>(
+            "failedBridgeId", [](const S& s) { return State::hexText(s.failedBridgeId_); },
+            State::HexKey::schema));
         each(State::scalar("ingressIntf", &S::ingressIntf_));
         each(State::derived<S>("ethGroup", [](const S& s) {
-            return s.ethGroup_ ? State::Value{s.ethGroup_->addr().text()} : State::Value{};
+            return s.ethGroup_ ? std::optional{s.ethGroup_->addr()} : std::nullopt;
         }));
         each(State::derived<S>("talkerState", [](const S& s) {
             return s.rows(&StreamPort::talkerState, [](const StreamPort& p) { return p.hasTalkerState; });
@@ -153,18 +154,20 @@ private:
     /// Drops the row of a port of which nothing is known any more, and tells the change.
     void rowChanged(IntfId intf, std::string_view field);
 
+    /// By port.  A failure code goes by its number.
     template <class T, class Has>
-    [[nodiscard]] State::Value rows(T StreamPort::*column, Has has) const {
-        State::Object entries;
+    [[nodiscard]] auto rows(T StreamPort::*column, Has has) const {
+        constexpr bool isCode = std::is_same_v<T, TalkerFailureCode>;
+        std::vector<std::pair<std::string, std::conditional_t<isCode, U8, T>>> entries;
         for (const StreamPort& p : ports_) {
             if (!has(p)) continue;
-            if constexpr (std::is_same_v<T, TalkerFailureCode>) {
-                entries.emplace_back(p.intf.name(), State::Value{U64{static_cast<U8>(p.*column)}});
+            if constexpr (isCode) {
+                entries.emplace_back(p.intf.name(), static_cast<U8>(p.*column));
             } else {
-                entries.emplace_back(p.intf.name(), State::Codec<T>::encode(p.*column));
+                entries.emplace_back(p.intf.name(), p.*column);
             }
         }
-        return State::Value{std::move(entries)};
+        return entries;
     }
 
     U64 streamId_;

@@ -61,9 +61,11 @@ public:
     template <class F>
     static constexpr void fields(F&& each) {
         each(State::derivedEntries<FailedStreamQueue>(
-            "failedStream", [](const FailedStreamQueue& q, const State::From& from, std::size_t most) {
+            "failedStream",
+            [](const FailedStreamQueue& q, const State::From& from, std::size_t most) {
                 return q.entries(from, most);
-            }));
+            },
+            entriesSchema));
     }
 
 private:
@@ -71,6 +73,11 @@ private:
         return it == entry_.end() ? std::nullopt : std::optional<U32>{it->first};
     }
     [[nodiscard]] State::Object entries(const State::From& from, std::size_t most) const;
+    static State::Schema entriesSchema() {
+        return State::mapOf(State::KeyText<U32>::schema(),
+                            State::objectOf({{"stream", State::HexKey::schema()},
+                                             {"since", State::Codec<double>::schema()}}));
+    }
 
     std::map<U32, FailedStream> entry_;  ///< by index
     std::multimap<U64, U32> index_;      ///< indices by stream, ascending for one stream

@@ -1,7 +1,9 @@
 #include "Control/LogLimiter.h"
 #include "Control/LogWriter.h"
+#include "Msrp/MsrpEvents.h"
 #include "Runtime/RepeatedLines.h"
 #include "Runtime/VirtualLoop.h"
+#include "programs/DaemonLog.h"
 #include "tests/control/TemporaryDirectory.h"
 
 #include <cerrno>
@@ -89,8 +91,11 @@ TEST(LogLimiter, FindsThePortInALine) {
 }
 
 struct Outlet : Control::LogOutlet {
-    explicit Outlet(std::string& to) : taken{to} {}
-    ssize_t write(int, const std::string& line, std::size_t offset) override {
+    explicit Outlet(std::string& to, bool toHeads = false) : taken{to}, heads{toHeads} {}
+    [[nodiscard]] std::string head(int severity) const override {
+        return heads ? std::to_string(severity) : "";
+    }
+    ssize_t write(const std::string& line, std::size_t offset) override {
         if (error != 0 || line.size() > 1000) return error != 0 ? -error : -EMSGSIZE;
         const std::string rest = (line + '\n').substr(offset, 7);  // never a whole line
         taken += rest;
@@ -98,6 +103,7 @@ struct Outlet : Control::LogOutlet {
     }
     void reopen() override { error = 0; }
     std::string& taken;
+    const bool heads;
     int error = 0;
 };
 
@@ -132,9 +138,53 @@ TEST(LogWriter, NeverWaitsAndDropsAndCountsAndGoesOnWhenItCan) {
     writer.reopen();
     EXPECT_EQ(taken, "kept\nkept\n");
     writer.line(6, std::string(1001, 'x'));
-    writer.line(6, "and goes on");
+    writer.line(6, "and\n<0>goes\x1b on");
     loop.runFor(0s);
-    EXPECT_EQ(taken, "kept\nkept\nand goes on\n1 lines were not written: Message too long\n");
+    EXPECT_EQ(taken, "kept\nkept\nand <0>goes  on\n1 lines were not written: Message too long\n");
+}
+
+TEST(DaemonLog, SaysHowMuchALineMattersAndWhatItsNumbersMeanAndLeavesOutTopics) {
+    Runtime::VirtualLoop loop;
+    std::string taken;
+    const auto config = std::make_shared<Runtime::LogConfig>();
+    DaemonLog log{loop, std::make_unique<Outlet>(taken, true), config,
+                  std::make_shared<Runtime::RecentLog>()};
+    Runtime::SystemLog events;
+    log.listen(events);
+    const auto happens = [&] {
+        using namespace Msrp;
+        events.log(MSRP_SR_CLASS_TRANSITION, 6, "swp1", 1, 3);
+        events.log(MSRP_DOMAIN_JOIN, "received", "swp1", 5, 2, 2);
+        events.log(MSRP_LISTENER_JOIN, "received", "swp1", "A1", 2);
+        events.log(MSRP_TALKER_FAIL_JOIN, "received", "swp1", "A1", 1, "B1");
+        events.log(MSRP_TALKER_FAIL_JOIN, "received", "swp1", "A1", 99, "B1");
+        events.log(MSRP_BW_ALLOC_FAIL, 9088, "swp1", "A1");
+        events.log(MSRP_ERROR, "Discard streamId 0xA1");
+        log.say(Runtime::LogTopic::daemon, Runtime::LogLevel::notice, "a change");
+        loop.runFor(2min);
+        return std::exchange(taken, {});
+    };
+    EXPECT_EQ(happens(),
+              "5MSRP_SR_CLASS_TRANSITION MSRP 6 state on swp1 changed from 1 to 3 "
+              "(class A on swp1: WaitingForPeer -> Core)\n"
+              "6MSRP_DOMAIN_JOIN Domain Join received on swp1: Class: 5, Priority: 2, SrVID: 2 (class B)\n"
+              "6MSRP_LISTENER_JOIN Listener Join received on swp1: StreamId 0xA1, state 2 (Ready)\n"
+              "5MSRP_TALKER_FAIL_JOIN TalkerFail Join received on swp1: StreamId 0xA1, failureCode 1, "
+              "failedBridgeId 0xB1 (insufficient bandwidth)\n"
+              "5MSRP_TALKER_FAIL_JOIN TalkerFail Join received on swp1: StreamId 0xA1, failureCode 99, "
+              "failedBridgeId 0xB1 (99)\n"
+              "4MSRP_BW_ALLOC_FAIL Bandwidth 9088 kbps allocation failed for listener on swp1 and streamId "
+              "0xA1\n"
+              "4MSRP_ERROR Discard streamId 0xA1\n"
+              "5a change\n");
+    using enum Runtime::LogTopic;
+    for (const auto topic : {domains, bandwidth, daemon}) {
+        EXPECT_FALSE(config->apply(
+            State::Object{{"level", State::Object{{State::enumText(topic), State::Value{"error"}}}}}));
+    }
+    EXPECT_FALSE(
+        config->apply(State::Object{{"level", State::Object{{"streams", State::Value{"warning"}}}}}));
+    EXPECT_EQ(happens(), "4MSRP_ERROR Discard streamId 0xA1\n");
 }
 
 TEST(LogWriter, FindsTheSystemLogAgainWhenThatWasAway) {

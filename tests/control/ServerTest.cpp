@@ -3,6 +3,7 @@
 #include "Control/Json.h"
 #include "Control/Server.h"
 #include "Msrp/types/Config.h"
+#include "Runtime/Text.h"
 #include "tests/control/SocketLoop.h"
 #include "tests/control/TemporaryDirectory.h"
 
@@ -103,9 +104,9 @@ protected:
     bool wanted = false;  ///< frames
     Control::FrameSource frames{[](std::string_view port) { return port == "swp1" || port == "swp2"; },
                                 [this](bool now) { wanted = now; }};
-    Control::Commands commands{{"echo", [](const State::Value& request) {
+    Control::Commands commands{{"echo", {[](const State::Value& request, const Control::Peer&) {
                                     return Control::Answer{*request.member("what"), {}};
-                                }}};
+                                }}}};
     std::unique_ptr<Control::Server> server =
         std::make_unique<Control::Server>(loop, Control::Session::Services{records, frames, commands});
 };
@@ -379,6 +380,59 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
     EXPECT_LT(loop.longestTurn, 5ms);
 }
 
+TEST_F(Server, LetsGroupsInAndNotesWhoWrites) {
+    std::string log;
+    records.writtenIs([&](const Control::RecordAccess::Written& written) { log += written.text() + '\n'; });
+    commands.emplace("look", Control::Command{[](auto&, auto& who) {
+                                                  return Control::Answer{State::Value{who.reads}, {}};
+                                              },
+                                              true});
+    commands.emplace("all", Control::Command{[this](auto&, auto&) {
+                                                 Control::Answer answer;
+                                                 answer.walk = records.read("msrp/config", answer.error);
+                                                 return answer;
+                                             },
+                                             true});
+    Peer reader{loop, path + ".read"};
+    Peer writer{loop, path};
+    const std::string change = set("msrp/config", "intfEnable/swp1", "true");
+    for (const auto& [request, reply] : std::vector<std::pair<std::string, std::string>>{
+             {get("msrp/config"), noPorts},
+             {watch("msrp/config/intfEnable"), R"({"watch":"msrp/config/intfEnable","value":{}})"},
+             {change, R"({"error":"request: op \"set\": this socket is for reading only"})"},
+             {R"({"op":"echo"})", R"({"error":"request: op \"echo\": this socket is for reading only"})"},
+             {R"({"op":"look"})", R"({"value":true})"},
+             {R"({"op":"all"})", noPorts},
+         }) {
+        EXPECT_EQ(reader.ask(request), reply) << request;
+    }
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(writer.ask(change), R"({"value":null})");
+    EXPECT_EQ(log, Runtime::concat("msrp/config/intfEnable/swp1 is now true, was nothing: user ", ::getuid(),
+                                   ", process ", ::getpid(), '\n'));
+
+    // Those who only read cannot take the places of those who do more, but the other way round.
+    std::list<Peer> crowd;
+    const auto come = [&](std::string_view door, std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i, settle()) crowd.emplace_back(loop, path + std::string{door});
+    };
+    come(".read", 2 * Control::Server::sessionLimit);
+    EXPECT_EQ(writer.ask(get("msrp/config/intfEnable")), R"({"value":{"swp1":true}})");
+    come("", Control::Server::sessionLimit - 1);
+    come(".read", 1);
+    EXPECT_EQ(crowd.back().line(), "closed");
+    EXPECT_EQ(writer.ask(get("msrp/config/intfEnable")), R"({"value":{"swp1":true}})");
+
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to give files to groups";
+    Control::Server other{loop, {records, frames, commands}};
+    const std::string shared = directory.file("shared");
+    EXPECT_EQ(other.start(shared, {.all = "daemon", .readers = "nobody of this name"}), "");
+    struct stat all {};
+    struct stat readers {};
+    ASSERT_EQ(::stat(shared.c_str(), &all) + ::stat((shared + ".read").c_str(), &readers), 0);
+    EXPECT_EQ((std::tuple{all.st_mode & 0777U, all.st_gid}), (std::tuple{0660U, 1U}));
+    EXPECT_EQ((std::tuple{readers.st_mode & 0777U, readers.st_gid}), (std::tuple{0600U, ::getegid()}));
+}
+
 TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     const std::string stale = directory.file("stale");
     const std::string file = directory.write("file", "precious");
@@ -395,7 +449,7 @@ TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     EXPECT_EQ(Control::Client{}.connect("/nowhere/control"),
               "socket /nowhere/control: No such file or directory");
     // Nor does it remove one that took the place of its own.
-    ASSERT_EQ(::unlink(path.c_str()), 0);
+    ASSERT_EQ(::unlink(path.c_str()) + ::unlink((path + ".read").c_str()), 0);
     Control::Server third{loop, {records, frames, commands}};
     EXPECT_EQ(third.start(path), "");
     server.reset();

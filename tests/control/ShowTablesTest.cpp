@@ -2,10 +2,9 @@
 #include "Linux/Dataplane.h"
 #include "Linux/ports/PacketRecords.h"
 #include "Runtime/RecentLog.h"
-#include "Runtime/VirtualLoop.h"
 #include "Show/Streams.h"
 #include "Show/Views.h"
-#include "Sim/Peer.h"
+#include "tests/control/ShownBridge.h"
 
 #include <gtest/gtest.h>
 
@@ -15,41 +14,6 @@ using namespace std::chrono_literals;
 using Bridging::Topology::PortState;
 using Msrp::ListenerState;
 
-/// The records of a simulated switch, and beside them those of the kernel's side of it.
-struct ShownBridge {
-    explicit ShownBridge(const std::vector<std::string>& ports) : bridge{loop, ports} {
-        // Peers that do not repeat themselves are enough then.
-        bridge.mrpConfig->leaveAllTimeIs(600'000);
-        for (const std::string& port : ports) {
-            peers[port] = std::make_unique<Sim::Peer>(bridge, port);
-            record<Interface::EthIntfStatusDir>("interface/status/eth/intf")->intfIs(IntfId{port}, true);
-        }
-    }
-    void says(const std::string& port, const std::vector<Sim::Say>& what) {
-        for (const Sim::Say& say : what) peers.at(port)->say(say);
-        loop.runFor(500ms);
-    }
-    /// As msrpctl reads it.
-    Show::Snapshot snapshot(const Show::View& view) {
-        Show::Snapshot s;
-        s.now = Runtime::seconds(loop.now());
-        for (const std::string& path : view.records) {
-            if (const auto record = bridge.database().entity(path)) s.records[path] = record->value();
-        }
-        return s;
-    }
-    std::string text(const Show::View& view) { return view.text(snapshot(view)); }
-    State::Value value(const Show::View& view) { return view.value(snapshot(view)); }
-    template <class R>
-    std::shared_ptr<R> record(const char* path) {
-        return bridge.database().entityIs<R>(path);
-    }
-
-    Runtime::VirtualLoop loop;
-    Sim::Bridge bridge;
-    std::map<std::string, std::unique_ptr<Sim::Peer>> peers;
-};
-
 std::string json(const State::Value& all, std::initializer_list<std::string_view> names) {
     return Control::jsonText(Show::at(all, names));
 }
@@ -57,19 +21,7 @@ std::string json(const State::Value& all, std::initializer_list<std::string_view
 TEST(ShowStreams, TellsWhoCarriesAStreamAndWhyTheOthersDoNot) {
     ShownBridge b{{"swp1", "swp2", "swp3", "swp4", "swp5", "swp6", "swp7", "swp8"}};
     EXPECT_EQ(b.text(Show::streams()), "no streams\n");
-    b.bridge.stp->modeIs(Stp::Mode::Rstp);
-    b.bridge.topology->vlanTopologyIs(VlanId{2}, "Cist");
-    b.record<Linux::Config>("linux/config")->bridgeIs("br0");
-    for (const auto& [port, peer] : b.peers) {
-        if (port != "swp8") b.bridge.bridging->switchIntfConfigIs(IntfId{port});
-        b.bridge.topology->topoConfigIs("Cist")
-            ->topoPortConfigIs(IntfId{port})
-            ->stateIs(port == "swp6" ? PortState::blocking : PortState::forwarding);
-    }
-    b.bridge.linkIs("swp5", false);
-    b.bridge.speedIs("swp3", Interface::Speed::speed10Mbps);
-    b.bridge.start();
-    b.loop.runFor(1s);
+    b.startWithFaults();
     for (const char* port : {"swp1", "swp2", "swp3", "swp7", "swp8"}) b.says(port, Sim::domains());
     b.says("swp1", {Sim::advertise({.id = 0x1122334455FF0001, .latency = 500})});
     b.says("swp2", {Sim::listener(0x1122334455FF0001, ListenerState::Ready),
@@ -218,13 +170,15 @@ TEST(ShowStream, IsNamedInEitherForm) {
 TEST(ShowLog, TellsTheLastLinesAndHowOldTheyAre) {
     ShownBridge b{{}};
     const auto log = b.record<Runtime::RecentLog>("log");
-    const auto add = [&](const char* text) { log->add(Runtime::seconds(b.loop.now()), text); };
+    const auto add = [&](const char* text) {
+        log->add(Runtime::seconds(b.loop.now()), Runtime::LogLevel::notice, text);
+    };
     for (std::size_t i = 0; i < Runtime::RecentLog::capacity; ++i) add("a");
     b.loop.runFor(27h);
     add("b");
     b.loop.runFor(9s);
     const std::string text = b.text(Show::log());
-    EXPECT_EQ(text.substr(text.size() - 18), "1d03h  a\n9s     b\n");
+    EXPECT_EQ(text.substr(text.size() - 34), "1d03h  notice  a\n9s     notice  b\n");
     EXPECT_EQ(Show::membersOf(Show::at(b.value(Show::log()), {"line"})).size(), Runtime::RecentLog::capacity);
     EXPECT_EQ(Show::at(b.value(Show::log()), {"line", "1001", "text"}), State::Value{"b"});
 }

@@ -1,6 +1,7 @@
 /// The decisions that need no state machine.
 #include "Msrp/MsrpLib.h"
 #include "Msrp/bandwidth/Admission.h"
+#include "Msrp/bandwidth/MediaFormats.h"
 #include "Msrp/types/Waiting.h"
 
 #include <algorithm>
@@ -43,6 +44,8 @@ TEST(Bandwidth, AdmitsWhatFitsExactly) {
         EXPECT_EQ(admit(c.request), c.code) << c.request.needed;
         AdmissionRequest request = c.request;
         const U64 missing = missingBandwidth(request);
+        EXPECT_EQ(request.needed == 0 || availableBandwidth(request) >= request.needed, missing == 0)
+            << c.request.needed;
         EXPECT_EQ(missing == 0, c.code == Code::noFailure) << c.request.needed;
         if (missing == 0 || missing > request.needed) continue;
         request.needed -= missing;
@@ -50,6 +53,55 @@ TEST(Bandwidth, AdmitsWhatFitsExactly) {
         ++request.needed;
         EXPECT_NE(admit(request), Code::noFailure) << c.request.needed;
     }
+}
+
+TEST(MediaFormats, ReserveForTheLargestFramesOfAnInterval) {
+    using enum MediaFormat;
+    struct Case {
+        MediaStream stream;
+        SrClassId srClass;
+        Tspec tspec;
+        U64 kbps;
+    };
+    const auto pcm = [](MediaFormat format, U32 channels, U32 rate, U32 samples = 0) {
+        return MediaStream{.format = format, .channels = channels, .rate = rate, .samples = samples};
+    };
+    const std::vector<Case> cases{
+        {pcm(aafInt32, 8, 48'000), A, {216, 1}, 16'512},
+        {pcm(aafInt24, 8, 48'000), A, {168, 1}, 13'440},
+        {pcm(aafInt16, 8, 48'000), A, {120, 1}, 10'368},
+        {pcm(aafInt32, 8, 48'000), B, {408, 1}, 14'400},
+        {pcm(aafInt32, 8, 96'000), A, {408, 1}, 28'800},
+        {pcm(aafInt32, 8, 192'000), A, {792, 1}, 53'376},
+        {pcm(aafInt32, 2, 48'000), A, {72, 1}, 7'296},
+        {pcm(aafInt16, 2, 48'000), A, {48, 1}, 5'760},
+        {pcm(aafInt32, 8, 44'100), A, {216, 1}, 16'512},
+        {pcm(aafInt32, 8, 88'200), B, {792, 1}, 26'688},  // 24 samples of each channel
+        {pcm(am824, 8, 88'200), B, {768, 1}, 25'920},     // 23
+        {pcm(am824, 2, 48'000), A, {80, 1}, 7'808},
+        {pcm(am824, 8, 48'000), A, {224, 1}, 17'024},
+        {pcm(am824, 8, 48'000, 7), A, {256, 1}, 19'072},
+        {pcm(aafInt32, 64, 48'000), A, {792, 2}, 106'752},  // 3 samples of 256 octets in each frame
+        {{.format = crf}, A, {28, 1}, 4'480},
+        {{.format = h264, .kbps = 20'000}, A, {341, 1}, 24'512},
+        {{.format = mjpeg, .kbps = 200'000}, A, {32 + 1042, 3}, 214'272},
+        {{.format = mpegTs, .kbps = 8'000}, B, {32 + 2 * 192, 1}, 14'656},
+    };
+    for (const Case& c : cases) {
+        const MediaTspec found = mediaTspec(c.stream, c.srClass);
+        const Tspec& t = found.tspec;
+        EXPECT_EQ(t, c.tspec) << t.maxFrameSize << " x " << t.maxIntervalFrames << found.problem;
+        EXPECT_EQ(streamBandwidth(c.srClass, t.maxIntervalFrames, t.maxFrameSize), c.kbps);
+    }
+    for (const auto& [stream, problem] : std::vector<std::pair<MediaStream, std::string>>{
+             {pcm(aafInt32, 0, 48'000), "channels 0 is not from 1 to 1024"},
+             {pcm(aafInt32, 8, 7'999), "rate 7999 is not from 8000 to 192000"},
+             {pcm(am824, 400, 48'000),
+              "one sample of all channels has 1600 octets, and a frame has room for 1468"},
+             {pcm(aafInt32, 300, 0, 300), "it needs 300 frames in an interval; 255 is the most"},
+             {{.format = h264}, "kbps 0 is not from 1 to 4000000"},
+             {{.format = crf, .timestamps = 186}, "timestamps 186 is not from 1 to 185"}})
+        EXPECT_EQ(mediaTspec(stream, A).problem, problem);
 }
 
 TEST(FailedStreamQueue, IndicesGrowAndAStreamStandsTwiceAtMost) {

@@ -44,6 +44,27 @@ TEST(EpollLoop, TimersAreNeverEarlyAndKeepTimeBelowTheMillisecond) {
     EXPECT_LT(best, 500us);
 }
 
+TEST(EpollLoop, TellsHowLateItCameAndWhatKeptIt) {
+    EpollLoop loop;
+    Runtime::Timer busy{loop, [&] {
+                            for (const auto until = loop.now() + 20ms; loop.now() < until;) {
+                            }
+                        }};
+    Runtime::Timer late{loop, [&] { loop.stop(); }};
+    busy.armIn(1ms);
+    late.armIn(2ms);
+    loop.run();
+    for (const auto& [delays, atLeast] :
+         {std::pair{loop.delays().late, 0.019}, std::pair{loop.delays().turns, 0.02}}) {
+        const State::Value told = delays.value();
+        EXPECT_GE(std::get<double>(told.member("longest")->data), atLeast) << State::text(told);
+        EXPECT_LT(std::get<std::uint64_t>(told.member("within")->member("0.01")->data),
+                  std::get<std::uint64_t>(told.member("count")->data));
+    }
+    loop.delaysClear();
+    EXPECT_EQ(loop.delays().late.value(), Runtime::Delays{}.value());
+}
+
 TEST(EpollLoop, PostedTasksRunRightAfterTheirHandlerAndBeforeTheNext) {
     EpollLoop loop;
     std::array<FullPipe, 2> pipes;

@@ -193,6 +193,7 @@ TEST_F(GroupAgentTest, WhenTheTableIsFullAllTheSameSnoopingComesBackAndRoomIsMad
     EXPECT_COUNTS(16, 34);
     EXPECT_TRUE(snooping());
     EXPECT_EQ(status->tableUsed(), 16U);
+    EXPECT_EQ(status->tableRoom(), 0U);
     EXPECT_EQ(complaints,
               "bridge br0: the multicast table was full at 32 groups, so the kernel switched snooping "
               "off and flooded everything; it is switched on again\n");

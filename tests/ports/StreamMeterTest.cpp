@@ -77,6 +77,11 @@ TEST_F(StreamMeterTest, CountersOutliveMovesAndRoomIsGivenToThoseThatWait) {
               "all streams are measured again");
     streams->streamDelAll();
     EXPECT_EQ(told(), "");
+    meter.refused("no programs here");
+    streamIs(1, "p1");
+    EXPECT_EQ(told(), "1: 0 frames, 0 kbps; streams are not measured: no programs here");
+    meter.refused({});
+    EXPECT_EQ(told(), "1: 0 frames, 0 kbps; all streams are measured again");
 }
 
 TEST(MeterEntry, HoldsWhatWasReserved) {

@@ -194,7 +194,7 @@ class Troubles(unittest.TestCase):
         self.refused(2, [str(file), "intfEnable", "swp1"], *command)
 
     def test_wrong_usage_and_missing_privileges_are_named(self):
-        self.refused(2, ["--config"], BUILD / "msrpd")
+        self.refused(2, ["--config"], BUILD / "msrpd", "--config")
         self.refused(2, ["--clown"], *self.bed.daemon_command(), "--clown")
         station = [BUILD / "msrp-station", "--interface", "eth0"]
         self.refused(2, ["--talk", "VLAN", "4095"], *station, "--talk", TALK.replace(f",{VLAN},", ",4095,"))

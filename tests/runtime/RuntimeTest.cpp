@@ -156,7 +156,7 @@ TEST(SystemLog, FillsFormatsFromTheLeftAndMakesNoTextThatNobodyWillRead) {
     bool open = true;
     std::string told;
     log.sinkIs([&](const LogEvent&, std::string_view, const std::string& text) { told += text; },
-               [&](std::string_view) { return open; });
+               [&](const LogEvent&, std::string_view) { return open; });
     log.log(event, format("%s is up", port));
     open = false;
     log.log(event, format("%s is up", port));

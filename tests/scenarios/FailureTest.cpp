@@ -18,6 +18,7 @@ TEST_F(Scenario, AFullPortRefusesWithCode1AndTheClassWithCode3) {
         settle();
     }
     expectHears(p2, failedLine("0x3", 1));
+    EXPECT_EQ(shown(bridge.census->value()), "{streams {reserved 2, refused 1}, failure {1 1}}");
     expectHears(p1, "Listener 0x1 Ready\nListener 0x2 Ready\nListener 0x3 AskingFailed\n");
     expectLogged(
         {"MSRP_ERROR StreamId 0x3 failed on p2 because of insufficient bandwidth. Bandwidth needed is 288000 "
@@ -38,6 +39,8 @@ TEST_F(Scenario, AFullPortRefusesWithCode1AndTheClassWithCode3) {
     expectLogged({"StreamId 0x1 failed on p3 because of insufficient SR Class A bandwidth"});
     EXPECT_EQ(bridge.stream(1), "0x1 SrClassA 288000 p1 -> p2");
     expectHears(p1, "Listener 0x1 ReadyFailed\n");
+    EXPECT_EQ(shown(bridge.census->value()),
+              "{streams {reserved 1, partlyReserved 1, refused 1}, failure {1 1, 3 1}}");
 }
 
 TEST_F(Scenario, ATakenAddressFailsWithCode5) {
@@ -49,6 +52,7 @@ TEST_F(Scenario, ATakenAddressFailsWithCode5) {
                              "p2 Advertise 0x1\np3 Advertise 0x1\np3 " + failedLine("0x2", 5));
     const std::string line = "StreamId 0x2 TalkerAdvJoin on p2 with Mac DA 91:e0:f0:00:00:01 already in use ";
     expectLogged({line + "on Vlan 2", line + "by streamId 0x1"});
+    EXPECT_EQ(shown(bridge.census->value()), "{streams {talkerFailed 1, offered 1}, failure {5 1}}");
     EXPECT_NE(counted().find("p2 rx {talkerAdvertise 1, talkerAdvertiseFailedHere 1} tx"), std::string::npos);
 
     EXPECT_EQ(shown(bridge.waiting->value()),

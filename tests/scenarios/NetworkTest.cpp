@@ -94,6 +94,28 @@ talker: Listener 0x1 AskingFailed
 )") << "what was registered first stays";
 }
 
+TEST(Network, AFailureThatMovesNamesItsNewBridgeThoughTheCodeIsTheSame) {
+    Network net{"talker - sw1 = sw2 = far", "sw2 - near"};
+    net.station("talker").declare(advertise({.maxFrameSize = 1458}));
+    const auto heard = [&net](Interface::Speed speed) {
+        net.speedIs("sw1", "sw2", speed);
+        return later(net, "far");
+    };
+    listen(net, {"far"});
+    EXPECT_EQ(later(net, "far").substr(0, 50), "\nfar: Failed 0x1 code 1 bridge 0x8000020000000002\n");
+    listen(net, {"near"});
+    EXPECT_EQ(later(net, "far"), R"(
+far: Failed 0x1 code 1 bridge 0x8000020000000001
+near: Failed 0x1 code 1 bridge 0x8000020000000001
+talker: Listener 0x1 AskingFailed
+)");
+    EXPECT_EQ(heard(Interface::Speed::speed1Gbps), R"(
+far: Failed 0x1 code 1 bridge 0x8000020000000002
+near: Advertise 0x1
+talker: Listener 0x1 ReadyFailed
+)");
+}
+
 TEST(Network, ListenersAreMergedWhereTheirWaysMeet) {
     using enum ListenerState;
     Network net{"talker - sw1 - sw2 - sw3 - a", "sw3 - b", "sw1 - c"};

@@ -154,6 +154,7 @@ void live(RandomLife& life) {
         life.cableIs(0, up);
         life.loop.runFor(std::chrono::seconds{2});
         ASSERT_NO_FATAL_FAILURE(checkNothingStays(life));
+        ASSERT_EQ(censusFault(life.bridge), "");
     }
     life.bridge.mrpConfig->leaveAllTimeIs(3000);
     life.quiet();

@@ -100,6 +100,7 @@ protected:
     /// Groups, allocations and queues are what the streams say, whatever happens.
     void pass(Runtime::Duration span) {
         loop.runFor(span);
+        EXPECT_EQ(censusFault(bridge), "");
         if (bridge.agent().msrpSm() != nullptr) {
             EXPECT_EQ(forwardingFault(bridge), "");
         }

@@ -143,11 +143,14 @@ TEST_F(StationTest, DoesNotHearOthersTalkUnderItsOwnStreamId) {
 }
 
 TEST(StationEvent, IsAnObjectForPrograms) {
-    const auto o = Station::value(Station::TalkerEvent{.streamId = 0xab,
-                                                       .state = Msrp::TalkerState::Failed,
-                                                       .failureCode = Msrp::TalkerFailureCode::preempted});
+    Station::TalkerEvent event{.streamId = 0xab,
+                               .state = Msrp::TalkerState::Failed,
+                               .failureCode = Msrp::TalkerFailureCode::preempted};
+    const auto o = Station::value(event);
     EXPECT_EQ(*o.member("talker"), State::Value{"0xAB"});
     EXPECT_EQ(*o.member("failureCode"), State::Value{std::uint64_t{6}});
+    event.state = Msrp::TalkerState::None;
+    EXPECT_EQ(*Station::value(event).member("failureCode"), State::Value{});
     EXPECT_EQ(*Station::value(Station::ListenerEvent{.streamId = 1}).member("state"), State::Value{"None"});
 }
 

@@ -1,5 +1,6 @@
 #include "Switch/EthAddr.h"
 #include "Switch/IntfId.h"
+#include "Switch/PortChoice.h"
 #include "Switch/Qos.h"
 #include "Switch/Ranged.h"
 #include "Switch/TopologyAgent.h"
@@ -10,6 +11,42 @@
 namespace {
 
 using Bridging::Topology::PortState;
+
+/// With ports that can be chosen.
+struct Chosen : State::Record<Chosen> {
+    static constexpr std::string_view type = "Test::Chosen";
+    template <class F>
+    static constexpr void fields(F&& each) {
+        each(PortChoiceField<Chosen>{"ports", &Chosen::ports});
+    }
+    PortChoice ports;
+};
+
+TEST(PortChoice, IsWhatIsSaidOfAPortOrElseOfAllAndTellsOnlyWhatItChanges) {
+    Chosen record;
+    constexpr PortChoiceField<Chosen> field{"ports", &Chosen::ports};
+    std::string told;
+    const auto reactor = record.react([&](const State::Change& change) {
+        const auto* intf = change.key<IntfId>();
+        told += intf != nullptr ? intf->name() + (record.ports.chooses(*intf) ? "+ " : "- ") : "said ";
+    });
+    const auto say = [&](const std::string& port, State::Value chosen) {
+        EXPECT_FALSE(record.apply(State::Object{{"ports", State::Object{{port, std::move(chosen)}}}}));
+        return std::exchange(told, {});
+    };
+    EXPECT_EQ(say("*", true), "said ");
+    field.bridgePortsAre(record, {IntfId{"swp1"}, IntfId{"swp2"}});
+    EXPECT_EQ(std::exchange(told, {}), "swp1+ swp2+ ");
+    EXPECT_EQ(say("swp1", true), "said ");
+    EXPECT_EQ(say("swp2", false), "swp2- ");
+    field.bridgePortsAre(record, {IntfId{"swp2"}, IntfId{"swp3"}});
+    EXPECT_EQ(std::exchange(told, {}), "swp3+ ");
+    EXPECT_EQ(say("swp2", {}), "swp2+ ");
+    const State::Object named{{"*", {}}, {"swp2", true}, {"swp3", true}};
+    EXPECT_FALSE(record.apply(State::Object{{"ports", named}}));
+    EXPECT_EQ(std::exchange(told, {}), "said ");
+    EXPECT_EQ(say("swp3", {}), "swp3- ");
+}
 
 TEST(Values, AreRefusedOutsideTheirRanges) {
     EXPECT_NO_THROW(

@@ -1,0 +1,85 @@
+#include "programs/RecordSchemas.h"
+
+#include "History/Gone.h"
+#include "History/Journal.h"
+#include "History/Reservations.h"
+#include "History/Times.h"
+#include "Linux/ports/PacketRecords.h"
+#include "Linux/records/CapabilityStatus.h"
+#include "Linux/records/Config.h"
+#include "Linux/records/FenceStatus.h"
+#include "Linux/records/GroupStatus.h"
+#include "Linux/records/TrafficStatus.h"
+#include "Mrp/AttributeRecords.h"
+#include "Mrp/Records.h"
+#include "Msrp/types/Census.h"
+#include "Msrp/types/Config.h"
+#include "Msrp/types/Status.h"
+#include "Msrp/types/Waiting.h"
+#include "Mvrp/Records.h"
+#include "Runtime/LogConfig.h"
+#include "Runtime/ProcessStatus.h"
+#include "Runtime/RecentLog.h"
+#include "Switch/Bridging.h"
+#include "Switch/BridgingInput.h"
+#include "Switch/BridgingTopology.h"
+#include "Switch/Domain.h"
+#include "Switch/Interface.h"
+#include "Switch/Qos.h"
+#include "Switch/Refusals.h"
+#include "Switch/Stp.h"
+#include "Switch/Streams.h"
+#include "Switch/Time.h"
+#include "Switch/VlanMembers.h"
+
+State::Schema recordSchemas() {
+    State::Schema all{.type = "object"};
+    const auto add = [&all](const char* path, const auto& sample) {
+        all.fields.emplace_back(path, State::schemaOf(sample));
+    };
+    add("bridging/config", Bridging::Config{});
+    add("bridging/input/config/msrp", Bridging::Input::Config{});
+    add("bridging/input/vlans/mvrp", Bridging::VlanRequests{});
+    add("bridging/topology/config", Bridging::Topology::Config{});
+    add("bridging/topology/status", Bridging::Topology::Status{});
+    add("bridging/vlans", Bridging::VlanMembers{});
+    add("history/events", History::Journal{});
+    add("history/gone", History::Gone{});
+    add("history/stages", History::Reservations{});
+    add("history/times", History::Times{});
+    add("interface/status/all", Interface::AllIntfStatusDir{});
+    add("interface/status/eth/intf", Interface::EthIntfStatusDir{});
+    add("interface/status/eth/phy/all", Interface::AllEthPhyIntfStatusDir{});
+    add("interface/status/local", Interface::AllIntfStatusLocalDir{});
+    add("linux/capabilities", Linux::CapabilityStatus{});
+    add("linux/config", Linux::Config{});
+    add("linux/fence", Linux::FenceStatus{});
+    add("linux/groups", Linux::GroupStatus{});
+    add("linux/packets", Linux::PacketStatus{});
+    add("linux/traffic", Linux::TrafficStatus{});
+    add("log", Runtime::RecentLog{});
+    add("log/config", Runtime::LogConfig{});
+    add("mrp/attributes", Mrp::AttributesStatus{});
+    add("mrp/config", Mrp::MrpConfig{});
+    add("mrp/status", Mrp::MrpStatus{});
+    add("msrp/census", Msrp::Census{});
+    add("msrp/cliConfig", Msrp::CliConfig{});
+    add("msrp/config", Msrp::Config{});
+    add("msrp/status", Msrp::Status{});
+    add("msrp/waiting", Msrp::Waiting{});
+    add("mvrp/config", Mvrp::Config{});
+    add("mvrp/mrp/attributes", Mrp::AttributesStatus{});
+    add("mvrp/mrp/config", Mrp::MrpConfig{});
+    add("mvrp/mrp/status", Mrp::MrpStatus{});
+    add("mvrp/status", Mvrp::Status{});
+    add("process", Runtime::ProcessStatus{});
+    add("qos/hardware/status/global", Qos::HwStatus{});
+    add("qos/input/config/msrp", Qos::Input::Config{});
+    add("qos/status", Qos::Status{});
+    add("stp/status", Stp::Status{});
+    add("switch/domain", Switch::Domain{});
+    add("switch/refusals", Switch::Refusals{});
+    add("switch/streams", Switch::Streams{});
+    add("switch/time", Switch::TimeStatus{});
+    return all;
+}
