@@ -265,7 +265,7 @@ private:
 
     void declarations() {
         constexpr std::string_view discarded = "Discarded";
-        const std::string_view failedHere = State::enumText(Msrp::MsrpCounter::talkerAdvertiseFailedHere);
+        const std::string failedHere = State::enumText(Msrp::MsrpCounter::talkerAdvertiseFailedHere);
         const auto each = [this, discarded, failedHere](std::string_view name, std::string_view help,
                                                         std::string_view field, bool discards) {
             text_.family(name, Kind::counter, help);

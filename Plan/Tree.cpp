@@ -36,6 +36,7 @@ std::vector<std::array<bool, 2>> forwardingEnds(const std::vector<TreeBridge>& b
         for (const std::size_t bridge : links[i].bridges) at[bridge].push_back(i);
     }
     std::vector<Way> best;
+    best.reserve(bridges.size());
     for (const TreeBridge& bridge : bridges) best.push_back({bridge.id, 0, bridge.id, 0, 0, none});
     // The root of each part of the network is its bridge of the smallest id; from there on as Dijkstra does.
     std::vector<std::size_t> order(bridges.size());

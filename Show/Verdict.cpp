@@ -8,7 +8,6 @@ namespace Show {
 
 using Msrp::AdmissionRequest;
 using Msrp::U64;
-using State::Value;
 
 namespace {
 

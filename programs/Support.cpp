@@ -142,6 +142,7 @@ public:
         out_ = Runtime::FileDescriptor{ends[0]};
         const Runtime::FileDescriptor in{ends[1]};
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (const char* word : words) arguments.push_back(const_cast<char*>(word));
         arguments.push_back(nullptr);
         process_ = ::fork();

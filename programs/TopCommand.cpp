@@ -132,6 +132,7 @@ private:
     void ask(const std::vector<Show::Piece>& pieces,
              std::function<void(std::vector<Value> values, double now)> answered) {
         std::vector<Value> requests;
+        requests.reserve(pieces.size());
         for (const Show::Piece& piece : pieces)
             requests.push_back(State::Object{{"op", Value{"get"}}, {"path", Value{piece.path()}}});
         askedAt_ = loop_.now();

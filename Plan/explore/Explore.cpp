@@ -110,12 +110,7 @@ class Expedition {
 public:
     Expedition(const Network& network, const ExploreOptions& options, const Wrong& wrong, const Known& known,
                const Deadline& deadline)
-        : network_{network},
-          options_{options},
-          wrong_{wrong},
-          known_{known},
-          deadline_{deadline},
-          trial_{wrong} {}
+        : network_{network}, options_{options}, known_{known}, deadline_{deadline}, trial_{wrong} {}
 
     /// Lines: "rest NUMBER", and behind it "to REST COUNT", "new REST BURST" and "fault STORY \t FAULT".
     std::string from(const std::vector<std::uint64_t>& rests, Shared& shared) {
@@ -192,7 +187,6 @@ private:
 
     const Network& network_;
     const ExploreOptions& options_;
-    const Wrong& wrong_;
     const Known& known_;
     const Deadline& deadline_;
     Trial trial_;

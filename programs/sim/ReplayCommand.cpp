@@ -51,6 +51,7 @@ Plan::TrafficReader::PortNames namesOf(const std::vector<std::string>& ports) {
 /// What the files say that is not so anyway.
 State::Value configOf(const std::vector<std::string>& files) {
     std::vector<Control::ConfigSource> sources;
+    sources.reserve(files.size());
     for (const std::string& file : files) sources.push_back({file});
     std::vector<Control::ConfigFile> read;
     demand(readConfigs(sources, Control::ConfigReading::once, read), usage);

@@ -258,7 +258,7 @@ to swp2: insufficient bandwidth (code 1)
 to swp3: would be let in; 3 streams of this kind, 750000 kbps to be had
 )");
     // In a table with room for two more, and in a full one.
-    for (const std::uint64_t room : {2, 0}) {
+    for (const std::uint64_t room : {2U, 0U}) {
         Show::Snapshot s = before;
         s.records["linux/groups"] =
             State::Object{{"tableUsed", 496 - room}, {"tableSize", std::uint64_t{512}}, {"tableRoom", room}};
