@@ -43,9 +43,9 @@ std::map<std::string, std::string> linksOf(const Network& network, const Outcome
             const std::string port = from.port.empty() ? to.port : from.port;
             all[concat(network.devices[from.device].name, " -> ", network.devices[to.device].name, " (", port,
                        ')')] =
-                concat(State::enumText(link.speed), o.forwards ? ", forwarding, " : ", blocking, ",
-                       "class A ", o.usedKbps[0], '/', o.allowedKbps[0], ", class B ", o.usedKbps[1], '/',
-                       o.allowedKbps[1], " kbps");
+                concat(State::enumText(Interface::namedSpeed(o.megabitsPerSecond)),
+                       o.forwards ? ", forwarding, " : ", blocking, ", "class A ", o.usedKbps[0], '/',
+                       o.allowedKbps[0], ", class B ", o.usedKbps[1], '/', o.allowedKbps[1], " kbps");
         }
     }
     return all;
@@ -114,7 +114,15 @@ std::optional<Fit> fit(const Network& network, std::size_t stream, std::uint64_t
     /// Whether so many more fit; else who is in the way is in `found`.
     const auto fits = [&](std::uint64_t count) {
         Network more = network;
-        addLike(more, stream, count);
+        // A stream that has no address of its own fits nowhere.
+        if (!addLike(more, stream, count)) {
+            found = {.stream = network.streams[stream].name,
+                     .listener = {},
+                     .device = {},
+                     .port = {},
+                     .reason = "no id or address is left for it"};
+            return false;
+        }
         for (Stream& one : more.streams) one.later = false;
         const Outcome outcome = run(more);
         std::size_t s = 0;
@@ -151,6 +159,7 @@ std::string fitText(const Network& network, std::size_t stream, const Fit& fit) 
     std::string out = concat(fit.count, " more stream", fit.count == 1 ? "" : "s", " like ",
                              network.streams[stream].name, " fit");
     if (fit.all) return out + ", and maybe more: no more were tried\n";
+    if (fit.device.empty()) return out + "; " + fit.reason + '\n';
     return out + concat("; one more, and ", fit.stream, " -> ", fit.listener, " fails at ", fit.reason, '\n');
 }
 

@@ -48,7 +48,11 @@ void carryOut(World& world, const Event& event) {
         case hush:
             return world.talkIs(event.stream, event.deed == talk);
         case more:
-            for (std::uint64_t i = 0; i < event.count; ++i) world.talkIs(event.stream + i, true);
+            for (std::size_t s = event.stream; s < event.stream + event.count; ++s) {
+                world.talkIs(s, true);
+                for (const std::size_t station : world.network().streams[s].listeners)
+                    world.listenIs(s, station, true);
+            }
             return;
         case listen:
         case unlisten:
@@ -88,6 +92,7 @@ public:
             events.pop_front();
             world_.runTo(std::max(event.at, world_.now()));
             before_ = reservedOf(look(world_, Reasons::leftOut));
+            begun_ = true;
             carryOut(world_, event);
             chapter(course, event.text, events);
         }
@@ -120,14 +125,14 @@ private:
             }
             looked = world_.now();
         };
-        if (!before_.empty()) compare();
+        if (begun_) compare();
         while (world_.now() < until && world_.now() < std::max(world_.lastChange(), chapter.at) + quiet_) {
             world_.runTo(std::min(until, world_.now() + step));
-            if (!before_.empty() && world_.lastChange() >= looked) compare();
+            if (begun_ && world_.lastChange() >= looked) compare();
         }
         chapter.quiet = world_.now() >= std::max(world_.lastChange(), chapter.at) + quiet_;
         chapter.lasted = std::max(world_.lastChange(), chapter.at) - chapter.at;
-        if (before_.empty()) return;
+        if (!begun_) return;
         const Outcome now = look(world_);
         for (std::size_t s = 0; s < now.streams.size(); ++s) {
             for (const ListenerOutcome& listener : now.streams[s].listeners) {
@@ -159,6 +164,7 @@ private:
     World& world_;
     const Duration quiet_;
     const Duration end_;
+    bool begun_ = false;  ///< the first event has come
     Reserved before_;
 };
 

@@ -28,6 +28,19 @@ DotAttributes attributesOf(Agraph_t* graph, int kind, void* object, const LineOf
     return all;
 }
 
+/// What the parts of a graph say otherwise than the graph itself.
+void partsOf(Agraph_t* whole, Agraph_t* graph, const DotLines& lines, DotAttributes& all) {
+    for (Agraph_t* part = agfstsubg(graph); part != nullptr; part = agnxtsubg(part)) {
+        for (Agsym_t* symbol = agnxtattr(whole, AGRAPH, nullptr); symbol != nullptr;
+             symbol = agnxtattr(whole, AGRAPH, symbol)) {
+            const std::string value = taken(agxget(part, symbol));
+            if (value != taken(agxget(whole, symbol)))
+                all.emplace(symbol->name, DotAttribute{value, lines.graph(symbol->name)});
+        }
+        partsOf(whole, part, lines, all);
+    }
+}
+
 /// Its last words: "syntax error in line 3 near '--'".
 std::string problem() {
     std::string text = taken(aglasterr());
@@ -41,12 +54,19 @@ std::string problem() {
 std::string readDot(const std::string& text, DotGraph& graph) {
     // A NUL would end the text for the library, and the rest would silently be missing.
     if (text.find('\0') != std::string::npos) return "has a NUL in it";
+    DotLines lines{text};
+    if (!lines.problem().empty()) return lines.problem();
     // It tells on standard error otherwise.
     agseterr(AGMAX);
-    const std::unique_ptr<Agraph_t, Close> read{agmemread(text.c_str())};
-    if (!read) return problem();
-    DotLines lines{text};
+    agreseterrors();
+    agreadline(1);
+    // What stands behind the graph would be taken as the beginning of the next one that is read.
+    const std::unique_ptr<Agraph_t, Close> read{agmemread(text.substr(0, lines.end()).c_str())};
+    if (!read || agerrors() >= AGERR) return problem();
+    if (agisstrict(read.get()) != 0)
+        return "is strict, so that of two links between two devices one would be lost";
     graph = {};
+    partsOf(read.get(), read.get(), lines, graph.ofParts);
     graph.attributes =
         attributesOf(read.get(), AGRAPH, read.get(), [&](const char* name) { return lines.graph(name); });
     for (Agnode_t* node = agfstnode(read.get()); node != nullptr; node = agnxtnode(read.get(), node)) {

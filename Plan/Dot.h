@@ -31,6 +31,8 @@ struct DotEdge {
 
 struct DotGraph {
     DotAttributes attributes{};
+    DotAttributes
+        ofParts{};  ///< graph's attributes that are said between braces within it, for that part only
     std::vector<DotNode> nodes{};  ///< in the order of the file
     std::vector<DotEdge> edges{};
 };

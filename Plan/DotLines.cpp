@@ -1,5 +1,7 @@
 #include "Plan/DotLines.h"
 
+#include "Runtime/Text.h"
+
 #include <cctype>
 
 namespace Plan {
@@ -10,19 +12,29 @@ public:
     Scanner(std::string_view text, DotLines& lines) : text_{text}, lines_{lines} { next(); }
 
     void graph() {
-        while (token_.kind != Kind::end && token_.text != "{") next();
+        while (token_.kind != Kind::end && !is("{")) next();
         next();
-        while (token_.kind != Kind::end) statement();
+        while (token_.kind != Kind::end && !is("}")) statement();
+        lines_.end_ = at_;
+        if (!is("}")) return;
+        next();
+        if (token_.kind != Kind::end && lines_.problem_.empty())
+            lines_.problem_ =
+                Runtime::concat("something stands behind the end of the graph in line ", token_.line);
     }
 
 private:
     enum class Kind { end, name, mark };
+    static constexpr unsigned mostDepth = 100;
     struct Token {
         Kind kind = Kind::end;
         std::string text{};
         unsigned line = 1;
     };
 
+    [[nodiscard]] bool is(std::string_view mark) const {
+        return token_.kind == Kind::mark && token_.text == mark;
+    }
     [[nodiscard]] bool starts(std::string_view with) const { return text_.substr(at_).starts_with(with); }
     void step() {
         if (text_[at_] == '\n') ++line_;
@@ -103,7 +115,7 @@ private:
         }
     }
     bool take(std::string_view mark) {
-        if (token_.kind != Kind::mark || token_.text != mark) return false;
+        if (!is(mark)) return false;
         next();
         return true;
     }
@@ -132,10 +144,17 @@ private:
             next();
             if (token_.kind == Kind::name) next();
         }
+        if (is("{") && ++depth_ > mostDepth) {
+            if (lines_.problem_.empty())
+                lines_.problem_ =
+                    Runtime::concat("braces are nested more than ", mostDepth, " deep in line ", token_.line);
+            at_ = text_.size();
+        }
         if (take("{")) {
             while (token_.kind != Kind::end && !take("}")) {
                 for (std::string& name : statement()) names.push_back(std::move(name));
             }
+            --depth_;
             return names;
         }
         if (token_.kind != Kind::name) {
@@ -151,7 +170,7 @@ private:
 
     /// Gives the nodes that it names.
     std::vector<std::string> statement() {
-        if (take(";") || take(",") || take("}")) return {};
+        if (take(";") || take(",")) return {};
         const Token first = token_;
         if (first.kind == Kind::name &&
             (first.text == "graph" || first.text == "node" || first.text == "edge")) {
@@ -204,6 +223,7 @@ private:
     std::size_t at_ = 0;
     unsigned line_ = 1;
     Token token_{};
+    unsigned depth_ = 0;
     Attributes edgeDefaults_{};
 };
 

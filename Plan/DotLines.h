@@ -14,8 +14,12 @@ namespace Plan {
 
 class DotLines {
 public:
-    /// Of a text that is in order.
     explicit DotLines(std::string_view text);
+
+    /// What Graphviz's reader would pass over without a word; empty for nothing.
+    [[nodiscard]] const std::string& problem() const { return problem_; }
+    /// Octets up to the end of the graph.
+    [[nodiscard]] std::size_t end() const { return end_; }
 
     /// Where the node is met first; 0 for one that is not.
     [[nodiscard]] unsigned node(const std::string& name) const;
@@ -38,6 +42,8 @@ private:
     class Scanner;
     using Attributes = std::map<std::string, unsigned>;
 
+    std::string problem_;
+    std::size_t end_ = 0;
     std::map<std::string, unsigned> nodes_;
     std::set<std::string> statements_;
     std::map<std::string, Attributes> nodeAttributes_;

@@ -7,6 +7,7 @@
 #include "Switch/EthAddr.h"
 #include "Switch/Interface.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -31,6 +32,7 @@ struct Device {
     std::map<std::string, State::Value> records{};  ///< patches of the agent's configuration, by path
     /// Of a bridge, from the last octet of a frame to the first one of it in the queue.
     Runtime::Duration processing = std::chrono::microseconds{5};
+    std::array<std::uint8_t, 2> priorities{3, 2};  ///< of a station, for class A and class B
     Place place{};
 };
 
@@ -65,6 +67,7 @@ struct Stream {
 
 struct Network {
     std::string title{};
+    std::uint16_t vlan = 2;  ///< that of streams, and of links, which name no other
     std::vector<Device> devices{};
     std::vector<Link> links{};
     std::vector<Stream> streams{};

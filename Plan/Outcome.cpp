@@ -26,9 +26,10 @@ constexpr std::size_t noLink = SIZE_MAX;
 
 class Looker {
 public:
-    explicit Looker(const World& world) : world_{world}, network_{world.network()} {
+    Looker(const World& world, Reasons reasons)
+        : world_{world}, network_{world.network()}, all_{reasons == Reasons::told} {
         for (const Device& d : network_.devices) {
-            if (d.bridge) hosts_ += concat(d.address, ' ', d.name, '\n');
+            if (all_ && d.bridge) hosts_ += concat(d.address, ' ', d.name, '\n');
         }
         (void)names_.read(hosts_);
         linksOf_.resize(network_.devices.size());
@@ -37,12 +38,13 @@ public:
         }
     }
 
-    Outcome look(Reasons reasons) {
+    Outcome look() {
         Outcome out{.at = world_.now(), .lastChange = world_.lastChange()};
         for (std::size_t s = 0; s < network_.streams.size(); ++s) out.streams.push_back(streamOutcome(s));
+        if (!all_) return out;
         for (std::size_t l = 0; l < network_.links.size(); ++l)
             out.links.push_back({linkOutcome(l, 0), linkOutcome(l, 1)});
-        if (reasons == Reasons::told) explainAll(out);
+        explainAll(out);
         return out;
     }
 
@@ -84,7 +86,7 @@ private:
             const std::size_t l = way.link[at];
             if (l == noLink) break;
             const int far = 1 - way.end[at];
-            out.path.push_back({l, far, latency(stream, l, far)});
+            out.path.push_back({l, far, all_ ? latency(stream, l, far) : Runtime::Duration{}});
             at = network_.links[l].ends[far].device;
         }
         std::ranges::reverse(out.path);
@@ -102,7 +104,7 @@ private:
             const LinkEnd& at = network_.links[hop.link].ends[hop.end];
             if (network_.devices[at.device].bridge && !carries(at, stream)) out.reserved = false;
         }
-        if (!out.reserved) blame(out, stream);
+        if (!out.reserved && all_) blame(out, stream);
         return out;
     }
 
@@ -116,7 +118,21 @@ private:
         return member != nullptr && *member;
     }
 
-    [[nodiscard]] Runtime::Duration latency(const Stream& stream, std::size_t link, int end) const {
+    /// kbit/s that a station says, of class A and of class B.
+    const std::array<std::uint64_t, 2>& talked(std::size_t station) {
+        if (talked_.empty()) {
+            talked_.resize(network_.devices.size());
+            for (std::size_t s = 0; s < network_.streams.size(); ++s) {
+                if (!world_.talks(s)) continue;
+                const Stream& one = network_.streams[s];
+                talked_[one.talker][one.srClass == SrClassId::SrClassA ? 0 : 1] +=
+                    Msrp::streamBandwidth(one.srClass, one.tspec.maxIntervalFrames, one.tspec.maxFrameSize);
+            }
+        }
+        return talked_[station];
+    }
+
+    [[nodiscard]] Runtime::Duration latency(const Stream& stream, std::size_t link, int end) {
         const std::size_t device = network_.links[link].ends[end].device;
         LatencyPort port{.megabitsPerSecond = world_.wire(link, end).quality().megabitsPerSecond,
                          .wire = world_.wire(link, end).quality().delay};
@@ -131,6 +147,12 @@ private:
                                               std::min(Msrp::allowedTotal(share), share.allocatedA)) /
                           kbps;
             port.processing = network_.devices[device].processing;
+        } else {
+            // A talker's port carries what the talker says, and nobody limits it.
+            const auto& [a, b] = talked(device);
+            const double kbps = port.megabitsPerSecond * 1e3;
+            port.shareA = std::min(1.0, static_cast<double>(a) / kbps);
+            port.shareB = std::min(1.0, static_cast<double>(b) / kbps);
         }
         constexpr std::uint32_t headers = 14 + 4 + 4;  // addresses and EtherType, tag, check sequence
         return worstLatency(port, stream.srClass, {.own = stream.tspec.maxFrameSize + headers});
@@ -139,6 +161,7 @@ private:
     /// Who keeps it back: from the talker on, the first bridge that fails it itself; where none does, the
     /// last one that has it and does not carry it.
     void blame(ListenerOutcome& out, const Stream& stream) const {
+        out.device = out.station;
         std::string in;  // the port that the stream comes in by
         for (const Hop& hop : out.path) {
             const Link& link = network_.links[hop.link];
@@ -183,12 +206,15 @@ private:
                     verdict.code = listener->code;
                     verdict.what = listener->code != 0 ? Show::codeText(listener->code) : "not carried";
                     verdict.why = concat("as stream \"", first, "\" there");
-                } else if (world_.bridge(device) == nullptr) {
+                } else if (!world_.isOn(device)) {
                     verdict.what = "switched off";
+                } else if (!network_.devices[device].bridge) {
+                    verdict.what = "not told of it";
+                    verdict.why =
+                        "all bridges on the way carry it, and the frames that say so are lost or on their "
+                        "way";
                 } else {
-                    if (!records)
-                        records.emplace(*world_.bridge(device),
-                                        std::chrono::duration<double>(world_.now()).count());
+                    if (!records) records.emplace(*world_.bridge(device), Show::Snapshot::noClock);
                     const Show::Explanation e =
                         records->explain(names_, network_.streams[s].id, listener->port);
                     const bool taken = !listener->port.empty() && !e.ports.empty();
@@ -199,7 +225,8 @@ private:
     }
     [[nodiscard]] LinkOutcome linkOutcome(std::size_t link, int end) const {
         const Wire& wire = world_.wire(link, end);
-        LinkOutcome out{.forwards = world_.forwards(link, end),
+        LinkOutcome out{.megabitsPerSecond = wire.quality().megabitsPerSecond,
+                        .forwards = world_.forwards(link, end),
                         .frames = wire.frames(),
                         .octets = wire.octets(),
                         .lost = wire.lost()};
@@ -227,17 +254,19 @@ private:
 
     const World& world_;
     const Network& network_;
+    const bool all_;
     std::string hosts_;
     Show::BridgeNames names_;
     std::vector<std::vector<std::size_t>> linksOf_;
     std::map<std::size_t, Towards> towards_;
+    std::vector<std::array<std::uint64_t, 2>> talked_;  ///< by device; empty: not asked for yet
 };
 
 }  // namespace
 
 bool StreamOutcome::reserved() const { return std::ranges::all_of(listeners, &ListenerOutcome::reserved); }
 
-Outcome look(const World& world, Reasons reasons) { return Looker{world}.look(reasons); }
+Outcome look(const World& world, Reasons reasons) { return Looker{world, reasons}.look(); }
 
 std::string reasonText(const Network& network, const ListenerOutcome& listener) {
     const Show::Verdict& v = listener.verdict;

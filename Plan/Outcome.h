@@ -40,6 +40,7 @@ struct StreamOutcome {
 
 /// One direction of a link.
 struct LinkOutcome {
+    std::uint32_t megabitsPerSecond = 0;
     bool forwards = false;
     std::array<std::uint64_t, 2> usedKbps{};     ///< of class A and class B; of a bridge's port
     std::array<std::uint64_t, 2> allowedKbps{};  ///< class B: what class A leaves of the joint share
@@ -56,8 +57,9 @@ struct Outcome {
     std::vector<std::array<LinkOutcome, 2>> links{};  ///< by the end at which the direction begins
 };
 
+/// To put reasons in words takes longer than all else.  Where they are left out there is nothing but what is
+/// reserved.
 enum class Reasons { told, leftOut };
-/// To put reasons in words takes longer than all else.
 Outcome look(const World& world, Reasons reasons = Reasons::told);
 
 /// "sw2 port sw3: insufficient bandwidth (code 1): ...".  Without its end of line.

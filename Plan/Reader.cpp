@@ -48,13 +48,20 @@ public:
             network_.script = script->text;
             network_.scriptPlace = script->place;
         }
-        all.number("vlan", 1, 4094, vlan_);
+        all.number("vlan", 1, 4094, network_.vlan);
+        for (const auto& [name, attribute] : graph.ofParts) {
+            if (!isGraphvizName(name))
+                problems_.push_back(concat(Place{file_, attribute.line}.text(), ": ", name, " = \"",
+                                           attribute.value,
+                                           "\" stands in a part of the graph, where it means nothing"));
+        }
         for (const DotNode& node : graph.nodes) device(node);
         for (const DotEdge& edge : graph.edges) link(edge);
         for (std::size_t i = 0; i < network_.devices.size(); ++i) checkLinks(i);
-        StreamReader reader{network_};
+        StreamReader reader{network_, problems_};
         for (const DotNode& node : graph.nodes) stream(node, reader);
         if (streams != nullptr) streamsIn(*streams, reader, all);
+        reader.finish();
         all.restIs(ofGraphviz);
         return std::move(network_);
     }
@@ -86,6 +93,12 @@ private:
         Fields fields = fieldsOf(concat("node \"", node.name, '"'), place, node.attributes);
         const auto kind = kindOf(fields);
         if (!kind || *kind == Kind::stream) return;
+        // Lists of stations and events of scripts could not name it.
+        if (node.name.find_first_of(" \t\n,;#\"") != std::string::npos ||
+            node.name.find("--") != std::string::npos)
+            fields.wrong(
+                "the name of a device has no blanks, commas, semicolons, quotes, '#' or \"--\"; "
+                "label=\"...\" shows another one");
         Device made{.name = node.name, .bridge = *kind == Kind::bridge, .place = place};
         const bool bridge = made.bridge;
         // Else a name that is written wrongly would become a device of its own.
@@ -99,6 +112,9 @@ private:
             fields.number("priority", 0, 61440, made.treePriority);
             if (made.treePriority % 4096 != 0) fields.bad("priority", "is no multiple of 4096");
             fields.duration("processing", made.processing);
+        } else {
+            fields.number("srClassAPriority", 0, 7, made.priorities[0]);
+            fields.number("srClassBPriority", 0, 7, made.priorities[1]);
         }
         fields.restIs([&](const std::string& name, const Field& field) {
             return isGraphvizName(name) || (bridge && setting(made, name, field, fields));
@@ -156,7 +172,7 @@ private:
         fields.duration("delay", made.delay);
         if (made.delay < std::chrono::nanoseconds{1}) fields.bad("delay", "is not at least 1ns");
         fields.share("loss", made.loss);
-        std::vector<std::uint16_t> vlans{vlan_};
+        std::vector<std::uint16_t> vlans{network_.vlan};
         vlansOf(fields, "vlans", vlans);
         constexpr const char* ports[2] = {"tailport", "headport"};
         constexpr const char* members[2] = {"tailvlans", "headvlans"};
@@ -165,10 +181,17 @@ private:
             LinkEnd& end = made.ends[i];
             const Field* port = fields.take(ports[i]);
             end.vlans = vlans;
+            if (!network_.devices[end.device].bridge) {
+                if (port != nullptr) fields.bad(ports[i], "is of a station, whose ports have no names");
+                if (fields.take(members[i]) != nullptr)
+                    fields.bad(members[i], "is of a station, which knows no VLANs");
+                continue;
+            }
             vlansOf(fields, members[i], end.vlans);
-            if (!network_.devices[end.device].bridge) continue;
             bridge = true;
-            end.port = port != nullptr ? port->text : freePort(end.device, *names[1 - i]);
+            // "p1:n" is port p1, drawn from above.
+            end.port = port != nullptr ? port->text.substr(0, port->text.find(':'))
+                                       : freePort(end.device, *names[1 - i]);
             if (!IntfId::validName(end.port)) {
                 fields.bad(ports[i], "is no name of 1 to 15 characters without '/'");
             } else if (!ports_.emplace(end.device, end.port).second) {
@@ -239,7 +262,6 @@ private:
     const OtherFile& other_;
     Problems& problems_;
     Network network_{};
-    std::uint16_t vlan_ = 2;
     std::uint64_t bridges_ = 0;
     std::uint64_t stations_ = 0;
     std::map<std::string, std::size_t> numbers_;

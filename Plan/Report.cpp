@@ -68,6 +68,10 @@ struct LinkRow {
     const LinkOutcome& outcome;
 };
 
+std::string speedText(const LinkOutcome& outcome) {
+    return State::enumText(Interface::namedSpeed(outcome.megabitsPerSecond));
+}
+
 /// "used/allowed", of a bridge's port.
 std::string share(const LinkRow& row, std::size_t srClass) {
     if (!row.network.devices[row.link.ends[row.end].device].bridge) return {};
@@ -78,7 +82,7 @@ constexpr auto linkColumns = std::to_array<Show::Column<LinkRow>>({
     {"FROM", "", [](const LinkRow& r) { return nameOf(r.network, r.link.ends[r.end]); }},
     {"TO", "", [](const LinkRow& r) { return nameOf(r.network, r.link.ends[1 - r.end]); }},
     {"PORT", "", [](const LinkRow& r) { return r.link.ends[r.end].port; }},
-    {"SPEED", "", [](const LinkRow& r) { return State::enumText(r.link.speed); }},
+    {"SPEED", "", [](const LinkRow& r) { return speedText(r.outcome); }},
     {"TREE", "",
      [](const LinkRow& r) {
          return r.outcome.forwards ? std::string{"forwarding"} : std::string{"blocking"};
@@ -209,7 +213,7 @@ Value outcomeValue(const Network& network, const Outcome& outcome) {
         links.emplace_back(State::Object{{"from", Value{nameOf(network, row.link.ends[row.end])}},
                                          {"to", Value{nameOf(network, row.link.ends[1 - row.end])}},
                                          {"port", textOrNull(row.link.ends[row.end].port)},
-                                         {"speed", Value{State::enumText(row.link.speed)}},
+                                         {"speed", Value{speedText(row.outcome)}},
                                          {"forwards", Value{row.outcome.forwards}},
                                          {"usedKbpsA", Value{row.outcome.usedKbps[0]}},
                                          {"allowedKbpsA", Value{row.outcome.allowedKbps[0]}},

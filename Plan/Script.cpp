@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 namespace Plan {
 
@@ -19,6 +20,46 @@ constexpr const char* eventForms =
     "restart DEVICE [TIME], talk STREAM, hush STREAM, more STREAM COUNT, listen STREAM STATION, unlisten "
     "STREAM STATION, "
     "flood STATION COUNT";
+
+/// A script, event by event.
+class ScriptText {
+public:
+    explicit ScriptText(std::string_view text) : text_{text} {}
+    [[nodiscard]] bool over() const { return at_ >= text_.size(); }
+    /// Whether the last event was the last one of its line.
+    [[nodiscard]] bool newLine() const { return newLine_; }
+
+    /// Those of the next event, up to a semicolon or the end of the line.
+    std::vector<std::string> words() {
+        std::vector<std::string> all;
+        bool inWord = false;
+        bool quoted = false;
+        for (newLine_ = false; !over();) {
+            const char c = text_[at_++];
+            if (c == '\n' || (!quoted && (c == ';' || c == '#'))) {
+                if (c == '#') at_ = std::min(text_.find('\n', at_), text_.size() - 1) + 1;
+                newLine_ = c != ';';
+                return all;
+            }
+            if (!quoted && (c == ' ' || c == '\t' || c == '\r' || c == ',')) {
+                inWord = false;
+                continue;
+            }
+            if (!std::exchange(inWord, true)) all.emplace_back();
+            if (c == '"') {
+                quoted = !quoted;
+            } else {
+                all.back() += c;
+            }
+        }
+        return all;
+    }
+
+private:
+    std::string_view text_;
+    std::size_t at_ = 0;
+    bool newLine_ = false;
+};
 
 /// Of one event, word by word; what is wrong is thrown.
 class EventReader {
@@ -136,7 +177,8 @@ private:
                 const std::size_t like = stream();
                 event.count = count();
                 event.stream = network_.streams.size();
-                addLike(network_, like, event.count);
+                if (!addLike(network_, like, event.count))
+                    wrong("there are not so many ids of its talker, or addresses for streams, left");
                 return;
             }
             case listen:
@@ -158,21 +200,19 @@ private:
 
 }  // namespace
 
-std::vector<Event> readScript(const std::string& text, const std::string& place, Network& network,
+std::vector<Event> readScript(const std::string& text, const Place& place, Network& network,
                               Problems& problems) {
     std::vector<Event> events;
-    for (std::size_t at = 0; at < text.size();) {
-        const auto end = std::min(text.find_first_of(";\n", at), text.size());
-        std::string one = text.substr(at, end - at);
-        at = end + 1;
-        one.erase(std::min(one.find('#'), one.size()));
-        std::vector<std::string> words = wordsOf(one);
+    Place at = place;
+    for (ScriptText rest{text}; !rest.over(); at.line += place.line != 0 && rest.newLine() ? 1 : 0) {
+        std::vector<std::string> words = rest.words();
         if (words.empty()) continue;
         try {
-            events.push_back(EventReader{std::move(words), network}.read());
+            events.push_back(EventReader{words, network}.read());
         } catch (const std::invalid_argument& problem) {
-            problems.push_back(
-                concat(place, ": \"", one.substr(one.find_first_not_of(" \t")), "\": ", problem.what()));
+            std::string event;
+            for (const std::string& word : words) event += (event.empty() ? "" : " ") + word;
+            problems.push_back(concat(at.text(), ": \"", event, "\": ", problem.what()));
         }
     }
     std::ranges::stable_sort(events, {}, &Event::at);

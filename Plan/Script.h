@@ -53,9 +53,11 @@ struct Event {
     Runtime::Duration dark{};  ///< of restart
 };
 
-/// Of texts with semicolons or line breaks between events, and comments behind '#'; in the order of their
-/// times.  Streams that are to come later are added to the network.  Each problem begins with `place`.
-std::vector<Event> readScript(const std::string& text, const std::string& place, Network& network,
+/// Of texts with semicolons or line breaks between events, and comments from '#' to the end of the line; in
+/// the order of their times.  A name with such things or blanks in it stands between quotes.  Streams that
+/// are to come later are added to the network.  Each problem begins with its place; `place` is the first
+/// line.
+std::vector<Event> readScript(const std::string& text, const Place& place, Network& network,
                               Problems& problems);
 
 }  // namespace Plan

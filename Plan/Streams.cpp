@@ -16,9 +16,31 @@ constexpr std::uint64_t mostStreams = 100'000;
 constexpr std::uint64_t firstDestination = 0x91e0f0000000;
 constexpr std::uint64_t destinationCount = 0xfe00;
 
+constexpr std::uint64_t idsOfTalker = 0x10000;
+
+/// Those of the addresses for streams that no stream has.
+class FreeDestinations {
+public:
+    explicit FreeDestinations(const Network& network) {
+        for (const Stream& one : network.streams) taken_.insert(one.destination);
+    }
+    /// Nothing when all are taken.
+    std::optional<EthAddr> next() {
+        while (next_ < destinationCount) {
+            const EthAddr one = EthAddr::fromNumber(firstDestination + next_++);
+            if (!taken_.contains(one)) return one;
+        }
+        return std::nullopt;
+    }
+
+private:
+    std::set<EthAddr> taken_;
+    std::uint64_t next_ = 0;
+};
+
 }  // namespace
 
-StreamReader::StreamReader(Network& network) : network_{network} {
+StreamReader::StreamReader(Network& network, Problems& problems) : network_{network}, problems_{problems} {
     for (std::size_t i = 0; i < network.devices.size(); ++i) {
         if (!network.devices[i].bridge) stations_.emplace(network.devices[i].name, i);
     }
@@ -31,15 +53,26 @@ std::size_t StreamReader::station(const std::string& name, std::string_view fiel
     return network_.devices.size();
 }
 
-std::uint64_t StreamReader::nextId(std::size_t talker) {
-    for (;;) {
-        const std::uint64_t id = network_.devices[talker].address.number() << 16 | ++numbers_[talker];
+std::optional<std::uint64_t> StreamReader::nextId(std::size_t talker) {
+    for (std::uint32_t& number = numbers_[talker]; ++number < idsOfTalker;) {
+        const std::uint64_t id = network_.devices[talker].address.number() << 16 | number;
         if (!ids_.contains(id)) return id;
     }
+    return std::nullopt;
 }
 
-EthAddr StreamReader::nextDestination() {
-    return EthAddr::fromNumber(firstDestination + destinations_++ % destinationCount);
+void StreamReader::finish() {
+    FreeDestinations free{network_};
+    for (const std::size_t s : withoutDestination_) {
+        Stream& stream = network_.streams[s];
+        const auto destination = free.next();
+        if (!destination) {
+            problems_.push_back(concat(stream.place.text(), ": stream \"", stream.name, "\": all ",
+                                       destinationCount, " addresses for streams are taken"));
+            return;
+        }
+        stream.destination = *destination;
+    }
 }
 
 void StreamReader::tspec(Stream& stream, Fields& fields) {
@@ -47,11 +80,15 @@ void StreamReader::tspec(Stream& stream, Fields& fields) {
     if (fields.take("format") == nullptr) {
         fields.number("size", 1, Msrp::maxMsdu, stream.tspec.maxFrameSize);
         stream.tspec.maxIntervalFrames = 1;
-        fields.number("frames", 1, 0xffff, stream.tspec.maxIntervalFrames);
+        // Bridges charge for the low octet of the number only.
+        fields.number("frames", 1, 255, stream.tspec.maxIntervalFrames);
         if (fields.take("size") == nullptr) fields.wrong("needs a size, or a format");
         return;
     }
     fields.choice("format", media.format);
+    for (const char* own : {"size", "frames"}) {
+        if (fields.take(own) != nullptr) fields.bad(own, "stands beside a format, which says it");
+    }
     fields.number("channels", 1, 0xffff, media.channels);
     fields.number("rate", 1, UINT32_MAX, media.rate);
     fields.number("samples", 1, 0xffff, media.samples);
@@ -63,7 +100,7 @@ void StreamReader::tspec(Stream& stream, Fields& fields) {
 }
 
 void StreamReader::add(const std::string& name, Fields& fields) {
-    Stream stream{.name = name, .place = fields.place()};
+    Stream stream{.name = name, .vlan = network_.vlan, .place = fields.place()};
     if (const Field* srClass = fields.take("class"); srClass != nullptr) {
         if (srClass->text != "A" && srClass->text != "B") fields.bad("class", "is neither \"A\" nor \"B\"");
         if (srClass->text == "B") stream.srClass = Msrp::SrClassId::SrClassB;
@@ -92,42 +129,60 @@ void StreamReader::add(const std::string& name, Fields& fields) {
         if (!id) fields.bad("id", "is not \"0x\" and hexadecimal digits");
     }
     if (count > 1 && (destination || id)) fields.bad("count", "goes with neither a destination nor an id");
-    if (!names_.emplace(name, true).second) return fields.wrong("comes twice");
-    if (stream.talker == network_.devices.size()) return;
     if (network_.streams.size() + count > mostStreams)
         return fields.wrong(concat("more than ", mostStreams, " streams"));
+    const auto nameOf = [&](std::uint64_t i) { return count > 1 ? concat(name, '.', i) : name; };
+    for (std::uint64_t i = 1; i <= count; ++i) {
+        if (!names_.emplace(nameOf(i), true).second)
+            return fields.wrong(count > 1 ? concat("makes \"", nameOf(i), "\" a second time")
+                                          : "comes twice");
+    }
+    if (stream.talker == network_.devices.size()) return;
     for (std::uint64_t i = 1; i <= count; ++i) {
         Stream one = stream;
-        if (count > 1) one.name = concat(name, '.', i);
-        one.id = id ? *id : nextId(stream.talker);
-        one.destination = destination ? *destination : nextDestination();
+        one.name = nameOf(i);
+        const auto given = id ? id : nextId(stream.talker);
+        if (!given) return fields.wrong(concat("a talker has ", idsOfTalker - 1, " streams at most"));
+        one.id = *given;
+        if (destination) {
+            one.destination = *destination;
+        } else {
+            withoutDestination_.push_back(network_.streams.size());
+        }
         if (const auto [at, fresh] = ids_.emplace(one.id, one.name); !fresh)
             fields.wrong(concat("has the id ", State::hexText(one.id), " of stream \"", at->second, '"'));
         network_.streams.push_back(std::move(one));
     }
 }
 
-void addLike(Network& network, std::size_t stream, std::uint64_t count) {
+bool addLike(Network& network, std::size_t stream, std::uint64_t count) {
     std::set<std::string> names;
     std::set<std::uint64_t> ids;
-    std::uint64_t destination = firstDestination;
     for (const Stream& one : network.streams) {
         names.insert(one.name);
         ids.insert(one.id);
-        if (one.destination.number() < firstDestination + destinationCount)
-            destination = std::max(destination, one.destination.number() + 1);
     }
+    FreeDestinations destinations{network};
+    std::vector<Stream> all;
     Stream one = network.streams[stream];
+    const std::uint64_t talker = one.id / idsOfTalker;
+    std::uint64_t left = idsOfTalker;
     const std::string name = one.name;
     one.later = true;
     std::uint64_t number = 1;
     for (std::uint64_t i = 0; i < count; ++i) {
         while (!names.insert(one.name = concat(name, '+', number)).second) ++number;
-        while (!ids.insert(one.id).second) ++one.id;
-        one.destination =
-            EthAddr::fromNumber(firstDestination + (destination++ - firstDestination) % destinationCount);
-        network.streams.push_back(one);
+        while (left > 0 && !ids.insert(one.id).second) {
+            one.id = talker * idsOfTalker + (one.id + 1) % idsOfTalker;
+            --left;
+        }
+        const auto destination = destinations.next();
+        if (left == 0 || !destination || network.streams.size() + all.size() >= mostStreams) return false;
+        one.destination = *destination;
+        all.push_back(one);
     }
+    network.streams.insert(network.streams.end(), all.begin(), all.end());
+    return true;
 }
 
 std::vector<CsvRow> readCsv(const std::string& text, const std::string& file, Problems& problems) {
@@ -142,6 +197,12 @@ std::vector<CsvRow> readCsv(const std::string& text, const std::string& file, Pr
         if (!blank && !cells[0].starts_with('#')) {
             if (names.empty()) {
                 names = cells;
+                std::set<std::string> seen;
+                for (const std::string& name : names) {
+                    if (!seen.insert(name).second)
+                        problems.push_back(
+                            concat(file, ':', began, ": \"", name, "\" comes twice in the first row"));
+                }
             } else if (cells.size() != names.size()) {
                 problems.push_back(concat(file, ':', began, ": ", cells.size(), " values for the ",
                                           names.size(), " names of the first row"));
@@ -155,7 +216,8 @@ std::vector<CsvRow> readCsv(const std::string& text, const std::string& file, Pr
         }
         cells = {""};
     };
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    // Spreadsheets begin with a mark that says UTF-8.
+    for (std::size_t i = text.starts_with("\xEF\xBB\xBF") ? 3 : 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '\n') ++line;
         if (quoted) {

@@ -45,8 +45,8 @@ void Wire::send(const Sim::Pdu& pdu) {
     if (together_) join();
 }
 
-void Wire::join() {
-    if (sent_.empty()) return;
+bool Wire::join() {
+    if (sent_.empty()) return false;
     const auto later = [](Runtime::Time due, const Travelling& one) { return due < one.due; };
     for (Travelling& one : sent_) {
         const auto at = std::upper_bound(travelling_.begin(), travelling_.end(), one.due, later);
@@ -55,6 +55,7 @@ void Wire::join() {
         if (first) arrival_.armAt(travelling_.front().due);
     }
     sent_.clear();
+    return true;
 }
 
 void Wire::arrive() {

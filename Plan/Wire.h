@@ -28,8 +28,9 @@ public:
     /// To be called on the sender's loop.
     void send(const Sim::Pdu& pdu);
     /// Lets what was sent since the last call arrive when it is time.  Where the ends are on different loops,
-    /// this is what joins them: by then neither may have gone beyond the time at which it arrives.
-    void join();
+    /// this is what joins them: by then neither may have gone beyond the time at which it arrives.  False
+    /// when there was nothing.
+    bool join();
     /// What is under way is lost when the link goes down.
     void upIs(bool up);
     void qualityIs(const Quality& quality) { quality_ = quality; }

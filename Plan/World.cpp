@@ -21,6 +21,7 @@ const Time begin = Runtime::VirtualLoop{}.now();
 struct World::Cell {
     Runtime::VirtualLoop loop;
     Time lastChange = begin;
+    std::vector<std::pair<Wire*, std::size_t>> leaving{};  ///< wires, and the other cells to which they lead
     void changed() { lastChange = loop.now(); }
 };
 
@@ -31,6 +32,7 @@ struct World::BridgeNode {
 
 struct World::StationNode {
     explicit StationNode(Runtime::Loop& loop) : ports{loop} {}
+    bool on = true;
     Sim::Ports ports;
     Runtime::Trace trace{};
     std::shared_ptr<Interface::AllEthPhyIntfStatusDir> links =
@@ -54,11 +56,12 @@ namespace {
 
 const IntfId stationPort{"eth0"};
 
-Station::TalkerSpec specOf(const Stream& stream) {
+Station::TalkerSpec specOf(const Network& network, const Stream& stream) {
+    const auto& priorities = network.devices[stream.talker].priorities;
     return {.streamId = stream.id,
             .macDa = stream.destination,
             .vlan = stream.vlan,
-            .priority = static_cast<Msrp::U8>(stream.srClass == Msrp::SrClassId::SrClassA ? 3 : 2),
+            .priority = priorities[stream.srClass == Msrp::SrClassId::SrClassA ? 0 : 1],
             .maxFrameSize = stream.tspec.maxFrameSize,
             .maxIntervalFrames = stream.tspec.maxIntervalFrames,
             .rank = stream.rank};
@@ -112,16 +115,19 @@ World::World(const Network& network, const Options& options)
                                                bridges_[to]->bridge->ports().deliver(port, pdu);
                                            }
                                        });
-            if (cellOf_[link.ends[0].device] != cellOf_[link.ends[1].device])
-                lookahead_ = std::min(lookahead_, line.wires[static_cast<std::size_t>(end)]->least());
+            if (cellOf_[link.ends[0].device] == cellOf_[link.ends[1].device]) continue;
+            Wire& wire = *line.wires[static_cast<std::size_t>(end)];
+            lookahead_ = std::min(lookahead_, wire.least());
+            cellOf(link.ends[end].device).leaving.emplace_back(&wire, cellOf_[to]);
         }
-        if (cellOf_[link.ends[0].device] != cellOf_[link.ends[1].device]) between_.push_back(l);
     }
     for (std::size_t s = 0; s < network.streams.size(); ++s) {
         stations_[network.streams[s].talker]->talks[s] = !network.streams[s].later;
+        listeners_.emplace_back();
+        if (network.streams[s].later) continue;
         for (const std::size_t listener : network.streams[s].listeners)
             stations_[listener]->listens[s] = true;
-        listeners_.push_back(network.streams[s].listeners);
+        listeners_.back() = network.streams[s].listeners;
     }
     for (std::size_t i = 0; i < devices; ++i) {
         if (bridges_[i]) makeBridge(i);
@@ -209,8 +215,14 @@ void World::makeStation(std::size_t device) {
                                      node.listeners.insert_or_assign(listener->streamId, *listener);
                              },
                          .report = {}});
+    const Device& d = network_.devices[device];
+    for (const Msrp::SrClassId srClass : {Msrp::SrClassId::SrClassA, Msrp::SrClassId::SrClassB}) {
+        const Station::Domain domain{.priority = d.priorities[srClass == Msrp::SrClassId::SrClassA ? 0 : 1],
+                                     .vid = network_.vlan};
+        node.station->domainIs(srClass, domain);
+    }
     for (const auto& [stream, talks] : node.talks) {
-        if (talks) node.station->talk(specOf(network_.streams[stream]));
+        if (talks) node.station->talk(specOf(network_, network_.streams[stream]));
     }
     for (const auto& [stream, listens] : node.listens) {
         if (listens) node.station->listen(network_.streams[stream].id);
@@ -220,9 +232,7 @@ void World::makeStation(std::size_t device) {
 bool World::carries(std::size_t link) const {
     if (!lines_[link]->up) return false;
     return std::ranges::all_of(network_.links[link].ends, [&](const LinkEnd& end) {
-        return stations_[end.device]
-                   ? true
-                   : bridges_[end.device] != nullptr && bridges_[end.device]->bridge != nullptr;
+        return stations_[end.device] ? stations_[end.device]->on : bridges_[end.device]->bridge != nullptr;
     });
 }
 
@@ -309,11 +319,11 @@ void World::lossIs(std::size_t link, double loss) {
 
 void World::powerIs(std::size_t device, bool on) {
     if (StationNode* station = stations_[device].get()) {
-        if (on == (station->station != nullptr)) return;
-        // A station's link falls with it.
-        for (const std::size_t l : linksOf_[device]) linkIs(l, on);
-        station->station.reset();
+        if (on == station->on) return;
+        station->on = on;
         if (on) makeStation(device);
+        endsFollow(device);
+        if (!on) station->station.reset();
         return;
     }
     BridgeNode& node = *bridges_[device];
@@ -324,6 +334,10 @@ void World::powerIs(std::size_t device, bool on) {
         node.groups = {};
         node.bridge.reset();
     }
+    endsFollow(device);
+}
+
+void World::endsFollow(std::size_t device) {
     for (const std::size_t l : linksOf_[device]) follow(l);
     treeIs();
 }
@@ -334,7 +348,7 @@ void World::talkIs(std::size_t stream, bool talks) {
     node.talks[stream] = talks;
     if (!node.station) return;
     if (talks) {
-        node.station->talk(specOf(s));
+        node.station->talk(specOf(network_, s));
     } else {
         node.station->stopTalking(s.id);
     }
@@ -369,30 +383,34 @@ void World::mishapIs(std::size_t link, int end, unsigned nth, std::optional<Dura
     lines_[link]->wires[static_cast<std::size_t>(end)]->mishapIs(nth, late);
 }
 
-std::optional<Duration> World::nextTime() const {
-    std::optional<Time> next;
-    for (const auto& cell : cells_) {
-        const auto at = cell->loop.nextTime();
-        if (at && (!next || *at < *next)) next = at;
-    }
-    return next ? std::optional{*next - begin} : std::nullopt;
-}
+double World::clock() const { return Runtime::seconds(begin + now_); }
 
 void World::runTo(Duration end) {
     constexpr Duration moment{1};
-    std::vector<Cell*> due;
-    for (auto next = nextTime(); next && *next <= end; next = nextTime()) {
+    constexpr Time never = Time::max();
+    // When each cell has something to do next: whoever is not touched stays as it is.
+    std::vector<Time> next(cells_.size());
+    const auto look = [&](std::size_t cell) { next[cell] = cells_[cell]->loop.nextTime().value_or(never); };
+    for (std::size_t c = 0; c < next.size(); ++c) look(c);
+    std::vector<std::size_t> due;
+    for (;;) {
+        const Time first = next.empty() ? never : *std::ranges::min_element(next);
+        if (first == never || first - begin > end) break;
         // Nothing that is sent from now on arrives elsewhere before `until`.
-        const Duration until = std::min(std::max(*next, now_) + lookahead_, end + moment);
+        const Duration until = std::min(std::max(first - begin, now_) + lookahead_, end + moment);
         due.clear();
-        for (const auto& cell : cells_) {
-            const auto at = cell->loop.nextTime();
-            if (at && *at - begin < until) due.push_back(cell.get());
+        for (std::size_t c = 0; c < next.size(); ++c) {
+            if (next[c] - begin < until) due.push_back(c);
         }
-        workers_.each(due.size(), [&](std::size_t i) { due[i]->loop.runTo(begin + until - moment); });
+        workers_.each(due.size(), [&](std::size_t i) {
+            cells_[due[i]]->loop.runTo(begin + until - moment);
+            look(due[i]);
+        });
         // In an order that does not depend on who was ready first.
-        for (const std::size_t l : between_) {
-            for (auto& wire : lines_[l]->wires) wire->join();
+        for (const std::size_t c : due) {
+            for (const auto& [wire, to] : cells_[c]->leaving) {
+                if (wire->join()) look(to);
+            }
         }
         now_ = until - moment;
         ++meetings_;

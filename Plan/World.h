@@ -34,6 +34,8 @@ public:
 
     /// Time since everything was switched on.
     [[nodiscard]] Runtime::Duration now() const { return now_; }
+    /// The same moment on the devices' own clocks, in seconds.
+    [[nodiscard]] double clock() const;
     /// Lets everything happen up to then, that moment included.
     void runTo(Runtime::Duration end);
     /// Runs until nothing has changed for `quiet`, at most up to `end`; tells whether it has become quiet.
@@ -68,6 +70,7 @@ public:
     /// What a station is to do whenever it is on.
     [[nodiscard]] bool talks(std::size_t stream) const;
     [[nodiscard]] bool listens(std::size_t stream, std::size_t station) const;
+    [[nodiscard]] bool isOn(std::size_t device) const { return engine(device) != nullptr; }
     /// Whether that end of the link forwards; a station's always does while the link is up.
     [[nodiscard]] bool forwards(std::size_t link, int end) const;
     /// What a station was told last of a stream; null for nothing.
@@ -94,10 +97,9 @@ private:
     void makeBridge(std::size_t device);
     void makeStation(std::size_t device);
     void plug(std::size_t link, int end);
-    void linksFollow(std::size_t device);
     void treeIs();
     void follow(std::size_t link);
-    [[nodiscard]] std::optional<Runtime::Duration> nextTime() const;
+    void endsFollow(std::size_t device);
 
     const Network& network_;
     const Options options_;
@@ -113,7 +115,6 @@ private:
     std::vector<std::unique_ptr<Line>> lines_;            ///< by link
     std::vector<std::vector<std::size_t>> listeners_;     ///< by stream
     std::vector<std::vector<std::size_t>> linksOf_;       ///< by device
-    std::vector<std::size_t> between_;                    ///< links between different cells
 };
 
 }  // namespace Plan

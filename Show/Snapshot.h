@@ -3,9 +3,12 @@
 
 #include "State/Value.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <map>
 #include <string>
 #include <string_view>
@@ -26,8 +29,14 @@ bool isTrue(const State::Value& value);
 const State::Object& membersOf(const State::Value& value);
 
 struct Snapshot {
+    /// Where ages mean nothing.
+    static constexpr double noClock = std::numeric_limits<double>::quiet_NaN();
     /// Seconds on the daemon's clock.
     double now = 0.0;
+    /// Seconds from that time on; negative where there is no clock.
+    [[nodiscard]] double since(double time) const {
+        return std::isnan(now) ? -1.0 : std::max(0.0, now - time);
+    }
     std::map<std::string, State::Value, std::less<>> records;
 
     /// A null value when there is no such record.

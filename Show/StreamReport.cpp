@@ -136,7 +136,7 @@ private:
 
     [[nodiscard]] double age(const Value& stream, const std::string& port) const {
         const auto since = State::Codec<double>::decode(at(stream, {"statusTime", port}));
-        return since && *since > 0.0 ? std::max(0.0, snapshot_.now - *since) : -1.0;
+        return since && *since > 0.0 ? snapshot_.since(*since) : -1.0;
     }
 
     const Snapshot& snapshot_;

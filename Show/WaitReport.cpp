@@ -53,7 +53,7 @@ WaitReport WaitingLines::standing(const Lines& lines, const std::string& name, U
     if (line == lines.end()) return report;
     const auto found = line->second.place.find(id);
     if (found == line->second.place.end()) return report;
-    report.age = std::max(0.0, snapshot_.now - found->second.since);
+    report.age = snapshot_.since(found->second.since);
     report.place = found->second.number;
     if (report.place > 1) report.behind = line->second.order[report.place - 2];
     return report;
@@ -85,7 +85,8 @@ std::string waitText(const WaitReport& report) {
     if (report.age >= 0) out += ", waiting for " + ageText(report.age);
     if (report.place == 1) out += ", first in line";
     if (report.behind) {
-        out += " at place " + std::to_string(report.place) + " behind " + streamName(*report.behind);
+        out += report.age >= 0 ? " at place " : ", at place ";
+        out += std::to_string(report.place) + " behind " + streamName(*report.behind);
     }
     if (report.place == 0) out += ", looked at again when its talker repeats it";
     return out;

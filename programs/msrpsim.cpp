@@ -33,11 +33,35 @@ struct Options {
     std::uint64_t threads = std::max(1U, std::thread::hardware_concurrency());
     bool cost = false;
     std::string until{"60s"};
-    std::string quiet{"2s"};
+    std::string quiet{};
 };
 
+/// All that is to happen, by the file itself, by a script and by words.
+std::vector<Plan::Event> eventsOf(const Options& o, Plan::Network& network) {
+    Plan::Problems problems;
+    std::string script = network.script;
+    std::vector<Plan::Event> events = Plan::readScript(script, network.scriptPlace, network, problems);
+    const auto add = [&](const std::string& text, const Plan::Place& place) {
+        for (Plan::Event& event : Plan::readScript(text, place, network, problems))
+            events.push_back(std::move(event));
+    };
+    if (!o.script.empty()) {
+        std::string problem;
+        const std::string text = readFile(o.script, problem);
+        demand(problem.empty() ? problem : o.script + ": " + problem);
+        add(text, {o.script, 1});
+    }
+    for (const std::string& one : o.at) add("at " + one, {"--at"});
+    std::ranges::stable_sort(events, {}, &Plan::Event::at);
+    std::string all;
+    for (const std::string& one : problems) all += (all.empty() ? "" : "\n") + one;
+    demand(all);
+    return events;
+}
+
 ExitCode check(const Options& o) {
-    const Plan::Network network = networkIn(o.file);
+    Plan::Network network = networkIn(o.file);
+    (void)eventsOf(o, network);
     const auto bridges = std::ranges::count_if(network.devices, &Plan::Device::bridge);
     std::cout << bridges << " bridges, " << static_cast<std::ptrdiff_t>(network.devices.size()) - bridges
               << " stations, " << network.links.size() << " links, " << network.streams.size()
@@ -89,27 +113,14 @@ void print(const Options& o, const State::Value& value, const std::string& text)
     std::cout << (o.json ? Control::jsonText(value) + '\n' : text);
 }
 
-/// All that is to happen, by the file itself, by a script and by words.
-std::vector<Plan::Event> eventsOf(const Options& o, Plan::Network& network) {
-    Plan::Problems problems;
-    std::string script = network.script;
-    std::vector<Plan::Event> events = Plan::readScript(script, network.scriptPlace.text(), network, problems);
-    const auto add = [&](const std::string& text, const std::string& place) {
-        for (Plan::Event& event : Plan::readScript(text, place, network, problems))
-            events.push_back(std::move(event));
-    };
-    if (!o.script.empty()) {
-        std::string problem;
-        const std::string text = readFile(o.script, problem);
-        demand(problem.empty() ? problem : o.script + ": " + problem);
-        add(text, o.script);
-    }
-    for (const std::string& one : o.at) add("at " + one, "--at");
-    std::ranges::stable_sort(events, {}, &Plan::Event::at);
-    std::string all;
-    for (const std::string& one : problems) all += (all.empty() ? "" : "\n") + one;
-    demand(all);
-    return events;
+/// What a lost frame would have done may come with a LeaveAll only.
+Runtime::Duration quietOf(const Options& o, const Plan::Network& network,
+                          const std::vector<Plan::Event>& events) {
+    if (!o.quiet.empty()) return spanOf("--quiet", o.quiet);
+    const bool loses =
+        std::ranges::any_of(network.links, [](const Plan::Link& link) { return link.loss > 0; }) ||
+        std::ranges::any_of(events, [](const Plan::Event& event) { return event.loss > 0; });
+    return std::chrono::seconds{loses ? 16 : 2};
 }
 
 Plan::World::Options worldOptions(const Options& o) {
@@ -118,11 +129,13 @@ Plan::World::Options worldOptions(const Options& o) {
 
 ExitCode run(const Options& o) {
     const Runtime::Duration until = spanOf("--until", o.until);
-    const Runtime::Duration quiet = spanOf("--quiet", o.quiet);
     Plan::Network network = networkIn(o.file);
     const std::vector<Plan::Event> events = eventsOf(o, network);
-    if (!events.empty() && events.back().at > until)
-        throw Failure{"--until " + o.until + ": \"" + events.back().text + "\" comes later", usage};
+    for (const Plan::Event& event : events) {
+        if (event.at + event.dark > until)
+            throw Failure{"--until " + o.until + ": \"" + event.text + "\" is not over by then", usage};
+    }
+    const Runtime::Duration quiet = quietOf(o, network, events);
     Plan::World world{network, worldOptions(o)};
     Cost cost{world};
     const Plan::Course course = Plan::live(world, events, quiet, until);
@@ -137,10 +150,10 @@ ExitCode run(const Options& o) {
 
 Plan::Run runner(const Options& o) {
     const Runtime::Duration until = spanOf("--until", o.until);
-    const Runtime::Duration quiet = spanOf("--quiet", o.quiet);
     return [=](const Plan::Network& network) {
         Plan::World world{network, worldOptions(o)};
-        const bool settled = world.runUntilQuiet(quiet, until);
+        const bool settled = world.runUntilQuiet(quietOf(o, network, {}), until);
+        demand(settled ? "" : "the network has not settled within " + o.until + " (--until)");
         Plan::Outcome outcome = Plan::look(world);
         outcome.quiet = settled;
         return outcome;
@@ -151,7 +164,8 @@ ExitCode compare(const Options& o) {
     const Plan::Run run = runner(o);
     const Plan::Network was = networkIn(o.file);
     const Plan::Network is = networkIn(o.other);
-    const Plan::Differences found = Plan::compare(was, run(was), is, run(is));
+    const Plan::Outcome before = run(was);
+    const Plan::Differences found = Plan::compare(was, before, is, run(is));
     print(o, Plan::differencesValue(found), Plan::differencesText(found));
     return done;
 }
@@ -185,7 +199,8 @@ int main(int argc, char** argv) {
              [&] { return check(o); });
     const auto running = [&](Words words) {
         return words.text("--until", "Longest time that is simulated", o.until)
-            .text("--quiet", "It is settled when so long nothing has changed", o.quiet)
+            .text("--quiet",
+                  "It is settled when so long nothing has changed; 2s, or 16s where frames are lost", o.quiet)
             .number("--seed", "Of the timers' random parts and of losses", o.seed, {1, UINT32_MAX})
             .flag("--loops", "Without a spanning tree: every port forwards", o.loops)
             .number("--threads", "How many to use; nothing but the speed depends on it", o.threads, {1, 256});

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -19,6 +20,9 @@
 namespace Plan {
 
 namespace {
+
+/// Seconds of one answer.
+constexpr unsigned longest = 900;
 
 template <class T>
 T* mapped() {
@@ -47,6 +51,8 @@ std::string endOf(pid_t child) {
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM)
+        return Runtime::concat("it went on for more than ", longest, " s");
     if (WIFSIGNALED(status)) return Runtime::concat("the process ended by signal ", WTERMSIG(status));
     if (WEXITSTATUS(status) != 0) return Runtime::concat("the process ended with code ", WEXITSTATUS(status));
     return {};
@@ -65,6 +71,8 @@ Copy::~Copy() { munmap(page_, sizeof(Page)); }
 std::string Copy::answer(const std::function<std::string()>& body, bool& died) {
     page_->length = 0;
     const pid_t child = copyThat([&] {
+        // An agent that never comes back is a fault, too.
+        alarm(longest);
         const std::string text = body();
         page_->length = std::min(text.size(), page_->text.size());
         std::memcpy(page_->text.data(), text.data(), page_->length);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <map>
 #include <sstream>
 #include <string>
@@ -242,6 +243,7 @@ private:
         std::istringstream lines{together(options_.copies, share, died)};
         if (died) {
             found_.fault = lines.str();
+            found_.story.clear();
             return;
         }
         // In the order of the rests, whoever has looked at them.
@@ -302,7 +304,10 @@ private:
         return orders_[{rest, bursts}] = sum;
     }
 
-    void shorten() { found_.story = shortestFailing(network_, found_.story, wrong_, found_.fault); }
+    void shorten() {
+        if (found_.story.empty()) return;
+        found_.story = shortestFailing(network_, found_.story, wrong_, found_.fault);
+    }
 
     const Network& network_;
     const ExploreOptions& options_;
@@ -348,10 +353,11 @@ Story shortestFailing(const Network& network, const Story& story, const Wrong& w
 }
 
 std::string exploredText(const Network& network, const Explored& explored) {
-    std::string out =
-        concat(explored.tried, " bursts tried, ", explored.rests, " different rests, ", explored.pruned,
-               " led to one that was known, ", static_cast<std::uint64_t>(explored.orders), " orders decided",
-               explored.complete ? "" : " before the time was over", '\n');
+    std::array<char, 32> orders{};
+    (void)std::snprintf(orders.data(), orders.size(), "%.15g", explored.orders);
+    std::string out = concat(explored.tried, " bursts tried, ", explored.rests, " different rests, ",
+                             explored.pruned, " led to one that was known, ", orders.data(),
+                             " orders decided", explored.complete ? "" : " before the time was over", '\n');
     if (!explored.fault.empty())
         out += concat("wrong after: ", storyText(network, explored.story), '\n', explored.fault);
     return out;

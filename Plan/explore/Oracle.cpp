@@ -4,6 +4,7 @@
 #include "Msrp/listener/ListenerMerge.h"
 #include "Msrp/types/Format.h"
 #include "Runtime/Text.h"
+#include "Show/Snapshot.h"
 #include "Sim/Invariants.h"
 #include "Sim/Peer.h"
 
@@ -152,12 +153,26 @@ private:
         });
         for (const std::size_t l : network_.linksOf(device)) {
             const int end = network_.links[l].ends[0].device == device ? 0 : 1;
-            if (!open(l)) continue;
             const IntfId port = world_.port(l, end);
+            if (!world_.carries(l)) idle(device, *bridge, port);
+            if (!open(l)) continue;
             const std::string difference =
                 Sim::difference(Sim::applied(*bridge, port), Sim::believed(*bridge, port));
             if (!difference.empty())
                 wrong(name(device), " port ", port, " declares other than it believes: ", difference);
+        }
+    }
+
+    /// Nothing is held for a port whose link is down.
+    void idle(std::size_t device, Sim::Bridge& bridge, IntfId port) {
+        const std::string at = concat(name(device), " port ", port, ", which is down, ");
+        for (const SrClassId srClass : {SrClassId::SrClassA, SrClassId::SrClassB}) {
+            if (bridge.allocated(port.name(), srClass) != 0) wrong(at, "has bandwidth reserved");
+        }
+        for (const auto& [id, stream] : bridge.agent().msrpSm()->streamList()) {
+            if (stream->listenerState(port) != ListenerState::Ignore ||
+                stream->listenerStateOrig(port) != ListenerState::Ignore)
+                wrong(at, "keeps a listener of ", nameOf(id));
         }
     }
 
@@ -314,7 +329,15 @@ bool isCalm(const World& world) {
 }
 
 Duration longestUnrest(const Network& network) {
-    return std::chrono::seconds{30} + std::chrono::seconds{1} * static_cast<int>(network.devices.size());
+    std::uint64_t leaveAll = 10'000;
+    for (const Device& device : network.devices) {
+        const auto config = device.records.find("mrp/config");
+        if (config == device.records.end()) continue;
+        leaveAll = std::max(leaveAll, Show::numberOf(Show::at(config->second, {"leaveAllTime"})));
+    }
+    // A round comes after one and a half times that at most.
+    return std::chrono::milliseconds{3 * leaveAll} +
+           std::chrono::seconds{1} * static_cast<int>(network.devices.size());
 }
 
 std::string settle(World& world, Duration most) {

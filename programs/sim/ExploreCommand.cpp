@@ -12,8 +12,14 @@ namespace {
 
 /// A network that is built in, or one in a file.
 Plan::Network networkCalled(const std::string& name) {
-    auto network = Plan::networkNamed(name);
-    return network ? std::move(*network) : networkIn(name);
+    if (auto network = Plan::networkNamed(name)) return std::move(*network);
+    Plan::Network network = networkIn(name);
+    for (const Plan::Stream& stream : network.streams) {
+        if (stream.name.find_first_of(" \t\n,;") != std::string::npos)
+            throw Failure{stream.place.text() + ": stream \"" + stream.name +
+                          "\": a story cannot name it, for its blanks, commas or semicolons"};
+    }
+    return network;
 }
 
 /// The story that was given, done once more.
@@ -50,6 +56,8 @@ void ExploreCommand::addTo(Program& program) {
 
 ExitCode ExploreCommand::explore() const {
     const std::vector<std::string>& names = networks_.empty() ? Plan::smallNetworks() : networks_;
+    if (!story_.empty() && names.size() > 1 && !networks_.empty())
+        throw Failure{"--story goes with one --network", usage};
     if (!story_.empty()) return again(names.front(), story_);
     const Plan::ExploreOptions options{.depth = static_cast<unsigned>(depth_),
                                        .burst = static_cast<unsigned>(burst_),

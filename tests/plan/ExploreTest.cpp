@@ -71,16 +71,16 @@ std::string planted(const World& world) {
 
 TEST(Explore, CutsAStoryDownToWhatItNeeds) {
     const auto network = networkNamed("line-1");
-    const Explored found = explore(*network, {.depth = 2, .burst = 2, .mishaps = 0}, planted);
+    const Explored found = explore(*network, {.depth = 2, .burst = 2, .mishaps = 0, .copies = 1}, planted);
     EXPECT_EQ(storyText(*network, found.story), "hush s2; cut a1--sw1; settle 5000ms");
     EXPECT_EQ(found.fault, "planted\n");
     EXPECT_EQ(judge(*network, found.story, planted), "planted\n");
-    const Explored ended = explore(*network, {.depth = 1, .burst = 1}, [](const World& world) {
+    const Explored ended = explore(*network, {.depth = 1, .burst = 1, .copies = 1}, [](const World& world) {
         if (!world.talks(0) && world.talks(1)) std::abort();
         return std::string{};
     });
     EXPECT_EQ(storyText(*network, ended.story) + '\n' + ended.fault,
-              "hush s1; settle 5000ms\nthe process ended by signal 6");
+              "hush s1; settle\nthe process ended by signal 6");
 }
 
 TEST(Walk, IsDecidedByItsSeedAndCutDown) {

@@ -1,5 +1,6 @@
 /// Files of networks: what is read out of them, and what is said of those that are wrong.
 #include "Plan/Reader.h"
+#include "Plan/Streams.h"
 #include "tests/plan/Drawn.h"
 
 #include <gtest/gtest.h>
@@ -81,6 +82,56 @@ TEST(Reader, TakesWhatIsLeftOut) {
               "sw1:p1 sw2:p1 100M VLANs 2\n"
               "s.1 0x200000100010001 91:e0:f0:00:00:00\n"
               "s.2 0x200000100010002 91:e0:f0:00:00:01\n");
+}
+
+TEST(Reader, PassesNothingOverInSilence) {
+    const std::string network =
+        "graph{node[kind=station] a b node[kind=bridge] sw a--sw--b node[kind=stream]";
+    const std::string s = "[talker=a listeners=b ";
+    const std::pair<std::string, std::string> wrong[] = {
+        {"} c[kind=bridge]", "net.dot: something stands behind the end of the graph in line 1"},
+        {"/* } */ } // end\n}", "net.dot: something stands behind the end of the graph in line 2"},
+        {std::string(10'000, '{'), "net.dot: braces are nested more than 100 deep in line 1"},
+        {"subgraph x{{vlan=7}}}",
+         "net.dot:1: vlan = \"7\" stands in a part of the graph, where it means nothing"},
+        {"m" + s + "size=50 count=2] \"m.1\"" + s + "size=50]}", "net.dot:1: stream \"m.1\": comes twice"},
+        {"m" + s + "size=50 count=70000]}", "net.dot:1: stream \"m\": a talker has 65535 streams at most"},
+        {"m" + s + "size=50 frames=256]}",
+         "net.dot:1: stream \"m\": frames: \"256\" is not a whole number from 1 to 255"},
+        {"m" + s + "format=crf size=50]}",
+         "net.dot:1: stream \"m\": size: \"50\" stands beside a format, which says it"},
+        {"node[kind=bridge] \"x y\"}",
+         "net.dot:1: node \"x y\": the name of a device has no blanks, commas, semicolons, quotes, '#' or "
+         "\"--\"; label=\"...\" shows another one"},
+        {"node[kind=station] c c:p--sw[tailvlans=3]}",
+         "net.dot:1: link c -- sw: tailport: \"p\" is of a station, whose ports have no names"},
+    };
+    for (const auto& [rest, problem] : wrong) {
+        Problems problems;
+        (void)read(network + rest, {}, problems);
+        ASSERT_FALSE(problems.empty()) << rest.substr(0, 100);
+        EXPECT_EQ(problems.front(), problem);
+    }
+    Problems problems;
+    (void)read("strict " + network + '}', {}, problems);
+    EXPECT_EQ(problems.front(),
+              "net.dot: is strict, so that of two links between two devices one would be lost");
+}
+
+TEST(Reader, GivesOutOnlyAddressesThatNobodyAskedFor) {
+    const Network n = read(
+        "graph{vlan=100 node[kind=station] a b node[kind=bridge] sw a--sw:p1:n sw--b[tailport=p2] "
+        "node[kind=stream "
+        "talker=a listeners=b size=50] s1 s2[destination=\"91:e0:f0:00:00:00\" vlan=3] s3}");
+    std::string all;
+    for (const Stream& s : n.streams) all += s.destination.text() + ' ' + std::to_string(s.vlan) + ", ";
+    EXPECT_EQ(all + n.links[0].ends[1].port,
+              "91:e0:f0:00:00:01 100, 91:e0:f0:00:00:00 3, 91:e0:f0:00:00:02 100, p1");
+    Network more = n;
+    EXPECT_TRUE(addLike(more, 0, 2));
+    EXPECT_EQ(more.streams.back().destination.text(), "91:e0:f0:00:00:04");
+    EXPECT_FALSE(addLike(more, 0, 65'536));
+    EXPECT_EQ(more.streams.size(), 5U);
 }
 
 }  // namespace

@@ -29,24 +29,24 @@ std::string stage(const std::string& first, const std::string& sw3 = "", const s
 TEST(Run, NamesAMistakeInOneLine) {
     EXPECT_EQ(run(stage("sw1--sw2")),
               "STREAM  CLASS  KBPS   LISTENER  STATE     LATENCY   PATH\n"
-              "main    A      13440  amp       reserved  670.0 us  foh -> sw1 -> sw2 -> sw3 -> amp\n");
+              "main    A      13440  amp       reserved  547.2 us  foh -> sw1 -> sw2 -> sw3 -> amp\n");
     EXPECT_EQ(run(stage("sw1--sw2[headvlans=none]")),
               "STREAM  CLASS  KBPS   LISTENER  STATE   LATENCY   PATH\n"
-              "main    A      13440  amp       failed  670.0 us  foh -> sw1 -> sw2 -> sw3 -> amp\n"
+              "main    A      13440  amp       failed  547.2 us  foh -> sw1 -> sw2 -> sw3 -> amp\n"
               "    sw2: not in VLAN 2 (code 17): the stream's frames carry VLAN 2, and the port is no member "
               "of it; mend: msrpctl set bridging/config vlanConfig/2/intf/sw1 '{\"tagged\":true}'\n");
     EXPECT_EQ(run(stage("sw1--sw2", "srClassAPriority=4")),
               "STREAM  CLASS  KBPS   LISTENER  STATE   LATENCY   PATH\n"
-              "main    A      13440  amp       failed  670.0 us  foh -> sw1 -> sw2 -> sw3 -> amp\n"
+              "main    A      13440  amp       failed  547.2 us  foh -> sw1 -> sw2 -> sw3 -> amp\n"
               "    sw2 port sw3: outside the domain of class A (code 8): this bridge gives class A priority "
               "3, the peer gives it priority 4: its frames would lose their queue on the way; mend: priority "
               "3 for class A at the peer\n");
     EXPECT_EQ(run(stage("sw1--sw2", "", "10M")),
               "STREAM  CLASS  KBPS   LISTENER  STATE   LATENCY   PATH\n"
-              "main    A      13440  amp       failed  1.814 ms  foh -> sw1 -> sw2 -> sw3 -> amp\n"
+              "main    A      13440  amp       failed  1.692 ms  foh -> sw1 -> sw2 -> sw3 -> amp\n"
               "    sw3 port amp: insufficient bandwidth (code 1): both classes together may have 75 per cent "
-              "of the 10M link, 7500 kbps; 0 are reserved, 13440 more are needed, 5940 are missing, waiting "
-              "for 0s, first in line; mend: a link of 100M or more (but 2.5G and 5G)\n");
+              "of the 10M link, 7500 kbps; 0 are reserved, 13440 more are needed, 5940 are missing, "
+              "first in line; mend: a link of 100M or more (but 2.5G and 5G)\n");
 }
 
 TEST(Latency, IsWhatTheFormulaOf8021BAGives) {
