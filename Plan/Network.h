@@ -67,6 +67,7 @@ struct Stream {
 
 struct Network {
     std::string title{};
+    std::string layout{};    ///< the engine of Graphviz that is to draw it; empty: any
     std::uint16_t vlan = 2;  ///< that of streams, and of links, which name no other
     std::vector<Device> devices{};
     std::vector<Link> links{};

@@ -226,6 +226,7 @@ private:
     [[nodiscard]] LinkOutcome linkOutcome(std::size_t link, int end) const {
         const Wire& wire = world_.wire(link, end);
         LinkOutcome out{.megabitsPerSecond = wire.quality().megabitsPerSecond,
+                        .up = world_.carries(link),
                         .forwards = world_.forwards(link, end),
                         .frames = wire.frames(),
                         .octets = wire.octets(),

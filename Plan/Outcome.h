@@ -41,6 +41,7 @@ struct StreamOutcome {
 /// One direction of a link.
 struct LinkOutcome {
     std::uint32_t megabitsPerSecond = 0;
+    bool up = false;
     bool forwards = false;
     std::array<std::uint64_t, 2> usedKbps{};     ///< of class A and class B; of a bridge's port
     std::array<std::uint64_t, 2> allowedKbps{};  ///< class B: what class A leaves of the joint share

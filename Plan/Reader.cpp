@@ -6,6 +6,7 @@
 #include "Plan/Dot.h"
 #include "Plan/GraphvizNames.h"
 #include "Plan/Streams.h"
+#include "Plan/page/Layout.h"
 #include "Runtime/Text.h"
 
 #include <algorithm>
@@ -43,6 +44,10 @@ public:
     Network read(const DotGraph& graph) {
         Fields all = fieldsOf("the graph", {file_, 1}, graph.attributes);
         if (const Field* title = all.take("label"); title != nullptr) network_.title = title->text;
+        if (const Field* layout = all.take("layout"); layout != nullptr) {
+            if (!isLayout(layout->text)) all.bad("layout", "is no engine of Graphviz that can be used here");
+            network_.layout = layout->text;
+        }
         const Field* streams = all.take("streams");
         if (const Field* script = all.take("script"); script != nullptr) {
             network_.script = script->text;

@@ -41,17 +41,10 @@ std::string latencyText(const StreamRow& row) {
     return spanText(row.listener.latency) + (row.listener.latency > target ? " > " + spanText(target) : "");
 }
 
-char letter(Msrp::SrClassId srClass) { return srClass == Msrp::SrClassId::SrClassA ? 'A' : 'B'; }
-
-std::uint64_t kbps(const Stream& stream) {
-    return Msrp::streamBandwidth(stream.srClass, Msrp::recordedFrames(stream.tspec.maxIntervalFrames),
-                                 stream.tspec.maxFrameSize);
-}
-
 constexpr auto streamColumns = std::to_array<Show::Column<StreamRow>>({
     {"STREAM", "", [](const StreamRow& r) { return r.stream.name; }},
-    {"CLASS", "", [](const StreamRow& r) { return std::string{letter(r.stream.srClass)}; }},
-    {"KBPS", "", [](const StreamRow& r) { return kbps(r.stream); }},
+    {"CLASS", "", [](const StreamRow& r) { return std::string{classLetter(r.stream.srClass)}; }},
+    {"KBPS", "", [](const StreamRow& r) { return streamKbps(r.stream); }},
     {"LISTENER", "", [](const StreamRow& r) { return r.network.devices[r.listener.station].name; }},
     {"STATE", "",
      [](const StreamRow& r) {
@@ -85,7 +78,7 @@ constexpr auto linkColumns = std::to_array<Show::Column<LinkRow>>({
     {"SPEED", "", [](const LinkRow& r) { return speedText(r.outcome); }},
     {"TREE", "",
      [](const LinkRow& r) {
-         return r.outcome.forwards ? std::string{"forwarding"} : std::string{"blocking"};
+         return std::string{!r.outcome.up ? "down" : r.outcome.forwards ? "forwarding" : "blocking"};
      }},
     {"CLASS-A", "", [](const LinkRow& r) { return share(r, 0); }},
     {"CLASS-B", "", [](const LinkRow& r) { return share(r, 1); }},
@@ -151,34 +144,48 @@ Value numbered(std::vector<Value> values) {
 
 Value textOrNull(const std::string& text) { return text.empty() ? Value{} : Value{text}; }
 
-std::string outcomeText(const Network& network, const Outcome& outcome) {
-    std::vector<StreamRow> rows;
-    std::size_t reserved = 0;
-    for (std::size_t s = 0; s < network.streams.size(); ++s) {
-        for (const ListenerOutcome& listener : outcome.streams[s].listeners) {
-            rows.push_back({network, network.streams[s], listener});
-            reserved += listener.reserved ? 1 : 0;
+char classLetter(Msrp::SrClassId srClass) { return srClass == Msrp::SrClassId::SrClassA ? 'A' : 'B'; }
+
+std::uint64_t streamKbps(const Stream& stream) {
+    return Msrp::streamBandwidth(stream.srClass, Msrp::recordedFrames(stream.tspec.maxIntervalFrames),
+                                 stream.tspec.maxFrameSize);
+}
+
+std::string summaryText(const Network& network, const Outcome& outcome) {
+    std::size_t asked = 0;
+    std::ptrdiff_t reserved = 0;
+    for (const StreamOutcome& stream : outcome.streams) {
+        asked += stream.listeners.size();
+        reserved += std::ranges::count_if(stream.listeners, &ListenerOutcome::reserved);
+    }
+    std::uint64_t frames = 0;
+    std::uint64_t octets = 0;
+    for (const auto& link : outcome.links) {
+        for (const LinkOutcome& way : link) {
+            frames += way.frames;
+            octets += way.octets;
         }
     }
-    const std::vector<LinkRow> links = linkRows(network, outcome);
+    return concat(
+        reserved, " of ", count(asked, "reservation"), " of ", count(network.streams.size(), "stream"),
+        outcome.quiet ? ", settled after " : ", still changing; last at ", spanText(outcome.lastChange),
+        "; the protocol said ", count(frames, "frame"), " (", octets, " octets)");
+}
+
+std::string outcomeText(const Network& network, const Outcome& outcome) {
+    std::vector<StreamRow> rows;
+    for (std::size_t s = 0; s < network.streams.size(); ++s) {
+        for (const ListenerOutcome& listener : outcome.streams[s].listeners)
+            rows.push_back({network, network.streams[s], listener});
+    }
     std::string out = Show::Table{
         streamColumns, 1, rows, [](const StreamRow& row) {
             return row.listener.reserved
                        ? Show::Notes{}
                        : Show::Notes{{reasonText(row.network, row.listener), Show::Mood::bad}};
         }}.text();
-    out += '\n' + Show::Table{linkColumns, 1, links}.text();
-    std::uint64_t frames = 0;
-    std::uint64_t octets = 0;
-    for (const LinkRow& row : links) {
-        frames += row.outcome.frames;
-        octets += row.outcome.octets;
-    }
-    out += concat('\n', reserved, " of ", count(rows.size(), "reservation"), " of ",
-                  count(network.streams.size(), "stream"),
-                  outcome.quiet ? ", settled after " : ", still changing; last at ",
-                  spanText(outcome.lastChange), "; the protocol said ", count(frames, "frame"), " (", octets,
-                  " octets)\n");
+    out += '\n' + Show::Table{linkColumns, 1, linkRows(network, outcome)}.text();
+    out += '\n' + summaryText(network, outcome) + '\n';
     out +=
         "LATENCY is a bound for the whole path, where classes keep their shares, one frame below them "
         "interferes at "
@@ -201,10 +208,10 @@ Value outcomeValue(const Network& network, const Outcome& outcome) {
                           {"talker", Value{network.devices[stream.talker].name}},
                           {"destination", Value{stream.destination.text()}},
                           {"vlan", Value{std::uint64_t{stream.vlan}}},
-                          {"class", Value{std::string{letter(stream.srClass)}}},
+                          {"class", Value{std::string{classLetter(stream.srClass)}}},
                           {"maxFrameSize", Value{std::uint64_t{stream.tspec.maxFrameSize}}},
                           {"maxIntervalFrames", Value{std::uint64_t{stream.tspec.maxIntervalFrames}}},
-                          {"kbps", Value{kbps(stream)}},
+                          {"kbps", Value{streamKbps(stream)}},
                           {"reserved", Value{outcome.streams[s].reserved()}},
                           {"listeners", std::move(listeners)}});
     }
@@ -214,6 +221,7 @@ Value outcomeValue(const Network& network, const Outcome& outcome) {
                                          {"to", Value{nameOf(network, row.link.ends[1 - row.end])}},
                                          {"port", textOrNull(row.link.ends[row.end].port)},
                                          {"speed", Value{speedText(row.outcome)}},
+                                         {"up", Value{row.outcome.up}},
                                          {"forwards", Value{row.outcome.forwards}},
                                          {"usedKbpsA", Value{row.outcome.usedKbps[0]}},
                                          {"allowedKbpsA", Value{row.outcome.allowedKbps[0]}},

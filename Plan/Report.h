@@ -20,6 +20,13 @@ inline State::Value spanValue(Runtime::Duration span) {
     return State::Value{std::chrono::duration<double>(span).count()};
 }
 
+char classLetter(Msrp::SrClassId srClass);
+/// What a bridge reserves for it on a port.
+std::uint64_t streamKbps(const Stream& stream);
+/// "125 of 128 reservations of 64 streams, settled after 600.004 ms; the protocol said 119 frames (11142
+/// octets)"
+std::string summaryText(const Network& network, const Outcome& outcome);
+
 std::string outcomeText(const Network& network, const Outcome& outcome);
 /// Of a shape that does not depend on what is in the network.
 State::Value outcomeValue(const Network& network, const Outcome& outcome);

@@ -5,6 +5,8 @@
 #include "Plan/Compare.h"
 #include "Plan/Course.h"
 #include "Plan/Report.h"
+#include "Plan/page/Drawing.h"
+#include "Plan/page/Page.h"
 #include "programs/CommandLine.h"
 #include "programs/sim/ExploreCommand.h"
 #include "programs/sim/NetworkFile.h"
@@ -32,6 +34,8 @@ struct Options {
     std::uint64_t seed = 1;
     std::uint64_t threads = std::max(1U, std::thread::hardware_concurrency());
     bool cost = false;
+    std::string html{};
+    std::string svg{};
     std::string until{"60s"};
     std::string quiet{};
 };
@@ -144,6 +148,8 @@ ExitCode run(const Options& o) {
           State::Object{{"events", Plan::courseValue(network, course)},
                         {"end", Plan::outcomeValue(network, course.end)}},
           told + Plan::outcomeText(network, course.end));
+    if (!o.html.empty()) writeWhole(o.html, Plan::pageOf(network, course));
+    if (!o.svg.empty()) writeWhole(o.svg, Plan::drawing(network, course.end));
     if (o.cost) cost.tell(course.end.quiet);
     return std::ranges::all_of(course.end.streams, &Plan::StreamOutcome::reserved) ? done : refused;
 }
@@ -209,6 +215,8 @@ int main(int argc, char** argv) {
                      [&] { return run(o); }))
         .texts("--at", "What is to happen, like \"5s cut sw2--sw3\"; may come several times", o.at)
         .text("--script", "File of such events, each behind an \"at\"", o.script)
+        .text("--html", "Writes a page for browsers: the network drawn, with what became of it", o.html)
+        .text("--svg", "Writes the drawing alone", o.svg)
         .flag("--cost",
               "Tells on standard error what time and memory it takes, some LeaveAll rounds included", o.cost);
     running(withFile("compare", "What differs between two networks", [&] {

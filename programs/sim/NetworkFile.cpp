@@ -1,8 +1,11 @@
 #include "programs/sim/NetworkFile.h"
 
+#include "Control/SystemProblem.h"
 #include "Plan/Reader.h"
+#include "Runtime/Text.h"
 #include "programs/CommandLine.h"
 
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 #include <system_error>
@@ -25,6 +28,30 @@ std::string readFile(const std::filesystem::path& path, std::string& problem) {
         problem = "cannot be read";
     }
     return problem.empty() ? text.str() : std::string{};
+}
+
+void writeWhole(const std::string& name, const std::string& text) {
+    namespace fs = std::filesystem;
+    const fs::path place{name};
+    std::error_code error;
+    // A pipe or a terminal is written to as it is.
+    const bool whole = !fs::exists(place, error) || fs::is_regular_file(place, error);
+    const fs::path fresh =
+        whole ? place.parent_path() / Runtime::concat('.', place.filename().string(), ".new") : place;
+    errno = 0;
+    std::ofstream file{fresh, std::ios::binary};
+    file << text;
+    file.close();
+    std::string problem;
+    if (!file) {
+        problem = errno != 0 ? Control::systemProblem(errno) : "cannot be written";
+    } else if (whole) {
+        fs::rename(fresh, place, error);
+        if (error) problem = error.message();
+    }
+    if (problem.empty()) return;
+    if (whole) fs::remove(fresh, error);
+    throw Failure{name + ": " + problem};
 }
 
 Plan::Network networkIn(const std::string& name) {
