@@ -4,9 +4,11 @@
 #include "Control/Json.h"
 #include "Plan/Compare.h"
 #include "Plan/Course.h"
+#include "Plan/NetworkValue.h"
 #include "Plan/Report.h"
 #include "programs/CommandLine.h"
 #include "programs/sim/ExploreCommand.h"
+#include "programs/sim/LearnCommand.h"
 #include "programs/sim/NetworkFile.h"
 #include "programs/sim/ReplayCommand.h"
 
@@ -38,6 +40,10 @@ struct Options {
 
 ExitCode check(const Options& o) {
     const Plan::Network network = networkIn(o.file);
+    if (o.json) {
+        std::cout << Control::jsonText(Plan::networkValue(network)) << '\n';
+        return done;
+    }
     const auto bridges = std::ranges::count_if(network.devices, &Plan::Device::bridge);
     std::cout << bridges << " bridges, " << static_cast<std::ptrdiff_t>(network.devices.size()) - bridges
               << " stations, " << network.links.size() << " links, " << network.streams.size()
@@ -90,7 +96,7 @@ void print(const Options& o, const State::Value& value, const std::string& text)
 }
 
 /// All that is to happen, by the file itself, by a script and by words.
-std::vector<Plan::Event> eventsOf(const Options& o, Plan::Network& network) {
+std::vector<Plan::Event> eventsOf(const Options& o, Plan::Network& network, Runtime::Duration until) {
     Plan::Problems problems;
     std::string script = network.script;
     std::vector<Plan::Event> events = Plan::readScript(script, network.scriptPlace.text(), network, problems);
@@ -109,6 +115,8 @@ std::vector<Plan::Event> eventsOf(const Options& o, Plan::Network& network) {
     std::string all;
     for (const std::string& one : problems) all += (all.empty() ? "" : "\n") + one;
     demand(all);
+    if (!events.empty() && events.back().at > until)
+        throw Failure{"--until " + o.until + ": \"" + events.back().text + "\" comes later", usage};
     return events;
 }
 
@@ -120,9 +128,7 @@ ExitCode run(const Options& o) {
     const Runtime::Duration until = spanOf("--until", o.until);
     const Runtime::Duration quiet = spanOf("--quiet", o.quiet);
     Plan::Network network = networkIn(o.file);
-    const std::vector<Plan::Event> events = eventsOf(o, network);
-    if (!events.empty() && events.back().at > until)
-        throw Failure{"--until " + o.until + ": \"" + events.back().text + "\" comes later", usage};
+    const std::vector<Plan::Event> events = eventsOf(o, network, until);
     Plan::World world{network, worldOptions(o)};
     Cost cost{world};
     const Plan::Course course = Plan::live(world, events, quiet, until);
@@ -133,6 +139,28 @@ ExitCode run(const Options& o) {
           told + Plan::outcomeText(network, course.end));
     if (o.cost) cost.tell(course.end.quiet);
     return std::ranges::all_of(course.end.streams, &Plan::StreamOutcome::reserved) ? done : refused;
+}
+
+/// What a daemon in the place of each bridge would have in its records by then.
+ExitCode records(const Options& o) {
+    const Runtime::Duration until = spanOf("--until", o.until);
+    const Runtime::Duration quiet = spanOf("--quiet", o.quiet);
+    Plan::Network network = networkIn(o.file);
+    const std::vector<Plan::Event> events = eventsOf(o, network, until);
+    Plan::World world{network, worldOptions(o)};
+    (void)Plan::live(world, events, quiet, until);
+    State::Object bridges;
+    for (std::size_t d = 0; d < network.devices.size(); ++d) {
+        Sim::Bridge* bridge = world.bridge(d);
+        if (bridge == nullptr) continue;
+        State::Object all;
+        for (const std::string& path : bridge->database().paths())
+            all.emplace_back(path, bridge->database().entity(path)->value());
+        bridges.emplace_back(network.devices[d].name, std::move(all));
+    }
+    const State::Value value{std::move(bridges)};
+    std::cout << (o.json ? Control::jsonText(value) : Control::jsonLines(value)) << '\n';
+    return done;
 }
 
 Plan::Run runner(const Options& o) {
@@ -196,6 +224,8 @@ int main(int argc, char** argv) {
         .text("--script", "File of such events, each behind an \"at\"", o.script)
         .flag("--cost",
               "Tells on standard error what time and memory it takes, some LeaveAll rounds included", o.cost);
+    running(withFile("records", "The records of every bridge, as msrpctl get tells those of a daemon",
+                     [&] { return records(o); }));
     running(withFile("compare", "What differs between two networks", [&] {
                 return compare(o);
             }).text("OTHER", "The network that the first one is compared with", o.other, required));
@@ -214,6 +244,17 @@ int main(int argc, char** argv) {
         .texts("--bridge", "An address from which the bridge sends, where the capture tells no direction",
                replay.bridges)
         .text("--out", "Writes the frames with comments, and those of ours, to a pcapng file", replay.out);
+    LearnCommand learn;
+    program
+        .command("learn", "Draws the network that running daemons are part of, for the other commands",
+                 [&] {
+                     if (o.json)
+                         throw Failure{"learn writes a drawing; check --json tells what is in it", usage};
+                     return learn.run();
+                 })
+        .list("SOCKET", "Control sockets of the bridges, or NAME=SOCKET", learn.sockets)
+        .texts("--link", "A link that is known, like sw1:swp2--sw2:swp1; may come several times", learn.links)
+        .text("--out", "Writes it to that file", learn.out);
     ExploreCommand explore;
     explore.addTo(program);
     return program.run(argc, argv);
