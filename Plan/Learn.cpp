@@ -47,10 +47,11 @@ bool wantsBandwidth(std::uint64_t code) {
 /// Fields that are not as they are where nobody has said anything.
 template <class R>
 Value unusual(const Value& record) {
+    const Value standard = R{}.value();
     State::Object found;
-    for (const auto& [name, standard] : membersOf(R{}.value())) {
+    for (const auto& [name, usual] : membersOf(standard)) {
         const Value& is = at(record, {name});
-        if (!is.isNull() && is != standard) found.emplace_back(name, is);
+        if (!is.isNull() && is != usual) found.emplace_back(name, is);
     }
     return Value{std::move(found)};
 }

@@ -21,7 +21,7 @@ except ImportError:
     sys.exit(77)
 
 SCHEMAS = {file.name.removesuffix(".schema.json"): json.loads(file.read_text(encoding="utf-8"))
-           for file in (TOP / "docs/schema").iterdir()}
+           for file in (TOP / "docs/schema").iterdir() if not file.name.startswith("msrpsim-")}
 # A capture is no text, and a schema is its own; what is read of records is judged as all of them together.
 COMMANDS = {"capture": None, "schema": None, "get": "records", "watch": "records"}
 # Carried to swp2 alone; with the first one's address; to where VLAN 9 is not; to no group; of nobody.
