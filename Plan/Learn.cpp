@@ -32,6 +32,7 @@ struct Port {
     EthAddr address{};  ///< its own
     EthAddr heard{};    ///< of whoever spoke last there; zero: nobody
     Interface::Speed speed{};
+    bool blocked = false;                  ///< by a spanning tree
     std::optional<std::size_t> peer{};     ///< number of the port at the other end
     std::optional<std::size_t> station{};  ///< device that was put there
 };
@@ -71,6 +72,11 @@ public:
             if (ports_[p].peer && *ports_[p].peer > p) link(p, *ports_[p].peer);
         }
         for (const std::uint64_t id : streams()) stream(id);
+        for (const Port& port : ports_) {
+            if (port.blocked && port.heard == EthAddr{} && !port.peer && !port.station)
+                note(concat(nameOf(port),
+                            ": is blocked, so nothing is heard there; say with --link where it leads"));
+        }
         return std::move(learnt_);
     }
 
@@ -114,6 +120,7 @@ private:
             port.address =
                 addressIn(at(record(b, "interface/status/eth/phy/all"), {"intfStatus", name, "macAddr"}));
             port.heard = addressIn(at(record(b, "linux/packets"), {"intf", name, "lastSource"}));
+            port.blocked = textOf(at(status, {"portState"})) == "Blocked";
             port.speed = State::Codec<Interface::Speed>::decode(at(status, {"speedEnum"}))
                              .value_or(Interface::Speed::speedUnknown);
             if (!IntfId::validName(name) || !dotCanSay(name)) {

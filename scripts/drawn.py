@@ -57,7 +57,7 @@ class Network(Bed):
 
     def loops(self):
         """Whether the bridges' links close a ring, so that a spanning tree is needed."""
-        group = {name: name for name in self.bridges}
+        group = {name: name for name, device in self.drawn["devices"].items() if device["kind"] == "bridge"}
         for link in self.drawn["links"].values():
             ends = [end["device"] for end in link["ends"].values()]
             if not all(end in group for end in ends):
