@@ -4,6 +4,7 @@
 #include "Msrp/types/Config.h"
 #include "Plan/DotText.h"
 #include "Runtime/Text.h"
+#include "Show/Page.h"
 #include "Show/StreamReport.h"
 
 #include <algorithm>
@@ -63,7 +64,7 @@ public:
         : bridges_{bridges}, names_{names} {}
 
     Learnt learn(const std::vector<KnownLink>& links) {
-        vlansOfStreams();
+        findStreams();
         for (std::size_t b = 0; b < bridges_.size(); ++b) bridge(b);
         for (const KnownLink& link : links) join(link);
         if (!learnt_.problem.empty()) return std::move(learnt_);
@@ -71,7 +72,7 @@ public:
         for (std::size_t p = 0; p < ports_.size(); ++p) {
             if (ports_[p].peer && *ports_[p].peer > p) link(p, *ports_[p].peer);
         }
-        for (const std::uint64_t id : streams()) stream(id);
+        for (const auto& known : streams_) stream(known.first);
         for (const Port& port : ports_) {
             if (port.blocked && port.heard == EthAddr{} && !port.peer && !port.station)
                 note(concat(nameOf(port),
@@ -84,18 +85,20 @@ private:
     [[nodiscard]] const Value& record(std::size_t bridge, std::string_view path) const {
         return bridges_[bridge].records.record(path);
     }
-    void note(std::string text) { learnt_.notes.push_back(std::move(text)); }
+    void note(const std::string& text) { learnt_.notes.push_back(Show::printable(text)); }
     [[nodiscard]] std::string nameOf(const Port& port) const {
         return concat(bridges_[port.bridge].name, ':', port.name);
     }
 
-    void vlansOfStreams() {
+    void findStreams() {
         for (std::size_t b = 0; b < bridges_.size(); ++b) {
             const Value& cli = record(b, "msrp/cliConfig");
             vlans_.insert(numberOf(at(cli, {"defaultSrPvid"})));
             for (const auto& [port, vlan] : membersOf(at(cli, {"srPvid"}))) vlans_.insert(numberOf(vlan));
-            for (const auto& [id, stream] : membersOf(at(record(b, "msrp/status"), {"registeredStreams"})))
+            for (const auto& [id, stream] : membersOf(at(record(b, "msrp/status"), {"registeredStreams"}))) {
                 vlans_.insert(numberOf(at(stream, {"vlanId"})));
+                if (const auto number = State::parseHex(id)) streams_[*number].emplace(b, &stream);
+            }
         }
     }
 
@@ -257,17 +260,12 @@ private:
         return *port.station;
     }
 
-    [[nodiscard]] std::set<std::uint64_t> streams() const {
-        std::set<std::uint64_t> ids;
-        for (std::size_t b = 0; b < bridges_.size(); ++b) {
-            for (const auto& [id, stream] : membersOf(at(record(b, "msrp/status"), {"registeredStreams"}))) {
-                if (const auto number = State::parseHex(id)) ids.insert(*number);
-            }
-        }
-        return ids;
-    }
+    /// Null where the bridge does not know it.
     [[nodiscard]] const Value& recordOf(std::size_t bridge, std::uint64_t id) const {
-        return at(record(bridge, "msrp/status"), {"registeredStreams", State::hexText(id)});
+        static const Value none;
+        const auto& known = streams_.at(id);
+        const auto found = known.find(bridge);
+        return found == known.end() ? none : *found->second;
     }
 
     /// What its talker has said where it comes in.  What is wrong with that is noted.
@@ -349,8 +347,9 @@ private:
     const Show::BridgeNames& names_;
     Learnt learnt_{};
     std::vector<Port> ports_{};
-    std::map<std::pair<std::size_t, std::string>, std::size_t> numbers_{};  ///< of ports
-    std::set<std::uint64_t> vlans_{};                                       ///< that matter to streams
+    std::map<std::pair<std::size_t, std::string>, std::size_t> numbers_{};    ///< of ports
+    std::map<std::uint64_t, std::map<std::size_t, const Value*>> streams_{};  ///< by id and bridge
+    std::set<std::uint64_t> vlans_{};                                         ///< that matter to streams
     std::set<EthAddr> addresses_{};
     std::set<std::string> deviceNames_{};
     std::uint64_t silent_ = 0;
