@@ -56,7 +56,8 @@ std::string outcome(const Network& network) {
 }
 
 constexpr const char* drawn =
-    "graph{node[kind=bridge] sw1[leaveAllTime=20000] sw2[srPvid=\"{\\\"n\\\":2}\"] sw3[srClassBPriority=1] "
+    "graph{node[kind=bridge] sw1[leaveAllTime=20000 priority=4096] sw2[srPvid=\"{\\\"n\\\":2}\"] "
+    "sw3[srClassBPriority=1] "
     "node[kind=station] mic amp rec; edge[vlans=\"2 7\"];"
     "sw1:\"p--\\\"x\" -- sw2:n; sw2--sw3[speed=\"100M\" tailvlans=2]; mic--sw1; amp--sw3; rec--sw2;"
     "node[kind=stream talker=mic] one[listeners=\"amp rec\" size=224] "
@@ -71,7 +72,7 @@ TEST(Learn, WhatIsDrawnAgainReservesTheSame) {
     const std::string again = dotText(learnt.network);
     EXPECT_EQ(outcome(read(again)), outcome(network)) << again;
     EXPECT_EQ(dotText(read(again)), again);
-    EXPECT_NE(again.find("leaveAllTime=20000"), std::string::npos);
+    EXPECT_NE(again.find("priority=4096, leaveAllTime=20000"), std::string::npos) << again;
     EXPECT_NE(again.find("at 0s unlisten 02:00:00:01:00:01/2 sw3-amp; at 3s"), std::string::npos) << again;
 }
 
