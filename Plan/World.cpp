@@ -158,7 +158,12 @@ void World::makeBridge(std::size_t device) {
     Sim::Bridge& bridge = *node.bridge;
     bridge.logSinkIs([](const Runtime::LogEvent&, std::string_view, const std::string&) {});
     bridge.bridging->bridgeMacIs(d.address);
-    if (!options_.loops) bridge.stp->modeIs(Stp::Mode::Rstp);
+    if (!options_.loops) {
+        bridge.stp->stpInstanceStatusIs(std::string{Stp::mstName})
+            ->mstInstanceStatusIs(std::string{Stp::cistName})
+            ->bridgePriorityIs(d.treePriority);
+        bridge.stp->modeIs(Stp::Mode::Rstp);
+    }
     for (const auto& [path, patch] : d.records) (void)bridge.database().entity(path)->apply(patch);
     for (const std::size_t l : linksOf_[device]) {
         for (int end = 0; end < 2; ++end) {

@@ -11,7 +11,7 @@ install(FILES packaging/etc/msrpd.json DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFD
 install(DIRECTORY DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/msrpd/msrpd.d)
 install(FILES packaging/sysusers/msrpd.conf DESTINATION lib/sysusers.d)
 # It is looked for under the name of the program.
-foreach(program msrpctl msrpd msrp-station)
+foreach(program msrpctl msrpd msrp-station msrpsim)
   install(FILES packaging/completion/msrpctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
     RENAME ${program})
 endforeach()

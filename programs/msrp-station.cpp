@@ -25,7 +25,7 @@ using Msrp::U16;
 using Msrp::U64;
 
 constexpr std::string_view streamForm = "0x... or like 00:11:22:33:44:55/1";
-constexpr std::string_view talkForm = "STREAM,DA,VLAN,CLASS,MAXFRAME,FRAMES";
+constexpr std::string_view talkForm = "STREAM,DA,VLAN,CLASS,MAXFRAME,FRAMES[,RANK]";
 
 struct Options {
     std::string interface;
@@ -71,7 +71,7 @@ std::vector<std::string> split(const std::string& text) {
 
 Station::TalkerSpec talker(const std::string& given) {
     const std::vector<std::string> parts = split(given);
-    if (parts.size() != 6) throw bad("--talk", "", given, talkForm);
+    if (parts.size() < 6 || parts.size() > 7) throw bad("--talk", "", given, talkForm);
     Station::TalkerSpec spec;
     spec.streamId = stream("--talk", parts[0]);
     const auto address = EthAddr::parse(parts[1]);
@@ -82,6 +82,7 @@ Station::TalkerSpec talker(const std::string& given) {
     spec.priority = parts[3] == "A" ? 3 : 2;
     spec.maxFrameSize = wholeNumber("MAXFRAME", parts[4], 1, 65535);
     spec.maxIntervalFrames = wholeNumber("FRAMES", parts[5], 1, 65535);
+    if (parts.size() == 7) spec.rank = static_cast<Msrp::U8>(wholeNumber("RANK", parts[6], 0, 1));
     return spec;
 }
 
@@ -160,7 +161,9 @@ int main(int argc, char** argv) {
         "msrp-station",
         "An AVB end station: talks and listens to streams, and prints what it hears, a line for each change"};
     program.text("--interface", "Its network interface", options.interface, Words::Need::required)
-        .texts("--talk", "Talks a stream: " + std::string{talkForm} + ", CLASS is A or B", talks)
+        .texts("--talk",
+               "Talks a stream: " + std::string{talkForm} + ", CLASS is A or B, RANK 0 for emergencies",
+               talks)
         .texts("--listen", "Listens to a stream: " + std::string{streamForm}, listens)
         .flag("--watch", "Prints what it hears of others' streams, too", options.watch)
         .flag("--json", "One JSON object on each line", options.json);

@@ -4,11 +4,13 @@
 #include "Control/Json.h"
 #include "Plan/Compare.h"
 #include "Plan/Course.h"
+#include "Plan/NetworkValue.h"
 #include "Plan/Report.h"
 #include "Plan/page/Drawing.h"
 #include "Plan/page/Page.h"
 #include "programs/CommandLine.h"
 #include "programs/sim/ExploreCommand.h"
+#include "programs/sim/LearnCommand.h"
 #include "programs/sim/NetworkFile.h"
 #include "programs/sim/ReplayCommand.h"
 
@@ -64,8 +66,13 @@ std::vector<Plan::Event> eventsOf(const Options& o, Plan::Network& network) {
 }
 
 ExitCode check(const Options& o) {
-    Plan::Network network = networkIn(o.file);
-    (void)eventsOf(o, network);
+    const Plan::Network network = networkIn(o.file);
+    Plan::Network told = network;
+    (void)eventsOf(o, told);
+    if (o.json) {
+        std::cout << Control::jsonText(Plan::networkValue(network)) << '\n';
+        return done;
+    }
     const auto bridges = std::ranges::count_if(network.devices, &Plan::Device::bridge);
     std::cout << bridges << " bridges, " << static_cast<std::ptrdiff_t>(network.devices.size()) - bridges
               << " stations, " << network.links.size() << " links, " << network.streams.size()
@@ -131,18 +138,21 @@ Plan::World::Options worldOptions(const Options& o) {
     return {.seed = o.seed, .loops = o.loops, .threads = static_cast<unsigned>(o.threads)};
 }
 
-ExitCode run(const Options& o) {
+Plan::Course live(const Options& o, Plan::World& world, const std::vector<Plan::Event>& events) {
     const Runtime::Duration until = spanOf("--until", o.until);
-    Plan::Network network = networkIn(o.file);
-    const std::vector<Plan::Event> events = eventsOf(o, network);
     for (const Plan::Event& event : events) {
         if (event.at + event.dark > until)
             throw Failure{"--until " + o.until + ": \"" + event.text + "\" is not over by then", usage};
     }
-    const Runtime::Duration quiet = quietOf(o, network, events);
+    return Plan::live(world, events, quietOf(o, world.network(), events), until);
+}
+
+ExitCode run(const Options& o) {
+    Plan::Network network = networkIn(o.file);
+    const std::vector<Plan::Event> events = eventsOf(o, network);
     Plan::World world{network, worldOptions(o)};
     Cost cost{world};
-    const Plan::Course course = Plan::live(world, events, quiet, until);
+    const Plan::Course course = live(o, world, events);
     const std::string told = events.empty() ? "" : Plan::courseText(network, course) + '\n';
     print(o,
           State::Object{{"events", Plan::courseValue(network, course)},
@@ -152,6 +162,26 @@ ExitCode run(const Options& o) {
     if (!o.svg.empty()) writeWhole(o.svg, Plan::drawing(network, course.end));
     if (o.cost) cost.tell(course.end.quiet);
     return std::ranges::all_of(course.end.streams, &Plan::StreamOutcome::reserved) ? done : refused;
+}
+
+/// What a daemon in the place of each bridge would have in its records by then.
+ExitCode records(const Options& o) {
+    Plan::Network network = networkIn(o.file);
+    const std::vector<Plan::Event> events = eventsOf(o, network);
+    Plan::World world{network, worldOptions(o)};
+    (void)live(o, world, events);
+    State::Object bridges;
+    for (std::size_t d = 0; d < network.devices.size(); ++d) {
+        Sim::Bridge* bridge = world.bridge(d);
+        if (bridge == nullptr) continue;
+        State::Object all;
+        for (const std::string& path : bridge->database().paths())
+            all.emplace_back(path, bridge->database().entity(path)->value());
+        bridges.emplace_back(network.devices[d].name, std::move(all));
+    }
+    const State::Value value{std::move(bridges)};
+    std::cout << (o.json ? Control::jsonText(value) : Control::jsonLines(value)) << '\n';
+    return done;
 }
 
 Plan::Run runner(const Options& o) {
@@ -219,6 +249,8 @@ int main(int argc, char** argv) {
         .text("--svg", "Writes the drawing alone", o.svg)
         .flag("--cost",
               "Tells on standard error what time and memory it takes, some LeaveAll rounds included", o.cost);
+    running(withFile("records", "The records of every bridge, as msrpctl get tells those of a daemon",
+                     [&] { return records(o); }));
     running(withFile("compare", "What differs between two networks", [&] {
                 return compare(o);
             }).text("OTHER", "The network that the first one is compared with", o.other, required));
@@ -237,6 +269,17 @@ int main(int argc, char** argv) {
         .texts("--bridge", "An address from which the bridge sends, where the capture tells no direction",
                replay.bridges)
         .text("--out", "Writes the frames with comments, and those of ours, to a pcapng file", replay.out);
+    LearnCommand learn;
+    program
+        .command("learn", "Draws the network that running daemons are part of, for the other commands",
+                 [&] {
+                     if (o.json)
+                         throw Failure{"learn writes a drawing; check --json tells what is in it", usage};
+                     return learn.run();
+                 })
+        .list("SOCKET", "Control sockets of the bridges, or NAME=SOCKET", learn.sockets)
+        .texts("--link", "A link that is known, like sw1:swp2--sw2:swp1; may come several times", learn.links)
+        .text("--out", "Writes it to that file", learn.out);
     ExploreCommand explore;
     explore.addTo(program);
     return program.run(argc, argv);

@@ -26,20 +26,14 @@ class Failure(Exception):
     """The network does not do what it should; the text is for the person in front of it."""
 
 
-class Testbed:
-    """Ports swp1, swp2, ... of the switch, each with a cable to the eth0 of a station's namespace.
+class Bed:
+    """Namespaces and programs in them: what a `with` block has while it lasts."""
 
-    With `bridge`, the switch is a Linux bridge of that name; without, the daemon only keeps its records.
-    """
-
-    def __init__(self, build, ports=3, bridge=None, queues=1):
-        self.queues = str(queues)  # transmit queues of each port
+    def __init__(self, build):
         self.build = pathlib.Path(build)
-        self.bridge = bridge
-        self.ports = [f"swp{n}" for n in range(1, ports + 1)]
         self.prefix = f"msrp-{os.getpid()}-"
-        self.switch = self.prefix + "switch"
         self.directory = None
+        self.namespaces = []
         self.processes = []
         self.handlers = {}
 
@@ -51,17 +45,14 @@ class Testbed:
                 self.handlers[number] = signal.signal(number, self._end)
         try:
             self.directory = pathlib.Path(tempfile.mkdtemp(prefix=self.prefix))
-            self.socket = self.directory / "control"
-            self._ip("netns", "add", self.switch)
-            if self.bridge:
-                self.make_bridge()
-            for port in self.ports:
-                self._ip("netns", "add", self.station_of(port))
-                self.cable(port)
+            self.set_up()
         except BaseException:
             self.__exit__()
             raise
         return self
+
+    def set_up(self):
+        """Makes what is there from the beginning."""
 
     def __exit__(self, *_):
         self._ignore_signals()
@@ -69,7 +60,7 @@ class Testbed:
             process.kill()
         for process in self.processes:
             process.wait()
-        for name in [self.switch, *map(self.station_of, self.ports)]:
+        for name in self.namespaces:
             subprocess.run(["ip", "netns", "del", name], stderr=subprocess.DEVNULL, check=False,
                            start_new_session=True)
         if self.directory:
@@ -92,6 +83,76 @@ class Testbed:
                               start_new_session=True)
         if done.returncode != 0:
             raise Failure(f"ip {' '.join(arguments)}: {done.stderr.strip()}")
+
+    def namespace(self, name):
+        """Makes one of that name."""
+        self.namespaces.append(name)
+        self._ip("netns", "add", name)
+
+    def spawn(self, name, namespace, *command):
+        """Starts a program; what it says is found under `name` by `said`."""
+        with open(self.directory / name, "wb") as log:
+            process = subprocess.Popen(["ip", "netns", "exec", namespace, *map(str, command)], stdout=log,
+                                       stderr=log, stdin=subprocess.DEVNULL, start_new_session=True,
+                                       env={**os.environ, "RINGLOGDIR": str(self.directory)})
+        self.processes.append(process)
+        return process
+
+    def said(self, name):
+        return (self.directory / name).read_text(encoding="utf-8", errors="replace")
+
+    def msrpctl(self, socket, *arguments):
+        return subprocess.run([self.build / "msrpctl", "--socket", socket, *arguments], text=True,
+                              capture_output=True, check=False)
+
+    def msrpd_command(self, name, socket, config):
+        file = self.directory / f"{name}.json"
+        file.write_text(json.dumps(config, indent=2), encoding="utf-8")
+        return [self.build / "msrpd", "--config", file, "--socket", socket]
+
+    def msrpd(self, name, namespace, socket, config):
+        """Starts a daemon and waits until it answers."""
+        process = self.spawn(f"{name}.log", namespace, *self.msrpd_command(name, socket, config))
+
+        def answers():
+            if process.poll() is not None:
+                raise Failure(f"{name} ended with exit code {process.returncode}: {self.said(name + '.log').strip()}")
+            return socket.exists() and self.msrpctl(socket, "list").returncode == 0
+
+        self.wait(answers, 10, f"{name} does not answer")
+        return process
+
+    def wait(self, condition, seconds, what, every=0.05):
+        """Until the condition holds, and how long that took; a failure that says `what` after so many seconds."""
+        begun = time.monotonic()
+        while not condition():
+            if time.monotonic() > begun + seconds:
+                raise Failure(f"{what} after {seconds} s")
+            time.sleep(every)
+        return time.monotonic() - begun
+
+
+class Testbed(Bed):
+    """Ports swp1, swp2, ... of the switch, each with a cable to the eth0 of a station's namespace.
+
+    With `bridge`, the switch is a Linux bridge of that name; without, the daemon only keeps its records.
+    """
+
+    def __init__(self, build, ports=3, bridge=None, queues=1):
+        super().__init__(build)
+        self.queues = str(queues)  # transmit queues of each port
+        self.bridge = bridge
+        self.ports = [f"swp{n}" for n in range(1, ports + 1)]
+        self.switch = self.prefix + "switch"
+
+    def set_up(self):
+        self.socket = self.directory / "control"
+        self.namespace(self.switch)
+        if self.bridge:
+            self.make_bridge()
+        for port in self.ports:
+            self.namespace(self.station_of(port))
+            self.cable(port)
 
     def station_of(self, port):
         """The namespace behind a port."""
@@ -162,34 +223,12 @@ class Testbed:
                 "intfStatus": {port: {"speedEnum": "1G"} for port in self.ports}},
         }
 
-    def spawn(self, name, namespace, *command):
-        """Starts a program; what it says is found under `name` by `said`."""
-        with open(self.directory / name, "wb") as log:
-            process = subprocess.Popen(["ip", "netns", "exec", namespace, *map(str, command)], stdout=log,
-                                       stderr=log, stdin=subprocess.DEVNULL, start_new_session=True,
-                                       env={**os.environ, "RINGLOGDIR": str(self.directory)})
-        self.processes.append(process)
-        return process
-
-    def said(self, name):
-        return (self.directory / name).read_text(encoding="utf-8", errors="replace")
-
     def daemon_command(self, config=None):
-        file = self.directory / "msrpd.json"
-        file.write_text(json.dumps(config or self.config(), indent=2), encoding="utf-8")
-        return [self.build / "msrpd", "--config", file, "--socket", self.socket]
+        return self.msrpd_command("msrpd", self.socket, config or self.config())
 
     def daemon(self, config=None):
         """Starts the switch's daemon and waits until it answers."""
-        process = self.spawn("msrpd.log", self.switch, *self.daemon_command(config))
-
-        def answers():
-            if process.poll() is not None:
-                raise Failure(f"msrpd ended with exit code {process.returncode}: {self.said('msrpd.log').strip()}")
-            return self.socket.exists() and self.control("list").returncode == 0
-
-        self.wait(answers, 10, "msrpd does not answer")
-        return process
+        return self.msrpd("msrpd", self.switch, self.socket, config or self.config())
 
     def station(self, port, *arguments):
         """Starts an end station behind a port; it says under the port's name what it hears."""
@@ -202,8 +241,7 @@ class Testbed:
         return [self.station(first, "--talk", TALK), *(self.station(port, "--listen", STREAM) for port in others)]
 
     def control(self, *arguments):
-        return subprocess.run([self.build / "msrpctl", "--socket", self.socket, *arguments], text=True,
-                              capture_output=True, check=False)
+        return self.msrpctl(self.socket, *arguments)
 
     def shown(self, *arguments):
         """What msrpctl prints."""
@@ -220,15 +258,6 @@ class Testbed:
         """The ports that carry the stream."""
         stream = self.read("show", "streams").get(STREAM)
         return [port for port, state in stream["ports"].items() if state["carried"]] if stream else []
-
-    def wait(self, condition, seconds, what):
-        """Until the condition holds, and how long that took; a failure that says `what` after so many seconds."""
-        begun = time.monotonic()
-        while not condition():
-            if time.monotonic() > begun + seconds:
-                raise Failure(f"{what} after {seconds} s")
-            time.sleep(0.05)
-        return time.monotonic() - begun
 
 
 def tshark(file, *arguments):

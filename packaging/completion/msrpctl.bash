@@ -22,4 +22,4 @@ _msrpd_words() {
         COMPREPLY+=("$reply")
     done < <("$1" --complete "${words[@]:1}" 2>/dev/null)
 }
-complete -o default -F _msrpd_words msrpctl msrpd msrp-station
+complete -o default -F _msrpd_words msrpctl msrpd msrp-station msrpsim
