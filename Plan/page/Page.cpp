@@ -4,7 +4,6 @@
 #include "Plan/Report.h"
 #include "Plan/page/Drawing.h"
 #include "Plan/page/PageText.h"
-#include "Runtime/Text.h"
 
 #include <map>
 #include <nlohmann/json.hpp>
@@ -13,7 +12,6 @@
 namespace Plan {
 
 using Json = nlohmann::json;
-using Runtime::concat;
 
 namespace {
 
