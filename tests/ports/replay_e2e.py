@@ -48,7 +48,7 @@ class Replay(unittest.TestCase):
         self.assertEqual(ran.stderr, "")
         value = json.loads(ran.stdout)
         if Draft202012Validator:
-            schema = json.loads((TOP / "docs/schema/msrpsim-replay.json").read_text(encoding="utf-8"))
+            schema = json.loads((TOP / "docs/schema/msrpsim-replay.schema.json").read_text(encoding="utf-8"))
             Draft202012Validator.check_schema(schema)
             self.assertEqual([error.message for error in Draft202012Validator(schema).iter_errors(value)], [])
         return ran.returncode, value

@@ -49,6 +49,15 @@ def examples():
                 yield text if text.startswith("{") else "{" + text + "}"
 
 
+def loose(schema, path="#"):
+    """Where it takes objects that have more or less than what is written."""
+    if isinstance(schema, dict):
+        if "properties" in schema and (schema.get("additionalProperties") is not False or set(schema["required"]) != set(schema["properties"])):
+            yield path
+        for name, value in schema.items():
+            yield from loose(value, f"{path}/{name}")
+
+
 def daemon_takes(text):
     with tempfile.NamedTemporaryFile("w", suffix=".json") as file:
         file.write(text)
@@ -76,6 +85,24 @@ class Schema(unittest.TestCase):
         judged = {text: (daemon_takes(text), Draft202012Validator(schema).is_valid(json.loads(text)))
                   for text in [*shown, *RIGHT, *WRONG]}
         self.assertEqual(judged, dict.fromkeys([*shown, *RIGHT], (True, True)) | dict.fromkeys(WRONG, (False, False)))
+
+    def test_a_plan_is_as_its_schemas_say(self):
+        if Draft202012Validator is None:
+            self.skipTest("needs python3-jsonschema")
+        stage = TOP / "examples/stage.dot"
+        with tempfile.TemporaryDirectory() as directory:
+            fast = pathlib.Path(directory) / "fast.dot"
+            fast.write_text(stage.read_text(encoding="utf-8").replace("100M", "1G"), encoding="utf-8")
+            for command, *words in (["run", stage, "--at", "5s cut ampright--right"], ["run", fast], ["compare", stage, fast],
+                                    ["compare", stage, stage], ["fit", fast, "mains.1"], ["fit", fast, "mains.1", "--most", "1"]):
+                with self.subTest(command, words=words):
+                    schema = json.loads((TOP / f"docs/schema/msrpsim-{command}.schema.json").read_text(encoding="utf-8"))
+                    Draft202012Validator.check_schema(schema)
+                    ran = subprocess.run([BUILD / "msrpsim", "--json", command, *words], capture_output=True, text=True, check=False)
+                    self.assertEqual(ran.stderr, "")
+                    self.assertEqual([(list(error.path), error.message)
+                                      for error in Draft202012Validator(schema).iter_errors(json.loads(ran.stdout))], [])
+                    self.assertEqual(list(loose(schema)), [])
 
 
 if __name__ == "__main__":
