@@ -418,6 +418,8 @@ private:
     [[nodiscard]] bool addressFree(const StreamData& stream) const;
     /// Makes the working tables anew from what is published.
     bool rebuildStreams(U64& next, unsigned& units);
+    /// Puts the group in the place of one that is known by its address only; none if there is no such one.
+    void findGroup(StreamData& stream);
     void rebuildQueues();
     void rebuildAllocations();
     /// Takes over what is published; several turns where that is much.

@@ -103,6 +103,19 @@ struct Piece {
     std::shared_ptr<const Entity> record{};
 };
 
+/// How the parts of a field are told apart.
+enum class FieldKind : std::uint8_t {
+    whole,    ///< by nothing: it is read and written as one
+    entries,  ///< by keys: too long to be read as one
+    records,  ///< by keys, each a record of its own
+};
+
+/// Where a field stands in the record's own order, from 0, and what it is.
+struct FieldShape {
+    std::size_t number = 0;
+    FieldKind kind = FieldKind::whole;
+};
+
 /// What is to be told of changes once all of them are made: who hears of one finds the others made as well.
 class Tidings {
 public:
@@ -142,6 +155,21 @@ public:
     /// The record under `key` in the collection `field`, or null.
     [[nodiscard]] virtual std::shared_ptr<const Entity> child(std::string_view field,
                                                               std::string_view key) const = 0;
+    [[nodiscard]] virtual std::shared_ptr<Entity> child(std::string_view field, std::string_view key) = 0;
+
+    [[nodiscard]] virtual std::optional<FieldShape> fieldShape(std::string_view name) const = 0;
+    /// Receives the fields whose bits are set, the first field's being the lowest, but for those that are
+    /// told apart by keys.
+    virtual void visit(FieldVisitor& visitor, std::uint64_t fields) const = 0;
+    /// The key of the entry that a change of this record was about.
+    [[nodiscard]] virtual std::optional<std::string> keyText(const Change& change) const = 0;
+    /// Makes a field what it was in another life of this record, as it was read there; entries that are not
+    /// named go.  Fields that are computed from others stay as they are.  Times on the agent's clock are
+    /// moved by `shift` seconds.  Not for fields that are told apart by keys.
+    [[nodiscard]] virtual MaybeProblem restore(std::string_view field, const Value& value, double shift) = 0;
+    /// The same for one entry of a field with `FieldKind::entries`; null: it is gone.
+    [[nodiscard]] virtual MaybeProblem restoreEntry(std::string_view field, std::string_view key,
+                                                    const Value& value, double shift) = 0;
 
     /// The record whose collection holds this one, or null.
     [[nodiscard]] const Entity* parent() const { return parent_; }

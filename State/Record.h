@@ -63,6 +63,13 @@ struct Notify {
 /// A field that is read whole; see `Entity::nextPiece`.
 struct WholeField {
     static constexpr bool isLong = false;
+    static constexpr FieldKind kind = FieldKind::whole;
+    /// Of a field without entries.
+    static std::optional<std::string> keyText(const Change&) { return std::nullopt; }
+    template <class R>
+    static MaybeProblem restoreEntry(R&, std::string_view, const Value&, double) {
+        return Problem{"", "has no entries"};
+    }
     template <class Field, class R>
     static Piece next(const Field& field, const R& record, Place& place) {
         ++place.field;
@@ -97,6 +104,7 @@ struct Scalar : WholeField {
     T R::*member;
     T min;  ///< with `max`, the range that may be written; not used where both are equal
     T max;
+    bool isTime = false;  ///< seconds on the agent's clock
 
     [[nodiscard]] std::string_view type() const { return Codec<T>::typeName; }
     [[nodiscard]] Value read(const R& record) const { return Codec<T>::encode(record.*member); }
@@ -119,6 +127,17 @@ struct Scalar : WholeField {
         if (record.*member == decoded) return;
         record.*member = std::move(decoded);
         Notify::changed(record, name, later);
+    }
+    MaybeProblem restore(R& record, const Value& value, double shift) const {
+        if (auto problem = check(record, value)) return problem;
+        Tidings now;
+        if constexpr (std::same_as<T, double>) {
+            write(record, Value{*Codec<T>::decode(value) + (isTime ? shift : 0.0)}, now);
+        } else {
+            write(record, value, now);
+        }
+        now.tell();
+        return std::nullopt;
     }
     [[nodiscard]] Schema schema(const R& record) const {
         Schema schema = Codec<T>::schema();
@@ -174,6 +193,19 @@ struct MapField : WholeField {
             if (differs) Notify::changed(record, name, key, later);
         }
     }
+    MaybeProblem restore(R& record, const Value& value, double) const {
+        if (auto problem = check(record, value)) return problem;
+        Value patch{value};
+        for (const auto& [key, held] : record.*member) {
+            std::string text = KeyText<K>::text(key);
+            if (value.member(text) == nullptr)
+                std::get<Object>(patch.data).emplace_back(std::move(text), Value{});
+        }
+        Tidings now;
+        write(record, patch, now);
+        now.tell();
+        return std::nullopt;
+    }
     [[nodiscard]] Schema schema(const R&) const {
         return {.type = "object", .keyAndEntry = {KeyText<K>::schema(), Codec<V>::schema()}};
     }
@@ -184,8 +216,21 @@ struct CollectionField : LongField {
     constexpr CollectionField(std::string_view n, Collection<K, E> R::*m) : name{n}, member{m} {}
     std::string_view name;
     Collection<K, E> R::*member;
+    static constexpr FieldKind kind = FieldKind::records;
 
     [[nodiscard]] static std::string_view type() { return "collection"; }
+    static std::optional<std::string> keyText(const Change& change) {
+        const K* key = change.key<K>();
+        return key != nullptr ? std::optional{Text::text(*key)} : std::nullopt;
+    }
+    MaybeProblem restore(R&, const Value&, double) const { return Problem{"", "is told apart by keys"}; }
+    static MaybeProblem restoreEntry(R&, std::string_view, const Value&, double) {
+        return Problem{"", "has records, no entries"};
+    }
+    [[nodiscard]] std::shared_ptr<Entity> child(R& record, std::string_view keyText) const {
+        const auto key = Text::parse(keyText);
+        return key ? (record.*member).get(*key) : nullptr;
+    }
     [[nodiscard]] Value read(const R& record) const {
         Object entries;
         (record.*member).each([&](const K& key, const E& child) {
@@ -256,14 +301,18 @@ struct CollectionField : LongField {
     }
 };
 
+/// What is computed from other fields needs no restoring.
+struct StaysAsItIs {};
+
 /// A field that is computed from the record and can only be read.
-template <class R, class Read>
+template <class R, class Read, class Restore = StaysAsItIs>
 struct Derived : WholeField {
-    constexpr Derived(std::string_view n, Read r, Schema (*d)())
-        : name{n}, readIt{std::move(r)}, described{d} {}
+    constexpr Derived(std::string_view n, Read r, Schema (*d)(), Restore w = {})
+        : name{n}, readIt{std::move(r)}, described{d}, restoreIt{std::move(w)} {}
     std::string_view name;
     Read readIt;
     Schema (*described)();  ///< null: by its type
+    Restore restoreIt;
 
     [[nodiscard]] static std::string_view type() { return "derived"; }
     [[nodiscard]] Value read(const R& record) const {
@@ -290,6 +339,13 @@ struct Derived : WholeField {
         return Problem{"", "cannot be written"};
     }
     void write(R&, const Value&, Tidings&) const {}
+    MaybeProblem restore(R& record, const Value& value, double shift) const {
+        if constexpr (std::same_as<Restore, StaysAsItIs>) {
+            return std::nullopt;
+        } else {
+            return restoreIt(record, value, shift);
+        }
+    }
 
 private:
     using Computed = std::decay_t<std::invoke_result_t<const Read&, const R&>>;
@@ -302,10 +358,11 @@ struct From {
 };
 
 /// A computed field with many entries, read some at a time.
-template <class R, class Read>
+template <class R, class Read, class Restored = StaysAsItIs>
 struct DerivedEntries : LongField {
     constexpr DerivedEntries(std::string_view n, Read r, Schema (*d)())
         : name{n}, readSome{std::move(r)}, described{d} {}
+    static constexpr FieldKind kind = FieldKind::entries;
     /// Entries read at a time: few enough to take well below a millisecond.
     static constexpr std::size_t some = 64;
     std::string_view name;
@@ -340,6 +397,22 @@ struct DerivedEntries : LongField {
         return Problem{"", "cannot be written"};
     }
     void write(R&, const Value&, Tidings&) const {}
+    static std::optional<std::string> keyText(const Change& change) {
+        if constexpr (std::same_as<Restored, StaysAsItIs>) {
+            return std::nullopt;
+        } else {
+            return Restored::keyText(change);
+        }
+    }
+    MaybeProblem restore(R&, const Value&, double) const { return Problem{"", "is told apart by keys"}; }
+    static MaybeProblem restoreEntry([[maybe_unused]] R& record, [[maybe_unused]] std::string_view key,
+                                     [[maybe_unused]] const Value& value, [[maybe_unused]] double shift) {
+        if constexpr (std::same_as<Restored, StaysAsItIs>) {
+            return std::nullopt;
+        } else {
+            return Restored::restore(record, key, value, shift);
+        }
+    }
 };
 
 template <class R, class T>
@@ -359,15 +432,30 @@ constexpr auto collection(std::string_view name, Collection<K, E> R::*member) {
     using KeyForm = std::conditional_t<std::is_void_v<Text>, KeyText<K>, Text>;
     return CollectionField<R, K, E, KeyForm>{name, member};
 }
+/// Seconds on the agent's clock.
+template <class R>
+constexpr Scalar<R, double> time(std::string_view name, double R::*member) {
+    Scalar<R, double> field{name, member};
+    field.isTime = true;
+    return field;
+}
 /// `read` gives something that has a codec, or a value that `described` describes.
 template <class R, class Read>
 constexpr Derived<R, Read> derived(std::string_view name, Read read, Schema (*described)() = nullptr) {
     return {name, read, described};
 }
+/// A field of a form of its own: what `read` gives, `restore` takes from another life, with the record and
+/// the seconds by which times are to be moved.
+template <class R, class Read, class Restore>
+constexpr Derived<R, Read, Restore> restored(std::string_view name, Read read, Restore restore,
+                                             Schema (*described)() = nullptr) {
+    return {name, read, described, restore};
+}
 /// `read` takes the record, where to begin (`From`) and how many at most, and gives entries in their order.
-template <class R, class Read>
-constexpr DerivedEntries<R, Read> derivedEntries(std::string_view name, Read read,
-                                                 Schema (*described)() = nullptr) {
+/// `Restored`, if there is one, has `keyText(change)` and `restore(record, key, value, shift)`.
+template <class R, class Restored = StaysAsItIs, class Read>
+constexpr DerivedEntries<R, Read, Restored> derivedEntries(std::string_view name, Read read,
+                                                           Schema (*described)() = nullptr) {
     return {name, read, described};
 }
 
@@ -410,6 +498,13 @@ public:
     [[nodiscard]] bool hasField(std::string_view name) const override;
     [[nodiscard]] std::shared_ptr<const Entity> child(std::string_view name,
                                                       std::string_view key) const override;
+    [[nodiscard]] std::shared_ptr<Entity> child(std::string_view name, std::string_view key) override;
+    [[nodiscard]] std::optional<FieldShape> fieldShape(std::string_view name) const override;
+    void visit(FieldVisitor& visitor, std::uint64_t fields) const override;
+    [[nodiscard]] std::optional<std::string> keyText(const Change& change) const override;
+    [[nodiscard]] MaybeProblem restore(std::string_view name, const Value& value, double shift) override;
+    [[nodiscard]] MaybeProblem restoreEntry(std::string_view name, std::string_view key, const Value& value,
+                                            double shift) override;
     [[nodiscard]] MaybeProblem check(const Value& patch) const override;
 
 protected:
@@ -520,6 +615,66 @@ std::shared_ptr<const Entity> Record<R>::child(std::string_view name, std::strin
         if (field.name == name) found = field.child(self(), key);
     });
     return found;
+}
+
+template <class R>
+std::shared_ptr<Entity> Record<R>::child(std::string_view name, std::string_view key) {
+    std::shared_ptr<Entity> found;
+    R::fields([&](const auto& field) {
+        if constexpr (std::decay_t<decltype(field)>::kind == FieldKind::records) {
+            if (field.name == name) found = field.child(self(), key);
+        }
+    });
+    return found;
+}
+
+template <class R>
+std::optional<FieldShape> Record<R>::fieldShape(std::string_view name) const {
+    std::optional<FieldShape> found;
+    std::size_t number = 0;
+    R::fields([&](const auto& field) {
+        if (field.name == name) found = FieldShape{number, field.kind};
+        ++number;
+    });
+    return found;
+}
+
+template <class R>
+void Record<R>::visit(FieldVisitor& visitor, std::uint64_t fields) const {
+    R::fields([&](const auto& field) {
+        if constexpr (std::decay_t<decltype(field)>::kind == FieldKind::whole) {
+            if ((fields & 1U) != 0) visitor.field(field.name, field.type(), field.read(self()));
+        }
+        fields >>= 1U;
+    });
+}
+
+template <class R>
+std::optional<std::string> Record<R>::keyText(const Change& change) const {
+    std::optional<std::string> found;
+    R::fields([&](const auto& field) {
+        if (field.name == change.field) found = field.keyText(change);
+    });
+    return found;
+}
+
+template <class R>
+MaybeProblem Record<R>::restore(std::string_view name, const Value& value, double shift) {
+    MaybeProblem problem = Problem{"", "no such field in " + std::string{R::type}};
+    R::fields([&](const auto& field) {
+        if (field.name == name) problem = field.restore(self(), value, shift);
+    });
+    return problem ? std::optional{problem->below(name)} : std::nullopt;
+}
+
+template <class R>
+MaybeProblem Record<R>::restoreEntry(std::string_view name, std::string_view key, const Value& value,
+                                     double shift) {
+    MaybeProblem problem = Problem{"", "no such field in " + std::string{R::type}};
+    R::fields([&](const auto& field) {
+        if (field.name == name) problem = field.restoreEntry(self(), key, value, shift);
+    });
+    return problem ? std::optional{problem->below(key).below(name)} : std::nullopt;
 }
 
 template <class R>

@@ -6,11 +6,13 @@
 #include "Mvrp/Records.h"
 #include "Runtime/LogConfig.h"
 #include "Runtime/Text.h"
+#include "Store/Config.h"
 #include "Switch/Bridging.h"
 #include "Switch/BridgingTopology.h"
 #include "Switch/Qos.h"
 #include "Switch/Stp.h"
 #include "programs/GivenSpeeds.h"
+#include "programs/StoreOptions.h"
 
 #include <algorithm>
 #include <optional>
@@ -32,6 +34,8 @@ void eachRecord(F&& each) {
     each("mvrp/mrp/config", std::make_shared<Mrp::MrpConfig>());
     each("qos/hardware/status/global", std::make_shared<Qos::HwStatus>());
     each("qos/status", std::make_shared<Qos::Status>());
+    each("redundancy/config", std::make_shared<Store::RedundancyConfig>());
+    each("store/config", std::make_shared<Store::Config>());
     each("stp/status", std::make_shared<Stp::Status>());
 }
 
@@ -43,7 +47,28 @@ struct Objection {
 constexpr const char* intfEnable = "intfEnable";
 constexpr const char* noBridge = "means all ports of the bridge, and linux/config names none";
 
+std::optional<Objection> storeObjection(const ConfigRecords& records) {
+    const auto store = records.record<Store::Config>("store/config");
+    if (!store->used()) {
+        if (records.record<Store::RedundancyConfig>("redundancy/config")->lease() > 0)
+            return Objection{{"redundancy/config", "lease"}, "needs a store, and store/config names none"};
+        return std::nullopt;
+    }
+    if (const std::string problem = Store::Link::problem(linkOptions(*store)); !problem.empty())
+        return Objection{{"store/config"}, problem};
+    const std::string& name = store->name();
+    if (name.empty() || name.find_first_of("{} \t\n") != std::string::npos)
+        return Objection{{"store/config", "name"},
+                         '"' + name + "\" is no name: not empty, without blanks and braces"};
+    for (const auto& [path, read] : store->inputs()) {
+        if (read && !storeInputs().contains(path))
+            return Objection{{"store/config", "inputs", path}, "is no record that others may write"};
+    }
+    return std::nullopt;
+}
+
 std::optional<Objection> objection(const ConfigRecords& records) {
+    if (auto wrong = storeObjection(records)) return wrong;
     const std::string bridge = records.record<Linux::Config>("linux/config")->bridge();
     if (bridge.empty()) {
         const auto needsBridge = [&](const char* record) {

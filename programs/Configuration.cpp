@@ -4,13 +4,17 @@
 #include "Runtime/Text.h"
 #include "programs/GivenSpeeds.h"
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <memory>
 #include <utility>
 
 namespace {
 
-constexpr std::string_view atStart = "linux/config";
+constexpr std::string_view ofBridge = "linux/config";
+/// A later change of these would not be carried out.
+constexpr auto atStart = std::to_array<std::string_view>({ofBridge, "store/config", "redundancy/config"});
 constexpr const char* savedName = "90-saved.json";
 
 bool isDirectory(const Control::ConfigSource& source) {
@@ -27,9 +31,8 @@ std::string Configuration::load(Control::RecordAccess& access) {
     Filed wanted;
     std::string problem = read(Control::ConfigReading::once, wanted);
     if (problem.empty()) problem = write(differences(given_, wanted.records), wanted);
-    // A later change would not be carried out.
-    access.writableDel(std::string{atStart});
-    if (!given_.record<Linux::Config>(atStart)->bridge().empty()) {
+    for (const std::string_view path : atStart) access.writableDel(std::string{path});
+    if (!given_.record<Linux::Config>(ofBridge)->bridge().empty()) {
         for (const char* path : {"bridging/config", "bridging/topology/config", "stp/status"})
             access.writableDel(path);
     }
@@ -49,7 +52,7 @@ Configuration::Reloaded Configuration::reload(
     if (!problem.empty()) return {std::move(problem), {}};
     std::vector<State::Difference> changes = differences(given_, wanted.records);
     for (const State::Difference& change : changes) {
-        if (change.where.front() == atStart)
+        if (std::ranges::find(atStart, change.where.front()) != atStart.end())
             return {change.path() + ": differs, and takes effect at the start only: restart msrpd", {}};
     }
     problem = permit(wanted.records);

@@ -22,6 +22,8 @@
 #include "Runtime/ProcessStatus.h"
 #include "Runtime/RecentLog.h"
 #include "Runtime/Text.h"
+#include "Store/Status.h"
+#include "Store/Supervisor.h"
 #include "Switch/Refusals.h"
 #include "Switch/TopologyAgent.h"
 #include "programs/ClearCounters.h"
@@ -33,6 +35,7 @@
 #include "programs/HistoryCommand.h"
 #include "programs/PortClaims.h"
 #include "programs/PortsOfInterest.h"
+#include "programs/StoreOptions.h"
 
 #include <algorithm>
 #include <csignal>
@@ -97,6 +100,7 @@ public:
 
     void run() {
         demand(configuration_.load(access_), usage);
+        if (storeConfig_->used()) makeSupervisor();
         demand(start());
         history_.emplace(loop_, database_,
                          History::Recorder::Options{.octets = options_.historySize << 20,
@@ -121,13 +125,13 @@ public:
                                         record<Msrp::Census>("msrp/census")};
         Msrp::Agent agent{agentEnvironment(), ports_};
         const auto cli = record<Msrp::CliConfig>("msrp/cliConfig");
-        Mvrp::Agent vlans{agentEnvironment(), mvrpPorts_,
-                          [cli](IntfId intf) { return VlanId{cli->streamVlan(intf)}; }};
-        const State::Reactor streamVlans =
-            cli->react([&vlans](const State::Change&) { vlans.streamVlansChanged(); });
+        const State::Reactor streamVlans = cli->react([this](const State::Change&) {
+            if (vlans_) vlans_->streamVlansChanged();
+        });
         ringLog_.clocksAre(loop_.now(), loop_.wallNow());
         agent.start();
-        vlans.start();
+        if (!redundant()) startVlans();
+        if (supervisor_) supervisor_->start();
         const State::Reactor counts = reservations_->react([this](const State::Change&) {
             if (!tellCounts_.armed()) tellCounts_.armIn(std::chrono::seconds{1});
         });
@@ -135,11 +139,16 @@ public:
         manager_.ready();
         loop_.run();
         manager_.stopping();
-        // Peers that hear a Leave need not wait for their own timers.
-        agent.withdraw();
+        // What another goes on with is not taken down.
+        if (!handedOver()) {
+            // Peers that hear a Leave need not wait for their own timers.
+            agent.withdraw();
+            agent.stop();
+            if (vlans_) vlans_->stop();
+            if (dataplane_) dataplane_->stop();
+        }
         agent.stop();
-        vlans.stop();
-        if (dataplane_) dataplane_->stop();
+        supervisor_.reset();
         history_->stopped("by a signal");
         // The loop turns once more, so that log and captures get the Leaves that were just sent.
         loop_.runUntil([turned = false]() mutable { return std::exchange(turned, true); }, {});
@@ -170,9 +179,10 @@ private:
     std::string start() {
         std::string problem = Linux::packetSocketProblem();
         if (problem.empty() && !onBridge().empty()) problem = Linux::netAdminProblem();
-        if (problem.empty() && !onBridge().empty())
+        // Supervisors of one switch may stand over the same ports; which of them acts, the store decides.
+        if (problem.empty() && !onBridge().empty() && !redundant())
             problem = claims_.take("bridge " + onBridge(), Patience::some);
-        if (problem.empty()) {
+        if (problem.empty() && !redundant()) {
             problem = portClaims_.take("msrp/config", config_->value(), Patience::some);
             if (problem.empty()) problem = portClaims_.take("mvrp/config", mvrp_->value(), Patience::some);
         }
@@ -184,7 +194,7 @@ private:
             if (!problem.empty()) problem = "linux/config/gptp: " + problem;
         }
         // Last, for it changes what others see.
-        if (problem.empty() && !onBridge().empty()) problem = startDataplane();
+        if (problem.empty() && !onBridge().empty() && !redundant()) problem = startDataplane();
         if (problem.empty() && !onBridge().empty()) {
             everyPort_.emplace(loop_, devices_, onBridge(), config_, mvrp_, portClaims_,
                                [this](const std::string& line) { warn(line); });
@@ -276,12 +286,82 @@ private:
                                       .fence = fence_,
                                       .traffic = traffic_,
                                       .outcomes = outcomes_},
-            options_.socket,
+            redundancyConfig_->files().empty() ? options_.socket : redundancyConfig_->files(),
             [this](Linux::Tone tone, const std::string& line) {
                 log_.say(Topic::kernel, static_cast<Level>(tone), line);
             },
             [](const std::string& bridge) { return Linux::Claims::taken("bridge " + bridge); });
         return dataplane_->start();
+    }
+
+    /// Whether there may be others that act in our place.
+    [[nodiscard]] bool redundant() const { return redundancyConfig_->lease() > 0; }
+
+    void startVlans() {
+        const auto cli = record<Msrp::CliConfig>("msrp/cliConfig");
+        vlans_.emplace(agentEnvironment(), mvrpPorts_,
+                       [cli](IntfId intf) { return VlanId{cli->streamVlan(intf)}; });
+        vlans_->start();
+    }
+
+    void makeSupervisor() {
+        // Where there is such a record, the agent does nothing before it is told to.
+        const auto redundancy =
+            redundant() ? record<Redundancy::RedundancyStatus>("redundancy/status") : nullptr;
+        supervisor_.emplace(
+            loop_, database_, supervisorOptions(*storeConfig_, *redundancyConfig_), redundancy,
+            record<Store::Status>("redundancy"),
+            Store::Supervisor::Calls{
+                .begin = [this] { return beginRole(); },
+                .end = [this] { endRole(); },
+                .report =
+                    [this](Store::Supervisor::Tone tone, const std::string& line) {
+                        log_.say(Topic::daemon,
+                                 tone == Store::Supervisor::Tone::notice ? Level::notice : Level::warning,
+                                 line);
+                    }});
+        if (!redundant()) return;
+        const auto mayAct = [this] { return acting_ && supervisor_->mayAct(); };
+        ports_.gateIs(mayAct);
+        mvrpPorts_.gateIs(mayAct);
+        loop_.firstIs([this] { supervisor_->check(); });
+    }
+
+    std::string beginRole() {
+        acting_ = true;
+        std::string problem;
+        if (!onBridge().empty()) problem = startDataplane();
+        if (problem.empty()) startVlans();
+        if (!problem.empty()) endRole();
+        return problem;
+    }
+
+    /// The kernel goes on with what it has.
+    void endRole() {
+        acting_ = false;
+        dataplane_.reset();
+        vlans_.reset();
+    }
+
+    /// Whether another supervisor goes on with what this one has done.
+    bool handedOver() {
+        if (!redundant()) return false;
+        if (!supervisor_->mayAct()) return true;
+        bool done = false;
+        bool toAnother = false;
+        supervisor_->leave([&](bool heir) {
+            done = true;
+            toAnother = heir;
+        });
+        loop_.runUntil([&] { return done; }, std::chrono::seconds{2});
+        return toAnother;
+    }
+
+    Control::Answer switchOver(const Control::Peer& who) {
+        if (!redundant()) return {{}, "redundancy/config/lease is 0: this supervisor is the only one"};
+        if (std::string problem = supervisor_->handOver(); !problem.empty()) return {{}, problem};
+        tellDone("hands over, for " + who.text());
+        return {};
     }
 
     Control::Answer audit(const State::Value& request, const Control::Peer& who) {
@@ -389,6 +469,7 @@ private:
              const Configuration::Reloaded done = reload(who.text());
              return Control::Answer{changesValue(done.changes), done.problem};
          }}},
+        {"switchOver", {[this](const State::Value&, const Control::Peer& who) { return switchOver(who); }}},
         {"unsaved", {[this](const State::Value&, const Control::Peer&) { return configuration_.unsaved(); }}},
         {"clearCounters",
          {[this](const State::Value&, const Control::Peer& who) { return clearCountersOfAll(who); }}},
@@ -401,6 +482,9 @@ private:
     Configuration configuration_{database_, configSources(options_.config)};
     std::shared_ptr<Msrp::Config> config_ = record<Msrp::Config>("msrp/config");
     std::shared_ptr<Mvrp::Config> mvrp_ = record<Mvrp::Config>("mvrp/config");
+    std::shared_ptr<Store::Config> storeConfig_ = record<Store::Config>("store/config");
+    std::shared_ptr<Store::RedundancyConfig> redundancyConfig_ =
+        record<Store::RedundancyConfig>("redundancy/config");
     PortClaims portClaims_{claims_, config_, mvrp_};
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
     std::shared_ptr<Bridging::Topology::Config> topology_ =
@@ -428,6 +512,9 @@ private:
                                 mvrpPorts_.interfaceIs(intf, place);
                             }};
     std::optional<Linux::Dataplane> dataplane_;
+    std::optional<Mvrp::Agent> vlans_;
+    std::optional<Store::Supervisor> supervisor_;
+    bool acting_ = false;  ///< the role's work has begun; without a lease it is not asked
     std::optional<EveryPort> everyPort_;
     std::optional<History::Recorder> history_;
     Linux::TimeAgent time_{loop_, record<Switch::TimeStatus>("switch/time"),

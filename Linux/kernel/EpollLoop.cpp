@@ -61,6 +61,7 @@ void EpollLoop::turn() {
     std::array<epoll_event, batch> events{};
     const int count = wait(events);
     const Time begun = now();
+    if (first_) first_();
     // Interrupted by a signal, count is negative and the turn goes on without events.
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];

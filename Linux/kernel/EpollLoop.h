@@ -32,6 +32,9 @@ public:
     /// its own included, and close the descriptor after that.
     [[nodiscard]] Watch watch(int fd, Ready kind, std::function<void()> handler) override;
 
+    /// What is done first in each turn: the process may have stood still before it.
+    void firstIs(std::function<void()> first) { first_ = std::move(first); }
+
     /// Runs until `stop`.
     void run();
     /// Ends `run` after the current turn, or the next `run` at once.
@@ -52,6 +55,7 @@ private:
         Handler& of(Ready kind) { return kind == Ready::readable ? readable : writable; }
     };
 
+    std::function<void()> first_;
     void turn();
     /// How long epoll shall wait; none: for ever.
     [[nodiscard]] std::optional<Runtime::Duration> timeout() const;

@@ -148,7 +148,7 @@ private:
 
 bool PacketPorts::Port::send(std::span<const std::uint8_t> pdu) {
     Runtime::require(pdu.size() <= maxPayload, "an MRPDU fits into a frame");
-    if (!fd_) {
+    if (!fd_ || (owner_.gate_ && !owner_.gate_())) {
         ++counters_.sendDropped;
         return false;
     }

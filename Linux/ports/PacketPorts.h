@@ -65,6 +65,9 @@ public:
     /// it.  An empty one ends that, and costs nothing.
     void tapIs(Tap tap) { tap_ = std::move(tap); }
 
+    /// Nothing is sent while `open` says no.
+    void gateIs(std::function<bool()> open) { gate_ = std::move(open); }
+
     /// All zero for an interface that never had a port.
     [[nodiscard]] PortCounters counters(IntfId intf);
     /// They begin at zero again.
@@ -78,6 +81,7 @@ private:
     const PacketProtocol protocol_;
     const Complaint complaint_;
     Tap tap_;
+    std::function<bool()> gate_;
     std::map<IntfId, Place> places_;
     std::map<IntfId, PortCounters> counters_;
     std::vector<Port*> ports_;

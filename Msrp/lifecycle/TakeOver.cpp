@@ -19,9 +19,17 @@ bool MsrpSm::rebuildStreams(U64& next, unsigned& units) {
         const auto stream = status()->registeredStreams(*id);
         // Withdrawals that waited for a review were known to the other side only.
         if (!stream->ingressIntf()) stream->talkerDelAll();
+        findGroup(*stream);
         streamListIs(stream);
     }
     return true;
+}
+
+void MsrpSm::findGroup(StreamData& stream) {
+    // What was read from elsewhere knows the group's address only.
+    if (!stream.ethGroup()) return;
+    const auto vlan = inputs_.brMsrpConfig->fdbConfig(VlanId{stream.vlanId()});
+    stream.ethGroupIs(vlan ? vlan->ethGroup(stream.ethGroup()->addr()) : nullptr);
 }
 
 void MsrpSm::rebuildQueues() {

@@ -68,7 +68,7 @@ public:
     template <class F>
     static constexpr void fields(F&& each) {
         using S = IntfStatus;
-        each(State::scalar("creationTime", &S::creationTime_));
+        each(State::time("creationTime", &S::creationTime_));
         each(State::scalar("linkStatus", &S::linkStatus_));
         each(State::scalar("speedEnum", &S::speedEnum_));
         each(State::scalar("portState", &S::portState_));

@@ -1,6 +1,7 @@
 #include "Msrp/types/StreamData.h"
 
 #include <algorithm>
+#include <map>
 
 namespace Msrp {
 
@@ -134,6 +135,68 @@ void StreamData::statusTimeIs(IntfId intf, double time) {
     p.hasStatusTime = true;
     rowChanged(intf, "statusTime");
 }
+
+template <class T>
+State::MaybeProblem StreamData::restoreColumn(std::string_view field, T StreamPort::*member,
+                                              bool StreamPort::*has, const State::Value& value,
+                                              double shift) {
+    const State::Object* entries = value.object();
+    if (entries == nullptr) return State::badValue(value, "an object");
+    std::map<IntfId, T> given;
+    for (const auto& [name, text] : *entries) {
+        const auto intf = State::KeyText<IntfId>::parse(name);
+        if (!intf) return State::badKey(name, State::KeyText<IntfId>::expected());
+        auto told = State::Codec<Told<T>>::decode(text);
+        if (!told) return State::badValue(text, State::Codec<Told<T>>::expected()).below(name);
+        if constexpr (std::is_same_v<T, double>) *told += shift;
+        given[*intf] = static_cast<T>(*told);
+    }
+    std::vector<IntfId> changes;
+    for (StreamPort& port : ports_) {
+        if (!(port.*has) || given.contains(port.intf)) continue;
+        port.*has = false;
+        port.*member = T{};
+        changes.push_back(port.intf);
+    }
+    for (const auto& [intf, told] : given) {
+        StreamPort& port = rowIs(intf);
+        if (port.*has && port.*member == told) continue;
+        port.*has = true;
+        port.*member = told;
+        changes.push_back(intf);
+    }
+    for (const IntfId intf : changes) rowChanged(intf, field);
+    return std::nullopt;
+}
+
+State::MaybeProblem StreamData::restoreFailedBridge(const State::Value& value) {
+    const auto* text = std::get_if<std::string>(&value.data);
+    const auto id = text != nullptr ? State::HexKey::parse(*text) : std::nullopt;
+    if (!id) return State::badValue(value, State::HexKey::expected());
+    failedBridgeIdIs(*id);
+    return std::nullopt;
+}
+
+State::MaybeProblem StreamData::restoreGroup(const State::Value& value) {
+    if (value.isNull()) {
+        ethGroupIs(nullptr);
+        return std::nullopt;
+    }
+    const auto addr = State::Codec<EthAddr>::decode(value);
+    if (!addr) return State::badValue(value, State::Codec<EthAddr>::expected());
+    if (!ethGroup_ || ethGroup_->addr() != *addr)
+        ethGroupIs(std::make_shared<Bridging::Input::EthGroup>(*addr));
+    return std::nullopt;
+}
+
+template State::MaybeProblem StreamData::restoreColumn(std::string_view, TalkerState StreamPort::*,
+                                                       bool StreamPort::*, const State::Value&, double);
+template State::MaybeProblem StreamData::restoreColumn(std::string_view, ListenerState StreamPort::*,
+                                                       bool StreamPort::*, const State::Value&, double);
+template State::MaybeProblem StreamData::restoreColumn(std::string_view, TalkerFailureCode StreamPort::*,
+                                                       bool StreamPort::*, const State::Value&, double);
+template State::MaybeProblem StreamData::restoreColumn(std::string_view, double StreamPort::*,
+                                                       bool StreamPort::*, const State::Value&, double);
 
 }  // namespace Msrp
 

@@ -21,11 +21,11 @@ namespace Msrp {
 /// removed reads as its zero.
 struct StreamPort {
     IntfId intf;
-    bool hasTalkerState : 1 = false;
-    bool hasListenerState : 1 = false;
-    bool hasListenerStateOrig : 1 = false;
-    bool hasFailureCode : 1 = false;
-    bool hasStatusTime : 1 = false;
+    bool hasTalkerState = false;
+    bool hasListenerState = false;
+    bool hasListenerStateOrig = false;
+    bool hasFailureCode = false;
+    bool hasStatusTime = false;
     TalkerState talkerState = TalkerState::None;
     ListenerState listenerState = ListenerState::Ignore;
     ListenerState listenerStateOrig = ListenerState::Ignore;
@@ -122,30 +122,20 @@ public:
         each(State::scalar("maxFrameSize", &S::maxFrameSize_));
         each(State::scalar("maxIntervalFrames", &S::maxIntervalFrames_));
         each(State::scalar("accumulatedLatency", &S::accumulatedLatency_));
-        each(State::derived<S>(
+        each(State::restored<S>(
             "failedBridgeId", [](const S& s) { return State::hexText(s.failedBridgeId_); },
+            [](S& s, const State::Value& v, double) { return s.restoreFailedBridge(v); },
             State::HexKey::schema));
         each(State::scalar("ingressIntf", &S::ingressIntf_));
-        each(State::derived<S>("ethGroup", [](const S& s) {
-            return s.ethGroup_ ? std::optional{s.ethGroup_->addr()} : std::nullopt;
-        }));
-        each(State::derived<S>("talkerState", [](const S& s) {
-            return s.rows(&StreamPort::talkerState, [](const StreamPort& p) { return p.hasTalkerState; });
-        }));
-        each(State::derived<S>("listenerState", [](const S& s) {
-            return s.rows(&StreamPort::listenerState, [](const StreamPort& p) { return p.hasListenerState; });
-        }));
-        each(State::derived<S>("listenerStateOrig", [](const S& s) {
-            return s.rows(&StreamPort::listenerStateOrig,
-                          [](const StreamPort& p) { return p.hasListenerStateOrig; });
-        }));
-        each(State::derived<S>("talkerFailureCode", [](const S& s) {
-            return s.rows(&StreamPort::talkerFailureCode,
-                          [](const StreamPort& p) { return p.hasFailureCode; });
-        }));
-        each(State::derived<S>("statusTime", [](const S& s) {
-            return s.rows(&StreamPort::statusTime, [](const StreamPort& p) { return p.hasStatusTime; });
-        }));
+        each(State::restored<S>(
+            "ethGroup",
+            [](const S& s) { return s.ethGroup_ ? std::optional{s.ethGroup_->addr()} : std::nullopt; },
+            [](S& s, const State::Value& v, double) { return s.restoreGroup(v); }));
+        each(column<&StreamPort::talkerState, &StreamPort::hasTalkerState>("talkerState"));
+        each(column<&StreamPort::listenerState, &StreamPort::hasListenerState>("listenerState"));
+        each(column<&StreamPort::listenerStateOrig, &StreamPort::hasListenerStateOrig>("listenerStateOrig"));
+        each(column<&StreamPort::talkerFailureCode, &StreamPort::hasFailureCode>("talkerFailureCode"));
+        each(column<&StreamPort::statusTime, &StreamPort::hasStatusTime>("statusTime"));
     }
 
 private:
@@ -154,21 +144,32 @@ private:
     /// Drops the row of a port of which nothing is known any more, and tells the change.
     void rowChanged(IntfId intf, std::string_view field);
 
-    /// By port.  A failure code goes by its number.
-    template <class T, class Has>
-    [[nodiscard]] auto rows(T StreamPort::*column, Has has) const {
-        constexpr bool isCode = std::is_same_v<T, TalkerFailureCode>;
-        std::vector<std::pair<std::string, std::conditional_t<isCode, U8, T>>> entries;
-        for (const StreamPort& p : ports_) {
-            if (!has(p)) continue;
-            if constexpr (isCode) {
-                entries.emplace_back(p.intf.name(), static_cast<U8>(p.*column));
-            } else {
-                entries.emplace_back(p.intf.name(), p.*column);
-            }
-        }
-        return entries;
+    /// What a port's value is in a record: a failure code goes by its number.
+    template <class T>
+    using Told = std::conditional_t<std::is_same_v<T, TalkerFailureCode>, U8, T>;
+    /// One column of the table of ports, by port.
+    template <auto member, auto has>
+    static constexpr auto column(std::string_view name) {
+        using T = std::decay_t<decltype(std::declval<StreamPort>().*member)>;
+        return State::restored<StreamData>(
+            name,
+            [](const StreamData& s) {
+                std::vector<std::pair<std::string, Told<T>>> entries;
+                for (const StreamPort& p : s.ports_) {
+                    if (p.*has) entries.emplace_back(p.intf.name(), static_cast<Told<T>>(p.*member));
+                }
+                return entries;
+            },
+            [name](StreamData& s, const State::Value& value, double shift) {
+                return s.restoreColumn<T>(name, member, has, value, shift);
+            });
     }
+    template <class T>
+    State::MaybeProblem restoreColumn(std::string_view field, T StreamPort::*member, bool StreamPort::*has,
+                                      const State::Value& value, double shift);
+    State::MaybeProblem restoreFailedBridge(const State::Value& value);
+    /// Stands for the group of that address until the agent has found it.
+    State::MaybeProblem restoreGroup(const State::Value& value);
 
     U64 streamId_;
     U64 bandwidth_ = 0;

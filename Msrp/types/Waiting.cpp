@@ -75,4 +75,32 @@ State::Object FailedStreamQueue::entries(const State::From& from, std::size_t mo
     return some;
 }
 
+std::optional<std::string> FailedStreamQueue::Entries::keyText(const State::Change& change) {
+    const U32* index = change.key<U32>();
+    return index != nullptr ? std::optional{State::KeyText<U32>::text(*index)} : std::nullopt;
+}
+
+State::MaybeProblem FailedStreamQueue::Entries::restore(FailedStreamQueue& queue, std::string_view key,
+                                                        const State::Value& value, double shift) {
+    const auto index = State::KeyText<U32>::parse(key);
+    if (!index) return State::badKey(key, State::KeyText<U32>::expected());
+    if (value.isNull()) {
+        queue.failedStreamDel(*index);
+        return std::nullopt;
+    }
+    const State::Value* stream = value.member("stream");
+    const State::Value* since = value.member("since");
+    const auto* text = stream != nullptr ? std::get_if<std::string>(&stream->data) : nullptr;
+    const auto id = text != nullptr ? State::HexKey::parse(*text) : std::nullopt;
+    const auto when = since != nullptr ? State::Codec<double>::decode(*since) : std::nullopt;
+    if (!id || !when) return State::badValue(value, "a stream and since when it waits");
+    // Another index of a stream that stands here as often as it may is none that we wrote.
+    const auto known = queue.entry_.find(*index);
+    const bool same = known != queue.entry_.end() && known->second.streamId == *id;
+    if (!same && queue.index_.count(*id) >= maxEntriesPerStream)
+        return State::badValue(value, "a stream that waits here once or twice");
+    queue.failedStreamIs(*index, {*id, *when + shift});
+    return std::nullopt;
+}
+
 }  // namespace Msrp

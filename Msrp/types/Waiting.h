@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace Msrp {
@@ -60,7 +61,7 @@ public:
 
     template <class F>
     static constexpr void fields(F&& each) {
-        each(State::derivedEntries<FailedStreamQueue>(
+        each(State::derivedEntries<FailedStreamQueue, Entries>(
             "failedStream",
             [](const FailedStreamQueue& q, const State::From& from, std::size_t most) {
                 return q.entries(from, most);
@@ -69,6 +70,11 @@ public:
     }
 
 private:
+    struct Entries {
+        static std::optional<std::string> keyText(const State::Change& change);
+        static State::MaybeProblem restore(FailedStreamQueue& queue, std::string_view key,
+                                           const State::Value& value, double shift);
+    };
     [[nodiscard]] std::optional<U32> at(std::map<U32, FailedStream>::const_iterator it) const {
         return it == entry_.end() ? std::nullopt : std::optional<U32>{it->first};
     }

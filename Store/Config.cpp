@@ -1,0 +1,4 @@
+#include "Store/Config.h"
+
+template class State::Record<Store::Config>;
+template class State::Record<Store::RedundancyConfig>;

@@ -1,0 +1,3 @@
+#include "Store/Status.h"
+
+template class State::Record<Store::Status>;

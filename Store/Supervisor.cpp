@@ -1,0 +1,415 @@
+#include "Store/Supervisor.h"
+
+#include "Runtime/Text.h"
+#include "Store/Scripts.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <utility>
+
+namespace Store {
+
+namespace {
+
+using Runtime::concat;
+
+/// One batch is on its way while the next is made; more would only wait in the store.
+constexpr std::size_t mostInFlight = 2;
+constexpr std::size_t batchOctets = 65'536;
+/// Counters and the like.
+constexpr std::chrono::seconds lazyRhythm{1};
+/// After a store that could not write.
+constexpr std::chrono::seconds writeAgain{1};
+
+double secondsOf(Runtime::Duration span) { return std::chrono::duration<double>(span).count(); }
+
+std::string millisecondsText(Runtime::Duration span) {
+    return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(span).count());
+}
+
+/// The wall-clock time at which our clock was at 0, seconds.
+double clockZero(const Runtime::Loop& loop) {
+    return secondsOf(loop.wallNow().time_since_epoch()) - secondsOf(loop.now().time_since_epoch());
+}
+
+std::uint64_t at(const Reply& reply, std::size_t place) {
+    return place < reply.list.size() && reply.list[place].number > 0
+               ? static_cast<std::uint64_t>(reply.list[place].number)
+               : 0;
+}
+
+}  // namespace
+
+Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options options,
+                       std::shared_ptr<Redundancy::RedundancyStatus> redundancy,
+                       std::shared_ptr<Status> status, Calls calls)
+    : loop_{loop},
+      options_{std::move(options)},
+      names_{options_.name},
+      redundancy_{std::move(redundancy)},
+      status_{std::move(status)},
+      calls_{std::move(calls)},
+      term_{options_.lease},
+      mirror_{database,
+              [this] {
+                  std::vector<std::string> all{options_.outputs.begin(), options_.outputs.end()};
+                  all.insert(all.end(), options_.others.begin(), options_.others.end());
+                  std::erase_if(all, [&](const std::string& path) { return options_.inputs.contains(path); });
+                  return all;
+              }(),
+              options_.lazy, [this] { flush(); }},
+      follower_{database,
+                names_,
+                options_.outputs,
+                clockZero(loop),
+                [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
+                [this](const std::string& line) { say(Tone::warning, line); }},
+      inputs_{database,
+              names_,
+              options_.inputs,
+              clockZero(loop),
+              [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
+              [this](const std::string& line) { say(Tone::warning, line); }},
+      link_{loop, options_.link, [this] { opened(); }, [this](const Link::Loss& loss) { lost(loss); }},
+      news_{loop, options_.link, [this] { newsOpened(); }, [this](const Link::Loss&) { follower_.lost(); },
+            [this](const std::string& channel, const std::string& text) { heard(channel, text); }},
+      tick_{loop, [this] { tick(); }},
+      expiry_{loop, [this] { check(); }},
+      lazy_{loop,
+            [this] {
+                lazy_.armIn(lazyRhythm);
+                if (role_ == Role::active) mirror_.tellLazy();
+                publish();
+            }},
+      again_{loop, [this] { writeAll(); }} {
+    status_->nameIs(options_.who);
+    redundancy_->eventIs("CriticalServices", true);
+    redundancy_->modeIs(Redundancy::Mode::standby);
+}
+
+Supervisor::~Supervisor() = default;
+
+void Supervisor::start() {
+    link_.start();
+    news_.start();
+    lazy_.armIn(lazyRhythm);
+}
+
+void Supervisor::ask(std::vector<std::string> words, Link::Answer answer) {
+    if (link_.open()) link_.ask(std::move(words), std::move(answer));
+}
+
+// The link to the store
+
+void Supervisor::opened() {
+    term_.opened(loop_.now());
+    status_->serverIs(link_.server());
+    if (!trouble_.empty()) say(Tone::notice, concat("the store answers again: ", link_.server()));
+    trouble_.clear();
+    status_->problemIs({});
+    inFlight_ = 0;
+    complete_ = false;
+    if (!options_.inputs.empty()) inputs_.read([] {});
+    if (role_ == Role::standby) readAll();
+    tick();
+}
+
+void Supervisor::lost(const Link::Loss& loss) {
+    // A server that is not there gives the role to nobody either.
+    if (loss.nobodyThere && role_ == Role::active) held(loss.since);
+    term_.closed();
+    follower_.lost();
+    inputs_.lost();
+    inFlight_ = 0;
+    complete_ = false;
+    status_->completeIs(false);
+    status_->problemIs(loss.why);
+    if (trouble_ != loss.why) {
+        trouble_ = loss.why;
+        say(Tone::warning, concat("the store is lost: ", loss.why,
+                                  role_ == Role::active ? "; the reservations are carried on" : ""));
+    }
+}
+
+// The role
+
+void Supervisor::tick() {
+    tick_.armIn(term_.rhythm());
+    if (link_.open()) askLease();
+}
+
+void Supervisor::askLease() {
+    const Runtime::Time asked = loop_.now();
+    const bool ready = role_ == Role::active || follower_.sequence().has_value();
+    const bool wish = ready && term_.mayTake(asked);
+    ask({"EVAL", std::string{leaseScript}, "3", names_.lease, names_.meta, names_.agents, options_.id,
+         millisecondsText(term_.lease()), wish ? "1" : "0", std::to_string(fence_),
+         std::to_string(schemaVersion), names_.roles, ready ? "ready" : "away", options_.who},
+        [this, asked](const Reply& reply) { answered(asked, reply); });
+}
+
+void Supervisor::held(Runtime::Time asked) {
+    term_.held(asked);
+    if (const auto until = term_.until()) expiry_.armAt(*until);
+}
+
+void Supervisor::answered(Runtime::Time asked, const Reply& reply) {
+    status_->answerTimeIs(secondsOf(loop_.now() - asked));
+    if (reply.kind == Reply::Kind::error) {
+        // A server that only begins to read what it has gives the role to nobody.
+        if (reply.text.starts_with("LOADING")) {
+            if (role_ == Role::active) held(asked);
+            term_.opened(loop_.now());
+        }
+        if (trouble_ != reply.text) {
+            trouble_ = reply.text;
+            status_->problemIs(reply.text);
+            say(Tone::warning, concat("the store refuses the lease: ", reply.text));
+        }
+        return;
+    }
+    if (reply.list.size() < 4) return;
+    listAgents(reply);
+    const std::uint64_t fence = at(reply, 0);
+    if (at(reply, 3) > schemaVersion) {
+        const std::string problem = concat("what lies in the store has form ", at(reply, 3),
+                                           ", of a later version; this one knows form ", schemaVersion);
+        if (trouble_ != problem) say(Tone::warning, problem);
+        trouble_ = problem;
+        status_->problemIs(problem);
+    }
+    if (fence == 0) {
+        // That the store has forgotten who had it is no reason to stop: it is asked again, for us.
+        if ((taking_ || role_ == Role::active) && !reply.list[2].text.empty())
+            endRole("another supervisor is");
+        return;
+    }
+    const bool changed = std::exchange(fence_, fence) != fence;
+    status_->fenceIs(fence_);
+    held(asked);
+    if (!term_.acting(loop_.now())) {
+        const std::string problem =
+            concat("the store takes ", secondsOf(loop_.now() - asked),
+                   " s for an answer, too long for a lease of ", secondsOf(term_.lease()), " s");
+        if (trouble_ != problem) say(Tone::warning, problem);
+        trouble_ = problem;
+        status_->problemIs(problem);
+        return;
+    }
+    if (role_ == Role::standby) {
+        if (!taking_) take(at(reply, 1));
+    } else if (changed || !complete_) {
+        writeAll();
+    }
+}
+
+void Supervisor::take(std::uint64_t sequence) {
+    taking_ = true;
+    // Nobody else writes any more, so what has been told is all that there is.
+    if (follower_.sequence() == sequence) return begin();
+    follower_.read([this] { begin(); });
+}
+
+void Supervisor::begin() {
+    if (!taking_) return;
+    taking_ = false;
+    if (!term_.acting(loop_.now())) return;
+    const std::string problem = calls_.begin();
+    if (!problem.empty()) {
+        say(Tone::warning, concat("cannot act: ", problem));
+        term_.lost();
+        return;
+    }
+    role_ = Role::active;
+    say(Tone::notice, concat("active, by change of role number ", fence_));
+    status_->roleIs(role_);
+    redundancy_->modeIs(Redundancy::Mode::active);
+    writeAll();
+}
+
+void Supervisor::endRole(const std::string& why) {
+    taking_ = false;
+    term_.lost();
+    expiry_.cancel();
+    if (role_ == Role::standby) return;
+    role_ = Role::standby;
+    again_.cancel();
+    flushed_ = nullptr;
+    if (!std::exchange(leaving_, false)) {
+        redundancy_->modeIs(Redundancy::Mode::standby);
+        calls_.end();
+    }
+    mirror_.forget();
+    status_->roleIs(role_);
+    say(Tone::warning, concat("not active any more: ", why));
+    readAll();
+}
+
+void Supervisor::check() {
+    const auto until = term_.until();
+    if (!until || term_.acting(loop_.now())) return;
+    endRole("the lease could not be kept");
+}
+
+// What is written
+
+void Supervisor::flush() {
+    if (role_ != Role::active || std::exchange(flushing_, true)) return;
+    loop_.post([this] {
+        flushing_ = false;
+        sendBatches();
+    });
+}
+
+void Supervisor::sendBatches() {
+    if (role_ != Role::active || !complete_ || !link_.open()) return;
+    if (mirror_.overflowed()) return writeAll();
+    while (inFlight_ < mostInFlight && mirror_.waiting()) {
+        Mirror::Batch batch = mirror_.take(batchOctets);
+        if (!clockZero_) clockZero_ = clockZero(loop_);
+        std::vector<std::string> words{"EVAL",        std::string{writeScript}, "2",
+                                       names_.meta,   names_.records,           std::to_string(fence_),
+                                       names_.record, names_.changes,           std::to_string(*clockZero_)};
+        words.insert(words.end(), std::make_move_iterator(batch.words.begin()),
+                     std::make_move_iterator(batch.words.end()));
+        ++inFlight_;
+        ask(std::move(words),
+            [this, records = batch.records](const Reply& reply) { written(reply, records); });
+    }
+    if (inFlight_ == 0 && !mirror_.waiting()) {
+        status_->completeIs(true);
+        if (const auto done = std::exchange(flushed_, nullptr)) done();
+    }
+}
+
+void Supervisor::written(const Reply& reply, std::size_t records) {
+    --inFlight_;
+    if (reply.kind == Reply::Kind::error) {
+        if (reply.text.starts_with("FENCED")) {
+            // Who has it is told with the lease; an empty store is written anew once the lease is ours in it.
+            complete_ = false;
+            askLease();
+        } else {
+            if (trouble_ != reply.text) {
+                trouble_ = reply.text;
+                status_->problemIs(reply.text);
+                say(Tone::warning, concat("the store takes nothing in: ", reply.text));
+            }
+            complete_ = false;
+            again_.armIn(writeAgain);
+        }
+        status_->completeIs(false);
+        return;
+    }
+    status_->batchDone(records);
+    sendBatches();
+}
+
+void Supervisor::writeAll() {
+    if (role_ != Role::active || !link_.open()) return;
+    complete_ = false;
+    ask({"SMEMBERS", names_.records}, [this](const Reply& reply) {
+        if (role_ != Role::active || reply.kind == Reply::Kind::error) return;
+        std::vector<std::string> known;
+        for (const Reply& path : reply.list) {
+            const auto isInput = [&](const std::string& root) {
+                return path.text == root || path.text.starts_with(root + '/');
+            };
+            if (std::ranges::none_of(options_.inputs, isInput)) known.push_back(path.text);
+        }
+        complete_ = true;
+        mirror_.tellAll(known);
+        sendBatches();
+    });
+}
+
+// What is read
+
+void Supervisor::newsOpened() {
+    const auto subscribe = [this](const std::string& channel) {
+        news_.ask({"SUBSCRIBE", channel}, [](const Reply&) {});
+    };
+    subscribe(names_.changes);
+    subscribe(names_.roles);
+    if (!options_.inputs.empty()) subscribe(names_.inputs);
+    // What was told meanwhile is not told again.
+    if (role_ == Role::standby && link_.open()) readAll();
+    if (!options_.inputs.empty() && link_.open()) inputs_.read([] {});
+}
+
+void Supervisor::heard(const std::string& channel, const std::string& text) {
+    if (channel == names_.changes) {
+        if (role_ == Role::standby) follower_.told(text);
+    } else if (channel == names_.inputs) {
+        std::vector<std::string> paths;
+        for (std::string_view rest = text; !rest.empty();) {
+            paths.emplace_back(rest.substr(0, rest.find('\n')));
+            rest.remove_prefix(std::min(rest.size(), paths.back().size() + 1));
+        }
+        inputs_.changed(paths);
+    } else if (text == options_.id && link_.open()) {
+        askLease();
+    }
+}
+
+void Supervisor::readAll() {
+    if (!link_.open()) return;
+    follower_.read([this] { status_->completeIs(role_ == Role::active ? status_->complete() : true); });
+}
+
+void Supervisor::listAgents(const Reply& reply) {
+    std::map<std::string, bool> there;
+    heir_.clear();
+    for (std::size_t i = 4; i + 2 < reply.list.size(); i += 3) {
+        const std::string& id = reply.list[i].text;
+        const bool ready = reply.list[i + 1].text == "ready";
+        if (id == reply.list[2].text) status_->holderIs(reply.list[i + 2].text);
+        if (id == options_.id) continue;
+        there[reply.list[i + 2].text] = ready;
+        if (ready) heir_ = id;
+    }
+    if (reply.list[2].text.empty()) status_->holderIs({});
+    for (const auto& [name, ready] : there) status_->agentIs(name, ready);
+    std::vector<std::string> gone;
+    for (const auto& [name, ready] : status_->agent()) {
+        if (!there.contains(name)) gone.push_back(name);
+    }
+    for (const std::string& name : gone) status_->agentDel(name);
+}
+
+void Supervisor::publish() { status_->backlogIs(mirror_.backlog()); }
+
+// Handing over
+
+std::string Supervisor::handOver() {
+    if (role_ != Role::active) return "this supervisor is not active";
+    if (leaving_) return "it is handed over already";
+    if (!link_.open()) return concat("the store cannot be asked: ", status_->problem());
+    if (heir_.empty()) return "no other supervisor is ready";
+    leave(heir_, [this](const std::string& problem) {
+        if (problem.empty()) return endRole("handed over");
+        say(Tone::warning, concat("not handed over: ", problem));
+        // What it was doing goes on.
+        const std::string why = calls_.begin();
+        if (!why.empty()) return endRole(why);
+        redundancy_->modeIs(Redundancy::Mode::active);
+        leaving_ = false;
+    });
+    return {};
+}
+
+void Supervisor::leave(const std::string& heir, std::function<void(const std::string& problem)> done) {
+    leaving_ = true;
+    // From here on nothing changes any more; what has changed is written before the other one reads it.
+    redundancy_->modeIs(Redundancy::Mode::standby);
+    calls_.end();
+    flushed_ = [this, heir, done = std::move(done)] {
+        ask({"EVAL", std::string{handOverScript}, "3", names_.lease, names_.meta, names_.agents, options_.id,
+             std::to_string(fence_), millisecondsText(term_.lease()), names_.roles, heir},
+            [done](const Reply& reply) { done(reply.kind == Reply::Kind::error ? reply.text : ""); });
+    };
+    loop_.post([this] { sendBatches(); });
+}
+
+}  // namespace Store

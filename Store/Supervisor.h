@@ -1,0 +1,125 @@
+/// Who of several acts, decided by a lease in the store; and the records of who acts, mirrored there.
+///
+/// While it acts, all that changes in the records goes to the store after the turn in which it changed; while
+/// it does not, the records of the acting one come from there.  A role that cannot be kept is given up before
+/// another can have it.
+#pragma once
+
+#include "Runtime/Loop.h"
+#include "Runtime/Redundancy.h"
+#include "State/Database.h"
+#include "Store/Follower.h"
+#include "Store/Link.h"
+#include "Store/Mirror.h"
+#include "Store/Names.h"
+#include "Store/Status.h"
+#include "Store/Term.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Store {
+
+class Supervisor {
+public:
+    using Paths = std::set<std::string, std::less<>>;
+    struct Options {
+        Link::Options link{};
+        std::string name{};  ///< of the switch
+        std::string id{};    ///< of this process, unlike that of any other, now or before
+        std::string who{};   ///< of this supervisor, for people
+        Runtime::Duration lease{std::chrono::seconds{1}};
+        Paths outputs{};  ///< records that the acting one writes, and the other takes over
+        Paths inputs{};   ///< records that other programs write in the store
+        Paths others{};   ///< records that are only to be seen there
+        Mirror::Lazy lazy{};
+    };
+    enum class Tone { notice, warning };
+    struct Calls {
+        /// All that must be ready before the role is taken.  One line: it cannot be, and is given back.
+        std::function<std::string()> begin;
+        /// The role has ended; nothing must be done on its behalf any more.
+        std::function<void()> end;
+        std::function<void(Tone tone, const std::string& line)> report;
+    };
+
+    /// `redundancy` follows the role.
+    Supervisor(Runtime::FdLoop& loop, State::Database& database, Options options,
+               std::shared_ptr<Redundancy::RedundancyStatus> redundancy, std::shared_ptr<Status> status,
+               Calls calls);
+    Supervisor(const Supervisor&) = delete;
+    Supervisor& operator=(const Supervisor&) = delete;
+    ~Supervisor();
+
+    void start();
+    /// Whether what is done on behalf of the role is still covered by it.  To be asked before anything that
+    /// others see, for the process may have stood still.
+    [[nodiscard]] bool mayAct() const { return role_ == Role::active && term_.acting(loop_.now()); }
+    /// Ends the role when its time has passed: the first thing to do when the process runs again.
+    void check();
+
+    /// Begins to hand the role to another that is ready.  One line: it cannot.
+    std::string handOver();
+    /// Hands the role to another that is ready, or else gives it back; what changed last is written before.
+    /// `done` is called once, unless the store does not answer.
+    void leave(std::function<void()> done);
+
+private:
+    void opened();
+    void lost(const Link::Loss& loss);
+    void newsOpened();
+    void heard(const std::string& channel, const std::string& text);
+    void tick();
+    void askLease();
+    void answered(Runtime::Time asked, const Reply& reply);
+    void held(Runtime::Time asked);
+    void take(std::uint64_t sequence);
+    void begin();
+    void endRole(const std::string& why);
+    void flush();
+    void sendBatches();
+    void written(const Reply& reply, std::size_t records);
+    void writeAll();
+    void readAll();
+    void listAgents(const Reply& reply);
+    void leave(const std::string& heir, std::function<void(const std::string& problem)> done);
+    void publish();
+    void say(Tone tone, const std::string& line) { calls_.report(tone, line); }
+    void ask(std::vector<std::string> words, Link::Answer answer);
+
+    Runtime::FdLoop& loop_;
+    const Options options_;
+    const Names names_;
+    const std::shared_ptr<Redundancy::RedundancyStatus> redundancy_;
+    const std::shared_ptr<Status> status_;
+    const Calls calls_;
+    Term term_;
+    Mirror mirror_;
+    Follower follower_;  ///< of what the acting one writes
+    Follower inputs_;    ///< of what other programs write
+    Link link_;          ///< questions
+    Link news_;          ///< what is told unasked
+    Runtime::Timer tick_;
+    Runtime::Timer expiry_;
+    Runtime::Timer lazy_;
+    Runtime::Timer again_;  ///< after a batch that was refused
+
+    Role role_ = Role::standby;
+    std::uint64_t fence_ = 0;        ///< the highest that is known
+    bool taking_ = false;            ///< the role is ours, but not all that the store has is here yet
+    std::size_t inFlight_ = 0;       ///< batches
+    bool flushing_ = false;          ///< a turn's end is waited for
+    bool complete_ = false;          ///< the store has, or will have, all that we have
+    bool leaving_ = false;           ///< the role is being handed over, nothing is done on its behalf
+    std::string heir_;               ///< who could take over now
+    std::string trouble_;            ///< what was said last, until it is over
+    std::function<void()> flushed_;  ///< called when nothing waits to be written
+    std::optional<double> clockZero_;
+};
+
+}  // namespace Store

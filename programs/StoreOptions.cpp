@@ -1,0 +1,74 @@
+#include "programs/StoreOptions.h"
+
+#include "Runtime/Text.h"
+
+#include <array>
+#include <chrono>
+#include <random>
+#include <sstream>
+#include <unistd.h>
+
+namespace {
+
+Runtime::Duration spanOf(double seconds) {
+    return std::chrono::duration_cast<Runtime::Duration>(std::chrono::duration<double>{seconds});
+}
+
+std::string machine() {
+    std::array<char, 256> name{};
+    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "msrpd";
+}
+
+}  // namespace
+
+Store::Link::Options linkOptions(const Store::Config& config) {
+    Store::Link::Options options{.user = config.user(),
+                                 .passwordFile = config.passwordFile(),
+                                 .tls = {.authorities = config.tlsAuthorities(),
+                                         .certificate = config.tlsCertificate(),
+                                         .key = config.tlsKey(),
+                                         .name = config.tlsName()},
+                                 .server = config.redis(),
+                                 .sentinels = {},
+                                 .master = config.master(),
+                                 .patience = spanOf(config.patience())};
+    std::istringstream sentinels{config.sentinels()};
+    for (std::string one; sentinels >> one;) options.sentinels.push_back(one);
+    return options;
+}
+
+const std::set<std::string, std::less<>>& storeInputs() {
+    static const std::set<std::string, std::less<>> paths{"bridging/config",
+                                                          "bridging/topology/config",
+                                                          "interface/status/eth/intf",
+                                                          "interface/status/eth/phy/all",
+                                                          "qos/status",
+                                                          "qos/hardware/status/global",
+                                                          "stp/status",
+                                                          "switch/refusals",
+                                                          "switch/time"};
+    return paths;
+}
+
+Store::Supervisor::Options supervisorOptions(const Store::Config& store,
+                                             const Store::RedundancyConfig& redundancy) {
+    std::random_device random;
+    const std::string name = redundancy.name().empty() ? machine() : redundancy.name();
+    Store::Supervisor::Options options{
+        .link = linkOptions(store),
+        .name = store.name(),
+        .id = Runtime::concat(name, ':', ::getpid(), ':', random(), random()),
+        .who = name,
+        .lease = spanOf(redundancy.lease()),
+        .outputs = {"msrp/status", "msrp/waiting", "bridging/input/config/msrp", "qos/input/config/msrp"},
+        .inputs = {},
+        .others = {"bridging/input/vlans/mvrp", "bridging/vlans", "linux/config", "linux/groups",
+                   "mrp/config", "msrp/cliConfig", "msrp/config", "mvrp/config", "mvrp/status",
+                   "switch/domain", "switch/streams"},
+        .lazy = {"Msrp::IntfStatus/rxCounters", "Msrp::IntfStatus/txCounters"}};
+    for (const std::string& path : storeInputs()) {
+        const bool* read = store.inputs().find(path);
+        (read != nullptr && *read ? options.inputs : options.others).insert(path);
+    }
+    return options;
+}
