@@ -114,7 +114,7 @@ std::string openFor(const char* group, const std::string& path) {
 void makeDirectory(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     // Where this fails, bind tells why.
-    if (slash != std::string::npos && slash > 0) ::mkdir(path.substr(0, slash).c_str(), 0755);
+    if (slash != std::string::npos) ::mkdir(path.substr(0, slash).c_str(), 0755);
 }
 
 }  // namespace

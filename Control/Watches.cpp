@@ -66,14 +66,12 @@ std::shared_ptr<TextPart> Watches::Topic::text(bool fresh) {
 }
 
 std::shared_ptr<Watches::Topic> Watches::topic(const std::string& path, std::string& problem) {
-    std::weak_ptr<Topic>& held = topics_[path];
-    auto topic = held.lock();
-    if (topic) return topic;
-    if (auto record = records_.watchable(path, problem)) {
-        held = topic = std::make_shared<Topic>(*this, path, std::move(record));
-    } else {
-        topics_.erase(path);
-    }
+    // A topic takes itself out when it ends.
+    if (const auto held = topics_.find(path); held != topics_.end()) return held->second.lock();
+    auto record = records_.watchable(path, problem);
+    if (!record) return nullptr;
+    auto topic = std::make_shared<Topic>(*this, path, std::move(record));
+    topics_.emplace(path, topic);
     return topic;
 }
 

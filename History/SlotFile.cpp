@@ -29,8 +29,6 @@ constexpr std::size_t runAt = 16;
 constexpr std::size_t runOctets = 36;
 /// Files that are larger are none of ours.
 constexpr std::size_t mostOctets = std::size_t{512} << 20;
-/// More numbers than events can come between two writings of the system to its disk.
-constexpr std::uint64_t leap = 1 << 24;
 /// A number so far beyond the newest event was not written by us.
 constexpr std::uint64_t farthest = std::uint64_t{1} << 40;
 
@@ -191,7 +189,6 @@ std::string SlotFile::open(const std::string& directory) {
     }
     std::uint64_t next = SlotFile::next();
     if (next <= newest || next - newest > farthest) next = newest + 1;
-    // Numbers that were given and told before a loss of power may not have come to the disk.
     const std::string run = currentRun();
     if (content && textAt(memory_, runAt, runOctets) != run) next += leap;
     std::memcpy(memory_.data() + runAt, run.data(), run.size());

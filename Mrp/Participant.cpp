@@ -223,7 +223,7 @@ void Participant::offer(const AttributeRef& ref, bool news, bool isNew) {
 }
 
 void Participant::offerAgain(const AttributeRef& ref) {
-    if (stopped_ || !registered(ref)) return;
+    if (!registered(ref)) return;
     offer(ref, true);
     publish();
 }

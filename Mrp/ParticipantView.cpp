@@ -63,7 +63,7 @@ Value Participant::machines() const {
 State::Object Participant::attributes(const State::From& from, std::size_t most) const {
     const auto [first, firstKey] = parseName(from.key.value_or(""));
     std::vector<std::pair<AttributeRef, const Attribute*>> found;
-    for (std::uint8_t i = 0; i < typeCount() && found.size() < most; ++i) {
+    for (std::uint8_t i = 0; i < typeCount(); ++i) {
         if (type(i).type < first) continue;
         const bool begun = type(i).type == first;
         auto at = begun ? attributes_[i].lowerBound(firstKey) : attributes_[i].begin();

@@ -127,7 +127,7 @@ struct RegistrarCell {
 constexpr auto registrarTable = [] {
     using enum Registrar;
     using enum LeaveTimer;
-    return std::array<std::array<RegistrarCell, 3>, 4>{{
+    return std::array<std::array<RegistrarCell, registrarNames.size()>, registrarEventNames.size()>{{
         //                   IN           LV          MT
         /* rJoin!      */ {{ {IN},        {IN, stop}, {IN} }},
         /* rLv!        */ {{ {LV, start}, {LV},       {MT} }},

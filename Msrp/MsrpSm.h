@@ -428,8 +428,7 @@ private:
     /// loses anything by the change of roles; then every port asks with a LeaveAll who still means it.
     struct Seeding {
         std::vector<IntfId> ports;  ///< still to be seeded, the next one last
-        bool begun = false;
-        U64 next = 0;
+        U64 next = 0;               ///< stream of that port; 0 before the first one
     };
     bool seedEngine(Seeding& seeding, unsigned& units);
     /// False for a port without a class, about which there is nothing to tell.

@@ -18,7 +18,7 @@ RedundancyStatusSm::RedundancyStatusSm(std::shared_ptr<const Redundancy::Redunda
         const auto* event = change.key<std::string>();
         if (change.field == State::fieldName<Redundancy::RedundancyStatus>("mode") ||
             (event != nullptr && *event == criticalServices))
-            handleRedundancyMode();
+            handleRedundancyMode(std::string{change.field});
     });
     handleRedundancyMode();
 }

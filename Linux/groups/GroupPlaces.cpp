@@ -124,9 +124,9 @@ const GroupPlaces::Port* GroupPlaces::neediest(Tier tier) const {
 const GroupPlaces::Port* GroupPlaces::richest(Tier tier) const {
     const Port* found = nullptr;
     for (const auto& [talker, port] : tiers_[tier].ports) {
-        if (found == nullptr || port.placed.size() > found->placed.size()) found = &port;
+        if (port.placed.size() > (found != nullptr ? found->placed.size() : 0)) found = &port;
     }
-    return found != nullptr && found->placed.empty() ? nullptr : found;
+    return found;
 }
 
 }  // namespace Linux

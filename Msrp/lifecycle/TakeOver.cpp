@@ -116,13 +116,11 @@ void MsrpSm::takeOver() {
 bool MsrpSm::seedEngine(Seeding& seeding, unsigned& units) {
     for (; !seeding.ports.empty(); seeding.ports.pop_back()) {
         const IntfId intf = seeding.ports.back();
-        if (!seeding.begun && !seedDomains(intf)) continue;
-        seeding.begun = true;
+        if (seeding.next == 0 && !seedDomains(intf)) continue;
         const bool done = walkStreams(0, seeding.next, units,
                                       [&](U64, const StreamData& stream) { seedStream(stream, intf); });
         if (!done) return false;
         if (Mrp::PeriodicSm* periodic = inputs_.msrpLib->periodicSm()) periodic->transmitAllLeaveAll(intf);
-        seeding.begun = false;
         seeding.next = 0;
     }
     return true;

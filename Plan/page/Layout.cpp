@@ -60,7 +60,8 @@ Layout layOut(const Network& network) {
         const double width = widthOf(device.name);
         set(nodes.back(), "shape", "box");
         set(nodes.back(), "fixedsize", "true");
-        set(nodes.back(), "label", " ");
+        // Nothing for the library to measure: it may use a font that it has given back already.
+        set(nodes.back(), "label", "");
         set(nodes.back(), "width", std::to_string(width / pointsPerInch));
         set(nodes.back(), "height", std::to_string(height / pointsPerInch));
         out.devices.push_back({.width = width, .height = height});

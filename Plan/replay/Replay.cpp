@@ -12,6 +12,7 @@
 #include "Sim/Peer.h"
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <map>
 #include <utility>
@@ -32,10 +33,10 @@ constexpr std::size_t mostTold = 16;
 /// The frame in which ours sends a PDU.
 std::vector<std::uint8_t> frameOf(EthAddr source, Octets pdu) {
     constexpr std::size_t shortest = 60;
-    std::vector<std::uint8_t> out{0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e, 0, 0, 0, 0, 0, 0, 0x22, 0xea};
-    Runtime::bigEndianIs(std::span{out}.subspan(6, 6), source.number());
-    out.insert(out.end(), pdu.begin(), pdu.end());
-    out.resize(std::max(out.size(), shortest));
+    std::array<std::uint8_t, 14> header{0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e, 0, 0, 0, 0, 0, 0, 0x22, 0xea};
+    Runtime::bigEndianIs(std::span{header}.subspan(6, 6), source.number());
+    std::vector<std::uint8_t> out(std::max(header.size() + pdu.size(), shortest));
+    std::ranges::copy(pdu, std::ranges::copy(header, out.begin()).out);
     return out;
 }
 

@@ -15,7 +15,10 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <vector>
 
 namespace {
@@ -225,6 +228,11 @@ TEST_F(Server, ACaptureThatIsNotReadLosesFramesAndTellsHowManyAndWhere) {
         frame[1] = static_cast<std::uint8_t>(number);
         return frame;
     };
+    for (int i = 0; i < 3; ++i) {  // who goes leaves the next one its place
+        Peer gone{loop, path};
+        EXPECT_EQ(gone.ask(capture("swp1")), R"({"capture":"swp1","value":null})");
+        for (int number = 0; number < 4000; ++number) frames.pass("swp1", Control::Direction::sent, frame);
+    }
     Peer slow{loop, path};
     EXPECT_EQ(slow.ask(capture("swp1")), R"({"capture":"swp1","value":null})");
     for (std::size_t i = 0; i < many; ++i) {
@@ -294,6 +302,22 @@ TEST_F(Server, ANewcomerGetsInInPlaceOfTheClientThatIsQuietForLongest) {
     EXPECT_EQ(peers[1].line(), R"({"error":"too many clients, and this one was quiet for longest"})");
     EXPECT_EQ(peers[1].line(), "closed");
     EXPECT_EQ(peers[0].ask(get("msrp/config")), noPorts);
+}
+
+TEST_F(Server, ANewcomerWaitsWhileTheProcessHasNoDescriptorForIt) {
+    Peer newcomer{loop, path};
+    newcomer.send(get("msrp/config") + '\n');
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = ::dup(STDERR_FILENO);
+    ::close(next);
+    const rlimit none{static_cast<rlim_t>(next), before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    settle();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(newcomer.line(), "silent") << "nor is it tried in every turn";
+    loop.sleep(1s);
+    EXPECT_EQ(newcomer.line(), noPorts);
 }
 
 TEST_F(Server, ClientsThatSendMuchAndFinishNothingKeepNobodyOut) {
@@ -443,6 +467,12 @@ TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {
     EXPECT_EQ(other.start(directory.file("a/b/c")),
               "socket " + directory.file("a/b/c") + ": No such file or directory");
     EXPECT_EQ(other.start(stale), "");
+    std::string problem;
+    const Runtime::FileDescriptor patient = Control::connectTo(stale, problem, 7);
+    timeval limit{};
+    socklen_t length = sizeof limit;
+    EXPECT_EQ(::getsockopt(patient.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, &length), 0);
+    EXPECT_EQ(limit.tv_sec, 7) << "also when the other side hangs";
     struct stat status {};
     ASSERT_EQ(::stat(stale.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);

@@ -35,7 +35,7 @@ std::string numbers(const Journal& journal) {
         if (from != 0) out += std::to_string(from) + (last > from ? "-" + std::to_string(last) : "") + ' ';
     };
     while (const auto found = journal.find({}, last)) {
-        if (found->missing != 0 || from == 0) {
+        if (found->event.sequence != last + 1 || from == 0) {
             flush();
             from = found->event.sequence;
         }
@@ -160,6 +160,18 @@ TEST(Journal, OfItsFileOnlyWhatIsWholeIsBelievedAndNothingOfOthersIsTouched) {
         for (const std::string& name : names) all += (all.empty() ? "" : " ") + name;
         EXPECT_EQ(all, c.files);
     }
+}
+
+TEST(Journal, NumbersThatNobodyHadAreNotMissing) {
+    const TemporaryDirectory directory;
+    ASSERT_EQ(live(directory.file(""), 5), "1-5 next 6");
+    std::fstream{directory.file("history"), std::ios::in | std::ios::out | std::ios::binary}.seekp(16) << "0";
+    Runtime::VirtualLoop loop;
+    Journal journal;
+    ASSERT_EQ(journal.begin(loop, octets, directory.file("")), "");
+    journal.add(linkEvent("swp2", "up"));
+    EXPECT_EQ(journal.find({.port = "swp2"}, 0)->missing, 0U);
+    EXPECT_EQ(journal.find({}, 5)->missing, 0U);
 }
 
 TEST(Journal, AnotherSizeKeepsTheNewestAndARunningProcessKeepsItsFile) {

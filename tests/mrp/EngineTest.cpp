@@ -15,6 +15,9 @@ TEST(Exchange, JoinIsRegisteredChangedAndLeft) {
     EXPECT_EQ(net.play("a1+1/5=100 a1+1/5=200 1s"), "+b1 1/5=200\n");
     EXPECT_EQ(net.play("a1-1/5=200 599ms"), "");
     EXPECT_EQ(net.play("2ms"), "-b1 1/5=200\n");
+    std::size_t kept = 0;
+    net.a.app.each(a1, [&](const App::Name&, const Mrp::Attribute&) { ++kept; });
+    EXPECT_EQ(kept, 1U) << "of what is over nothing is kept";
 }
 
 TEST(Exchange, APeersJoinInOfTheSameValueCutsTheSecondJoinShort) {
@@ -35,6 +38,14 @@ TEST(Exchange, LeaveOfAReplacedValueIsIgnored) {
     EXPECT_EQ(net.play("a2<Lv:1/5=200 a2<JoinMt:1/5=200 2s"), "+a2 1/5=200\n");
     // Of our own, before the new one was sent.
     EXPECT_EQ(net.play("a1+1/5=100 1s a1+1/5=200 a1-1/5=200 1s"), "+b1 1/5=100\n-b1 1/5=100\n");
+}
+
+TEST(Exchange, AQuestionIsAboutWhatThePeerDeclaredNotAboutWhatThisSideTookBack) {
+    Pair net;
+    net.play("a2<JoinIn:3/5=2 a2+3/5=1 1s a2-3/5=1 1s");
+    net.sent(a2);
+    net.play("a2<* 500ms");
+    EXPECT_EQ(net.sent(a2), "Mt 3/5=2\n");
 }
 
 TEST(Exchange, DomainsAreDeliveredFirst) {
@@ -146,4 +157,7 @@ TEST(Timers, LeaveAllComesBetweenOnceAndOneAndAHalfTimesItsTime) {
         EXPECT_LT(at[i] - at[i - 1], 15s);
     }
     EXPECT_EQ(net.sent(a2).substr(0, 48), "LeaveAll 1; LeaveAll 2; LeaveAll 3; LeaveAll 4\nL");
+    net.a.config->leaveAllTimeIs(20'000);
+    net.play("19s");
+    EXPECT_EQ(net.sent(a2), "") << "a new time counts at once";
 }

@@ -55,6 +55,7 @@ TEST(Refusal, ADomainIsOfferedAgainWhenThisSideDeclaresIt) {
     };
     EXPECT_EQ(net.play("a2+4/6=3"), "+a2 4/6=3\n+a2 1/5=1\n");
     EXPECT_EQ(net.play("a2+4/6=3"), "+a2 4/6=3\n") << "registered ones too";
+    EXPECT_EQ(net.play("a2+4/6=3 a2^4/6"), "") << "unless they have gone by then";
 }
 
 TEST(Refusal, IsRetriedWhenTheSameKeyLeavesOrIsPurgedAnywhere) {
@@ -97,6 +98,13 @@ TEST(Purge, OfOneAttributeMakesThePeerDeclareItAgain) {
         EXPECT_EQ(net.play("a1^1/5"), "");
         EXPECT_EQ(net.play("1s"), "+a1 1/5=100\n") << own;
     }
+}
+
+TEST(Purge, OfAnotherValueTakesNoJoinFromThatOfThisSide) {
+    Pair net;
+    net.play("a2<JoinIn:1/5=100");
+    net.play("a2+1/5=300 a2^1/5 1s");
+    EXPECT_EQ(net.sent(a2), "Mt 1/5; JoinMt 1/5\nJoinMt 1/5\n");
 }
 
 TEST(Purge, OfAPortSendsALeaveAll) {

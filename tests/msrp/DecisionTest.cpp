@@ -15,6 +15,11 @@ using Code = TalkerFailureCode;
 constexpr SrClassId A = SrClassId::SrClassA;
 constexpr SrClassId B = SrClassId::SrClassB;
 
+TEST(ListenerStates, HaveNamesWhateverTheirNumber) {
+    EXPECT_EQ(stateName(ListenerState::ReadyFailed), "ReadyFailed");
+    EXPECT_EQ(stateName(ListenerState{4}), "unknown");
+}
+
 TEST(Bandwidth, CountsWholeFramesPerMillisecond) {
     EXPECT_EQ(streamBandwidth(A, 1, 100), 9088U);
     EXPECT_EQ(streamBandwidth(B, 1, 100), 4544U);

@@ -104,6 +104,48 @@ TEST_F(Scenario, RecordsTellAllOfAStreamAndNothingOfATalkerThatLeft) {
                              "\n");
 }
 
+TEST_F(Scenario, TheLogTellsWhatIsHeardSaidAndGivenOut) {
+    core();
+    bridge.logClear();
+    p3.say(domains(Event::Lv));
+    quiet();
+    p1.say(advertise({}));
+    settle();
+    p2.say(listener(1, ListenerState::Ready));
+    settle();
+    p2.say(listener(1, ListenerState::Ready, Event::Lv));
+    quiet();
+    p1.say(failed({}, 9, 0x1234));
+    settle();
+    p1.say(failed({}, 9, 0x1234, Event::Lv));
+    quiet();
+    p1.say(advertise({}));
+    settle();
+    p1.say(advertise({}, Event::Lv));
+    quiet();
+    EXPECT_EQ(bridge.log(),
+              (std::vector<std::string>{
+                  "MSRP_DOMAIN_LV Domain Lv received on p3: Class: 5, Priority: 2, SrVID: 2",
+                  "MSRP_SR_CLASS_TRANSITION MSRP 5 state on p3 changed from 3 to 1",
+                  "MSRP_DOMAIN_LV Domain Lv received on p3: Class: 6, Priority: 3, SrVID: 2",
+                  "MSRP_SR_CLASS_TRANSITION MSRP 6 state on p3 changed from 3 to 1",
+                  "MSRP_TALKER_ADV_JOIN TalkerAdv Join received on p1: StreamId 0x1, failureCode 0",
+                  "MSRP_LISTENER_JOIN Listener Join received on p2: StreamId 0x1, state 2",
+                  "MSRP_BW_ALLOC_SUCCESS Bandwidth 9088 kbps successfully allocated for listener on p2 and "
+                  "streamId 0x1",
+                  "MSRP_LISTENER_JOIN Listener Join transmitted on p1: StreamId 0x1, state 2",
+                  "MSRP_LISTENER_LV Listener Lv received on p2: StreamId 0x1, state 2",
+                  "MSRP_BW_DEALLOC Bandwidth 9088 kbps deallocated for listener on p2 and streamId 0x1",
+                  "MSRP_LISTENER_LV Listener Lv transmitted on p1: StreamId 0x1, state 0",
+                  "MSRP_TALKER_FAIL_JOIN TalkerFail Join received on p1: StreamId 0x1, failureCode 9, "
+                  "failedBridgeId 0x1234",
+                  "MSRP_TALKER_FAIL_JOIN TalkerFail Join transmitted on p2: StreamId 0x1, failureCode 9, "
+                  "failedBridgeId 0x1234",
+                  "MSRP_TALKER_FAIL_LV TalkerFail Lv received on p1: StreamId 0x1, failureCode 9",
+                  "MSRP_TALKER_ADV_JOIN TalkerAdv Join received on p1: StreamId 0x1, failureCode 0",
+                  "MSRP_TALKER_ADV_LV TalkerAdv Lv received on p1: StreamId 0x1"}));
+}
+
 TEST_F(Scenario, ATalkerThatChangedItsAddressFreesTheOneItHeld) {
     core();
     p1.say(advertise({.id = 1, .macDa = 0x91e0f0000001}));
@@ -243,7 +285,9 @@ TEST(Standby, PublishesNothing) {
     const auto redundancy = second.database().entityIs<Redundancy::RedundancyStatus>("redundancy/status");
     redundancy->modeIs(Redundancy::Mode::standby);
     Peer peer{second, "q1"};
+    const Peer other{second, "q2"};
     second.start();
+    second.config->intfEnableIs(IntfId{"q2"}, false);
     time.runFor(30s);
     EXPECT_EQ(peer.frames(), 0U);
     EXPECT_TRUE(second.status->intfStatus().empty());
@@ -255,6 +299,10 @@ TEST(Standby, PublishesNothing) {
     time.runFor(1s);
     EXPECT_NE(peer.registered().find("Domain 6"), std::string::npos);
     EXPECT_EQ(second.groupConfig->fdbConfigPriority(), 100U);
+    EXPECT_EQ(other.frames(), 0U) << "disabled meanwhile";
+    second.stop();
+    second.start();
+    EXPECT_TRUE(second.status->msrpEnabled()) << "active from the beginning";
     EXPECT_DEATH(redundancy->modeIs(Redundancy::Mode::simplex), "Unexpected redundancy mode");
 }
 

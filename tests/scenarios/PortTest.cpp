@@ -1,4 +1,5 @@
 /// Ports come, go and change: domains, links, spanning tree, speeds, configuration.
+#include "Mrp/AttributeRecords.h"
 #include "Runtime/Text.h"
 #include "tests/scenarios/Scenario.h"
 
@@ -326,6 +327,9 @@ TEST_F(ReservedStream, TheSpanningTreeBlocksAndUnblocks) {
     bridge.stp->stpInstanceStatusIs("Mst")->mstInstanceStatusIs("Cist")->bridgePriorityIs(0x4000);
     p1.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .maxFrameSize = 2000}));
     expectHears(p2, "Failed 0x2 code 14 bridge 0x4000020000000001");
+    bridge.topology->topoConfigIs("Cist")->topoPortConfigDel(IntfId{"p2"});
+    settle();
+    EXPECT_EQ(bridge.classes("p2"), "p2 NotSupported NotSupported") << "it forwards nowhere";
 }
 
 TEST_F(ReservedStream, AVlanThatIsBlockedElsewhereFailsWithCode17) {
@@ -442,11 +446,29 @@ TEST_F(ReservedStream, APortIsDisabledAndRemoved) {
     EXPECT_FALSE(bridge.status->msrpEnabled());
     EXPECT_EQ(bridge.streams(), "");
     EXPECT_TRUE(bridge.status->registeredStreams().empty());
-    for (const unsigned weight : {0U, 85U}) {
-        EXPECT_EQ(bridge.queues->configPriority(), weight);
-        EXPECT_EQ(bridge.queues->intfConfigPriority(), weight);
-        bridge.config->intfEnableIs(IntfId{"p1"}, true);
+    for (const bool enabled : {false, true, false}) {  // the last time without a stream that ends
+        bridge.config->intfEnableIs(IntfId{"p1"}, enabled);
+        settle();
+        EXPECT_EQ(bridge.status->msrpEnabled(), enabled);
+        EXPECT_EQ(bridge.queues->configPriority(), enabled ? 85U : 0U);
+        EXPECT_EQ(bridge.queues->intfConfigPriority(), enabled ? 85U : 0U);
     }
+}
+
+TEST_F(ReservedStream, TheEngineShowsHowEachAttributeStands) {
+    p1.say(advertise({}, Event::Lv));
+    loop.runFor(200ms);
+    const auto ports = bridge.database().entityIs<Mrp::AttributesStatus>("mrp/attributes");
+    const auto port = ports->child("intf", "p1");
+    EXPECT_EQ(shown(port->value()),
+              "{machines {leaveAll Passive, registered {1 1, 4 2}, declared {3 1, 4 2}}, attribute {"
+              "1/0x1 {applicant VO, registrar LV, registered {value "
+              "000000000000000191e0f00000010002006400017000000000}}, "
+              "3/0x1 {applicant QA, registrar MT, declared {value 0000000000000001, declaration 2}}, "
+              "4/0x5 {applicant QA, registrar IN, declared {value 05020002}, registered {value 05020002}}, "
+              "4/0x6 {applicant QA, registrar IN, declared {value 06030002}, registered {value 06030002}}}}");
+    for (const auto& [name, time] : {std::pair{"age", 1.2}, {"leaveIn", 0.4}})
+        EXPECT_NEAR(std::get<double>(port->fieldValue("attribute", "1/0x1")->member(name)->data), time, 1e-6);
 }
 
 TEST_F(ReservedStream, AnEndedProcessWithdrawsWhatItDeclared) {
