@@ -49,8 +49,9 @@ public:
     }
     void slotIs(std::size_t number, const Event& event);
     /// Left out where the machine was started anew, or may have been: numbers that were given and told before
-    /// a loss of power may not have come to the disk.  More than events can come between two writings of it.
-    static constexpr std::uint64_t leap = 1 << 24;
+    /// a loss of power may not have come to the disk.  More than a history ever loses, so that a gap tells
+    /// how many leaps are in it.
+    static constexpr std::uint64_t leap = std::uint64_t{1} << 32;
     /// The number that the next event gets: never one that an event had before, in this life or an earlier.
     [[nodiscard]] std::uint64_t next() const;
     void nextIs(std::uint64_t number);

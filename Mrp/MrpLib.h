@@ -29,6 +29,7 @@ inline constexpr std::uint8_t requestDeclare = 3;        ///< Join!
 inline constexpr std::uint8_t requestWithdraw = 5;       ///< Lv!
 inline constexpr std::uint8_t requestInternalLeave = 7;  ///< forget declaration and registration, silently
 inline constexpr std::uint8_t requestSeed = 9;           ///< take over a registration of an earlier life
+inline constexpr std::uint8_t requestResume = 11;  ///< Join! of what the peer knows from an earlier life
 
 /// One indication or request.
 struct MrpParameters {

@@ -244,6 +244,10 @@ void MrpSm::sendAttribute(const MrpParameters& params) {
         case requestSeed:
             sender->seed(ref, value);
             break;
+        case requestResume:
+            log(AttrLogRecord::What::declare, params.intf, ref);
+            sender->resume(ref, value);
+            break;
         case requestInternalLeave:
             log(AttrLogRecord::What::internalLeave, params.intf, ref);
             sender->forget(ref);

@@ -263,6 +263,13 @@ void Participant::seed(const AttributeRef& ref, const AttributeValue& value) {
     attribute.settle();
 }
 
+void Participant::resume(const AttributeRef& ref, const AttributeValue& value) {
+    declare(ref, value);
+    Attribute& attribute = *find(ref);
+    attribute.announced = true;
+    attribute.tell();
+}
+
 void Participant::withdraw(const AttributeRef& ref) {
     Attribute* attribute = find(ref);
     if (attribute == nullptr || !isMember(attribute->applicant)) return;

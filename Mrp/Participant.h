@@ -106,6 +106,9 @@ public:
     /// Takes over a registration from an earlier life of the port: the application holds it, and it leaves
     /// when the peer does not answer the LeaveAll that is to follow with it.  Nothing is indicated.
     void seed(const AttributeRef& ref, const AttributeValue& value);
+    /// Join! of a value that the port declared in an earlier life: should it be withdrawn before it has been
+    /// said again, the peer still hears a Leave.
+    void resume(const AttributeRef& ref, const AttributeValue& value);
     /// Lv!
     void withdraw(const AttributeRef& ref);
     /// Forgets declaration and registration at once; nothing is sent or indicated, but for a Leave that was

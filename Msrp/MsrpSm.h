@@ -479,7 +479,7 @@ private:
     void transmitTalkerAdvertise(IntfId intf, StreamData& stream, TalkerState state);
     /// The stream as it is declared on a port: with what this bridge adds to its latency.
     [[nodiscard]] MsrpTalkerAdvertiseAttribute declaredOn(IntfId intf, const StreamData& stream) const;
-    void declareAgain(IntfId intf, const StreamData& stream);
+    void declareAgain(IntfId intf, const StreamData& stream, U8 request = Mrp::requestDeclare);
     /// Ports that have failed the stream name the bridge that is the cause by now; `before` it was that one.
     void failedBridgeChanged(const StreamData& stream, U64 before);
     void send(IntfId intf, U8 type, U8 request, std::span<const U8> value, U32 declaration = 0);

@@ -61,6 +61,7 @@ class Sender:
         self._frames = [tagged_frame(destination, priority, vlan, octets) for priority in rates]
         self._intervals = [octets * 8 / rate for rate in rates.values()]
         self._sent = multiprocessing.Array("Q", len(rates), lock=False)
+        self._ends = multiprocessing.Value("b", 0, lock=False)
         with inside(namespace):
             self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
             # What waits in queues still belongs to the socket: it must not keep other priorities from being sent.
@@ -73,6 +74,8 @@ class Sender:
         return self
 
     def __exit__(self, *_):
+        self._ends.value = 1  # killed between a frame and its count, it would have sent one more than it says
+        self._process.join(5)
         self._process.kill()
         self._process.join()
         self._socket.close()
@@ -83,7 +86,7 @@ class Sender:
 
     def _run(self):
         due = [time.monotonic()] * len(self._frames)
-        while True:
+        while not self._ends.value:
             now = time.monotonic()
             for index, frame in enumerate(self._frames):
                 # What could not be sent in time is forgotten, instead of sent in one burst.

@@ -133,7 +133,7 @@ bool MsrpSm::seedDomains(IntfId intf) {
         if (state == SrClassState::NotSupported) continue;
         if (!active) inputs_.msrpLib->mrpInterfaceEnable(intf);
         active = true;
-        transmitSrDomainVector(intf, srClass, true);
+        send(intf, typeDomain, Mrp::requestResume, domainOf(intf, srClass).octets());
         seededDomains_.insert_or_assign({intf, srClass}, domainOf(intf, srClass));
         if (!isActive(state)) continue;
         // What made the port a boundary is not published: any other priority stands for it until the peer
@@ -157,8 +157,8 @@ void MsrpSm::seedStream(const StreamData& stream, IntfId intf) {
     sendListener(Mrp::requestSeed, port->listenerStateOrig);
     const IntfId ingress = stream.ingressIntf();
     if (!ingress) return;
-    if (intf != ingress) return declareAgain(intf, stream);
-    sendListener(Mrp::requestDeclare, port->listenerState);
+    if (intf != ingress) return declareAgain(intf, stream, Mrp::requestResume);
+    sendListener(Mrp::requestResume, port->listenerState);
     const MsrpTalkerAdvertiseAttribute talker = streamDataTalkerAttribute(stream.streamId());
     if (port->talkerState == TalkerState::Advertise) {
         send(intf, typeTalkerAdvertise, Mrp::requestSeed, talker.octets());

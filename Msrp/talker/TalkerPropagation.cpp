@@ -63,14 +63,13 @@ MsrpTalkerAdvertiseAttribute MsrpSm::declaredOn(IntfId intf, const StreamData& s
     return attr;
 }
 
-void MsrpSm::declareAgain(IntfId intf, const StreamData& stream) {
+void MsrpSm::declareAgain(IntfId intf, const StreamData& stream, U8 request) {
     const TalkerState state = getTalkerState(stream, intf);
     if (state == TalkerState::None || !stream.ingressIntf() || stream.ingressIntf() == intf) return;
     const MsrpTalkerAdvertiseAttribute attr = declaredOn(intf, stream);
-    if (state == TalkerState::Advertise)
-        return send(intf, typeTalkerAdvertise, Mrp::requestDeclare, attr.octets());
+    if (state == TalkerState::Advertise) return send(intf, typeTalkerAdvertise, request, attr.octets());
     const MsrpTalkerFailedAttribute failed{attr, stream.failedBridgeId(), stream.talkerFailureCode(intf)};
-    send(intf, typeTalkerFailed, Mrp::requestDeclare, failed.octets());
+    send(intf, typeTalkerFailed, request, failed.octets());
 }
 
 // A port whose code stays the same is not told anything else.

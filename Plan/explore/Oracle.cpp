@@ -263,16 +263,15 @@ private:
         if (Msrp::isBandwidthFailure(heard.failureCode) &&
             Msrp::admit(request) != Msrp::TalkerFailureCode::noFailure)
             return;
-        if (early_ && waitsUnderItsTalker(deviceAt(*at), one)) return;
+        if (early_ && !waits(*at, one)) return;
         wrong(said, ", where ", request.allocatedA + request.allocatedB, " of ", Msrp::allowedTotal(request),
               " kbit/s are taken and ", request.needed, " are needed",
               carriesStream(*at, one) ? ", and where it has bandwidth" : "");
     }
 
-    [[nodiscard]] bool waitsUnderItsTalker(std::size_t device, const Stream& one) const {
-        Sim::Bridge& bridge = *world_.bridge(device);
-        const auto stream = bridge.agent().msrpSm()->streamList(one.id);
-        const auto queue = stream ? bridge.waiting->bandwidthFailedIntf(stream->ingressIntf()) : nullptr;
+    [[nodiscard]] bool waits(const End& at, const Stream& one) const {
+        const auto queue =
+            world_.bridge(deviceAt(at))->waiting->bandwidthFailedIntf(world_.port(at.first, at.second));
         return queue && queue->contains(one.id);
     }
 

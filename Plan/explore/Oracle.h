@@ -10,9 +10,9 @@
 ///   - Which of the two shares the code of a refusal names: the one that was short at that moment.
 ///   - Whether a stream that was refused is still told as failed where nobody asks for it any more: it is
 ///     promised to nobody, and the next LeaveAll round mends it.
-///   - Until a LeaveAll round, a stream that was refused when its talker came after its listener: it waits
-///   under
-///     the talker's port, and bandwidth that comes free on the listener's is not offered to it.
+///   - Until a LeaveAll round, a refused stream that does not wait under the listener's port: bandwidth that
+///     comes free there is not offered to it.  It waits under the talker's port when the talker came after
+///     the listener, and nowhere when bandwidth came free while nobody asked for it.
 ///   - What is declared to a port that blocks: MSRP does not run there, so nobody hears it.
 #pragma once
 

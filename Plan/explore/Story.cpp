@@ -202,8 +202,14 @@ std::string stay(World& world) {
     const std::string after = pictureOf(world);
     if (faults.empty() && before != after)
         faults = concat("LeaveAll rounds make a difference: before\n", before, "and after\n", after);
-    if (faults.empty() && world.lastChange() != changed)
-        faults = "something came and went again in LeaveAll rounds\n";
+    if (faults.empty() && world.lastChange() != changed) {
+        // Once is no fault: whose listener has left on a port without room hears of the failure until then.
+        const Duration healed = world.lastChange();
+        world.runTo(world.now() + std::chrono::seconds{31});
+        faults = settle(world, longestUnrest(world.network()));
+        if (faults.empty() && world.lastChange() != healed)
+            faults = "something comes and goes in LeaveAll rounds\n";
+    }
     return faults;
 }
 

@@ -45,7 +45,7 @@ std::string_view classOf(const LinkOutcome& way) {
 }
 
 std::string wayText(const Network& network, const Link& link, int end, const LinkOutcome& way) {
-    const auto& name = [&](int at) { return network.devices[link.ends[at].device].name; };
+    const auto name = [&](int at) { return network.devices[link.ends[at].device].name; };
     std::string out = concat(name(end), " -> ", name(1 - end));
     if (!way.up) return out + ": down";
     if (!way.forwards) out += ", blocked";

@@ -112,7 +112,7 @@ TEST(Journal, OfItsFileOnlyWhatIsWholeIsBelievedAndNothingOfOthersIsTouched) {
              {"torn slot", overwrite(3 * slotOctets + 40, "?"), "", "1-2 4-6 next 7", "history"},
              {"number far off", overwrite(8, far), "", "1-6 next 7", "history"},
              {"number gone", overwrite(8, std::string(8, '\0')), "", "1-6 next 7", "history"},
-             {"before a loss of power", overwrite(16, "0"), "", "1-5 16777222 next 16777223", "history"},
+             {"before a loss of power", overwrite(16, "0"), "", "1-5 4294967302 next 4294967303", "history"},
              {"torn end", [](const auto& file) { std::filesystem::resize_file(file, 4 * slotOctets + 9); },
               "", "1-3 6 next 7", "history"},
              {"empty", [](const auto& file) { std::filesystem::resize_file(file, 0); }, "", "1 next 2",

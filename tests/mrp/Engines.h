@@ -87,7 +87,8 @@ public:
     void request(IntfId intf, const Sim::Say& what, std::uint8_t kind) {
         const Mrp::AttributeValue value = Sim::valueOf(what);
         const Name name = nameOf(intf, what);
-        if (kind == Mrp::requestDeclare && active(intf)) declared[name] = value;
+        if ((kind == Mrp::requestDeclare || kind == Mrp::requestResume) && active(intf))
+            declared[name] = value;
         if (kind == Mrp::requestSeed && active(intf) && !registered(name)) held[name] = value;
         if (kind == Mrp::requestWithdraw || kind == Mrp::requestInternalLeave) declared.erase(name);
         if (kind == Mrp::requestInternalLeave) held.erase(name);

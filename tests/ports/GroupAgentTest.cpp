@@ -243,6 +243,12 @@ TEST_F(GroupAgentTest, WhatTheKernelRefusesIsToldAndTriedAgain) {
     announce(3, true);
     EXPECT_HEARD(1, 0) << "it may pass";
     EXPECT_HEARD(1, 1) << "but it does not";
+    requests.refuseAll(RTM_DELMDB, ENOBUFS);
+    requests.refused = 0;
+    announce(1, false);
+    EXPECT_TRUE(loop.runUntil([&] { return requests.refused > 1; }, 5s));
+    requests.refuse = {};
+    EXPECT_HEARD(0, 1) << "what was to go goes later";
 }
 
 TEST_F(GroupAgentTest, AFloodOfReportsEndsSnoopingOnlyForAsLongAsItFillsTheTable) {

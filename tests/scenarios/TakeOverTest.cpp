@@ -160,6 +160,18 @@ TEST_F(TakeOverOf, OneThatDiedByItsOwnRestartLosesNothing) {
     EXPECT_EQ(heard.find("Lv "), std::string::npos) << heard;
 }
 
+TEST_F(TakeOverOf, APeerHearsOfTheEndOfWhatTheOtherSideHadDeclared) {
+    reserve();
+    quiet();
+    p2.heard();
+    takeOver();
+    bridge.config->intfEnableDel(IntfId{"p2"});
+    quiet();
+    const std::string heard = p2.heard();
+    EXPECT_NE(heard.find("Lv Advertise 0x1"), std::string::npos) << heard;
+    EXPECT_NE(heard.find("Lv Domain"), std::string::npos) << heard;
+}
+
 TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
     reserve();
     quiet();
