@@ -70,6 +70,10 @@ struct WholeField {
     static MaybeProblem restoreEntry(R&, std::string_view, const Value&, double) {
         return Problem{"", "has no entries"};
     }
+    template <class R>
+    static MaybeProblem restore(R&, const Value&, double) {
+        return Problem{"", "is not taken over from another life"};
+    }
     template <class Field, class R>
     static Piece next(const Field& field, const R& record, Place& place) {
         ++place.field;

@@ -23,7 +23,9 @@ public:
     [[nodiscard]] const std::string& name() const { return name_; }
     [[nodiscard]] const std::string& user() const { return user_; }
     [[nodiscard]] const std::string& passwordFile() const { return passwordFile_; }
-    /// TLS where there is one.
+    [[nodiscard]] const std::string& sentinelUser() const { return sentinelUser_; }
+    [[nodiscard]] const std::string& sentinelPasswordFile() const { return sentinelPasswordFile_; }
+    [[nodiscard]] bool tls() const { return tls_; }
     [[nodiscard]] const std::string& tlsAuthorities() const { return tlsAuthorities_; }
     [[nodiscard]] const std::string& tlsCertificate() const { return tlsCertificate_; }
     [[nodiscard]] const std::string& tlsKey() const { return tlsKey_; }
@@ -41,6 +43,9 @@ public:
         each(State::scalar("name", &Config::name_));
         each(State::scalar("user", &Config::user_));
         each(State::scalar("passwordFile", &Config::passwordFile_));
+        each(State::scalar("sentinelUser", &Config::sentinelUser_));
+        each(State::scalar("sentinelPasswordFile", &Config::sentinelPasswordFile_));
+        each(State::scalar("tls", &Config::tls_));
         each(State::scalar("tlsAuthorities", &Config::tlsAuthorities_));
         each(State::scalar("tlsCertificate", &Config::tlsCertificate_));
         each(State::scalar("tlsKey", &Config::tlsKey_));
@@ -56,6 +61,9 @@ private:
     std::string name_{"switch"};
     std::string user_;
     std::string passwordFile_;
+    std::string sentinelUser_;
+    std::string sentinelPasswordFile_;
+    bool tls_ = false;
     std::string tlsAuthorities_;
     std::string tlsCertificate_;
     std::string tlsKey_;

@@ -66,33 +66,35 @@ void Connection::open(const Address& to, const Access& access) {
     close();
     life_ = std::make_shared<char>();
     address_ = to.text();
-    if (const std::string problem = begin(to, access); !problem.empty()) fail(problem);
+    begun_ = asked_ = loop_.now();
+    nobodyThere_ = false;
+    if (const NotConnected why = begin(to, access); !why.problem.empty()) fail(why.problem, why.nobodyThere);
 }
 
-std::string Connection::begin(const Address& to, const Access& access) {
+NotConnected Connection::begin(const Address& to, const Access& access) {
     if (!access.user.empty() && access.passwordFile.empty())
-        return concat("user \"", inOneLine(access.user), "\" needs a password file");
+        return {.problem = concat("user \"", inOneLine(access.user), "\" needs a password file")};
     if (!access.passwordFile.empty()) {
         greeting_ = {"AUTH"};
         if (!access.user.empty()) greeting_.push_back(access.user);
         if (std::string problem = readPassword(access.passwordFile, greeting_.emplace_back());
             !problem.empty())
-            return problem;
+            return {.problem = problem};
     }
-    std::string problem;
-    transport_ = Transport::open(to, access.tls, tls_, problem);
-    if (!transport_) return problem;
+    NotConnected why;
+    transport_ = Transport::open(to, access.tls, tls_, why);
+    if (!transport_) return why;
     stage_ = Stage::connecting;
     reader_.emplace(limits_.answer);
-    begun_ = asked_ = loop_.now();
     patienceOver_.armIn(patience_);
     watchWritable();
     return {};
 }
 
-void Connection::fail(const std::string& what) {
+void Connection::fail(const std::string& what, bool nobodyThere) {
     const std::string reason = concat(address_, ": ", what);
     close();
+    nobodyThere_ = nobodyThere;
     life_ = std::make_shared<char>();
     later([this, reason] {
         const auto handlers = handlers_;
@@ -143,7 +145,8 @@ void Connection::watchWritable() {
 
 void Connection::whenWritable() {
     if (stage_ != Stage::connecting) return flush();
-    if (const std::string problem = transport_->connected(); !problem.empty()) return fail(problem);
+    if (const NotConnected why = transport_->connected(); !why.problem.empty())
+        return fail(why.problem, why.nobodyThere);
     stage_ = Stage::greeting;
     readable_ = loop_.watch(transport_->get(), Ready::readable, [this] { whenReadable(); });
     if (!transport_->ready()) return flush();

@@ -62,6 +62,10 @@ public:
     /// Ends it without `lost`.  No question that has no answer yet will get one.
     void close();
     [[nodiscard]] bool isOpen() const { return stage_ == Stage::open; }
+    /// In `lost`: when the attempt had begun that found no program listening at the address; else empty.
+    [[nodiscard]] std::optional<Runtime::Time> absentAt() const {
+        return nobodyThere_ ? std::optional{begun_} : std::nullopt;
+    }
 
     /// Asks: one command, with at least one word.  `answer` (may be empty) gets the reply; those of several
     /// questions come in the order of the questions.  While the connection is not open, and when it is lost
@@ -83,7 +87,7 @@ private:
         Runtime::Time asked;
     };
 
-    std::string begin(const Address& to, const Access& access);
+    NotConnected begin(const Address& to, const Access& access);
     void put(const std::vector<std::string>& words, Answer answer);
     void becomeReady();
     void greet();
@@ -96,7 +100,7 @@ private:
     void take(const Reply& reply);
     bool takePush(const Reply& reply);
     void look();
-    void fail(const std::string& what);
+    void fail(const std::string& what, bool nobodyThere = false);
     /// Runs `task` in the loop, unless the connection has been closed, opened anew or destroyed by then.
     void later(std::function<void()> task);
 
@@ -121,6 +125,7 @@ private:
     std::deque<Question> questions_;
     bool subscribed_ = false;
     Runtime::Time begun_{};
+    bool nobodyThere_ = false;
     Runtime::Time asked_{};  ///< when anything was asked last
     Runtime::Timer patienceOver_;
     Runtime::Timer moreReplies_;  ///< armed while complete replies may have been left for the next turn

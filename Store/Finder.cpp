@@ -14,11 +14,28 @@ using Runtime::Duration;
 namespace {
 
 constexpr Duration firstWait = std::chrono::milliseconds{50};
-constexpr Duration longestWait = std::chrono::seconds{2};
 /// Servers may find ever new words for what is wrong.
 constexpr std::size_t mostTold = 32;
 
+std::string readAddresses(const Options& options, std::vector<Address>& addresses) {
+    if (options.addresses.empty()) return "no address of a server is given";
+    if (options.addresses.size() > 1 && options.master.empty())
+        return "several addresses are those of Sentinels, and need the name of their master";
+    for (const std::string& text : options.addresses) {
+        std::string problem;
+        const auto address = Address::parse(text, problem);
+        if (!address) return problem;
+        addresses.push_back(*address);
+    }
+    return {};
+}
+
 }  // namespace
+
+std::string problemOf(const Options& options) {
+    std::vector<Address> addresses;
+    return readAddresses(options, addresses);
+}
 
 Finder::Finder(Runtime::FdLoop& loop, Options options, std::uint64_t seed, Handlers handlers)
     : loop_{loop},
@@ -48,19 +65,9 @@ Finder::Finder(Runtime::FdLoop& loop, Options options, std::uint64_t seed, Handl
 }
 
 std::string Finder::start() {
-    if (options_.addresses.empty()) return "no address of a server is given";
-    if (options_.addresses.size() > 1 && options_.master.empty())
-        return "several addresses are those of Sentinels, and need the name of their master";
-    std::vector<Address> addresses;
-    for (const std::string& text : options_.addresses) {
-        std::string problem;
-        const auto address = Address::parse(text, problem);
-        if (!address) return problem;
-        addresses.push_back(*address);
-    }
-    addresses_ = std::move(addresses);
-    later([this] { search(); });
-    return {};
+    std::string problem = readAddresses(options_, addresses_);
+    if (problem.empty()) later([this] { search(); });
+    return problem;
 }
 
 void Finder::leave(const std::string& reason) {
@@ -120,6 +127,13 @@ void Finder::becomeOpen() {
 }
 
 void Finder::serverLost(const std::string& reason) {
+    const std::weak_ptr life{life_};
+    const auto asked = options_.master.empty() ? server_.absentAt() : std::nullopt;
+    if (asked && handlers_->absent) {
+        const auto handlers = handlers_;
+        handlers->absent(*asked);
+        if (life.expired()) return;
+    }
     if (!std::exchange(open_, false)) return failed(reason);
     lasted_.cancel();
     if (!tell(false, reason)) return;
@@ -140,7 +154,7 @@ void Finder::waitAndSearch() {
     // Up to a quarter less, so that not all who have lost a server come back at the same moment.
     const auto spread = static_cast<std::uint64_t>(wait_.count() / 4 + 1);
     waited_.armIn(wait_ - Duration{static_cast<Duration::rep>(random_() % spread)});
-    wait_ = std::clamp(2 * wait_, firstWait, longestWait);
+    wait_ = std::min(std::max(2 * wait_, firstWait), options_.longestWait);
 }
 
 void Finder::lasted() {

@@ -24,12 +24,16 @@ struct Options {
     Access access{};                       ///< to the server
     std::string sentinelUser{};            ///< as in `Access`; TLS is used with Sentinels as with the server
     std::string sentinelPasswordFile{};
-    Runtime::Duration patience = std::chrono::seconds{2};  ///< for each connection and answer
+    Runtime::Duration patience = std::chrono::seconds{2};     ///< for each connection and answer
+    Runtime::Duration longestWait = std::chrono::seconds{2};  ///< between two searches
     Limits limits{};
 };
 
+/// What is wrong with them, one line; empty: nothing.
+std::string problemOf(const Options& options);
+
 /// It connects anew without end: at once when a connection that has lasted is lost, then after waits that
-/// grow from 50 ms to 2 s.  Sentinels are asked in turn, and the master must say itself that it is one.
+/// grow from 50 ms to the longest.  Sentinels are asked in turn, and the master must say itself that it is one.
 class Finder {
 public:
     /// A connection that has been open for so long has lasted.
@@ -48,6 +52,9 @@ public:
         std::function<void(bool good, const std::string& line)> said;
         /// As `Connection::Handlers::pushed`.
         std::function<void(const std::string& channel, const std::string& payload)> pushed;
+        /// No program listens at the server's fixed address, as an attempt has found that began at `asked`.
+        /// May be empty.
+        std::function<void(Runtime::Time asked)> absent{};
     };
 
     /// `seed` is of the waits' random part.  The loop must outlive this.
@@ -63,6 +70,8 @@ public:
     void leave(const std::string& reason);
     /// Null while none is open.
     [[nodiscard]] Connection* server() { return open_ ? &server_ : nullptr; }
+    /// Where it is, or was looked for last.
+    [[nodiscard]] const std::string& place() const { return place_; }
 
 private:
     void search();

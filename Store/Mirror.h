@@ -59,6 +59,11 @@ public:
     [[nodiscard]] std::size_t records() const { return nodes_.size(); }
 
 private:
+    /// Bits of a record's fields; the same for all of its class.
+    struct Shape {
+        std::uint64_t computed = 0;
+        std::uint64_t lazy = 0;
+    };
     /// A record, or the entries of a long field.
     struct Node {
         const State::Entity* entity = nullptr;
@@ -72,11 +77,6 @@ private:
         bool isDue = false;
     };
     using Nodes = std::map<std::string, Node, std::less<>>;
-    /// Bits of a record's fields; the same for all of its class.
-    struct Shape {
-        std::uint64_t computed = 0;
-        std::uint64_t lazy = 0;
-    };
 
     void changed(const State::Change& change);
     const Shape& shapeOf(const State::Entity& entity);

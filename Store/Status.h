@@ -27,6 +27,7 @@ public:
     void nameIs(const std::string& v) { assign(name_, v, "name"); }
     /// Who acts; empty: nobody that is known.
     void holderIs(const std::string& v) { assign(holder_, v, "holder"); }
+    [[nodiscard]] const std::string& holder() const { return holder_; }
     /// Who else is there, and whether it could take over.
     void agentIs(const std::string& name, bool ready) { setEntry(agent_, name, ready, "agent"); }
     void agentDel(const std::string& name) { delEntry(agent_, name, "agent"); }

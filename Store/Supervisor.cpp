@@ -21,6 +21,8 @@ constexpr std::size_t batchOctets = 65'536;
 constexpr std::chrono::seconds lazyRhythm{1};
 /// After a store that could not write.
 constexpr std::chrono::seconds writeAgain{1};
+/// Without a lease, another program that writes under the same name is kept out for so long.
+constexpr std::chrono::seconds aloneLease{10};
 
 double secondsOf(Runtime::Duration span) { return std::chrono::duration<double>(span).count(); }
 
@@ -39,6 +41,13 @@ std::uint64_t at(const Reply& reply, std::size_t place) {
                : 0;
 }
 
+/// A store that has come back must be found before the lease is over.
+Options storeOptions(const Supervisor::Options& options, const Term& term) {
+    Options store = options.store;
+    store.longestWait = std::min(store.longestWait, term.rhythm());
+    return store;
+}
+
 }  // namespace
 
 Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options options,
@@ -50,7 +59,7 @@ Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options
       redundancy_{std::move(redundancy)},
       status_{std::move(status)},
       calls_{std::move(calls)},
-      term_{options_.lease},
+      term_{options_.lease == Runtime::Duration{} ? Runtime::Duration{aloneLease} : options_.lease},
       mirror_{database,
               [this] {
                   std::vector<std::string> all{options_.outputs.begin(), options_.outputs.end()};
@@ -71,9 +80,17 @@ Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options
               clockZero(loop),
               [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
               [this](const std::string& line) { say(Tone::warning, line); }},
-      link_{loop, options_.link, [this] { opened(); }, [this](const Link::Loss& loss) { lost(loss); }},
-      news_{loop, options_.link, [this] { newsOpened(); }, [this](const Link::Loss&) { follower_.lost(); },
-            [this](const std::string& channel, const std::string& text) { heard(channel, text); }},
+      store_{loop, storeOptions(options_, term_), options_.seed,
+             {.opened = [this](Connection&) { opened(); },
+              .lost = [this](const std::string& reason) { lost(reason); },
+              .said = [this](bool good, const std::string& line) { say(good ? Tone::notice : Tone::warning, line); },
+              .pushed = [](const std::string&, const std::string&) {},
+              .absent = [this](Runtime::Time asked) { absent(asked); }}},
+      news_{loop, storeOptions(options_, term_), options_.seed + 1,
+            {.opened = [this](Connection& server) { newsOpened(server); },
+             .lost = [this](const std::string&) { follower_.lost(); },
+             .said = [](bool, const std::string&) {},
+             .pushed = [this](const std::string& channel, const std::string& text) { heard(channel, text); }}},
       tick_{loop, [this] { tick(); }},
       expiry_{loop, [this] { check(); }},
       lazy_{loop,
@@ -84,30 +101,40 @@ Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options
             }},
       again_{loop, [this] { writeAll(); }} {
     status_->nameIs(options_.who);
+    if (alone()) {
+        role_ = Role::active;
+        status_->roleIs(role_);
+        return;
+    }
     redundancy_->eventIs("CriticalServices", true);
     redundancy_->modeIs(Redundancy::Mode::standby);
 }
 
 Supervisor::~Supervisor() = default;
 
-void Supervisor::start() {
-    link_.start();
-    news_.start();
+std::string Supervisor::start() {
+    if (std::string problem = store_.start(); !problem.empty()) return problem;
     lazy_.armIn(lazyRhythm);
+    return news_.start();
 }
 
-void Supervisor::ask(std::vector<std::string> words, Link::Answer answer) {
-    if (link_.open()) link_.ask(std::move(words), std::move(answer));
+void Supervisor::ask(const std::vector<std::string>& words, Connection::Answer answer) {
+    if (Connection* server = store_.server()) server->ask(words, std::move(answer));
+}
+
+// Once for each trouble, until it is over.
+void Supervisor::troubleIs(const std::string& line) {
+    status_->problemIs(line);
+    if (trouble_ == line) return;
+    trouble_ = line;
+    if (!line.empty()) say(Tone::warning, line);
 }
 
 // The link to the store
 
 void Supervisor::opened() {
-    term_.opened(loop_.now());
-    status_->serverIs(link_.server());
-    if (!trouble_.empty()) say(Tone::notice, concat("the store answers again: ", link_.server()));
-    trouble_.clear();
-    status_->problemIs({});
+    status_->serverIs(store_.place());
+    troubleIs({});
     inFlight_ = 0;
     complete_ = false;
     if (!options_.inputs.empty()) inputs_.read([] {});
@@ -115,34 +142,34 @@ void Supervisor::opened() {
     tick();
 }
 
-void Supervisor::lost(const Link::Loss& loss) {
-    // A server that is not there gives the role to nobody either.
-    if (loss.nobodyThere && role_ == Role::active) held(loss.since);
-    term_.closed();
+void Supervisor::lost(const std::string& reason) {
+    term_.silent();
+    tick_.cancel();
     follower_.lost();
     inputs_.lost();
     inFlight_ = 0;
     complete_ = false;
     status_->completeIs(false);
-    status_->problemIs(loss.why);
-    if (trouble_ != loss.why) {
-        trouble_ = loss.why;
-        say(Tone::warning, concat("the store is lost: ", loss.why,
-                                  role_ == Role::active ? "; the reservations are carried on" : ""));
-    }
+    status_->problemIs(reason);
+    trouble_ = reason;
+}
+
+// A server that is not there gives the role to nobody either.
+void Supervisor::absent(Runtime::Time asked) {
+    if (role_ == Role::active && !alone()) held(asked);
 }
 
 // The role
 
 void Supervisor::tick() {
     tick_.armIn(term_.rhythm());
-    if (link_.open()) askLease();
+    askLease();
 }
 
 void Supervisor::askLease() {
     const Runtime::Time asked = loop_.now();
     const bool ready = role_ == Role::active || follower_.sequence().has_value();
-    const bool wish = ready && term_.mayTake(asked);
+    const bool wish = alone() || (ready && term_.mayTake(asked));
     ask({"EVAL", std::string{leaseScript}, "3", names_.lease, names_.meta, names_.agents, options_.id,
          millisecondsText(term_.lease()), wish ? "1" : "0", std::to_string(fence_),
          std::to_string(schemaVersion), names_.roles, ready ? "ready" : "away", options_.who},
@@ -157,46 +184,41 @@ void Supervisor::held(Runtime::Time asked) {
 void Supervisor::answered(Runtime::Time asked, const Reply& reply) {
     status_->answerTimeIs(secondsOf(loop_.now() - asked));
     if (reply.kind == Reply::Kind::error) {
+        term_.silent();
         // A server that only begins to read what it has gives the role to nobody.
-        if (reply.text.starts_with("LOADING")) {
-            if (role_ == Role::active) held(asked);
-            term_.opened(loop_.now());
-        }
-        if (trouble_ != reply.text) {
-            trouble_ = reply.text;
-            status_->problemIs(reply.text);
-            say(Tone::warning, concat("the store refuses the lease: ", reply.text));
-        }
-        return;
+        if (reply.text.starts_with("LOADING")) absent(asked);
+        // Another is the master by now.
+        if (reply.text.starts_with("READONLY")) store_.leave(inOneLine(reply));
+        return troubleIs(concat("the store refuses the lease: ", inOneLine(reply)));
     }
+    term_.grants(loop_.now());
     if (reply.list.size() < 4) return;
     listAgents(reply);
     const std::uint64_t fence = at(reply, 0);
     if (at(reply, 3) > schemaVersion) {
-        const std::string problem = concat("what lies in the store has form ", at(reply, 3),
-                                           ", of a later version; this one knows form ", schemaVersion);
-        if (trouble_ != problem) say(Tone::warning, problem);
-        trouble_ = problem;
-        status_->problemIs(problem);
+        troubleIs(concat("what lies in the store has form ", at(reply, 3),
+                         ", of a later version; this one knows form ", schemaVersion));
+    } else if (alone() && fence == 0) {
+        troubleIs(concat("another program writes under the name \"", options_.name, "\": ", status_->holder()));
     }
     if (fence == 0) {
         // That the store has forgotten who had it is no reason to stop: it is asked again, for us.
-        if ((taking_ || role_ == Role::active) && !reply.list[2].text.empty())
+        if (alone()) {
+            complete_ = false;
+        } else if ((taking_ || role_ == Role::active) && !reply.list[2].text.empty()) {
             endRole("another supervisor is");
+        }
         return;
     }
     const bool changed = std::exchange(fence_, fence) != fence;
     status_->fenceIs(fence_);
-    held(asked);
-    if (!term_.acting(loop_.now())) {
-        const std::string problem =
-            concat("the store takes ", secondsOf(loop_.now() - asked),
-                   " s for an answer, too long for a lease of ", secondsOf(term_.lease()), " s");
-        if (trouble_ != problem) say(Tone::warning, problem);
-        trouble_ = problem;
-        status_->problemIs(problem);
-        return;
+    if (!alone()) {
+        held(asked);
+        if (!term_.acting(loop_.now()))
+            return troubleIs(concat("the store takes longer for an answer than a lease of ",
+                                    secondsOf(term_.lease()), " s allows"));
     }
+    troubleIs({});
     if (role_ == Role::standby) {
         if (!taking_) take(at(reply, 1));
     } else if (changed || !complete_) {
@@ -263,7 +285,7 @@ void Supervisor::flush() {
 }
 
 void Supervisor::sendBatches() {
-    if (role_ != Role::active || !complete_ || !link_.open()) return;
+    if (role_ != Role::active || !complete_ || !open()) return;
     if (mirror_.overflowed()) return writeAll();
     while (inFlight_ < mostInFlight && mirror_.waiting()) {
         Mirror::Batch batch = mirror_.take(batchOctets);
@@ -286,20 +308,12 @@ void Supervisor::sendBatches() {
 void Supervisor::written(const Reply& reply, std::size_t records) {
     --inFlight_;
     if (reply.kind == Reply::Kind::error) {
-        if (reply.text.starts_with("FENCED")) {
-            // Who has it is told with the lease; an empty store is written anew once the lease is ours in it.
-            complete_ = false;
-            askLease();
-        } else {
-            if (trouble_ != reply.text) {
-                trouble_ = reply.text;
-                status_->problemIs(reply.text);
-                say(Tone::warning, concat("the store takes nothing in: ", reply.text));
-            }
-            complete_ = false;
-            again_.armIn(writeAgain);
-        }
+        complete_ = false;
         status_->completeIs(false);
+        // Who has it is told with the lease; an empty store is written anew once the lease is ours in it.
+        if (reply.text.starts_with("FENCED")) return askLease();
+        troubleIs(concat("the store takes nothing in: ", inOneLine(reply)));
+        again_.armIn(writeAgain);
         return;
     }
     status_->batchDone(records);
@@ -307,7 +321,7 @@ void Supervisor::written(const Reply& reply, std::size_t records) {
 }
 
 void Supervisor::writeAll() {
-    if (role_ != Role::active || !link_.open()) return;
+    if (role_ != Role::active || !open()) return;
     complete_ = false;
     ask({"SMEMBERS", names_.records}, [this](const Reply& reply) {
         if (role_ != Role::active || reply.kind == Reply::Kind::error) return;
@@ -326,16 +340,11 @@ void Supervisor::writeAll() {
 
 // What is read
 
-void Supervisor::newsOpened() {
-    const auto subscribe = [this](const std::string& channel) {
-        news_.ask({"SUBSCRIBE", channel}, [](const Reply&) {});
-    };
-    subscribe(names_.changes);
-    subscribe(names_.roles);
-    if (!options_.inputs.empty()) subscribe(names_.inputs);
+void Supervisor::newsOpened(Connection& server) {
+    server.ask({"SUBSCRIBE", names_.changes, names_.roles, names_.inputs}, {});
     // What was told meanwhile is not told again.
-    if (role_ == Role::standby && link_.open()) readAll();
-    if (!options_.inputs.empty() && link_.open()) inputs_.read([] {});
+    if (role_ == Role::standby) readAll();
+    if (!options_.inputs.empty() && open()) inputs_.read([] {});
 }
 
 void Supervisor::heard(const std::string& channel, const std::string& text) {
@@ -347,15 +356,17 @@ void Supervisor::heard(const std::string& channel, const std::string& text) {
             paths.emplace_back(rest.substr(0, rest.find('\n')));
             rest.remove_prefix(std::min(rest.size(), paths.back().size() + 1));
         }
-        inputs_.changed(paths);
-    } else if (text == options_.id && link_.open()) {
+        if (!options_.inputs.empty()) inputs_.changed(paths);
+    } else if (text == options_.id) {
         askLease();
     }
 }
 
 void Supervisor::readAll() {
-    if (!link_.open()) return;
-    follower_.read([this] { status_->completeIs(role_ == Role::active ? status_->complete() : true); });
+    if (!open()) return;
+    follower_.read([this] {
+        if (role_ == Role::standby) status_->completeIs(true);
+    });
 }
 
 void Supervisor::listAgents(const Reply& reply) {
@@ -385,9 +396,9 @@ void Supervisor::publish() { status_->backlogIs(mirror_.backlog()); }
 std::string Supervisor::handOver() {
     if (role_ != Role::active) return "this supervisor is not active";
     if (leaving_) return "it is handed over already";
-    if (!link_.open()) return concat("the store cannot be asked: ", status_->problem());
+    if (!open()) return concat("the store cannot be asked: ", status_->problem());
     if (heir_.empty()) return "no other supervisor is ready";
-    leave(heir_, [this](const std::string& problem) {
+    handTo(heir_, [this](const std::string& problem) {
         if (problem.empty()) return endRole("handed over");
         say(Tone::warning, concat("not handed over: ", problem));
         // What it was doing goes on.
@@ -399,7 +410,12 @@ std::string Supervisor::handOver() {
     return {};
 }
 
-void Supervisor::leave(const std::string& heir, std::function<void(const std::string& problem)> done) {
+void Supervisor::leave(std::function<void(bool toAnother)> done) {
+    if (role_ != Role::active || leaving_ || heir_.empty() || !open()) return done(false);
+    handTo(heir_, [done = std::move(done)](const std::string& problem) { done(problem.empty()); });
+}
+
+void Supervisor::handTo(const std::string& heir, std::function<void(const std::string& problem)> done) {
     leaving_ = true;
     // From here on nothing changes any more; what has changed is written before the other one reads it.
     redundancy_->modeIs(Redundancy::Mode::standby);
@@ -407,7 +423,7 @@ void Supervisor::leave(const std::string& heir, std::function<void(const std::st
     flushed_ = [this, heir, done = std::move(done)] {
         ask({"EVAL", std::string{handOverScript}, "3", names_.lease, names_.meta, names_.agents, options_.id,
              std::to_string(fence_), millisecondsText(term_.lease()), names_.roles, heir},
-            [done](const Reply& reply) { done(reply.kind == Reply::Kind::error ? reply.text : ""); });
+            [done](const Reply& reply) { done(reply.kind == Reply::Kind::error ? inOneLine(reply) : ""); });
     };
     loop_.post([this] { sendBatches(); });
 }

@@ -8,8 +8,8 @@
 #include "Runtime/Loop.h"
 #include "Runtime/Redundancy.h"
 #include "State/Database.h"
+#include "Store/Finder.h"
 #include "Store/Follower.h"
-#include "Store/Link.h"
 #include "Store/Mirror.h"
 #include "Store/Names.h"
 #include "Store/Status.h"
@@ -29,10 +29,12 @@ class Supervisor {
 public:
     using Paths = std::set<std::string, std::less<>>;
     struct Options {
-        Link::Options link{};
-        std::string name{};  ///< of the switch
-        std::string id{};    ///< of this process, unlike that of any other, now or before
-        std::string who{};   ///< of this supervisor, for people
+        Store::Options store{};
+        std::uint64_t seed = 1;  ///< of the random part of waits
+        std::string name{};      ///< of the switch
+        std::string id{};        ///< of this process, unlike that of any other, now or before
+        std::string who{};       ///< of this supervisor, for people
+        /// 0: it is the only one, and always acts; the store gets what it does.
         Runtime::Duration lease{std::chrono::seconds{1}};
         Paths outputs{};  ///< records that the acting one writes, and the other takes over
         Paths inputs{};   ///< records that other programs write in the store
@@ -48,7 +50,7 @@ public:
         std::function<void(Tone tone, const std::string& line)> report;
     };
 
-    /// `redundancy` follows the role.
+    /// `redundancy` follows the role; it may be null without a lease, when `begin` and `end` are never called.
     Supervisor(Runtime::FdLoop& loop, State::Database& database, Options options,
                std::shared_ptr<Redundancy::RedundancyStatus> redundancy, std::shared_ptr<Status> status,
                Calls calls);
@@ -56,7 +58,8 @@ public:
     Supervisor& operator=(const Supervisor&) = delete;
     ~Supervisor();
 
-    void start();
+    /// Empty on success; else one line on what is wrong with the options, and nothing has begun.
+    std::string start();
     /// Whether what is done on behalf of the role is still covered by it.  To be asked before anything that
     /// others see, for the process may have stood still.
     [[nodiscard]] bool mayAct() const { return role_ == Role::active && term_.acting(loop_.now()); }
@@ -65,14 +68,16 @@ public:
 
     /// Begins to hand the role to another that is ready.  One line: it cannot.
     std::string handOver();
-    /// Hands the role to another that is ready, or else gives it back; what changed last is written before.
-    /// `done` is called once, unless the store does not answer.
-    void leave(std::function<void()> done);
+    /// Hands the role to another that is ready; what changed last is written before.  `done` is called once,
+    /// unless the store does not answer, with whether another has the role.
+    void leave(std::function<void(bool toAnother)> done);
 
 private:
+    [[nodiscard]] bool alone() const { return options_.lease == Runtime::Duration{}; }
     void opened();
-    void lost(const Link::Loss& loss);
-    void newsOpened();
+    void lost(const std::string& reason);
+    void absent(Runtime::Time asked);
+    void newsOpened(Connection& server);
     void heard(const std::string& channel, const std::string& text);
     void tick();
     void askLease();
@@ -87,10 +92,12 @@ private:
     void writeAll();
     void readAll();
     void listAgents(const Reply& reply);
-    void leave(const std::string& heir, std::function<void(const std::string& problem)> done);
+    void handTo(const std::string& heir, std::function<void(const std::string& problem)> done);
     void publish();
     void say(Tone tone, const std::string& line) { calls_.report(tone, line); }
-    void ask(std::vector<std::string> words, Link::Answer answer);
+    void ask(const std::vector<std::string>& words, Connection::Answer answer);
+    void troubleIs(const std::string& line);
+    [[nodiscard]] bool open() { return store_.server() != nullptr; }
 
     Runtime::FdLoop& loop_;
     const Options options_;
@@ -102,8 +109,8 @@ private:
     Mirror mirror_;
     Follower follower_;  ///< of what the acting one writes
     Follower inputs_;    ///< of what other programs write
-    Link link_;          ///< questions
-    Link news_;          ///< what is told unasked
+    Finder store_;       ///< for questions
+    Finder news_;        ///< for what is told unasked
     Runtime::Timer tick_;
     Runtime::Timer expiry_;
     Runtime::Timer lazy_;

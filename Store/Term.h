@@ -23,9 +23,11 @@ public:
     /// The role is somebody else's.
     void lost() { until_.reset(); }
 
-    /// The store can be asked from now on.
-    void opened(Time now) { openedAt_ = now; }
-    void closed() { openedAt_.reset(); }
+    /// The store gives the role to whoever asks; not so while it reads its data, or is out of reach.
+    void grants(Time now) {
+        if (!grantsSince_) grantsSince_ = now;
+    }
+    void silent() { grantsSince_.reset(); }
 
     [[nodiscard]] bool acting(Time now) const { return until_ && now < *until_; }
     /// The end of it, as far as is known.
@@ -33,7 +35,7 @@ public:
     /// Who did not act just now may take a free role only when every other has stopped who could not reach
     /// the store meanwhile, or has found it without its lease.
     [[nodiscard]] bool mayTake(Time now) const {
-        return acting(now) || (openedAt_ && now >= *openedAt_ + lease_);
+        return acting(now) || (grantsSince_ && now >= *grantsSince_ + lease_);
     }
 
     /// What is left of a lease for the end of acting.
@@ -45,7 +47,7 @@ public:
 private:
     const Duration lease_;
     std::optional<Time> until_;
-    std::optional<Time> openedAt_;
+    std::optional<Time> grantsSince_;
 };
 
 }  // namespace Store

@@ -32,40 +32,45 @@ bool isOwnEnd(int fd) {
            std::memcmp(&here, &there, hereLength) == 0;
 }
 
+NotConnected notConnected(int error) {
+    return {.problem = systemProblem(error), .nobodyThere = error == ECONNREFUSED || error == ENOENT};
+}
+
 }  // namespace
 
 std::unique_ptr<Transport> Transport::open(const Address& to, const TlsFiles& tls, TlsContext& context,
-                                           std::string& problem) {
+                                           NotConnected& why) {
     std::unique_ptr<TlsSession> session;
     if (tls.on && to.isUnix()) {
-        problem = "TLS is not used over Unix sockets";
+        why.problem = "TLS is not used over Unix sockets";
         return nullptr;
     }
     if (tls.on) {
-        session = TlsSession::begin(tls, context, to.host(), problem);
+        session = TlsSession::begin(tls, context, to.host(), why.problem);
         if (!session) return nullptr;
     }
     Runtime::FileDescriptor fd{::socket(to.get()->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     if (!fd) {
-        problem = systemProblem(errno);
+        why = {.problem = systemProblem(errno)};
         return nullptr;
     }
     const int on = 1;
     if (!to.isUnix()) ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (::connect(fd.get(), to.get(), to.length()) != 0 && errno != EINPROGRESS) {
         // Of a Unix socket: its server has more to accept than it may keep waiting.
-        problem = errno == EAGAIN ? "the server does not accept connections" : systemProblem(errno);
+        why = errno == EAGAIN ? NotConnected{.problem = "the server does not accept connections"}
+                              : notConnected(errno);
         return nullptr;
     }
     return std::unique_ptr<Transport>{new Transport{std::move(fd), std::move(session)}};
 }
 
-std::string Transport::connected() {
+NotConnected Transport::connected() {
     int error = 0;
     socklen_t length = sizeof error;
     if (::getsockopt(fd_.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
     if (error == 0 && isOwnEnd(fd_.get())) error = ECONNREFUSED;
-    if (error != 0) return systemProblem(error);
+    if (error != 0) return notConnected(error);
     connected_ = true;
     return {};
 }

@@ -11,21 +11,26 @@
 
 namespace Store {
 
+/// Why there is no connection.
+struct NotConnected {
+    std::string problem{};     ///< one line; empty: there is one
+    bool nobodyThere = false;  ///< no program listens at that address
+};
+
 /// Problems are one line each, without the address; after one, nothing is to be asked of it any more.
 class Transport {
 public:
     /// What one call of `receive` takes from the socket at most, in octets.
     static constexpr std::size_t gulp = 16384;
 
-    /// Begins to connect; `context` is one that may be used again.  Null on failure, and then `problem` is
-    /// one line.
+    /// Begins to connect; `context` is one that may be used again.  Null on failure, and then `why` tells it.
     static std::unique_ptr<Transport> open(const Address& to, const TlsFiles& tls, TlsContext& context,
-                                           std::string& problem);
+                                           NotConnected& why);
 
     /// To be watched: until `connected` for writable, then for readable, and for writable while `unsent`.
     [[nodiscard]] int get() const { return fd_.get(); }
-    /// Once the socket is writable.  Empty on success, else the problem.
-    std::string connected();
+    /// Once the socket is writable.
+    NotConnected connected();
     /// Connected, and where TLS is used, agreed with the server: plain octets can be sent.
     [[nodiscard]] bool ready() const { return connected_ && (!tls_ || tls_->established()); }
 

@@ -54,7 +54,7 @@ std::optional<Objection> storeObjection(const ConfigRecords& records) {
             return Objection{{"redundancy/config", "lease"}, "needs a store, and store/config names none"};
         return std::nullopt;
     }
-    if (const std::string problem = Store::Link::problem(linkOptions(*store)); !problem.empty())
+    if (const std::string problem = Store::problemOf(storeOptions(*store)); !problem.empty())
         return Objection{{"store/config"}, problem};
     const std::string& name = store->name();
     if (name.empty() || name.find_first_of("{} \t\n") != std::string::npos)

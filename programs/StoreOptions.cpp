@@ -21,19 +21,21 @@ std::string machine() {
 
 }  // namespace
 
-Store::Link::Options linkOptions(const Store::Config& config) {
-    Store::Link::Options options{.user = config.user(),
-                                 .passwordFile = config.passwordFile(),
-                                 .tls = {.authorities = config.tlsAuthorities(),
-                                         .certificate = config.tlsCertificate(),
-                                         .key = config.tlsKey(),
-                                         .name = config.tlsName()},
-                                 .server = config.redis(),
-                                 .sentinels = {},
-                                 .master = config.master(),
-                                 .patience = spanOf(config.patience())};
-    std::istringstream sentinels{config.sentinels()};
-    for (std::string one; sentinels >> one;) options.sentinels.push_back(one);
+Store::Options storeOptions(const Store::Config& config) {
+    Store::Options options{.addresses = {},
+                           .master = config.sentinels().empty() ? "" : config.master(),
+                           .access = {.user = config.user(),
+                                      .passwordFile = config.passwordFile(),
+                                      .tls = {.on = config.tls(),
+                                              .authorities = config.tlsAuthorities(),
+                                              .certificate = config.tlsCertificate(),
+                                              .key = config.tlsKey(),
+                                              .server = config.tlsName()}},
+                           .sentinelUser = config.sentinelUser(),
+                           .sentinelPasswordFile = config.sentinelPasswordFile(),
+                           .patience = spanOf(config.patience())};
+    std::istringstream addresses{config.sentinels().empty() ? config.redis() : config.sentinels()};
+    for (std::string one; addresses >> one;) options.addresses.push_back(one);
     return options;
 }
 
@@ -55,7 +57,8 @@ Store::Supervisor::Options supervisorOptions(const Store::Config& store,
     std::random_device random;
     const std::string name = redundancy.name().empty() ? machine() : redundancy.name();
     Store::Supervisor::Options options{
-        .link = linkOptions(store),
+        .store = storeOptions(store),
+        .seed = random(),
         .name = store.name(),
         .id = Runtime::concat(name, ':', ::getpid(), ':', random(), random()),
         .who = name,

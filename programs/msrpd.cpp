@@ -131,7 +131,7 @@ public:
         ringLog_.clocksAre(loop_.now(), loop_.wallNow());
         agent.start();
         if (!redundant()) startVlans();
-        if (supervisor_) supervisor_->start();
+        if (supervisor_) demand(supervisor_->start());
         const State::Reactor counts = reservations_->react([this](const State::Change&) {
             if (!tellCounts_.armed()) tellCounts_.armIn(std::chrono::seconds{1});
         });
