@@ -126,9 +126,10 @@ void Dataplane::probed(const Abilities& abilities) {
 }
 
 void Dataplane::wake() {
-    if (woken_) return;
-    woken_ = true;
-    loop_.post([this] { carryOut(); });
+    if (std::exchange(woken_, true)) return;
+    loop_.post([this, life = std::weak_ptr{life_}] {
+        if (!life.expired()) carryOut();
+    });
 }
 
 void Dataplane::carryOut() {

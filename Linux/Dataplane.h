@@ -81,6 +81,8 @@ private:
     Runtime::Timer probeAgain_;
     Runtime::Duration patience_{};
     bool woken_ = false;
+    /// Who finds it expired must not touch anything here.
+    const std::shared_ptr<char> life_ = std::make_shared<char>();
     BridgeAgent bridge_;
     VlanAgent vlans_;
     GroupAgent groups_;

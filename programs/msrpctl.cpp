@@ -464,6 +464,9 @@ int main(int argc, char** argv) {
         .numbers("--handle", "Major number of queues (queueHandle); several may follow", o.handles,
                  {1, 0xFFEF})
         .flag("--yes", "Removes it", o.yes);
+    program.command("redundancy", "Several supervisors of one switch")
+        .command("switch", "Another supervisor that is ready acts from now on",
+                 [&] { return act(o, request("switchOver")); });
     program.command("reload",
                     "Lets the daemon read its configuration files again, and tells what has changed",
                     [&] { return reload(o); });

@@ -340,6 +340,7 @@ private:
     void endRole() {
         acting_ = false;
         dataplane_.reset();
+        if (vlans_) vlans_->stop();
         vlans_.reset();
     }
 
