@@ -33,7 +33,8 @@ struct Options {
 std::string problemOf(const Options& options);
 
 /// It connects anew without end: at once when a connection that has lasted is lost, then after waits that
-/// grow from 50 ms to the longest.  Sentinels are asked in turn, and the master must say itself that it is one.
+/// grow from 50 ms to the longest.  Sentinels are asked in turn, and the master must say itself that it is
+/// one.
 class Finder {
 public:
     /// A connection that has been open for so long has lasted.

@@ -4,11 +4,12 @@
 /// is a hash of the fields of a record, or of one in a collection, each in its JSON form; a long field with
 /// entries is a hash of its own, "record:PATH/FIELD", of the entries by their keys.  "records" is the set of
 /// all such paths, also of records without fields.  "meta" is a hash: "schema" the form of all this, "fence"
-/// the number of the role's last change, "sequence" the number of the last batch, "clock" the wall-clock time
-/// in seconds at which the writer's clock was at 0.  "lease" is who acts, "agents" who is there: until when
-/// on the store's clock in milliseconds, whether it is ready to act, its name.  Channels: "changes" has for
-/// each batch its sequence and the paths that changed in it, a line each; "roles" the new holder at each
-/// change of role; on "inputs" other programs tell the paths that they have written, a line each.
+/// the number of the role's last change, "holder" who acts and "until" until when on the store's clock in
+/// milliseconds, "sequence" the number of the last batch, "clock" the wall-clock time in seconds at which the
+/// writer's clock was at 0.  "agents" is who is there: until when, whether it is ready to act, its name.
+/// Channels: "changes" has for each batch its sequence and the paths that changed in it, a line each; "roles"
+/// the new holder at each change of role; on "inputs" other programs tell the paths that they have written, a
+/// line each.
 #pragma once
 
 #include "Runtime/Text.h"
@@ -27,7 +28,6 @@ struct Names {
           record{prefix + "record:"},
           records{prefix + "records"},
           meta{prefix + "meta"},
-          lease{prefix + "lease"},
           agents{prefix + "agents"},
           changes{prefix + "changes"},
           roles{prefix + "roles"},
@@ -37,7 +37,6 @@ struct Names {
     std::string record;  ///< before a path
     std::string records;
     std::string meta;
-    std::string lease;
     std::string agents;
     std::string changes;
     std::string roles;

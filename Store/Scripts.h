@@ -6,64 +6,67 @@
 
 namespace Store {
 
-/// Takes the role, or keeps it, and tells who is there.  KEYS: lease, meta, agents.  ARGV: id, milliseconds,
-/// "1" to take it where nobody has it, the highest number that the asker knows, the newest form of the store
-/// that it knows, the channel for roles, "ready" or "away", a name.  Gives the role's number when the asker
-/// has it, else 0; the last batch's sequence; the holder, empty for none; the store's form; then id, state
-/// and name of every agent.
+/// Takes the role, or keeps it, and tells who is there.  KEYS: meta, agents.  ARGV: id, milliseconds, "take",
+/// "keep" (the asker acts) or "look", the highest number that the asker knows, the lease that it has looked
+/// at long enough to know that its holder does not act any more, the newest form of the store that it knows,
+/// the channel for roles, "ready" or "away", a name.  Gives the role's number when the asker has it, else 0;
+/// the last batch's sequence; the holder's id, empty for none; the store's form; the store's number; the
+/// lease as it is now; the milliseconds that it still lasts; then id, state and name of every agent.
+///
+/// A lease that is over by the store's clock is not enough: that clock can be set, and a store can lose what
+/// it had.  So only a lease is taken that its asker has seen unchanged by its own clock.
 inline constexpr std::string_view leaseScript = R"lua(
-local sequence = tonumber(redis.call('HGET', KEYS[2], 'sequence') or '0')
-local schema = tonumber(redis.call('HGET', KEYS[2], 'schema') or '1')
-if schema > tonumber(ARGV[5]) then return {0, sequence, '', schema} end
+local meta = redis.call('HMGET', KEYS[1], 'schema', 'fence', 'holder', 'until', 'sequence')
+local schema, sequence = tonumber(meta[1] or '1'), tonumber(meta[5] or '0')
+if schema > tonumber(ARGV[6]) then return {0, sequence, '', schema, 0, '', 0} end
 local time = redis.call('TIME')
 local now = time[1] * 1000 + math.floor(time[2] / 1000)
-redis.call('HSET', KEYS[3], ARGV[1], string.format('%.0f %s %s', now + 3 * ARGV[2], ARGV[7], ARGV[8]))
+redis.call('HSET', KEYS[2], ARGV[1], string.format('%.0f %s %s', now + 3 * ARGV[2], ARGV[8], ARGV[9]))
 local agents = {}
-local listed = redis.call('HGETALL', KEYS[3])
+local listed = redis.call('HGETALL', KEYS[2])
 for i = 1, #listed, 2 do
   local deadline, state, name = string.match(listed[i + 1], '^(%d+) (%a+) (.*)$')
   if not deadline or tonumber(deadline) < now then
-    redis.call('HDEL', KEYS[3], listed[i])
+    redis.call('HDEL', KEYS[2], listed[i])
   else
     agents[#agents + 1] = listed[i]
     agents[#agents + 1] = state
     agents[#agents + 1] = name
   end
 end
-local holder = redis.call('GET', KEYS[1])
-local fence = tonumber(redis.call('HGET', KEYS[2], 'fence') or '0')
-if holder == ARGV[1] and fence >= tonumber(ARGV[4]) then
-  redis.call('PEXPIRE', KEYS[1], ARGV[2])
-elseif (holder and holder ~= ARGV[1]) or ARGV[3] ~= '1' then
-  fence = 0
-else
-  redis.call('SET', KEYS[1], ARGV[1], 'PX', ARGV[2])
-  fence = math.max(fence, tonumber(ARGV[4])) + 1
-  redis.call('HSET', KEYS[2], 'schema', ARGV[5], 'fence', fence, 'holder', ARGV[8])
-  redis.call('PUBLISH', ARGV[6], ARGV[1])
-  holder = ARGV[1]
+local fence, holder, last = tonumber(meta[2] or '0'), meta[3] or '', tonumber(meta[4] or '0')
+local known, wish, mine = tonumber(ARGV[4]), ARGV[3], 0
+local held = holder ~= '' and last > now
+local lease = (meta[2] or '') .. ' ' .. (meta[4] or '')
+if holder == ARGV[1] and ((wish == 'keep' and fence == known) or (held and fence > known)) then
+  mine = fence
+elseif not held and (wish == 'keep' or (wish == 'take' and lease == ARGV[5])) then
+  mine = math.max(fence, known) + 1
+  redis.call('PUBLISH', ARGV[7], ARGV[1])
 end
-return {fence, sequence, holder or '', schema, unpack(agents)}
+if mine ~= 0 then
+  holder, fence, last = ARGV[1], mine, now + ARGV[2]
+  lease = string.format('%d %.0f', fence, last)
+  redis.call('HSET', KEYS[1], 'schema', ARGV[6], 'fence', fence, 'holder', holder, 'until',
+             string.format('%.0f', last))
+elseif not held then
+  holder = ''
+end
+return {mine, sequence, holder, schema, fence, lease, math.max(0, last - now), unpack(agents)}
 )lua";
 
-/// Gives the role to another at once, or back where there is none.  KEYS: lease, meta, agents.  ARGV: id,
-/// number, milliseconds, channel, the heir's id, empty for none.  Gives the new number.
+/// Gives the role to another that is ready, at once.  KEYS: meta, agents.  ARGV: id, number, milliseconds,
+/// channel, the heir's id.  Gives the new number.
 inline constexpr std::string_view handOverScript = R"lua(
-local fence = tonumber(redis.call('HGET', KEYS[2], 'fence') or '0')
-if fence ~= tonumber(ARGV[2]) or redis.call('GET', KEYS[1]) ~= ARGV[1] then
-  return redis.error_reply('FENCED ' .. fence)
+local meta = redis.call('HMGET', KEYS[1], 'fence', 'holder')
+local fence = tonumber(meta[1] or '0')
+if fence ~= tonumber(ARGV[2]) or meta[2] ~= ARGV[1] then return redis.error_reply('FENCED ' .. fence) end
+if not string.match(redis.call('HGET', KEYS[2], ARGV[5]) or '', '^%d+ ready ') then
+  return redis.error_reply('ABSENT ' .. ARGV[5])
 end
-if ARGV[5] == '' then
-  redis.call('DEL', KEYS[1])
-  redis.call('HDEL', KEYS[3], ARGV[1])
-else
-  local agent = redis.call('HGET', KEYS[3], ARGV[5]) or ''
-  local state, name = string.match(agent, '^%d+ (%a+) (.*)$')
-  if state ~= 'ready' then return redis.error_reply('ABSENT ' .. ARGV[5]) end
-  redis.call('SET', KEYS[1], ARGV[5], 'PX', ARGV[3])
-  redis.call('HSET', KEYS[2], 'holder', name)
-end
-redis.call('HSET', KEYS[2], 'fence', fence + 1)
+local time = redis.call('TIME')
+local last = time[1] * 1000 + math.floor(time[2] / 1000) + ARGV[3]
+redis.call('HSET', KEYS[1], 'fence', fence + 1, 'holder', ARGV[5], 'until', string.format('%.0f', last))
 redis.call('PUBLISH', ARGV[4], ARGV[5])
 return fence + 1
 )lua";

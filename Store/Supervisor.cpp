@@ -23,6 +23,8 @@ constexpr std::chrono::seconds lazyRhythm{1};
 constexpr std::chrono::seconds writeAgain{1};
 /// Without a lease, another program that writes under the same name is kept out for so long.
 constexpr std::chrono::seconds aloneLease{10};
+/// Of the answer of `leaseScript`, before the agents.
+constexpr std::size_t leaseParts = 7;
 
 double secondsOf(Runtime::Duration span) { return std::chrono::duration<double>(span).count(); }
 
@@ -80,17 +82,23 @@ Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options
               clockZero(loop),
               [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
               [this](const std::string& line) { say(Tone::warning, line); }},
-      store_{loop, storeOptions(options_, term_), options_.seed,
+      store_{loop,
+             storeOptions(options_, term_),
+             options_.seed,
              {.opened = [this](Connection&) { opened(); },
               .lost = [this](const std::string& reason) { lost(reason); },
-              .said = [this](bool good, const std::string& line) { say(good ? Tone::notice : Tone::warning, line); },
+              .said = [this](bool good,
+                             const std::string& line) { say(good ? Tone::notice : Tone::warning, line); },
               .pushed = [](const std::string&, const std::string&) {},
               .absent = [this](Runtime::Time asked) { absent(asked); }}},
-      news_{loop, storeOptions(options_, term_), options_.seed + 1,
-            {.opened = [this](Connection& server) { newsOpened(server); },
-             .lost = [this](const std::string&) { follower_.lost(); },
-             .said = [](bool, const std::string&) {},
-             .pushed = [this](const std::string& channel, const std::string& text) { heard(channel, text); }}},
+      news_{
+          loop,
+          storeOptions(options_, term_),
+          options_.seed + 1,
+          {.opened = [this](Connection& server) { newsOpened(server); },
+           .lost = [this](const std::string&) { follower_.lost(); },
+           .said = [](bool, const std::string&) {},
+           .pushed = [this](const std::string& channel, const std::string& text) { heard(channel, text); }}},
       tick_{loop, [this] { tick(); }},
       expiry_{loop, [this] { check(); }},
       lazy_{loop,
@@ -169,9 +177,11 @@ void Supervisor::tick() {
 void Supervisor::askLease() {
     const Runtime::Time asked = loop_.now();
     const bool ready = role_ == Role::active || follower_.sequence().has_value();
-    const bool wish = alone() || (ready && term_.mayTake(asked));
-    ask({"EVAL", std::string{leaseScript}, "3", names_.lease, names_.meta, names_.agents, options_.id,
-         millisecondsText(term_.lease()), wish ? "1" : "0", std::to_string(fence_),
+    const auto freeAt = term_.freeAt();
+    const bool mayTake = ready && freeAt && asked >= *freeAt;
+    const char* const wish = role_ == Role::active && !leaving_ ? "keep" : mayTake ? "take" : "look";
+    ask({"EVAL", std::string{leaseScript}, "2", names_.meta, names_.agents, options_.id,
+         millisecondsText(term_.lease()), wish, std::to_string(fence_), term_.seen(),
          std::to_string(schemaVersion), names_.roles, ready ? "ready" : "away", options_.who},
         [this, asked](const Reply& reply) { answered(asked, reply); });
 }
@@ -184,29 +194,42 @@ void Supervisor::held(Runtime::Time asked) {
 void Supervisor::answered(Runtime::Time asked, const Reply& reply) {
     status_->answerTimeIs(secondsOf(loop_.now() - asked));
     if (reply.kind == Reply::Kind::error) {
-        term_.silent();
         // A server that only begins to read what it has gives the role to nobody.
-        if (reply.text.starts_with("LOADING")) absent(asked);
+        if (reply.text.starts_with("LOADING")) {
+            term_.silent();
+            absent(asked);
+        }
         // Another is the master by now.
         if (reply.text.starts_with("READONLY")) store_.leave(inOneLine(reply));
         return troubleIs(concat("the store refuses the lease: ", inOneLine(reply)));
     }
-    term_.grants(loop_.now());
-    if (reply.list.size() < 4) return;
+    if (reply.list.size() < leaseParts) return;
+    term_.saw(reply.list[5].text, loop_.now());
     listAgents(reply);
     const std::uint64_t fence = at(reply, 0);
     if (at(reply, 3) > schemaVersion) {
         troubleIs(concat("what lies in the store has form ", at(reply, 3),
                          ", of a later version; this one knows form ", schemaVersion));
     } else if (alone() && fence == 0) {
-        troubleIs(concat("another program writes under the name \"", options_.name, "\": ", status_->holder()));
+        troubleIs(
+            concat("another program writes under the name \"", options_.name, "\": ", status_->holder()));
     }
     if (fence == 0) {
         // That the store has forgotten who had it is no reason to stop: it is asked again, for us.
         if (alone()) {
             complete_ = false;
-        } else if ((taking_ || role_ == Role::active) && !reply.list[2].text.empty()) {
+        } else if ((taking_ || role_ == Role::active) && !leaving_) {
             endRole("another supervisor is");
+        }
+        // A store that has lost what it had does not know it any more.
+        fence_ = std::max(fence_, at(reply, 4));
+        status_->fenceIs(fence_);
+        // Its holder may be dead: it is asked for as soon as it is over.
+        if (const auto freeAt = term_.freeAt()) {
+            const Runtime::Time over =
+                std::max(*freeAt, loop_.now() + std::chrono::milliseconds{at(reply, 6)} +
+                                      std::chrono::milliseconds{1});
+            if (over < tick_.when()) tick_.armAt(over);
         }
         return;
     }
@@ -372,7 +395,7 @@ void Supervisor::readAll() {
 void Supervisor::listAgents(const Reply& reply) {
     std::map<std::string, bool> there;
     heir_.clear();
-    for (std::size_t i = 4; i + 2 < reply.list.size(); i += 3) {
+    for (std::size_t i = leaseParts; i + 2 < reply.list.size(); i += 3) {
         const std::string& id = reply.list[i].text;
         const bool ready = reply.list[i + 1].text == "ready";
         if (id == reply.list[2].text) status_->holderIs(reply.list[i + 2].text);
@@ -421,7 +444,7 @@ void Supervisor::handTo(const std::string& heir, std::function<void(const std::s
     redundancy_->modeIs(Redundancy::Mode::standby);
     calls_.end();
     flushed_ = [this, heir, done = std::move(done)] {
-        ask({"EVAL", std::string{handOverScript}, "3", names_.lease, names_.meta, names_.agents, options_.id,
+        ask({"EVAL", std::string{handOverScript}, "2", names_.meta, names_.agents, options_.id,
              std::to_string(fence_), millisecondsText(term_.lease()), names_.roles, heir},
             [done](const Reply& reply) { done(reply.kind == Reply::Kind::error ? inOneLine(reply) : ""); });
     };

@@ -50,7 +50,8 @@ public:
         std::function<void(Tone tone, const std::string& line)> report;
     };
 
-    /// `redundancy` follows the role; it may be null without a lease, when `begin` and `end` are never called.
+    /// `redundancy` follows the role; it may be null without a lease, when `begin` and `end` are never
+    /// called.
     Supervisor(Runtime::FdLoop& loop, State::Database& database, Options options,
                std::shared_ptr<Redundancy::RedundancyStatus> redundancy, std::shared_ptr<Status> status,
                Calls calls);

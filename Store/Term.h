@@ -1,11 +1,12 @@
-/// How long an agent may act on what it knows of its lease.  Times are those of its own clock, which does not
-/// stop and is not set; nothing here reads one.
+/// How long an agent may act on what it knows of its lease, and when it may take another's.  Times are those
+/// of its own clock, which does not stop and is not set; nothing here reads one.
 #pragma once
 
 #include "Runtime/Time.h"
 
 #include <algorithm>
 #include <optional>
+#include <string>
 
 namespace Store {
 
@@ -23,31 +24,36 @@ public:
     /// The role is somebody else's.
     void lost() { until_.reset(); }
 
-    /// The store gives the role to whoever asks; not so while it reads its data, or is out of reach.
-    void grants(Time now) {
-        if (!grantsSince_) grantsSince_ = now;
+    /// What the store says of the lease, by an answer that came `now`.
+    void saw(const std::string& lease, Time now) {
+        if (unchangedSince_ && lease == seen_) return;
+        seen_ = lease;
+        unchangedSince_ = now;
     }
-    void silent() { grantsSince_.reset(); }
+    /// The store cannot be asked: what is seen next may have changed just then.
+    void silent() { unchangedSince_.reset(); }
+    [[nodiscard]] const std::string& seen() const { return seen_; }
 
     [[nodiscard]] bool acting(Time now) const { return until_ && now < *until_; }
     /// The end of it, as far as is known.
     [[nodiscard]] std::optional<Time> until() const { return until_; }
-    /// Who did not act just now may take a free role only when every other has stopped who could not reach
-    /// the store meanwhile, or has found it without its lease.
-    [[nodiscard]] bool mayTake(Time now) const {
-        return acting(now) || (grantsSince_ && now >= *grantsSince_ + lease_);
+    /// Whoever kept this lease last did so before it was first seen, and does not act any more.  Empty while
+    /// that is not known of any.
+    [[nodiscard]] std::optional<Time> freeAt() const {
+        return unchangedSince_ ? std::optional{*unchangedSince_ + span()} : std::nullopt;
     }
 
     /// What is left of a lease for the end of acting.
     [[nodiscard]] Duration span() const { return lease_ - lease_ / 10; }
     /// Between two questions: several may be lost.
-    [[nodiscard]] Duration rhythm() const { return lease_ / 5; }
+    [[nodiscard]] Duration rhythm() const { return lease_ / 10; }
     [[nodiscard]] Duration lease() const { return lease_; }
 
 private:
     const Duration lease_;
     std::optional<Time> until_;
-    std::optional<Time> grantsSince_;
+    std::string seen_;
+    std::optional<Time> unchangedSince_;
 };
 
 }  // namespace Store
