@@ -231,7 +231,7 @@ std::optional<GroupProblem> GroupAgent::added(const GroupMember& member, const G
 void GroupAgent::deleted(const GroupMember& member, GroupReaction reaction) {
     if (reaction == GroupReaction::done) return;
     if (reaction == GroupReaction::reread) contested_.changed(member, loop_.now());
-    // It is asked for again after the table has been read.
+    // It is asked for again when the table has been read, which is once a second at most.
     unsure_.insert(member.group.mac);
     readSoon();
 }

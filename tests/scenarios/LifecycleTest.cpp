@@ -306,7 +306,6 @@ TEST(Standby, PublishesNothing) {
     EXPECT_DEATH(redundancy->modeIs(Redundancy::Mode::simplex), "Unexpected redundancy mode");
 }
 
-}  // namespace
 TEST(Lifecycle, AnAgentDoesNotStartWithoutARecordThatItNeeds) {
     for (const char* path :
          {"msrp/cliConfig", "msrp/config", "msrp/status", "mrp/config", "mrp/status", "bridging/config",
@@ -339,4 +338,5 @@ TEST_F(Scenario, WhoLooksAfterFramesLearnsWhatTalkersMaySend) {
     EXPECT_NE(told().find("0x1"), 1U);
 }
 
+}  // namespace
 }  // namespace Sim
