@@ -48,7 +48,7 @@ void LogLimiter::line(int severity, std::string_view port, const std::string& te
 }
 
 void LogLimiter::leaveOut(Share& share, std::uint64_t count) {
-    if (std::exchange(share.leftOut, share.leftOut + count) > 0) return;
+    share.leftOut += count;
     if (toTell_ <= loop_.now()) toTell_ = loop_.now() + minute;
     if (!timer_.armed()) timer_.armIn(interval);
 }

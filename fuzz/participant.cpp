@@ -64,7 +64,8 @@ private:
         const IntfId intf = what >= 192 ? b1 : what < 128 ? a2 : a1;
         const int op = what % 32;
         if (op == 0 || op > 21) return net_.wire.deliver(intf, frame(in_));
-        if (op < 4) return app.declare(intf, say(in_));
+        if (op < 3) return app.declare(intf, say(in_));
+        if (op == 3) return app.request(intf, say(in_), Mrp::requestResume);
         if (op < 6) return app.withdraw(intf, say(in_));
         if (op == 6) return purge(app, intf, say(in_));
         if (op == 7) return app.request(intf, say(in_), Mrp::requestInternalLeave);

@@ -230,10 +230,9 @@ std::optional<GroupProblem> GroupAgent::added(const GroupMember& member, const G
 
 void GroupAgent::deleted(const GroupMember& member, GroupReaction reaction) {
     if (reaction == GroupReaction::done) return;
-    if (reaction == GroupReaction::reread) {
-        unsure_.insert(member.group.mac);
-        contested_.changed(member, loop_.now());
-    }
+    if (reaction == GroupReaction::reread) contested_.changed(member, loop_.now());
+    // It is asked for again when the table has been read, which is once a second at most.
+    unsure_.insert(member.group.mac);
     readSoon();
 }
 

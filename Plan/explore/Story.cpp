@@ -203,7 +203,7 @@ std::string stay(World& world) {
     if (faults.empty() && before != after)
         faults = concat("LeaveAll rounds make a difference: before\n", before, "and after\n", after);
     if (faults.empty() && world.lastChange() != changed) {
-        // Once is no fault: whose listener has left on a port without room hears of the failure until then.
+        // Once is no fault: a port without room that the listener has left declares the failure until then.
         const Duration healed = world.lastChange();
         world.runTo(world.now() + std::chrono::seconds{31});
         faults = settle(world, longestUnrest(world.network()));

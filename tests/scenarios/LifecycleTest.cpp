@@ -306,7 +306,18 @@ TEST(Standby, PublishesNothing) {
     EXPECT_DEATH(redundancy->modeIs(Redundancy::Mode::simplex), "Unexpected redundancy mode");
 }
 
-}  // namespace
+TEST(Lifecycle, AnAgentDoesNotStartWithoutARecordThatItNeeds) {
+    for (const char* path :
+         {"msrp/cliConfig", "msrp/config", "msrp/status", "mrp/config", "mrp/status", "bridging/config",
+          "qos/status", "qos/hardware/status/global", "bridging/input/config/msrp",
+          "bridging/topology/config", "stp/status", "switch/refusals", "switch/time"}) {
+        Runtime::VirtualLoop time;
+        Bridge bridge{time, {"p1"}};
+        bridge.database().entityDel(path);
+        EXPECT_DEATH(bridge.start(), "mountStatus == success") << path;
+    }
+}
+
 TEST_F(Scenario, WhoLooksAfterFramesLearnsWhatTalkersMaySend) {
     const auto record = bridge.database().entityIs<Switch::Streams>("switch/streams");
     const auto told = [&] {
@@ -327,4 +338,5 @@ TEST_F(Scenario, WhoLooksAfterFramesLearnsWhatTalkersMaySend) {
     EXPECT_NE(told().find("0x1"), 1U);
 }
 
+}  // namespace
 }  // namespace Sim

@@ -120,6 +120,7 @@ TEST_F(ReservedStream, ADomainPriorityChangeMakesAndUnmakesABoundary) {
     EXPECT_EQ(stream->listenerState(IntfId{"p2"}), ListenerState::AskingFailed);
     p2.say({domain(SrClassId::SrClassA, 3), domain(SrClassId::SrClassA, 4, Event::Lv)});
     EXPECT_EQ(picture(), all);
+    expectLogged({"Domain Join received on p2: Class: 6, Priority: 3, SrVID: 2"}, 2);
 
     p1.say(domain(SrClassId::SrClassA, 4));
     expectHears(p2, "Failed 0x1 code 8 bridge " + selfBridge);

@@ -30,17 +30,19 @@ TEST(TakeOver, ThousandReservationsSurviveAndWhatNobodyWantsGoes) {
     const std::string before = bridge.streams();
     const std::string groups = bridge.groups();
     ASSERT_EQ(bridge.allocated("p2", SrClassId::SrClassA), streams * 9088);
-    // Two leave while nobody hears it.
+    // Three leave while nobody hears it.
     auto byTalker = talker.registered();
     auto byNear = near.registered();
     byTalker.erase({Msrp::typeListener, 3});
     byNear.erase({Msrp::typeTalkerAdvertise, 3});
+    byNear.erase({Msrp::typeTalkerFailed, 5000});
     const std::size_t leaves = talker.leaves() + near.leaves() + far.leaves();
 
     bridge.activeStops();
     loop.runFor(100ms);
     far.withdraw(listener(2, ListenerState::Ready));
     talker.withdraw(advertise(stream(3)));
+    talker.withdraw(failed({.id = 5000, .macDa = 0x91e0f0005000}, 9));
     loop.runFor(100ms);
     // A crash may have left a group that belongs to nobody.
     bridge.groupConfig->fdbConfigIs(VlanId{2})
@@ -57,6 +59,7 @@ TEST(TakeOver, ThousandReservationsSurviveAndWhatNobodyWantsGoes) {
     loop.runFor(2s);
     EXPECT_EQ(bridge.stream(2), "0x2 SrClassA 9088 p1 -> p2") << "the listener that left";
     EXPECT_EQ(bridge.stream(3), "0x3 no talker") << "the talker that left";
+    EXPECT_EQ(bridge.stream(5000), "") << "and the one that had failed";
     loop.runFor(60s);
     EXPECT_EQ(talker.registered(), byTalker);
     EXPECT_EQ(near.registered(), byNear);
