@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t mostOpen = 256;
 /// News that are kept until it is known what the store has.
 constexpr std::size_t mostEarly = 10'000;
-/// Lines about what is refused, until everything is read again.
+/// Paths about which something was said that is not to be said again while it holds.
 constexpr std::size_t mostRefused = 100;
 
 std::uint64_t numberOf(std::string_view text) {
@@ -61,10 +61,11 @@ Found findOrMake(std::shared_ptr<State::Entity> entity, std::string_view rest) {
 
 }  // namespace
 
-Follower::Follower(State::Database& database, const Names& names, std::set<std::string, std::less<>> paths,
-                   double clockZero, Ask ask, Report report)
+Follower::Follower(State::Database& database, const Names& names, Writer writer,
+                   std::set<std::string, std::less<>> paths, double clockZero, Ask ask, Report report)
     : database_{database},
       names_{names},
+      writer_{writer},
       paths_{std::move(paths)},
       clockZero_{clockZero},
       ask_{std::move(ask)},
@@ -80,6 +81,7 @@ bool Follower::ours(std::string_view path) const {
 
 void Follower::lost() {
     ++reading_;
+    reads_ = false;
     listed_ = false;
     complete_ = false;
     queue_.clear();
@@ -91,29 +93,39 @@ void Follower::lost() {
 
 void Follower::read(std::function<void()> done) {
     lost();
-    refused_.clear();
     done_ = std::move(done);
     const std::uint64_t reading = reading_;
-    ask_({"HMGET", names_.meta, "sequence", "clock"}, [this, reading](const Reply& reply) {
-        if (reading != reading_ || reply.list.size() != 2) return;
+    reads_ = true;
+    ask_({"HMGET", names_.meta, "sequence", "clock", "whole"}, [this, reading](const Reply& reply) {
+        if (reading != reading_) return;
+        if (reply.list.size() != 3) return giveUp(reply);
         told_ = numberOf(reply.list[0].text);
+        whole_ = writer_ == Writer::others || reply.list[2].isText("1");
+        if (writer_ == Writer::others) return;
         const auto clock = State::Codec<double>::decode(Control::parseJson(reply.list[1].text).value);
         shift_ = clock ? *clock - clockZero_ : 0.0;
     });
-    ask_({"SMEMBERS", names_.records}, [this, reading](const Reply& reply) {
-        if (reading != reading_) return;
-        known_.clear();
-        listed_ = true;
-        for (const Reply& path : reply.list) {
-            known_.insert(path.text);
-            queue(path.text);
-        }
-        for (const std::string& message : std::exchange(early_, {})) {
-            told(message);
+    known_.clear();
+    readMembers(
+        ask_, names_.records,
+        [this, reading](const std::vector<Reply>& paths) {
+            if (reading != reading_) return false;
+            for (const Reply& path : paths) {
+                known_.insert(path.text);
+                queue(path.text);
+            }
+            return true;
+        },
+        [this, reading](const Reply* problem) {
             if (reading != reading_) return;
-        }
-        readSome();
-    });
+            if (problem != nullptr) return giveUp(*problem);
+            listed_ = true;
+            for (const std::string& message : std::exchange(early_, {})) {
+                told(message);
+                if (reading != reading_) return;
+            }
+            readSome();
+        });
 }
 
 void Follower::told(std::string_view message) {
@@ -141,9 +153,9 @@ void Follower::queue(std::string path) {
 }
 
 void Follower::changed(const std::vector<std::string>& paths) {
-    if (!listed_) return;
+    if (!reads_) return;
     for (const std::string& path : paths) queue(path);
-    readSome();
+    if (listed_) readSome();
 }
 
 void Follower::readSome() {
@@ -164,6 +176,10 @@ void Follower::readPath(const std::string& path) {
     ask_({"HGETALL", names_.record + path}, [fields](const Reply& reply) { *fields = reply; });
     ask_({"SISMEMBER", names_.records, path}, [this, reading, path, fields](const Reply& reply) {
         if (reading != reading_) return;
+        if (reply.kind != Reply::Kind::number) return giveUp(reply);
+        // A key that another program has made something else of is that record's trouble only.
+        if (fields->kind == Reply::Kind::error && !fields->text.starts_with("WRONGTYPE"))
+            return giveUp(*fields);
         --open_;
         taken(path, *fields, reply.number != 0);
         readSome();
@@ -173,11 +189,28 @@ void Follower::readPath(const std::string& path) {
 void Follower::taken(const std::string& path, const Reply& fields, bool there) {
     if (!there) {
         known_.erase(path);
-        return remove(path);
+        remove(path);
+    } else {
+        known_.insert(path);
+        if (fields.kind == Reply::Kind::error) {
+            refuse(path, inOneLine(fields));
+        } else {
+            restore(path, fields);
+        }
     }
-    known_.insert(path);
-    if (fields.kind == Reply::Kind::error) return refuse(path, fields.text);
-    restore(path, fields);
+    if (refusedNow_.empty()) {
+        refused_.erase(path);
+    } else if (refused_.size() < mostRefused || refused_.contains(path)) {
+        refused_[path] = std::exchange(refusedNow_, {});
+    }
+    refusedNow_.clear();
+}
+
+void Follower::giveUp(const Reply& reply) {
+    std::string problem = Runtime::concat("the store cannot be read: ", inOneLine(reply));
+    if (problem != problem_) report_(problem);
+    problem_ = std::move(problem);
+    lost();
 }
 
 void Follower::restore(const std::string& path, const Reply& fields) {
@@ -253,7 +286,9 @@ void Follower::removeOthers() {
             }
         }
     };
+    if (!whole_) return;
     for (const std::string& path : paths_) {
+        if (!known_.contains(path)) continue;
         if (const auto root = database_.entity(path)) look(look, path, *root);
     }
     for (const std::string& path : gone) remove(path);
@@ -262,6 +297,8 @@ void Follower::removeOthers() {
 void Follower::finish() {
     if (!listed_) return;
     if (!std::exchange(complete_, true)) removeOthers();
+    refusedNow_.clear();
+    problem_.clear();
     applied_ = told_;
     if (const auto done = std::exchange(done_, nullptr)) done();
 }
@@ -271,9 +308,12 @@ std::optional<std::uint64_t> Follower::sequence() const {
 }
 
 void Follower::refuse(const std::string& path, const std::string& what) {
-    if (refused_.size() >= mostRefused) return;
-    std::string line = Runtime::concat("store: ", path, ": ", what, "; the record keeps what it had");
-    if (refused_.insert(line).second) report_(line);
+    std::string line =
+        Runtime::concat("store: ", inOneLine(path), ": ", inOneLine(what), "; the record keeps what it had");
+    const auto before = refused_.find(path);
+    const bool said =
+        before != refused_.end() ? before->second.contains(line) : refused_.size() >= mostRefused;
+    if (refusedNow_.insert(line).second && !said) report_(line);
 }
 
 }  // namespace Store

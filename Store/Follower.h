@@ -5,6 +5,7 @@
 #pragma once
 
 #include "State/Database.h"
+#include "Store/Members.h"
 #include "Store/Names.h"
 #include "Store/Reply.h"
 
@@ -12,6 +13,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -22,22 +24,26 @@ namespace Store {
 
 class Follower {
 public:
-    using Answer = std::function<void(const Reply&)>;
-    /// Asks the store; answers come in the order of the questions, or never when the store is lost.
-    using Ask = std::function<void(std::vector<std::string> words, Answer answer)>;
     using Report = std::function<void(const std::string& line)>;
+
+    /// Who writes the records: an agent like this one, which says in the store whether it has written all of
+    /// them, and what its clock is; or programs of another kind.
+    enum class Writer { agent, others };
 
     /// `paths`: the root records that it brings; those that the database does not have are passed over.
     /// `clockZero` is the wall-clock time in seconds at which our clock was at 0.
-    Follower(State::Database& database, const Names& names, std::set<std::string, std::less<>> paths,
-             double clockZero, Ask ask, Report report);
+    Follower(State::Database& database, const Names& names, Writer writer,
+             std::set<std::string, std::less<>> paths, double clockZero, Ask ask, Report report);
     Follower(const Follower&) = delete;
     Follower& operator=(const Follower&) = delete;
     ~Follower();
 
     /// Reads everything; `done` is called when all is there that the store had when this was called.  What
-    /// was under way is given up.
+    /// was under way is given up.  A store that has nothing of a root record, or is only being filled, takes
+    /// nothing away from it.
     void read(std::function<void()> done);
+    /// Nothing has been read, and nothing is under way: the store would not say what it has.
+    [[nodiscard]] bool idle() const { return !reads_; }
     /// The store has told of a batch: its number, and a path on each line.
     void told(std::string_view message);
     /// Those paths are to be read.
@@ -47,8 +53,6 @@ public:
 
     /// All batches up to this number are in the records; empty before the first reading.
     [[nodiscard]] std::optional<std::uint64_t> sequence() const;
-    /// What the store has, of all records.
-    [[nodiscard]] const std::set<std::string, std::less<>>& known() const { return known_; }
 
 private:
     void queue(std::string path);
@@ -58,6 +62,8 @@ private:
     void restore(const std::string& path, const Reply& fields);
     void remove(const std::string& path);
     void removeOthers();
+    /// The store does not answer as it should: it is to be read again.
+    void giveUp(const Reply& reply);
     void finish();
     /// Whether the path is of a record that we bring.
     [[nodiscard]] bool ours(std::string_view path) const;
@@ -65,6 +71,7 @@ private:
 
     State::Database& database_;
     const Names names_;
+    const Writer writer_;
     const std::set<std::string, std::less<>> paths_;
     const double clockZero_;
     const Ask ask_;
@@ -72,7 +79,9 @@ private:
     double shift_ = 0.0;
 
     std::uint64_t reading_ = 0;  ///< answers to an earlier reading are of no use
+    bool reads_ = false;
     bool listed_ = false;
+    bool whole_ = false;  ///< the store has all that its writer has
     std::set<std::string, std::less<>> known_;
     std::deque<std::string> queue_;  ///< to be read, in the order of the news
     std::set<std::string, std::less<>> queued_;
@@ -82,7 +91,10 @@ private:
     std::uint64_t told_ = 0;     ///< the number of the last batch that we were told of
     std::uint64_t applied_ = 0;  ///< and of the last that is in the records
     bool complete_ = false;
-    std::set<std::string, std::less<>> refused_;  ///< lines that were said since the last reading
+    std::string problem_;  ///< why the store could not be read last
+    /// Lines that were said, by the paths that they are about.
+    std::map<std::string, std::set<std::string>, std::less<>> refused_;
+    std::set<std::string> refusedNow_;  ///< of the path that is being taken over
 };
 
 }  // namespace Store

@@ -76,6 +76,7 @@ void Mirror::add(std::string path, const State::Entity& entity) {
     record.shape = &shapeOf(entity);
     record.changed = allFields;
     byEntity_[&entity] = &record;
+    if (record.shape->polled() != 0) polled_.insert(&record);
     // What it holds already.
     State::Place place;
     std::string field;
@@ -113,6 +114,8 @@ void Mirror::remove(const std::string& path) {
 void Mirror::drop(Nodes::iterator at) {
     if (at->second.isDue) due_.erase(at->second.place);
     lazyDue_.erase(&at->second);
+    polled_.erase(&at->second);
+    told(at->second);
     if (at->second.entries.empty()) byEntity_.erase(at->second.entity);
     if (gone_.size() < mostGone) {
         wakeOnce();
@@ -131,7 +134,7 @@ void Mirror::changed(const State::Change& change) {
     if (!shape) return;
     if (shape->kind == State::FieldKind::whole) {
         const std::uint64_t bit = std::uint64_t{1} << shape->number;
-        node.changed |= bit | node.shape->computed;
+        node.changed |= bit | (node.shape->computed & ~node.shape->lazy);
         if ((bit & node.shape->lazy) == 0) {
             due(node);
         } else if (!node.isDue) {
@@ -166,6 +169,10 @@ void Mirror::due(Node& node) {
     wakeOnce();
     node.isDue = true;
     node.place = due_.insert(due_.end(), &node);
+}
+
+void Mirror::told(Node& node) {
+    if (std::exchange(node.toTell, false)) --toTell_;
 }
 
 void Mirror::wakeOnce() {
@@ -229,6 +236,7 @@ Mirror::Batch Mirror::take(std::size_t octets) {
         due_.pop_front();
         node.isDue = false;
         lazyDue_.erase(&node);
+        told(node);
         ++batch.records;
         tell(node, batch);
     }
@@ -244,13 +252,19 @@ void Mirror::tellAll(const std::vector<std::string>& known) {
     for (auto& [path, node] : nodes_) {
         node.changed = allFields;
         node.whole = true;
+        node.toTell = true;
         if (std::exchange(node.isDue, true)) continue;
         node.place = due_.insert(due_.end(), &node);
     }
+    toTell_ = nodes_.size();
     if (waiting()) wake_();
 }
 
 void Mirror::tellLazy() {
+    for (Node* node : polled_) {
+        node->changed |= node->shape->polled();
+        due(*node);
+    }
     for (Node* node : std::exchange(lazyDue_, {})) due(*node);
 }
 
@@ -260,6 +274,7 @@ void Mirror::forget() {
         node->changed = 0;
         node->keys.clear();
         node->whole = false;
+        told(*node);
     }
     lazyDue_.clear();
     gone_.clear();

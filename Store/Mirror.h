@@ -29,7 +29,7 @@ public:
         std::size_t records = 0;
     };
     /// Fields that change with every frame: "Msrp::IntfStatus/rxCounters".  They do not wake anybody, and are
-    /// told from time to time.
+    /// told from time to time; computed ones, of which no change is ever told, each time.
     using Lazy = std::set<std::string, std::less<>>;
 
     /// Of the records at `paths` that the database has.  `wake` is called when there is something to tell and
@@ -50,6 +50,8 @@ public:
     void tellLazy();
     /// Nothing is to be told.
     void forget();
+    /// Whether everything has been taken since `tellAll`.
+    [[nodiscard]] bool allTold() const { return toTell_ == 0 && gone_.empty(); }
 
     /// Records that wait to be told.
     [[nodiscard]] std::size_t backlog() const { return due_.size() + gone_.size(); }
@@ -63,6 +65,7 @@ private:
     struct Shape {
         std::uint64_t computed = 0;
         std::uint64_t lazy = 0;
+        [[nodiscard]] std::uint64_t polled() const { return computed & lazy; }
     };
     /// A record, or the entries of a long field.
     struct Node {
@@ -72,6 +75,7 @@ private:
         std::uint64_t changed = 0;     ///< bits of the fields to be told
         std::set<std::string> keys{};  ///< of entries to be told
         bool whole = false;            ///< what the store has of it goes first
+        bool toTell = false;           ///< since `tellAll`
         const std::string* path = nullptr;
         std::list<Node*>::iterator place{};  ///< among those that are due
         bool isDue = false;
@@ -85,6 +89,7 @@ private:
     void addEntries(const std::string& path, const State::Entity& entity, std::string_view field);
     void remove(const std::string& path);
     void drop(Nodes::iterator at);
+    void told(Node& node);
     void due(Node& node);
     void wakeOnce();
     static void tell(Node& node, Batch& batch);
@@ -96,6 +101,8 @@ private:
     std::map<std::string_view, Shape> shapes_;  ///< by the names of classes
     std::list<Node*> due_;                      ///< in the order in which they came to be
     std::set<Node*> lazyDue_;
+    std::set<Node*> polled_;
+    std::size_t toTell_ = 0;
     std::set<std::string> gone_;
     bool overflowed_ = false;
     std::vector<std::shared_ptr<const State::Entity>> roots_;

@@ -5,7 +5,8 @@
 /// entries is a hash of its own, "record:PATH/FIELD", of the entries by their keys.  "records" is the set of
 /// all such paths, also of records without fields.  "meta" is a hash: "schema" the form of all this, "fence"
 /// the number of the role's last change, "holder" who acts and "until" until when on the store's clock in
-/// milliseconds, "sequence" the number of the last batch, "clock" the wall-clock time in seconds at which the
+/// milliseconds, "seen" when it was heard of last, "sequence" the number of the last batch, "whole" 1 when
+/// everything is there (0 while it is written anew), "clock" the wall-clock time in seconds at which the
 /// writer's clock was at 0.  "agents" is who is there: until when, whether it is ready to act, its name.
 /// Channels: "changes" has for each batch its sequence and the paths that changed in it, a line each; "roles"
 /// the new holder at each change of role; on "inputs" other programs tell the paths that they have written, a

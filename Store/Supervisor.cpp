@@ -19,8 +19,8 @@ constexpr std::size_t mostInFlight = 2;
 constexpr std::size_t batchOctets = 65'536;
 /// Counters and the like.
 constexpr std::chrono::seconds lazyRhythm{1};
-/// After a store that could not write.
-constexpr std::chrono::seconds writeAgain{1};
+/// After a store that could not write, or not be read.
+constexpr std::chrono::seconds tryAgain{1};
 /// Without a lease, another program that writes under the same name is kept out for so long.
 constexpr std::chrono::seconds aloneLease{10};
 /// Of the answer of `leaseScript`, before the agents.
@@ -72,12 +72,14 @@ Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options
               options_.lazy, [this] { flush(); }},
       follower_{database,
                 names_,
+                Follower::Writer::agent,
                 options_.outputs,
                 clockZero(loop),
                 [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
                 [this](const std::string& line) { say(Tone::warning, line); }},
       inputs_{database,
               names_,
+              Follower::Writer::others,
               options_.inputs,
               clockZero(loop),
               [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
@@ -107,7 +109,10 @@ Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options
                 if (role_ == Role::active) mirror_.tellLazy();
                 publish();
             }},
-      again_{loop, [this] { writeAll(); }} {
+      again_{loop, [this] {
+                 writing_ = Writing::no;
+                 writeAll();
+             }} {
     status_->nameIs(options_.who);
     if (alone()) {
         role_ = Role::active;
@@ -130,36 +135,36 @@ void Supervisor::ask(const std::vector<std::string>& words, Connection::Answer a
     if (Connection* server = store_.server()) server->ask(words, std::move(answer));
 }
 
-// Once for each trouble, until it is over.
-void Supervisor::troubleIs(const std::string& line) {
-    status_->problemIs(line);
-    if (trouble_ == line) return;
-    trouble_ = line;
-    if (!line.empty()) say(Tone::warning, line);
+// Once for each trouble, until it is over.  Those of the link are told by who keeps it.
+void Supervisor::troubleIs(Trouble trouble, const std::string& line) {
+    std::string& known = trouble_[static_cast<std::size_t>(trouble)];
+    if (known == line) return;
+    known = line;
+    const auto first = std::ranges::find_if(trouble_, [](const std::string& text) { return !text.empty(); });
+    status_->problemIs(first == trouble_.end() ? std::string{} : *first);
+    if (!line.empty() && trouble != Trouble::link) say(Tone::warning, line);
 }
 
 // The link to the store
 
 void Supervisor::opened() {
     status_->serverIs(store_.place());
-    troubleIs({});
-    inFlight_ = 0;
-    complete_ = false;
-    if (!options_.inputs.empty()) inputs_.read([] {});
-    if (role_ == Role::standby) readAll();
+    troubleIs(Trouble::link, {});
+    readNext_ = loop_.now();
+    readAgain();
     tick();
 }
 
 void Supervisor::lost(const std::string& reason) {
     term_.silent();
     tick_.cancel();
+    again_.cancel();
     follower_.lost();
     inputs_.lost();
     inFlight_ = 0;
-    complete_ = false;
+    writing_ = Writing::no;
     status_->completeIs(false);
-    status_->problemIs(reason);
-    trouble_ = reason;
+    troubleIs(Trouble::link, reason);
 }
 
 // A server that is not there gives the role to nobody either.
@@ -172,14 +177,17 @@ void Supervisor::absent(Runtime::Time asked) {
 void Supervisor::tick() {
     tick_.armIn(term_.rhythm());
     askLease();
+    readAgain();
 }
 
 void Supervisor::askLease() {
     const Runtime::Time asked = loop_.now();
-    const bool ready = role_ == Role::active || follower_.sequence().has_value();
+    const bool ready =
+        role_ == Role::active || taking_ || (follower_.sequence().has_value() && asked >= unfitUntil_);
     const auto freeAt = term_.freeAt();
     const bool mayTake = ready && freeAt && asked >= *freeAt;
-    const char* const wish = role_ == Role::active && !leaving_ ? "keep" : mayTake ? "take" : "look";
+    const bool keeps = (role_ == Role::active || taking_) && !leaving_;
+    const char* const wish = keeps ? "keep" : mayTake ? "take" : "look";
     ask({"EVAL", std::string{leaseScript}, "2", names_.meta, names_.agents, options_.id,
          millisecondsText(term_.lease()), wish, std::to_string(fence_), term_.seen(),
          std::to_string(schemaVersion), names_.roles, ready ? "ready" : "away", options_.who},
@@ -193,59 +201,63 @@ void Supervisor::held(Runtime::Time asked) {
 
 void Supervisor::answered(Runtime::Time asked, const Reply& reply) {
     status_->answerTimeIs(secondsOf(loop_.now() - asked));
-    if (reply.kind == Reply::Kind::error) {
-        // A server that only begins to read what it has gives the role to nobody.
-        if (reply.text.starts_with("LOADING")) {
-            term_.silent();
-            absent(asked);
-        }
+    if (reply.list.size() < leaseParts) {
+        // Others may have had answers meanwhile.
+        term_.silent();
+        // A server that only begins to read what it has gives the role to nobody; but Sentinels may have made
+        // another the master.
+        if (reply.text.starts_with("LOADING") && options_.store.master.empty()) absent(asked);
         // Another is the master by now.
         if (reply.text.starts_with("READONLY")) store_.leave(inOneLine(reply));
-        return troubleIs(concat("the store refuses the lease: ", inOneLine(reply)));
+        return troubleIs(Trouble::lease, concat("the store refuses the lease: ", inOneLine(reply)));
     }
-    if (reply.list.size() < leaseParts) return;
     term_.saw(reply.list[5].text, loop_.now());
     listAgents(reply);
     const std::uint64_t fence = at(reply, 0);
-    if (at(reply, 3) > schemaVersion) {
-        troubleIs(concat("what lies in the store has form ", at(reply, 3),
-                         ", of a later version; this one knows form ", schemaVersion));
-    } else if (alone() && fence == 0) {
-        troubleIs(
-            concat("another program writes under the name \"", options_.name, "\": ", status_->holder()));
-    }
-    if (fence == 0) {
-        // That the store has forgotten who had it is no reason to stop: it is asked again, for us.
-        if (alone()) {
-            complete_ = false;
-        } else if ((taking_ || role_ == Role::active) && !leaving_) {
-            endRole("another supervisor is");
-        }
-        // A store that has lost what it had does not know it any more.
-        fence_ = std::max(fence_, at(reply, 4));
-        status_->fenceIs(fence_);
-        // Its holder may be dead: it is asked for as soon as it is over.
-        if (const auto freeAt = term_.freeAt()) {
-            const Runtime::Time over =
-                std::max(*freeAt, loop_.now() + std::chrono::milliseconds{at(reply, 6)} +
-                                      std::chrono::milliseconds{1});
-            if (over < tick_.when()) tick_.armAt(over);
-        }
-        return;
-    }
+    if (fence == 0) return notOurs(reply);
     const bool changed = std::exchange(fence_, fence) != fence;
     status_->fenceIs(fence_);
     if (!alone()) {
         held(asked);
         if (!term_.acting(loop_.now()))
-            return troubleIs(concat("the store takes longer for an answer than a lease of ",
-                                    secondsOf(term_.lease()), " s allows"));
+            return troubleIs(Trouble::lease, concat("the store takes longer for an answer than a lease of ",
+                                                    secondsOf(term_.lease()), " s allows"));
     }
-    troubleIs({});
+    troubleIs(Trouble::lease, {});
     if (role_ == Role::standby) {
         if (!taking_) take(at(reply, 1));
-    } else if (changed || !complete_) {
+    } else if (changed || writing_ == Writing::no) {
         writeAll();
+    }
+}
+
+void Supervisor::notOurs(const Reply& reply) {
+    std::string why = "another supervisor is";
+    if (at(reply, 3) > schemaVersion) {
+        why = concat("what lies in the store has form ", at(reply, 3),
+                     ", of a later version; this one knows form ", schemaVersion);
+        troubleIs(Trouble::lease, why);
+    } else if (alone()) {
+        troubleIs(Trouble::lease, concat("another program writes under the name \"", options_.name,
+                                         "\": ", status_->holder()));
+    } else {
+        troubleIs(Trouble::lease, {});
+    }
+    // That the store has forgotten who had it is no reason to stop: it is asked again, for us.
+    if (alone()) {
+        writing_ = Writing::no;
+        status_->completeIs(false);
+    } else if ((taking_ || role_ == Role::active) && !leaving_) {
+        endRole(Tone::warning, why);
+    }
+    // A store that has lost what it had does not know it any more.
+    fence_ = std::max(fence_, at(reply, 4));
+    status_->fenceIs(fence_);
+    // Its holder may be dead: it is asked for as soon as it is over.
+    if (const auto freeAt = term_.freeAt()) {
+        const Runtime::Time over = std::max(
+            *freeAt, loop_.now() + std::chrono::milliseconds{at(reply, 6)} + std::chrono::milliseconds{1});
+        if (over < tick_.when()) tick_.armAt(over);
     }
 }
 
@@ -253,17 +265,17 @@ void Supervisor::take(std::uint64_t sequence) {
     taking_ = true;
     // Nobody else writes any more, so what has been told is all that there is.
     if (follower_.sequence() == sequence) return begin();
-    follower_.read([this] { begin(); });
+    readAll();
 }
 
 void Supervisor::begin() {
-    if (!taking_) return;
     taking_ = false;
     if (!term_.acting(loop_.now())) return;
     const std::string problem = calls_.begin();
     if (!problem.empty()) {
         say(Tone::warning, concat("cannot act: ", problem));
         term_.lost();
+        unfitUntil_ = loop_.now() + 2 * term_.lease();
         return;
     }
     role_ = Role::active;
@@ -273,7 +285,7 @@ void Supervisor::begin() {
     writeAll();
 }
 
-void Supervisor::endRole(const std::string& why) {
+void Supervisor::endRole(Tone tone, const std::string& why) {
     taking_ = false;
     term_.lost();
     expiry_.cancel();
@@ -281,20 +293,23 @@ void Supervisor::endRole(const std::string& why) {
     role_ = Role::standby;
     again_.cancel();
     flushed_ = nullptr;
+    writing_ = Writing::no;
     if (!std::exchange(leaving_, false)) {
         redundancy_->modeIs(Redundancy::Mode::standby);
         calls_.end();
     }
     mirror_.forget();
     status_->roleIs(role_);
-    say(Tone::warning, concat("not active any more: ", why));
+    status_->completeIs(false);
+    troubleIs(Trouble::writing, {});
+    say(tone, concat("not active any more: ", why));
     readAll();
 }
 
 void Supervisor::check() {
     const auto until = term_.until();
     if (!until || term_.acting(loop_.now())) return;
-    endRole("the lease could not be kept");
+    endRole(Tone::warning, "the lease could not be kept");
 }
 
 // What is written
@@ -308,14 +323,21 @@ void Supervisor::flush() {
 }
 
 void Supervisor::sendBatches() {
-    if (role_ != Role::active || !complete_ || !open()) return;
+    if (writing_ != Writing::yes) return;
     if (mirror_.overflowed()) return writeAll();
     while (inFlight_ < mostInFlight && mirror_.waiting()) {
         Mirror::Batch batch = mirror_.take(batchOctets);
         if (!clockZero_) clockZero_ = clockZero(loop_);
-        std::vector<std::string> words{"EVAL",        std::string{writeScript}, "2",
-                                       names_.meta,   names_.records,           std::to_string(fence_),
-                                       names_.record, names_.changes,           std::to_string(*clockZero_)};
+        std::vector<std::string> words{"EVAL",
+                                       std::string{writeScript},
+                                       "2",
+                                       names_.meta,
+                                       names_.records,
+                                       std::to_string(fence_),
+                                       names_.record,
+                                       names_.changes,
+                                       std::to_string(*clockZero_),
+                                       mirror_.allTold() ? "1" : "0"};
         words.insert(words.end(), std::make_move_iterator(batch.words.begin()),
                      std::make_move_iterator(batch.words.end()));
         ++inFlight_;
@@ -330,35 +352,47 @@ void Supervisor::sendBatches() {
 
 void Supervisor::written(const Reply& reply, std::size_t records) {
     --inFlight_;
-    if (reply.kind == Reply::Kind::error) {
-        complete_ = false;
-        status_->completeIs(false);
-        // Who has it is told with the lease; an empty store is written anew once the lease is ours in it.
-        if (reply.text.starts_with("FENCED")) return askLease();
-        troubleIs(concat("the store takes nothing in: ", inOneLine(reply)));
-        again_.armIn(writeAgain);
-        return;
-    }
+    if (reply.kind == Reply::Kind::error) return writeRefused(reply);
     status_->batchDone(records);
+    if (writing_ == Writing::yes) troubleIs(Trouble::writing, {});
     sendBatches();
 }
 
+void Supervisor::writeRefused(const Reply& reply) {
+    if (role_ != Role::active) return;
+    status_->completeIs(false);
+    if (reply.text.starts_with("FENCED")) {
+        // Who has it is told with the lease; an empty store is written anew once the lease is ours in it.
+        writing_ = Writing::no;
+        return askLease();
+    }
+    writing_ = Writing::refused;
+    troubleIs(Trouble::writing, concat("the store takes nothing in: ", inOneLine(reply)));
+    again_.armIn(tryAgain);
+}
+
 void Supervisor::writeAll() {
-    if (role_ != Role::active || !open()) return;
-    complete_ = false;
-    ask({"SMEMBERS", names_.records}, [this](const Reply& reply) {
-        if (role_ != Role::active || reply.kind == Reply::Kind::error) return;
-        std::vector<std::string> known;
-        for (const Reply& path : reply.list) {
-            const auto isInput = [&](const std::string& root) {
-                return path.text == root || path.text.starts_with(root + '/');
-            };
-            if (std::ranges::none_of(options_.inputs, isInput)) known.push_back(path.text);
-        }
-        complete_ = true;
-        mirror_.tellAll(known);
-        sendBatches();
-    });
+    if (role_ != Role::active || !open() || writing_ == Writing::listing) return;
+    writing_ = Writing::listing;
+    status_->completeIs(false);
+    auto known = std::make_shared<std::vector<std::string>>();
+    readMembers([this](auto words, auto answer) { ask(words, std::move(answer)); }, names_.records,
+                [this, known](const std::vector<Reply>& paths) {
+                    for (const Reply& path : paths) {
+                        const auto isInput = [&](const std::string& root) {
+                            return path.text == root || path.text.starts_with(root + '/');
+                        };
+                        if (std::ranges::none_of(options_.inputs, isInput)) known->push_back(path.text);
+                    }
+                    return writing_ == Writing::listing;
+                },
+                [this, known](const Reply* problem) {
+                    if (writing_ != Writing::listing) return;
+                    if (problem != nullptr) return writeRefused(*problem);
+                    writing_ = Writing::yes;
+                    mirror_.tellAll(*known);
+                    sendBatches();
+                });
 }
 
 // What is read
@@ -388,20 +422,35 @@ void Supervisor::heard(const std::string& channel, const std::string& text) {
 void Supervisor::readAll() {
     if (!open()) return;
     follower_.read([this] {
-        if (role_ == Role::standby) status_->completeIs(true);
+        if (role_ != Role::standby) return;
+        status_->completeIs(true);
+        if (taking_) begin();
     });
+}
+
+// What could not be read before.
+void Supervisor::readAgain() {
+    if (!open() || loop_.now() < readNext_) return;
+    readNext_ = loop_.now() + tryAgain;
+    if (role_ == Role::standby && !alone() && follower_.idle()) readAll();
+    if (!options_.inputs.empty() && inputs_.idle()) inputs_.read([] {});
 }
 
 void Supervisor::listAgents(const Reply& reply) {
     std::map<std::string, bool> there;
     heir_.clear();
-    for (std::size_t i = leaseParts; i + 2 < reply.list.size(); i += 3) {
+    std::uint64_t lasts = 0;
+    for (std::size_t i = leaseParts; i + 3 < reply.list.size(); i += 4) {
         const std::string& id = reply.list[i].text;
         const bool ready = reply.list[i + 1].text == "ready";
-        if (id == reply.list[2].text) status_->holderIs(reply.list[i + 2].text);
+        const std::string& name = reply.list[i + 2].text;
+        if (id == reply.list[2].text) status_->holderIs(name);
         if (id == options_.id) continue;
-        there[reply.list[i + 2].text] = ready;
-        if (ready) heir_ = id;
+        there[name] = ready || there[name];
+        // One that has just died may still be listed: who was heard of last is the heir.
+        if (!ready || at(reply, i + 3) < lasts) continue;
+        lasts = at(reply, i + 3);
+        heir_ = id;
     }
     if (reply.list[2].text.empty()) status_->holderIs({});
     for (const auto& [name, ready] : there) status_->agentIs(name, ready);
@@ -421,21 +470,24 @@ std::string Supervisor::handOver() {
     if (leaving_) return "it is handed over already";
     if (!open()) return concat("the store cannot be asked: ", status_->problem());
     if (heir_.empty()) return "no other supervisor is ready";
+    if (writing_ != Writing::yes) return "the store does not have everything yet";
     handTo(heir_, [this](const std::string& problem) {
-        if (problem.empty()) return endRole("handed over");
+        if (problem.empty()) return endRole(Tone::notice, "handed over");
         say(Tone::warning, concat("not handed over: ", problem));
         // What it was doing goes on.
-        const std::string why = calls_.begin();
-        if (!why.empty()) return endRole(why);
-        redundancy_->modeIs(Redundancy::Mode::active);
         leaving_ = false;
+        const std::string why = calls_.begin();
+        if (!why.empty()) return endRole(Tone::warning, why);
+        redundancy_->modeIs(Redundancy::Mode::active);
     });
     return {};
 }
 
 void Supervisor::leave(std::function<void(bool toAnother)> done) {
-    if (role_ != Role::active || leaving_ || heir_.empty() || !open()) return done(false);
-    handTo(heir_, [done = std::move(done)](const std::string& problem) { done(problem.empty()); });
+    if (role_ != Role::active || heir_.empty()) return done(false);
+    // Who is ready takes the role when it is over, with what the store has.
+    if (leaving_ || !open() || writing_ != Writing::yes) return done(true);
+    handTo(heir_, [done = std::move(done)](const std::string&) { done(true); });
 }
 
 void Supervisor::handTo(const std::string& heir, std::function<void(const std::string& problem)> done) {

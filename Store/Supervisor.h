@@ -15,6 +15,7 @@
 #include "Store/Status.h"
 #include "Store/Term.h"
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -70,10 +71,17 @@ public:
     /// Begins to hand the role to another that is ready.  One line: it cannot.
     std::string handOver();
     /// Hands the role to another that is ready; what changed last is written before.  `done` is called once,
-    /// unless the store does not answer, with whether another has the role.
+    /// unless the store does not answer, with whether another has the role, or will when the lease is over.
     void leave(std::function<void(bool toAnother)> done);
 
 private:
+    enum class Trouble { link, lease, writing };
+    enum class Writing {
+        no,
+        listing,  ///< what the store has, before it gets everything
+        yes,
+        refused,  ///< for a while
+    };
     [[nodiscard]] bool alone() const { return options_.lease == Runtime::Duration{}; }
     void opened();
     void lost(const std::string& reason);
@@ -83,21 +91,24 @@ private:
     void tick();
     void askLease();
     void answered(Runtime::Time asked, const Reply& reply);
+    void notOurs(const Reply& reply);
     void held(Runtime::Time asked);
     void take(std::uint64_t sequence);
     void begin();
-    void endRole(const std::string& why);
+    void endRole(Tone tone, const std::string& why);
     void flush();
     void sendBatches();
     void written(const Reply& reply, std::size_t records);
+    void writeRefused(const Reply& reply);
     void writeAll();
     void readAll();
+    void readAgain();
     void listAgents(const Reply& reply);
     void handTo(const std::string& heir, std::function<void(const std::string& problem)> done);
     void publish();
     void say(Tone tone, const std::string& line) { calls_.report(tone, line); }
     void ask(const std::vector<std::string>& words, Connection::Answer answer);
-    void troubleIs(const std::string& line);
+    void troubleIs(Trouble trouble, const std::string& line);
     [[nodiscard]] bool open() { return store_.server() != nullptr; }
 
     Runtime::FdLoop& loop_;
@@ -118,15 +129,17 @@ private:
     Runtime::Timer again_;  ///< after a batch that was refused
 
     Role role_ = Role::standby;
-    std::uint64_t fence_ = 0;        ///< the highest that is known
-    bool taking_ = false;            ///< the role is ours, but not all that the store has is here yet
-    std::size_t inFlight_ = 0;       ///< batches
-    bool flushing_ = false;          ///< a turn's end is waited for
-    bool complete_ = false;          ///< the store has, or will have, all that we have
-    bool leaving_ = false;           ///< the role is being handed over, nothing is done on its behalf
-    std::string heir_;               ///< who could take over now
-    std::string trouble_;            ///< what was said last, until it is over
-    std::function<void()> flushed_;  ///< called when nothing waits to be written
+    std::uint64_t fence_ = 0;     ///< the highest that is known
+    Runtime::Time unfitUntil_{};  ///< the role could not be taken: others go first
+    bool taking_ = false;         ///< the role is ours, but not all that the store has is here yet
+    std::size_t inFlight_ = 0;    ///< batches
+    bool flushing_ = false;       ///< a turn's end is waited for
+    Writing writing_ = Writing::no;
+    bool leaving_ = false;                  ///< the role is being handed over, nothing is done on its behalf
+    std::string heir_;                      ///< who could take over now
+    std::array<std::string, 3> trouble_{};  ///< of each kind, until it is over
+    Runtime::Time readNext_{};              ///< after a store that could not be read
+    std::function<void()> flushed_;         ///< called when nothing waits to be written
     std::optional<double> clockZero_;
 };
 

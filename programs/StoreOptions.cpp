@@ -66,9 +66,11 @@ Store::Supervisor::Options supervisorOptions(const Store::Config& store,
         .outputs = {"msrp/status", "msrp/waiting", "bridging/input/config/msrp", "qos/input/config/msrp"},
         .inputs = {},
         .others = {"bridging/input/vlans/mvrp", "bridging/vlans", "linux/config", "linux/groups",
-                   "mrp/config", "msrp/cliConfig", "msrp/config", "mvrp/config", "mvrp/status",
-                   "switch/domain", "switch/streams"},
-        .lazy = {"Msrp::IntfStatus/rxCounters", "Msrp::IntfStatus/txCounters"}};
+                   "linux/packets", "mrp/config", "msrp/cliConfig", "msrp/config", "mvrp/config",
+                   "mvrp/status", "switch/domain", "switch/streams"},
+        .lazy = {"Msrp::IntfStatus/rxCounters", "Msrp::IntfStatus/txCounters", "Linux::IntfPackets/sent",
+                 "Linux::IntfPackets/sendDropped", "Linux::IntfPackets/received",
+                 "Linux::IntfPackets/receiveDropped", "Linux::IntfPackets/lastSource"}};
     for (const std::string& path : storeInputs()) {
         const bool* read = store.inputs().find(path);
         (read != nullptr && *read ? options.inputs : options.others).insert(path);
