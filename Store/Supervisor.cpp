@@ -461,7 +461,7 @@ void Supervisor::listAgents(const Reply& reply) {
     for (const std::string& name : gone) status_->agentDel(name);
 }
 
-void Supervisor::publish() { status_->backlogIs(mirror_.backlog()); }
+void Supervisor::publish() { status_->backlogIs(role_ == Role::active ? mirror_.backlog() : 0); }
 
 // Handing over
 
