@@ -1,7 +1,8 @@
 #include "State/Codec.h"
 
+#include <algorithm>
+#include <bit>
 #include <charconv>
-#include <cstdio>
 
 namespace State {
 
@@ -24,9 +25,10 @@ std::optional<std::uint64_t> parseHex(std::string_view text) {
 }
 
 std::string hexText(std::uint64_t value) {
-    char digits[24];
-    std::snprintf(digits, sizeof digits, "0x%llX", static_cast<unsigned long long>(value));
-    return digits;
+    std::string text{"0x"};
+    for (unsigned digit = std::max(1U, (static_cast<unsigned>(std::bit_width(value)) + 3) / 4); digit-- > 0;)
+        text += "0123456789ABCDEF"[value >> 4 * digit & 0xFU];
+    return text;
 }
 
 }  // namespace State

@@ -114,6 +114,7 @@ enum class FieldKind : std::uint8_t {
 struct FieldShape {
     std::size_t number = 0;
     FieldKind kind = FieldKind::whole;
+    bool follows = false;  ///< it changes with other fields, without a word of its own
 };
 
 /// What is to be told of changes once all of them are made: who hears of one finds the others made as well.

@@ -63,6 +63,7 @@ struct Notify {
 /// A field that is read whole; see `Entity::nextPiece`.
 struct WholeField {
     static constexpr bool isLong = false;
+    static constexpr bool follows = false;
     static constexpr FieldKind kind = FieldKind::whole;
     /// Of a field without entries.
     static std::optional<std::string> keyText(const Change&) { return std::nullopt; }
@@ -88,6 +89,7 @@ struct WholeField {
 /// A field that is read entry by entry.
 struct LongField {
     static constexpr bool isLong = true;
+    static constexpr bool follows = false;
     /// The opening when it has not been told yet.
     static bool opens(std::string_view name, Place& place, Piece& piece) {
         if (std::exchange(place.entered, true)) return false;
@@ -317,6 +319,7 @@ struct Derived : WholeField {
     Read readIt;
     Schema (*described)();  ///< null: by its type
     Restore restoreIt;
+    bool follows = true;
 
     [[nodiscard]] static std::string_view type() { return "derived"; }
     [[nodiscard]] Value read(const R& record) const {
@@ -449,11 +452,13 @@ constexpr Derived<R, Read> derived(std::string_view name, Read read, Schema (*de
     return {name, read, described};
 }
 /// A field of a form of its own: what `read` gives, `restore` takes from another life, with the record and
-/// the seconds by which times are to be moved.
+/// the seconds by which times are to be moved.  Its changes are told by its name, unless it `follows` others.
 template <class R, class Read, class Restore>
 constexpr Derived<R, Read, Restore> restored(std::string_view name, Read read, Restore restore,
-                                             Schema (*described)() = nullptr) {
-    return {name, read, described, restore};
+                                             Schema (*described)() = nullptr, bool follows = false) {
+    Derived<R, Read, Restore> field{name, read, described, restore};
+    field.follows = follows;
+    return field;
 }
 /// `read` takes the record, where to begin (`From`) and how many at most, and gives entries in their order.
 /// `Restored`, if there is one, has `keyText(change)` and `restore(record, key, value, shift)`.
@@ -637,7 +642,7 @@ std::optional<FieldShape> Record<R>::fieldShape(std::string_view name) const {
     std::optional<FieldShape> found;
     std::size_t number = 0;
     R::fields([&](const auto& field) {
-        if (field.name == name) found = FieldShape{number, field.kind};
+        if (field.name == name) found = FieldShape{number, field.kind, field.follows};
         ++number;
     });
     return found;

@@ -14,12 +14,9 @@ constexpr std::uint64_t allFields = std::numeric_limits<std::uint64_t>::max();
 /// Names and values in one command of a script, whose arguments lie on a stack of some thousands.
 constexpr std::size_t mostPairs = 1'000;
 
-/// What kind each field is of.
-struct FieldTypes : State::FieldVisitor {
-    void field(std::string_view name, std::string_view type, State::Value) override {
-        all.emplace_back(name, type);
-    }
-    std::vector<std::pair<std::string_view, std::string_view>> all;
+struct FieldNames : State::FieldVisitor {
+    void field(std::string_view name, std::string_view, State::Value) override { all.push_back(name); }
+    std::vector<std::string_view> all;
 };
 
 /// Names and JSON texts of fields, as words.
@@ -50,11 +47,12 @@ Mirror::~Mirror() = default;
 const Mirror::Shape& Mirror::shapeOf(const State::Entity& entity) {
     const auto [at, fresh] = shapes_.try_emplace(entity.typeName());
     if (!fresh) return at->second;
-    FieldTypes types;
-    entity.visit(types, allFields);
-    for (const auto& [name, type] : types.all) {
-        const std::uint64_t bit = std::uint64_t{1} << entity.fieldShape(name)->number;
-        if (type == "derived") at->second.computed |= bit;
+    FieldNames names;
+    entity.visit(names, allFields);
+    for (const std::string_view name : names.all) {
+        const auto shape = *entity.fieldShape(name);
+        const std::uint64_t bit = std::uint64_t{1} << shape.number;
+        if (shape.follows) at->second.follows |= bit;
         if (lazy_.contains(std::string{entity.typeName()} + '/' + std::string{name})) at->second.lazy |= bit;
     }
     return at->second;
@@ -134,7 +132,7 @@ void Mirror::changed(const State::Change& change) {
     if (!shape) return;
     if (shape->kind == State::FieldKind::whole) {
         const std::uint64_t bit = std::uint64_t{1} << shape->number;
-        node.changed |= bit | (node.shape->computed & ~node.shape->lazy);
+        node.changed |= bit | (node.shape->follows & ~node.shape->lazy);
         if ((bit & node.shape->lazy) == 0) {
             due(node);
         } else if (!node.isDue) {

@@ -63,9 +63,9 @@ public:
 private:
     /// Bits of a record's fields; the same for all of its class.
     struct Shape {
-        std::uint64_t computed = 0;
+        std::uint64_t follows = 0;
         std::uint64_t lazy = 0;
-        [[nodiscard]] std::uint64_t polled() const { return computed & lazy; }
+        [[nodiscard]] std::uint64_t polled() const { return follows & lazy; }
     };
     /// A record, or the entries of a long field.
     struct Node {

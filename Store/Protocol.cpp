@@ -50,18 +50,21 @@ redisReplyObjectFunctions makers{makeText, makeList, makeNumber, makeNothing, fr
 }  // namespace
 
 std::string commandText(const std::vector<std::string>& words) {
-    std::vector<const char*> texts;
-    std::vector<std::size_t> lengths;
+    std::size_t octets = 16;
+    for (const std::string& word : words) octets += word.size() + 16;
+    std::string text;
+    text.reserve(octets);
+    const auto announce = [&text](char kind, std::size_t count) {
+        text += kind;
+        text += std::to_string(count);
+        text += "\r\n";
+    };
+    announce('*', words.size());
     for (const std::string& word : words) {
-        texts.push_back(word.data());
-        lengths.push_back(word.size());
+        announce('$', word.size());
+        text += word;
+        text += "\r\n";
     }
-    char* command = nullptr;
-    const int length =
-        redisFormatCommandArgv(&command, static_cast<int>(words.size()), texts.data(), lengths.data());
-    Runtime::require(length >= 0, "memory for a command");
-    std::string text{command, static_cast<std::size_t>(length)};
-    redisFreeCommand(command);
     return text;
 }
 

@@ -1,4 +1,4 @@
-/// The wire format of Redis (RESP 2), by hiredis' formatter and parser.
+/// The wire format of Redis (RESP 2); replies are read by hiredis' parser.
 #pragma once
 
 #include "Store/Reply.h"

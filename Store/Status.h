@@ -34,6 +34,7 @@ public:
     [[nodiscard]] const State::FlatMap<std::string, bool>& agent() const { return agent_; }
     /// Of the store; empty: none.
     void serverIs(const std::string& v) { assign(server_, v, "server"); }
+    [[nodiscard]] const std::string& server() const { return server_; }
     /// Why the store cannot be used; empty while it can.
     void problemIs(const std::string& v) { assign(problem_, v, "problem"); }
     [[nodiscard]] const std::string& problem() const { return problem_; }

@@ -1,7 +1,6 @@
 #include "Switch/EthAddr.h"
 
 #include <charconv>
-#include <cstdio>
 
 std::optional<EthAddr> EthAddr::parse(std::string_view text) {
     if (text.size() != 17) return std::nullopt;
@@ -15,8 +14,11 @@ std::optional<EthAddr> EthAddr::parse(std::string_view text) {
 }
 
 std::string EthAddr::text() const {
-    char buffer[18];
-    std::snprintf(buffer, sizeof buffer, "%02x:%02x:%02x:%02x:%02x:%02x", octets_[0], octets_[1], octets_[2],
-                  octets_[3], octets_[4], octets_[5]);
-    return buffer;
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string out(17, ':');
+    for (std::size_t i = 0; i < octets_.size(); ++i) {
+        out[3 * i] = digits[octets_[i] >> 4U];
+        out[3 * i + 1] = digits[octets_[i] & 0xFU];
+    }
+    return out;
 }

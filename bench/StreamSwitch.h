@@ -62,6 +62,7 @@ public:
     }
 
     [[nodiscard]] Sim::Bridge& bridge() { return bridge_; }
+    [[nodiscard]] Runtime::Loop& loop() { return loop_; }
     [[nodiscard]] std::size_t ports() const { return ports_.size(); }
 
 private:

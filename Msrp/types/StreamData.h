@@ -162,7 +162,8 @@ private:
             },
             [name](StreamData& s, const State::Value& value, double shift) {
                 return s.restoreColumn<T>(name, member, has, value, shift);
-            });
+            },
+            nullptr, std::is_same_v<T, double>);  // a time is set together with a state
     }
     template <class T>
     State::MaybeProblem restoreColumn(std::string_view field, T StreamPort::*member, bool StreamPort::*has,

@@ -72,6 +72,50 @@ class LossyCable:
                             sockets[one is sockets[0]].send(frame)
 
 
+class Relay:
+    """A way to a Unix socket that can be cut: what is sent then is lost on the way."""
+
+    def __init__(self, path, to):
+        self._listener = socket.socket(socket.AF_UNIX)
+        self._listener.bind(str(path))
+        self._listener.listen()
+        self._to = str(to)
+        self._process = multiprocessing.get_context("fork").Process(target=self._run, daemon=True)
+
+    def __enter__(self):
+        self._process.start()
+        return self
+
+    def __exit__(self, *_):
+        self._process.kill()
+        self._process.join()
+
+    def cut(self, cut):
+        os.kill(self._process.pid, signal.SIGSTOP if cut else signal.SIGCONT)
+
+    def _run(self):
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        others = {}
+        while True:
+            for one in select.select([self._listener, *others], [], [])[0]:
+                if one is self._listener:
+                    near, far = self._listener.accept()[0], socket.socket(socket.AF_UNIX)
+                    far.connect(self._to)
+                    others |= {near: far, far: near}
+                    continue
+                if one not in others:
+                    continue
+                with contextlib.suppress(OSError):
+                    data = one.recv(65536)
+                    others[one].sendall(data)
+                    if data:
+                        continue
+                other = others.pop(one)
+                others.pop(other)
+                one.close()
+                other.close()
+
+
 class Pair(Testbed):
     """Supervisors "left" and "right" of one switch, and their store."""
 
@@ -79,6 +123,7 @@ class Pair(Testbed):
         super().__init__(build, ports=ports, bridge="br0")
         self.loss, self.speed, self.more = loss, speed, more
         self.life = {name: 0 for name in NAMES}
+        self.ways = {}  # to the store, of those who have one of their own
         self.daemons = {}
         self.captures = []
         self.store = None
@@ -132,7 +177,7 @@ class Pair(Testbed):
         self.life[name] += 1
         life = f"{name}{self.life[name]}"
         config = self.config() | {
-            "store/config": {"redis": self.store_address, "name": "switch-1"},
+            "store/config": {"redis": self.ways.get(name, self.store_address), "name": "switch-1"},
             "redundancy/config": {"lease": LEASE, "name": name, "files": str(self.directory / "shared")},
             "interface/status/eth/phy/all": {"intfStatus": {port: {"speedEnum": self.speed} for port in self.ports}}}
         self.daemons[name] = self.msrpd(life, self.switch, self.socket_of(name), config | self.more)
@@ -217,6 +262,8 @@ class Redundancy(unittest.TestCase):
 
     def setUp(self):
         bed = self.bed = self.enterContext(Pair(BUILD))
+        self.way = self.enterContext(Relay(bed.directory / "way", bed.directory / "redis.sock"))
+        bed.ways["left"] = f"unix:{bed.directory}/way"
         bed.starts("left")
         bed.await_active("left")
         bed.starts("right")
@@ -268,13 +315,31 @@ class Redundancy(unittest.TestCase):
         first = next(moment for moment in bed.sent("right1") if moment > died)
         print(f"first frame {first - died:.2f} s after the death")
 
+    def test_nobody_hears_of_an_active_one_that_is_cut_off_from_the_store(self):
+        bed = self.bed
+        self.way.cut(True)
+        bed.await_active("right")
+        self.assertEqual(bed.ask("left", "get", "redundancy")["role"], "standby")
+        time.sleep(LEASE)
+        self.way.cut(False)
+        bed.wait(bed.ready, 10, "the pair is not ready")
+        self.assertEqual(bed.active(), "right")
+        self.expect_unheard()
+
     def test_nobody_hears_of_a_store_that_goes(self):
         bed = self.bed
+        self.way.__exit__()  # its end of the way would be there still
+        bed.ways.clear()
+        bed.daemons["left"].kill()
+        bed.daemons["left"].wait()
+        bed.await_active("right")
+        bed.starts("left")
+        bed.wait(bed.ready, 10, "the pair is not ready")
         bed.store.kill()
         bed.store.wait()
         time.sleep(3 * LEASE)
-        self.assertEqual(bed.active(), "left")
-        self.assertIn("redis.sock: ", bed.ask("left", "get", "redundancy")["problem"])
+        self.assertEqual(bed.active(), "right")
+        self.assertIn("redis.sock: ", bed.ask("right", "get", "redundancy")["problem"])
         bed.store_starts()
         bed.wait(bed.ready, 10, "the pair is not ready")
         bed.redis("flushall")
@@ -423,10 +488,12 @@ class Trial(unittest.TestCase):
                 before = [number for since, number in events if since <= moment]
                 self.assertTrue(before and before[-1] is not None or moment - events[len(before) - 1][0] < 0.002,
                                 f"{life} sent at {moment:.4f}: {events}")
-                frames.append((moment, next(number for number in reversed(before) if number is not None)))
+                frames.append((moment, next(number for number in reversed(before) if number is not None), life))
         frames.sort()
-        numbers = [number for _, number in frames]
-        self.assertEqual(numbers, sorted(numbers), "a frame of an earlier holder of the role")
+        late = [(frames[i - 1:i + 1], [line for one in {frames[i - 1][2], frames[i][2]} for line in
+                                       self.bed.log(one).splitlines() if " active" in line or "store" in line])
+                for i in range(1, len(frames)) if frames[i - 1][1] > frames[i][1]]
+        self.assertEqual(late, [], "a frame of an earlier holder of the role")
         first = [next(moment for moment in by_life[life] if moment > died) - died for died, life in self.delays]
         if first:
             print(f"{roles} changes of role, {len(frames)} frames; from death to the first frame: "

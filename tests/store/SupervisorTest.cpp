@@ -43,15 +43,17 @@ struct Side {
         redundancy->modeIs(Redundancy::Mode::standby);
         bridge.start();
     }
-    void join(const std::string& address, Runtime::Duration lease, bool readsInterfaces = false) {
-        Store::Supervisor::Options options{.store = {.addresses = {address}, .patience = 5s},
-                                           .name = "switch",
-                                           .id = name + std::to_string(++lives),
-                                           .who = name,
-                                           .lease = lease,
-                                           .outputs = outputs,
-                                           .lazy = {"Msrp::IntfStatus/rxCounters"}};
-        if (readsInterfaces) options.inputs = {interfaces};
+    /// `master`: the address is that of a Sentinel.
+    void join(const std::string& address, Runtime::Duration lease, const std::string& master = "") {
+        Store::Supervisor::Options options{
+            .store = {.addresses = {address}, .master = master, .patience = 5s},
+            .name = "switch",
+            .id = name + std::to_string(++lives),
+            .who = name,
+            .lease = lease,
+            .outputs = outputs,
+            .lazy = {"Msrp::IntfStatus/rxCounters"}};
+        options.inputs = inputs;
         status = std::make_shared<Store::Status>();
         supervisor.emplace(loop, bridge.database(), options, redundancy, status,
                            Store::Supervisor::Calls{[this] { return refusal; }, [] {},
@@ -84,6 +86,7 @@ struct Side {
     std::shared_ptr<Redundancy::RedundancyStatus> redundancy;
     std::shared_ptr<Store::Status> status;
     std::string refusal;
+    Store::Supervisor::Paths inputs;
     Lines lines;
     int lives = 0;
     std::optional<Store::Supervisor> supervisor;
@@ -165,7 +168,7 @@ struct SupervisorTest : testing::Test {
 
     TemporaryDirectory directory;
     const std::string path = directory.file("redis");
-    const std::string at = "unix:" + path;
+    std::string at = "unix:" + path;
     const std::string record = "msrp:{switch}:record:";
     const std::string meta = "msrp:{switch}:meta";
     std::unique_ptr<RedisProcess> server;
@@ -341,8 +344,46 @@ TEST_F(SupervisorTest, ReplicasAndNewMasters) {
     EXPECT_GE(std::stoi(asked({"HGET", meta, "fence"}).text), 3);
 }
 
+TEST_F(SupervisorTest, ANewMasterIsWrittenAnew) {
+    const std::string first = freePort();
+    const std::string second = freePort();
+    const std::string third = freePort();
+    server = nullptr;
+    RedisProcess master{redisServer(directory, {"--port", first, "--bind", "127.0.0.1",
+                                                "--repl-diskless-sync-delay", "0", "--unixsocket", path})};
+    RedisProcess replica{
+        redisServer(directory, {"--port", second, "--bind", "127.0.0.1", "--replicaof", "127.0.0.1 " + first,
+                                "--unixsocket", directory.file("replica")})};
+    master.await("Synchronization with replica 127.0.0.1:" + second + " succeeded");
+    RedisProcess sentinel{
+        {"redis-sentinel",
+         directory.write("sentinel.conf", "port " + third + "\nbind 127.0.0.1\ndir " + directory.file("") +
+                                              "\nsentinel monitor main 127.0.0.1 " + first +
+                                              " 1\nsentinel down-after-milliseconds main 500\n"
+                                              "sentinel failover-timeout main 3000\n")},
+        "+slave slave"};
+    for (Side* side : {&left, &right}) {
+        side->join("127.0.0.1:" + third, 1s, "main");
+        becomes([&] { return left.acts() && side->status->complete(); }, {&left, side});
+    }
+    reserve(20);
+    becomes([&] { return left.status->complete(); });
+    asked({"WAIT", "1", "1000"});
+    runFor(100ms);
+    // Nobody may act on for a master that is gone: another could be made, and give the role away.
+    master.kill();
+    at = "unix:" + directory.file("replica");
+    becomes([&] { return !left.acts(); });
+    becomes([&] { return left.acts() || right.acts(); });
+    Side& active = left.acts() ? left : right;
+    becomes([&] { return active.status->complete() && active.status->server() == "127.0.0.1:" + second; });
+    EXPECT_EQ(stored("msrp/status/registeredStreams/0x3", "vlanId"), "2");
+    EXPECT_EQ(asked({"HGET", meta, "whole"}).text, "1");
+}
+
 TEST_F(SupervisorTest, WhatIsWrongInTheStoreIsRefusedFieldByField) {
-    left.join(at, 1s, true);
+    left.inputs = {interfaces};
+    left.join(at, 1s);
     becomes([&] { return left.acts() && left.status->complete(); }, {&left});
     reserve(10);
     becomes([&] { return stored("msrp/status/registeredStreams/0x3", "vlanId") == "2"; }, {&left});

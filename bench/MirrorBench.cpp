@@ -1,0 +1,178 @@
+/// What it costs to have a stream in a store as well: to reserve it with its records mirrored and without, up
+/// to the octets that are sent, and to read all of them into the records of another supervisor.
+#include "Store/Follower.h"
+#include "Store/Mirror.h"
+#include "Store/Protocol.h"
+#include "bench/Processor.h"
+#include "bench/StreamSwitch.h"
+#include "bench/Streams.h"
+
+#include <functional>
+#include <malloc.h>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Bench::Spacing;
+using Bench::StreamSwitch;
+
+const std::vector<std::string> mirrored{"msrp/status", "msrp/waiting", "bridging/input/config/msrp",
+                                        "qos/input/config/msrp"};
+constexpr std::size_t batch = 65'536;
+
+/// As a supervisor tells a store of its records: after the turn in which they changed.
+class Teller {
+public:
+    /// `take` gets each batch.
+    Teller(StreamSwitch& device, std::function<void(const std::vector<std::string>&)> take)
+        : loop_{device.loop()},
+          take_{std::move(take)},
+          mirror_{device.bridge().database(), mirrored, {"Msrp::IntfStatus/rxCounters"}, [this] {
+                      loop_.post([this] { tell(); });
+                  }} {
+        tell();
+    }
+    std::size_t batches = 0;
+    std::size_t records = 0;
+
+private:
+    void tell() {
+        while (mirror_.waiting()) {
+            const Store::Mirror::Batch told = mirror_.take(batch);
+            ++batches;
+            records += told.records;
+            take_(told.words);
+        }
+    }
+
+    Runtime::Loop& loop_;
+    std::function<void(const std::vector<std::string>&)> take_;
+    Store::Mirror mirror_;
+};
+
+void reserveAll(StreamSwitch& device, std::size_t streams) {
+    device.hear(0, Bench::join(Msrp::typeTalkerAdvertise, 0, streams, Spacing::scattered));
+    device.settle();
+    device.hear(1, Bench::join(Msrp::typeListener, 0, streams, Spacing::scattered));
+    device.settle();
+}
+
+void mirrorReserve(benchmark::State& state, bool told) {
+    const auto streams = Bench::many(static_cast<std::size_t>(state.range(0)));
+    for ([[maybe_unused]] auto turn : state) {
+        StreamSwitch device{2};
+        std::optional<Teller> teller;
+        std::size_t octets = 0;
+        if (told)
+            teller.emplace(device,
+                           [&octets](const auto& words) { octets += Store::commandText(words).size(); });
+        const double seconds = Bench::secondsOf([&] { reserveAll(device, streams); });
+        if (device.bridge().logged("MSRP_BW_ALLOC_SUCCESS") != streams)
+            return state.SkipWithError("not every stream was reserved");
+        state.SetIterationTime(seconds);
+        if (!told) continue;
+        const auto each = static_cast<double>(streams);
+        state.counters["octets/stream"] = static_cast<double>(octets) / each;
+        state.counters["records/stream"] = static_cast<double>(teller->records) / each;
+        state.counters["streams/batch"] = each / static_cast<double>(teller->batches);
+    }
+    state.counters["perStream"] = Bench::timeEach(streams);
+}
+
+/// What a server would have of batches: fields by keys, each answer at once.
+class Memory {
+public:
+    void take(const std::vector<std::string>& words) {
+        for (std::size_t i = 0; i + 2 < words.size();) {
+            const std::size_t count = std::stoul(words[i + 2]);
+            auto& record = records_[words[i + 1]];
+            for (std::size_t n = i + 3; words[i] == "set" && n + 1 < i + 3 + count; n += 2)
+                record[words[n]] = words[n + 1];
+            i += 3 + count;
+        }
+    }
+    Store::Reply answer(const std::vector<std::string>& words) const {
+        using Kind = Store::Reply::Kind;
+        const auto text = [](const std::string& value) { return Store::Reply{Kind::text, value, 0, {}}; };
+        Store::Reply reply{Kind::list, {}, 0, {}};
+        if (words[0] == "HMGET") {
+            reply.list = {text("1"), text("0"), text("1")};
+        } else if (words[0] == "SSCAN") {
+            reply.list = {text("0"), {Kind::list, {}, 0, {}}};
+            for (const auto& record : records_) reply.list[1].list.push_back(text(record.first));
+        } else if (words[0] == "SISMEMBER") {
+            return {Kind::number, {}, 1, {}};
+        } else {
+            const auto record = records_.find(words[1].substr(words[1].find("record:") + 7));
+            for (const auto& [field, value] : record->second) {
+                reply.list.push_back(text(field));
+                reply.list.push_back(text(value));
+            }
+        }
+        return reply;
+    }
+
+private:
+    std::map<std::string, std::map<std::string, std::string>> records_;
+};
+
+void mirrorRead(benchmark::State& state) {
+    const auto streams = Bench::many(static_cast<std::size_t>(state.range(0)));
+    Memory memory;
+    StreamSwitch device{2};
+    const Teller teller{device, [&memory](const auto& words) { memory.take(words); }};
+    reserveAll(device, streams);
+    for ([[maybe_unused]] auto turn : state) {
+        StreamSwitch other{2};
+        std::vector<std::pair<Store::Reply, std::function<void(const Store::Reply&)>>> answers;
+        Store::Follower follower{
+            other.bridge().database(),
+            Store::Names{"switch"},
+            Store::Follower::Writer::agent,
+            {mirrored.begin(), mirrored.end()},
+            0.0,
+            [&](auto words, auto answer) { answers.emplace_back(memory.answer(words), std::move(answer)); },
+            [&](const std::string& line) { state.SkipWithError(line.c_str()); }};
+        double seconds = Bench::secondsOf([&] { follower.read([] {}); });
+        while (!answers.empty()) {
+            const auto some = std::exchange(answers, {});
+            // What the server would do does not count.
+            for (const auto& [reply, take] : some) seconds += Bench::secondsOf([&] { take(reply); });
+        }
+        if (other.bridge().status->registeredStreams().size() != streams)
+            return state.SkipWithError("not every stream was read");
+        state.SetIterationTime(seconds);
+    }
+    state.counters["perStream"] = Bench::timeEach(streams);
+}
+
+void mirrorMemory(benchmark::State& state) {
+    const auto streams = Bench::many(16'000);
+    for ([[maybe_unused]] auto turn : state) {
+        StreamSwitch device{2};
+        reserveAll(device, streams);
+        const auto used = [] { return static_cast<double>(mallinfo2().uordblks); };
+        const double before = used();
+        const Teller teller{device, [](const auto&) {}};
+        state.counters["octets/stream"] = (used() - before) / static_cast<double>(streams);
+    }
+}
+
+void manyRecords(benchmark::internal::Benchmark* bench) {
+    bench->Arg(1000)
+        ->Arg(16'000)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(Bench::isShort() ? 1 : 3);
+}
+
+BENCHMARK_CAPTURE(mirrorReserve, without, false)->Apply(manyRecords);
+BENCHMARK_CAPTURE(mirrorReserve, with, true)->Apply(manyRecords);
+BENCHMARK(mirrorRead)->Apply(manyRecords);
+BENCHMARK(mirrorMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
