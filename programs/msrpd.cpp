@@ -355,6 +355,8 @@ private:
             toAnother = heir;
         });
         loop_.runUntil([&] { return done; }, std::chrono::seconds{2});
+        // Nothing is said any more, whoever will have the role.
+        if (toAnother) endRole();
         return toAnother;
     }
 

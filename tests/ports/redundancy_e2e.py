@@ -89,6 +89,7 @@ class Relay:
     def __exit__(self, *_):
         self._process.kill()
         self._process.join()
+        self._listener.close()
 
     def cut(self, cut):
         os.kill(self._process.pid, signal.SIGSTOP if cut else signal.SIGCONT)
