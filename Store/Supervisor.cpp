@@ -43,9 +43,10 @@ std::uint64_t at(const Reply& reply, std::size_t place) {
                : 0;
 }
 
-/// A store that has come back must be found before the lease is over.
+/// A store that has come back must be found before the lease is over; a long list of entries is one answer.
 Options storeOptions(const Supervisor::Options& options, const Term& term) {
     Options store = options.store;
+    store.limits.answer = std::size_t{16} << 20;
     store.longestWait = std::min(store.longestWait, term.rhythm());
     return store;
 }

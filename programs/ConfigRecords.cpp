@@ -47,10 +47,16 @@ struct Objection {
 constexpr const char* intfEnable = "intfEnable";
 constexpr const char* noBridge = "means all ports of the bridge, and linux/config names none";
 
+/// The role is asked for ten times in it.
+constexpr double shortestLease = 0.2;
+
 std::optional<Objection> storeObjection(const ConfigRecords& records) {
     const auto store = records.record<Store::Config>("store/config");
+    const double lease = records.record<Store::RedundancyConfig>("redundancy/config")->lease();
+    if (lease > 0 && lease < shortestLease)
+        return Objection{{"redundancy/config", "lease"}, "is neither 0 nor 0.2 to 60"};
     if (!store->used()) {
-        if (records.record<Store::RedundancyConfig>("redundancy/config")->lease() > 0)
+        if (lease > 0)
             return Objection{{"redundancy/config", "lease"}, "needs a store, and store/config names none"};
         return std::nullopt;
     }

@@ -18,6 +18,8 @@ public:
     PortClaims(Linux::Claims& claims, std::shared_ptr<const Msrp::Config> msrp,
                std::shared_ptr<const Mvrp::Config> mvrp);
 
+    /// Others of other names may have the same ports.  Before any is claimed.
+    void sharedAs(const std::string& name) { suffix_ = " as " + name; }
     /// Claims the ports that a record or a patch of it, `record`, turns on by their names: all of them or
     /// none. Records that turn on none are welcome.  Empty on success, else one line that names record and
     /// port.
@@ -29,9 +31,10 @@ public:
     void settle(IntfId port);
 
 private:
-    static std::string claim(const std::string& port) { return "port " + port; }
+    [[nodiscard]] std::string claim(const std::string& port) const { return "port " + port + suffix_; }
 
     Linux::Claims& claims_;
+    std::string suffix_;
     const std::shared_ptr<const Msrp::Config> msrp_;
     const std::shared_ptr<const Mvrp::Config> mvrp_;
     State::Reactor msrpReactor_;

@@ -21,6 +21,10 @@ std::string machine() {
 
 }  // namespace
 
+std::string supervisorName(const Store::RedundancyConfig& config) {
+    return config.name().empty() ? machine() : config.name();
+}
+
 Store::Options storeOptions(const Store::Config& config) {
     Store::Options options{.addresses = {},
                            .master = config.sentinels().empty() ? "" : config.master(),
@@ -55,7 +59,7 @@ const std::set<std::string, std::less<>>& storeInputs() {
 Store::Supervisor::Options supervisorOptions(const Store::Config& store,
                                              const Store::RedundancyConfig& redundancy) {
     std::random_device random;
-    const std::string name = redundancy.name().empty() ? machine() : redundancy.name();
+    const std::string name = supervisorName(redundancy);
     Store::Supervisor::Options options{
         .store = storeOptions(store),
         .seed = random(),

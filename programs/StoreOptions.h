@@ -11,5 +11,7 @@
 Store::Options storeOptions(const Store::Config& config);
 /// Records that other programs may write in the store.
 const std::set<std::string, std::less<>>& storeInputs();
+/// For people; the machine's where it has none of its own.
+std::string supervisorName(const Store::RedundancyConfig& config);
 Store::Supervisor::Options supervisorOptions(const Store::Config& store,
                                              const Store::RedundancyConfig& redundancy);

@@ -180,12 +180,12 @@ private:
         std::string problem = Linux::packetSocketProblem();
         if (problem.empty() && !onBridge().empty()) problem = Linux::netAdminProblem();
         // Supervisors of one switch may stand over the same ports; which of them acts, the store decides.
-        if (problem.empty() && !onBridge().empty() && !redundant())
-            problem = claims_.take("bridge " + onBridge(), Patience::some);
-        if (problem.empty() && !redundant()) {
-            problem = portClaims_.take("msrp/config", config_->value(), Patience::some);
-            if (problem.empty()) problem = portClaims_.take("mvrp/config", mvrp_->value(), Patience::some);
-        }
+        const std::string as = redundant() ? " as " + supervisorName(*redundancyConfig_) : "";
+        if (redundant()) portClaims_.sharedAs(supervisorName(*redundancyConfig_));
+        if (problem.empty() && !onBridge().empty())
+            problem = claims_.take(bridgeClaim() + as, Patience::some);
+        if (problem.empty()) problem = portClaims_.take("msrp/config", config_->value(), Patience::some);
+        if (problem.empty()) problem = portClaims_.take("mvrp/config", mvrp_->value(), Patience::some);
         if (problem.empty()) problem = server_.start(options_.socket);
         for (const std::string& notice : server_.notices()) tell(Level::warning, notice);
         if (problem.empty()) problem = devices_.start();
@@ -327,10 +327,20 @@ private:
         loop_.firstIs([this] { supervisor_->check(); });
     }
 
+    [[nodiscard]] std::string bridgeClaim() const { return "bridge " + onBridge(); }
+
+    // One that stands still may have it yet.
+    void claimBridge() {
+        if (!claims_.take(bridgeClaim(), Patience::none).empty()) claimAgain_.armIn(std::chrono::seconds{1});
+    }
+
     std::string beginRole() {
         acting_ = true;
         std::string problem;
-        if (!onBridge().empty()) problem = startDataplane();
+        if (!onBridge().empty()) {
+            claimBridge();
+            problem = startDataplane();
+        }
         if (problem.empty()) startVlans();
         if (!problem.empty()) endRole();
         return problem;
@@ -339,6 +349,8 @@ private:
     /// The kernel goes on with what it has.
     void endRole() {
         acting_ = false;
+        claimAgain_.cancel();
+        if (!onBridge().empty()) claims_.giveBack(bridgeClaim());
         dataplane_.reset();
         if (vlans_) vlans_->stop();
         vlans_.reset();
@@ -517,6 +529,7 @@ private:
     std::optional<Linux::Dataplane> dataplane_;
     std::optional<Mvrp::Agent> vlans_;
     std::optional<Store::Supervisor> supervisor_;
+    Runtime::Timer claimAgain_{loop_, [this] { claimBridge(); }};
     bool acting_ = false;  ///< the role's work has begun; without a lease it is not asked
     std::optional<EveryPort> everyPort_;
     std::optional<History::Recorder> history_;

@@ -262,7 +262,7 @@ class Redundancy(unittest.TestCase):
     """One stream from swp1 to swp2 and swp3."""
 
     def setUp(self):
-        bed = self.bed = self.enterContext(Pair(BUILD))
+        bed = self.bed = self.enterContext(Pair(BUILD, **{"msrp/config": {"intfEnable": {"*": True}}}))
         self.way = self.enterContext(Relay(bed.directory / "way", bed.directory / "redis.sock"))
         bed.ways["left"] = f"unix:{bed.directory}/way"
         bed.starts("left")
