@@ -37,6 +37,8 @@ const View& counters();
 const View& engines();
 /// The kernel's abilities, the way in which each port is shaped, and the room for groups.
 const View& capabilities();
+/// Which supervisor acts, which could, and how the store is.
+const View& redundancy();
 /// Recent lines of the system log with their age.
 const View& log();
 

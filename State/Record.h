@@ -135,12 +135,18 @@ struct Scalar : WholeField {
         Notify::changed(record, name, later);
     }
     MaybeProblem restore(R& record, const Value& value, double shift) const {
-        if (auto problem = check(record, value)) return problem;
         Tidings now;
-        if constexpr (std::same_as<T, double>) {
-            write(record, Value{*Codec<T>::decode(value) + (isTime ? shift : 0.0)}, now);
+        if constexpr (NamedEnum<T>) {
+            const auto told = Codec<T>::decodeAny(value);
+            if (!told) return badValue(value, Codec<T>::expected());
+            if (std::exchange(record.*member, *told) != *told) Notify::changed(record, name, now);
         } else {
-            write(record, value, now);
+            if (auto problem = check(record, value)) return problem;
+            if constexpr (std::same_as<T, double>) {
+                write(record, Value{*Codec<T>::decode(value) + (isTime ? shift : 0.0)}, now);
+            } else {
+                write(record, value, now);
+            }
         }
         now.tell();
         return std::nullopt;

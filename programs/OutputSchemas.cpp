@@ -72,6 +72,8 @@ const std::vector<OutputSchema>& outputSchemas() {
         {"show-times", "msrpctl --json show times", Show::times().schema},
         {"show-log", "msrpctl --json show log", Show::log().schema},
         {"show-capabilities", "msrpctl --json show capabilities", Show::capabilities().schema},
+        {"show-redundancy", "msrpctl --json show redundancy", Show::redundancy().schema},
+        {"redundancy-switch", "msrpctl --json redundancy switch", nothing},
         {"show-mrp", "msrpctl --json show mrp", Show::engines().schema},
         {"show-mrp-port", "msrpctl --json show mrp PORT",
          [] {

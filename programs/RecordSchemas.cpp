@@ -20,6 +20,8 @@
 #include "Runtime/LogConfig.h"
 #include "Runtime/ProcessStatus.h"
 #include "Runtime/RecentLog.h"
+#include "Store/Config.h"
+#include "Store/Status.h"
 #include "Switch/Bridging.h"
 #include "Switch/BridgingInput.h"
 #include "Switch/BridgingTopology.h"
@@ -76,6 +78,9 @@ State::Schema recordSchemas() {
     add("qos/hardware/status/global", Qos::HwStatus{});
     add("qos/input/config/msrp", Qos::Input::Config{});
     add("qos/status", Qos::Status{});
+    add("redundancy", Store::Status{});
+    add("redundancy/config", Store::RedundancyConfig{});
+    add("store/config", Store::Config{});
     add("stp/status", Stp::Status{});
     add("switch/domain", Switch::Domain{});
     add("switch/refusals", Switch::Refusals{});

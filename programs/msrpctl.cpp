@@ -399,6 +399,7 @@ int main(int argc, char** argv) {
     view("log", "Recent lines of the system log", Show::log);
     view("capabilities", "What the kernel can do for reservations, and how each port is shaped",
          Show::capabilities);
+    view("redundancy", "Which supervisor acts, which could, and how their store is", Show::redundancy);
     shows
         .command("mrp", "The protocol engine: timers, frames, and the states of every attribute of a port",
                  [&] { return showEngine(o); })

@@ -100,7 +100,12 @@ public:
 
     void run() {
         demand(configuration_.load(access_), usage);
-        if (storeConfig_->used()) makeSupervisor();
+        if (storeConfig_->used()) {
+            makeSupervisor();
+        } else {
+            redundancy_->roleIs(Store::Role::active);
+            redundancy_->nameIs(supervisorName(*redundancyConfig_));
+        }
         demand(start());
         history_.emplace(loop_, database_,
                          History::Recorder::Options{.octets = options_.historySize << 20,
@@ -309,8 +314,7 @@ private:
         const auto redundancy =
             redundant() ? record<Redundancy::RedundancyStatus>("redundancy/status") : nullptr;
         supervisor_.emplace(
-            loop_, database_, supervisorOptions(*storeConfig_, *redundancyConfig_), redundancy,
-            record<Store::Status>("redundancy"),
+            loop_, database_, supervisorOptions(*storeConfig_, *redundancyConfig_), redundancy, redundancy_,
             Store::Supervisor::Calls{
                 .begin = [this] { return beginRole(); },
                 .end = [this] { endRole(); },
@@ -500,6 +504,7 @@ private:
     std::shared_ptr<Store::Config> storeConfig_ = record<Store::Config>("store/config");
     std::shared_ptr<Store::RedundancyConfig> redundancyConfig_ =
         record<Store::RedundancyConfig>("redundancy/config");
+    std::shared_ptr<Store::Status> redundancy_ = record<Store::Status>("redundancy");
     PortClaims portClaims_{claims_, config_, mvrp_};
     std::shared_ptr<Bridging::Config> bridging_ = record<Bridging::Config>("bridging/config");
     std::shared_ptr<Bridging::Topology::Config> topology_ =

@@ -152,6 +152,7 @@ struct SupervisorTest : testing::Test {
             if (id % 3 == 0) far.declare(listener(id, ListenerState::Ready));
         }
         talker.declare(Sim::failed({.id = 5000, .macDa = 0x91e0f0005000}, 9));
+        far.declare(listener(6000, ListenerState::Ready));  // of no talker
         time.runFor(5s);
     }
     [[nodiscard]] std::size_t leaves() const { return talker.leaves() + near.leaves() + far.leaves(); }
@@ -188,6 +189,7 @@ TEST_F(SupervisorTest, TheOtherGoesOnWithAllThatTheFirstHad) {
     runFor(50ms);
     ASSERT_TRUE(left.shown("msrp/waiting").find("stream") != std::string::npos) << "nobody waits";
     expectSame();
+    EXPECT_EQ(right.said("store:"), 0U) << "something is refused";
     const std::string before = left.bridge.streams();
     const std::string groups = left.bridge.groups();
     const auto near0 = near.registered();
