@@ -4,6 +4,7 @@
 #include "Msrp/types/Config.h"
 #include "Plan/DotText.h"
 #include "Runtime/Text.h"
+#include "Show/Neighbourhood.h"
 #include "Show/Page.h"
 #include "Show/StreamReport.h"
 
@@ -160,23 +161,13 @@ private:
         ports_[ends[1]].peer = ends[0];
     }
 
-    /// Ports of others that p may be joined to: several where a bridge has one address for all of its ports.
-    [[nodiscard]] std::vector<std::size_t> neighbours(std::size_t p) const {
-        const Port& port = ports_[p];
-        std::vector<std::size_t> found;
-        for (std::size_t q = 0; q < ports_.size(); ++q) {
-            const Port& other = ports_[q];
-            if (!other.peer && !port.peer && other.bridge != port.bridge && port.heard != EthAddr{} &&
-                other.heard != EthAddr{} && port.heard == other.address && other.heard == port.address)
-                found.push_back(q);
-        }
-        return found;
-    }
-
     void joinNeighbours() {
-        std::vector<std::vector<std::size_t>> all;
-        all.reserve(ports_.size());
-        for (std::size_t p = 0; p < ports_.size(); ++p) all.push_back(neighbours(p));
+        std::vector<Show::HeardPort> heard;
+        heard.reserve(ports_.size());
+        // Those of a link that somebody knows are joined to none.
+        for (const Port& port : ports_)
+            heard.push_back({port.bridge, port.address, port.peer ? EthAddr{} : port.heard});
+        const auto all = Show::neighboursOf(heard);
         for (std::size_t p = 0; p < ports_.size(); ++p) {
             if (all[p].empty()) continue;
             if (all[p].size() == 1 && all[all[p].front()].size() == 1) {

@@ -60,6 +60,18 @@ struct Notify {
     }
 };
 
+/// What makes a map that holds `held` what `value` says: entries that are not named go.
+template <class Map>
+Value wholePatch(const Value& value, const Map& held) {
+    Value patch{value};
+    for (const auto& [key, entry] : held) {
+        std::string text = KeyText<std::remove_cvref_t<decltype(key)>>::text(key);
+        if (value.member(text) == nullptr)
+            std::get<Object>(patch.data).emplace_back(std::move(text), Value{});
+    }
+    return patch;
+}
+
 /// A field that is read whole; see `Entity::nextPiece`.
 struct WholeField {
     static constexpr bool isLong = false;
@@ -207,12 +219,7 @@ struct MapField : WholeField {
     }
     MaybeProblem restore(R& record, const Value& value, double) const {
         if (auto problem = check(record, value)) return problem;
-        Value patch{value};
-        for (const auto& [key, held] : record.*member) {
-            std::string text = KeyText<K>::text(key);
-            if (value.member(text) == nullptr)
-                std::get<Object>(patch.data).emplace_back(std::move(text), Value{});
-        }
+        const Value patch = wholePatch(value, record.*member);
         Tidings now;
         write(record, patch, now);
         now.tell();

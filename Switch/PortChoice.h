@@ -94,6 +94,14 @@ struct PortChoiceField : State::WholeField {
         settle(record, differs, later);
     }
 
+    State::MaybeProblem restore(R& record, const State::Value& value, double) const {
+        if (auto problem = check(record, value)) return problem;
+        State::Tidings now;
+        write(record, State::wholePatch(value, (record.*member).said_), now);
+        now.tell();
+        return std::nullopt;
+    }
+
     /// The same for one entry; nothing takes it back.
     void sayIs(R& record, IntfId port, std::optional<bool> chosen) const {
         State::Tidings now;

@@ -16,12 +16,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// A process that is gone, one way or the other, when this is.
-class Child {
+class LldpChild {
 public:
-    explicit Child(pid_t pid) : pid_{pid} {}
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() {
+    explicit LldpChild(pid_t pid) : pid_{pid} {}
+    LldpChild(const LldpChild&) = delete;
+    LldpChild& operator=(const LldpChild&) = delete;
+    ~LldpChild() {
         if (pid_ == 0) return;
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
@@ -84,7 +84,7 @@ std::optional<std::string> outputOf(const std::vector<std::string>& command, std
     ::close(ends[1]);
     std::optional<std::string> output;
     if (pid != 0) {
-        Child child{pid};
+        LldpChild child{pid};
         output = readAll(ends[0], until, octets);
         if (output && !child.endedWell(until)) output.reset();
     }

@@ -5,6 +5,7 @@
 #include "History/Journal.h"
 #include "Show/Doctor.h"
 #include "Show/Explain.h"
+#include "Show/Fleet.h"
 #include "Show/History.h"
 #include "Show/Log.h"
 #include "Show/Streams.h"
@@ -65,6 +66,7 @@ const std::vector<OutputSchema>& outputSchemas() {
              return Show::streamSchema(inRecords({"history/stages", "stream", ""}),
                                        inRecords({"history/gone", "stream", ""}));
          }},
+        {"fleet", "msrpctl --json --fleet show streams and show stream ID", Show::fleetSchema},
         {"show-ports", "msrpctl --json show ports", Show::ports().schema},
         {"show-domain", "msrpctl --json show domain", Show::domain().schema},
         {"show-vlans", "msrpctl --json show vlans", Show::vlans().schema},

@@ -16,6 +16,7 @@
 #include "programs/Clean.h"
 #include "programs/CommandLine.h"
 #include "programs/ConfigChanges.h"
+#include "programs/FleetCommand.h"
 #include "programs/HistoryCommand.h"
 #include "programs/OutputSchemas.h"
 #include "programs/Save.h"
@@ -27,6 +28,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -55,6 +57,7 @@ struct Options {
     HistoryOptions history{};
     PageOptions page{};
     TopOptions top{};
+    FleetOptions fleet{};
 };
 
 void print(const Options& options, const Value& value) {
@@ -128,6 +131,8 @@ ExitCode showStream(const Options& options) {
     if (!id)
         throw Failure{"stream \"" + options.stream + "\" is neither 0x... nor like 00:11:22:33:44:55/1",
                       usage};
+    if (options.fleet.on)
+        return showFleet(options.socket, options.fleet, options.json, pageOf(options.page), *id);
     Show::Snapshot snapshot;
     Daemon daemon{options};
     daemon.read(snapshot, Show::streams().records);
@@ -378,6 +383,7 @@ int main(int argc, char** argv) {
     program.text("--socket", "Control socket of the daemon", o.socket)
         .flag("--json", "One JSON value on one line instead of tables and indented text", o.json);
     addPageWords(program, o.page);
+    addFleetWords(program, o.fleet);
 
     Words shows = program.command("show", "Tables of what goes on");
     const auto view = [&](const char* name, const char* help, const Show::View& (*which)()) {
@@ -385,7 +391,11 @@ int main(int argc, char** argv) {
     };
     shows
         .command("streams", "All streams: which ports carry them, and why the others do not",
-                 [&o] { return show(o, o.traffic ? Show::traffic() : Show::streams()); })
+                 [&o] {
+                     if (o.fleet.on)
+                         return showFleet(o.socket, o.fleet, o.json, pageOf(o.page), std::nullopt);
+                     return show(o, o.traffic ? Show::traffic() : Show::streams());
+                 })
         .flag("--traffic", "What comes in of each from its talker, against what is reserved", o.traffic);
     shows.command("stream", "All about one stream", [&] { return showStream(o); })
         .text("ID", "0x... or address/number, 00:11:22:33:44:55/1", o.stream, required);
