@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t mostOpen = 256;
 /// News that are kept until it is known what the store has.
 constexpr std::size_t mostEarly = 10'000;
-/// Paths about which something was said that is not to be said again while it holds.
+/// Lines about what is refused, and still wrong: no more are told.
 constexpr std::size_t mostRefused = 100;
 
 std::uint64_t numberOf(std::string_view text) {
@@ -200,10 +200,9 @@ void Follower::taken(const std::string& path, const Reply& fields, bool there) {
     }
     if (refusedNow_.empty()) {
         refused_.erase(path);
-    } else if (refused_.size() < mostRefused || refused_.contains(path)) {
+    } else {
         refused_[path] = std::exchange(refusedNow_, {});
     }
-    refusedNow_.clear();
 }
 
 void Follower::giveUp(const Reply& reply) {

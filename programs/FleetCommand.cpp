@@ -186,7 +186,7 @@ std::optional<Show::FleetBridge> readBridge(StoreServer& server, const std::stri
     // Its own clock's zero is where its times were moved to.
     if (gone) {
         const std::chrono::milliseconds since{static_cast<std::int64_t>(numberOf(meta.list[2]))};
-        bridge.asOf = Show::wallText(Runtime::WallTime{since}, 0);
+        bridge.asOf = Show::wallText(Runtime::WallTime{since}, 3);
     }
     for (const std::string& path : wanted) {
         if (const auto record = database.entity(path)) bridge.records.records[path] = record->value();
