@@ -309,9 +309,11 @@ std::optional<std::uint64_t> Follower::sequence() const {
 void Follower::refuse(const std::string& path, const std::string& what) {
     std::string line =
         Runtime::concat("store: ", inOneLine(path), ": ", inOneLine(what), "; the record keeps what it had");
+    std::size_t lines = refusedNow_.size();
+    for (const auto& [known, told] : refused_) lines += told.size();
     const auto before = refused_.find(path);
-    const bool said =
-        before != refused_.end() ? before->second.contains(line) : refused_.size() >= mostRefused;
+    const bool said = before != refused_.end() && before->second.contains(line);
+    if (!said && lines >= mostRefused) return;
     if (refusedNow_.insert(line).second && !said) report_(line);
 }
 

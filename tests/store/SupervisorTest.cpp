@@ -458,7 +458,7 @@ TEST_F(SupervisorTest, DataOfAnEarlierLifeLastsAsLongAsNobodyDeniesIt) {
     right.join(at, 1s);
     becomes([&] { return right.acts(); }, {&right});
     time.runFor(0s);
-    EXPECT_EQ(std::ranges::count(right.bridge.streams(), '\n'), 11);
+    EXPECT_EQ(std::ranges::count(right.bridge.streams(), '\n'), 12);
     time.runFor(30s);
     for (std::uint64_t id = 1; id <= 10; ++id)
         EXPECT_EQ(right.bridge.stream(id).find("no talker") != std::string::npos, id > 5) << id;
