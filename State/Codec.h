@@ -104,9 +104,6 @@ struct Codec<std::string> {
     static Schema schema() { return {.type = "string"}; }
 };
 
-/// Decimal number, whole text, nothing else.
-std::optional<std::uint64_t> parseDecimal(std::string_view text, std::uint64_t max);
-
 template <NamedEnum E>
 struct Codec<E> {
     static constexpr std::string_view typeName = "enum";
@@ -119,14 +116,10 @@ struct Codec<E> {
         }
         return std::nullopt;
     }
-    /// Also a value that has no name: whatever `encode` gives.
-    static std::optional<E> decodeAny(const Value& v) {
-        if (const auto named = decode(v)) return named;
-        using Number = std::underlying_type_t<E>;
-        const auto* text = std::get_if<std::string>(&v.data);
-        const auto number =
-            text != nullptr ? parseDecimal(*text, std::numeric_limits<Number>::max()) : std::nullopt;
-        return number ? std::optional{static_cast<E>(*number)} : std::nullopt;
+    /// Also the zero of an enumeration that has no name for it, as `encode` writes it.
+    static std::optional<E> decodeWithZero(const Value& v) {
+        const auto named = decode(v);
+        return named || v != encode(E{}) ? named : std::optional{E{}};
     }
     static std::string expected() {
         std::string list = "one of";
@@ -169,6 +162,8 @@ struct Codec<std::vector<std::pair<std::string, T>>> {
     static Schema schema() { return mapOf({.type = "string"}, Codec<T>::schema()); }
 };
 
+/// Decimal number, whole text, nothing else.
+std::optional<std::uint64_t> parseDecimal(std::string_view text, std::uint64_t max);
 /// "0x" and one to sixteen hexadecimal digits.
 std::optional<std::uint64_t> parseHex(std::string_view text);
 /// "0x" and upper-case digits without leading zeros.

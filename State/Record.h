@@ -149,7 +149,7 @@ struct Scalar : WholeField {
     MaybeProblem restore(R& record, const Value& value, double shift) const {
         Tidings now;
         if constexpr (NamedEnum<T>) {
-            const auto told = Codec<T>::decodeAny(value);
+            const auto told = Codec<T>::decodeWithZero(value);
             if (!told) return badValue(value, Codec<T>::expected());
             if (std::exchange(record.*member, *told) != *told) Notify::changed(record, name, now);
         } else {

@@ -238,12 +238,14 @@ void Supervisor::notOurs(const Reply& reply) {
         why = concat("what lies in the store has form ", at(reply, 3),
                      ", of a later version; this one knows form ", schemaVersion);
         troubleIs(Trouble::lease, why);
-    } else if (alone()) {
+    } else if (const bool changes = !foreign_.empty() && foreign_ != term_.seen(); alone() && changes) {
+        // A lease that stays as it is may be our own, of an earlier life.
         troubleIs(Trouble::lease, concat("another program writes under the name \"", options_.name,
                                          "\": ", status_->holder()));
-    } else {
+    } else if (!alone()) {
         troubleIs(Trouble::lease, {});
     }
+    foreign_ = term_.seen();
     // That the store has forgotten who had it is no reason to stop: it is asked again, for us.
     if (alone()) {
         writing_ = Writing::no;
@@ -317,7 +319,7 @@ void Supervisor::check() {
 
 void Supervisor::flush() {
     if (role_ != Role::active || std::exchange(flushing_, true)) return;
-    loop_.post([this] {
+    later([this] {
         flushing_ = false;
         sendBatches();
     });
@@ -462,6 +464,12 @@ void Supervisor::listAgents(const Reply& reply) {
     for (const std::string& name : gone) status_->agentDel(name);
 }
 
+void Supervisor::later(std::function<void()> task) {
+    loop_.post([life = std::weak_ptr{life_}, task = std::move(task)] {
+        if (!life.expired()) task();
+    });
+}
+
 void Supervisor::publish() { status_->backlogIs(role_ == Role::active ? mirror_.backlog() : 0); }
 
 // Handing over
@@ -501,7 +509,7 @@ void Supervisor::handTo(const std::string& heir, std::function<void(const std::s
              std::to_string(fence_), millisecondsText(term_.lease()), names_.roles, heir},
             [done](const Reply& reply) { done(reply.kind == Reply::Kind::error ? inOneLine(reply) : ""); });
     };
-    loop_.post([this] { sendBatches(); });
+    later([this] { sendBatches(); });
 }
 
 }  // namespace Store

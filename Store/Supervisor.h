@@ -106,6 +106,8 @@ private:
     void listAgents(const Reply& reply);
     void handTo(const std::string& heir, std::function<void(const std::string& problem)> done);
     void publish();
+    /// In the loop, unless this is gone by then.
+    void later(std::function<void()> task);
     void say(Tone tone, const std::string& line) { calls_.report(tone, line); }
     void ask(const std::vector<std::string>& words, Connection::Answer answer);
     void troubleIs(Trouble trouble, const std::string& line);
@@ -117,17 +119,7 @@ private:
     const std::shared_ptr<Redundancy::RedundancyStatus> redundancy_;
     const std::shared_ptr<Status> status_;
     const Calls calls_;
-    Term term_;
-    Mirror mirror_;
-    Follower follower_;  ///< of what the acting one writes
-    Follower inputs_;    ///< of what other programs write
-    Finder store_;       ///< for questions
-    Finder news_;        ///< for what is told unasked
-    Runtime::Timer tick_;
-    Runtime::Timer expiry_;
-    Runtime::Timer lazy_;
-    Runtime::Timer again_;  ///< after a batch that was refused
-
+    // Before those that call back as soon as they are made.
     Role role_ = Role::standby;
     std::uint64_t fence_ = 0;     ///< the highest that is known
     Runtime::Time unfitUntil_{};  ///< the role could not be taken: others go first
@@ -141,6 +133,20 @@ private:
     Runtime::Time readNext_{};              ///< after a store that could not be read
     std::function<void()> flushed_;         ///< called when nothing waits to be written
     std::optional<double> clockZero_;
+    std::string foreign_;  ///< the lease of another that writes under our name, as it was last
+    /// Who finds it expired must not touch anything here.
+    const std::shared_ptr<char> life_ = std::make_shared<char>();
+
+    Term term_;
+    Mirror mirror_;
+    Follower follower_;  ///< of what the acting one writes
+    Follower inputs_;    ///< of what other programs write
+    Finder store_;       ///< for questions
+    Finder news_;        ///< for what is told unasked
+    Runtime::Timer tick_;
+    Runtime::Timer expiry_;
+    Runtime::Timer lazy_;
+    Runtime::Timer again_;  ///< after a batch that was refused
 };
 
 }  // namespace Store

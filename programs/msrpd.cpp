@@ -325,10 +325,12 @@ private:
                                  line);
                     }});
         if (!redundant()) return;
-        const auto mayAct = [this] { return acting_ && supervisor_->mayAct(); };
+        const auto mayAct = [this] { return acting_ && supervisor_ && supervisor_->mayAct(); };
         ports_.gateIs(mayAct);
         mvrpPorts_.gateIs(mayAct);
-        loop_.firstIs([this] { supervisor_->check(); });
+        loop_.firstIs([this] {
+            if (supervisor_) supervisor_->check();
+        });
     }
 
     [[nodiscard]] std::string bridgeClaim() const { return "bridge " + onBridge(); }
