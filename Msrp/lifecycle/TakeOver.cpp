@@ -17,6 +17,11 @@ bool MsrpSm::rebuildStreams(U64& next, unsigned& units) {
         if (units == 0) return false;
         --units;
         const auto stream = status()->registeredStreams(*id);
+        // What was read from elsewhere may say what no talker could have said.
+        if (stream->vlanId() < VlanId::min || stream->vlanId() > VlanId::max) {
+            stream->ingressIntfIs({});
+            stream->ethGroupIs(nullptr);
+        }
         // Withdrawals that waited for a review were known to the other side only.
         if (!stream->ingressIntf()) stream->talkerDelAll();
         findGroup(*stream);
