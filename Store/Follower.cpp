@@ -3,6 +3,7 @@
 #include "Control/Json.h"
 #include "Runtime/Text.h"
 #include "State/Codec.h"
+#include "State/Record.h"
 
 #include <algorithm>
 #include <charconv>

@@ -40,6 +40,28 @@ struct StreamPort {
 
 /// One stream; the key is its id.  The first value is the one with which the talker registered it.
 class StreamData : public State::Record<StreamData> {
+    /// What a port's value is in a record: a failure code goes by its number.
+    template <class T>
+    using Told = std::conditional_t<std::is_same_v<T, TalkerFailureCode>, U8, T>;
+    /// One column of the table of ports, by port.
+    template <auto member, auto has>
+    static constexpr auto column(std::string_view name) {
+        using T = std::decay_t<decltype(std::declval<StreamPort>().*member)>;
+        return State::restored<StreamData>(
+            name,
+            [](const StreamData& s) {
+                std::vector<std::pair<std::string, Told<T>>> entries;
+                for (const StreamPort& p : s.ports_) {
+                    if (p.*has) entries.emplace_back(p.intf.name(), static_cast<Told<T>>(p.*member));
+                }
+                return entries;
+            },
+            [name](StreamData& s, const State::Value& value, double shift) {
+                return s.restoreColumn<T>(name, member, has, value, shift);
+            },
+            nullptr, std::is_same_v<T, double>);  // a time is set together with a state
+    }
+
 public:
     static constexpr std::string_view type = "Msrp::StreamData";
     explicit StreamData(U64 streamId) : streamId_{streamId} {}
@@ -144,27 +166,6 @@ private:
     /// Drops the row of a port of which nothing is known any more, and tells the change.
     void rowChanged(IntfId intf, std::string_view field);
 
-    /// What a port's value is in a record: a failure code goes by its number.
-    template <class T>
-    using Told = std::conditional_t<std::is_same_v<T, TalkerFailureCode>, U8, T>;
-    /// One column of the table of ports, by port.
-    template <auto member, auto has>
-    static constexpr auto column(std::string_view name) {
-        using T = std::decay_t<decltype(std::declval<StreamPort>().*member)>;
-        return State::restored<StreamData>(
-            name,
-            [](const StreamData& s) {
-                std::vector<std::pair<std::string, Told<T>>> entries;
-                for (const StreamPort& p : s.ports_) {
-                    if (p.*has) entries.emplace_back(p.intf.name(), static_cast<Told<T>>(p.*member));
-                }
-                return entries;
-            },
-            [name](StreamData& s, const State::Value& value, double shift) {
-                return s.restoreColumn<T>(name, member, has, value, shift);
-            },
-            nullptr, std::is_same_v<T, double>);  // a time is set together with a state
-    }
     template <class T>
     State::MaybeProblem restoreColumn(std::string_view field, T StreamPort::*member, bool StreamPort::*has,
                                       const State::Value& value, double shift);
