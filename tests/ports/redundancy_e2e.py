@@ -275,13 +275,16 @@ class Redundancy(unittest.TestCase):
         # Domains of both classes have come and gone by then.
         bed.wait(lambda: bed.said("swp1").endswith(f"listener {STREAM} Ready\n"), 5, "the talker hears of nobody")
         self.heard = {port: bed.said(port) for port in bed.ports}
-        self.changes = bed.spawn("mdb", bed.switch, "bridge", "monitor", "mdb")
+        bed.spawn("mdb", bed.switch, "bridge", "monitor", "mdb")
+        bed.spawn("tc", bed.switch, "tc", "monitor")
 
     def expect_unheard(self):
         """No station has heard of anything, and the kernel forwards as before."""
         time.sleep(0.5)
         self.assertEqual({port: self.bed.said(port) for port in self.bed.ports}, self.heard)
         self.assertNotIn("91:e0:f0", self.bed.said("mdb"))
+        # Queues and filters are set to what they are, in place.
+        self.assertNotIn("deleted", self.bed.said("tc"))
 
     def test_nobody_hears_of_a_change_of_role(self):
         bed = self.bed
@@ -381,7 +384,7 @@ class Trial(unittest.TestCase):
         bed.wait(lambda: bed.said("swp1").count(" Ready\n") >= each, 10, "not all listeners are heard of")
         bed.wait(bed.ready, 20, "the pair is not ready")
         self.heard = {port: bed.said(port) for port in ("swp1", "swp2")}
-        self.changes = bed.spawn("mdb", bed.switch, "bridge", "monitor", "mdb")
+        bed.spawn("mdb", bed.switch, "bridge", "monitor", "mdb")
         self.come_and_go_at = 0.0
         self.delays = []  # from death to the other's role, by its own clock
 
