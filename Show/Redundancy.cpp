@@ -1,7 +1,7 @@
 #include "Show/Table.h"
 #include "Show/Views.h"
 
-#include <cstdint>
+#include <cmath>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,7 +46,7 @@ SupervisorRow rowOf(const Snapshot& s) {
 
 std::string milliseconds(const Value& seconds) {
     const double span = State::Codec<double>::decode(seconds).value_or(0.0);
-    return std::to_string(static_cast<std::uint64_t>(span * 1000.0 + 0.5)) + " ms";
+    return std::to_string(std::lround(span * 1000.0)) + " ms";
 }
 
 std::string redundancyText(const Snapshot& snapshot, const Page& page) {
