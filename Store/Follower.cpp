@@ -277,7 +277,7 @@ void Follower::removeOthers() {
                 inside = true;
                 field = piece.name;
             } else if (inside && piece.kind != State::Piece::Kind::values) {
-                const std::string below = path + '/' + field + '/' + piece.name;
+                const std::string below = Runtime::concat(path, '/', field, '/', piece.name);
                 if (!known_.contains(below)) {
                     gone.push_back(below);
                 } else if (const auto child = entity.child(field, piece.name)) {

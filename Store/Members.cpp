@@ -16,7 +16,7 @@ struct Reading {
     std::function<void(const Reply* problem)> done;
 };
 
-void readFrom(std::shared_ptr<Reading> reading, const std::string& cursor) {
+void readFrom(const std::shared_ptr<Reading>& reading, const std::string& cursor) {
     const Ask& ask = reading->ask;
     ask({"SSCAN", reading->key, cursor, "COUNT", membersAtATime}, [reading](const Reply& reply) {
         if (reply.kind != Reply::Kind::list || reply.list.size() != 2) return reading->done(&reply);

@@ -1,6 +1,7 @@
 #include "Store/Mirror.h"
 
 #include "Control/Json.h"
+#include "Runtime/Text.h"
 
 #include <algorithm>
 #include <limits>
@@ -53,7 +54,7 @@ const Mirror::Shape& Mirror::shapeOf(const State::Entity& entity) {
         const auto shape = *entity.fieldShape(name);
         const std::uint64_t bit = std::uint64_t{1} << shape.number;
         if (shape.follows) at->second.follows |= bit;
-        if (lazy_.contains(std::string{entity.typeName()} + '/' + std::string{name})) at->second.lazy |= bit;
+        if (lazy_.contains(Runtime::concat(entity.typeName(), '/', name))) at->second.lazy |= bit;
     }
     return at->second;
 }
@@ -89,13 +90,13 @@ void Mirror::add(std::string path, const State::Entity& entity) {
                 addEntries(*record.path, entity, field);
         } else if (inside && piece.kind != State::Piece::Kind::values) {
             if (const auto child = entity.child(field, piece.name))
-                add(*record.path + '/' + field + '/' + piece.name, *child);
+                add(Runtime::concat(*record.path, '/', field, '/', piece.name), *child);
         }
     }
 }
 
 void Mirror::addEntries(const std::string& path, const State::Entity& entity, std::string_view field) {
-    Node& entries = node(path + '/' + std::string{field}, entity);
+    Node& entries = node(Runtime::concat(path, '/', field), entity);
     // The name lies in the path for as long as the node does.
     entries.entries = std::string_view{*entries.path}.substr(path.size() + 1);
 }
@@ -141,7 +142,7 @@ void Mirror::changed(const State::Change& change) {
         return;
     }
     const auto key = change.entity.keyText(change);
-    std::string path = *node.path + '/' + std::string{change.field};
+    std::string path = Runtime::concat(*node.path, '/', change.field);
     if (shape->kind == State::FieldKind::entries) {
         const auto entries = nodes_.find(path);
         if (entries == nodes_.end()) return;
