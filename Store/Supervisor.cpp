@@ -76,14 +76,14 @@ Supervisor::Supervisor(Runtime::FdLoop& loop, State::Database& database, Options
                 Follower::Writer::agent,
                 options_.outputs,
                 clockZero(loop),
-                [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
+                [this](const auto& words, auto answer) { ask(words, std::move(answer)); },
                 [this](const std::string& line) { say(Tone::warning, line); }},
       inputs_{database,
               names_,
               Follower::Writer::others,
               options_.inputs,
               clockZero(loop),
-              [this](auto words, auto answer) { ask(std::move(words), std::move(answer)); },
+              [this](const auto& words, auto answer) { ask(words, std::move(answer)); },
               [this](const std::string& line) { say(Tone::warning, line); }},
       store_{loop,
              storeOptions(options_, term_),
@@ -344,8 +344,7 @@ void Supervisor::sendBatches() {
         words.insert(words.end(), std::make_move_iterator(batch.words.begin()),
                      std::make_move_iterator(batch.words.end()));
         ++inFlight_;
-        ask(std::move(words),
-            [this, records = batch.records](const Reply& reply) { written(reply, records); });
+        ask(words, [this, records = batch.records](const Reply& reply) { written(reply, records); });
     }
     if (inFlight_ == 0 && !mirror_.waiting()) {
         status_->completeIs(true);
@@ -379,7 +378,7 @@ void Supervisor::writeAll() {
     writing_ = Writing::listing;
     status_->completeIs(false);
     auto known = std::make_shared<std::vector<std::string>>();
-    readMembers([this](auto words, auto answer) { ask(words, std::move(answer)); }, names_.records,
+    readMembers([this](const auto& words, auto answer) { ask(words, std::move(answer)); }, names_.records,
                 [this, known](const std::vector<Reply>& paths) {
                     for (const Reply& path : paths) {
                         const auto isInput = [&](const std::string& root) {

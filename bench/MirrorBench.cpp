@@ -93,14 +93,15 @@ void mirrorRead(benchmark::State& state) {
     for ([[maybe_unused]] auto turn : state) {
         StreamSwitch other{2};
         std::vector<std::pair<Store::Reply, std::function<void(const Store::Reply&)>>> answers;
-        Store::Follower follower{
-            other.bridge().database(),
-            Store::Names{"switch"},
-            Store::Follower::Writer::agent,
-            {mirrored.begin(), mirrored.end()},
-            0.0,
-            [&](auto words, auto answer) { answers.emplace_back(memory.answer(words), std::move(answer)); },
-            [&](const std::string& line) { state.SkipWithError(line.c_str()); }};
+        Store::Follower follower{other.bridge().database(),
+                                 Store::Names{"switch"},
+                                 Store::Follower::Writer::agent,
+                                 {mirrored.begin(), mirrored.end()},
+                                 0.0,
+                                 [&](const auto& words, auto answer) {
+                                     answers.emplace_back(memory.answer(words), std::move(answer));
+                                 },
+                                 [&](const std::string& line) { state.SkipWithError(line.c_str()); }};
         double seconds = Bench::secondsOf([&] { follower.read([] {}); });
         while (!answers.empty()) {
             const auto some = std::exchange(answers, {});

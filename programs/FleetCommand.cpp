@@ -173,13 +173,14 @@ std::optional<Show::FleetBridge> readBridge(StoreServer& server, const std::stri
     const std::vector<std::string>& wanted = Show::fleetRecords();
     bool whole = false;
     std::string problem;
-    Store::Follower follower{database,
-                             names,
-                             Store::Follower::Writer::agent,
-                             {wanted.begin(), wanted.end()},
-                             0.0,
-                             [&server](auto words, auto answer) { server.ask(words, std::move(answer)); },
-                             warn};
+    Store::Follower follower{
+        database,
+        names,
+        Store::Follower::Writer::agent,
+        {wanted.begin(), wanted.end()},
+        0.0,
+        [&server](const auto& words, auto answer) { server.ask(words, std::move(answer)); },
+        warn};
     follower.read([&whole] { whole = true; });
     server.await([&] { return whole || follower.idle(); });
     Show::FleetBridge bridge{.name = shown, .records = {.now = gone ? seen : now, .records = {}}, .asOf = {}};

@@ -4,6 +4,7 @@
 #include "Msrp/types/Config.h"
 #include "Mvrp/MvrpAgent.h"
 #include "Runtime/LogConfig.h"
+#include "Store/Config.h"
 #include "Switch/Bridging.h"
 #include "programs/ConfigChanges.h"
 #include "programs/Configuration.h"
@@ -132,6 +133,8 @@ protected:
         Mvrp::populate(made);
         made.entityIs<Linux::Config>("linux/config");
         made.entityIs<Runtime::LogConfig>("log/config");
+        made.entityIs<Store::Config>("store/config");
+        made.entityIs<Store::RedundancyConfig>("redundancy/config");
         return made;
     }();
     Control::RecordAccess access{database, ConfigRecords::paths()};

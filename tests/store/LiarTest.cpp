@@ -120,7 +120,7 @@ void live(std::uint64_t seed) {
         Store::Follower::Writer::agent,
         {liedAbout.begin(), liedAbout.end()},
         0.0,
-        [&](auto words, auto answer) { answers.emplace_back(store.answer(words), std::move(answer)); },
+        [&](const auto& words, auto answer) { answers.emplace_back(store.answer(words), std::move(answer)); },
         [](const std::string&) {}};
     bool whole = false;
     follower.read([&whole] { whole = true; });
