@@ -34,6 +34,8 @@ using Store::Reply;
 using Command = std::vector<std::string>;
 
 constexpr std::chrono::seconds storePatience{10};
+/// All records of a bridge.
+constexpr std::chrono::seconds readingPatience{60};
 constexpr std::string_view keyBegin = "msrp:{";
 constexpr std::string_view keyEnd = "}:meta";
 
@@ -63,25 +65,27 @@ std::shared_ptr<Store::Config> configOf(const std::string& socket, const FleetOp
 class StoreServer {
 public:
     explicit StoreServer(const Store::Options& options)
-        : finder_{loop_,
+        : several_{options.addresses.size() > 1},
+          finder_{loop_,
                   options,
                   1,
                   {.opened = [](Store::Connection&) {},
-                   .lost = [this](const std::string& reason) { problem_ = reason; },
+                   .lost = [this](const std::string& reason) { fail(reason, true); },
+                   // Of several Sentinels another one may help.
                    .said =
                        [this](bool good, const std::string& line) {
-                           if (!good) problem_ = line;
+                           if (!good) fail(line, !several_);
                        },
                    .pushed = [](const std::string&, const std::string&) {}}} {
         demand(finder_.start());
         await([this] { return finder_.server() != nullptr; });
     }
 
-    void await(const std::function<bool()>& condition) {
-        loop_.runUntil([&] { return condition() || !problem_.empty(); }, storePatience);
+    void await(const std::function<bool()>& condition, std::chrono::seconds patience = storePatience) {
+        loop_.runUntil([&] { return condition() || over_; }, patience);
         if (condition()) return;
         throw Failure{problem_.empty()
-                          ? concat(finder_.place(), ": no answer within ", storePatience.count(), " s")
+                          ? concat(finder_.place(), ": no answer within ", patience.count(), " s")
                           : problem_};
     }
     void ask(const Command& words, Store::Connection::Answer answer) {
@@ -97,8 +101,15 @@ public:
     }
 
 private:
+    void fail(const std::string& problem, bool over) {
+        problem_ = problem;
+        over_ |= over;
+    }
+
+    const bool several_;
     Linux::EpollLoop loop_;
     std::string problem_;
+    bool over_ = false;
     Store::Finder finder_;
 };
 
@@ -182,7 +193,7 @@ std::optional<Show::FleetBridge> readBridge(StoreServer& server, const std::stri
         [&server](const auto& words, auto answer) { server.ask(words, std::move(answer)); },
         warn};
     follower.read([&whole] { whole = true; });
-    server.await([&] { return whole || follower.idle(); });
+    server.await([&] { return whole || follower.idle(); }, readingPatience);
     Show::FleetBridge bridge{.name = shown, .records = {.now = gone ? seen : now, .records = {}}, .asOf = {}};
     // Its own clock's zero is where its times were moved to.
     if (gone) {
