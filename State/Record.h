@@ -67,7 +67,7 @@ Value wholePatch(const Value& value, const Map& held) {
     for (const auto& [key, entry] : held) {
         std::string text = KeyText<std::remove_cvref_t<decltype(key)>>::text(key);
         if (value.member(text) == nullptr)
-            std::get<Object>(patch.data).emplace_back(std::move(text), Value{});
+            std::get<Object>(patch.data).emplace_back().first = std::move(text);
     }
     return patch;
 }
