@@ -400,7 +400,10 @@ void Supervisor::writeAll() {
 // What is read
 
 void Supervisor::newsOpened(Connection& server) {
-    server.ask({"SUBSCRIBE", names_.changes, names_.roles, names_.inputs}, {});
+    server.ask({"SUBSCRIBE", names_.changes, names_.roles, names_.inputs}, [this](const Reply& reply) {
+        if (reply.kind == Reply::Kind::error)
+            say(Tone::warning, concat("the store does not tell of changes: ", inOneLine(reply)));
+    });
     // What was told meanwhile is not told again.
     if (role_ == Role::standby) readAll();
     if (!options_.inputs.empty() && open()) inputs_.read([] {});

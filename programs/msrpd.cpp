@@ -145,14 +145,12 @@ public:
         loop_.run();
         manager_.stopping();
         // What another goes on with is not taken down.
-        if (!handedOver()) {
-            // Peers that hear a Leave need not wait for their own timers.
-            agent.withdraw();
-            agent.stop();
-            if (vlans_) vlans_->stop();
-            if (dataplane_) dataplane_->stop();
-        }
+        const bool takesDown = !handedOver();
+        // Peers that hear a Leave need not wait for their own timers.
+        if (takesDown) agent.withdraw();
         agent.stop();
+        if (takesDown && vlans_) vlans_->stop();
+        if (takesDown && dataplane_) dataplane_->stop();
         supervisor_.reset();
         history_->stopped("by a signal");
         // The loop turns once more, so that log and captures get the Leaves that were just sent.

@@ -38,11 +38,10 @@ def listen(stream):
     return f"--listen={stream:#x}"
 
 
-class LossyCable:
-    """A cable between two interfaces on which frames are lost, now and then one."""
+class Way:
+    """What passes things on in a process of its own until the block ends."""
 
-    def __init__(self, ends, loss):
-        self._ends, self._loss = ends, loss
+    def __init__(self):
         self._process = multiprocessing.get_context("fork").Process(target=self._run, daemon=True)
 
     def __enter__(self):
@@ -52,6 +51,14 @@ class LossyCable:
     def __exit__(self, *_):
         self._process.kill()
         self._process.join()
+
+
+class LossyCable(Way):
+    """A cable between two interfaces on which frames are lost, now and then one."""
+
+    def __init__(self, ends, loss):
+        super().__init__()
+        self._ends, self._loss = ends, loss
 
     def _run(self):
         signal.signal(signal.SIGINT, signal.SIG_IGN)
@@ -72,23 +79,18 @@ class LossyCable:
                             sockets[one is sockets[0]].send(frame)
 
 
-class Relay:
+class Relay(Way):
     """A way to a Unix socket that can be cut: what is sent then is lost on the way."""
 
     def __init__(self, path, to):
+        super().__init__()
         self._listener = socket.socket(socket.AF_UNIX)
         self._listener.bind(str(path))
         self._listener.listen()
         self._to = str(to)
-        self._process = multiprocessing.get_context("fork").Process(target=self._run, daemon=True)
-
-    def __enter__(self):
-        self._process.start()
-        return self
 
     def __exit__(self, *_):
-        self._process.kill()
-        self._process.join()
+        super().__exit__()
         self._listener.close()
 
     def cut(self, cut):

@@ -470,8 +470,10 @@ TEST_F(SupervisorTest, DataOfAnEarlierLifeLastsAsLongAsNobodyDeniesIt) {
 }
 
 TEST_F(SupervisorTest, AloneItActsWhateverTheStoreDoes) {
+    asked({"ACL", "SETUSER", "default", "-subscribe"});
     left.redundancy = nullptr;
     left.join(at, 0s);
+    becomes([&] { return left.said("the store does not tell of changes: NOPERM") == 1; });
     right.redundancy = nullptr;
     right.join(at, 0s);
     becomes([&] { return left.status->complete() || right.status->complete(); });
