@@ -74,6 +74,13 @@ public:
         ports.listenerIs(listener, [this](auto pdu) { heard(pdu, false); });
         settle();
     }
+    ~Attacked() {
+        // The switch outlives this part of it, and still talks while it ends.
+        onLeave = {};
+        for (const IntfId intf : {talker, listener}) ports.listenerIs(intf, {});
+    }
+    Attacked(const Attacked&) = delete;
+    Attacked& operator=(const Attacked&) = delete;
 
     /// Lets that happen on the loop, goes on for so long, and shows what it cost.
     void run(benchmark::State& state, const std::function<void()>& attack, Runtime::Duration lasts) {
@@ -102,6 +109,7 @@ public:
             request.armAt(due);
         });
         loop.runUntil([&] { return end && loop.now() >= *end && asked_.empty(); }, lasts + 30s);
+        request.cancel();  // one that is asked for now would have no time
         wait(5ms);
         const double minutes = milliseconds(loop.now() - begun) / 60'000;
         for (const auto& [id, since] : asked_) longest_ = std::max(longest_, loop.now() - since);

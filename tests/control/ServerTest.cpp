@@ -407,6 +407,25 @@ TEST_F(Server, LongAnswersAreMadeInPiecesAndOnceForAllWhoWatchAndKeepNobodyWaiti
     EXPECT_LT(loop.longestTurn, 5ms);
 }
 
+TEST_F(Server, WhoAsksForLongWorkLetsThoseGoFirstWhoAskForLittle) {
+    std::string order;
+    const auto command = [&](char letter, Runtime::Duration takes) {
+        return Control::Command{[&order, this, letter, takes](auto&, auto&) {
+            loop.took(takes);
+            if (order.empty() || order.back() != letter) order += letter;
+            return Control::Answer{State::Value{true}, {}};
+        }};
+    };
+    commands.emplace("long", command('L', 5ms));
+    commands.emplace("short", command('s', 0ms));
+    Peer slow{loop, path};
+    Peer quick{loop, path};
+    for (int i = 0; i < 3; ++i) slow.send("{\"op\":\"long\"}\n");
+    for (int i = 0; i < 200; ++i) quick.send("{\"op\":\"short\"}\n");
+    for (int i = 0; i < 100; ++i) loop.turn();
+    EXPECT_EQ(order, "LsL") << "all that is short between the first of the long ones and the next";
+}
+
 TEST_F(Server, LetsGroupsInAndNotesWhoWrites) {
     std::string log;
     records.writtenIs([&](const Control::RecordAccess::Written& written) { log += written.text() + '\n'; });
@@ -458,6 +477,13 @@ TEST_F(Server, LetsGroupsInAndNotesWhoWrites) {
     ASSERT_EQ(::stat(shared.c_str(), &all) + ::stat((shared + ".read").c_str(), &readers), 0);
     EXPECT_EQ((std::tuple{all.st_mode & 0777U, all.st_gid}), (std::tuple{0660U, 1U}));
     EXPECT_EQ((std::tuple{readers.st_mode & 0777U, readers.st_gid}), (std::tuple{0600U, ::getegid()}));
+}
+
+TEST_F(Server, ACommandDoesNotWaitForEverForOneThatStandsStill) {
+    Control::Client client;
+    ASSERT_EQ(client.connect(path), "");  // the loop does not turn
+    State::Value reply;
+    EXPECT_TRUE(client.receive(reply, 1).ends_with(": no answer within 1 seconds"));
 }
 
 TEST_F(Server, ReplacesASocketThatNobodyServesButNoOtherFile) {

@@ -204,5 +204,24 @@ TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
     EXPECT_EQ(bridge.groups(), "") << "the stream has the priority of no class any more";
 }
 
+TEST_F(TakeOverOf, EveryVlanThatWasTakenAwayMeanwhileIsSeenInHoweverManyTurns) {
+    bridge.unitsPerTurn = 1;
+    bridge.standbyStart();  // in place of the one with longer turns
+    for (std::uint16_t vlan = 2; vlan <= 5; ++vlan) {
+        for (const char* port : {"p1", "p2", "p3"}) bridge.vlanIs(vlan, port, true);
+        p1.say(advertise({.id = vlan, .macDa = 0x91e0f0000000U + vlan, .vlan = vlan}));
+        p2.say(listener(vlan, ListenerState::Ready));
+    }
+    quiet();
+    ASSERT_EQ(bridge.stream(5), "0x5 SrClassA 9088 p1 -> p2");
+    bridge.activeStops();
+    for (std::uint16_t vlan = 3; vlan <= 5; ++vlan) bridge.vlanDel(vlan, "p2");
+    bridge.standbyTakesOver();
+    settle();
+    EXPECT_EQ(bridge.stream(2), "0x2 SrClassA 9088 p1 -> p2");
+    for (std::uint64_t id = 3; id <= 5; ++id)
+        EXPECT_EQ(bridge.stream(id), "0x" + std::to_string(id) + " SrClassA 9088 p1 -> p1");
+}
+
 }  // namespace
 }  // namespace Sim
