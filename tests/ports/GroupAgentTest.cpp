@@ -309,6 +309,26 @@ TEST_F(GroupAgentTest, NoPortBecomesAMulticastRoutersAndEachGetsItsRoleBack) {
     EXPECT_EQ(status->routerPorts().size(), 1U);
 }
 
+TEST_F(GroupAgentTest, ARouterPortThatCannotBeTakenIsSaidOnceEachTime) {
+    const auto becomesRouter = [&](const char* how) {
+        Namespace::ip(std::string{"link set p1 type bridge_slave mcast_router "} + how);
+        settle();
+    };
+    const std::string complaint =
+        "bridge br0: p1: cannot keep it from becoming a multicast router's port, which gets every stream: "
+        "Operation not "
+        "permitted\n";
+    requests.refuseAll(RTM_SETLINK, EPERM);
+    for (const char* how : {"2", "1", "2"}) becomesRouter(how);
+    EXPECT_EQ(complaints, complaint);
+    requests.refuse = {};
+    becomesRouter("1");
+    EXPECT_EQ(complaints, complaint);
+    requests.refuseAll(RTM_SETLINK, EPERM);
+    becomesRouter("2");
+    EXPECT_EQ(complaints, complaint + complaint);
+}
+
 TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes) {
     want(1, "p1");
     want(2, "p1");

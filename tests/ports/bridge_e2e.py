@@ -4,6 +4,7 @@
 Needs root; exit code 77 without.
 """
 import pathlib
+import re
 import socket
 import subprocess
 import sys
@@ -53,13 +54,18 @@ class OnABridge(unittest.TestCase):
         """Where the kernel forwards stream addresses: (address, port)."""
         return {(entry["grp"], entry["port"]) for entry in self.bed.multicast_entries("91:e0:")}
 
+    def queues(self):
+        """(kind, port) of every port that has queues of somebody's own."""
+        return set(re.findall(r"^qdisc (\w+) .* dev (swp\w+) ", self.bed.tool("tc qdisc show"), re.M))
+
     def forwarded(self, port):
         """How many addresses."""
         return sum(port == other for _, other in self.entries())
 
     def test_data_goes_where_listeners_are_and_nowhere_else(self):
         bed = self.bed
-        bed.daemon()
+        before = self.queues()
+        daemon = bed.daemon()
         bed.station("swp1", "--talk", TALK)
         bed.wait(self.entries, 10, "the talker's address is not filtered")
         self.assertEqual(self.arrived(), (0, 0), "nobody is Ready")
@@ -80,6 +86,10 @@ class OnABridge(unittest.TestCase):
         self.until_carried()
         self.assertEqual(self.arrived(), (0, 0), "nobody is Ready any more")
         self.assertEqual(bed.shown("audit"), "records and kernel agree\n")
+        self.assertNotEqual(self.queues(), before)
+        daemon.terminate()
+        daemon.wait()
+        self.assertEqual((self.queues(), self.entries()), (before, set()), "something is left behind")
 
     def test_the_records_follow_the_kernel(self):
         bed = self.bed

@@ -95,12 +95,15 @@ TEST_F(ReservedStream, PdusFitTheirPort) {
 
 TEST_F(ReservedStream, RepetitionsAreHarmless) {
     const double since = bridge.agent().msrpSm()->streamList(1)->statusTime(IntfId{"p2"});
+    const Say failure = failed({.id = 9, .macDa = 0x91e0f0000009}, 9);
+    p1.say(failure);
+    const std::string whole = picture();
     const auto logged = bridge.log().size();
     const std::string before = counted();
     loop.runFor(1s);
-    p1.say({advertise({}), domain(SrClassId::SrClassA, 3)}, true);
+    p1.say({advertise({}), failure, domain(SrClassId::SrClassA, 3)}, true);
     p2.say({listener(1, ListenerState::Ready), domain(SrClassId::SrClassA, 3)}, true);
-    EXPECT_EQ(picture(), all);
+    EXPECT_EQ(picture(), whole);
     EXPECT_EQ(bridge.log().size(), logged);
     EXPECT_EQ(counted(), before);
     EXPECT_EQ(bridge.agent().msrpSm()->streamList(1)->statusTime(IntfId{"p2"}), since);
@@ -232,6 +235,15 @@ TEST_F(ManyStreams, OfAPortThatGoesAndComesBackAtOnceStartItOver) {
     }
 }
 
+TEST_F(ManyStreams, OfAnEndedProcessAreAllWithdrawn) {
+    p2.say(domains());
+    settle();
+    bridge.stop();
+    EXPECT_TRUE(bridge.status->intfStatus().empty());
+    settle();
+    EXPECT_EQ(p1.registered() + p2.registered(), "");
+}
+
 TEST_F(ReservedStream, TheDomainOfTheClassesIsOnRecordForWhoeverKeepsOthersOut) {
     const auto told = [&] {
         settle();
@@ -244,10 +256,13 @@ TEST_F(ReservedStream, TheDomainOfTheClassesIsOnRecordForWhoeverKeepsOthersOut) 
                                largest, "}, p3 ", core, "}}");
     };
     EXPECT_EQ(told(), withFrame(100));
-    p1.say(advertise({.id = 2, .macDa = 0x91e0f0000002, .maxFrameSize = 300}));
-    p2.say(listener(2, ListenerState::Ready));
-    EXPECT_EQ(told(), withFrame(300));
-    p2.say(listener(2, ListenerState::Ready, Event::Lv));
+    for (const Event event : {Event::JoinIn, Event::Lv}) {
+        for (std::uint64_t id : {2U, 3U}) {
+            p1.say(advertise({.id = id, .macDa = 0x91e0f0000000 + id, .maxFrameSize = 300}));
+            p2.say(listener(id, ListenerState::Ready, event));
+        }
+        EXPECT_EQ(told(), withFrame(300)) << "a listener that leaves has until its leave timer ends";
+    }
     pass(1s);
     EXPECT_EQ(told(), withFrame(100));
     bridge.linkIs("p1", false);
@@ -374,9 +389,13 @@ TEST_F(ReservedStream, EverySpanningTreeModeCanBeEnteredAndLeft) {
         EXPECT_EQ(bridge.classes("p2"),
                   vlan == 7 ? "p2 NotSupported NotSupported" : "p2 WaitingForPeer WaitingForPeer");
     }
+    listenAgain();
+    EXPECT_EQ(bridge.stream(1), reserved);
+    p2.heard();
     bridge.bridging->switchIntfConfigDel(IntfId{"p2"});
     settle();
     EXPECT_EQ(bridge.classes("p2"), "p2 NotSupported NotSupported") << "no switched port any more";
+    EXPECT_NE(p2.heard().find("LeaveAll\n"), std::string::npos) << "what its peer had said does not count";
     bridge.bridging->switchIntfConfigIs(IntfId{"p2"});
     listenAgain();
     EXPECT_EQ(bridge.stream(1), reserved);
@@ -473,8 +492,18 @@ TEST_F(ReservedStream, TheEngineShowsHowEachAttributeStands) {
 }
 
 TEST_F(ReservedStream, AnEndedProcessWithdrawsWhatItDeclared) {
+    // One that waits for the address of another, and one for bandwidth.
+    p1.say({advertise({.id = 2}),
+            advertise({.id = 3, .macDa = 0x91e0f0000003, .maxFrameSize = 1500, .frames = 9})});
+    p2.say(listener(3, ListenerState::Ready));
+    settle();
+    const auto waits = bridge.database().entity("msrp/waiting");
+    EXPECT_EQ(shown(waits->value()),
+              "{bandwidthFailedIntf {p2 {failedStream {0 {stream 0x3}}}}, macDaBlocked "
+              "{91:e0:f0:00:00:01 {failedStream {0 {stream 0x2}}}}}");
     bridge.stop();
     settle();
+    EXPECT_EQ(shown(waits->value()), "");
     EXPECT_EQ(p1.registered() + p2.registered() + bridge.groups(), "");
     EXPECT_EQ(bridge.groupConfig->fdbConfigPriority(), 0U);
     EXPECT_EQ(bridge.agent().msrpSm(), nullptr);
