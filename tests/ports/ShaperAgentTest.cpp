@@ -6,6 +6,7 @@
 
 #include <linux/if_tun.h>
 #include <linux/rtnetlink.h>
+#include <map>
 #include <sys/ioctl.h>
 #include <thread>
 
@@ -141,6 +142,12 @@ TEST_F(ShaperAgentTest, FollowsTheReservationsInPlaceAndGivesBackAllInTheEnd) {
     EXPECT_SHAPED("htb 75000 20000");
     EXPECT_EQ(said, "good: p1: queues shaped by token buckets\n");
     EXPECT_TRUE(life.agent.audit(false).empty());
+    Linux::PortQueues have;
+    ASSERT_TRUE(Linux::readQueues(kernel, if_nametoindex("p1"), config->queueHandle(), have));
+    std::map<std::uint64_t, std::uint32_t> turns;  // by octets per second: who goes before whom
+    for (const Linux::TokenBucketClass& each : have.classes) turns[each.rate] = each.priority;
+    turns.erase(1'250'000'000);  // the port itself
+    EXPECT_EQ(turns, (decltype(turns){{75'000 * 125, 0}, {20'000 * 125, 1}, {125, 7}}));
 
     kernel.changes.clear();
     settle();
