@@ -116,6 +116,19 @@ TEST(Transmission, ALeaveAllOfManyKeepsThemAllAndTakesInWhatHappensMeanwhile) {
     }
 }
 
+TEST(Transmission, ALeaveAllOfManyHasNoMorePdusThanAnyOpportunity) {
+    Pair net;
+    for (const auto& side : {&net.a, &net.b}) side->config->maxAttributesPerTypeIs(100'000);
+    for (std::uint64_t key = 1; key <= 60'000; ++key) net.a.app.declare(a1, say(1, key));
+    net.play("1s");
+    net.a.config->pdusPerOpportunityIs(1);
+    const auto sent = net.wire.frames.size();
+    net.play("a1* 1ms");
+    EXPECT_EQ(net.wire.frames.size(), sent + 3) << "of the first three opportunities, in however many pieces";
+    net.play("2s");
+    EXPECT_EQ(net.b.app.held.size(), 60'000U);
+}
+
 TEST(Transmission, AQuietLinkCarriesLeaveAllsAndTheirAnswersOnly) {
     Pair net;
     net.play("a1+4/6=3 b1+4/6=3");

@@ -1,3 +1,4 @@
+#include "Linux/doctor/Capabilities.h"
 #include "Linux/doctor/Leftovers.h"
 #include "Linux/groups/GroupAgent.h"
 #include "Linux/groups/GroupRemoval.h"
@@ -309,6 +310,10 @@ TEST_F(GroupAgentTest, NoPortBecomesAMulticastRoutersAndEachGetsItsRoleBack) {
     EXPECT_EQ(status->routerPorts().size(), 1U);
 }
 
+TEST_F(GroupAgentTest, TheKernelTakesGroupsAndIsKnownTo) {
+    EXPECT_EQ(Linux::probeAbilities().groups, Linux::Ability::present);
+}
+
 TEST_F(GroupAgentTest, ARouterPortThatCannotBeTakenIsSaidOnceEachTime) {
     const auto becomesRouter = [&](const char* how) {
         Namespace::ip(std::string{"link set p1 type bridge_slave mcast_router "} + how);
@@ -327,6 +332,11 @@ TEST_F(GroupAgentTest, ARouterPortThatCannotBeTakenIsSaidOnceEachTime) {
     requests.refuseAll(RTM_SETLINK, EPERM);
     becomesRouter("2");
     EXPECT_EQ(complaints, complaint + complaint);
+    Namespace::ip("link set p1 nomaster");
+    settle();
+    Namespace::ip("link set p1 master br0");
+    settle();
+    EXPECT_EQ(complaints, complaint + complaint + complaint) << "it is another port now";
 }
 
 TEST_F(GroupAgentTest, WhatAnEarlierLifeLeftOnAnotherBridgeOrWithAnotherMarkGoes) {
