@@ -54,6 +54,9 @@ TEST(Turn, AFloodIsBoundedCountedAndToldOnce) {
     EXPECT_EQ(std::ranges::count_if(
                   net.a.reports, [](const auto& line) { return line.find("dropped") != std::string::npos; }),
               1);
+    net.a.status->intfIs(a2)->clear();
+    EXPECT_EQ(State::text(counters.value()).find_first_of("123456789"), std::string::npos)
+        << State::text(counters.value());
 }
 
 TEST(Turn, ALeaveAllOfManyPortsLetsOtherTimersFireInBetween) {
