@@ -187,7 +187,7 @@ TEST(OwnedGroups, KnowsItsOwnAfterAnyEnd) {
     EXPECT_TRUE(owned.lists(kept, "swp1"));
     EXPECT_FALSE(owned.lists(kept, "swp9")) << "the index has another bearer";
     EXPECT_FALSE(owned.lists(dropped, "swp1"));
-    for (const unsigned last : {4, 5}) EXPECT_FALSE(owned.lists(member(last, 2, 12), "swp2"));
+    for (const unsigned last : {4U, 5U}) EXPECT_FALSE(owned.lists(member(last, 2, 12), "swp2"));
     owned.portNameIs(11, "swp3");
     EXPECT_EQ(owned.flush(), "");
     EXPECT_TRUE(readAgain().lists(kept, "swp3"));
