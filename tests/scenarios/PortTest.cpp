@@ -23,6 +23,17 @@ protected:
             for (const char* port : {"p1", "p2", "p3"}) portIs(topology, port, PortState::forwarding);
         }
     }
+    [[nodiscard]] std::string whoWait() { return shown(bridge.database().entity("msrp/waiting")->value()); }
+    void someWait() {
+        // One that waits for the address of another, and one for bandwidth.
+        p1.say({advertise({.id = 2}),
+                advertise({.id = 3, .macDa = 0x91e0f0000003, .maxFrameSize = 1500, .frames = 9})});
+        p2.say(listener(3, ListenerState::Ready));
+        settle();
+        EXPECT_EQ(whoWait(),
+                  "{bandwidthFailedIntf {p2 {failedStream {0 {stream 0x3}}}}, macDaBlocked "
+                  "{91:e0:f0:00:00:01 {failedStream {0 {stream 0x2}}}}}");
+    }
     /// A port has begun anew, and its peer answers.
     void listenAgain() {
         loop.runFor(1s);
@@ -491,19 +502,17 @@ TEST_F(ReservedStream, TheEngineShowsHowEachAttributeStands) {
         EXPECT_NEAR(std::get<double>(port->fieldValue("attribute", "1/0x1")->member(name)->data), time, 1e-6);
 }
 
+TEST_F(ReservedStream, AnAgentThatStopsWithoutAWordLeavesNobodyWaiting) {
+    someWait();
+    bridge.agent().stop();
+    EXPECT_EQ(whoWait(), "");
+}
+
 TEST_F(ReservedStream, AnEndedProcessWithdrawsWhatItDeclared) {
-    // One that waits for the address of another, and one for bandwidth.
-    p1.say({advertise({.id = 2}),
-            advertise({.id = 3, .macDa = 0x91e0f0000003, .maxFrameSize = 1500, .frames = 9})});
-    p2.say(listener(3, ListenerState::Ready));
-    settle();
-    const auto waits = bridge.database().entity("msrp/waiting");
-    EXPECT_EQ(shown(waits->value()),
-              "{bandwidthFailedIntf {p2 {failedStream {0 {stream 0x3}}}}, macDaBlocked "
-              "{91:e0:f0:00:00:01 {failedStream {0 {stream 0x2}}}}}");
+    someWait();
     bridge.stop();
     settle();
-    EXPECT_EQ(shown(waits->value()), "");
+    EXPECT_EQ(whoWait(), "");
     EXPECT_EQ(p1.registered() + p2.registered() + bridge.groups(), "");
     EXPECT_EQ(bridge.groupConfig->fdbConfigPriority(), 0U);
     EXPECT_EQ(bridge.agent().msrpSm(), nullptr);
