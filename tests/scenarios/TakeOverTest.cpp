@@ -175,6 +175,31 @@ TEST_F(TakeOverOf, APeerHearsOfTheEndOfWhatTheOtherSideHadDeclared) {
     EXPECT_NE(heard.find("Lv Domain"), std::string::npos) << heard;
 }
 
+TEST_F(TakeOverOf, WhatAnEarlierActiveLifeHadYetToDoIsForgotten) {
+    reserve();
+    quiet();
+    p1.say(advertise({}, Event::Lv));
+    while (bridge.stream(1) == reserved) loop.runFor(10ms);
+    ASSERT_FALSE(bridge.agent().msrpSm()->deletePendingStreamIntfs().empty());
+    takeOver();
+    loop.runFor(100ms);  // the LeaveAll
+    const auto everybody = [&] {
+        p1.say({advertise({}), domain(SrClassId::SrClassA, 3), domain(SrClassId::SrClassB, 2)});
+        for (Peer* peer : {&p2, &p3}) peer->say(domains());
+        p2.say(listener(1, ListenerState::Ready));
+    };
+    everybody();
+    quiet();
+    ASSERT_EQ(bridge.stream(1), reserved);
+    takeOver();  // back to the first one
+    loop.runFor(100ms);
+    everybody();
+    quiet();
+    EXPECT_EQ(bridge.stream(1), reserved);
+    EXPECT_EQ(bridge.agent().msrpSm()->streamList(1)->talkerState(IntfId{"p1"}),
+              Msrp::TalkerState::Advertise);
+}
+
 TEST_F(TakeOverOf, WhatWasConfiguredMeanwhileIsPutIntoEffect) {
     reserve();
     quiet();
