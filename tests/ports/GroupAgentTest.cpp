@@ -310,8 +310,11 @@ TEST_F(GroupAgentTest, NoPortBecomesAMulticastRoutersAndEachGetsItsRoleBack) {
     EXPECT_EQ(status->routerPorts().size(), 1U);
 }
 
-TEST_F(GroupAgentTest, TheKernelTakesGroupsAndIsKnownTo) {
-    EXPECT_EQ(Linux::probeAbilities().groups, Linux::Ability::present);
+TEST_F(GroupAgentTest, WhetherTheKernelMarksEntriesIsKnownBeforehand) {
+    const Linux::Abilities foretold = Linux::probeAbilities();
+    EXPECT_EQ(foretold.groups, Linux::Ability::present);
+    want(1, "p1");
+    EXPECT_TABLE(foretold.groupOwner == Linux::Ability::present ? "01@p1" : "01@p1/another");
 }
 
 TEST_F(GroupAgentTest, ARouterPortThatCannotBeTakenIsSaidOnceEachTime) {
