@@ -47,6 +47,7 @@ public:
 
     std::vector<Finding> made() && {
         bridge();
+        clock();
         for (const DoctorFacts::Port& port : facts_.ports) {
             link(port);
             router(port);
@@ -174,6 +175,13 @@ private:
         } else if (port.vlans.blocked.test(vid)) {
             find(port.device.name, "vlan", Severity::note, concat("VLAN ", vid, " is blocked there"));
         }
+    }
+
+    void clock() {
+        if (facts_.silentClock.empty()) return;
+        find(facts_.bridge, "time", Severity::warning,
+             concat("the ptp4l at ", facts_.silentClock,
+                    " does not answer: no port is known to keep common time"));
     }
 
     void time(const DoctorFacts::Port& port) {

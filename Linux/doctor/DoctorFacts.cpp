@@ -65,21 +65,22 @@ std::string readGroups(NetlinkChannel& kernel, DoctorFacts& facts, std::set<unsi
     return answer ? "" : concat("cannot read the groups of bridges: ", answer.problem());
 }
 
-/// Null where nobody answers.
-std::shared_ptr<const Switch::TimeStatus> askTime(EpollLoop& loop, const std::string& ptp4l) {
-    if (::access(ptp4l.c_str(), F_OK) != 0) return nullptr;
+void askTime(EpollLoop& loop, const std::string& ptp4l, DoctorFacts& facts) {
+    if (::access(ptp4l.c_str(), F_OK) != 0) return;
     auto status = std::make_shared<Switch::TimeStatus>();
     bool answers = false;
     TimeAgent agent{loop, status, [&](bool good, const std::string&) { answers = good; }, {}};
     constexpr TimeAgent::Pace pace{ptpPatience / 3, ptpPatience};
-    if (!agent.start(ptp4l, pace).empty()) return nullptr;
     // Its ports answer one after the other.
-    loop.runUntil([] { return false; }, ptpPatience);
-    if (!answers) return nullptr;
+    if (agent.start(ptp4l, pace).empty()) loop.runUntil([] { return false; }, ptpPatience);
+    if (!answers) {
+        facts.silentClock = ptp4l;
+        return;
+    }
     auto told = std::make_shared<Switch::TimeStatus>();
     std::as_const(*status).port().each(
         [&](IntfId intf, const Switch::PortTime& port) { told->portIs(intf, port.capable(), port.state()); });
-    return told;
+    facts.time = std::move(told);
 }
 
 }  // namespace
@@ -123,7 +124,7 @@ std::string examine(const std::string& bridge, VlanId srVlan, const std::string&
         }
         facts.ports.push_back(std::move(port));
     }
-    facts.time = askTime(loop, ptp4l);
+    askTime(loop, ptp4l, facts);
     return {};
 }
 

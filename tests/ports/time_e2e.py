@@ -84,6 +84,7 @@ class CommonTime(unittest.TestCase):
         self.switch_clock.send_signal(signal.SIGSTOP)
         gone = self.until(self.capable(), "a clock that does not answer counts")
         self.assertLess(gone, 12)
+        self.assertEqual(self.doctor(), {"br0": "warning"})
         self.assertIn("does not answer, so no port is capable of common time", bed.said("msrpd.log"))
         self.switch_clock.send_signal(signal.SIGCONT)
         self.until(lambda: bed.carriers() == ["swp2"], "the stream does not come back with the answers")
