@@ -31,4 +31,5 @@ install(FILES docs/msrpd.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/msrpd)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs/schema DESTINATION ${CMAKE_INSTALL_DATADIR}/msrpd)
 install(FILES packaging/prometheus/msrp.rules.yml packaging/grafana/msrp.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES README.md CHANGELOG.md docs/user.md docs/bridge.md docs/redundancy.md docs/planning.md docs/stage.svg DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md docs/user.md docs/bridge.md docs/redundancy.md docs/planning.md docs/performance.md
+    docs/limits.md docs/stage.svg DESTINATION ${CMAKE_INSTALL_DOCDIR})

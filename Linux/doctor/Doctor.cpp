@@ -178,10 +178,9 @@ private:
     }
 
     void clock() {
-        if (facts_.silentClock.empty()) return;
+        if (facts_.clockProblem.empty()) return;
         find(facts_.bridge, "time", Severity::warning,
-             concat("the ptp4l at ", facts_.silentClock,
-                    " does not answer: no port is known to keep common time"));
+             concat(facts_.clockProblem, ": no port is known to keep common time"));
     }
 
     void time(const DoctorFacts::Port& port) {

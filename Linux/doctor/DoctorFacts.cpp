@@ -71,10 +71,12 @@ void askTime(EpollLoop& loop, const std::string& ptp4l, DoctorFacts& facts) {
     bool answers = false;
     TimeAgent agent{loop, status, [&](bool good, const std::string&) { answers = good; }, {}};
     constexpr TimeAgent::Pace pace{ptpPatience / 3, ptpPatience};
+    facts.clockProblem = agent.start(ptp4l, pace);
+    if (!facts.clockProblem.empty()) return;
     // Its ports answer one after the other.
-    if (agent.start(ptp4l, pace).empty()) loop.runUntil([] { return false; }, ptpPatience);
+    loop.runUntil([] { return false; }, ptpPatience);
     if (!answers) {
-        facts.silentClock = ptp4l;
+        facts.clockProblem = concat("the ptp4l at ", ptp4l, " does not answer");
         return;
     }
     auto told = std::make_shared<Switch::TimeStatus>();

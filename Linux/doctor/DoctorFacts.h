@@ -37,7 +37,8 @@ struct DoctorFacts {
     std::uint16_t ownQueueHandle = Config{}.queueHandle();
     Abilities abilities;
     std::shared_ptr<const Switch::TimeStatus> time;  ///< null: no ptp4l answers
-    std::string silentClock;  ///< the socket of a ptp4l that is there and does not answer
+    /// Why nothing is known of `time` though a ptp4l has its socket there.
+    std::string clockProblem;
 };
 
 /// Looks at the kernel, and asks the ptp4l with that socket.  `bridge` may be empty where there is exactly

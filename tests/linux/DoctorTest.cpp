@@ -64,7 +64,7 @@ TEST(Doctor, FindsWhatKeepsABridgeFromCarryingStreams) {
         {[](Subject s) { s.port.device.operational = false; }, "note swp1 link: "},
         {[](Subject s) { s.port.vlans.blocked.set(2); }, "note swp1 vlan: "},
         {[](Subject s) { s.facts.time = std::make_shared<Switch::TimeStatus>(); }, "note swp1 time: "},
-        {[](Subject s) { s.facts.silentClock = "/var/run/ptp4l"; }, "warning br0 time: "},
+        {[](Subject s) { s.facts.clockProblem = "it does not answer"; }, "warning br0 time: "},
         {[](Subject s) { s.port.device.mtu = 1499; }, "warning swp1 mtu: ip link set dev swp1 mtu 1500"},
         {[](Subject s) { s.port.device.mtu = 105; }, "fault swp1 mtu: ip link set dev swp1 mtu 1500"},
         {[](Subject s) { s.port.flowControl = true; },

@@ -324,8 +324,7 @@ TEST_F(GroupAgentTest, ARouterPortThatCannotBeTakenIsSaidOnceEachTime) {
     };
     const std::string complaint =
         "bridge br0: p1: cannot keep it from becoming a multicast router's port, which gets every stream: "
-        "Operation not "
-        "permitted\n";
+        "Operation not permitted\n";
     requests.refuseAll(RTM_SETLINK, EPERM);
     for (const char* how : {"2", "1", "2"}) becomesRouter(how);
     EXPECT_EQ(complaints, complaint);

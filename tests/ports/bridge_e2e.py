@@ -55,7 +55,7 @@ class OnABridge(unittest.TestCase):
         return {(entry["grp"], entry["port"]) for entry in self.bed.multicast_entries("91:e0:")}
 
     def queues(self):
-        """(kind, port) of every port that has queues of somebody's own."""
+        """(kind, port) of every queueing discipline."""
         return set(re.findall(r"^qdisc (\w+) .* dev (swp\w+) ", self.bed.tool("tc qdisc show"), re.M))
 
     def forwarded(self, port):

@@ -179,7 +179,7 @@ TEST_F(TakeOverOf, WhatAnEarlierActiveLifeHadYetToDoIsForgotten) {
     reserve();
     quiet();
     p1.say(advertise({}, Event::Lv));
-    while (bridge.stream(1) == reserved) loop.runFor(10ms);
+    for (int i = 0; i < 200 && bridge.stream(1) == reserved; ++i) loop.runFor(10ms);
     ASSERT_FALSE(bridge.agent().msrpSm()->deletePendingStreamIntfs().empty());
     takeOver();
     loop.runFor(100ms);  // the LeaveAll
